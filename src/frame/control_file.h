@@ -1,0 +1,142 @@
+// The control file: its header, the table directory behind it, and changes of the directory.
+
+#ifndef ZELTA_FRAME_CONTROL_FILE_H
+#define ZELTA_FRAME_CONTROL_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "frame/metadata.h"
+
+namespace zelta {
+
+/// Header of the control file. Behind it lies the table directory, up to `directoryEnd`, and behind
+/// that the transaction slots.
+struct ControlHeader_tag {
+  char magic[4];                    ///< "ZELC"
+  std::uint16_t majorVersion;       ///< 1
+  std::uint16_t minorVersion;       ///< 2
+  std::uint32_t tableCount;         ///< entries in the directory
+  std::uint32_t directorySize;      ///< length of the entry area in 16-bit units
+  std::uint32_t directoryEnd;       ///< file position behind the directory
+  std::uint32_t logFlags;           ///< bit 0: numbered log files are kept
+  std::uint16_t logRetentionHours;  ///< 0: 120
+  std::uint16_t logFileMegabytes;   ///< 0: 32
+  std::uint16_t firstLogFile;
+  std::uint16_t lastLogFile;
+  std::uint32_t
+      lastTransaction;  ///< number given out last; also the lock of the exclusive transaction
+  std::uint32_t
+      exclusiveState;        ///< 0 idle, 1 exclusive transaction at work, 3 with a directory change
+  std::uint32_t oldEnd;      ///< intent: `directoryEnd` before the change
+  std::uint32_t imageEnd;    ///< intent: position behind the new image
+  std::uint32_t imageStart;  ///< intent: end of the new directory; nonzero: a change is pending
+  std::uint32_t changeChecksum;   ///< intent: over bytes 56 to 75 and the image
+  std::uint16_t changeOperation;  ///< intent: a DirectoryChange
+  std::uint16_t changeSuffix;     ///< intent: suffix of the temporary files of a schema change
+  std::uint32_t changeTable;      ///< intent: table ID
+  std::uint32_t newTableCount;    ///< intent; for changeSchema the table's new ID
+  std::uint32_t newDirectorySize;
+  std::uint32_t newDirectoryEnd;
+};
+static_assert(sizeof(ControlHeader_tag) == 76 && std::is_trivially_copyable_v<ControlHeader_tag>);
+static_assert(std::has_unique_object_representations_v<ControlHeader_tag>);
+static_assert(offsetof(ControlHeader_tag, lastTransaction) == 32);
+static_assert(offsetof(ControlHeader_tag, oldEnd) == 40);
+static_assert(offsetof(ControlHeader_tag, changeOperation) == 56);
+
+/// Position of the directory, and end of a control file without tables.
+inline constexpr std::uint32_t kControlHeaderSize = sizeof(ControlHeader_tag);
+/// A transaction slot: the number and a state word of 1; the second word is the lock of its owner.
+inline constexpr std::uint32_t kSlotSize = 8;
+/// Position of the word that an exclusive transaction locks, and of its "slot".
+inline constexpr std::uint32_t kExclusiveWord = offsetof(ControlHeader_tag, lastTransaction);
+
+/// Operations of a directory change, as the intent and the log name them.
+enum class DirectoryChange : std::uint16_t {
+  createFiles = 33,   ///< a table is being made: roll back
+  create = 34,        ///< a table was made: enter it
+  remove = 35,        ///< take a table out, keep its files
+  removeFiles = 36,   ///< take a table out and delete its files
+  add = 37,           ///< enter an existing table
+  changeFiles = 38,   ///< a schema change is being prepared: roll back
+  changeSchema = 39,  ///< put the files of a schema change in place
+  upgrade = 43        ///< the directory moves behind the longer header of version 1.2
+};
+
+/// Reads the header into `header`, completing a pending directory change if this handle may write.
+/// The intent (bytes 40 to 75) is always zero in the copy, and so is what lies under another's
+/// lock.
+Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header);
+
+/// A table in the directory.
+struct DirectoryEntry {
+  std::uint32_t tableId;
+  std::uint32_t lockOrder;
+  std::u16string name;
+  std::u16string indexPath;  ///< folder of the index file; empty: the database's
+};
+
+/// The directory in memory: its bytes as they stand in the file, and their parts.
+class TableDirectory {
+ public:
+  /// Reads and checks the directory that `header` describes (own code 54 for a damaged one).
+  Result read(MetaData& metaData, const ControlHeader_tag& header);
+  /// Takes the bytes of a directory: an entry area of `directorySize` 16-bit units, then
+  /// `tableCount` index records. False if they are malformed.
+  [[nodiscard]] bool parse(const char* bytes, std::size_t length, std::uint32_t tableCount,
+                           std::uint32_t directorySize);
+
+  /// Entries in the order of their names.
+  [[nodiscard]] const std::vector<DirectoryEntry>& entries() const { return entries_; }
+  [[nodiscard]] const DirectoryEntry* find(std::uint32_t tableId) const;
+
+  /// Puts an entry at its place by name.
+  void insert(DirectoryEntry entry);
+  bool remove(std::uint32_t tableId);
+  /// The bytes: entry area, then index records in the order of IDs.
+  [[nodiscard]] std::string bytes() const;
+  /// Length of the entry area in 16-bit units.
+  [[nodiscard]] std::uint32_t entryUnits() const;
+
+ private:
+  std::vector<DirectoryEntry> entries_;
+};
+
+/// Compares table names without regard to case: below 0, 0 or above 0.
+[[nodiscard]] int compareNames(const std::u16string& a, const std::u16string& b);
+
+/// Lays down the intent of a directory change, with the image (the new directory and behind it the
+/// bytes of `schemaRecord`) at the greater of the old and the new end, and flushes. `header` is the
+/// present header as refreshControlHeader() gave it.
+struct DirectoryIntent {
+  DirectoryChange operation;
+  std::uint16_t suffix = 0;
+  std::uint32_t table = 0;          ///< the table's ID before the change
+  std::uint32_t newTableCount = 0;  ///< for changeSchema the table's new ID
+};
+Result writeDirectoryIntent(MetaData& metaData, const ControlHeader_tag& header,
+                            const DirectoryIntent& intent, const TableDirectory& directory,
+                            const std::string& schemaRecord);
+/// Second phase: puts another operation into the intent that stands, and flushes.
+Result advanceDirectoryIntent(MetaData& metaData, DirectoryChange operation);
+/// Takes back an intent whose second phase was not written; cuts the file to the old end.
+Result cancelDirectoryIntent(MetaData& metaData, const ControlHeader_tag& header);
+/// Carries out a change whose intent stands, and writes 1 back to `exclusiveState`. With `log`
+/// false the change is not entered in the log.
+Result completeDirectoryChange(MetaData& metaData, ControlHeader_tag& header, bool log);
+
+/// Repairs what a dead process left, if this is the first opener, and claims `openerMutex`. The
+/// caller owns `databaseMutex`.
+Result recoverAtOpen(MetaData& metaData, UInt32AVLTree*& tables);
+
+/// Opens or creates a file of the database; a sharing violation is tried again, 10 times in all.
+[[nodiscard]] SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposition,
+                                          platform::File* out);
+
+}  // namespace zelta
+
+#endif  // ZELTA_FRAME_CONTROL_FILE_H

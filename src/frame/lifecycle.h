@@ -1,0 +1,26 @@
+// Opening and closing databases.
+
+#ifndef ZELTA_FRAME_LIFECYCLE_H
+#define ZELTA_FRAME_LIFECYCLE_H
+
+#include <string>
+
+#include "frame/metadata.h"
+
+namespace zelta {
+
+struct UInt32AVLTree;
+
+Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path);
+Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path);
+/// Ends any transaction, destroys the tables and closes all that is open.
+void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables);
+
+/// Makes a mutex named after a file: databaseMutex for "x.zlc", logMutex for "x.zll", a table's for
+/// its
+/// ".zlt" path. openerMutex takes the control file's path with '2' for its last character.
+[[nodiscard]] SystemCode createFileMutex(const std::u16string& path, platform::Mutex* out);
+
+}  // namespace zelta
+
+#endif  // ZELTA_FRAME_LIFECYCLE_H

@@ -1,0 +1,81 @@
+// The database that a handle has open.
+
+#ifndef ZELTA_FRAME_METADATA_H
+#define ZELTA_FRAME_METADATA_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "frame/result.h"
+#include "frame/scratch_buffer.h"
+#include "platform/file.h"
+#include "platform/mutex.h"
+
+namespace zelta {
+
+struct UInt32AVLTree;
+
+/// Roles of the scratch buffers, which keep their memory from call to call. A role is for one
+/// function at a time: whoever fills it must not call another one that does.
+enum class Scratch : std::size_t {
+  object = 0,     ///< a second version of an object; the buffer that changes places with a table's
+  directory = 1,  ///< copies of the table directory
+  record = 2,     ///< assembly of records
+  transfer = 3,   ///< streams between files
+  journal = 4,    ///< assembly of journals
+  logName = 5,    ///< names of log files
+  image = 6       ///< the image of a new directory
+};
+
+struct MetaData {
+  platform::Mutex databaseMutex =
+      platform::Mutex::none;                         ///< guards control file and slots, briefly
+  platform::Mutex logMutex = platform::Mutex::none;  ///< guards header, tree and chain of the log
+  platform::Mutex openerMutex =
+      platform::Mutex::none;  ///< claimed by the first opener until it closes
+  platform::File controlFile =
+      platform::File::none;  ///< a database is open exactly when this is a file
+  platform::File logFile = platform::File::none;  ///< the log file in use, opened on first need
+  std::u16string directoryPath;      ///< the path up to and including the last separator
+  std::u16string baseName;           ///< file name of the control file without its extension
+  char16_t* errorMessage = nullptr;  ///< owned (malloc); null when no failure text is pending
+  std::array<ScratchBuffer, 7> scratch;
+  std::uint32_t transactionWord = 0;  ///< 0 none, 1 exclusive, else the transaction's number
+  std::uint64_t slotPosition =
+      0;  ///< slot in the control file; 32 in an exclusive one; 0 when read-only
+  std::uint32_t slotAreaStart = 0;  ///< end of the directory when the transaction began
+  std::uint32_t lockOrderReached =
+      0;  ///< highest lock order of a table in which an object was locked
+  std::uint32_t* lockKey = nullptr;  ///< furthest key locked there; see lock_position.h
+  std::uint64_t lockObjectID = 0;    ///< furthest object ID locked there
+  std::uint32_t ownerThread = 0;     ///< thread that began the transaction
+
+  [[nodiscard]] ScratchBuffer& scratchFor(Scratch role) {
+    return scratch[static_cast<std::size_t>(role)];
+  }
+  [[nodiscard]] bool isOpen() const { return controlFile != platform::File::none; }
+  [[nodiscard]] bool mayWrite() const { return slotPosition != 0; }
+};
+
+/// Frees the pending failure text.
+void clearError(MetaData& metaData);
+
+/// Frees scratch buffers: all of them, or those that have grown large.
+void trimScratch(MetaData& metaData, bool all);
+
+/// Path of a file of the database: directory + name + extension.
+[[nodiscard]] std::u16string databasePath(const MetaData& metaData, const std::u16string& name,
+                                          const char16_t* extension);
+
+namespace extension {
+inline constexpr const char16_t* kControl = u".zlc";
+inline constexpr const char16_t* kTable = u".zlt";
+inline constexpr const char16_t* kIndex = u".zli";
+inline constexpr const char16_t* kMemory = u".zlm";
+inline constexpr const char16_t* kLog = u".zll";
+}  // namespace extension
+
+}  // namespace zelta
+
+#endif  // ZELTA_FRAME_METADATA_H

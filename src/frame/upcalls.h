@@ -1,0 +1,37 @@
+// What the frame needs from the floors above it: each function is defined there.
+
+#ifndef ZELTA_FRAME_UPCALLS_H
+#define ZELTA_FRAME_UPCALLS_H
+
+#include <cstdint>
+#include <string>
+
+#include "frame/control_file.h"
+
+namespace zelta {
+
+struct UInt32AVLTree;
+
+/// Decides what becomes of a transaction whose process died: replays its log entry, or removes its
+/// traces. `slot` is its position in the control file (32 for number 1). With `header` given (at
+/// open) the caller clears memory files and slot itself. Tables that it opens are closed again.
+/// Defined in transaction/recovery.cpp.
+Result recoverTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                          std::uint64_t slot, const ControlHeader_tag* header);
+
+/// Enters a schema record under number 1 in the log, unless an equal one is the last there. `body`
+/// as it shall stand in the record. Called for databases that keep numbered log files. `header`
+/// takes new log file numbers if the log is rotated. Defined in transaction/schema_log.cpp.
+Result logSchemaChange(MetaData& metaData, ControlHeader_tag& header, DirectoryChange operation,
+                       std::uint32_t table, const std::string& body);
+
+/// Ends the transaction of a handle: aborts, destroys all tables, gives the slot back. Defined in
+/// transaction/frame.cpp.
+Result endTransaction(MetaData& metaData, UInt32AVLTree*& tables);
+
+/// Destroys the tables of a handle. Defined in storage/table.cpp.
+void destroyTables(MetaData& metaData, UInt32AVLTree*& tables);
+
+}  // namespace zelta
+
+#endif  // ZELTA_FRAME_UPCALLS_H

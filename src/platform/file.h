@@ -1,0 +1,102 @@
+// Files and byte-range locks. Every call returns 0 or a Windows code (codes.h).
+//
+// Positions are absolute, so that no call depends on a file position. A handle is for one thread at
+// a time. Locks belong to the handle: they exclude other handles of this process too, and die with
+// it.
+
+#ifndef ZELTA_PLATFORM_FILE_H
+#define ZELTA_PLATFORM_FILE_H
+
+#include <cstdint>
+
+#include "platform/codes.h"
+
+namespace zelta::platform {
+
+/// An open file. All bits set: no file.
+enum class File : std::uintptr_t { none = ~std::uintptr_t{0} };
+
+/// What openFile() does with a file that is there or is missing; the numbers are those of
+/// CreateFileW.
+enum class Disposition : std::uint32_t { createNew = 1, openExisting = 3, openAlways = 4 };
+
+/// Opens a file for reading and writing, shared for both with everybody; a new file is open to all
+/// users. Codes: 2 the file is missing, 3 its folder is; 80 createNew found a file; 5; 32.
+[[nodiscard]] SystemCode openFile(const char16_t* name, Disposition disposition, File* out);
+
+/// Gives up all locks of the handle, then closes it. File::none is ignored.
+SystemCode closeFile(File file);
+
+/// Reads up to `length` bytes; `*transferred` is less only at the end of the file (0 behind it).
+[[nodiscard]] SystemCode readFile(File file, std::uint64_t position, void* buffer,
+                                  std::uint32_t length, std::uint32_t* transferred);
+
+/// Writes `length` bytes; a write beyond the end extends the file, a gap reads as zeros.
+[[nodiscard]] SystemCode writeFile(File file, std::uint64_t position, const void* buffer,
+                                   std::uint32_t length, std::uint32_t* transferred);
+
+[[nodiscard]] SystemCode fileSize(File file, std::uint64_t* size);
+
+/// Cuts or extends the file (with zeros).
+[[nodiscard]] SystemCode setFileSize(File file, std::uint64_t size);
+
+/// Returns once all that was written to the file, and its entry in the folder, is on the disk.
+[[nodiscard]] SystemCode flushFile(File file);
+
+/// Time of the last write, in 100 ns since 1601.
+[[nodiscard]] SystemCode lastWriteTime(File file, std::uint64_t* time);
+
+/// Whether the file is still the one that stands under `name`: false once that was deleted or
+/// replaced.
+[[nodiscard]] bool isNamed(File file, const char16_t* name);
+
+[[nodiscard]] SystemCode deleteFile(const char16_t* name);
+/// Never replaces an existing target (183).
+[[nodiscard]] SystemCode moveFile(const char16_t* from, const char16_t* to);
+/// 0 if a file or folder of the name exists.
+[[nodiscard]] SystemCode fileExists(const char16_t* name);
+[[nodiscard]] SystemCode createFolder(const char16_t* name);
+
+/// A word of 4 bytes in a file that can be locked. Locks are exclusive and never wait. `ordinal`
+/// numbers the words of a kind that are locked in large numbers, from 1 on, so that a platform can
+/// keep their locks side by side elsewhere; 0 for the others. A word must be named alike in all
+/// calls.
+struct LockWord {
+  std::uint64_t position;
+  std::uint64_t ordinal = 0;
+};
+
+/// Code 33 if the word is locked, be it through this very handle.
+[[nodiscard]] SystemCode lockWord(File file, LockWord word);
+/// Code 158 if this handle does not hold the word.
+SystemCode unlockWord(File file, LockWord word);
+
+/// As readFile(), for a range that holds or touches the given word: code 33, and nothing read, if
+/// another handle has it locked.
+[[nodiscard]] SystemCode readLockable(File file, LockWord word, std::uint64_t position,
+                                      void* buffer, std::uint32_t length,
+                                      std::uint32_t* transferred);
+
+/// Kinds of volume, with the numbers of GetDriveTypeW.
+enum class VolumeType : std::uint32_t {
+  unknown = 0,
+  noRoot = 1,
+  removable = 2,
+  local = 3,
+  remote = 4
+};
+
+/// The volume on which a folder lies; `folder` ends in a separator. A folder that does not exist is
+/// `noRoot`.
+[[nodiscard]] VolumeType volumeType(const char16_t* folder);
+
+/// The platform's separator of folders in a path.
+#ifdef _WIN32
+inline constexpr char16_t kSeparator = u'\\';
+#else
+inline constexpr char16_t kSeparator = u'/';
+#endif
+
+}  // namespace zelta::platform
+
+#endif  // ZELTA_PLATFORM_FILE_H

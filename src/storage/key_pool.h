@@ -1,0 +1,68 @@
+// Spare key buffers and key nodes, so that a steady stream of operations leaves the heap alone.
+
+#ifndef ZELTA_STORAGE_KEY_POOL_H
+#define ZELTA_STORAGE_KEY_POOL_H
+
+#include <array>
+#include <cstdint>
+
+#include "storage/avl_tree.h"
+
+namespace zelta {
+
+/// Spare key buffers of one index. All keys of an index are of one shape, fixed or variable; the
+/// two forms of the operations must not be mixed.
+class KeyPool {
+ public:
+  KeyPool() = default;
+  ~KeyPool();
+  KeyPool(const KeyPool&) = delete;
+  KeyPool& operator=(const KeyPool&) = delete;
+
+  /// A buffer of `words` words, whose last word is 0.
+  [[nodiscard]] std::uint32_t* takeFixed(std::uint32_t words);
+  void releaseFixed(std::uint32_t* key);
+
+  /// A buffer of at least `words` words; the capacity stands in front of the key. Its last word is
+  /// 0.
+  [[nodiscard]] std::uint32_t* takeVariable(std::uint32_t words);
+  /// Keeps the 16 largest buffers seen.
+  void releaseVariable(std::uint32_t* key);
+
+  [[nodiscard]] std::uint32_t* take(KeyShape shape, std::uint32_t words) {
+    return shape.variable() ? takeVariable(words) : takeFixed(words);
+  }
+  /// Null is ignored.
+  void release(KeyShape shape, std::uint32_t* key);
+  /// A copy of a key.
+  [[nodiscard]] std::uint32_t* copy(KeyShape shape, const std::uint32_t* key);
+
+ private:
+  std::array<std::uint32_t*, 16> slots_{};
+  bool variable_ = false;  ///< which form the slots hold; settled by the first release
+};
+
+/// Spare nodes of one table.
+class KeyNodePool {
+ public:
+  KeyNodePool() = default;
+  ~KeyNodePool();
+  KeyNodePool(const KeyNodePool&) = delete;
+  KeyNodePool& operator=(const KeyNodePool&) = delete;
+
+  /// A node with all fields zero; from the heap if the pool is empty.
+  [[nodiscard]] ObjectKeyNode* take();
+  /// Gives the node's key to `keys`, then the node to the pool.
+  void release(KeyPool& keys, KeyShape shape, ObjectKeyNode* node);
+  /// The same for every node of a tree; sets the link to null.
+  void releaseTree(KeyPool& keys, KeyShape shape, ObjectKeyNode*& root);
+
+ private:
+  void put(KeyPool& keys, KeyShape shape, ObjectKeyNode* node, std::size_t& from);
+  void putTree(KeyPool& keys, KeyShape shape, ObjectKeyNode* node, std::size_t& from);
+  std::array<ObjectKeyNode*, 80> slots_{};
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_STORAGE_KEY_POOL_H
