@@ -1,0 +1,128 @@
+// A table as a handle has it open.
+
+#ifndef ZELTA_STORAGE_TABLE_H
+#define ZELTA_STORAGE_TABLE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "czelta.h"
+#include "frame/metadata.h"
+#include "storage/avl_tree.h"
+#include "storage/key_pool.h"
+
+namespace zelta {
+
+/// What a table remembers of one index: where the walk stands, and what the running transaction
+/// takes out.
+struct IndexCursor {
+  /// Key of the object read last. In an index with many entries for an object it is owned by a node
+  /// of `currentKeys`, which holds them all; else by the cursor itself.
+  std::uint32_t* currentKey = nullptr;
+  ObjectKeyNode* currentKeys = nullptr;
+  /// Committed keys that commit must remove, with the object that the committed tree has under
+  /// them.
+  ObjectKeyNode* removedKeys = nullptr;
+  /// Committed keys that commit must give to another object: `objectID` is the new one, `extra` the
+  /// one that the committed tree has.
+  ObjectKeyNode* replacedKeys = nullptr;
+  KeyPool keyPool;
+};
+
+class Table final : public UInt32AVLTree {
+ public:
+  explicit Table(std::uint16_t indexes);
+  /// Unlocks what is still locked, closes files and mutex, frees all memory.
+  ~Table() override;
+
+  /// Takes another number of indexes; all cursors are empty afterwards.
+  void setIndexCount(std::uint16_t indexes);
+
+  [[nodiscard]] std::uint32_t id() const { return key; }
+  [[nodiscard]] bool isFixed() const { return fixedAreaSize == minimumObjectSize; }
+  [[nodiscard]] bool wideIds() const {
+    return (schema->schemaFlags & CZELTA::SchemaWideObjectIds) != 0;
+  }
+  [[nodiscard]] std::uint32_t headerSize() const { return wideIds() ? 10 : 6; }
+  [[nodiscard]] std::uint32_t idSize() const { return wideIds() ? 8 : 4; }
+  [[nodiscard]] const CZELTA::Schema::Index& index(std::uint32_t i) const {
+    return schema->indexes[i];
+  }
+  [[nodiscard]] KeyShape keyShape(std::uint32_t i) const {
+    return KeyShape{(index(i).indexFlags & CZELTA::IndexVariableKey) != 0 ? 0 : index(i).keyWords};
+  }
+  [[nodiscard]] bool multiEntry(std::uint32_t i) const {
+    return (index(i).indexFlags & CZELTA::IndexMultiEntry) != 0;
+  }
+  [[nodiscard]] bool listKind(std::uint32_t i) const {
+    return (index(i).indexFlags & CZELTA::IndexListKind) != 0;
+  }
+  [[nodiscard]] bool hasEdits() const {
+    return addedObjects != nullptr || editedObjects != nullptr || deletedObjects != nullptr;
+  }
+  [[nodiscard]] const char16_t* cName() const { return name.c_str(); }
+
+  /// Drops the current keys of all indexes (not what commit has to remove or replace).
+  void releaseCurrentKeys();
+  /// Drops all keys of all indexes, those of commit too.
+  void releaseAllKeys();
+
+  std::uint16_t indexCount = 0;
+  std::uint32_t schemaCopyBytes = 0;  ///< bytes of the allocation behind `schema`
+  std::uint32_t slotBase = 0;
+  std::uint32_t minimumObjectSize = 0;
+  std::uint32_t fixedAreaSize = 0;
+  std::uint32_t objectLength = 0;  ///< bytes of the object in `objectBuffer`
+  std::uint32_t tableLockOrder = 0;
+  std::uint32_t searchIndex = 0;  ///< 1-based index of the last search, 0 for none
+  std::uint32_t firstVariableField = 0xFFFFFFFF;
+  bool searchInverted = false;  ///< `searchResults` holds the objects that do not match
+  std::u16string name;
+  std::u16string directory;    ///< folder of the index file, with its separator
+  ScratchBuffer objectBuffer;  ///< capacity: its size()
+  char* objectData =
+      nullptr;  ///< the object, behind 10 bytes (6 in a fixed table); null: no buffer
+  std::uint64_t currentObjectID = 0;
+  platform::File tableFile = platform::File::none;
+  platform::File indexFile = platform::File::none;
+  platform::File memoryFile = platform::File::none;
+  platform::Mutex tableMutex = platform::Mutex::none;
+  std::unique_ptr<IndexCursor[]> indexStates;
+  KeyNodePool nodePool;
+  // Sets of object IDs of the running transaction
+  UInt64AVLTree* lockedObjects = nullptr;   ///< locked but unchanged
+  UInt64AVLTree* addedObjects = nullptr;    ///< added
+  UInt64AVLTree* editedObjects = nullptr;   ///< rewritten
+  UInt64AVLTree* deletedObjects = nullptr;  ///< deleted
+  std::uint32_t addedCount = 0;
+  std::uint32_t deletedCount = 0;
+  std::uint64_t pendingBytes = 0;  ///< bytes of the pending images in the log
+  UInt64AVLTree* searchResults = nullptr;
+  CZELTA::Schema* schema = nullptr;  ///< owned (malloc), one allocation
+  ScratchBuffer pageBuffers[4];      ///< pages of index trees while an operation works on them
+};
+
+/// The table of a handle with this ID, or null.
+[[nodiscard]] Table* findTable(UInt32AVLTree* tables, std::uint32_t tableId);
+
+/// Owns a table's mutex, or none, until the end of the scope.
+class TableMutexGuard {
+ public:
+  TableMutexGuard() = default;
+  ~TableMutexGuard() { release().ignore(); }
+  TableMutexGuard(const TableMutexGuard&) = delete;
+  TableMutexGuard& operator=(const TableMutexGuard&) = delete;
+  /// Waits for the mutex; a failure is reported with the table's name and ".zlt".
+  Result acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds);
+  Result release();
+  [[nodiscard]] bool held() const { return table_ != nullptr; }
+
+ private:
+  MetaData* metaData_ = nullptr;
+  Table* table_ = nullptr;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_STORAGE_TABLE_H
