@@ -1,0 +1,222 @@
+// A week of earthquakes: loads a catalogue into a database, and finds events in it again.
+//
+//   earthquakes load DATABASE CATALOGUE    creates the database and loads the catalogue (CSV)
+//   earthquakes show DATABASE [CODE ...]   the ten strongest, the events with these codes, some
+//   places
+
+#include <czelta.h>
+
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "earthquake_csv.h"
+
+namespace {
+
+constexpr int kObjectsPerTransaction = 200;
+constexpr unsigned kTimeout = 10000;  // ms
+
+/// The fixed fields of an event, laid out as the library lays them out: each at its alignment.
+struct FixedFields {
+  float magnitude;
+  std::uint32_t time[2];  // TypeDateTime is aligned to 4
+  std::uint32_t updated[2];
+  std::int32_t epicentre[4];  // TypeRect2: a box without extent
+  float depth;
+  std::uint32_t feltReports;
+  std::uint8_t tsunami;
+};
+
+enum Indexes : unsigned { ByCode = 1, ByMagnitude = 2, ByPlace = 3 };
+
+std::string utf8(const char16_t* text) {
+  std::string out;
+  for (; *text != 0; ++text) out += *text < 0x80 ? static_cast<char>(*text) : '?';
+  return out;
+}
+
+std::u16string utf16(const char* text) { return {text, text + std::strlen(text)}; }
+
+/// Throws with the library's own words if an operation failed.
+void check(CZELTA& database, unsigned long long result) {
+  if (result == 0) return;
+  const char16_t* message = nullptr;
+  database.GetErrorMessage(&message);
+  throw std::runtime_error(utf8(message));
+}
+
+unsigned createTable(CZELTA& database) {
+  CZELTA::Schema::Field fields[] = {
+      {CZELTA::TypeFloat, 0, 0, 0, u"magnitude", nullptr},
+      {CZELTA::TypeDateTime, 0, 0, 0, u"time", nullptr},
+      {CZELTA::TypeDateTime, 0, 0, 0, u"updated", nullptr},
+      {CZELTA::TypeRect2, 0, 0, 0, u"epicentre", nullptr},
+      {CZELTA::TypeFloat, 0, 0, 0, u"depth", nullptr},
+      {CZELTA::TypeUInt32, 0, 0, 0, u"felt reports", nullptr},
+      {CZELTA::TypeBoolean, 0, 0, 0, u"tsunami", nullptr},
+      {CZELTA::TypeText, 0, 12, 0, u"code", nullptr},
+      {CZELTA::TypeText, 0, 40, 0, u"place", nullptr},
+      {CZELTA::TypeText, 0, 12, 0, u"kind", nullptr},
+  };
+  CZELTA::Schema::Segment code[] = {{7, 0}};
+  CZELTA::Schema::Segment magnitude[] = {{0, CZELTA::SegmentDescending},
+                                         {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Segment place[] = {{8, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Index indexes[3] = {};
+  indexes[0].segmentCount = 1;
+  indexes[0].segments = code;
+  indexes[1].segmentCount = 2;
+  indexes[1].segments = magnitude;
+  indexes[2].segmentCount = 2;
+  indexes[2].segments = place;
+
+  CZELTA::Schema schema = {};
+  schema.tableName = u"events";
+  schema.fieldCount = 10;
+  schema.fields = fields;
+  schema.indexCount = 3;
+  schema.indexes = indexes;
+  unsigned table = 0;
+  check(database, database.BeginTransaction(CZELTA::TransactionExclusive, kTimeout));
+  check(database, database.CreateTable(&schema, &table));
+  check(database, database.EndTransaction());
+  return table;
+}
+
+void addEvent(CZELTA& database, unsigned table, const Earthquake& event) {
+  CZELTA::Object object;
+  check(database, database.NewObject(table, &object, 0));
+  FixedFields fixed = {};
+  fixed.magnitude = static_cast<float>(event.magnitude);
+  std::memcpy(fixed.time, &event.time, sizeof fixed.time);
+  std::memcpy(fixed.updated, &event.updated, sizeof fixed.updated);
+  fixed.epicentre[0] = fixed.epicentre[2] = event.longitude;
+  fixed.epicentre[1] = fixed.epicentre[3] = event.latitude;
+  fixed.depth = static_cast<float>(event.depth);
+  fixed.feltReports = event.feltReports;
+  fixed.tsunami = event.tsunami;
+  std::memcpy(object.data, &fixed, offsetof(FixedFields, tsunami) + 1);
+
+  // The texts follow each other, each with its terminator.
+  std::string texts = event.code + '\0' + event.place + '\0' + event.kind + '\0';
+  check(database, database.PutVariableValues(table, texts.data(),
+                                             static_cast<unsigned>(texts.size()), 0, 3, &object));
+  check(database, database.AddObject(table, &object, 0));
+}
+
+int load(CZELTA& database, const char* path, const char* catalogue) {
+  check(database, database.CreateDatabase(utf16(path).c_str()));
+  const unsigned table = createTable(database);
+
+  int loaded = 0;
+  int rejected = 0;
+  const auto begin = [&] {
+    check(database, database.BeginTransaction(CZELTA::TransactionShared, kTimeout));
+    check(database, database.OpenTable(table));
+  };
+  const auto commit = [&] {
+    check(database, database.CommitTransaction(true));
+    check(database, database.EndTransaction());
+    std::printf("\r%d events loaded", loaded);
+    std::fflush(stdout);
+  };
+  const auto reject = [&](long line, const std::string& reason) {
+    std::fprintf(stderr, "%s:%ld: skipped: %s\n", catalogue, line, reason.c_str());
+    ++rejected;
+  };
+
+  begin();
+  const bool read = readCatalogue(
+      catalogue,
+      [&](const Earthquake& event) {
+        addEvent(database, table, event);
+        if (++loaded % kObjectsPerTransaction == 0) {
+          commit();
+          begin();
+        }
+        return true;
+      },
+      reject);
+  commit();
+  std::printf("\n");
+  if (rejected > 0) std::fprintf(stderr, "%d rows were skipped\n", rejected);
+  if (!read) std::fprintf(stderr, "%s: cannot be read\n", catalogue);
+  return read ? 0 : 1;
+}
+
+/// Prints the object in the table's buffer.
+void print(CZELTA& database, unsigned table, const CZELTA::Object& object) {
+  FixedFields fixed = {};
+  std::memcpy(&fixed, object.data, offsetof(FixedFields, tsunami) + 1);
+  void* texts[3] = {};
+  for (unsigned i = 0; i < 3; ++i)
+    check(database, database.GetVariableField(table, i, &texts[i], nullptr));
+  std::printf("  %4.1f  %6.1f km  %9.4f %8.4f  %-12s %s (%s)\n",
+              static_cast<double>(fixed.magnitude), static_cast<double>(fixed.depth),
+              fixed.epicentre[0] / 1e6, fixed.epicentre[1] / 1e6, static_cast<char*>(texts[0]),
+              static_cast<char*>(texts[1]), static_cast<char*>(texts[2]));
+}
+
+/// Reads up to `most` objects of an index in order, from the one that `mode` and `key` name.
+void walk(CZELTA& database, unsigned table, unsigned index, CZELTA::Mode mode, const void* key,
+          int most) {
+  constexpr unsigned long long kNoMore = 0x100000020;  // own code 32
+  CZELTA::Object object;
+  for (int i = 0; i < most; ++i) {
+    const auto result = database.ReadObject(table, mode, &object, index, key, nullptr);
+    if (result == kNoMore) return;
+    check(database, result);
+    print(database, table, object);
+    mode = CZELTA::ReadNext;
+  }
+}
+
+int show(CZELTA& database, const char* path, const std::vector<const char*>& codes) {
+  constexpr unsigned kTable = 1;
+  check(database, database.OpenDatabase(utf16(path).c_str()));
+  check(database, database.BeginTransaction(CZELTA::TransactionRead, kTimeout));
+  check(database, database.OpenTable(kTable));
+
+  std::printf("The ten strongest:\n");
+  walk(database, kTable, ByMagnitude, CZELTA::ReadFirst, nullptr, 10);
+
+  for (const char* code : codes) {
+    std::printf("Event %s:\n", code);
+    CZELTA::Object object;
+    if (database.ReadObject(kTable, CZELTA::ReadEqual, &object, ByCode, code, nullptr) == 0) {
+      print(database, kTable, object);
+    } else {
+      const char16_t* message = nullptr;
+      database.GetErrorMessage(&message);
+      std::printf("  %s\n", utf8(message).c_str());
+    }
+  }
+
+  // The key of the place index: the text, then a 32-bit object ID. ID 0 stands before all others.
+  std::string from("Hawaii", 6);
+  from.append(1 + sizeof(std::uint32_t), '\0');
+  std::printf("Places from \"Hawaii\" on:\n");
+  walk(database, kTable, ByPlace, CZELTA::ReadGreaterEqual, from.data(), 8);
+
+  check(database, database.EndTransaction());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  CZELTA database;
+  const std::string command = argc > 1 ? argv[1] : "";
+  if (command == "load" && argc == 4) return load(database, argv[2], argv[3]);
+  if (command == "show" && argc >= 3) return show(database, argv[2], {argv + 3, argv + argc});
+  std::fprintf(
+      stderr,
+      "usage: earthquakes load DATABASE CATALOGUE\n       earthquakes show DATABASE [CODE ...]\n");
+  return 2;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "earthquakes: %s\n", error.what());
+  return 1;
+}
