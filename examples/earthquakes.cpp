@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -32,13 +33,12 @@ struct FixedFields {
 
 enum Indexes : unsigned { ByCode = 1, ByMagnitude = 2, ByPlace = 3 };
 
-std::string utf8(const char16_t* text) {
-  std::string out;
-  for (; *text != 0; ++text) out += *text < 0x80 ? static_cast<char>(*text) : '?';
-  return out;
-}
+std::string utf8(const char16_t* text) { return std::filesystem::path(text).string(); }
 
-std::u16string utf16(const char* text) { return {text, text + std::strlen(text)}; }
+/// The library takes absolute paths, or relative ones with a folder in them.
+std::u16string databasePath(const char* path) {
+  return std::filesystem::absolute(path).u16string();
+}
 
 /// Throws with the library's own words if an operation failed.
 void check(CZELTA& database, unsigned long long result) {
@@ -108,7 +108,7 @@ void addEvent(CZELTA& database, unsigned table, const Earthquake& event) {
 }
 
 int load(CZELTA& database, const char* path, const char* catalogue) {
-  check(database, database.CreateDatabase(utf16(path).c_str()));
+  check(database, database.CreateDatabase(databasePath(path).c_str()));
   const unsigned table = createTable(database);
 
   int loaded = 0;
@@ -176,7 +176,7 @@ void walk(CZELTA& database, unsigned table, unsigned index, CZELTA::Mode mode, c
 
 int show(CZELTA& database, const char* path, const std::vector<const char*>& codes) {
   constexpr unsigned kTable = 1;
-  check(database, database.OpenDatabase(utf16(path).c_str()));
+  check(database, database.OpenDatabase(databasePath(path).c_str()));
   check(database, database.BeginTransaction(CZELTA::TransactionRead, kTimeout));
   check(database, database.OpenTable(kTable));
 
