@@ -27,6 +27,16 @@ inline constexpr std::uint32_t kFreeMarker = 0xFFFFFFFF;
 inline constexpr std::uint32_t kBlockGranule = 16;
 inline constexpr std::uint32_t kMinimumBlock = 32;
 
+/// Head of a free block of a log file; 20 bytes in the file.
+struct WideBlock_tag {
+  std::uint64_t size;    ///< bytes, this header included
+  std::uint64_t next;    ///< position of the next free block, 0 at the end
+  std::uint32_t marker;  ///< kFreeMarker
+  std::uint32_t padding;
+};
+inline constexpr std::uint32_t kWideBlockHead = offsetof(WideBlock_tag, padding);
+static_assert(kWideBlockHead == 20);
+
 /// A block in memory. Its first 40 bytes are also its journal entry.
 struct FreeBlock {
   std::uint64_t position;
@@ -41,7 +51,7 @@ struct FreeBlock {
 inline constexpr std::uint32_t kFreeEntrySize = offsetof(FreeBlock, nextNode);
 static_assert(kFreeEntrySize == 40);
 
-/// 40 journal entries read back during recovery, or a part of the log's chain.
+/// 40 journal entries read back during recovery.
 struct FreeBlockChunk {
   struct Entry {
     std::uint64_t position, next, size, originalSize;
@@ -91,9 +101,9 @@ Result allocateBlock(MetaData& metaData, platform::File file, FreeBlock*& list, 
 }
 
 /// Folds released extents (may be null) into the chain, joins neighbours, and lets a block at the
-/// end of the file vanish: `*outEnd` is the new end. Dirty blocks are counted into `*journalCount`
-/// and folded into `checksum` if a counter is given. `checksum64` or `checksum32`: whichever is not
-/// null.
+/// end of the file vanish: `*outEnd` is the new end. If a counter is given, the dirty blocks are
+/// added to `*journalCount` and, if an accumulator is given too, their journal entries are folded
+/// into `*checksum64`. Positions and sizes of the extents are the caller's; the tree stays.
 Result mergeFreeExtents(MetaData& metaData, platform::File file, std::uint64_t& head,
                         std::uint64_t endOfFile, FreeExtentNode* extents, FreeBlock*& list,
                         std::uint64_t* outEnd, std::uint32_t* journalCount,
@@ -116,17 +126,25 @@ Result readFreeBlockJournal(MetaData& metaData, platform::File file, std::uint64
                             std::uint32_t entries, FreeBlockChunk*& chunks);
 
 // -- The log file's chain, of wide blocks -------------------------------------------------------
+//
+// The same rules with another head in the file: sizes have 64 bits, and their granule is 8.
 
-Result allocateWideBlock(MetaData& metaData, platform::File file, FreeBlockChunk*& chunks,
+inline constexpr std::uint32_t kWideGranule = 8;
+
+Result addWideBlock(MetaData& metaData, platform::File file, FreeBlock*& list, std::uint64_t& head,
+                    std::uint64_t position, std::uint64_t size);
+Result allocateWideBlock(MetaData& metaData, platform::File file, FreeBlock*& list,
                          std::uint64_t& head, std::uint64_t size, std::uint64_t* outPosition,
                          std::uint64_t* outSize, std::uint64_t minimum);
+[[nodiscard]] constexpr std::uint64_t wideBlockNeed(std::uint64_t size, std::uint64_t minimum) {
+  return ((size > minimum ? size : minimum) + kWideGranule - 1) / kWideGranule * kWideGranule;
+}
 Result mergeWideExtents(MetaData& metaData, platform::File file, std::uint64_t& head,
-                        std::uint64_t endOfFile, FreeExtentNode* extents, FreeBlockChunk*& chunks,
+                        std::uint64_t endOfFile, FreeExtentNode* extents, FreeBlock*& list,
                         std::uint64_t* outEnd, std::uint32_t* journalCount,
                         std::uint64_t* checksum64);
-Result writeWideBlockJournal(MetaData& metaData, platform::File file, std::uint64_t& position,
-                             const FreeBlockChunk* chunks);
-Result applyWideBlocks(MetaData& metaData, platform::File file, const FreeBlockChunk* chunks);
+Result applyWideBlocks(MetaData& metaData, platform::File file, const FreeBlock* list);
+Result applyWideBlockChunks(MetaData& metaData, platform::File file, const FreeBlockChunk* chunks);
 
 }  // namespace zelta
 

@@ -4,6 +4,7 @@
 #define ZELTA_STORAGE_KEY_POOL_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "storage/avl_tree.h"
@@ -38,7 +39,11 @@ class KeyPool {
   [[nodiscard]] std::uint32_t* copy(KeyShape shape, const std::uint32_t* key);
 
  private:
-  std::array<std::uint32_t*, 16> slots_{};
+  void removeSlot(std::size_t slot);
+  void freeBuffer(std::uint32_t* key) const;
+
+  std::array<std::uint32_t*, 16> slots_{};  ///< the first `used_` are filled
+  std::size_t used_ = 0;
   bool variable_ = false;  ///< which form the slots hold; settled by the first release
 };
 
@@ -58,9 +63,8 @@ class KeyNodePool {
   void releaseTree(KeyPool& keys, KeyShape shape, ObjectKeyNode*& root);
 
  private:
-  void put(KeyPool& keys, KeyShape shape, ObjectKeyNode* node, std::size_t& from);
-  void putTree(KeyPool& keys, KeyShape shape, ObjectKeyNode* node, std::size_t& from);
-  std::array<ObjectKeyNode*, 80> slots_{};
+  std::array<ObjectKeyNode*, 80> slots_{};  ///< the first `used_` are filled
+  std::size_t used_ = 0;
 };
 
 }  // namespace zelta
