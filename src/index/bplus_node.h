@@ -1,0 +1,159 @@
+// The bytes of a B+Tree's nodes. Keys grow from the front, pointers (object IDs in a leaf, child
+// positions in a branch) from the back; what lies between is zero. Nothing here knows of files.
+
+#ifndef ZELTA_INDEX_BPLUS_NODE_H
+#define ZELTA_INDEX_BPLUS_NODE_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "storage/avl_tree.h"
+
+namespace zelta {
+
+inline constexpr std::uint16_t kBranchTag = 0x6E69;
+inline constexpr std::uint16_t kLeafTag = 0x6C69;
+
+/// What the nodes of a tree have in common.
+struct BPlusShape {
+  bool variable = false;
+  std::uint32_t keyWords = 0;  ///< length of a fixed key; of a variable one only an expectation
+  std::uint32_t idBytes = 4;   ///< width of an object ID
+
+  [[nodiscard]] std::uint32_t head(bool leaf) const {
+    return (leaf ? 24u : 8u) + (variable ? 4u : 0u);
+  }
+  [[nodiscard]] std::uint32_t pointerBytes(bool leaf) const { return leaf ? idBytes : 8u; }
+  /// Bytes that a node needs apart from keys with their pointers: a branch has a first child.
+  [[nodiscard]] std::uint32_t frame(bool leaf) const { return head(leaf) + (leaf ? 0u : 8u); }
+  [[nodiscard]] std::uint32_t words(const std::uint32_t* key) const {
+    return variable ? key[0] : keyWords;
+  }
+  /// Below 0, 0 or above 0.
+  [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const;
+};
+
+/// A view of a node's bytes. Before anything else is asked, attach() must have found them sound.
+class BPlusNode {
+ public:
+  enum class State {
+    sound,
+    unknownTag,   ///< neither branch nor leaf
+    badCount,     ///< more entries than the node has room for
+    badKeys,      ///< a key runs out of the zone of keys
+    badFreeWords  ///< the count of free words does not agree with the keys
+  };
+
+  BPlusNode() = default;
+  /// Takes the node that begins at `bytes` with its length. With `walk` the lengths of all variable
+  /// keys are followed; without it search() and keyOffset() may find them broken.
+  [[nodiscard]] State attach(char* bytes, const BPlusShape& shape, bool walk);
+  /// Makes an empty node of bytes that are zero.
+  void format(char* bytes, std::uint32_t size, bool leaf, const BPlusShape& shape);
+
+  [[nodiscard]] char* bytes() const { return bytes_; }
+  [[nodiscard]] std::uint32_t size() const { return size_; }
+  [[nodiscard]] std::uint32_t count() const { return count_; }
+  [[nodiscard]] bool leaf() const { return leaf_; }
+  [[nodiscard]] const BPlusShape& shape() const { return shape_; }
+
+  // -- Keys -----------------------------------------------------------------------------------
+
+  /// Place of a key by its number; `number` = count() gives the end of the keys. 0 if a length is
+  /// broken.
+  [[nodiscard]] std::uint32_t keyOffset(std::uint32_t number) const;
+  [[nodiscard]] const std::uint32_t* keyAt(std::uint32_t offset) const {
+    return reinterpret_cast<const std::uint32_t*>(bytes_ + offset);
+  }
+  [[nodiscard]] const std::uint32_t* key(std::uint32_t number) const {
+    return keyAt(keyOffset(number));
+  }
+  [[nodiscard]] std::uint32_t keyEnd() const { return keyEnd_; }
+
+  struct Place {
+    std::uint32_t number;
+    std::uint32_t offset;  ///< 0: a key's length is broken
+    bool equal;            ///< lower: the key there equals. above: the key in front of it does
+  };
+  /// The first key that is not less than `key`.
+  [[nodiscard]] Place lower(const std::uint32_t* key) const;
+  /// The first key that is greater than `key`: in a branch the number of the child to follow.
+  [[nodiscard]] Place above(const std::uint32_t* key) const;
+
+  // -- Pointers -------------------------------------------------------------------------------
+
+  [[nodiscard]] std::uint64_t objectID(std::uint32_t number) const { return pointer(number); }
+  [[nodiscard]] std::uint64_t child(std::uint32_t number) const { return pointer(number); }
+  [[nodiscard]] std::uint64_t pointer(std::uint32_t number) const;
+  void setPointer(std::uint32_t number, std::uint64_t value);
+  [[nodiscard]] std::uint64_t previous() const { return link(8); }
+  [[nodiscard]] std::uint64_t next() const { return link(16); }
+  void setPrevious(std::uint64_t position) { std::memcpy(bytes_ + 8, &position, 8); }
+  void setNext(std::uint64_t position) { std::memcpy(bytes_ + 16, &position, 8); }
+
+  // -- Room -----------------------------------------------------------------------------------
+
+  /// Bytes between keys and pointers.
+  [[nodiscard]] std::uint32_t freeBytes() const { return freeBytes_; }
+  /// Whether another key of so many words fits, with its pointer.
+  [[nodiscard]] bool fits(std::uint32_t words) const {
+    return freeBytes_ >= std::uint64_t{words} * 4 + shape_.pointerBytes(leaf_);
+  }
+  /// The two sides of the rules of fill.
+  [[nodiscard]] std::uint64_t usable() const { return usableOf(size_); }
+  [[nodiscard]] std::uint64_t used() const;
+  /// Bytes that a key of so many words counts for.
+  [[nodiscard]] std::uint64_t entryBytes(std::uint64_t words) const {
+    return words * 4 + shape_.pointerBytes(leaf_);
+  }
+  [[nodiscard]] bool fillBelow(std::uint32_t percent) const {
+    return used() * 100 < usable() * percent;
+  }
+  [[nodiscard]] std::uint64_t usableOf(std::uint32_t size) const;
+
+  // -- Changes --------------------------------------------------------------------------------
+
+  /// Puts a key at `place`. In a leaf its pointer stands beside it, in a branch it is the child
+  /// behind the key. It must fit.
+  void insert(std::uint32_t number, std::uint32_t offset, const std::uint32_t* key,
+              std::uint64_t pointer);
+  /// Takes key `number` out, with pointer `pointerNumber`.
+  void erase(std::uint32_t number, std::uint32_t pointerNumber);
+  /// Exchanges a key for another; false, and nothing changed, if it does not fit.
+  [[nodiscard]] bool replaceKey(std::uint32_t number, const std::uint32_t* key);
+  /// Appends entries [from, to) of a node of the same kind; in a branch a key takes the child
+  /// behind it along. They must fit.
+  void append(const BPlusNode& source, std::uint32_t from, std::uint32_t to);
+  /// Appends one entry.
+  void append(const std::uint32_t* key, std::uint64_t pointer);
+  /// Empties the node; a leaf keeps its links.
+  void clear();
+
+ private:
+  [[nodiscard]] std::uint64_t link(std::uint32_t offset) const {
+    std::uint64_t position;
+    std::memcpy(&position, bytes_ + offset, 8);
+    return position;
+  }
+  [[nodiscard]] char* pointerAt(std::uint32_t number) const {
+    return bytes_ + size_ - std::uint64_t{shape_.pointerBytes(leaf_)} * (number + 1);
+  }
+  [[nodiscard]] std::uint32_t pointerCount() const { return count_ + (leaf_ ? 0u : 1u); }
+  [[nodiscard]] bool keyFits(std::uint32_t offset) const;
+  [[nodiscard]] State walkKeys() const;
+  template <class Stop>
+  [[nodiscard]] Place searchVariable(Stop stop) const;
+  void changeCounts(std::uint32_t count, std::uint32_t keyEnd);
+
+  char* bytes_ = nullptr;
+  std::uint32_t size_ = 0;
+  std::uint32_t count_ = 0;
+  std::uint32_t keyEnd_ = 0;
+  std::uint32_t freeBytes_ = 0;
+  bool leaf_ = false;
+  BPlusShape shape_;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_INDEX_BPLUS_NODE_H
