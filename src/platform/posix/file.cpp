@@ -1,0 +1,407 @@
+// Files and byte-range locks by open-file-description locks.
+//
+// POSIX record locks will not do: they belong to the process, so that two handles of one process do
+// not exclude each other, and any close of the file drops them all. F_OFD locks belong to the open
+// file, as a handle's locks should. What they lack is made up for here:
+//  - They are advisory. A read that may meet a locked word first asks whether another handle holds
+//  it
+//    (readLockable). In this order: asked after the read, a lock that went away meanwhile would let
+//    bytes pass that were read while it stood.
+//  - A second lock of a range through one handle succeeds. The handle keeps the set of what it
+//  holds.
+//  - The kernel keeps the locks of a file in a list, so that scattered locks cost more with each
+//  one held.
+//    Words that are locked in large numbers have theirs side by side, far behind any file's end,
+//    where the kernel joins neighbours.
+//  - A forked child shares the open file and would keep its locks alive behind its parent's death.
+//  A fork
+//    handler closes all files in the child; operations on an inherited handle fail with code 6.
+
+#include "platform/file.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <set>
+#include <string>
+#include <unordered_set>
+
+#include "platform/posix/posix_internal.h"
+
+namespace zelta::platform {
+
+using namespace posix;
+
+namespace {
+
+/// Where the locks of numbered words lie.
+constexpr std::uint64_t kOrdinalBase = std::uint64_t{1} << 62;
+
+struct FileRecord {
+  int fd;
+  std::string path;
+  std::unordered_set<std::uint64_t> held;  ///< places of the locks that the handle holds
+  FileRecord* next = nullptr;              ///< all open files, for the fork handler
+  FileRecord* previous = nullptr;
+};
+
+// -- All open files -----------------------------------------------------------------------------
+
+std::mutex registryMutex;
+FileRecord* registry = nullptr;
+
+void closeInChild() {
+  for (FileRecord* record = registry; record != nullptr; record = record->next) {
+    close(record->fd);
+    record->fd = -1;
+  }
+  registryMutex.unlock();
+}
+
+void enter(FileRecord* record) {
+  static const int registered =
+      pthread_atfork([] { registryMutex.lock(); }, [] { registryMutex.unlock(); }, closeInChild);
+  static_cast<void>(registered);
+  const std::lock_guard guard(registryMutex);
+  record->next = registry;
+  if (registry != nullptr) registry->previous = record;
+  registry = record;
+}
+
+void leave(FileRecord* record) {
+  const std::lock_guard guard(registryMutex);
+  if (record->previous != nullptr) record->previous->next = record->next;
+  if (record->next != nullptr) record->next->previous = record->previous;
+  if (registry == record) registry = record->next;
+}
+
+FileRecord* recordOf(File file) {
+  return reinterpret_cast<FileRecord*>(static_cast<std::uintptr_t>(file));
+}
+
+/// The handle's record if it can be used: not File::none, not inherited over a fork.
+FileRecord* usable(File file) {
+  if (file == File::none) return nullptr;
+  FileRecord* record = recordOf(file);
+  return record->fd < 0 ? nullptr : record;
+}
+
+// -- Folders whose entries have changed -----------------------------------------------------------
+
+std::mutex foldersMutex;
+std::set<std::string> changedFolders;
+std::atomic<int> changedFolderCount{0};
+
+std::string folderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+void folderChanged(const std::string& path) {
+  const std::lock_guard guard(foldersMutex);
+  changedFolders.insert(folderOf(path));
+  changedFolderCount = static_cast<int>(changedFolders.size());
+}
+
+/// Makes the entries of the file's folder last, if this process has changed any.
+SystemCode syncFolder(const std::string& path) {
+  if (changedFolderCount == 0) return 0;
+  const std::string folder = folderOf(path);
+  const std::lock_guard guard(foldersMutex);
+  const auto found = changedFolders.find(folder);
+  if (found == changedFolders.end()) return 0;
+  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 && errno != ENOENT) return lastCode();
+  const SystemCode failure = fd >= 0 && fsync(fd) != 0 && errno != EINVAL ? lastCode() : 0;
+  if (fd >= 0) close(fd);
+  if (failure != 0) return failure;
+  changedFolders.erase(found);
+  changedFolderCount = static_cast<int>(changedFolders.size());
+  return 0;
+}
+
+/// ENOENT stands for a missing file and for a missing folder alike.
+SystemCode missing(const std::string& path) {
+  struct stat info {};
+  if (stat(folderOf(path).c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+    return code::kPathNotFound;
+  return code::kFileNotFound;
+}
+
+SystemCode nameFailure(const std::string& path) {
+  return errno == ENOENT ? missing(path) : lastCode();
+}
+
+// -- Opening --------------------------------------------------------------------------------------
+
+int openPath(const std::string& path, Disposition disposition, bool* created) {
+  *created = false;
+  int fd = -1;
+  if (disposition != Disposition::createNew) {
+    fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd >= 0 || errno != ENOENT || disposition == Disposition::openExisting) return fd;
+  }
+  fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_CREAT | O_EXCL, 0666);
+  *created = fd >= 0;
+  if (fd < 0 && errno == EEXIST && disposition == Disposition::openAlways) {
+    fd = open(path.c_str(), O_RDWR | O_CLOEXEC);  // somebody else was faster
+  }
+  return fd;
+}
+
+/// A transfer in a loop over partial results and interruptions.
+template <typename Transfer>
+SystemCode transferAll(std::uint32_t length, std::uint32_t* transferred, Transfer transfer) {
+  std::uint32_t done = 0;
+  while (done < length) {
+    const ssize_t n = transfer(done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      *transferred = done;
+      return lastCode();
+    }
+    if (n == 0) break;
+    done += static_cast<std::uint32_t>(n);
+  }
+  *transferred = done;
+  return 0;
+}
+
+SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
+                      std::uint32_t length, std::uint32_t* transferred) {
+  *transferred = 0;
+#ifdef ZELTA_FAULTS
+  const Asked asked = ask(Call::read, record->path, position, length);
+  if (asked.code != 0) return asked.code;
+  if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
+#endif
+  const SystemCode result = transferAll(length, transferred, [&](std::uint32_t done) {
+    return pread(record->fd, static_cast<char*>(buffer) + done, length - done,
+                 static_cast<off_t>(position + done));
+  });
+#ifdef ZELTA_FAULTS
+  if (asked.die) dieNow();
+#endif
+  return result;
+}
+
+std::uint64_t placeOf(LockWord word) {
+  return word.ordinal == 0 ? word.position : kOrdinalBase + (word.ordinal & (kOrdinalBase - 1));
+}
+
+struct flock rangeOf(LockWord word, short type) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = static_cast<off_t>(placeOf(word));
+  range.l_len = word.ordinal == 0 ? 4 : 1;
+  return range;
+}
+
+}  // namespace
+
+SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
+  *out = File::none;
+  const std::string path = pathOf(name);
+  ZELTA_ASK(open, path, static_cast<std::uint64_t>(disposition));
+  bool created = false;
+  const int fd = openPath(path, disposition, &created);
+  if (fd < 0) return nameFailure(path);
+  struct stat info {};
+  if (fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+    close(fd);
+    return code::kAccessDenied;
+  }
+  if (created) {
+    fchmod(fd, 0666);
+    folderChanged(path);
+  }
+  auto* record = new FileRecord{fd, path, {}};
+  enter(record);
+  *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record));
+  return 0;
+}
+
+SystemCode closeFile(File file) {
+  if (file == File::none) return 0;
+  FileRecord* record = recordOf(file);
+  SystemCode result = 0;
+  leave(record);
+  if (record->fd >= 0) {
+    // A child that was forked before its handler ran may share the open file: unlock by name.
+    if (!record->held.empty()) {
+      struct flock all {};
+      all.l_type = F_UNLCK;
+      all.l_whence = SEEK_SET;
+      fcntl(record->fd, F_OFD_SETLK, &all);
+    }
+    if (close(record->fd) != 0) result = lastCode();
+  }
+  delete record;
+  return result;
+}
+
+SystemCode readFile(File file, std::uint64_t position, void* buffer, std::uint32_t length,
+                    std::uint32_t* transferred) {
+  *transferred = 0;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  return readRecord(record, position, buffer, length, transferred);
+}
+
+SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std::uint32_t length,
+                     std::uint32_t* transferred) {
+  *transferred = 0;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+#ifdef ZELTA_FAULTS
+  const Asked asked = ask(Call::write, record->path, position, length, buffer);
+  if (asked.code != 0 && asked.cut >= length) return asked.code;
+  if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
+#endif
+  const SystemCode result = transferAll(length, transferred, [&](std::uint32_t done) {
+    return pwrite(record->fd, static_cast<const char*>(buffer) + done, length - done,
+                  static_cast<off_t>(position + done));
+  });
+#ifdef ZELTA_FAULTS
+  if (asked.die) dieNow();
+  if (asked.code != 0) return asked.code;
+#endif
+  return result;
+}
+
+SystemCode fileSize(File file, std::uint64_t* size) {
+  *size = 0;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  struct stat info {};
+  if (fstat(record->fd, &info) != 0) return lastCode();
+  *size = static_cast<std::uint64_t>(info.st_size);
+  return 0;
+}
+
+SystemCode setFileSize(File file, std::uint64_t size) {
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  ZELTA_ASK(truncate, record->path, size);
+  while (ftruncate(record->fd, static_cast<off_t>(size)) != 0) {
+    if (errno != EINTR) return lastCode();
+  }
+  return 0;
+}
+
+SystemCode flushFile(File file) {
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  ZELTA_ASK(flush, record->path);
+  if (fdatasync(record->fd) != 0) return lastCode();
+  return syncFolder(record->path);
+}
+
+SystemCode lastWriteTime(File file, std::uint64_t* time) {
+  constexpr std::uint64_t kUnixEpoch = 116444736000000000;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  struct stat info {};
+  if (fstat(record->fd, &info) != 0) return lastCode();
+  *time = kUnixEpoch + static_cast<std::uint64_t>(info.st_mtim.tv_sec) * 10000000 +
+          static_cast<std::uint64_t>(info.st_mtim.tv_nsec) / 100;
+  return 0;
+}
+
+bool isNamed(File file, const char16_t* name) {
+  FileRecord* record = usable(file);
+  if (record == nullptr) return false;
+  struct stat mine {};
+  struct stat named {};
+  return fstat(record->fd, &mine) == 0 && stat(pathOf(name).c_str(), &named) == 0 &&
+         mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
+}
+
+SystemCode deleteFile(const char16_t* name) {
+  const std::string path = pathOf(name);
+  ZELTA_ASK(remove, path);
+  if (unlink(path.c_str()) != 0) return nameFailure(path);
+  folderChanged(path);
+  return 0;
+}
+
+SystemCode moveFile(const char16_t* from, const char16_t* to) {
+  const std::string source = pathOf(from);
+  const std::string target = pathOf(to);
+  ZELTA_ASK(rename, source);
+  if (renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) != 0) {
+    if (errno == EEXIST) return code::kAlreadyExists;
+    if (errno != ENOENT) return lastCode();
+    struct stat info {};
+    return stat(source.c_str(), &info) != 0 ? missing(source) : missing(target);
+  }
+  folderChanged(source);
+  folderChanged(target);
+  return 0;
+}
+
+SystemCode fileExists(const char16_t* name) {
+  const std::string path = pathOf(name);
+  struct stat info {};
+  if (stat(path.c_str(), &info) == 0) return 0;
+  // A folder "x/" is missing as a file is: its own folder is what counts.
+  std::string bare = path;
+  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+  return nameFailure(bare);
+}
+
+SystemCode createFolder(const char16_t* name) {
+  const std::string path = pathOf(name);
+  ZELTA_ASK(createFolder, path);
+  if (mkdir(path.c_str(), 0777) != 0) {
+    return errno == EEXIST ? code::kAlreadyExists : nameFailure(path);
+  }
+  folderChanged(path);
+  return 0;
+}
+
+SystemCode lockWord(File file, LockWord word) {
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  ZELTA_ASK(lock, record->path, word.position, 4);
+  const auto [place, added] = record->held.insert(placeOf(word));
+  if (!added) return code::kLockViolation;
+  struct flock range = rangeOf(word, F_WRLCK);
+  while (fcntl(record->fd, F_OFD_SETLK, &range) != 0) {
+    if (errno == EINTR) continue;
+    const SystemCode failure = errno == EACCES ? code::kLockViolation : lastCode();
+    record->held.erase(place);
+    return failure;
+  }
+  return 0;
+}
+
+SystemCode unlockWord(File file, LockWord word) {
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  ZELTA_ASK(unlock, record->path, word.position, 4);
+  if (record->held.erase(placeOf(word)) == 0) return code::kNotLocked;
+  struct flock range = rangeOf(word, F_UNLCK);
+  return fcntl(record->fd, F_OFD_SETLK, &range) == 0 ? 0 : lastCode();
+}
+
+SystemCode readLockable(File file, LockWord word, std::uint64_t position, void* buffer,
+                        std::uint32_t length, std::uint32_t* transferred) {
+  *transferred = 0;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  if (record->held.find(placeOf(word)) == record->held.end()) {
+    struct flock range = rangeOf(word, F_WRLCK);
+    if (fcntl(record->fd, F_OFD_GETLK, &range) != 0) return lastCode();
+    if (range.l_type != F_UNLCK) return code::kLockViolation;
+  }
+  return readRecord(record, position, buffer, length, transferred);
+}
+
+}  // namespace zelta::platform

@@ -1,0 +1,344 @@
+// Named mutexes: robust, recursive, process-shared pthread mutexes in small files of shared memory.
+//
+// A file is named after the mutex: a readable stem and a hash of the whole name, which the file
+// holds too and which is compared. It is made under another name and linked when it is complete, so
+// that nobody meets a half-made one. Each process that uses it holds a shared lock on its first
+// byte; whoever can turn that into an exclusive one is the last user and removes the file. Who
+// opened a file that was removed meanwhile starts over.
+//
+// All handles of a process share one mapping for a name, since the kernel keeps the mutexes that a
+// thread owns in a list through their memory: a mapping is never taken away while it may be on such
+// a list.
+//
+// Owners are told apart by thread ID. Processes in different PID name spaces must not share a
+// mutex.
+
+#include "platform/mutex.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "platform/posix/posix_internal.h"
+
+namespace zelta::platform {
+
+using namespace posix;
+
+namespace {
+
+constexpr const char* kFolder = "/dev/shm/";
+constexpr std::uint32_t kMagic = 0x315A4D5A;  // "ZMZ1"
+constexpr off_t kUserByte = 0;
+constexpr off_t kClaimByte = 1;
+
+/// What the file holds; the name follows.
+struct Shared {
+  std::uint32_t magic;
+  std::uint32_t nameLength;
+  pthread_mutex_t mutex;
+  [[nodiscard]] char* name() { return reinterpret_cast<char*>(this + 1); }
+};
+
+/// A process's use of a mutex.
+struct Mapping {
+  int fd = -1;
+  Shared* shared = nullptr;
+  std::size_t size = 0;
+  std::string path;
+  std::string name;
+  int handles = 0;            ///< guarded by mappingsMutex
+  std::atomic<int> owned{0};  ///< how often threads of this process own it
+  std::set<int> claims;       ///< files of the handles that claim it; guarded by mappingsMutex
+};
+
+struct Handle {
+  Mapping* mapping;
+  int claimFd = -1;
+};
+
+std::mutex mappingsMutex;
+std::map<std::string, std::unique_ptr<Mapping>>& mappings() {
+  static auto* all = new std::map<std::string, std::unique_ptr<Mapping>>;
+  return *all;
+}
+
+/// Inherited mutexes are of no use to a child: its threads are others, and its parent's locks must
+/// not live on with it.
+void closeInChild() {
+  for (auto& [name, mapping] : mappings()) {
+    if (mapping->fd >= 0) close(mapping->fd);
+    mapping->fd = -1;
+    for (const int claim : mapping->claims) close(claim);
+    static_cast<void>(mapping.release());  // handles of the parent may point to it
+  }
+  mappings().clear();
+  mappingsMutex.unlock();
+}
+
+void registerForkHandler() {
+  static const int registered =
+      pthread_atfork([] { mappingsMutex.lock(); }, [] { mappingsMutex.unlock(); }, closeInChild);
+  static_cast<void>(registered);
+}
+
+std::uint64_t hashOf(const std::string& text) {
+  std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  return hash;
+}
+
+std::string fileNameOf(const std::string& name) {
+  const std::size_t start = name.size() > 48 ? name.size() - 48 : 0;
+  std::string stem = name.substr(start);
+  for (char& c : stem) {
+    const bool plain =
+        (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '.';
+    if (!plain) c = '_';
+  }
+  char hash[17];
+  std::uint64_t value = hashOf(name);
+  for (int i = 15; i >= 0; --i, value >>= 4) hash[i] = "0123456789abcdef"[value & 15];
+  hash[16] = 0;
+  return std::string(kFolder) + "zelta." + stem + "." + hash;
+}
+
+SystemCode lockByte(int fd, off_t byte, short type, int command) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = byte;
+  range.l_len = 1;
+  while (fcntl(fd, command, &range) != 0) {
+    if (errno == EINTR) continue;
+    return errno == EACCES ? code::kLockViolation : lastCode();
+  }
+  return 0;
+}
+
+bool initialise(Shared* shared, const std::string& name) {
+  pthread_mutexattr_t attributes;
+  if (pthread_mutexattr_init(&attributes) != 0) return false;
+  const bool done = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) == 0 &&
+                    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST) == 0 &&
+                    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED) == 0 &&
+                    pthread_mutex_init(&shared->mutex, &attributes) == 0;
+  pthread_mutexattr_destroy(&attributes);
+  std::memcpy(shared->name(), name.data(), name.size());
+  shared->nameLength = static_cast<std::uint32_t>(name.size());
+  shared->magic = kMagic;
+  return done;
+}
+
+/// Makes the file complete under a name of its own, then gives it the real one. It is no failure if
+/// somebody else was faster.
+SystemCode publish(const std::string& path, const std::string& name) {
+  static std::atomic<unsigned> counter{0};
+  const std::string draft = path + "." + std::to_string(getpid()) + "." + std::to_string(counter++);
+  const int fd = open(draft.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return lastCode();
+  const std::size_t size = sizeof(Shared) + name.size();
+  SystemCode failure = 0;
+  if (const int error = posix_fallocate(fd, 0, static_cast<off_t>(size)); error != 0)
+    failure = codeOf(error);
+  if (failure == 0) {
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (memory == MAP_FAILED) {
+      failure = lastCode();
+    } else {
+      if (!initialise(static_cast<Shared*>(memory), name)) failure = code::kNoMemory;
+      munmap(memory, size);
+    }
+  }
+  if (failure == 0 && fchmod(fd, 0666) != 0) failure = lastCode();
+  if (failure == 0 && link(draft.c_str(), path.c_str()) != 0 && errno != EEXIST)
+    failure = lastCode();
+  unlink(draft.c_str());
+  close(fd);
+  return failure;
+}
+
+/// Opens the file under its name and becomes one of its users; `*fd` -1 without a failure: it is
+/// missing, or was removed meanwhile.
+SystemCode join(const std::string& path, int* fd) {
+  *fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+  if (*fd < 0) return errno == ENOENT ? 0 : lastCode();
+  SystemCode failure = lockByte(*fd, kUserByte, F_RDLCK, F_OFD_SETLKW);
+  struct stat info {};
+  if (failure == 0 && fstat(*fd, &info) != 0) failure = lastCode();
+  if (failure != 0 || info.st_nlink == 0) {
+    close(*fd);
+    *fd = -1;
+  }
+  return failure;
+}
+
+SystemCode mapFile(Mapping& mapping) {
+  struct stat info {};
+  if (fstat(mapping.fd, &info) != 0) return lastCode();
+  mapping.size = sizeof(Shared) + mapping.name.size();
+  if (static_cast<std::size_t>(info.st_size) != mapping.size) return code::kGeneralFailure;
+  void* memory = mmap(nullptr, mapping.size, PROT_READ | PROT_WRITE, MAP_SHARED, mapping.fd, 0);
+  if (memory == MAP_FAILED) return lastCode();
+  mapping.shared = static_cast<Shared*>(memory);
+  const bool mine =
+      mapping.shared->magic == kMagic && mapping.shared->nameLength == mapping.name.size() &&
+      std::memcmp(mapping.shared->name(), mapping.name.data(), mapping.name.size()) == 0;
+  return mine ? 0 : code::kGeneralFailure;  // another name of the same hash, or a foreign file
+}
+
+SystemCode openMapping(Mapping& mapping) {
+  while (mapping.fd < 0) {
+    if (const SystemCode failure = join(mapping.path, &mapping.fd); failure != 0) return failure;
+    if (mapping.fd >= 0) break;
+    if (const SystemCode failure = publish(mapping.path, mapping.name); failure != 0)
+      return failure;
+  }
+  return mapFile(mapping);
+}
+
+/// Leaves the file, and removes it if nobody else uses it.
+void closeMapping(Mapping& mapping) {
+  if (mapping.shared != nullptr) munmap(mapping.shared, mapping.size);
+  mapping.shared = nullptr;
+  if (mapping.fd < 0) return;
+  if (lockByte(mapping.fd, kUserByte, F_WRLCK, F_OFD_SETLK) == 0) unlink(mapping.path.c_str());
+  close(mapping.fd);
+  mapping.fd = -1;
+}
+
+Handle* handleOf(Mutex mutex) {
+  return reinterpret_cast<Handle*>(static_cast<std::uintptr_t>(mutex));
+}
+
+int lockWithin(pthread_mutex_t* mutex, std::uint32_t milliseconds) {
+  if (milliseconds == 0) return pthread_mutex_trylock(mutex);
+  if (milliseconds == kForever) return pthread_mutex_lock(mutex);
+  if (const int quick = pthread_mutex_trylock(mutex); quick != EBUSY) return quick;
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec += milliseconds / 1000;
+  until.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
+  if (until.tv_nsec >= 1000000000) {
+    until.tv_nsec -= 1000000000;
+    ++until.tv_sec;
+  }
+  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+}
+
+}  // namespace
+
+SystemCode createMutex(const char16_t* name, Mutex* out) {
+  *out = Mutex::none;
+  const std::string text = pathOf(name);
+  ZELTA_ASK(mutexCreate, text);
+  registerForkHandler();
+  const std::lock_guard guard(mappingsMutex);
+  std::unique_ptr<Mapping>& place = mappings()[text];
+  if (place == nullptr) {
+    auto mapping = std::make_unique<Mapping>();
+    mapping->name = text;
+    mapping->path = fileNameOf(text);
+    if (const SystemCode failure = openMapping(*mapping); failure != 0) {
+      closeMapping(*mapping);
+      mappings().erase(text);
+      return failure;
+    }
+    place = std::move(mapping);
+  }
+  auto* handle = new Handle{place.get()};
+  ++place->handles;
+  *out = static_cast<Mutex>(reinterpret_cast<std::uintptr_t>(handle));
+  return 0;
+}
+
+void closeMutex(Mutex mutex) {
+  if (mutex == Mutex::none) return;
+  Handle* handle = handleOf(mutex);
+  unclaimMutex(mutex);
+  const std::lock_guard guard(mappingsMutex);
+  Mapping* mapping = handle->mapping;
+  delete handle;
+  if (mapping->fd < 0) return;  // inherited over a fork
+  if (--mapping->handles > 0 || mapping->owned > 0) return;
+  closeMapping(*mapping);
+  mappings().erase(std::string(mapping->name));
+}
+
+SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
+  if (abandoned != nullptr) *abandoned = false;
+  if (mutex == Mutex::none) return code::kInvalidHandle;
+  Mapping* mapping = handleOf(mutex)->mapping;
+  if (mapping->fd < 0) return code::kInvalidHandle;
+  ZELTA_ASK(mutexWait, mapping->name);
+  const int result = lockWithin(&mapping->shared->mutex, milliseconds);
+  if (result == EBUSY || result == ETIMEDOUT) return code::kTimeout;
+  if (result == EOWNERDEAD) {
+    pthread_mutex_consistent(&mapping->shared->mutex);
+    if (abandoned != nullptr) *abandoned = true;
+  } else if (result != 0) {
+    return codeOf(result);
+  }
+  ++mapping->owned;
+  return 0;
+}
+
+SystemCode releaseMutex(Mutex mutex) {
+  if (mutex == Mutex::none) return code::kInvalidHandle;
+  Mapping* mapping = handleOf(mutex)->mapping;
+  if (mapping->fd < 0) return code::kInvalidHandle;
+  ZELTA_ASK(mutexRelease, mapping->name);
+  const int result = pthread_mutex_unlock(&mapping->shared->mutex);
+  if (result == EPERM) return code::kNotOwner;
+  if (result != 0) return codeOf(result);
+  --mapping->owned;
+  return 0;
+}
+
+SystemCode claimMutex(Mutex mutex) {
+  if (mutex == Mutex::none) return code::kInvalidHandle;
+  Handle* handle = handleOf(mutex);
+  Mapping* mapping = handle->mapping;
+  if (mapping->fd < 0) return code::kInvalidHandle;
+  if (handle->claimFd >= 0) return 0;
+  // An open file of its own: the claim is this handle's, not the process's. The file cannot vanish
+  // from under its name while this process is one of its users.
+  const int fd = open(mapping->path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return lastCode();
+  const SystemCode failure = lockByte(fd, kClaimByte, F_WRLCK, F_OFD_SETLK);
+  if (failure != 0) {
+    close(fd);
+    return failure == code::kLockViolation ? code::kTimeout : failure;
+  }
+  handle->claimFd = fd;
+  const std::lock_guard guard(mappingsMutex);
+  mapping->claims.insert(fd);
+  return 0;
+}
+
+void unclaimMutex(Mutex mutex) {
+  if (mutex == Mutex::none) return;
+  Handle* handle = handleOf(mutex);
+  if (handle->claimFd < 0) return;
+  if (handle->mapping->fd >= 0) {  // else inherited over a fork, and closed there
+    static_cast<void>(lockByte(handle->claimFd, kClaimByte, F_UNLCK, F_OFD_SETLK));
+    const std::lock_guard guard(mappingsMutex);
+    handle->mapping->claims.erase(handle->claimFd);
+    close(handle->claimFd);
+  }
+  handle->claimFd = -1;
+}
+
+}  // namespace zelta::platform
