@@ -71,7 +71,7 @@ class AtomicManager {
   std::uint32_t indexCount = 0;
   std::uint32_t shadowPageCount = 0;
   std::uint32_t pageCount = 0;
-  std::uint32_t pageSize = 0;
+  std::uint32_t pageSize = 0;  ///< guess for one read: a tree's own comes from its file's header
   std::uint64_t indexFreeHead = 0;
   std::uint64_t memoryFreeHead = 0;
   std::uint64_t indexEndOfFile = 0;
