@@ -1,0 +1,26 @@
+#include "frame/metadata.h"
+
+#include <cstdlib>
+
+namespace zelta {
+
+void clearError(MetaData& metaData) {
+  std::free(metaData.errorMessage);
+  metaData.errorMessage = nullptr;
+}
+
+void trimScratch(MetaData& metaData, bool all) {
+  constexpr std::uint64_t kLargeFirst = 4096;  // for the first three buffers
+  constexpr std::uint64_t kLargeOther = 2048;
+  for (std::size_t i = 0; i < metaData.scratch.size(); ++i) {
+    ScratchBuffer& buffer = metaData.scratch[i];
+    if (all || buffer.size() > (i < 3 ? kLargeFirst : kLargeOther)) buffer.release();
+  }
+}
+
+std::u16string databasePath(const MetaData& metaData, const std::u16string& name,
+                            const char16_t* extension) {
+  return metaData.directoryPath + name + extension;
+}
+
+}  // namespace zelta
