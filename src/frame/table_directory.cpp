@@ -27,7 +27,8 @@ void appendText(std::string& out, const std::u16string& text) {
 }
 
 std::uint32_t unitsOf(const DirectoryEntry& entry) {
-  return static_cast<std::uint32_t>(kEntryHeadUnits + entry.name.size() + entry.indexPath.size() + 2);
+  return static_cast<std::uint32_t>(kEntryHeadUnits + entry.name.size() + entry.indexPath.size() +
+                                    2);
 }
 
 /// Reads a terminated text of the entry area. False if its end is missing.
@@ -67,7 +68,8 @@ bool TableDirectory::parse(const char* bytes, std::size_t length, std::uint32_t 
   entries_.clear();
   const std::uint64_t needed =
       std::uint64_t{directorySize} * 2 + std::uint64_t{tableCount} * kIndexRecordSize;
-  if (needed != length || std::uint64_t{tableCount} * kLeastEntryUnits > directorySize) return false;
+  if (needed != length || std::uint64_t{tableCount} * kLeastEntryUnits > directorySize)
+    return false;
   std::size_t position = 0;
   for (std::uint32_t i = 0; i < tableCount; ++i) {
     DirectoryEntry entry{};
@@ -98,7 +100,8 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
     if (current.directoryEnd < kControlHeaderSize) return damaged();
     const std::uint32_t length = current.directoryEnd - kControlHeaderSize;
     if (std::uint64_t{current.directorySize} * 2 +
-            std::uint64_t{current.tableCount} * kIndexRecordSize != length) {
+            std::uint64_t{current.tableCount} * kIndexRecordSize !=
+        length) {
       return damaged();
     }
     std::uint64_t size = 0;
@@ -115,7 +118,8 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
     // A reader holds no lock: an exclusive transaction may have changed the directory meanwhile.
     ControlHeader_tag again{};
     constexpr std::uint32_t kStable = kExclusiveWord;
-    if (const SystemCode failure = readBuffer(metaData.controlFile, 0, &again, kStable); failure != 0) {
+    if (const SystemCode failure = readBuffer(metaData.controlFile, 0, &again, kStable);
+        failure != 0) {
       return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
     }
     if (std::memcmp(&again, &current, kStable) == 0) return good ? Result{} : damaged();

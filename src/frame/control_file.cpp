@@ -1,0 +1,223 @@
+// Reading the control file's header, and the repair at first open.
+
+#include "frame/control_file.h"
+
+#include <cstring>
+
+#include "frame/directory_change.h"
+#include "frame/upcalls.h"
+#include "platform/clock.h"
+#include "storage/file_io.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::uint32_t kIntentStart = offsetof(ControlHeader_tag, oldEnd);
+
+Result reportControl(MetaData& metaData, SystemCode failure) {
+  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+}
+
+/// Reads bytes of the header, waiting for a lock on them to go away.
+SystemCode readPatiently(platform::File file, std::uint32_t from, char* out, std::uint32_t length) {
+  constexpr int kAttempts = 250;
+  constexpr int kQuick = 150;
+  SystemCode failure = 0;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    failure = readBuffer(file, from, out, length);
+    if (failure != code::kLockViolation) break;
+    platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
+  }
+  return failure;
+}
+
+/// Reads what this handle may see of the header.
+SystemCode readHeaderBytes(MetaData& metaData, ControlHeader_tag& header) {
+  char* bytes = reinterpret_cast<char*>(&header);
+  std::memset(bytes, 0, sizeof header);
+  if (metaData.slotPosition == 0) {
+    return readPatiently(metaData.controlFile, 0, bytes, kExclusiveWord);
+  }
+  if (metaData.transactionWord == 1) {
+    const SystemCode failure = readPatiently(metaData.controlFile, 0, bytes, sizeof header);
+    if (failure != code::kEndOfFile) return failure;
+    // An empty database of version 1.1 has the 64 bytes of its header and no more.
+    std::uint32_t count = 0;
+    std::memset(bytes, 0, sizeof header);
+    if (readBuffer(metaData.controlFile, 0, bytes, sizeof header, &count) != 0) return failure;
+    return count >= kOldHeaderSize && header.minorVersion == 1 ? 0 : failure;
+  }
+  if (const SystemCode failure = readPatiently(metaData.controlFile, 0, bytes, kExclusiveWord);
+      failure != 0) {
+    return failure;
+  }
+  return readPatiently(metaData.controlFile, kIntentStart, bytes + kIntentStart,
+                       sizeof header - kIntentStart);
+}
+
+Result checkHeader(MetaData& metaData, const ControlHeader_tag& header) {
+  if (std::memcmp(header.magic, "ZELC", 4) != 0) {
+    return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
+  }
+  if (header.majorVersion != 1 || (header.minorVersion != 1 && header.minorVersion != 2)) {
+    return reportError(&metaData, Own::controlVersion, nullptr, nullptr, header.majorVersion,
+                       header.minorVersion);
+  }
+  return {};
+}
+
+}  // namespace
+
+SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposition,
+                            platform::File* out) {
+  constexpr int kAttempts = 10;
+  SystemCode failure = 0;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (attempt > 0) platform::sleepMilliseconds(0);
+    failure = platform::openFile(name, disposition, out);
+    if (failure != code::kSharingViolation) break;
+  }
+  return failure;
+}
+
+Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header) {
+  if (const SystemCode failure = readHeaderBytes(metaData, header); failure != 0) {
+    return reportControl(metaData, failure);
+  }
+  ZELTA_TRY(checkHeader(metaData, header));
+  if (header.minorVersion == 1) return upgradeControlFile(metaData, header);
+  Result result;
+  if (header.imageStart != 0 && metaData.mayWrite())
+    result = finishPendingChange(metaData, header, true);
+  clearIntent(header);
+  return result;
+}
+
+// -- The first opener -----------------------------------------------------------------------------
+
+namespace {
+
+/// Lets a first opener's rights and locks go at the end of its repair.
+class OpenerScope {
+ public:
+  explicit OpenerScope(MetaData& metaData) : metaData_(metaData) {}
+  ~OpenerScope() {
+    metaData_.transactionWord = 0;
+    metaData_.slotPosition = 0;
+    if (!succeeded_) platform::unclaimMutex(metaData_.openerMutex);
+    platform::unlockWord(metaData_.controlFile, {kExclusiveWord});
+  }
+  OpenerScope(const OpenerScope&) = delete;
+  OpenerScope& operator=(const OpenerScope&) = delete;
+  void succeed() { succeeded_ = true; }
+
+ private:
+  MetaData& metaData_;
+  bool succeeded_ = false;
+};
+
+/// Whether some slot's owner lives.
+Result findLiveSlot(MetaData& metaData, std::uint32_t directoryEnd, bool* live) {
+  *live = false;
+  std::uint64_t size = 0;
+  if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
+    return reportControl(metaData, failure);
+  }
+  for (std::uint64_t slot = directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
+    const SystemCode failure = platform::lockWord(metaData.controlFile, {slot + 4});
+    if (failure == code::kLockViolation) {
+      *live = true;
+      return {};
+    }
+    if (failure != 0) return reportControl(metaData, failure);
+    platform::unlockWord(metaData.controlFile, {slot + 4});
+  }
+  return {};
+}
+
+/// Memory files hold nothing that outlives the last closer.
+Result cutMemoryFiles(MetaData& metaData, const ControlHeader_tag& header) {
+  TableDirectory directory;
+  ZELTA_TRY(directory.read(metaData, header));
+  for (const DirectoryEntry& entry : directory.entries()) {
+    const std::u16string path = databasePath(metaData, entry.name, extension::kMemory);
+    platform::File file = platform::File::none;
+    SystemCode failure = openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &file);
+    if (failure == code::kFileNotFound || failure == code::kPathNotFound) continue;
+    if (failure == 0) failure = truncateFile(file, 0);
+    platform::closeFile(file);
+    if (failure != 0) return reportSystemError(&metaData, failure, path.c_str());
+  }
+  return {};
+}
+
+Result recoverExclusive(MetaData& metaData, UInt32AVLTree*& tables, ControlHeader_tag& header) {
+  constexpr std::uint32_t kState = offsetof(ControlHeader_tag, exclusiveState);
+  std::uint32_t state = 0;
+  if (const SystemCode failure = readBuffer(metaData.controlFile, kState, &state, 4);
+      failure != 0) {
+    return reportControl(metaData, failure);
+  }
+  if (state == 0) return {};
+  ZELTA_TRY(recoverTransaction(metaData, tables, 1, kExclusiveWord, &header));
+  state = 0;
+  SystemCode failure = writeBuffer(metaData.controlFile, kState, &state, 4);
+  if (failure == 0) failure = platform::flushFile(metaData.controlFile);
+  if (failure != 0) return reportControl(metaData, failure);
+  return refreshControlHeader(metaData, header);  // a replayed change moves the directory's end
+}
+
+Result recoverSlots(MetaData& metaData, UInt32AVLTree*& tables, const ControlHeader_tag& header) {
+  std::uint64_t size = 0;
+  if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
+    return reportControl(metaData, failure);
+  }
+  for (std::uint64_t slot = header.directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
+    std::uint32_t number = 0;
+    if (const SystemCode failure = readBuffer(metaData.controlFile, slot, &number, 4);
+        failure != 0) {
+      return reportControl(metaData, failure);
+    }
+    if (number != 0) ZELTA_TRY(recoverTransaction(metaData, tables, number, slot, &header));
+  }
+  return reportControl(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
+}
+
+Result repairAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
+  ControlHeader_tag header;
+  ZELTA_TRY(refreshControlHeader(metaData, header));
+  bool live = false;
+  ZELTA_TRY(findLiveSlot(metaData, header.directoryEnd, &live));
+  if (live || header.directoryEnd == kControlHeaderSize) return {};
+  ZELTA_TRY(cutMemoryFiles(metaData, header));
+  ZELTA_TRY(recoverExclusive(metaData, tables, header));
+  return recoverSlots(metaData, tables, header);
+}
+
+}  // namespace
+
+Result recoverAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
+  const SystemCode failure = platform::lockWord(metaData.controlFile, {kExclusiveWord});
+  if (failure == code::kLockViolation)
+    return {};  // an exclusive transaction is at work: somebody lives
+  if (failure != 0) return reportControl(metaData, failure);
+  OpenerScope scope(metaData);
+  const SystemCode claimed = platform::claimMutex(metaData.openerMutex);
+  if (claimed == code::kTimeout) {
+    scope.succeed();  // somebody else opened first
+    return {};
+  }
+  if (claimed != 0) return reportControl(metaData, claimed);
+  metaData.transactionWord = 1;
+  metaData.slotPosition = 1;
+  const Result result = repairAtOpen(metaData, tables);
+  if (result.failed()) {
+    destroyTables(metaData, tables);
+    return result;
+  }
+  scope.succeed();
+  return {};
+}
+
+}  // namespace zelta
