@@ -154,14 +154,20 @@ Result completeRemoval(MetaData& metaData, ControlHeader_tag& header, PendingIma
   return installDirectory(metaData, header, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
 }
 
-/// Splits the image into directory and schema; false if it is malformed.
-bool parseImage(const ControlHeader_tag& header, bool oldDirectory, PendingImage& image) {
-  const std::uint32_t count = oldDirectory ? header.tableCount : header.newTableCount;
-  const std::uint32_t units = oldDirectory ? header.directorySize : header.newDirectorySize;
-  const std::uint64_t length = std::uint64_t{units} * 2 + std::uint64_t{count} * 8;
+/// Splits the image into directory and schema; false if it is malformed. The image of a removal is
+/// the directory before it, with one table more. (The header's own counts may be old or new: a
+/// crash can come between their writing and the clearing of the intent.)
+bool parseImage(const ControlHeader_tag& header, bool removal, PendingImage& image) {
+  const std::uint64_t count = std::uint64_t{header.newTableCount} + (removal ? 1 : 0);
+  const std::uint64_t units =
+      removal ? (image.length - std::min<std::uint64_t>(count * 8, image.length)) / 2
+              : header.newDirectorySize;
+  const std::uint64_t length = units * 2 + count * 8;
   if (length > image.length) return false;
   image.directoryLength = static_cast<std::uint32_t>(length);
-  return image.directory.parse(image.bytes, image.directoryLength, count, units);
+  return image.directory.parse(image.bytes, image.directoryLength,
+                               static_cast<std::uint32_t>(count),
+                               static_cast<std::uint32_t>(units));
 }
 
 /// Carries out a complete change; `*target` is the file's length after it.
@@ -181,7 +187,6 @@ Result carryOut(MetaData& metaData, ControlHeader_tag& header, PendingImage& ima
     // Changes of a table's schema are not made by this release.
     return reportError(&metaData, Own::context);
   }
-  // A removal that was carried out but not cleared still has the old numbers in the header.
   if (!parseImage(header, removal, image)) {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   }

@@ -1,0 +1,232 @@
+// Creating, opening and closing databases.
+
+#include "frame/lifecycle.h"
+
+#include <cstring>
+
+#include "frame/control_file.h"
+#include "frame/upcalls.h"
+#include "platform/text.h"
+#include "storage/file_io.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::size_t kExtensionLength = 4;
+constexpr std::uint32_t kOpenTimeout = 600000;  // ms
+
+/// The path with its extension, with the platform's separators.
+std::u16string fileNameOf(const char16_t* path) {
+  std::u16string name(path);
+  if (platform::kSeparator != u'\\') {
+    for (char16_t& c : name) {
+      if (c == u'\\') c = platform::kSeparator;
+    }
+  }
+  const std::u16string extension(extension::kControl);
+  const bool has = name.size() >= kExtensionLength &&
+                   compareNames(name.substr(name.size() - kExtensionLength), extension) == 0;
+  return has ? name : name + extension;
+}
+
+/// Every folder on the way must lie on a disk of this machine.
+bool isLocal(const std::u16string& name) {
+  bool known = false;
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    if (name[i] != platform::kSeparator) continue;
+    const platform::VolumeType type = platform::volumeType(name.substr(0, i + 1).c_str());
+    if (type == platform::VolumeType::unknown || type == platform::VolumeType::remote) return false;
+    known = true;
+  }
+  return known;
+}
+
+/// Makes the folders that are missing. A failure to make one shows when the file is opened.
+Result createFolders(MetaData& metaData, const std::u16string& name) {
+  for (std::size_t i = 1; i < name.size(); ++i) {
+    if (name[i] != platform::kSeparator) continue;
+    const std::u16string folder = name.substr(0, i);
+    const SystemCode failure = platform::fileExists(folder.c_str());
+    if (failure == code::kFileNotFound) {
+      static_cast<void>(platform::createFolder(folder.c_str()));
+    } else if (failure != 0) {
+      return reportSystemError(&metaData, failure, name.c_str());
+    }
+  }
+  return {};
+}
+
+std::u16string withLast(std::u16string name, char16_t last) {
+  name.back() = last;
+  return name;
+}
+
+Result createMutexes(MetaData& metaData, const std::u16string& name) {
+  SystemCode failure = createFileMutex(name, &metaData.databaseMutex);
+  if (failure == 0) failure = createFileMutex(withLast(name, u'2'), &metaData.openerMutex);
+  return reportSystemError(&metaData, failure, name.c_str());
+}
+
+Result createLogMutex(MetaData& metaData, const std::u16string& name) {
+  return reportSystemError(&metaData, createFileMutex(withLast(name, u'l'), &metaData.logMutex),
+                           name.c_str());
+}
+
+void splitPath(MetaData& metaData, const std::u16string& name) {
+  const std::size_t folder = name.rfind(platform::kSeparator) + 1;
+  metaData.directoryPath = name.substr(0, folder);
+  metaData.baseName = name.substr(folder, name.size() - folder - kExtensionLength);
+}
+
+Result writeNewHeader(MetaData& metaData, const std::u16string& name) {
+  ControlHeader_tag header{};
+  std::memcpy(header.magic, "ZELC", 4);
+  header.majorVersion = 1;
+  header.minorVersion = 2;
+  header.directoryEnd = kControlHeaderSize;
+  header.lastTransaction = 1;
+  const SystemCode failure = writeBuffer(metaData.controlFile, 0, &header, sizeof header);
+  if (failure != 0) return reportSystemError(&metaData, failure, name.c_str());
+  static_cast<void>(platform::flushFile(metaData.controlFile));
+  return {};
+}
+
+/// Closes whatever is open; the pending text stays.
+void closeAll(MetaData& metaData) {
+  platform::closeFile(metaData.controlFile);
+  platform::closeFile(metaData.logFile);
+  metaData.controlFile = platform::File::none;
+  metaData.logFile = platform::File::none;
+  for (platform::Mutex* mutex :
+       {&metaData.databaseMutex, &metaData.logMutex, &metaData.openerMutex}) {
+    platform::closeMutex(*mutex);
+    *mutex = platform::Mutex::none;
+  }
+  metaData.directoryPath.clear();
+  metaData.baseName.clear();
+  metaData.transactionWord = 0;
+  metaData.slotPosition = 0;
+  metaData.ownerThread = 0;
+}
+
+/// Releases a mutex at the end of the scope; the first failure of all is kept.
+class MutexHold {
+ public:
+  explicit MutexHold(platform::Mutex mutex) : mutex_(mutex) {}
+  ~MutexHold() {
+    if (mutex_ != platform::Mutex::none) static_cast<void>(platform::releaseMutex(mutex_));
+  }
+  MutexHold(const MutexHold&) = delete;
+  MutexHold& operator=(const MutexHold&) = delete;
+
+ private:
+  platform::Mutex mutex_;
+};
+
+/// The part of creation under the database's mutex.
+Result initialise(MetaData& metaData, UInt32AVLTree*& tables, const std::u16string& name) {
+  if (const SystemCode failure = platform::waitMutex(metaData.databaseMutex, platform::kForever);
+      failure != 0) {
+    return reportSystemError(&metaData, failure, name.c_str());
+  }
+  const MutexHold database(metaData.databaseMutex);
+  ZELTA_TRY(writeNewHeader(metaData, name));
+  ZELTA_TRY(createLogMutex(metaData, name));
+  if (const SystemCode failure = platform::waitMutex(metaData.logMutex, platform::kForever);
+      failure != 0) {
+    return reportSystemError(&metaData, failure, name.c_str());
+  }
+  const MutexHold log(metaData.logMutex);
+  splitPath(metaData, name);
+  return recoverAtOpen(metaData, tables);
+}
+
+Result createControlFile(MetaData& metaData, const std::u16string& name) {
+  SystemCode failure =
+      openDatabaseFile(name.c_str(), platform::Disposition::createNew, &metaData.controlFile);
+  if (failure == code::kPathNotFound) {
+    ZELTA_TRY(createFolders(metaData, name));
+    failure =
+        openDatabaseFile(name.c_str(), platform::Disposition::createNew, &metaData.controlFile);
+  }
+  return reportSystemError(&metaData, failure, name.c_str());
+}
+
+/// The part of opening under the database's mutex.
+Result openLocked(MetaData& metaData, UInt32AVLTree*& tables, const std::u16string& name) {
+  if (const SystemCode failure = platform::waitMutex(metaData.databaseMutex, kOpenTimeout);
+      failure != 0) {
+    return reportSystemError(&metaData, failure, name.c_str());
+  }
+  const MutexHold database(metaData.databaseMutex);
+  ZELTA_TRY(createLogMutex(metaData, name));
+  if (const SystemCode failure = openDatabaseFile(name.c_str(), platform::Disposition::openExisting,
+                                                  &metaData.controlFile);
+      failure != 0) {
+    return reportSystemError(&metaData, failure, name.c_str());
+  }
+  splitPath(metaData, name);
+  return recoverAtOpen(metaData, tables);
+}
+
+/// Undoes a failed open or creation, also when memory ran out.
+class OpeningScope {
+ public:
+  explicit OpeningScope(MetaData& metaData) : metaData_(metaData) {}
+  ~OpeningScope() {
+    if (!succeeded_) closeAll(metaData_);
+  }
+  OpeningScope(const OpeningScope&) = delete;
+  OpeningScope& operator=(const OpeningScope&) = delete;
+  Result finish(Result result) {
+    succeeded_ = result.ok();
+    return result;
+  }
+
+ private:
+  MetaData& metaData_;
+  bool succeeded_ = false;
+};
+
+}  // namespace
+
+SystemCode createFileMutex(const std::u16string& path, platform::Mutex* out) {
+  // The name differs as the path does; what a platform cannot have in a name, it replaces itself.
+  return platform::createMutex((u"Global\\" + path).c_str(), out);
+}
+
+Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path) {
+  const std::u16string name = fileNameOf(path);
+  if (!isLocal(name)) return reportError(&metaData, Own::notLocal, name.c_str());
+  OpeningScope scope(metaData);
+  if (const Result result = createControlFile(metaData, name); result.failed()) return result;
+  Result result = createMutexes(metaData, name);
+  if (result.ok()) result = initialise(metaData, tables, name);
+  if (result.failed()) static_cast<void>(platform::deleteFile(name.c_str()));
+  return scope.finish(result);
+}
+
+Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path) {
+  const std::u16string name = fileNameOf(path);
+  if (const SystemCode failure = platform::fileExists(name.c_str()); failure != 0) {
+    return reportSystemError(&metaData, failure, name.c_str());
+  }
+  if (!isLocal(name)) return reportError(&metaData, Own::notLocal, name.c_str());
+  OpeningScope scope(metaData);
+  if (const Result result = createMutexes(metaData, name); result.failed()) return result;
+  return scope.finish(openLocked(metaData, tables, name));
+}
+
+void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables) {
+  if (metaData.transactionWord != 0) endTransaction(metaData, tables).ignore();
+  destroyTables(metaData, tables);
+  // An exclusive reader owns the database's mutex until it ends, which may have failed.
+  if (metaData.transactionWord == 1 && metaData.slotPosition == 0) {
+    static_cast<void>(platform::releaseMutex(metaData.databaseMutex));
+  }
+  closeAll(metaData);
+  clearError(metaData);
+}
+
+}  // namespace zelta
