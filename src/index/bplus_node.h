@@ -51,6 +51,9 @@ class BPlusNode {
   /// Makes an empty node of bytes that are zero.
   void format(char* bytes, std::uint32_t size, bool leaf, const BPlusShape& shape);
 
+  /// Follows the node to a copy of its bytes.
+  void moveTo(char* bytes) { bytes_ = bytes; }
+
   [[nodiscard]] char* bytes() const { return bytes_; }
   [[nodiscard]] std::uint32_t size() const { return size_; }
   [[nodiscard]] std::uint32_t count() const { return count_; }
@@ -96,9 +99,7 @@ class BPlusNode {
   /// Bytes between keys and pointers.
   [[nodiscard]] std::uint32_t freeBytes() const { return freeBytes_; }
   /// Whether another key of so many words fits, with its pointer.
-  [[nodiscard]] bool fits(std::uint32_t words) const {
-    return freeBytes_ >= std::uint64_t{words} * 4 + shape_.pointerBytes(leaf_);
-  }
+  [[nodiscard]] bool fits(std::uint32_t words) const;
   /// The two sides of the rules of fill.
   [[nodiscard]] std::uint64_t usable() const { return usableOf(size_); }
   [[nodiscard]] std::uint64_t used() const;
@@ -126,6 +127,8 @@ class BPlusNode {
   void append(const BPlusNode& source, std::uint32_t from, std::uint32_t to);
   /// Appends one entry.
   void append(const std::uint32_t* key, std::uint64_t pointer);
+  /// Keeps the first `count` entries only.
+  void truncate(std::uint32_t count);
   /// Empties the node; a leaf keeps its links.
   void clear();
 

@@ -69,11 +69,10 @@ class BPlusCursor {
 
  private:
   Result corrupted();
-  Result load(std::uint64_t position, BPlusNode& node);
-  Result loadLeaf(std::uint64_t position);
+  Result load(std::uint64_t position);
   Result descend(CZELTA::Mode mode, const std::uint32_t* pivot);
   Result enterNeighbour(bool up);
-  void place(std::uint32_t entry);
+  Result place(std::uint32_t entry);
 
   MetaData& metaData_;
   Table& table_;

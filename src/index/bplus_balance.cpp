@@ -1,0 +1,309 @@
+// Removing a key, and keeping nodes filled: thin nodes join a sibling or share its entries.
+
+#include "index/bplus_walk.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::uint32_t kThin = 40;     ///< percent of fill below which a node looks for a partner
+constexpr std::uint32_t kStarved = 10;  ///< below this it takes over entries if it cannot be joined
+constexpr std::uint32_t kJoined = 80;   ///< a joined node stays below this
+/// A variable leaf with so many keys is not joined.
+constexpr std::uint32_t kManyKeys = 6;
+constexpr std::uint32_t kMaximumCount = 0xFFFF;
+
+/// Bytes of used() when two nodes are joined; a branch takes the separator between them down.
+std::uint64_t joinedUse(const BPlusNode& left, const BPlusNode& right,
+                        const std::uint32_t* separator) {
+  std::uint64_t used = left.used() + right.used();
+  if (left.leaf()) return used;
+  used += std::uint64_t{left.shape().words(separator)} * 4;
+  // In the variable form used() leaves out the first child, of which the joined node has one less.
+  return left.shape().variable ? used + 8 : used;
+}
+
+void joinIntoLeft(BPlusNode& left, const BPlusNode& right, const std::uint32_t* separator) {
+  if (!left.leaf()) left.append(separator, right.child(0));
+  left.append(right, 0, right.count());
+}
+
+void joinIntoRight(const BPlusNode& left, BPlusNode& right, const BPlusNode& oldRight,
+                   const std::uint32_t* separator) {
+  right.clear();
+  if (!left.leaf()) right.setPointer(0, left.child(0));
+  right.append(left, 0, left.count());
+  if (!left.leaf()) right.append(separator, oldRight.child(0));
+  right.append(oldRight, 0, oldRight.count());
+}
+
+}  // namespace
+
+Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
+                    bool* joined) {
+  BPlusNode& left = *pair.left;
+  BPlusNode& right = *pair.right;
+  *joined = false;
+  if (left.leaf() != right.leaf() || pair.leftPosition == pair.rightPosition) {
+    return walk.corrupted();
+  }
+  const bool keepLeft = pair.leftPosition < pair.rightPosition;
+  const std::uint64_t usable = keepLeft ? left.usable() : right.usable();
+  const std::uint32_t* separator = parent.key(number);
+  if (joinedUse(left, right, separator) * 100 >= usable * kJoined) return {};
+  if (left.count() + right.count() + 1 > kMaximumCount) return {};
+
+  if (left.leaf()) {
+    const std::uint64_t previous = left.previous();
+    const std::uint64_t next = right.next();
+    if (keepLeft) {
+      ZELTA_TRY(walk.relink(0, 0, next, pair.leftPosition, kSpareBuffer));
+      left.setNext(next);
+    } else {
+      ZELTA_TRY(walk.relink(previous, pair.rightPosition, 0, 0, kSpareBuffer));
+      right.setPrevious(previous);
+    }
+  }
+  if (keepLeft) {
+    joinIntoLeft(left, right, separator);
+  } else {
+    joinIntoRight(left, right, walk.copyAside(right), separator);
+  }
+  const std::uint64_t kept = keepLeft ? pair.leftPosition : pair.rightPosition;
+  const std::uint64_t freed = keepLeft ? pair.rightPosition : pair.leftPosition;
+  const std::uint32_t freedSize = keepLeft ? right.size() : left.size();
+  parent.erase(number, number + 1);
+  parent.setPointer(number, kept);
+  ZELTA_TRY(walk.store(kept, keepLeft ? left : right));
+  ZELTA_TRY(walk.free(freed, freedSize));
+  *joined = true;
+  return {};
+}
+
+Result collapseRoot(BPlusWalk& walk) {
+  BPlusNode node;
+  const std::uint64_t position = walk.root();
+  ZELTA_TRY(walk.load(position, node, kNodeBuffer));
+  if (node.leaf() || node.count() != 0) return {};
+  walk.root() = node.child(0);
+  return walk.free(position, node.size());
+}
+
+namespace {
+
+class Removal {
+ public:
+  explicit Removal(BPlusWalk& walk) : walk_(walk) {}
+
+  Result run(const std::uint32_t* key, std::uint64_t objectID);
+
+ private:
+  Result removeEntry(BPlusNode& leaf, std::uint32_t number);
+  Result removeLeaf(BPlusNode& leaf);
+  Result dropChild(bool* vanished);
+  Result settle(bool vanished);
+  Result balance(BPlusNode& node, bool* parentChanged);
+  Result tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node, bool nodeIsLeft,
+                 bool* joined);
+  Result share(BPlusNode& parent, BPlusNode& node, bool* parentChanged);
+  Result moveRight(BPlusPair pair, const std::uint32_t* separator, std::uint32_t keep, bool* done);
+  Result moveLeft(BPlusPair pair, const std::uint32_t* separator, std::uint32_t take, bool* done);
+
+  BPlusWalk& walk_;
+  BPlusPath path_;
+  std::uint32_t level_ = 0;  ///< of the node at hand; its parent is one less
+  BPlusKeyCopy separator_;
+};
+
+Result Removal::run(const std::uint32_t* key, std::uint64_t objectID) {
+  if (walk_.root() == 0) return {};
+  BPlusNode leaf;
+  ZELTA_TRY(walk_.descend(key, path_, leaf));
+  level_ = path_.last();
+  const BPlusNode::Place place = leaf.lower(key);
+  if (!place.equal || leaf.objectID(place.number) != objectID) return walk_.keyMissing(objectID);
+  return leaf.count() > 1 ? removeEntry(leaf, place.number) : removeLeaf(leaf);
+}
+
+Result Removal::removeEntry(BPlusNode& leaf, std::uint32_t number) {
+  leaf.erase(number, number);
+  ZELTA_TRY(walk_.store(path_.steps[level_].position, leaf));
+  const bool thin = level_ != 0 && leaf.fillBelow(kThin);
+  if (number == 0 && path_.equalLevel != BPlusPath::kMaximumDepth) {
+    separator_.assign(walk_.shape, leaf.key(0));
+    ZELTA_TRY(
+        walk_.replaceSeparator(path_, path_.equalLevel, path_.equalSeparator, separator_.get()));
+  }
+  return thin ? settle(false) : Result();
+}
+
+Result Removal::removeLeaf(BPlusNode& leaf) {
+  const std::uint64_t position = path_.steps[level_].position;
+  const std::uint64_t previous = leaf.previous();
+  const std::uint64_t next = leaf.next();
+  const std::uint32_t size = leaf.size();
+  ZELTA_TRY(walk_.relink(previous, next, next, previous, kSiblingBuffer));
+  ZELTA_TRY(walk_.free(position, size));
+  if (next != 0 && path_.equalLevel != BPlusPath::kMaximumDepth) {
+    BPlusNode following;
+    ZELTA_TRY(walk_.loadLeaf(next, following, kNodeBuffer));
+    separator_.assign(walk_.shape, following.key(0));
+    ZELTA_TRY(
+        walk_.replaceSeparator(path_, path_.equalLevel, path_.equalSeparator, separator_.get()));
+  }
+  return settle(true);
+}
+
+/// Goes up from a node that lost entries, or that `vanished` altogether.
+Result Removal::settle(bool vanished) {
+  bool dropped = false;
+  while (level_ != 0) {
+    if (vanished) {
+      ZELTA_TRY(dropChild(&vanished));
+      dropped = !vanished;
+    } else {
+      BPlusNode node;
+      ZELTA_TRY(walk_.load(path_.steps[level_].position, node, kNodeBuffer));
+      if (!node.fillBelow(kThin)) return {};
+      ZELTA_TRY(balance(node, &dropped));
+      if (!dropped) return {};
+    }
+    --level_;
+  }
+  if (vanished) {
+    walk_.root() = 0;
+    return {};
+  }
+  return dropped ? collapseRoot(walk_) : Result();
+}
+
+/// Takes the node that vanished out of its parent, which vanishes too if it has no other child.
+Result Removal::dropChild(bool* vanished) {
+  const BPlusPath::Step& up = path_.steps[level_ - 1];
+  BPlusNode parent;
+  ZELTA_TRY(walk_.load(up.position, parent, kParentBuffer));
+  if (parent.leaf() || up.child > parent.count()) return walk_.corrupted();
+  *vanished = parent.count() == 0;
+  if (*vanished) return walk_.free(up.position, parent.size());
+  parent.erase(up.child == 0 ? 0 : up.child - 1, up.child);
+  return walk_.store(up.position, parent);
+}
+
+Result Removal::balance(BPlusNode& node, bool* parentChanged) {
+  const BPlusPath::Step& up = path_.steps[level_ - 1];
+  BPlusNode parent;
+  *parentChanged = false;
+  ZELTA_TRY(walk_.load(up.position, parent, kParentBuffer));
+  if (parent.leaf() || up.child > parent.count()) return walk_.corrupted();
+  bool joined = false;
+  if (!(walk_.shape.variable && node.leaf() && node.count() >= kManyKeys)) {
+    if (up.child < parent.count()) ZELTA_TRY(tryJoin(parent, up.child, node, true, &joined));
+    if (!joined && up.child > 0) ZELTA_TRY(tryJoin(parent, up.child - 1, node, false, &joined));
+  }
+  if (joined) {
+    *parentChanged = true;
+    return walk_.store(up.position, parent);
+  }
+  if (parent.count() == 0 || !node.fillBelow(kStarved)) return {};
+  return share(parent, node, parentChanged);
+}
+
+/// Joins children `number` and `number` + 1, one of which is the node at hand.
+Result Removal::tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node, bool nodeIsLeft,
+                        bool* joined) {
+  BPlusNode sibling;
+  const std::uint64_t position = path_.steps[level_].position;
+  const std::uint64_t siblingPosition = parent.child(nodeIsLeft ? number + 1 : number);
+  ZELTA_TRY(walk_.load(siblingPosition, sibling, kSiblingBuffer));
+  const BPlusPair pair = nodeIsLeft ? BPlusPair{&node, position, &sibling, siblingPosition}
+                                    : BPlusPair{&sibling, siblingPosition, &node, position};
+  return joinChildren(walk_, parent, number, pair, joined);
+}
+
+/// Spreads the keys of the node and a sibling by the sizes of the two.
+Result Removal::share(BPlusNode& parent, BPlusNode& node, bool* parentChanged) {
+  const BPlusPath::Step& up = path_.steps[level_ - 1];
+  const std::uint64_t position = path_.steps[level_].position;
+  const bool nodeIsLeft = up.child < parent.count();
+  const std::uint32_t number = nodeIsLeft ? up.child : up.child - 1;
+  const std::uint64_t siblingPosition = parent.child(nodeIsLeft ? number + 1 : number);
+  BPlusNode sibling;
+  ZELTA_TRY(walk_.load(siblingPosition, sibling, kSiblingBuffer));
+  if (sibling.leaf() != node.leaf() || siblingPosition == position) return walk_.corrupted();
+  const BPlusPair pair = nodeIsLeft ? BPlusPair{&node, position, &sibling, siblingPosition}
+                                    : BPlusPair{&sibling, siblingPosition, &node, position};
+  const std::uint64_t left = pair.left->size();
+  const std::uint64_t both = left + pair.right->size();
+  const std::uint32_t total = pair.left->count() + pair.right->count();
+  const auto keep = static_cast<std::uint32_t>((total * left + both / 2) / both);
+  if (keep == pair.left->count()) return {};
+  if (node.leaf() && (keep == 0 || keep == total)) return {};
+
+  bool done = false;
+  const std::uint32_t* separator = parent.key(number);
+  if (keep < pair.left->count()) {
+    ZELTA_TRY(moveRight(pair, separator, keep, &done));
+  } else {
+    ZELTA_TRY(moveLeft(pair, separator, keep - pair.left->count(), &done));
+  }
+  if (!done) return {};
+  ZELTA_TRY(walk_.store(pair.leftPosition, *pair.left));
+  ZELTA_TRY(walk_.store(pair.rightPosition, *pair.right));
+  *parentChanged = true;
+  return walk_.replaceSeparator(path_, level_ - 1, number, separator_.get());
+}
+
+/// Leaves `keep` keys in the left node.
+Result Removal::moveRight(BPlusPair pair, const std::uint32_t* separator, std::uint32_t keep,
+                          bool* done) {
+  BPlusNode& left = *pair.left;
+  BPlusNode& right = *pair.right;
+  const bool leaf = left.leaf();
+  const std::uint32_t from = keep + (leaf ? 0u : 1u);
+  std::uint64_t bytes = left.keyEnd() - left.keyOffset(from) +
+                        std::uint64_t{left.count() - from} * walk_.shape.pointerBytes(leaf);
+  if (!leaf) bytes += right.entryBytes(walk_.shape.words(separator));
+  if (bytes > right.freeBytes()) return {};
+  separator_.assign(walk_.shape, left.key(keep));
+  const BPlusNode old = walk_.copyAside(right);
+  right.clear();
+  if (!leaf) right.setPointer(0, left.child(from));
+  right.append(left, from, left.count());
+  if (!leaf) right.append(separator, old.child(0));
+  right.append(old, 0, old.count());
+  left.truncate(keep);
+  *done = true;
+  return {};
+}
+
+/// Takes `take` keys over from the right node.
+Result Removal::moveLeft(BPlusPair pair, const std::uint32_t* separator, std::uint32_t take,
+                         bool* done) {
+  BPlusNode& left = *pair.left;
+  BPlusNode& right = *pair.right;
+  const bool leaf = left.leaf();
+  const std::uint32_t to = take - (leaf ? 0u : 1u);
+  std::uint64_t bytes =
+      right.keyOffset(to) - right.keyOffset(0) + std::uint64_t{to} * walk_.shape.pointerBytes(leaf);
+  if (!leaf) bytes += left.entryBytes(walk_.shape.words(separator));
+  if (bytes > left.freeBytes()) return {};
+  separator_.assign(walk_.shape, right.key(leaf ? take : to));
+  const BPlusNode old = walk_.copyAside(right);
+  if (!leaf) left.append(separator, old.child(0));
+  left.append(old, 0, to);
+  right.clear();
+  if (!leaf) right.setPointer(0, old.child(take));
+  right.append(old, take, old.count());
+  *done = true;
+  return {};
+}
+
+}  // namespace
+
+Result bplusRemove(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID) {
+  BPlusWalk walk(metaData, table, file, manager, index, BPlusWalk::Purpose::search);
+  return Removal(walk).run(key, objectID);
+}
+
+}  // namespace zelta

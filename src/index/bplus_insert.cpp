@@ -1,0 +1,152 @@
+// Entering a key: into its leaf, and when that is full by splits that climb towards the root.
+
+#include "index/bplus_split.h"
+#include "index/bplus_walk.h"
+
+namespace zelta {
+
+namespace {
+
+class Insertion {
+ public:
+  explicit Insertion(BPlusWalk& walk) : walk_(walk) {}
+
+  Result run(const std::uint32_t* key, std::uint64_t objectID);
+
+ private:
+  Result plantRoot(const std::uint32_t* key, std::uint64_t objectID);
+  Result climb(BPlusNode& node, BPlusPending pending);
+  Result split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending);
+  Result linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode& fresh,
+                     std::uint64_t freshPosition, bool freshIsLower);
+  Result raiseRoot();
+
+  BPlusWalk& walk_;
+  BPlusPath path_;
+  BPlusEdge edge_;
+  // What a split hands to the level above
+  std::uint64_t lower_ = 0;
+  std::uint64_t upper_ = 0;
+  BPlusKeyCopy separators_[2];
+  std::uint32_t turn_ = 0;
+};
+
+Result Insertion::run(const std::uint32_t* key, std::uint64_t objectID) {
+  if (walk_.root() == 0) return plantRoot(key, objectID);
+  BPlusNode leaf;
+  ZELTA_TRY(walk_.descend(key, path_, leaf));
+  const BPlusNode::Place place = leaf.lower(key);
+  if (place.equal) {
+    return reportError(&walk_.metaData, Own::keyExists, walk_.table.cName(), nullptr,
+                       static_cast<std::int64_t>(leaf.objectID(place.number)), walk_.index);
+  }
+  if (leaf.fits(walk_.shape.words(key))) {
+    leaf.insert(place.number, place.offset, key, objectID);
+    return walk_.store(path_.steps[path_.last()].position, leaf);
+  }
+  edge_.left = leaf.previous() == 0 && leaf.next() != 0;
+  edge_.right = leaf.previous() != 0 && leaf.next() == 0;
+  return climb(leaf, {place.number, key, objectID});
+}
+
+Result Insertion::plantRoot(const std::uint32_t* key, std::uint64_t objectID) {
+  BPlusNode leaf;
+  std::uint64_t position = 0;
+  const std::uint64_t bytes =
+      bplusFirstNodeBytes(walk_.shape, walk_.file.pageSize, walk_.shape.words(key));
+  ZELTA_TRY(walk_.allocate(bytes, true, leaf, &position, kNodeBuffer));
+  leaf.append(key, objectID);
+  ZELTA_TRY(walk_.store(position, leaf));
+  walk_.root() = position;
+  return {};
+}
+
+/// Splits the node, and the branches above it until one of them takes the separator.
+Result Insertion::climb(BPlusNode& node, BPlusPending pending) {
+  for (std::uint32_t level = path_.last();; --level) {
+    ZELTA_TRY(split(node, path_.steps[level].position, pending));
+    if (level == 0) return raiseRoot();
+    const BPlusPath::Step& up = path_.steps[level - 1];
+    ZELTA_TRY(walk_.load(up.position, node, kNodeBuffer));
+    if (node.leaf() || up.child > node.count()) return walk_.corrupted();
+    node.setPointer(up.child, lower_);
+    pending = {up.child, separators_[turn_].get(), upper_};
+    const std::uint32_t words = walk_.shape.words(pending.key);
+    if (!node.fits(words)) {
+      if (!walk_.shape.variable || node.count() >= 2) continue;
+      // There is nothing to divide yet.
+      const std::uint64_t missing = node.entryBytes(words) - node.freeBytes() + 4;
+      ZELTA_TRY(walk_.growBranch(path_, level - 1, node, kNodeBuffer, missing));
+    }
+    node.insert(pending.number, node.keyOffset(pending.number), pending.key, pending.pointer);
+    return walk_.store(up.position, node);
+  }
+}
+
+Result Insertion::split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending) {
+  const BPlusSplit plan = planSplit(node, pending, edge_, walk_.file.pageSize);
+  if (!plan.possible) return walk_.corrupted();
+  BPlusNode fresh;
+  std::uint64_t freshPosition = 0;
+  ZELTA_TRY(walk_.allocate(plan.newBytes, node.leaf(), fresh, &freshPosition, kSiblingBuffer));
+  const BPlusNode old = walk_.copyAside(node);
+  node.clear();
+  BPlusNode& lower = plan.newIsLower ? fresh : node;
+  BPlusNode& upper = plan.newIsLower ? node : fresh;
+  lower_ = plan.newIsLower ? freshPosition : position;
+  upper_ = plan.newIsLower ? position : freshPosition;
+
+  // The pending key may be the separator from below, so the new one takes the other copy.
+  BPlusKeyCopy& separator = separators_[turn_ ^= 1u];
+  separator.assign(walk_.shape, mergedKey(old, pending, plan.lower));
+  std::uint32_t from = plan.lower;
+  if (!node.leaf()) {
+    lower.setPointer(0, old.child(0));
+    upper.setPointer(0, mergedPointer(old, pending, from++));
+  }
+  appendMerged(lower, old, pending, 0, plan.lower);
+  appendMerged(upper, old, pending, from, old.count() + 1);
+  if (node.leaf()) ZELTA_TRY(linkNewLeaf(node, position, fresh, freshPosition, plan.newIsLower));
+  ZELTA_TRY(walk_.store(freshPosition, fresh));
+  return walk_.store(position, node);
+}
+
+Result Insertion::linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode& fresh,
+                              std::uint64_t freshPosition, bool freshIsLower) {
+  if (freshIsLower) {
+    const std::uint64_t previous = node.previous();
+    fresh.setPrevious(previous);
+    fresh.setNext(position);
+    node.setPrevious(freshPosition);
+    return walk_.relink(previous, freshPosition, 0, 0, kParentBuffer);
+  }
+  const std::uint64_t next = node.next();
+  fresh.setPrevious(position);
+  fresh.setNext(next);
+  node.setNext(freshPosition);
+  return walk_.relink(0, 0, next, freshPosition, kParentBuffer);
+}
+
+Result Insertion::raiseRoot() {
+  const std::uint32_t* separator = separators_[turn_].get();
+  const std::uint64_t bytes =
+      bplusFirstNodeBytes(walk_.shape, walk_.file.pageSize, walk_.shape.words(separator));
+  BPlusNode branch;
+  std::uint64_t position = 0;
+  ZELTA_TRY(walk_.allocate(bytes, false, branch, &position, kNodeBuffer));
+  branch.setPointer(0, lower_);
+  branch.append(separator, upper_);
+  ZELTA_TRY(walk_.store(position, branch));
+  walk_.root() = position;
+  return {};
+}
+
+}  // namespace
+
+Result bplusInsert(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID) {
+  BPlusWalk walk(metaData, table, file, manager, index, BPlusWalk::Purpose::insert);
+  return Insertion(walk).run(key, objectID);
+}
+
+}  // namespace zelta

@@ -1,0 +1,179 @@
+// Taking the entries of a transaction out of the memory tree, at commit into the committed tree.
+
+#include "index/bplus_walk.h"
+
+namespace zelta {
+
+namespace {
+
+/// Visits a tree of which the shape is not trusted: no deeper than trees can be, and no more nodes
+/// than the file has room for.
+class VisitLimit {
+ public:
+  VisitLimit(const BPlusWalk& walk)
+      : nodesLeft_(walk.endOfFile() / (walk.file.pageSize == 0 ? 1 : walk.file.pageSize) + 1) {}
+  [[nodiscard]] bool enter(std::uint32_t depth) {
+    return depth < BPlusPath::kMaximumDepth && nodesLeft_-- != 0;
+  }
+
+ private:
+  std::uint64_t nodesLeft_;
+};
+
+class Merge {
+ public:
+  Merge(BPlusWalk& walk, const TreeFile* committed, UInt64AVLTree* a, UInt64AVLTree* b)
+      : walk_(walk), limit_(walk), committed_(committed), a_(a), b_(b) {}
+
+  Result run();
+
+ private:
+  Result visit(std::uint64_t position, std::uint32_t depth, bool* emptied);
+  Result mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied);
+  Result mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied);
+  Result joinAll(std::uint64_t position);
+  [[nodiscard]] bool chosen(std::uint64_t objectID) const {
+    return find(b_, objectID) != nullptr || find(a_, objectID) != nullptr;
+  }
+
+  BPlusWalk& walk_;
+  VisitLimit limit_;
+  const TreeFile* committed_;
+  UInt64AVLTree* a_;
+  UInt64AVLTree* b_;
+  bool changed_ = false;
+};
+
+Result Merge::run() {
+  const std::uint64_t root = walk_.root();
+  if (root == 0) return {};
+  bool emptied = false;
+  ZELTA_TRY(visit(root, 0, &emptied));
+  if (emptied) {
+    walk_.root() = 0;
+    return {};
+  }
+  return changed_ ? collapseRoot(walk_) : Result();
+}
+
+Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied) {
+  if (!limit_.enter(depth)) return walk_.corrupted();
+  BPlusNode node;
+  ZELTA_TRY(walk_.load(position, node, kNodeBuffer));
+  return node.leaf() ? mergeLeaf(position, node, emptied) : mergeBranch(position, depth, emptied);
+}
+
+Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) {
+  std::uint32_t first = 0;
+  while (first < leaf.count() && !chosen(leaf.objectID(first))) ++first;
+  if (first == leaf.count()) return {};
+  changed_ = true;
+  // The page is held from here on, so that its keys stay where they are while others are entered.
+  ZELTA_TRY(walk_.store(position, leaf));
+  if (committed_ != nullptr) {
+    std::uint32_t offset = leaf.keyOffset(first);
+    for (std::uint32_t i = first; i < leaf.count(); ++i) {
+      const std::uint32_t* key = leaf.keyAt(offset);
+      offset += walk_.shape.words(key) * 4;
+      if (!chosen(leaf.objectID(i))) continue;
+      ZELTA_TRY(bplusInsert(walk_.metaData, walk_.table, *committed_, walk_.manager, walk_.index,
+                            key, leaf.objectID(i)));
+    }
+  }
+  const BPlusNode old = walk_.copyAside(leaf);
+  leaf.truncate(first);
+  for (std::uint32_t i = first; i < old.count(); ++i) {
+    if (!chosen(old.objectID(i))) leaf.append(old, i, i + 1);
+  }
+  if (leaf.count() != 0) return walk_.store(position, leaf);
+  *emptied = true;
+  ZELTA_TRY(walk_.relink(old.previous(), old.next(), old.next(), old.previous(), kSiblingBuffer));
+  return walk_.free(position, old.size());
+}
+
+Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied) {
+  BPlusNode branch;
+  bool changedBelow = false;
+  for (std::uint32_t i = 0;;) {
+    ZELTA_TRY(walk_.load(position, branch, kNodeBuffer));
+    if (branch.leaf()) return walk_.corrupted();
+    if (i > branch.count()) break;
+    bool childEmptied = false;
+    const bool changedBefore = changed_;
+    changed_ = false;
+    ZELTA_TRY(visit(branch.child(i), depth + 1, &childEmptied));
+    changedBelow = changedBelow || changed_;
+    changed_ = changed_ || changedBefore;
+    if (!childEmptied) {
+      ++i;
+      continue;
+    }
+    ZELTA_TRY(walk_.load(position, branch, kNodeBuffer));
+    if (branch.leaf() || i > branch.count()) return walk_.corrupted();
+    if (branch.count() == 0) {
+      *emptied = true;
+      return walk_.free(position, branch.size());
+    }
+    branch.erase(i == 0 ? 0 : i - 1, i);
+    ZELTA_TRY(walk_.store(position, branch));
+  }
+  return changedBelow ? joinAll(position) : Result();
+}
+
+/// Joins neighbouring children that have become thin.
+Result Merge::joinAll(std::uint64_t position) {
+  for (std::uint32_t i = 0;;) {
+    BPlusNode branch;
+    ZELTA_TRY(walk_.load(position, branch, kParentBuffer));
+    if (i >= branch.count()) return {};
+    BPlusNode left;
+    BPlusNode right;
+    ZELTA_TRY(walk_.load(branch.child(i), left, kNodeBuffer));
+    ZELTA_TRY(walk_.load(branch.child(i + 1), right, kSiblingBuffer));
+    bool joined = false;
+    ZELTA_TRY(joinChildren(walk_, branch, i, {&left, branch.child(i), &right, branch.child(i + 1)},
+                           &joined));
+    if (joined) {
+      ZELTA_TRY(walk_.store(position, branch));
+    } else {
+      ++i;
+    }
+  }
+}
+
+Result dropNode(BPlusWalk& walk, VisitLimit& limit, std::uint64_t position, std::uint32_t depth) {
+  if (!limit.enter(depth)) return walk.corrupted();
+  BPlusNode node;
+  ZELTA_TRY(walk.load(position, node, kNodeBuffer));
+  const std::uint32_t size = node.size();
+  const std::uint32_t children = node.leaf() ? 0 : node.count() + 1;
+  for (std::uint32_t i = 0; i < children; ++i) {
+    if (i != 0) ZELTA_TRY(walk.load(position, node, kNodeBuffer));
+    if (i > node.count()) return walk.corrupted();
+    ZELTA_TRY(dropNode(walk, limit, node.child(i), depth + 1));
+  }
+  return walk.free(position, size);
+}
+
+}  // namespace
+
+Result bplusMerge(MetaData& metaData, Table& table, const TreeFile* committed,
+                  std::uint32_t memoryPageSize, AtomicManager& manager, std::uint32_t index,
+                  UInt64AVLTree* committedA, UInt64AVLTree* committedB) {
+  BPlusWalk walk(metaData, table, {PageFile::memory, memoryPageSize}, manager, index,
+                 BPlusWalk::Purpose::merge);
+  return Merge(walk, committed, committedA, committedB).run();
+}
+
+Result bplusDropTree(MetaData& metaData, Table& table, AtomicManager& manager, PageFile file,
+                     std::uint32_t index) {
+  BPlusWalk walk(metaData, table, {file, kMinimumBlock}, manager, index,
+                 BPlusWalk::Purpose::search);
+  if (walk.root() == 0) return {};
+  VisitLimit limit(walk);
+  ZELTA_TRY(dropNode(walk, limit, walk.root(), 0));
+  walk.root() = 0;
+  return {};
+}
+
+}  // namespace zelta

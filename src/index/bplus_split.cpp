@@ -1,0 +1,169 @@
+#include "index/bplus_split.h"
+
+#include <algorithm>
+
+namespace zelta {
+
+namespace {
+
+/// The new node of a split is given room for so many keys of the expected length at least.
+constexpr std::uint32_t kRoomyKeys = 5;
+
+std::uint64_t roundUp(std::uint64_t bytes, std::uint32_t pageSize) {
+  return (bytes + pageSize - 1) / pageSize * pageSize;
+}
+
+/// Steps through the lengths of a variable node's keys with the pending one at its place.
+class MergedLengths {
+ public:
+  MergedLengths(const BPlusNode& node, const BPlusPending& pending)
+      : node_(node), pending_(pending), offset_(node.shape().head(node.leaf())) {}
+  /// Words of the next key and its pointer.
+  std::uint64_t next() {
+    const std::uint32_t pointerWords = node_.shape().pointerBytes(node_.leaf()) / 4;
+    if (number_++ == pending_.number) return std::uint64_t{pending_.key[0]} + pointerWords;
+    const std::uint32_t words = node_.keyAt(offset_)[0];
+    offset_ += words * 4;
+    return std::uint64_t{words} + pointerWords;
+  }
+
+ private:
+  const BPlusNode& node_;
+  const BPlusPending& pending_;
+  std::uint32_t offset_;
+  std::uint32_t number_ = 0;
+};
+
+/// The number of upper keys that leave a full fixed node for a new one. A run of ascending keys
+/// shall leave full nodes behind, and so shall a descending one.
+std::uint64_t fixedShare(std::uint64_t keys, std::uint64_t oldBytes, std::uint64_t newBytes,
+                         BPlusEdge edge) {
+  if (edge.right) return keys * newBytes / ((oldBytes + newBytes) * 2);
+  if (edge.left) return keys * newBytes * 2 / (oldBytes + newBytes);
+  return keys * newBytes / (oldBytes + newBytes);
+}
+
+BPlusSplit planFixed(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
+                     std::uint32_t pageSize) {
+  const BPlusShape& shape = node.shape();
+  const std::uint64_t keys = node.count();
+  BPlusSplit split;
+  split.newBytes = bplusFirstNodeBytes(shape, pageSize, shape.keyWords);
+  const std::uint64_t entry = node.entryBytes(shape.keyWords);
+  const std::uint64_t newRoom = (split.newBytes - shape.frame(node.leaf())) / entry;
+  std::uint64_t moved = fixedShare(keys, node.size(), split.newBytes, edge);
+  if (node.leaf()) moved = std::max<std::uint64_t>(moved, 1);
+  if (!edge.right) moved = std::min(moved, std::max<std::uint64_t>(newRoom, 1) - 1);
+  moved = std::min(moved, std::max<std::uint64_t>(keys, 1) - 1);
+  // In a branch the key in front of those that move is the separator.
+  const std::uint64_t stay = keys - moved - (node.leaf() ? 0 : 1);
+  split.lower = static_cast<std::uint32_t>(stay + (pending.number <= stay ? 1 : 0));
+  const std::uint64_t upper = keys + 1 - split.lower - (node.leaf() ? 0 : 1);
+  split.possible = keys != 0 && upper <= newRoom &&
+                   split.lower <= (node.size() - shape.frame(node.leaf())) / entry;
+  return split;
+}
+
+std::uint64_t variableNewBytes(const BPlusNode& node, std::uint64_t words, std::uint64_t keys,
+                               std::uint32_t pageSize) {
+  const BPlusShape& shape = node.shape();
+  const std::uint64_t keyWords = shape.keyWords;
+  std::uint64_t bytes = words * 4 + shape.frame(node.leaf());
+  if (keys < kRoomyKeys) bytes += (kRoomyKeys - keys) * (node.entryBytes(keyWords) - 4);
+  if (!node.leaf()) bytes = std::max(bytes, (keyWords + 3) * 20);
+  return (bytes / pageSize + 1) * pageSize;
+}
+
+/// Number of keys for the lower part of a leaf: the one that comes nearest to the share of words
+/// that the lower part shall have.
+std::uint32_t variableLeafShare(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
+                                std::uint64_t total) {
+  std::uint64_t target = total / 2;
+  if (edge.right) target = total - total / 4;
+  if (edge.left) target = total / 4;
+  MergedLengths lengths(node, pending);
+  std::uint64_t words = 0;
+  for (std::uint32_t number = 0; number < node.count(); ++number) {
+    const std::uint64_t next = lengths.next();
+    if (words + next >= target) {
+      const bool nearer = words + next - target < target - words;
+      return std::max(number + (nearer ? 1u : 0u), 1u);
+    }
+    words += next;
+  }
+  return node.count();
+}
+
+std::uint32_t variableBranchShare(const BPlusNode& node, BPlusEdge edge) {
+  const std::uint32_t keys = node.count() + 1;
+  std::uint32_t lower = keys / 2;
+  if (edge.left) lower = keys / 4;
+  if (edge.right) lower = keys - keys / 4;
+  return std::clamp(lower, 1u, keys - 1);
+}
+
+BPlusSplit planVariable(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
+                        std::uint32_t pageSize) {
+  BPlusSplit split;
+  if (node.count() == 0) return split;
+  const bool leaf = node.leaf();
+  const std::uint32_t keys = node.count() + 1;
+  std::uint64_t total = 0;
+  MergedLengths all(node, pending);
+  for (std::uint32_t i = 0; i < keys; ++i) total += all.next();
+
+  split.lower = leaf ? std::min(variableLeafShare(node, pending, edge, total), keys - 1)
+                     : variableBranchShare(node, edge);
+  std::uint64_t lowerWords = 0;
+  MergedLengths lengths(node, pending);
+  for (std::uint32_t i = 0; i < split.lower; ++i) lowerWords += lengths.next();
+  const std::uint64_t upperWords = total - lowerWords - (leaf ? 0 : lengths.next());
+  const std::uint32_t upperKeys = keys - split.lower - (leaf ? 0u : 1u);
+
+  const std::uint64_t room = node.size() - node.shape().frame(leaf);
+  const bool upperFits = upperWords * 4 <= room;
+  split.newIsLower = upperFits && (leaf ? lowerWords * 4 >= room : lowerWords * 4 > room);
+  split.newBytes = split.newIsLower ? variableNewBytes(node, lowerWords, split.lower, pageSize)
+                                    : variableNewBytes(node, upperWords, upperKeys, pageSize);
+  split.possible = split.newIsLower || lowerWords * 4 <= room;
+  return split;
+}
+
+}  // namespace
+
+std::uint64_t bplusFirstNodeBytes(const BPlusShape& shape, std::uint32_t pageSize,
+                                  std::uint32_t keyWords) {
+  const std::uint64_t expected = shape.keyWords;
+  if (!shape.variable) return roundUp(expected * 4 + (expected * 4 + 14) * 4, pageSize);
+  const std::uint64_t words = keyWords > expected ? keyWords + expected * 4 : expected * 5;
+  return roundUp(words * 4 + 60, pageSize);
+}
+
+BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
+                     std::uint32_t pageSize) {
+  return node.shape().variable ? planVariable(node, pending, edge, pageSize)
+                               : planFixed(node, pending, edge, pageSize);
+}
+
+void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending& pending,
+                  std::uint32_t from, std::uint32_t to) {
+  target.append(source, from, std::min(to, pending.number));
+  if (from <= pending.number && pending.number < to) target.append(pending.key, pending.pointer);
+  const std::uint32_t behind = std::max(from, pending.number + 1);
+  if (behind < to) target.append(source, behind - 1, to - 1);
+}
+
+const std::uint32_t* mergedKey(const BPlusNode& source, const BPlusPending& pending,
+                               std::uint32_t number) {
+  if (number == pending.number) return pending.key;
+  return source.key(number < pending.number ? number : number - 1);
+}
+
+std::uint64_t mergedPointer(const BPlusNode& source, const BPlusPending& pending,
+                            std::uint32_t number) {
+  if (number == pending.number) return pending.pointer;
+  const std::uint32_t key = number < pending.number ? number : number - 1;
+  return source.pointer(key + (source.leaf() ? 0u : 1u));
+}
+
+}  // namespace zelta

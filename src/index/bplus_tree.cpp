@@ -1,0 +1,130 @@
+#include "index/bplus_tree.h"
+
+#include "index/bplus_walk.h"
+
+namespace zelta {
+
+Result bplusFind(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+                 std::uint32_t index, const std::uint32_t* key, std::uint64_t* objectID) {
+  BPlusCursor cursor(metaData, table, file, manager, index, table.pageBuffers[kNodeBuffer]);
+  ZELTA_TRY(cursor.seek(CZELTA::ReadEqual, key));
+  if (!cursor.valid()) return Result::own(Own::keyNotFound);
+  *objectID = cursor.objectID();
+  return {};
+}
+
+Result bplusReplaceId(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+                      std::uint32_t index, const std::uint32_t* key, std::uint64_t oldId,
+                      std::uint64_t newId) {
+  BPlusWalk walk(metaData, table, file, manager, index, BPlusWalk::Purpose::search);
+  if (walk.root() == 0) return walk.keyMissing(oldId);
+  BPlusPath path;
+  BPlusNode leaf;
+  ZELTA_TRY(walk.descend(key, path, leaf));
+  const BPlusNode::Place place = leaf.lower(key);
+  if (!place.equal || leaf.objectID(place.number) != oldId) return walk.keyMissing(oldId);
+  leaf.setPointer(place.number, newId);
+  return walk.store(path.steps[path.last()].position, leaf);
+}
+
+// -- The cursor -----------------------------------------------------------------------------------
+
+BPlusCursor::BPlusCursor(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+                         std::uint32_t index, ScratchBuffer& buffer)
+    : metaData_(metaData),
+      table_(table),
+      file_(file),
+      manager_(manager),
+      index_(index),
+      buffer_(buffer),
+      shape_(bplusShape(table, index)) {}
+
+Result BPlusCursor::corrupted() {
+  valid_ = false;
+  return reportError(&metaData_, Own::bPlusTree, table_.cName(), nullptr, index_);
+}
+
+Result BPlusCursor::load(std::uint64_t position) {
+  char* page = nullptr;
+  if (position == 0) return corrupted();
+  ZELTA_TRY(manager_.readPage(file_.file, position, &page, buffer_));
+  if (page == nullptr || node_.attach(page, shape_, false) != BPlusNode::State::sound ||
+      (node_.leaf() && node_.count() == 0)) {
+    return corrupted();
+  }
+  position_ = position;
+  return {};
+}
+
+/// Stands on an entry of the leaf, whose key's place is checked here.
+Result BPlusCursor::place(std::uint32_t entry) {
+  entry_ = entry;
+  offset_ = node_.keyOffset(entry);
+  if (offset_ == 0) return corrupted();
+  valid_ = true;
+  return {};
+}
+
+Result BPlusCursor::descend(CZELTA::Mode mode, const std::uint32_t* pivot) {
+  std::uint64_t position = manager_.treeRoot(file_.file, index_);
+  for (std::uint32_t depth = 0; depth < BPlusPath::kMaximumDepth; ++depth) {
+    ZELTA_TRY(load(position));
+    if (node_.leaf()) return {};
+    std::uint32_t child = 0;
+    if (mode == CZELTA::ReadLast) {
+      child = node_.count();
+    } else if (mode != CZELTA::ReadFirst) {
+      const BPlusNode::Place place = node_.above(pivot);
+      if (place.offset == 0) return corrupted();
+      child = place.number;
+    }
+    position = node_.child(child);
+  }
+  return corrupted();
+}
+
+Result BPlusCursor::seek(CZELTA::Mode mode, const std::uint32_t* pivot) {
+  valid_ = false;
+  if (manager_.treeRoot(file_.file, index_) == 0) return {};
+  const std::uint64_t end =
+      file_.file == PageFile::memory ? manager_.memoryEndOfFile : manager_.indexEndOfFile;
+  leavesLeft_ = end / (file_.pageSize == 0 ? 1 : file_.pageSize) + 1;
+  ZELTA_TRY(descend(mode, pivot));
+  if (mode == CZELTA::ReadFirst) return place(0);
+  if (mode == CZELTA::ReadLast) return place(node_.count() - 1);
+
+  const bool orEqual = mode != CZELTA::ReadLess && mode != CZELTA::ReadGreater;
+  const bool up = mode == CZELTA::ReadGreater || mode == CZELTA::ReadGreaterEqual;
+  const BPlusNode::Place found = node_.lower(pivot);
+  if (found.offset == 0) return corrupted();
+  if (found.equal && orEqual) return place(found.number);
+  if (mode == CZELTA::ReadEqual) return {};
+  const std::uint32_t behind = found.number + (found.equal ? 1u : 0u);
+  if (up && behind < node_.count()) return place(behind);
+  if (!up && found.number != 0) return place(found.number - 1);
+  ZELTA_TRY(enterNeighbour(up));
+  if (!valid_) return {};
+  // A neighbour whose keys lie on the wrong side would lead a walk in circles.
+  const int sign = shape_.compare(key(), pivot);
+  return (up ? sign > 0 : sign < 0) ? Result() : corrupted();
+}
+
+Result BPlusCursor::next(bool up) {
+  if (!valid_) return {};
+  if (up && entry_ + 1 < node_.count()) return place(entry_ + 1);
+  if (!up && entry_ != 0) return place(entry_ - 1);
+  return enterNeighbour(up);
+}
+
+Result BPlusCursor::enterNeighbour(bool up) {
+  valid_ = false;
+  const std::uint64_t from = position_;
+  const std::uint64_t to = up ? node_.next() : node_.previous();
+  if (to == 0) return {};
+  if (leavesLeft_-- == 0) return corrupted();
+  ZELTA_TRY(load(to));
+  if (!node_.leaf() || (up ? node_.previous() : node_.next()) != from) return corrupted();
+  return place(up ? 0 : node_.count() - 1);
+}
+
+}  // namespace zelta

@@ -1,0 +1,117 @@
+// One operation's way through a B+Tree: nodes by their positions, and the path from the root.
+
+#ifndef ZELTA_INDEX_BPLUS_WALK_H
+#define ZELTA_INDEX_BPLUS_WALK_H
+
+#include <cstdint>
+#include <memory>
+
+#include "index/bplus_node.h"
+#include "index/bplus_tree.h"
+
+namespace zelta {
+
+/// A copy of a key. All but giants need no memory from the heap.
+class BPlusKeyCopy {
+ public:
+  void assign(const BPlusShape& shape, const std::uint32_t* key);
+  [[nodiscard]] const std::uint32_t* get() const { return large_ ? large_.get() : small_; }
+
+ private:
+  std::uint32_t small_[64];
+  std::unique_ptr<std::uint32_t[]> large_;
+};
+
+/// The branches from the root down to a node, and the node itself.
+struct BPlusPath {
+  /// Far more levels than a tree in a real file can have; a cycle of links ends here.
+  static constexpr std::uint32_t kMaximumDepth = 48;
+  struct Step {
+    std::uint64_t position;
+    std::uint32_t child;  ///< number of the child that was followed
+  };
+  Step steps[kMaximumDepth];
+  std::uint32_t depth = 0;
+  /// Branch that has a separator equal to the key, and the separator's number; none if it is
+  /// `kMaximumDepth`.
+  std::uint32_t equalLevel = kMaximumDepth;
+  std::uint32_t equalSeparator = 0;
+
+  [[nodiscard]] std::uint32_t last() const { return depth - 1; }
+};
+
+/// Buffers of the table by their use.
+enum BPlusBuffer : std::uint32_t { kNodeBuffer, kSiblingBuffer, kParentBuffer, kSpareBuffer };
+
+class BPlusWalk {
+ public:
+  /// Tells which code a damaged node is reported with.
+  enum class Purpose { search, insert, merge };
+
+  BPlusWalk(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+            std::uint32_t index, Purpose purpose);
+
+  Result load(std::uint64_t position, BPlusNode& node, BPlusBuffer buffer);
+  Result loadLeaf(std::uint64_t position, BPlusNode& node, BPlusBuffer buffer);
+  /// Puts a changed node; `node` leads to the page's own bytes afterwards, if there are such.
+  Result store(std::uint64_t position, BPlusNode& node);
+  Result allocate(std::uint64_t size, bool leaf, BPlusNode& node, std::uint64_t* position,
+                  BPlusBuffer buffer);
+  Result free(std::uint64_t position, std::uint32_t size);
+  /// Follows `key` down to its leaf, which is loaded into the node buffer.
+  Result descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& leaf);
+
+  /// Copies a node to the spare buffer, so that its own bytes can be filled anew.
+  [[nodiscard]] BPlusNode copyAside(const BPlusNode& node);
+  /// Moves a branch to a larger page, with room for `bytes` more at least, and puts the link to it
+  /// right. Uses the sibling's and the spare buffer.
+  Result growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, BPlusBuffer buffer,
+                    std::uint64_t bytes);
+  /// Exchanges a separator for another key.
+  Result replaceSeparator(BPlusPath& path, std::uint32_t level, std::uint32_t number,
+                          const std::uint32_t* key);
+  /// Links a leaf to its neighbours: they get `forPrevious` as their next and `forNext` as their
+  /// previous leaf.
+  Result relink(std::uint64_t previous, std::uint64_t forPrevious, std::uint64_t next,
+                std::uint64_t forNext, BPlusBuffer buffer);
+
+  Result corrupted();
+  Result keyMissing(std::uint64_t objectID);
+
+  [[nodiscard]] std::uint64_t& root() { return manager.treeRoot(file.file, index); }
+  [[nodiscard]] std::uint64_t endOfFile() const {
+    return file.file == PageFile::memory ? manager.memoryEndOfFile : manager.indexEndOfFile;
+  }
+  [[nodiscard]] ScratchBuffer& buffer(BPlusBuffer which) { return table.pageBuffers[which]; }
+
+  MetaData& metaData;
+  Table& table;
+  const TreeFile file;
+  AtomicManager& manager;
+  const std::uint32_t index;
+  const BPlusShape shape;
+  const Purpose purpose;
+
+ private:
+  Result damaged(BPlusNode::State state, bool leaf);
+};
+
+[[nodiscard]] BPlusShape bplusShape(const Table& table, std::uint32_t index);
+
+/// Joins the children `left` and `left + 1` of a branch if the result is not too full. `*joined`
+/// tells; the parent, which has lost a child then, is not stored. Uses the spare buffer.
+struct BPlusPair {
+  BPlusNode* left;
+  std::uint64_t leftPosition;
+  BPlusNode* right;
+  std::uint64_t rightPosition;
+};
+Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
+                    bool* joined);
+
+/// If the root is a branch with a single child, the child becomes the root.
+Result collapseRoot(BPlusWalk& walk);
+
+}  // namespace zelta
+
+#endif  // ZELTA_INDEX_BPLUS_WALK_H
