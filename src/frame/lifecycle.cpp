@@ -203,7 +203,11 @@ Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t
   if (const Result result = createControlFile(metaData, name); result.failed()) return result;
   Result result = createMutexes(metaData, name);
   if (result.ok()) result = initialise(metaData, tables, name);
-  if (result.failed()) static_cast<void>(platform::deleteFile(name.c_str()));
+  if (result.failed()) {
+    platform::closeFile(metaData.controlFile);
+    metaData.controlFile = platform::File::none;
+    static_cast<void>(platform::deleteFile(name.c_str()));
+  }
   return scope.finish(result);
 }
 

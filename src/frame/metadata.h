@@ -49,7 +49,10 @@ struct MetaData {
       0;  ///< highest lock order of a table in which an object was locked
   std::uint32_t* lockKey = nullptr;  ///< furthest key locked there; see lock_position.h
   std::uint64_t lockObjectID = 0;    ///< furthest object ID locked there
-  std::uint32_t ownerThread = 0;     ///< thread that began the transaction
+  /// A committed transaction could not be applied: its slot keeps the number, so that the next
+  /// begin replays its log entry.
+  bool leaveSlot = false;
+  std::uint32_t ownerThread = 0;  ///< thread that began the transaction
 
   [[nodiscard]] ScratchBuffer& scratchFor(Scratch role) {
     return scratch[static_cast<std::size_t>(role)];
