@@ -1,0 +1,82 @@
+#include "storage/table.h"
+
+#include <cstdlib>
+
+#include "frame/upcalls.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+Table::Table(std::uint16_t indexes) { setIndexCount(indexes); }
+
+Table::~Table() {
+  for (UInt64AVLTree** objects : {&lockedObjects, &editedObjects, &deletedObjects}) {
+    unlockObjects(tableFile, slotBase, *objects);
+  }
+  destroyAll(addedObjects);
+  destroyAll(searchResults);
+  releaseAllKeys();
+  platform::closeMutex(tableMutex);
+  for (const platform::File file : {tableFile, indexFile, memoryFile}) platform::closeFile(file);
+  std::free(schema);
+}
+
+void Table::setIndexCount(std::uint16_t indexes) {
+  indexCount = indexes;
+  indexStates = indexes == 0 ? nullptr : std::make_unique<IndexCursor[]>(indexes);
+}
+
+void Table::releaseCurrentKeys() {
+  if (schema == nullptr) return;
+  for (std::uint32_t i = 0; i < indexCount; ++i) {
+    if (listKind(i)) continue;
+    IndexCursor& cursor = indexStates[i];
+    if (cursor.currentKeys != nullptr) {
+      nodePool.releaseTree(cursor.keyPool, keyShape(i), cursor.currentKeys);  // owns currentKey too
+    } else {
+      cursor.keyPool.release(keyShape(i), cursor.currentKey);
+    }
+    cursor.currentKey = nullptr;
+  }
+}
+
+void Table::releaseAllKeys() {
+  if (schema == nullptr) return;
+  releaseCurrentKeys();
+  for (std::uint32_t i = 0; i < indexCount; ++i) {
+    if (listKind(i)) continue;
+    IndexCursor& cursor = indexStates[i];
+    nodePool.releaseTree(cursor.keyPool, keyShape(i), cursor.removedKeys);
+    nodePool.releaseTree(cursor.keyPool, keyShape(i), cursor.replacedKeys);
+  }
+}
+
+Table* findTable(UInt32AVLTree* tables, std::uint32_t tableId) {
+  return static_cast<Table*>(find(tables, tableId));
+}
+
+void destroyTables(MetaData& metaData, UInt32AVLTree*& tables) {
+  destroyAll(tables);
+  std::free(metaData.lockKey);
+  metaData.lockKey = nullptr;
+  metaData.lockOrderReached = 0;
+  metaData.lockObjectID = 0;
+}
+
+Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds) {
+  const SystemCode failure = platform::waitMutex(table.tableMutex, milliseconds);
+  if (failure != 0) return reportSystemError(&metaData, failure, table.cName(), extension::kTable);
+  metaData_ = &metaData;
+  table_ = &table;
+  return {};
+}
+
+Result TableMutexGuard::release() {
+  if (table_ == nullptr) return {};
+  Table& table = *table_;
+  table_ = nullptr;
+  const SystemCode failure = platform::releaseMutex(table.tableMutex);
+  return reportSystemError(metaData_, failure, table.cName(), extension::kTable);
+}
+
+}  // namespace zelta
