@@ -62,6 +62,9 @@ class BPlusCursor {
   /// Goes one entry on, in ascending order with `up`.
   Result next(bool up);
 
+  /// Gives the entry up.
+  void leave() { valid_ = false; }
+
   [[nodiscard]] bool valid() const { return valid_; }
   /// Key and object of the entry; the key is good until the cursor moves.
   [[nodiscard]] const std::uint32_t* key() const { return node_.keyAt(offset_); }

@@ -84,6 +84,10 @@ class Table final : public UInt32AVLTree {
   char* objectData =
       nullptr;  ///< the object, behind 10 bytes (6 in a fixed table); null: no buffer
   std::uint64_t currentObjectID = 0;
+  /// The object read last as it was read, if the keys of the cursors are made from it on demand.
+  ScratchBuffer keySource;
+  std::uint32_t keySourceLength = 0;
+  std::uint64_t keySourceID = 0;  ///< its ID; counts only while it is the current object
   platform::File tableFile = platform::File::none;
   platform::File indexFile = platform::File::none;
   platform::File memoryFile = platform::File::none;

@@ -1,0 +1,66 @@
+// The keys of the object read last, from which walks through indexes go on.
+
+#ifndef ZELTA_OBJECTS_CURRENT_KEYS_H
+#define ZELTA_OBJECTS_CURRENT_KEYS_H
+
+#include <cstdint>
+#include <utility>
+
+#include "storage/table.h"
+
+namespace zelta {
+
+/// A key from an index's pool, which goes back there.
+class PooledKey {
+ public:
+  PooledKey() = default;
+  ~PooledKey() { reset(); }
+  PooledKey(const PooledKey&) = delete;
+  PooledKey& operator=(const PooledKey&) = delete;
+
+  void take(Table& table, std::uint32_t index, std::uint32_t* key) {
+    reset();
+    table_ = &table;
+    index_ = index;
+    key_ = key;
+  }
+  void copy(Table& table, std::uint32_t index, const std::uint32_t* key) {
+    take(table, index, table.indexStates[index].keyPool.copy(table.keyShape(index), key));
+  }
+  void reset() {
+    if (key_ != nullptr)
+      table_->indexStates[index_].keyPool.release(table_->keyShape(index_), key_);
+    key_ = nullptr;
+  }
+  [[nodiscard]] const std::uint32_t* get() const { return key_; }
+  /// Gives the key up to whoever keeps it from now on.
+  [[nodiscard]] std::uint32_t* release() { return std::exchange(key_, nullptr); }
+
+ private:
+  Table* table_ = nullptr;
+  std::uint32_t index_ = 0;
+  std::uint32_t* key_ = nullptr;
+};
+
+/// How the object in the buffer was found: by which key of which index (from 0).
+struct MatchedKey {
+  std::uint32_t index = 0;
+  PooledKey* key = nullptr;  ///< null: not by a key; else it is taken over
+};
+
+/// Makes the object in the table's buffer, whose ID is `objectID`, the one that the cursors stand
+/// on. With `all` its keys in every index are made at once; else a copy of the object is kept, and
+/// a key is made when a walk needs it. `*entry` (may be null) receives the number of the entry
+/// whose key matched.
+Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
+                          MatchedKey matched, bool all, std::uint32_t* entry);
+
+/// The key of the current object in an index (from 0); null if it has none.
+Result currentKey(MetaData& metaData, Table& table, std::uint32_t index, const std::uint32_t** key);
+
+/// Makes the keys in all indexes that nobody has needed so far.
+Result completeCurrentKeys(MetaData& metaData, Table& table);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_CURRENT_KEYS_H

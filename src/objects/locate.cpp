@@ -1,0 +1,92 @@
+#include "objects/locate.h"
+
+namespace zelta {
+
+Result ReadFiles::attach(const TableHeader_tag& header, bool writer, bool withIndexes) {
+  Table& table = manager.table;
+  const bool readIndexes = withIndexes && table.indexCount != 0;
+  if (writer) ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, manager, true));
+  if (readIndexes) {
+    ZELTA_TRY(openIndexFile(manager.metaData, table, &header, indexHeader, manager, writer, true));
+  }
+  manager.attach(
+      readIndexes ? table.indexFile : platform::File::none, readIndexes ? &indexHeader : nullptr,
+      writer ? table.memoryFile : platform::File::none, writer ? &memoryHeader : nullptr);
+  return {};
+}
+
+Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Located& out,
+                   SlotState* state) {
+  const Table& table = request.table;
+  ObjectSlot slot{};
+  SystemCode result = code::kLockViolation;
+  if (!request.noLock) result = readSlot(table.tableFile, header.slotBase, out.objectID, &slot);
+  out.locked = !request.noLock && result == code::kLockViolation;
+  if (result == code::kLockViolation) {
+    result = readSlotPosition(table.tableFile, header.slotBase, out.objectID, &slot);
+  }
+  if (result != 0) {
+    return reportSystemError(&request.metaData, result, table.cName(), extension::kTable);
+  }
+  if (slot.isFree()) {
+    out.locked = false;
+    *state = SlotState::free;
+    return {};
+  }
+  if (slot.position < header.objectAreaStart || slot.position >= header.endOfFile) {
+    return reportError(&request.metaData, Own::tableFile, table.cName(), extension::kTable,
+                       static_cast<std::int64_t>(slot.position));
+  }
+  out.tablePosition = slot.position;
+  out.blocker = slot.transaction == request.metaData.transactionWord ? 0 : slot.transaction;
+  *state = out.locked ? SlotState::locked : SlotState::inUse;
+  return {};
+}
+
+namespace {
+
+/// Adds what the memory file knows of the object: this transaction's own version, or the entry of
+/// another one, which can only be left over from a dead transaction: a living one has its object
+/// locked.
+Result findPendingVersion(const ReadRequest& request, AtomicManager& manager, Located& out) {
+  PendingObject pending;
+  bool found = false;
+  const Table& table = request.table;
+  const bool own = find(table.addedObjects, out.objectID) != nullptr ||
+                   find(table.editedObjects, out.objectID) != nullptr;
+  ZELTA_TRY(findPendingObject(manager, out.objectID, &pending, &found));
+  if (own) {
+    if (found && pending.transaction == request.metaData.transactionWord) {
+      out.memoryPosition = pending.position;
+      out.memoryLength = pending.length;
+      out.blocker = 0;
+      return {};
+    }
+    return reportError(&request.metaData, Own::memoryFile, table.cName(), extension::kMemory);
+  }
+  if (!found || pending.transaction == request.metaData.transactionWord) return {};
+  if (!request.noLock) {
+    out.blocker = pending.transaction;
+    out.blockerHasEntry = true;
+  }
+  return {};
+}
+
+}  // namespace
+
+Result locateObject(const ReadRequest& request, const TableHeader_tag& header, ReadFiles* files,
+                    Located& out) {
+  if (request.index == 0) {
+    ZELTA_TRY(walkIds(request, header, false, out));
+  } else if (request.byTree()) {
+    ZELTA_TRY(walkTree(request, header, *files, out));
+  } else if (request.table.searchInverted) {
+    ZELTA_TRY(walkIds(request, header, true, out));
+  } else {
+    ZELTA_TRY(walkResults(request, header, out));
+  }
+  if (!request.writer || out.foreignKey) return {};
+  return findPendingVersion(request, files->manager, out);
+}
+
+}  // namespace zelta

@@ -1,0 +1,93 @@
+// Finding the object that a read means, and where its versions lie.
+
+#ifndef ZELTA_OBJECTS_LOCATE_H
+#define ZELTA_OBJECTS_LOCATE_H
+
+#include <cstdint>
+
+#include "czelta.h"
+#include "index/index_file.h"
+#include "objects/current_keys.h"
+#include "storage/atomic_manager.h"
+#include "storage/memory_file.h"
+#include "storage/table.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+/// What a read asks for.
+struct ReadRequest {
+  MetaData& metaData;
+  Table& table;
+  CZELTA::Mode mode;               ///< without flags
+  bool noLock;                     ///< sees committed versions of others' objects and never waits
+  bool writer;                     ///< the transaction may write, and has the table's mutex now
+  std::uint32_t index;             ///< counted from 1; 0: by object ID
+  const void* key;                 ///< as the caller gave it
+  const std::uint32_t* searchKey;  ///< made from `key` for a B+Tree
+
+  [[nodiscard]] bool byTree() const {
+    return index != 0 && table.index(index - 1).indexKind == CZELTA::BPlusTree;
+  }
+  [[nodiscard]] bool byResults() const { return index != 0 && !byTree(); }
+  /// Modes that go on upward from where they begin.
+  [[nodiscard]] bool upward() const {
+    return mode == CZELTA::ReadFirst || mode == CZELTA::ReadNext || mode == CZELTA::ReadGreater ||
+           mode == CZELTA::ReadGreaterEqual;
+  }
+  /// "Not found", with the ID if one was asked for.
+  Result notFound(std::uint64_t objectID = 0) const {
+    return reportError(&metaData, Own::keyNotFound, table.cName(), nullptr,
+                       static_cast<std::int64_t>(objectID), std::int64_t{index} - 1);
+  }
+};
+
+/// What was found.
+struct Located {
+  std::uint64_t objectID = 0;
+  std::uint64_t tablePosition = 0;   ///< record of the committed version; 0: only pending
+  std::uint64_t memoryPosition = 0;  ///< record of this transaction's pending version; 0: none
+  std::uint32_t memoryLength = 0;
+  std::uint32_t blocker = 0;     ///< another transaction that has left its mark on the object
+  bool blockerHasEntry = false;  ///< the mark is an entry in the memory file
+  bool locked = false;           ///< another handle has the object locked
+  bool foreignKey = false;       ///< the nearest key is pending in another transaction
+  PooledKey key;                 ///< that led here
+};
+
+/// The files of a table as a read needs them, opened and attached when they are.
+class ReadFiles {
+ public:
+  ReadFiles(MetaData& metaData, Table& table) : manager(metaData, table) {}
+
+  /// Opens the memory file (only writers have one) and with `withIndexes` the index file, and
+  /// reads their headers.
+  Result attach(const TableHeader_tag& header, bool writer, bool withIndexes);
+
+  AtomicManager manager;
+  MemoryFileHeader_tag memoryHeader{};
+  IndexFileHeader_tag indexHeader{};
+};
+
+/// Finds the object. `files` is null for a reader that goes by object ID. Code 33: something is
+/// locked, see `Located::locked`; nothing is reported for it.
+Result locateObject(const ReadRequest& request, const TableHeader_tag& header, ReadFiles* files,
+                    Located& out);
+
+/// The roads of locateObject(). They fill `out` up to the object's slot.
+Result walkIds(const ReadRequest& request, const TableHeader_tag& header, bool inverted,
+               Located& out);
+Result walkResults(const ReadRequest& request, const TableHeader_tag& header, Located& out);
+Result walkTree(const ReadRequest& request, const TableHeader_tag& header, ReadFiles& files,
+                Located& out);
+
+/// What a slot says of an object.
+enum class SlotState { inUse, free, locked };
+/// Reads the slot of `out.objectID` and fills position, blocker and `locked`. A position that no
+/// record can have is own code 55. With ReadNoLock locks and blockers do not count.
+Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Located& out,
+                   SlotState* state);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_LOCATE_H

@@ -1,0 +1,81 @@
+#include "objects/lock_position.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace zelta {
+
+namespace {
+
+bool descending(const Table& table) {
+  return (table.schema->schemaFlags & CZELTA::SchemaLockDescending) != 0;
+}
+
+/// Key words that the position keeps; it outlives the table, so it owns a plain copy.
+std::uint32_t* copyKey(KeyShape shape, const std::uint32_t* key) {
+  const std::size_t bytes = std::size_t{shape.variable() ? key[0] : shape.words} * 4;
+  void* copy = std::malloc(bytes == 0 ? 4 : bytes);
+  if (copy == nullptr) throw std::bad_alloc();
+  std::memcpy(copy, key, bytes);
+  return static_cast<std::uint32_t*>(copy);
+}
+
+void dropLockKey(MetaData& metaData) {
+  std::free(metaData.lockKey);
+  metaData.lockKey = nullptr;
+}
+
+/// Whether `a` comes behind `b` in the order of locks.
+bool further(const Table& table, int sign) { return descending(table) ? sign < 0 : sign > 0; }
+
+}  // namespace
+
+bool lockingIndex(const Table& table, std::uint32_t* index) {
+  const std::uint32_t number = table.schema->lockIndex;
+  if (number == 0 || number > table.indexCount) return false;
+  *index = number - 1;
+  return true;
+}
+
+void advanceLockPosition(MetaData& metaData, const Table& table, std::uint64_t objectID,
+                         const std::uint32_t* key) {
+  if (metaData.lockOrderReached > table.tableLockOrder) return;
+  const bool newTable = metaData.lockOrderReached < table.tableLockOrder;
+  std::uint32_t index = 0;
+  if (!lockingIndex(table, &index)) {
+    dropLockKey(metaData);
+    const std::uint64_t reached = metaData.lockObjectID;
+    const bool ahead = descending(table) ? objectID < reached : objectID > reached;
+    if (newTable || ahead) metaData.lockObjectID = objectID;
+    metaData.lockOrderReached = table.tableLockOrder;
+    return;
+  }
+  metaData.lockObjectID = 0;
+  if (key == nullptr) return;
+  const KeyShape shape = table.keyShape(index);
+  if (!newTable && metaData.lockKey != nullptr &&
+      !further(table, compareKeys(shape, key, metaData.lockKey))) {
+    return;
+  }
+  std::uint32_t* copy = copyKey(shape, key);
+  dropLockKey(metaData);
+  metaData.lockKey = copy;
+  metaData.lockOrderReached = table.tableLockOrder;
+}
+
+bool isAheadOfLockPosition(const MetaData& metaData, const Table& table, const std::uint32_t* key) {
+  if (metaData.lockOrderReached < table.tableLockOrder || metaData.lockKey == nullptr) return true;
+  if (metaData.lockOrderReached > table.tableLockOrder) return false;
+  std::uint32_t index = 0;
+  if (!lockingIndex(table, &index) || key == nullptr) return true;
+  return further(table, compareKeys(table.keyShape(index), key, metaData.lockKey));
+}
+
+void dropLockPosition(MetaData& metaData) {
+  dropLockKey(metaData);
+  metaData.lockOrderReached = 0;
+  metaData.lockObjectID = 0;
+}
+
+}  // namespace zelta

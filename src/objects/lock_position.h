@@ -1,0 +1,32 @@
+// The furthest point up to which a transaction has locked objects, in the order that tables and
+// objects are to be locked in. Whoever waits only for objects ahead of that point cannot be part of
+// a circle of waiting transactions.
+
+#ifndef ZELTA_OBJECTS_LOCK_POSITION_H
+#define ZELTA_OBJECTS_LOCK_POSITION_H
+
+#include <cstdint>
+
+#include "storage/table.h"
+
+namespace zelta {
+
+/// Takes note of an object's lock. `key`: the object's key in the index that orders the locks of
+/// the table, null in a table that orders them by ID.
+void advanceLockPosition(MetaData& metaData, const Table& table, std::uint64_t objectID,
+                         const std::uint32_t* key);
+
+/// Whether an object with this key comes behind all that was locked so far. Without a lock key to
+/// compare with it does.
+[[nodiscard]] bool isAheadOfLockPosition(const MetaData& metaData, const Table& table,
+                                         const std::uint32_t* key);
+
+/// Forgets the position. The transaction is over.
+void dropLockPosition(MetaData& metaData);
+
+/// The index (from 0) that orders the locks of a table; false if the object IDs do.
+[[nodiscard]] bool lockingIndex(const Table& table, std::uint32_t* index);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_LOCK_POSITION_H

@@ -1,0 +1,209 @@
+#include "objects/read_bytes.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "index/bplus_tree.h"
+#include "index/kinds.h"
+#include "storage/file_io.h"
+
+namespace zelta {
+
+namespace {
+
+/// Bytes in front of the object in the table's buffer.
+constexpr std::uint32_t kFixedLead = 6;
+constexpr std::uint32_t kVariableLead = 10;
+/// A record's length word, which follows the size of its block.
+constexpr std::uint32_t kLengthOffset = 4;
+/// Buffers up to this size stay even if an object needs much less.
+constexpr std::uint64_t kSmallBuffer = 64 * 1024;
+/// Most that is read of a record before its length is known.
+constexpr std::uint64_t kLargestGuess = 64 * 1024;
+
+std::uint32_t leadOf(const Table& table) { return table.isFixed() ? kFixedLead : kVariableLead; }
+
+Result failed(MetaData& metaData, const Table& table, SystemCode result,
+              const char16_t* fileExtension) {
+  return reportSystemError(&metaData, result, table.cName(), fileExtension);
+}
+
+Result badRecord(MetaData& metaData, const Table& table, std::uint64_t position,
+                 std::uint64_t value) {
+  return reportError(&metaData, Own::tableFile, table.cName(), extension::kTable,
+                     static_cast<std::int64_t>(position), static_cast<std::int64_t>(value));
+}
+
+/// Room for an object of `length` bytes. Returns whether the buffer's content is still there.
+bool makeRoom(Table& table, std::uint64_t length) {
+  const std::uint64_t need = length + leadOf(table);
+  const std::uint64_t capacity = table.objectBuffer.size();
+  const bool small = capacity <= kSmallBuffer || capacity <= need * 2;
+  if (table.objectBuffer.data() != nullptr && capacity >= need && small) return true;
+  table.objectBuffer.release();
+  table.objectBuffer.reserveExactly(need);
+  return false;
+}
+
+/// The buffer no longer holds the object that it held.
+void forgetObject(Table& table) {
+  table.objectData = nullptr;
+  table.objectLength = 0;
+}
+
+void takeObject(Table& table, std::uint32_t length) {
+  table.objectData = table.objectBuffer.data() + leadOf(table);
+  table.objectLength = length;
+}
+
+std::uint64_t storedId(const Table& table, const char* object) {
+  std::uint64_t id = 0;
+  std::memcpy(&id, object + 2, table.idSize());
+  return id;
+}
+
+Result readFixed(MetaData& metaData, Table& table, const TableHeader_tag& header,
+                 std::uint64_t position) {
+  if (header.endOfFile - position < table.fixedAreaSize) {
+    return badRecord(metaData, table, position, table.fixedAreaSize);
+  }
+  makeRoom(table, table.fixedAreaSize);
+  const SystemCode result = readBuffer(table.tableFile, position,
+                                       table.objectBuffer.data() + kFixedLead, table.fixedAreaSize);
+  if (result != 0) return failed(metaData, table, result, extension::kTable);
+  takeObject(table, table.fixedAreaSize);
+  return {};
+}
+
+/// Reads record head and object together: the length is guessed from the object before and from
+/// what objects of this table usually take. `lastLength` is that of the object before.
+Result readVariable(MetaData& metaData, Table& table, const TableHeader_tag& header,
+                    std::uint64_t position, std::uint32_t lastLength) {
+  // The record lands so that the object in it comes to stand where it belongs.
+  constexpr std::uint32_t kShift = kVariableLead - kRecordHead;
+  const std::uint64_t rest = header.endOfFile - position;
+  if (rest < kRecordFraming) return badRecord(metaData, table, position + kLengthOffset, 0);
+  std::uint64_t guess =
+      std::max<std::uint64_t>({lastLength, header.defaultObjectSize, table.minimumObjectSize});
+  guess = std::min({guess, kLargestGuess, rest - kRecordHead});
+  if (table.objectBuffer.data() == nullptr || table.objectBuffer.size() < guess + kVariableLead) {
+    makeRoom(table, guess);
+  }
+  char* buffer = table.objectBuffer.data();
+  std::uint32_t have = 0;
+  SystemCode result = readBuffer(table.tableFile, position, buffer + kShift,
+                                 static_cast<std::uint32_t>(guess + kRecordHead), &have);
+  if (result == 0 && have < kRecordHead) result = code::kEndOfFile;
+  if (result != 0) return failed(metaData, table, result, extension::kTable);
+  std::uint32_t length = 0;
+  std::memcpy(&length, buffer + kShift + kLengthOffset, sizeof(length));
+  if (length < table.minimumObjectSize || length > rest - kRecordFraming) {
+    return badRecord(metaData, table, position + kLengthOffset, length);
+  }
+  std::uint32_t done = std::min(have - kRecordHead, length);
+  if (!makeRoom(table, length)) done = 0;
+  if (done < length) {
+    result = readLargeBuffer(table.tableFile, position + kRecordHead + done,
+                             table.objectBuffer.data() + kVariableLead + done,
+                             std::int64_t{length} - done);
+    if (result != 0) return failed(metaData, table, result, extension::kTable);
+  }
+  takeObject(table, length);
+  return {};
+}
+
+}  // namespace
+
+Result readCommittedObject(MetaData& metaData, Table& table, const TableHeader_tag& header,
+                           std::uint64_t objectID, std::uint64_t position) {
+  const std::uint32_t lastLength = table.objectLength;
+  forgetObject(table);
+  if (table.isFixed()) {
+    ZELTA_TRY(readFixed(metaData, table, header, position));
+  } else {
+    ZELTA_TRY(readVariable(metaData, table, header, position, lastLength));
+  }
+  if (storedId(table, table.objectData) == objectID) return {};
+  forgetObject(table);
+  return badRecord(metaData, table, position, objectID);
+}
+
+Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& manager,
+                         const Located& found) {
+  const std::uint32_t length = table.isFixed() ? table.fixedAreaSize : found.memoryLength;
+  const std::uint64_t end = manager.memoryEndOfFile;
+  if (length < table.minimumObjectSize || found.memoryPosition > end ||
+      end - found.memoryPosition < std::uint64_t{length} + 4) {
+    return reportError(&metaData, Own::memoryFile, table.cName(), extension::kMemory);
+  }
+  forgetObject(table);
+  makeRoom(table, length);
+  char* object = table.objectBuffer.data() + leadOf(table);
+  const SystemCode result =
+      readLargeBuffer(table.memoryFile, found.memoryPosition + 4, object, length);
+  if (result != 0) return failed(metaData, table, result, extension::kMemory);
+  if (storedId(table, object) != found.objectID) {
+    return reportError(&metaData, Own::memoryFile, table.cName(), extension::kMemory);
+  }
+  takeObject(table, length);
+  return {};
+}
+
+Result readCommittedAside(MetaData& metaData, Table& table, std::uint64_t position,
+                          std::uint32_t* length) {
+  std::uint64_t begin = position;
+  *length = table.fixedAreaSize;
+  if (!table.isFixed()) {
+    SystemCode result =
+        readBuffer(table.tableFile, position + kLengthOffset, length, sizeof(*length));
+    if (result != 0) return failed(metaData, table, result, extension::kTable);
+    begin += kRecordHead;
+    std::uint64_t size = 0;
+    result = platform::fileSize(table.tableFile, &size);
+    if (result != 0) return failed(metaData, table, result, extension::kTable);
+    if (*length < table.minimumObjectSize || begin > size || *length > size - begin) {
+      return badRecord(metaData, table, position + kLengthOffset, *length);
+    }
+  }
+  char* object = metaData.scratchFor(Scratch::object).reserve(*length);
+  const SystemCode result = readLargeBuffer(table.tableFile, begin, object, *length);
+  return result == 0 ? Result() : failed(metaData, table, result, extension::kTable);
+}
+
+void viewObject(const Table& table, CZELTA::Object* object) {
+  const std::uint32_t headerSize = table.headerSize();
+  std::uint64_t id = 0;
+  std::memcpy(&id, table.objectData + 2, table.idSize());
+  std::memcpy(&object->version, table.objectData, sizeof(object->version));
+  object->objectID = static_cast<std::int64_t>(id);
+  object->data = table.objectData + headerSize;
+  object->length = table.objectLength - headerSize;
+  object->variableData = table.isFixed() ? nullptr : table.objectData + table.fixedAreaSize;
+}
+
+Result eraseSlotTransaction(MetaData& metaData, Table& table, std::uint32_t slotBase,
+                            std::uint64_t objectID) {
+  const std::uint32_t nobody = 0;
+  const SystemCode result =
+      writeBuffer(table.tableFile, slotPosition(slotBase, objectID) + 8, &nobody, sizeof(nobody));
+  return result == 0 ? Result() : failed(metaData, table, result, extension::kTable);
+}
+
+Result dropTransactionEntries(MetaData& metaData, Table& table, ReadFiles& files,
+                              std::uint32_t number) {
+  struct IdSet {
+    ~IdSet() { destroyAll(ids); }
+    UInt64AVLTree* ids = nullptr;
+  } entries;
+  ZELTA_TRY(collectTransaction(files.manager, number, entries.ids, nullptr));
+  if (entries.ids != nullptr) {
+    for (std::uint32_t i = 0; i < table.indexCount; ++i) {
+      if (table.listKind(i)) continue;
+      ZELTA_TRY(mergeEntries(metaData, table, nullptr, files.memoryHeader.pageSize, files.manager,
+                             i, entries.ids, nullptr));
+    }
+  }
+  return removeTransaction(files.manager, files.memoryHeader, table, number, nullptr);
+}
+
+}  // namespace zelta
