@@ -37,7 +37,7 @@ class RawLogReader {
     log.root = numberAt<std::uint64_t>(bytes, 8);
     log.freeHead = numberAt<std::uint64_t>(bytes, 16);
     log.end = numberAt<std::uint64_t>(bytes, 24);
-    EXPECT_EQ(bytes.substr(32, 80), std::string(80, '\0')) << "no intent is pending";
+    EXPECT_EQ(numberAt<std::uint64_t>(bytes, 48), 0u) << "an intent is pending";
     if (log.root != 0) log.depth = walk(log.root, 0, 0xFFFFFFFF);
     for (std::uint64_t at = log.freeHead; at != 0; at = numberAt<std::uint64_t>(bytes, at + 8)) {
       EXPECT_EQ(numberAt<std::uint32_t>(bytes, at + 16), 0xFFFFFFFFu);
