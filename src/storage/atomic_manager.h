@@ -25,9 +25,13 @@ class AtomicManager {
   /// A page that is held, by its position in its own file.
   struct Page final : UInt64AVLTree {
     ~Page() override;
-    char* bytes = nullptr;  ///< a memory page's bytes, owned (malloc)
+    char* bytes = nullptr;  ///< owned (malloc); null for an index page that lies in its shadow only
     std::uint32_t size = 0;
-    std::uint64_t shadowPosition = 0;  ///< an index page's place in the memory file
+    std::uint32_t shadowSize = 0;      ///< room at `shadowPosition`
+    std::uint64_t shadowPosition = 0;  ///< an index page's place in the memory file, 0 for none
+    bool unsaved = false;              ///< an index page whose bytes are newer than its shadow
+    Page* newer = nullptr;             ///< index pages with bytes, in the order of their use
+    Page* older = nullptr;
   };
 
   AtomicManager(MetaData& metaData, Table& table);
@@ -35,17 +39,17 @@ class AtomicManager {
   AtomicManager(const AtomicManager&) = delete;
   AtomicManager& operator=(const AtomicManager&) = delete;
 
-  /// Drops lists and pages and takes chain heads and ends from the headers, which may be null.
-  /// Called each time that the table's mutex was gained.
+  /// Drops lists and pages and takes chain heads and ends from the headers, which may be null. The
+  /// roots, which the readers of the headers have filled in, stay. Called each time that the
+  /// table's mutex was gained.
   void attach(platform::File index, const IndexFileHeader_tag* indexHeader, platform::File memory,
               const MemoryFileHeader_tag* memoryHeader);
 
   /// Gives a page: held bytes, or a copy in `scratch`. A file that is not open gives null.
   Result readPage(PageFile file, std::uint64_t position, char** page, ScratchBuffer& scratch);
-  /// Puts a page. A memory page that is held already was changed in place; else its bytes are
-  /// copied, and
-  /// `*held` (if given) receives the copy. An index page goes to its shadow, or without a memory
-  /// file straight into the index file.
+  /// Puts a page, whose size is its first word. A memory page that is held already was changed in
+  /// place; else its bytes are copied, and `*held` (if given) receives the copy. An index page goes
+  /// to its shadow, or without a memory file straight into the index file.
   Result writePage(PageFile file, std::uint64_t position, const char* page, char** held = nullptr);
   /// A new page of zeros with its size in the first word. `size` is rounded up to 8.
   Result allocatePage(PageFile file, std::uint32_t size, char** page, std::uint64_t* position,
@@ -63,6 +67,45 @@ class AtomicManager {
   [[nodiscard]] std::uint64_t* memoryRoots() { return roots_.get(); }
   [[nodiscard]] std::uint64_t* indexRoots() { return roots_.get() + indexCount + 1; }
 
+  // -- For the memory file ------------------------------------------------------------------------
+
+  /// A memory page itself, read if it is not held. Good until the next call of readPage(),
+  /// dropUnchanged() or freePage() unless it is marked as changed.
+  Result holdMemoryPage(std::uint64_t position, std::uint32_t size, Page** page);
+  /// A held page is going to be changed: it will be written.
+  void markChanged(Page* page);
+  /// A new memory page of zeros, held and marked.
+  Result newMemoryPage(std::uint32_t size, Page** page);
+  /// Forgets pages that are held only because they were read.
+  void dropUnchanged();
+  /// Takes or gives back space of either file. `*taken` may exceed `size`.
+  Result takeSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
+                   std::uint32_t* taken);
+  Result giveSpace(PageFile file, std::uint64_t position, std::uint32_t size);
+  /// From now on released space of the memory file waits apart until the next flush, which merges
+  /// it in one pass; for steps that release much and take little.
+  void deferMemoryReleases() { deferReleases_ = true; }
+  [[nodiscard]] FreeExtentNode* releasedMemory() const { return releasedMemory_; }
+  /// Forgets changed pages, free lists and released space of the memory file, after a flush.
+  void dropMemoryChanges();
+  /// The memory roots as the file has them.
+  [[nodiscard]] std::uint64_t* savedMemoryRoots() { return roots_.get() + 2 * indexCount + 1; }
+
+  // -- For the index file -------------------------------------------------------------------------
+
+  /// Index pages are kept in memory from now on, within bounds, before they go where writePage()
+  /// would have brought them; for steps that work much on one tree. Pages that were read are kept
+  /// too, so nobody else may write the index file meanwhile.
+  void holdIndexPages() { holdIndexPages_ = true; }
+  /// Writes held index pages where they belong, if there is no memory file.
+  Result writeHeldIndexPages();
+  /// Bytes of a changed index page, from memory or its shadow.
+  Result changedIndexPage(Page& page, const char** bytes, ScratchBuffer& scratch);
+  /// Forgets changed index pages, shadows and the free list of the index file, after a flush.
+  void dropIndexChanges();
+  /// The bound of what holdIndexPages() keeps.
+  std::uint64_t heldIndexLimit = 8 * 1024 * 1024;
+
   // State, as the owners of the two files need it
   MetaData& metaData;
   Table& table;
@@ -71,19 +114,67 @@ class AtomicManager {
   std::uint32_t indexCount = 0;
   std::uint32_t shadowPageCount = 0;
   std::uint32_t pageCount = 0;
-  std::uint32_t pageSize = 0;  ///< guess for one read: a tree's own comes from its file's header
+  /// Of the memory file if its header was given, else of the index file. What a tree of either file
+  /// uses comes from that file's header.
+  std::uint32_t pageSize = 0;
   std::uint64_t indexFreeHead = 0;
   std::uint64_t memoryFreeHead = 0;
   std::uint64_t indexEndOfFile = 0;
   std::uint64_t memoryEndOfFile = 0;
-  std::uint64_t shadowCursor = 0;  ///< where the next shadow goes in the memory file
+  std::uint64_t shadowCursor = 0;  ///< where the next shadow goes in the memory file; 0: none yet
   FreeBlock* indexFreeList = nullptr;
   FreeBlock* memoryFreeList = nullptr;
   platform::File indexFile = platform::File::none;
   platform::File memoryFile = platform::File::none;
 
  private:
-  std::unique_ptr<std::uint64_t[]> roots_;
+  [[nodiscard]] Page* changedPage(PageFile file, std::uint64_t position) const;
+  [[nodiscard]] Page* unchangedPage(PageFile file, std::uint64_t position) const;
+  [[nodiscard]] UInt64AVLTree*& unchangedTree(PageFile file) {
+    return unchanged_[file == PageFile::memory ? 1 : 0];
+  }
+  [[nodiscard]] platform::File handle(PageFile file) const {
+    return file == PageFile::memory ? memoryFile : indexFile;
+  }
+  [[nodiscard]] std::uint64_t end(PageFile file) const {
+    return file == PageFile::memory ? memoryEndOfFile : indexEndOfFile;
+  }
+  [[nodiscard]] const char16_t* extensionOf(PageFile file) const;
+  Result corrupted(PageFile file) const;
+  Result failed(PageFile file, SystemCode code) const;
+
+  [[nodiscard]] bool inside(PageFile file, std::uint64_t position, std::uint64_t size) const;
+  Result readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
+                      std::uint32_t* size);
+  Result readRest(PageFile file, std::uint64_t position, std::uint32_t have, std::uint32_t size,
+                  ScratchBuffer& scratch);
+  Page* keepUnchanged(PageFile file, std::uint64_t position, const char* bytes, std::uint32_t size);
+  void dropUnchangedPage(PageFile file, std::uint64_t position);
+
+  Result readChangedIndexPage(Page& page, char** bytes, ScratchBuffer& scratch);
+  Result writeMemoryPage(std::uint64_t position, const char* page, std::uint32_t size, char** held);
+  Result writeIndexPage(std::uint64_t position, const char* page, std::uint32_t size);
+  Result takeIndexBytes(Page& page, const char* bytes, std::uint32_t size);
+  void assignShadow(Page& page);
+  void releaseIndexBytes(Page& page);
+  void use(Page& page);
+  void unuse(Page& page);
+  Result shrinkHeldIndex();
+  Result takeEnd(PageFile file, std::uint64_t need, std::uint64_t* position);
+  void releaseLater(std::uint64_t position, std::uint32_t size);
+
+  std::unique_ptr<std::uint64_t[]> roots_;            ///< memory, index, memory as saved
+  UInt64AVLTree* unchanged_[2] = {nullptr, nullptr};  ///< pages as read, of index and memory file
+  std::uint64_t unchangedBytes_ = 0;
+  std::uint64_t heldIndexBytes_ = 0;
+  Page* newest_ = nullptr;
+  Page* oldest_ = nullptr;
+  FreeExtentNode* releasedMemory_ = nullptr;
+  FreeExtentNode* lastRelease_ = nullptr;
+  std::uint32_t indexPageSize_ = 0;
+  std::uint32_t memoryPageSize_ = 0;
+  bool holdIndexPages_ = false;
+  bool deferReleases_ = false;
 };
 
 }  // namespace zelta

@@ -1,0 +1,384 @@
+#include "storage/atomic_manager.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "storage/atomic_manager_writer.h"
+#include "storage/file_io.h"
+#include "storage/index_header.h"
+
+namespace zelta {
+
+namespace {
+
+/// A page states its size in its first word.
+std::uint32_t statedSize(const char* page) {
+  std::uint32_t size = 0;
+  std::memcpy(&size, page, sizeof(size));
+  return size;
+}
+
+/// Sizes up to this belong to no page: they leave no room for a kind.
+constexpr std::uint32_t kNoPageSize = 4;
+/// What is read at once at most before a page's size is known.
+constexpr std::uint32_t kLargestGuess = 64 * 1024;
+/// Pages above this size are allocated only if the file is long enough to hold them.
+constexpr std::uint32_t kTrustedSize = 1024 * 1024;
+/// What is kept of pages that were only read.
+constexpr std::uint64_t kUnchangedLimit = 2 * 1024 * 1024;
+
+char* allocateBytes(std::uint32_t size) {
+  auto* bytes = static_cast<char*>(std::malloc(size));
+  if (bytes == nullptr) throw std::bad_alloc();
+  return bytes;
+}
+
+/// Gives a page room for a size; what was there may be lost.
+void makeRoom(AtomicManager::Page& page, std::uint32_t size) {
+  if (page.bytes != nullptr && page.size == size) return;
+  char* bytes = allocateBytes(size);
+  std::free(page.bytes);
+  page.bytes = bytes;
+  page.size = size;
+}
+
+}  // namespace
+
+AtomicManager::Page::~Page() { std::free(bytes); }
+
+AtomicManager::AtomicManager(MetaData& theMetaData, Table& theTable)
+    : metaData(theMetaData),
+      table(theTable),
+      indexCount(theTable.indexCount),
+      roots_(std::make_unique<std::uint64_t[]>(3 * std::size_t{theTable.indexCount} + 2)) {}
+
+AtomicManager::~AtomicManager() {
+  dropMemoryChanges();
+  dropIndexChanges();
+  dropUnchanged();
+}
+
+void AtomicManager::attach(platform::File index, const IndexFileHeader_tag* indexHeader,
+                           platform::File memory, const MemoryFileHeader_tag* memoryHeader) {
+  dropMemoryChanges();
+  dropIndexChanges();
+  dropUnchanged();
+  holdIndexPages_ = false;
+  indexFile = index;
+  memoryFile = memory;
+  indexFreeHead = indexHeader != nullptr ? indexHeader->freeListHead : 0;
+  indexEndOfFile = indexHeader != nullptr ? indexHeader->fileEnd : 0;
+  indexPageSize_ = indexHeader != nullptr ? indexHeader->pageSize : 0;
+  memoryFreeHead = memoryHeader != nullptr ? memoryHeader->freeHead : 0;
+  memoryEndOfFile = memoryHeader != nullptr ? memoryHeader->endOfFile : 0;
+  memoryPageSize_ = memoryHeader != nullptr ? memoryHeader->pageSize : 0;
+  pageSize = memoryHeader != nullptr ? memoryPageSize_ : indexPageSize_;
+}
+
+void AtomicManager::dropMemoryChanges() {
+  destroyAll(pages);
+  pageCount = 0;
+  dropFreeList(memoryFreeList);
+  destroyAll(releasedMemory_);
+  lastRelease_ = nullptr;
+  deferReleases_ = false;
+}
+
+void AtomicManager::dropIndexChanges() {
+  destroyAll(shadowPages);
+  shadowPageCount = 0;
+  shadowCursor = 0;
+  newest_ = nullptr;
+  oldest_ = nullptr;
+  heldIndexBytes_ = 0;
+  dropFreeList(indexFreeList);
+}
+
+void AtomicManager::dropUnchanged() {
+  destroyAll(unchanged_[0]);
+  destroyAll(unchanged_[1]);
+  unchangedBytes_ = 0;
+}
+
+// -- Small helpers --------------------------------------------------------------------------------
+
+AtomicManager::Page* AtomicManager::changedPage(PageFile file, std::uint64_t position) const {
+  return static_cast<Page*>(find(file == PageFile::memory ? pages : shadowPages, position));
+}
+
+AtomicManager::Page* AtomicManager::unchangedPage(PageFile file, std::uint64_t position) const {
+  return static_cast<Page*>(find(unchanged_[file == PageFile::memory ? 1 : 0], position));
+}
+
+const char16_t* AtomicManager::extensionOf(PageFile file) const {
+  return file == PageFile::memory ? extension::kMemory : extension::kIndex;
+}
+
+Result AtomicManager::corrupted(PageFile file) const {
+  return reportError(&metaData, file == PageFile::memory ? Own::memoryFile : Own::indexFile,
+                     table.cName(), extensionOf(file));
+}
+
+Result AtomicManager::failed(PageFile file, SystemCode code) const {
+  return reportSystemError(&metaData, code, table.cName(), extensionOf(file));
+}
+
+bool AtomicManager::inside(PageFile file, std::uint64_t position, std::uint64_t size) const {
+  const std::uint64_t first =
+      file == PageFile::memory ? memoryHeaderSize(indexCount) : indexHeaderSize(indexCount);
+  return position >= first && position < end(file) && size <= end(file) - position;
+}
+
+// -- Reading --------------------------------------------------------------------------------------
+
+Result AtomicManager::readPage(PageFile file, std::uint64_t position, char** page,
+                               ScratchBuffer& scratch) {
+  *page = nullptr;
+  if (unchangedBytes_ > kUnchangedLimit) dropUnchanged();
+  if (Page* held = changedPage(file, position)) {
+    if (file == PageFile::index) return readChangedIndexPage(*held, page, scratch);
+    *page = held->bytes;
+    return {};
+  }
+  if (handle(file) == platform::File::none) return {};
+  if (const Page* held = unchangedPage(file, position)) {
+    *page = scratch.reserve(held->size);
+    std::memcpy(*page, held->bytes, held->size);
+    return {};
+  }
+  std::uint32_t size = 0;
+  ZELTA_TRY(readFromFile(file, position, scratch, &size));
+  *page = scratch.data();
+  const bool keep = file == PageFile::memory || holdIndexPages_;
+  if (keep && size <= kLargestGuess) keepUnchanged(file, position, *page, size);
+  return {};
+}
+
+Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
+                                   std::uint32_t* size) {
+  if (!inside(file, position, kNoPageSize + 1)) return corrupted(file);
+  const std::uint32_t unit = file == PageFile::memory ? memoryPageSize_ : indexPageSize_;
+  const std::uint64_t guess = std::min<std::uint64_t>(
+      std::clamp<std::uint32_t>(unit, 64, kLargestGuess), end(file) - position);
+  char* bytes = scratch.reserve(guess);
+  std::uint32_t have = 0;
+  const SystemCode result =
+      readBuffer(handle(file), position, bytes, static_cast<std::uint32_t>(guess), &have);
+  if (result != 0) return failed(file, result);
+  if (have < sizeof(*size)) return failed(file, code::kEndOfFile);
+  *size = statedSize(bytes);
+  if (*size <= kNoPageSize) {
+    return reportError(&metaData, Own::indexFile, table.cName(), extensionOf(file));
+  }
+  if (!inside(file, position, *size)) return corrupted(file);
+  return *size <= have ? Result{} : readRest(file, position, have, *size, scratch);
+}
+
+Result AtomicManager::readRest(PageFile file, std::uint64_t position, std::uint32_t have,
+                               std::uint32_t size, ScratchBuffer& scratch) {
+  if (size > kTrustedSize) {
+    std::uint64_t length = 0;
+    const SystemCode result = platform::fileSize(handle(file), &length);
+    if (result != 0) return failed(file, result);
+    if (length < size || position > length - size) return corrupted(file);
+  }
+  if (size > scratch.size()) have = 0;
+  char* bytes = scratch.reserve(size);
+  const SystemCode result =
+      readLargeBuffer(handle(file), position + have, bytes + have, std::int64_t{size} - have);
+  if (result != 0) return failed(file, result);
+  return statedSize(bytes) == size ? Result{} : corrupted(file);
+}
+
+AtomicManager::Page* AtomicManager::keepUnchanged(PageFile file, std::uint64_t position,
+                                                  const char* bytes, std::uint32_t size) {
+  auto page = std::make_unique<Page>();
+  makeRoom(*page, size);
+  if (bytes != nullptr) std::memcpy(page->bytes, bytes, size);
+  insert(page.get(), unchangedTree(file), position);
+  unchangedBytes_ += size;
+  return page.release();
+}
+
+void AtomicManager::dropUnchangedPage(PageFile file, std::uint64_t position) {
+  const std::unique_ptr<Page> page(unchangedPage(file, position));
+  if (page == nullptr) return;
+  remove(page.get(), unchangedTree(file));
+  unchangedBytes_ -= page->size;
+}
+
+Result AtomicManager::holdMemoryPage(std::uint64_t position, std::uint32_t size, Page** page) {
+  *page = changedPage(PageFile::memory, position);
+  if (*page == nullptr) *page = unchangedPage(PageFile::memory, position);
+  if (*page != nullptr) return (*page)->size == size ? Result{} : corrupted(PageFile::memory);
+  if (!inside(PageFile::memory, position, size)) return corrupted(PageFile::memory);
+  auto fresh = std::make_unique<Page>();
+  makeRoom(*fresh, size);
+  const SystemCode result = readBuffer(memoryFile, position, fresh->bytes, size);
+  if (result != 0) return failed(PageFile::memory, result);
+  if (statedSize(fresh->bytes) != size) return corrupted(PageFile::memory);
+  insert(fresh.get(), unchangedTree(PageFile::memory), position);
+  unchangedBytes_ += size;
+  *page = fresh.release();
+  return {};
+}
+
+void AtomicManager::markChanged(Page* page) {
+  if (changedPage(PageFile::memory, page->key) == page) return;
+  remove(page, unchangedTree(PageFile::memory));
+  unchangedBytes_ -= page->size;
+  insert(page, pages, page->key);
+  ++pageCount;
+}
+
+// -- Writing --------------------------------------------------------------------------------------
+
+Result AtomicManager::writePage(PageFile file, std::uint64_t position, const char* page,
+                                char** held) {
+  const std::uint32_t size = statedSize(page);
+  if (size <= kNoPageSize) return corrupted(file);
+  if (file == PageFile::memory) return writeMemoryPage(position, page, size, held);
+  return writeIndexPage(position, page, size);
+}
+
+Result AtomicManager::writeMemoryPage(std::uint64_t position, const char* page, std::uint32_t size,
+                                      char** held) {
+  Page* node = changedPage(PageFile::memory, position);
+  if (node == nullptr) {
+    dropUnchangedPage(PageFile::memory, position);
+    auto fresh = std::make_unique<Page>();
+    makeRoom(*fresh, size);
+    node = fresh.release();
+    insert(node, pages, position);
+    ++pageCount;
+  } else if (page != node->bytes) {
+    makeRoom(*node, size);
+  }
+  if (page != node->bytes) std::memcpy(node->bytes, page, size);
+  // A page that shrank in place states its new size.
+  node->size = size;
+  if (held != nullptr) *held = node->bytes;
+  return {};
+}
+
+// -- Space ----------------------------------------------------------------------------------------
+
+Result AtomicManager::takeSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
+                                std::uint32_t* taken) {
+  const bool memory = file == PageFile::memory;
+  const std::uint64_t need = blockNeed(size, kMinimumBlock);
+  if (need > 0xFFFFFFF0) return failed(file, code::kNoMemory);
+  ZELTA_TRY(allocateBlock(metaData, handle(file), memory ? memoryFreeList : indexFreeList,
+                          memory ? memoryFreeHead : indexFreeHead, size, position, taken,
+                          kMinimumBlock, 0));
+  if (*position != 0) {
+    return inside(file, *position, *taken) ? Result{} : reportError(&metaData, Own::freeList);
+  }
+  *taken = static_cast<std::uint32_t>(need);
+  return takeEnd(file, need, position);
+}
+
+Result AtomicManager::takeEnd(PageFile file, std::uint64_t need, std::uint64_t* position) {
+  if (file == PageFile::index) {
+    *position = indexEndOfFile;
+    indexEndOfFile += need;
+    return {};
+  }
+  // Shadows lie behind the end. What they occupy becomes free space: it is written only once they
+  // are gone.
+  if (shadowCursor > memoryEndOfFile) {
+    const std::uint64_t gap = memoryEndOfFile;
+    const auto size = static_cast<std::uint32_t>(shadowCursor - gap);
+    if (shadowCursor - gap > 0xFFFFFFF0) return failed(file, code::kNoMemory);
+    memoryEndOfFile = shadowCursor;
+    ZELTA_TRY(giveSpace(file, gap, size));
+  }
+  *position = memoryEndOfFile;
+  memoryEndOfFile += need;
+  if (shadowCursor != 0) shadowCursor = memoryEndOfFile;
+  return {};
+}
+
+Result AtomicManager::giveSpace(PageFile file, std::uint64_t position, std::uint32_t size) {
+  if (!inside(file, position, size)) return corrupted(file);
+  if (file == PageFile::index) {
+    return addFreeBlock(metaData, indexFile, indexFreeList, indexFreeHead, position, size);
+  }
+  if (deferReleases_) {
+    releaseLater(position, size);
+    return {};
+  }
+  return addFreeBlock(metaData, memoryFile, memoryFreeList, memoryFreeHead, position, size);
+}
+
+void AtomicManager::releaseLater(std::uint64_t position, std::uint32_t size) {
+  // Runs of neighbours become one extent, as far as the size of a block can state it.
+  if (lastRelease_ != nullptr && lastRelease_->position + lastRelease_->size == position &&
+      lastRelease_->size <= 0xFFFFFFF0 - std::uint64_t{size}) {
+    lastRelease_->size += size;
+    return;
+  }
+  auto* extent = new FreeExtentNode;
+  extent->position = position;
+  extent->size = size;
+  insert(extent, releasedMemory_);
+  lastRelease_ = extent;
+}
+
+Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
+  size = (size + 7) & ~std::uint32_t{7};
+  std::uint64_t position = 0;
+  std::uint32_t taken = 0;
+  ZELTA_TRY(takeSpace(PageFile::memory, size, &position, &taken));
+  const auto need = static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock));
+  if (taken > need) ZELTA_TRY(giveSpace(PageFile::memory, position + need, taken - need));
+  dropUnchangedPage(PageFile::memory, position);
+  auto fresh = std::make_unique<Page>();
+  makeRoom(*fresh, size);
+  std::memset(fresh->bytes, 0, size);
+  std::memcpy(fresh->bytes, &size, sizeof(size));
+  *page = fresh.release();
+  insert(*page, pages, position);
+  ++pageCount;
+  return {};
+}
+
+Result AtomicManager::allocatePage(PageFile file, std::uint32_t size, char** page,
+                                   std::uint64_t* position, ScratchBuffer& scratch) {
+  if (file == PageFile::memory) {
+    Page* node = nullptr;
+    ZELTA_TRY(newMemoryPage(size, &node));
+    *page = node->bytes;
+    *position = node->key;
+    return {};
+  }
+  size = (size + 7) & ~std::uint32_t{7};
+  std::uint32_t taken = 0;
+  ZELTA_TRY(takeSpace(file, size, position, &taken));
+  const auto need = static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock));
+  if (taken > need) ZELTA_TRY(giveSpace(file, *position + need, taken - need));
+  dropUnchangedPage(file, *position);
+  *page = scratch.reserve(size);
+  std::memset(*page, 0, size);
+  std::memcpy(*page, &size, sizeof(size));
+  return {};
+}
+
+Result AtomicManager::freePage(PageFile file, std::uint64_t position, std::uint32_t size) {
+  dropUnchangedPage(file, position);
+  if (const std::unique_ptr<Page> page{changedPage(file, position)}) {
+    if (file == PageFile::memory) {
+      remove(page.get(), pages);
+      --pageCount;
+    } else {
+      releaseIndexBytes(*page);
+      remove(page.get(), shadowPages);
+      --shadowPageCount;
+    }
+  }
+  return giveSpace(file, position, static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock)));
+}
+
+}  // namespace zelta
