@@ -1,0 +1,265 @@
+// Building an index file from the objects of its table.
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "czelta.h"
+#include "index/bplus_tree.h"
+#include "index/index_file_layout.h"
+#include "index/kinds.h"
+#include "storage/atomic_manager.h"
+#include "storage/file_io.h"
+#include "storage/table.h"
+
+namespace zelta {
+
+Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, std::uint32_t entry,
+                  std::uint32_t** keyOut, const char* object, std::uint32_t objectSize);
+
+using index_file::abandonFile;
+using index_file::clearIntent;
+using index_file::failed;
+using index_file::HeaderImage;
+
+namespace {
+
+/// Gives a key back to its pool.
+class KeyGuard {
+ public:
+  KeyGuard(Table& table, std::uint32_t index) : table_(table), index_(index) {}
+  ~KeyGuard() { table_.indexStates[index_].keyPool.release(table_.keyShape(index_), key); }
+  KeyGuard(const KeyGuard&) = delete;
+  KeyGuard& operator=(const KeyGuard&) = delete;
+  std::uint32_t* key = nullptr;
+
+ private:
+  Table& table_;
+  std::uint32_t index_;
+};
+
+}  // namespace
+
+IndexBuild::IndexBuild(MetaData& metaData, Table& table, IndexFileHeader_tag& header,
+                       AtomicManager& manager)
+    : metaData_(metaData), table_(table), header_(header), manager_(manager) {}
+
+IndexBuild::~IndexBuild() {
+  if (!finished_) abandonFile(table_);
+}
+
+Result IndexBuild::start() {
+  ZELTA_TRY(checkIndexKinds(metaData_, table_));
+  header_ = {};
+  std::memcpy(header_.magic, index_file::kMagic, sizeof(header_.magic));
+  header_.majorVersion = index_file::kMajorVersion;
+  header_.minorVersion = index_file::kMinorVersion;
+  header_.indexCount = table_.indexCount;
+  header_.pageSize = indexPageSize(table_, &firstPage_);
+  if (header_.pageSize == 0) return failed(metaData_, table_, code::kNoMemory);
+  // A journal without an end is how a repair knows that a build died.
+  header_.newFileEnd = firstPage_;
+  HeaderImage image(table_.indexCount);
+  std::memset(image.bytes(), 0, image.size());
+  image.putHeader(header_);
+  SystemCode result = writeBuffer(table_.indexFile, 0, image.bytes(), image.size());
+  // What is left up to the first page stays a hole.
+  if (result == 0) result = truncateFile(table_.indexFile, firstPage_);
+  if (result != 0) return failed(metaData_, table_, result);
+  IndexFileHeader_tag working = header_;
+  working.fileEnd = firstPage_;
+  std::fill_n(manager_.indexRoots(), table_.indexCount, std::uint64_t{0});
+  manager_.attach(table_.indexFile, &working, platform::File::none, nullptr);
+  manager_.holdIndexPages();
+  return {};
+}
+
+Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64_t objectID) {
+  const TreeFile file{PageFile::index, header_.pageSize};
+  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    for (std::uint32_t entry = 0;; ++entry) {
+      KeyGuard key(table_, i);
+      ZELTA_TRY(extractKey(metaData_, table_, i, entry, &key.key, object, objectSize));
+      if (key.key == nullptr) {
+        if (entry != 0 || table_.multiEntry(i)) break;
+        return reportError(&metaData_, Own::noObject, table_.cName());
+      }
+      ZELTA_TRY(insertEntry(metaData_, table_, file, manager_, i, key.key, objectID));
+      if (!table_.multiEntry(i)) break;
+    }
+  }
+  return {};
+}
+
+Result IndexBuild::finish() {
+  ZELTA_TRY(manager_.writeHeldIndexPages());
+  std::uint64_t end = 0;
+  ZELTA_TRY(mergeFreeExtents(metaData_, table_.indexFile, manager_.indexFreeHead,
+                             manager_.indexEndOfFile, nullptr, manager_.indexFreeList, &end,
+                             nullptr, nullptr));
+  if (end < firstPage_ || end > manager_.indexEndOfFile) {
+    return reportError(&metaData_, Own::freeList);
+  }
+  ZELTA_TRY(applyFreeBlocks(metaData_, table_.indexFile, manager_.indexFreeList, false));
+  HeaderImage image(table_.indexCount);
+  header_.freeListHead = manager_.indexFreeHead;
+  header_.fileEnd = end;
+  clearIntent(header_);
+  image.putHeader(header_);
+  SystemCode result = writeBuffer(table_.indexFile, image.liveStart(), manager_.indexRoots(),
+                                  static_cast<std::int64_t>(image.rootBytes()));
+  if (result == 0) result = truncateFile(table_.indexFile, end);
+  if (result == 0) result = platform::flushFile(table_.indexFile);
+  const std::uint64_t start = index_file::kChainStart;
+  if (result == 0) {
+    result = writeBuffer(table_.indexFile, start, image.bytes() + start,
+                         static_cast<std::int64_t>(sizeof(header_) - start));
+  }
+  if (result == 0) result = platform::flushFile(table_.indexFile);
+  if (result != 0) return failed(metaData_, table_, result);
+  finished_ = true;
+  manager_.dropIndexChanges();
+  manager_.indexEndOfFile = end;
+  return {};
+}
+
+namespace index_file {
+
+namespace {
+
+/// What is read of a record before its length is known.
+constexpr std::uint32_t kFirstRead = 1024;
+/// Records above this size are allocated only if the file is long enough to hold them.
+constexpr std::uint32_t kTrustedSize = 1024 * 1024;
+
+/// Reads the committed objects of a table one by one.
+class TableScan {
+ public:
+  TableScan(MetaData& metaData, Table& table, const TableHeader_tag& header)
+      : metaData_(metaData),
+        table_(table),
+        header_(header),
+        buffer_(metaData.scratchFor(Scratch::object)) {}
+
+  /// Reads the object of an ID; `*object` null if the ID is free.
+  Result read(std::uint64_t objectID, const char** object, std::uint32_t* size);
+
+ private:
+  [[nodiscard]] Result systemFailure(SystemCode result) const {
+    return reportSystemError(&metaData_, result, table_.cName(), extension::kTable);
+  }
+  [[nodiscard]] Result damaged() const {
+    return reportError(&metaData_, Own::tableFile, table_.cName(), extension::kTable);
+  }
+  Result readFixed(std::uint64_t position, const char** object, std::uint32_t* size);
+  Result readVariable(std::uint64_t position, const char** object, std::uint32_t* size);
+  Result readRest(std::uint64_t position, std::uint32_t have, std::uint64_t length);
+  [[nodiscard]] bool hasID(const char* object, std::uint64_t objectID) const;
+
+  MetaData& metaData_;
+  Table& table_;
+  const TableHeader_tag& header_;
+  ScratchBuffer& buffer_;
+};
+
+Result TableScan::read(std::uint64_t objectID, const char** object, std::uint32_t* size) {
+  *object = nullptr;
+  ObjectSlot slot{};
+  const SystemCode result = readSlotPosition(table_.tableFile, header_.slotBase, objectID, &slot);
+  if (result != 0) return systemFailure(result);
+  if (slot.isFree()) return {};
+  if (slot.position < header_.objectAreaStart || slot.position >= header_.endOfFile) {
+    return damaged();
+  }
+  ZELTA_TRY(table_.isFixed() ? readFixed(slot.position, object, size)
+                             : readVariable(slot.position, object, size));
+  if (*size < table_.headerSize() || !hasID(*object, objectID)) return damaged();
+  return {};
+}
+
+Result TableScan::readFixed(std::uint64_t position, const char** object, std::uint32_t* size) {
+  *size = table_.fixedAreaSize;
+  if (*size > header_.endOfFile - position) return damaged();
+  char* bytes = buffer_.reserve(*size);
+  const SystemCode result = readBuffer(table_.tableFile, position, bytes, *size);
+  if (result != 0) return systemFailure(result);
+  std::uint16_t version = 0;
+  std::memcpy(&version, bytes, sizeof(version));
+  // The content is still to come from the log: whoever lets the replay finish asks again.
+  if (version == kPlaceholderVersion) return Result::locked();
+  *object = bytes;
+  return {};
+}
+
+Result TableScan::readVariable(std::uint64_t position, const char** object, std::uint32_t* size) {
+  const auto guess =
+      static_cast<std::uint32_t>(std::min<std::uint64_t>(kFirstRead, header_.endOfFile - position));
+  buffer_.reserve(kFirstRead);
+  std::uint32_t have = 0;
+  const SystemCode result = readBuffer(table_.tableFile, position, buffer_.data(), guess, &have);
+  if (result != 0) return systemFailure(result);
+  std::uint32_t head[2] = {0, 0};
+  static_assert(sizeof(head) == kRecordHead);
+  if (have < sizeof(head)) return damaged();
+  std::memcpy(head, buffer_.data(), sizeof(head));
+  *size = head[1];
+  if (*size == 0) return Result::locked();
+  const std::uint64_t length = std::uint64_t{*size} + kRecordHead;
+  if (*size == kFreeMarker || head[0] < std::uint64_t{*size} + kRecordFraming ||
+      head[0] > header_.endOfFile - position) {
+    return damaged();
+  }
+  if (length > have) ZELTA_TRY(readRest(position, have, length));
+  *object = buffer_.data() + kRecordHead;
+  return {};
+}
+
+Result TableScan::readRest(std::uint64_t position, std::uint32_t have, std::uint64_t length) {
+  if (length > kTrustedSize) {
+    std::uint64_t fileLength = 0;
+    const SystemCode result = platform::fileSize(table_.tableFile, &fileLength);
+    if (result != 0) return systemFailure(result);
+    if (fileLength < length || position > fileLength - length) return damaged();
+  }
+  if (length > buffer_.size()) have = 0;
+  char* bytes = buffer_.reserve(length);
+  const SystemCode result = readLargeBuffer(table_.tableFile, position + have, bytes + have,
+                                            static_cast<std::int64_t>(length - have));
+  return result == 0 ? Result{} : systemFailure(result);
+}
+
+bool TableScan::hasID(const char* object, std::uint64_t objectID) const {
+  std::uint64_t stored = 0;
+  std::memcpy(&stored, object + sizeof(std::uint16_t), table_.idSize());
+  return stored == objectID;
+}
+
+}  // namespace
+
+Result buildIndexFile(MetaData& metaData, Table& table, const TableHeader_tag* tableHeader,
+                      IndexFileHeader_tag& header, AtomicManager& manager) {
+  AtomicManager own(metaData, table);
+  IndexFileHeader_tag fresh{};
+  IndexBuild build(metaData, table, fresh, own);
+  TableHeader_tag read{};
+  if (tableHeader == nullptr) {
+    ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, read, true));
+    tableHeader = &read;
+  }
+  ZELTA_TRY(build.start());
+  TableScan scan(metaData, table, *tableHeader);
+  for (std::uint64_t objectID = 1; objectID <= tableHeader->highestID; ++objectID) {
+    const char* object = nullptr;
+    std::uint32_t size = 0;
+    ZELTA_TRY(scan.read(objectID, &object, &size));
+    if (object != nullptr) ZELTA_TRY(build.add(object, size, objectID));
+  }
+  ZELTA_TRY(build.finish());
+  header = fresh;
+  std::copy_n(own.indexRoots(), table.indexCount, manager.indexRoots());
+  return {};
+}
+
+}  // namespace index_file
+
+}  // namespace zelta
