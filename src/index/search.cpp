@@ -1,0 +1,86 @@
+#include "index/search.h"
+
+#include "index/keys.h"
+#include "objects/current_keys.h"
+
+namespace zelta {
+
+namespace {
+
+CZELTA::IndexKind kindOf(const Table& table, std::uint32_t index) {
+  return static_cast<CZELTA::IndexKind>(table.index(index - 1).indexKind);
+}
+
+Result checkIndex(MetaData& metaData, const Table& table, std::uint32_t index) {
+  if (index != 0 && index <= table.indexCount) return {};
+  return reportError(&metaData, Own::parameter, table.cName(), nullptr, index);
+}
+
+Result wrongKind(MetaData& metaData, const Table& table, std::uint32_t index) {
+  return reportError(&metaData, Own::indexKind, table.cName(), nullptr, kindOf(table, index),
+                     std::int64_t{index} - 1);
+}
+
+/// No search of this kind can be run.
+Result unavailable(MetaData& metaData) { return reportError(&metaData, Own::context); }
+
+/// Makes the key of a box or a time span, as both forms take it.
+Result searchTree(MetaData& metaData, Table& table, std::uint32_t index, const void* key) {
+  if (key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+  std::uint32_t* made = nullptr;
+  ZELTA_TRY(buildSearchKey(metaData, table, index - 1, key, &made));
+  PooledKey searchKey;
+  searchKey.take(table, index - 1, made);
+  return unavailable(metaData);
+}
+
+/// A B+Tree serves to narrow down the results of a list search, and for nothing else.
+bool followsListSearch(const Table& table) {
+  if (table.searchIndex == 0 || table.searchIndex > table.indexCount) return false;
+  const CZELTA::IndexKind kind = kindOf(table, table.searchIndex);
+  return kind == CZELTA::AsciiList || kind == CZELTA::WideList;
+}
+
+}  // namespace
+
+Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
+                   std::uint32_t index, const void* key, const void* search, CZELTA::Mode mode,
+                   long long* /*count*/) {
+  ZELTA_TRY(checkIndex(metaData, table, index));
+  switch (kindOf(table, index)) {
+    case CZELTA::BPlusTree:
+      // Without its results there is no list search left to narrow down.
+      if (!followsListSearch(table) || (mode & CZELTA::SearchKeepResults) == 0) {
+        return wrongKind(metaData, table, index);
+      }
+      break;
+    case CZELTA::SpatialTree:
+    case CZELTA::TemporalTree:
+      return searchTree(metaData, table, index, key);
+    case CZELTA::AsciiList:
+    case CZELTA::WideList:
+      break;
+    default:
+      return wrongKind(metaData, table, index);
+  }
+  if (search == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+  return unavailable(metaData);
+}
+
+Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
+                   std::uint32_t index, const void* key, std::uint32_t /*tolerance*/,
+                   CZELTA::Mode /*mode*/, long long* /*count*/) {
+  ZELTA_TRY(checkIndex(metaData, table, index));
+  switch (kindOf(table, index)) {
+    case CZELTA::SpatialTree:
+    case CZELTA::TemporalTree:
+      return searchTree(metaData, table, index, key);
+    case CZELTA::SpatialPattern:
+      if (key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+      return unavailable(metaData);
+    default:
+      return wrongKind(metaData, table, index);
+  }
+}
+
+}  // namespace zelta
