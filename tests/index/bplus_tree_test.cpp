@@ -24,6 +24,16 @@ TreeForm variableForm(std::uint32_t keyWords = 3) {
   return form;
 }
 
+/// Numbers of 32 bits.
+class Random {
+ public:
+  explicit Random(unsigned seed) : engine_(seed) {}
+  std::uint32_t operator()() { return static_cast<std::uint32_t>(engine_()); }
+
+ private:
+  std::mt19937 engine_;
+};
+
 Words number(std::uint32_t value) { return {0, value}; }
 
 TEST(BPlusTree, EmptyTreeHasNoKeyAndNothingToRemove) {
@@ -290,7 +300,7 @@ struct ModelCase {
 
 class BPlusTreeModel : public ::testing::TestWithParam<ModelCase> {
  protected:
-  Words randomKey(std::mt19937& random, const ModelCase& parameters) {
+  Words randomKey(Random& random, const ModelCase& parameters) {
     const std::uint32_t value = random() % parameters.range;
     if (!parameters.form.variable) {
       Words key(parameters.form.keyWords, 0);
@@ -299,7 +309,7 @@ class BPlusTreeModel : public ::testing::TestWithParam<ModelCase> {
       return key;
     }
     // Prefixes of each other, and now and then a giant.
-    std::mt19937 shape(value);
+    Random shape(value);
     std::uint32_t length = shape() % 6;
     if (shape() % 40 == 0) length = 60 + shape() % 200;
     Words key(length, 0);
@@ -314,7 +324,7 @@ TEST_P(BPlusTreeModel, RandomInsertsAndRemovesAgreeWithAMap) {
   const ModelCase& parameters = GetParam();
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  Random random(seed);
   TreeBench bench(parameters.form);
   TreeModel model;
   std::uint64_t nextId = 1;
@@ -353,14 +363,16 @@ TEST_P(BPlusTreeModel, RandomInsertsAndRemovesAgreeWithAMap) {
     model.erase(victim);
   }
   bench.check(model);
-  if (parameters.form.file == PageFile::memory) EXPECT_EQ(bench.manager->pages, nullptr);
+  if (parameters.form.file == PageFile::memory) {
+    EXPECT_EQ(bench.manager->pages, nullptr);
+  }
 }
 
 TEST_P(BPlusTreeModel, CursorWalksAsAMapDoes) {
   const ModelCase& parameters = GetParam();
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  Random random(seed);
   TreeBench bench(parameters.form);
   TreeModel model;
   for (std::uint32_t i = 1; i <= 400; ++i) {
@@ -410,7 +422,7 @@ TEST_P(BPlusTreeModel, MergeMovesTheChosenObjectsAndKeepsTheOthers) {
   if (parameters.form.file != PageFile::memory) return;
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  Random random(seed);
   for (const std::uint32_t share : {0u, 3u, 50u, 97u, 100u}) {
     TreeBench bench(parameters.form);
     TreeModel pending;
@@ -442,7 +454,7 @@ TEST_P(BPlusTreeModel, MergeWithoutATargetDropsTheChosenObjects) {
   const ModelCase& parameters = GetParam();
   if (parameters.form.file != PageFile::memory) return;
   TreeBench bench(parameters.form);
-  std::mt19937 random(5);
+  Random random(5);
   TreeModel pending;
   UInt64AVLTree* chosen = nullptr;
   for (std::uint32_t i = 1; i <= 500; ++i) {
@@ -492,7 +504,7 @@ TEST(BPlusTreeDamage, EveryByteFlippedGivesACodeOrAnAnswerButNoHarm) {
     for (const std::uint64_t position : nodes) {
       const std::string whole = bench.node(position);
       for (std::size_t offset = 4; offset < whole.size(); ++offset) {
-        for (const unsigned char change : {0x01, 0x80, 0xFF}) {
+        for (const unsigned change : {0x01u, 0x80u, 0xFFu}) {
           const auto changed =
               static_cast<char>(static_cast<unsigned char>(whole[offset]) ^ change);
           bench.damage(position, offset, &changed, 1);
@@ -520,7 +532,7 @@ TEST(BPlusTreeDamage, EveryByteFlippedGivesACodeOrAnAnswerButNoHarm) {
 
 TEST(BPlusTreeDamage, ChangesOfADamagedTreeGiveACode) {
   // Each time a tree of its own: a change of a damaged tree may leave anything.
-  std::mt19937 random(11);
+  Random random(11);
   for (int round = 0; round < 300; ++round) {
     TreeBench bench(round % 2 != 0 ? variableForm() : fixedForm());
     for (std::uint32_t i = 1; i <= 60; ++i) ASSERT_TRUE(bench.insert(number(i * 2), i).ok());

@@ -42,7 +42,7 @@ class TreeBench {
     table.schema->indexes = reinterpret_cast<CZELTA::Schema::Index*>(table.schema + 1);
     table.schema->schemaFlags = form.wideIds ? CZELTA::SchemaWideObjectIds : 0u;
     for (std::uint32_t i = 0; i < indexes; ++i) {
-      table.schema->indexes[i].indexFlags = form.variable ? CZELTA::IndexVariableKey : 0;
+      table.schema->indexes[i].indexFlags = form.variable ? 1 : 0;
       table.schema->indexes[i].keyWords = form.keyWords;
     }
     table.name = u"T";
@@ -139,7 +139,9 @@ class TreeBench {
       EXPECT_EQ(entry.second, expected->second);
       ++expected;
     }
-    if (model.empty()) EXPECT_EQ(root(), 0u);
+    if (model.empty()) {
+      EXPECT_EQ(root(), 0u);
+    }
     return facts;
   }
 
@@ -195,9 +197,15 @@ class TreeBench {
     }
     for (std::size_t i = offset; i < bytes.size() - back; ++i) ASSERT_EQ(bytes[i], 0) << i;
     for (std::uint32_t i = 0; i < count; ++i) {
-      if (i != 0) EXPECT_LT(keys[i - 1], keys[i]);
-      if (low != nullptr) EXPECT_GE(keys[i], *low);
-      if (high != nullptr) EXPECT_LT(keys[i], *high);
+      if (i != 0) {
+        EXPECT_LT(keys[i - 1], keys[i]);
+      }
+      if (low != nullptr) {
+        EXPECT_GE(keys[i], *low);
+      }
+      if (high != nullptr) {
+        EXPECT_LT(keys[i], *high);
+      }
     }
     if (leaf) {
       EXPECT_GT(count, 0u);
