@@ -1,0 +1,17 @@
+// The rules of an index.
+
+#ifndef ZELTA_SCHEMA_VALIDATE_INDEX_H
+#define ZELTA_SCHEMA_VALIDATE_INDEX_H
+
+#include "czelta.h"
+#include "frame/metadata.h"
+
+namespace zelta {
+
+/// Tests index `i` of a schema whose fields are good, and derives its flags and key length.
+Result validateIndex(MetaData& metaData, const CZELTA::Schema& schema, CZELTA::Schema::Index& index,
+                     std::uint32_t i);
+
+}  // namespace zelta
+
+#endif  // ZELTA_SCHEMA_VALIDATE_INDEX_H
