@@ -1,0 +1,27 @@
+// The schema as bytes: in the table file, and in records of the log.
+
+#ifndef ZELTA_SCHEMA_STORED_SCHEMA_H
+#define ZELTA_SCHEMA_STORED_SCHEMA_H
+
+#include <cstdint>
+#include <string>
+
+#include "schema/schema_copy.h"
+
+namespace zelta {
+
+/// The block of a table file. Positions in it count units of 2 bytes.
+[[nodiscard]] std::string storedSchema(const CZELTA::Schema& schema);
+
+/// The block of the log and of a directory's image: with the table's name and the folder of its
+/// index file (null or empty: the database's), positions in bytes, filled to a multiple of 4.
+[[nodiscard]] std::string schemaRecord(const CZELTA::Schema& schema, const std::u16string& name,
+                                       const std::u16string& folder);
+
+/// Turns a table file's block into a schema. False if it is malformed: everything in it steers
+/// copies, and it may come from anywhere. Names and ID of the table are left null and 0.
+[[nodiscard]] bool expandStoredSchema(const char* block, std::uint32_t size, SchemaCopy& out);
+
+}  // namespace zelta
+
+#endif  // ZELTA_SCHEMA_STORED_SCHEMA_H
