@@ -1,0 +1,302 @@
+// Making, entering and removing tables: changes of the directory.
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "frame/control_file.h"
+#include "frame/mutex_guard.h"
+#include "schema/schema_copy.h"
+#include "schema/stored_schema.h"
+#include "schema/table_lifecycle.h"
+#include "schema/table_load.h"
+#include "schema/validate.h"
+#include "storage/file_io.h"
+#include "storage/table_recovery.h"
+
+namespace zelta {
+
+namespace {
+
+bool isSeparator(char16_t c) { return c == u'\\' || c == u'/'; }
+
+/// A name must not lead out of the folder, and must be good on every platform.
+bool isGoodName(const std::u16string& name) {
+  if (name.empty()) return false;
+  return std::none_of(name.begin(), name.end(), [](char16_t c) {
+    return c < 0x20 || c == 0x7F ||
+           std::u16string_view(u"\\/:*?\"<>|").find(c) != std::u16string_view::npos;
+  });
+}
+
+/// A folder with a separator at its end; empty stays empty.
+std::u16string normalFolder(const char16_t* folder) {
+  std::u16string out = folder == nullptr ? u"" : folder;
+  for (char16_t& c : out) {
+    if (c == u'\\') c = platform::kSeparator;
+  }
+  if (!out.empty() && out.back() != platform::kSeparator) out += platform::kSeparator;
+  return out;
+}
+
+Result readDirectory(MetaData& metaData, ControlHeader_tag& header, TableDirectory& directory) {
+  ZELTA_TRY(refreshControlHeader(metaData, header));
+  return directory.read(metaData, header);
+}
+
+/// Refuses what is in use, and fills in an ID and an order that were not given.
+Result assignNumbers(MetaData& metaData, const TableDirectory& directory, DirectoryEntry& entry) {
+  std::uint32_t highestId = 0;
+  std::uint32_t highestOrder = 0;
+  for (const DirectoryEntry& other : directory.entries()) {
+    if (entry.tableId != 0 && other.tableId == entry.tableId) {
+      return reportError(&metaData, Own::tableId, nullptr, nullptr, entry.tableId);
+    }
+    if (entry.lockOrder != 0 && other.lockOrder == entry.lockOrder) {
+      return reportError(&metaData, Own::lockOrder, nullptr, nullptr, entry.lockOrder);
+    }
+    if (compareNames(other.name, entry.name) == 0) {
+      return reportError(&metaData, Own::tableName, entry.name.c_str());
+    }
+    highestId = std::max(highestId, other.tableId);
+    highestOrder = std::max(highestOrder, other.lockOrder);
+  }
+  constexpr std::uint32_t kLast = 0xFFFFFFFF;
+  if (entry.tableId == 0 && highestId == kLast) {
+    return reportError(&metaData, Own::tableId, nullptr, nullptr, kLast);
+  }
+  if (entry.lockOrder == 0 && highestOrder == kLast) {
+    return reportError(&metaData, Own::lockOrder, nullptr, nullptr, kLast);
+  }
+  if (entry.tableId == 0) entry.tableId = highestId + 1;
+  if (entry.lockOrder == 0) entry.lockOrder = highestOrder + 1;
+  return {};
+}
+
+/// What a former table of the name left must not be taken for the new one's.
+void deleteStale(const MetaData& metaData, const Table& table) {
+  static_cast<void>(
+      platform::deleteFile(databasePath(metaData, table.name, extension::kMemory).c_str()));
+  static_cast<void>(platform::deleteFile(indexPath(table).c_str()));
+}
+
+/// Writes header, schema and room for the first slots.
+Result writeTableFile(MetaData& metaData, Table& table, const TableHeader_tag& header,
+                      const std::string& block) {
+  std::string image(static_cast<std::size_t>(header.objectAreaStart), '\0');
+  std::memcpy(image.data(), &header, sizeof header);
+  std::memcpy(image.data() + sizeof header, block.data(), block.size());
+  SystemCode failure =
+      writeBuffer(table.tableFile, 0, image.data(), static_cast<std::int64_t>(image.size()));
+  if (failure == 0) failure = platform::flushFile(table.tableFile);
+  return reportTable(metaData, table.cName(), failure);
+}
+
+/// Deletes the file of a table that could not be made, unless told that it was.
+class NewTableFile {
+ public:
+  NewTableFile(Table& table, std::u16string path) : table_(table), path_(std::move(path)) {}
+  ~NewTableFile() {
+    if (!made_ || kept_) return;
+    platform::closeFile(table_.tableFile);
+    table_.tableFile = platform::File::none;
+    static_cast<void>(platform::deleteFile(path_.c_str()));
+  }
+  NewTableFile(const NewTableFile&) = delete;
+  NewTableFile& operator=(const NewTableFile&) = delete;
+  SystemCode create() {
+    const SystemCode failure =
+        openDatabaseFile(path_.c_str(), platform::Disposition::createNew, &table_.tableFile);
+    made_ = failure == 0;
+    return failure;
+  }
+  void keep() { kept_ = true; }
+
+ private:
+  Table& table_;
+  std::u16string path_;
+  bool made_ = false;
+  bool kept_ = false;
+};
+
+/// A table that is being made.
+struct Draft {
+  DirectoryEntry entry;
+  SchemaCopy copy;
+  ObjectSizes sizes;
+  std::string block;
+};
+
+/// First phase: the table's file, whole and flushed.
+Result makeFile(MetaData& metaData, Table& table, TableMutexGuard& guard, NewTableFile& file,
+                Draft& draft) {
+  const std::u16string path = databasePath(metaData, table.name, extension::kTable);
+  if (const SystemCode failure = file.create(); failure != 0) {
+    return reportSystemError(&metaData, failure, path.c_str());
+  }
+  ZELTA_TRY(acquireTableMutex(metaData, table, guard));
+  const TableHeader_tag header =
+      newTableHeader(draft.sizes, static_cast<std::uint32_t>(draft.block.size()));
+  ZELTA_TRY(writeTableFile(metaData, table, header, draft.block));
+  deleteStale(metaData, table);
+  takeSchema(table, std::move(draft.copy), draft.sizes, header.slotBase, draft.entry);
+  return advanceDirectoryIntent(metaData, DirectoryChange::create);
+}
+
+Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
+                    const TableDirectory& directory, Draft& draft) {
+  draft.entry = {schema.tableId, schema.lockOrder, schema.tableName,
+                 normalFolder(schema.tablePath)};
+  if (!isGoodName(draft.entry.name))
+    return reportError(&metaData, Own::tableName, schema.tableName);
+  ZELTA_TRY(assignNumbers(metaData, directory, draft.entry));
+  const std::u16string path = databasePath(metaData, draft.entry.name, extension::kTable);
+  if (platform::fileExists(path.c_str()) == 0) {
+    return reportSystemError(&metaData, code::kFileExists, path.c_str());
+  }
+  ZELTA_TRY(copySchema(metaData, schema, draft.copy));
+  ZELTA_TRY(validateSchema(metaData, *draft.copy.schema, draft.sizes));
+  draft.block = storedSchema(*draft.copy.schema);
+  constexpr std::size_t kLargestSchema = 0x7FFFFFFF;
+  return draft.block.size() > kLargestSchema ? reportSystemError(&metaData, code::kNoMemory)
+                                             : Result{};
+}
+
+}  // namespace
+
+Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Schema* schema,
+                   unsigned int* tableId, bool log) {
+  MutexGuard database;
+  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ControlHeader_tag header;
+  TableDirectory directory;
+  ZELTA_TRY(readDirectory(metaData, header, directory));
+  Draft draft;
+  ZELTA_TRY(prepareDraft(metaData, *schema, directory, draft));
+  const std::string record =
+      schemaRecord(*draft.copy.schema, draft.entry.name, draft.entry.indexPath);
+  writeBackDerived(*draft.copy.schema, *schema);
+
+  auto table = std::make_unique<Table>(std::uint16_t{0});
+  takeEntry(metaData, *table, draft.entry);
+  TableDirectory next = directory;
+  next.insert(draft.entry);
+  TableMutexGuard guard;
+  NewTableFile file(*table, databasePath(metaData, table->name, extension::kTable));
+  Result result = writeDirectoryIntent(
+      metaData, header, {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
+  if (result.ok()) result = makeFile(metaData, *table, guard, file, draft);
+  if (result.failed()) {
+    cancelDirectoryIntent(metaData, header).ignore();
+    return result;
+  }
+  file.keep();  // the second phase stands: from here on the change is finished, now or later
+  ZELTA_TRY(completeDirectoryChange(metaData, header, log));
+  ZELTA_TRY(guard.release());
+  if (tableId != nullptr) *tableId = draft.entry.tableId;
+  insert(table.release(), tables, draft.entry.tableId);
+  return reportSystemError(&metaData, database.release(), metaData.baseName.c_str(),
+                           extension::kControl);
+}
+
+// -- Entering a table that exists
+// -------------------------------------------------------------------
+
+namespace {
+
+/// The table's name in a file name: without folder and ".zlt".
+std::u16string tableNameOf(const char16_t* fileName) {
+  std::u16string name(fileName);
+  const auto last = std::find_if(name.rbegin(), name.rend(), isSeparator);
+  name.erase(name.begin(), last.base());
+  const std::u16string extension(extension::kTable);
+  if (name.size() >= extension.size() &&
+      compareNames(name.substr(name.size() - extension.size()), extension) == 0) {
+    name.resize(name.size() - extension.size());
+  }
+  return name;
+}
+
+}  // namespace
+
+Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* fileName,
+                std::uint32_t tableId, const char16_t* directory, std::uint32_t lockOrder,
+                bool log) {
+  DirectoryEntry entry{tableId, lockOrder, tableNameOf(fileName), normalFolder(directory)};
+  if (!isGoodName(entry.name)) return reportError(&metaData, Own::tableName, fileName);
+  MutexGuard database;
+  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ControlHeader_tag header;
+  TableDirectory tableDirectory;
+  ZELTA_TRY(readDirectory(metaData, header, tableDirectory));
+  ZELTA_TRY(assignNumbers(metaData, tableDirectory, entry));
+
+  auto table = std::make_unique<Table>(std::uint16_t{0});
+  takeEntry(metaData, *table, entry);
+  TableMutexGuard guard;
+  ZELTA_TRY(acquireTableMutex(metaData, *table, guard));
+  ZELTA_TRY(loadTable(metaData, *table, entry, true));
+  static_cast<void>(
+      platform::deleteFile(databasePath(metaData, table->name, extension::kMemory).c_str()));
+  TableDirectory next = tableDirectory;
+  next.insert(entry);
+  if (const Result result = writeDirectoryIntent(
+          metaData, header, {DirectoryChange::add, 0, entry.tableId, 0}, next, {});
+      result.failed()) {
+    cancelDirectoryIntent(metaData, header).ignore();
+    return result;
+  }
+  ZELTA_TRY(completeDirectoryChange(metaData, header, log));
+  ZELTA_TRY(guard.release());
+  insert(table.release(), tables, entry.tableId);
+  return reportSystemError(&metaData, database.release(), metaData.baseName.c_str(),
+                           extension::kControl);
+}
+
+// -- Removing
+// ---------------------------------------------------------------------------------------
+
+namespace {
+
+/// What transactions left in the memory file must not be met again when the table is entered once
+/// more. The exclusive transaction is alone.
+void cutMemoryFile(const MetaData& metaData, const std::u16string& name) {
+  platform::File file = platform::File::none;
+  const std::u16string path = databasePath(metaData, name, extension::kMemory);
+  if (openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &file) != 0) return;
+  static_cast<void>(truncateFile(file, 0));
+  platform::closeFile(file);
+}
+
+}  // namespace
+
+Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId,
+                   bool deleteFiles, bool log) {
+  MutexGuard database;
+  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ControlHeader_tag header;
+  TableDirectory directory;
+  ZELTA_TRY(readDirectory(metaData, header, directory));
+  if (directory.entries().empty()) {
+    return reportError(&metaData, Own::tableNotFound, nullptr, nullptr, tableId);
+  }
+  const DirectoryEntry* entry = directory.find(tableId);
+  if (entry == nullptr) return reportError(&metaData, Own::tableId, nullptr, nullptr, tableId);
+  const auto operation = deleteFiles ? DirectoryChange::removeFiles : DirectoryChange::remove;
+  if (const Result result =
+          writeDirectoryIntent(metaData, header, {operation, 0, tableId, 0}, directory, {});
+      result.failed()) {
+    cancelDirectoryIntent(metaData, header).ignore();
+    return result;
+  }
+  if (Table* table = findTable(tables, tableId); table != nullptr) {
+    remove(static_cast<UInt32AVLTree*>(table), tables);
+    delete table;
+  }
+  if (!deleteFiles) cutMemoryFile(metaData, entry->name);
+  ZELTA_TRY(completeDirectoryChange(metaData, header, log));
+  return reportSystemError(&metaData, database.release(), metaData.baseName.c_str(),
+                           extension::kControl);
+}
+
+}  // namespace zelta
