@@ -139,8 +139,8 @@ Result Shrink::tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* mer
   } else {
     mergeInner(*left, *right, inner.keys[leftSlot], survivor);
   }
-  inner.children[leftSlot + 1] = survivor.key;
-  dropChild(inner, leftSlot);
+  // The key between the two goes with the right one.
+  dropChild(inner, leftSlot + 1);
   inner.children[leftSlot] = survivor.key;
   return freeMapPage(manager_, gone);
 }
