@@ -74,8 +74,10 @@ template <class Node>
 void rebalanceRightHeavy(Node*& link) {
   Node* node = link;
   Node* child = node->right;
+  assert(child != nullptr);  // the heavier side
   if (child->balance < 0) {
     Node* grandchild = child->left;
+    assert(grandchild != nullptr);
     rotateRight(node->right);
     rotateLeft(link);
     settleDouble(node, child, grandchild);
@@ -91,8 +93,10 @@ template <class Node>
 void rebalanceLeftHeavy(Node*& link) {
   Node* node = link;
   Node* child = node->left;
+  assert(child != nullptr);  // the heavier side
   if (child->balance > 0) {
     Node* grandchild = child->right;
+    assert(grandchild != nullptr);
     rotateLeft(node->left);
     rotateRight(link);
     settleDouble(child, node, grandchild);
@@ -147,6 +151,7 @@ void replaceByNeighbour(Path<Node>& path, Node*& link) {
   const bool fromRight = node->balance > 0;
   path.push(link, fromRight);
   Node** place = fromRight ? &node->right : &node->left;
+  assert(*place != nullptr);  // a node with children has one on the heavier side
   for (;;) {
     Node*& next = fromRight ? (*place)->left : (*place)->right;
     if (next == nullptr) break;

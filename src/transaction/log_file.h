@@ -8,7 +8,8 @@
 // logMutex guards header, tree and chain. An entry's body is written outside of it; meanwhile the
 // entry's lock tells that its writer lives.
 //
-// Failures are reported with the database's name and ".zll".
+// Failures are reported with the database's name and ".zll". Appending and removing use the scratch
+// buffer `journal`.
 
 #ifndef ZELTA_TRANSACTION_LOG_FILE_H
 #define ZELTA_TRANSACTION_LOG_FILE_H
