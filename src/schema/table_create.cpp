@@ -96,8 +96,10 @@ Result writeTableFile(MetaData& metaData, Table& table, const TableHeader_tag& h
 class NewTableFile {
  public:
   NewTableFile(Table& table, std::u16string path) : table_(table), path_(std::move(path)) {}
-  ~NewTableFile() {
+  ~NewTableFile() { discard(); }
+  void discard() {
     if (!made_ || kept_) return;
+    made_ = false;
     platform::closeFile(table_.tableFile);
     table_.tableFile = platform::File::none;
     static_cast<void>(platform::deleteFile(path_.c_str()));
@@ -187,6 +189,7 @@ Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Sch
       metaData, header, {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
   if (result.ok()) result = makeFile(metaData, *table, guard, file, draft);
   if (result.failed()) {
+    file.discard();
     cancelDirectoryIntent(metaData, header).ignore();
     return result;
   }

@@ -1,0 +1,211 @@
+#include "objects/object_buffer.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "objects/variable_walk.h"
+#include "schema/data_types.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::uint64_t kLargestNew = 4294967280;
+
+Result noObject(MetaData& metaData) { return reportError(&metaData, Own::noObject); }
+
+/// Whether a buffer of this capacity serves a need; the doubling wraps in 32 bits.
+bool isSuitable(std::uint64_t capacity, std::uint64_t need) {
+  return capacity >= need && static_cast<std::uint32_t>(need * 2) >= capacity;
+}
+
+void forgetObject(Table& table) {
+  table.objectData = nullptr;
+  table.objectLength = 0;
+  table.currentObjectID = 0;
+}
+
+/// A fresh buffer of zeros; without memory the table is left without an object.
+void replaceBuffer(Table& table, std::uint64_t need) {
+  forgetObject(table);
+  table.objectBuffer.replaceZeroed(need);
+}
+
+}  // namespace
+
+std::uint64_t objectIdOf(const Table& table, const char* object) {
+  std::uint64_t id = 0;
+  std::memcpy(&id, object + 2, table.idSize());
+  return id;
+}
+
+void fillObject(const Table& table, CZELTA::Object* object) {
+  if (object == nullptr) return;
+  std::memcpy(&object->version, table.objectData, 2);
+  object->objectID = static_cast<std::int64_t>(objectIdOf(table, table.objectData));
+  object->length = table.objectLength - table.headerSize();
+  object->data = table.objectData + table.headerSize();
+  object->variableData = table.isFixed() ? nullptr : table.objectData + table.fixedAreaSize;
+}
+
+void reserveObject(Table& table, std::uint32_t length) {
+  const std::uint32_t lead = table.isFixed() ? kFixedLead : kVariableLead;
+  const std::uint64_t need = std::uint64_t{length} + lead;
+  if (!isSuitable(table.objectBuffer.size(), need) || table.objectBuffer.data() == nullptr) {
+    forgetObject(table);
+    table.objectBuffer.release();
+    table.objectBuffer.reserveExactly(need);
+  }
+  table.objectData = table.objectBuffer.data() + lead;
+  table.objectLength = length;
+}
+
+Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size) {
+  if (table.isFixed()) size = 0;
+  if (std::uint64_t{size} + table.minimumObjectSize > kLargestNew) {
+    return reportSystemError(&metaData, code::kNoMemory);
+  }
+  const std::uint32_t lead = table.isFixed() ? kFixedLead : kVariableLead;
+  const std::uint64_t need = std::uint64_t{size} + table.minimumObjectSize + lead;
+  const bool kept = table.isFixed() ? table.objectBuffer.size() >= need
+                                    : isSuitable(table.objectBuffer.size(), need);
+  if (kept && table.objectBuffer.data() != nullptr) {
+    std::memset(table.objectBuffer.data(), 0, table.objectBuffer.size());
+  } else {
+    replaceBuffer(table, need);
+  }
+  table.objectData = table.objectBuffer.data() + lead;
+  table.objectLength = table.minimumObjectSize + size;
+  table.currentObjectID = 0;
+  table.releaseCurrentKeys();
+  fillObject(table, object);
+  return {};
+}
+
+// -- Finding fields -------------------------------------------------------------------------------
+
+const char* fieldAddress(const Table& table, std::uint32_t field, const char* object,
+                         std::uint32_t length) {
+  if (object == nullptr) object = table.objectData;
+  if (length == 0) length = table.objectLength;
+  const CZELTA::Schema::Field* fields = table.schema->fields;
+  if (!isVariableType(fields[field].fieldType)) {
+    return object + table.headerSize() + fields[field].fieldOffset;
+  }
+  std::uint64_t position = table.fixedAreaSize;
+  for (std::uint32_t f = table.firstVariableField; f < field; ++f) {
+    if (position > length || isPoints(fields[f].fieldType)) return nullptr;
+    const std::uint64_t size = valueSize(fields[f].fieldType, object + position, length - position);
+    if (size == kPastEnd) {
+      // A text without its end takes all that is left.
+      const bool text = fields[f].fieldType == CZELTA::TypeText;
+      if (!text) return nullptr;
+      position = length;
+    } else {
+      position += size;
+    }
+  }
+  return position > length ? nullptr : object + position;
+}
+
+std::uint64_t rowSize(const CZELTA::Schema::Field& field, const char* row, std::uint64_t left,
+                      std::uint32_t* seen) {
+  std::uint64_t position = 0;
+  for (*seen = 0; *seen < field.subFieldCount; ++*seen) {
+    const CZELTA::Schema::Field& sub = field.subFields[*seen];
+    if (!isVariableType(sub.fieldType)) {
+      const std::uint64_t end = std::uint64_t{sub.fieldOffset} + sub.fieldSize;
+      if (end > left) return left;
+      position = end;
+      continue;
+    }
+    position = std::max<std::uint64_t>(position, sub.fieldOffset);
+    if (position > left) return left;
+    const std::uint64_t size = valueSize(sub.fieldType, row + position, left - position);
+    if (size == kPastEnd) return left;
+    position += size;
+  }
+  return position;
+}
+
+namespace {
+
+/// Address of a sub-field in a row that `left` bytes bound.
+const char* inRow(const CZELTA::Schema::Field& field, std::uint32_t subField, const char* row,
+                  std::uint64_t left) {
+  std::uint64_t position = 0;
+  for (std::uint32_t s = 0;; ++s) {
+    const CZELTA::Schema::Field& sub = field.subFields[s];
+    const bool variable = isVariableType(sub.fieldType);
+    position = variable ? std::max<std::uint64_t>(position, sub.fieldOffset) : sub.fieldOffset;
+    const std::uint64_t fixedSize = variable ? 0 : sub.fieldSize;
+    if (position >= left || position + fixedSize > left) return nullptr;
+    if (s == subField) return row + position;
+    const std::uint64_t size =
+        variable ? valueSize(sub.fieldType, row + position, left - position) : fixedSize;
+    if (size == kPastEnd) return nullptr;
+    position += size;
+  }
+}
+
+}  // namespace
+
+const char* subFieldAddress(const Table& table, std::uint32_t field, std::uint32_t subField,
+                            std::uint32_t subRecord, const char* object, std::uint32_t length) {
+  if (object == nullptr) object = table.objectData;
+  if (length == 0) length = table.objectLength;
+  const char* start = fieldAddress(table, field, object, length);
+  if (start == nullptr) return nullptr;
+  std::uint64_t left = length - static_cast<std::uint64_t>(start - object);
+  if (left < 4) return nullptr;
+  std::uint32_t size = 0;
+  std::memcpy(&size, start, 4);
+  left = std::min<std::uint64_t>(left, size);
+  if (left <= 4) return nullptr;
+  const char* row = start + 4;
+  left -= 4;
+  const CZELTA::Schema::Field& definition = table.schema->fields[field];
+  for (std::uint32_t r = 0; r < subRecord; ++r) {
+    std::uint32_t seen = 0;
+    const std::uint64_t step = rowSize(definition, row, left, &seen);
+    if (step == 0 || step >= left) return nullptr;
+    row += step;
+    left -= step;
+  }
+  return inRow(definition, subField, row, left);
+}
+
+Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
+                        CZELTA::Object* object) {
+  const std::uint64_t number = std::uint64_t{table.firstVariableField} + field;
+  const bool exists = !table.isFixed() && number < table.schema->fieldCount;
+  if (!exists && (value != nullptr || object == nullptr)) {
+    return reportError(&metaData, Own::parameter, table.cName());
+  }
+  if (table.objectData == nullptr) return noObject(metaData);
+  if (exists && value != nullptr) {
+    *value = const_cast<char*>(fieldAddress(table, static_cast<std::uint32_t>(number), nullptr, 0));
+  }
+  fillObject(table, object);
+  return {};
+}
+
+Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field,
+                        std::uint32_t subField, std::uint32_t subRecord, void** value,
+                        CZELTA::Object* object) {
+  const std::uint64_t number = std::uint64_t{table.firstVariableField} + field;
+  if (table.isFixed() || number >= table.schema->fieldCount ||
+      table.schema->fields[number].fieldType != CZELTA::TypeSubRecords ||
+      subField >= table.schema->fields[number].subFieldCount) {
+    return reportError(&metaData, Own::parameter, table.cName(), nullptr, field, subField);
+  }
+  if (table.objectData == nullptr) return noObject(metaData);
+  if (value != nullptr) {
+    *value = const_cast<char*>(subFieldAddress(table, static_cast<std::uint32_t>(number), subField,
+                                               subRecord, nullptr, 0));
+  }
+  fillObject(table, object);
+  return {};
+}
+
+}  // namespace zelta

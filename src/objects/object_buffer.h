@@ -1,0 +1,56 @@
+// The object buffer of a table: preparing it, finding and replacing variable fields.
+
+#ifndef ZELTA_OBJECTS_OBJECT_BUFFER_H
+#define ZELTA_OBJECTS_OBJECT_BUFFER_H
+
+#include <cstdint>
+
+#include "czelta.h"
+#include "frame/metadata.h"
+#include "storage/table.h"
+
+namespace zelta {
+
+/// Bytes in front of the object in the buffer of a variable and of a fixed table. The four bytes
+/// right before the object take the size word of the record that is stored.
+inline constexpr std::uint32_t kVariableLead = 10;
+inline constexpr std::uint32_t kFixedLead = 6;
+
+Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size);
+Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
+                        CZELTA::Object* object);
+Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field,
+                        std::uint32_t subField, std::uint32_t subRecord, void** value,
+                        CZELTA::Object* object);
+Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* object,
+                         std::uint32_t size);
+Result putVariableValues(MetaData& metaData, Table& table, const void* values,
+                         std::uint32_t valuesSize, std::uint32_t field, std::uint32_t count,
+                         CZELTA::Object* object);
+
+/// Makes the buffer hold an object of `length` bytes and points objectData at its place. The buffer
+/// is kept while it is at most twice too large; its contents are lost otherwise. Sets objectLength.
+void reserveObject(Table& table, std::uint32_t length);
+
+/// Fills the public record from the object in the buffer.
+void fillObject(const Table& table, CZELTA::Object* object);
+
+/// The ID in an object's bytes.
+[[nodiscard]] std::uint64_t objectIdOf(const Table& table, const char* object);
+
+/// Address of a field in an object; `object` null: the buffer. Null if the object does not hold the
+/// field. A position right at the end of the object counts as held.
+[[nodiscard]] const char* fieldAddress(const Table& table, std::uint32_t field, const char* object,
+                                       std::uint32_t length);
+/// The same for a sub-field of a row.
+[[nodiscard]] const char* subFieldAddress(const Table& table, std::uint32_t field,
+                                          std::uint32_t subField, std::uint32_t subRecord,
+                                          const char* object, std::uint32_t length);
+
+/// Proves that an object's variable part parses exactly to its end.
+Result validateObject(MetaData& metaData, const Table& table, const char* object,
+                      std::uint32_t length);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_OBJECT_BUFFER_H

@@ -1,0 +1,83 @@
+// Walking variable fields, each of which states its end in its own way. All walkers count the bytes
+// that are left, so that no length can lead them out of the object.
+
+#ifndef ZELTA_OBJECTS_VARIABLE_WALK_H
+#define ZELTA_OBJECTS_VARIABLE_WALK_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "czelta.h"
+
+namespace zelta {
+
+/// No size: the value passes the end of its bounds.
+inline constexpr std::uint64_t kPastEnd = ~std::uint64_t{0};
+
+/// Bytes of a text with its terminator.
+[[nodiscard]] inline std::uint64_t textSize(const char* at, std::uint64_t left) {
+  const void* end = left == 0 ? nullptr : std::memchr(at, 0, left);
+  return end == nullptr ? kPastEnd
+                        : static_cast<std::uint64_t>(static_cast<const char*>(end) - at) + 1;
+}
+[[nodiscard]] inline std::uint64_t wideTextSize(const char* at, std::uint64_t left) {
+  for (std::uint64_t p = 0; p + 2 <= left; p += 2) {
+    if (at[p] == 0 && at[p + 1] == 0) return p + 2;
+  }
+  return kPastEnd;
+}
+/// Bytes of a value whose length word counts itself; below that it counts as empty.
+template <typename Length>
+[[nodiscard]] std::uint64_t prefixedSize(const char* at, std::uint64_t left) {
+  if (left < sizeof(Length)) return kPastEnd;
+  Length length;
+  std::memcpy(&length, at, sizeof length);
+  const std::uint64_t size = length < sizeof length ? sizeof length : length;
+  return size > left ? kPastEnd : size;
+}
+
+[[nodiscard]] constexpr bool isPoints(std::uint32_t type) {
+  return type == CZELTA::TypePoints2 || type == CZELTA::TypePoints3;
+}
+
+/// Bytes of a variable value, kPastEnd if it is not whole. An unknown type has 0 bytes.
+[[nodiscard]] inline std::uint64_t valueSize(std::uint32_t type, const char* at,
+                                             std::uint64_t left) {
+  switch (type) {
+    case CZELTA::TypeText:
+      return textSize(at, left);
+    case CZELTA::TypeWideText:
+      return wideTextSize(at, left);
+    case CZELTA::TypeShortBinary:
+      return prefixedSize<std::uint16_t>(at, left);
+    case CZELTA::TypeBinary:
+    case CZELTA::TypePoints2:
+    case CZELTA::TypePoints3:
+    case CZELTA::TypeSubRecords:
+      return prefixedSize<std::uint32_t>(at, left);
+    default:
+      return 0;
+  }
+}
+
+/// Bytes of the empty value of a variable type.
+[[nodiscard]] constexpr std::uint32_t emptySize(std::uint32_t type) {
+  switch (type) {
+    case CZELTA::TypeText:
+      return 1;
+    case CZELTA::TypeWideText:
+    case CZELTA::TypeShortBinary:
+      return 2;
+    default:
+      return 4;
+  }
+}
+
+/// Walks one row of a sub-record: `left` bounds it. Returns its size; `*seen` sub-fields were
+/// whole.
+[[nodiscard]] std::uint64_t rowSize(const CZELTA::Schema::Field& field, const char* row,
+                                    std::uint64_t left, std::uint32_t* seen);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_VARIABLE_WALK_H
