@@ -47,15 +47,9 @@ class TreeWalk {
 Result TreeWalk::pivot(const std::uint32_t** key, CZELTA::Mode* mode) const {
   *key = request_.searchKey;
   *mode = request_.mode;
-  if (request_.mode == CZELTA::ReadFirst || request_.mode == CZELTA::ReadLast) return {};
-  if (request_.mode == CZELTA::ReadNext || request_.mode == CZELTA::ReadPrevious) {
-    ZELTA_TRY(currentKey(request_.metaData, table_, index_, key));
-    if (*key == nullptr) return reportError(&request_.metaData, Own::noObject);
-    *mode = request_.mode == CZELTA::ReadNext ? CZELTA::ReadGreater : CZELTA::ReadLess;
-    return {};
-  }
-  if (*key == nullptr) return reportError(&request_.metaData, Own::parameter, table_.cName());
-  return {};
+  if (*mode != CZELTA::ReadNext && *mode != CZELTA::ReadPrevious) return {};
+  *mode = request_.upward() ? CZELTA::ReadGreater : CZELTA::ReadLess;
+  return currentKey(request_.metaData, table_, index_, key);
 }
 
 Result TreeWalk::seekCommitted(CZELTA::Mode mode, const std::uint32_t* key) {

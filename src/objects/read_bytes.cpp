@@ -18,7 +18,8 @@ constexpr std::uint32_t kVariableLead = 10;
 constexpr std::uint32_t kLengthOffset = 4;
 /// Buffers up to this size stay even if an object needs much less.
 constexpr std::uint64_t kSmallBuffer = 64 * 1024;
-/// Most that is read of a record before its length is known.
+/// Least and most that is read of a record before its length is known.
+constexpr std::uint64_t kSmallestGuess = 512;
 constexpr std::uint64_t kLargestGuess = 64 * 1024;
 
 std::uint32_t leadOf(const Table& table) { return table.isFixed() ? kFixedLead : kVariableLead; }
@@ -83,8 +84,8 @@ Result readVariable(MetaData& metaData, Table& table, const TableHeader_tag& hea
   constexpr std::uint32_t kShift = kVariableLead - kRecordHead;
   const std::uint64_t rest = header.endOfFile - position;
   if (rest < kRecordFraming) return badRecord(metaData, table, position + kLengthOffset, 0);
-  std::uint64_t guess =
-      std::max<std::uint64_t>({lastLength, header.defaultObjectSize, table.minimumObjectSize});
+  std::uint64_t guess = std::max<std::uint64_t>(
+      {std::uint64_t{lastLength} + lastLength / 4, header.defaultObjectSize, kSmallestGuess});
   guess = std::min({guess, kLargestGuess, rest - kRecordHead});
   if (table.objectBuffer.data() == nullptr || table.objectBuffer.size() < guess + kVariableLead) {
     makeRoom(table, guess);

@@ -58,7 +58,8 @@ class Read {
         tables_(tables),
         table_(request.table),
         request_(request),
-        wait_(flags) {}
+        wait_(flags),
+        startID_(request.table.currentObjectID) {}
 
   Result run(CZELTA::Object* object, std::uint32_t* entry);
 
@@ -82,11 +83,13 @@ class Read {
   Table& table_;
   ReadRequest request_;
   LockWait wait_;
+  const std::uint64_t startID_;  ///< object that every pass sets out from
   std::optional<ReadFiles> files_;
   TableMutexGuard mutex_;
   std::uint32_t entry_ = 0;
   std::uint32_t endedTransaction_ = 0;  ///< known to live no more
   bool askedForDead_ = false;           ///< a foreign key was met before
+  bool headerRead_ = false;             ///< the pass got past the table's header
   std::uint32_t tornRounds_ = 0;
   // Who keeps the object from this read
   std::uint64_t blockedID_ = 0;
@@ -96,7 +99,7 @@ class Read {
 
 /// Failures that a reader without mutex can owe to a commit that goes on at this moment.
 bool Read::mayBeTorn(Result result) const {
-  if (request_.writer) return false;
+  if (request_.writer || !headerRead_) return false;
   return result.is(Own::notWritable) || result.is(Own::bPlusTree) || result.is(Own::variableLeaf) ||
          result.is(Own::indexFile) || result.is(Own::tableFile) ||
          result.is(Own::indexInconsistent) || result.isSystem(code::kEndOfFile) ||
@@ -125,8 +128,10 @@ Result Read::run(CZELTA::Object* object, std::uint32_t* entry) {
 }
 
 Result Read::openPass(TableHeader_tag& header) {
+  headerRead_ = false;
   if (request_.writer) ZELTA_TRY(mutex_.acquire(metaData_, table_, kMutexWait));
   ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, request_.writer));
+  headerRead_ = true;
   if (!request_.writer && !request_.byTree()) return {};
   if (!files_) files_.emplace(metaData_, table_);
   return files_->attach(header, request_.writer, request_.byTree());
@@ -134,6 +139,7 @@ Result Read::openPass(TableHeader_tag& header) {
 
 Result Read::pass(Outcome* outcome) {
   TableHeader_tag header{};
+  table_.currentObjectID = startID_;
   blockedBy_ = 0;
   blockedPosition_ = 0;
   ZELTA_TRY(openPass(header));
@@ -223,6 +229,7 @@ Result Read::finishPass(const TableHeader_tag& header, Located& found, Outcome* 
     ZELTA_TRY(readCommittedObject(metaData_, table_, header, found.objectID, found.tablePosition));
   }
   ZELTA_TRY(mutex_.release());
+  headerRead_ = false;  // the keys that the walk set out from are given up now: no way back
   MatchedKey matched;
   if (found.key.get() != nullptr) matched = {request_.index - 1, &found.key};
   ZELTA_TRY(
@@ -301,6 +308,24 @@ Result checkRequest(const ReadRequest& request) {
   return {};
 }
 
+/// A walk through a tree begins at a key: the given one, or that of the current object.
+Result checkPivot(const ReadRequest& request) {
+  const std::uint32_t* current = nullptr;
+  switch (request.mode) {
+    case CZELTA::ReadFirst:
+    case CZELTA::ReadLast:
+      return {};
+    case CZELTA::ReadNext:
+    case CZELTA::ReadPrevious:
+      ZELTA_TRY(currentKey(request.metaData, request.table, request.index - 1, &current));
+      return current != nullptr ? Result() : reportError(&request.metaData, Own::noObject);
+    default:
+      break;
+  }
+  if (request.key != nullptr) return {};
+  return reportError(&request.metaData, Own::parameter, request.table.cName());
+}
+
 }  // namespace
 
 Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
@@ -312,6 +337,7 @@ Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZEL
   const bool noLock = !writer || (mode & CZELTA::ReadNoLock) != 0;
   ReadRequest request{metaData, table, withoutFlags(mode), noLock, writer, index, key, nullptr};
   ZELTA_TRY(checkRequest(request));
+  if (request.byTree()) ZELTA_TRY(checkPivot(request));
   PooledKey searchKey;
   if (request.byTree() && key != nullptr) {
     std::uint32_t* made = nullptr;
