@@ -100,6 +100,7 @@ TEST(MemoryFile, The_first_object_brings_a_leaf_and_a_record) {
   EXPECT_EQ(numberAt<std::uint64_t>(bytes, 96 + 1368), 96u + 2048);
   EXPECT_EQ(numberAt<std::uint32_t>(bytes, 96 + 2048), 32u);
   EXPECT_EQ(bytes.substr(96 + 2048 + 4, 5), "hello");
+  EXPECT_EQ(bytes.substr(32, 56), std::string(56, '\0'));  // no journal left
   EXPECT_EQ(readMemoryImage(owner).damage, "");
 }
 
