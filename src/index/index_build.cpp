@@ -7,15 +7,13 @@
 #include "czelta.h"
 #include "index/bplus_tree.h"
 #include "index/index_file_layout.h"
+#include "index/keys.h"
 #include "index/kinds.h"
 #include "storage/atomic_manager.h"
 #include "storage/file_io.h"
 #include "storage/table.h"
 
 namespace zelta {
-
-Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, std::uint32_t entry,
-                  std::uint32_t** keyOut, const char* object, std::uint32_t objectSize);
 
 using index_file::abandonFile;
 using index_file::clearIntent;
