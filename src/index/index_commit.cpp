@@ -135,6 +135,11 @@ Result IndexFlush::prepare() {
   }
   header_.newFreeListHead = manager_.indexFreeHead;
   header_.journalPages = manager_.shadowPageCount;
+  if (!changesAnything()) return {};
+  // A file at rest is as long as its header says; behind a damaged end there would be a hole.
+  std::uint64_t length = 0;
+  ZELTA_TRY(outcome(platform::fileSize(table_.indexFile, &length)));
+  if (length < oldEnd_) return index_file::corrupted(metaData_, table_);
   return {};
 }
 

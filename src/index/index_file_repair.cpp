@@ -38,6 +38,7 @@ class Repair {
   Result applyPages();
   Result applyFreeChain();
   Result rollForward();
+  Result rollBack();
   Result reset(std::uint64_t target);
 
   MetaData& metaData_;
@@ -55,16 +56,14 @@ Result Repair::run(bool* abandoned) {
   }
   std::uint64_t length = 0;
   ZELTA_TRY(outcome(platform::fileSize(table_.indexFile, &length)));
-  if (header_.journalEnd > length) {
-    return reset(header_.rollbackEnd != 0 ? header_.rollbackEnd : header_.fileEnd);
-  }
+  if (header_.journalEnd > length) return rollBack();
   // Applied already; only the header is left.
   if (header_.rollbackEnd == 0) return reset(header_.newFileEnd);
   ZELTA_TRY(readPendingRoots());
   bool right = header_.journalEnd >= journalStart(header_);
   if (right) ZELTA_TRY(checkSum(&right));
   if (right) ZELTA_TRY(checkRecords(&right));
-  return right ? rollForward() : reset(header_.rollbackEnd);
+  return right ? rollForward() : rollBack();
 }
 
 Result Repair::readPendingRoots() {
@@ -177,6 +176,15 @@ Result Repair::rollForward() {
   ZELTA_TRY(outcome(platform::flushFile(table_.indexFile)));
   header_.freeListHead = header_.newFreeListHead;
   return reset(header_.newFileEnd);
+}
+
+/// The end stays as it is: the new one is written only when all has been applied. That a commit
+/// names another end to go back to is damage, and nothing to be cut off for.
+Result Repair::rollBack() {
+  if (header_.rollbackEnd != 0 && header_.rollbackEnd != header_.fileEnd) {
+    return corrupted(metaData_, table_);
+  }
+  return reset(header_.fileEnd);
 }
 
 Result Repair::reset(std::uint64_t target) {

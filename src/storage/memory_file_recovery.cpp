@@ -38,6 +38,7 @@ class Recovery {
   Result copyPage(std::uint64_t from, std::uint64_t to, std::uint32_t size);
   Result applyFreeChain(std::uint64_t position);
   Result rollForward();
+  Result drop();
   Result reset(std::uint64_t end);
 
   const AtomicManager& manager_;
@@ -51,15 +52,13 @@ Result Recovery::run() {
   std::uint64_t length = 0;
   const SystemCode result = platform::fileSize(file_, &length);
   if (result != 0) return failed(manager_, result);
-  if (header_.journalEnd > length) {
-    return reset(header_.journalBase != 0 ? header_.journalBase : header_.endOfFile);
-  }
+  if (header_.journalEnd > length) return drop();
   // Applied already; only the header is left.
   if (header_.journalBase == 0) return reset(header_.newEndOfFile);
   bool right = header_.journalEnd >= journalStart(header_);
   if (right) ZELTA_TRY(checkSum(&right));
   if (right) ZELTA_TRY(checkEntries(&right));
-  return right ? rollForward() : reset(header_.journalBase);
+  return right ? rollForward() : drop();
 }
 
 Result Recovery::checkSum(bool* right) {
@@ -168,6 +167,15 @@ Result Recovery::rollForward() {
   if (result != 0) return failed(manager_, result);
   header_.freeHead = header_.newFreeHead;
   return reset(header_.newEndOfFile);
+}
+
+/// The end stays as it is: the new one is written only when all has been applied. That a journal
+/// names another base is damage, and nothing to be cut off for.
+Result Recovery::drop() {
+  if (header_.journalBase != 0 && header_.journalBase != header_.endOfFile) {
+    return corrupted(manager_);
+  }
+  return reset(header_.endOfFile);
 }
 
 Result Recovery::reset(std::uint64_t end) {

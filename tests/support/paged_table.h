@@ -36,7 +36,7 @@ class PagedTable {
     table->key = 1;
     table->fixedAreaSize = 10;
     table->minimumObjectSize = 10;
-    field_ = {8, 0, 4, 0, u"number", nullptr};
+    field_ = {CZELTA::TypeUInt32, 0, 4, 0, u"number", nullptr};
     segment_ = {0, 0};
     definitions_.assign(indexes_, {});
     for (auto& index : definitions_) {
