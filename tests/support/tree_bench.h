@@ -45,7 +45,7 @@ class TreeBench {
       table.schema->indexes[i].indexFlags = form.variable ? 1 : 0;
       table.schema->indexes[i].keyWords = form.keyWords;
     }
-    table.name = u"T";
+    table.name = std::u16string(1, u'T');
     const auto open = [&](const char* name, platform::File* file) {
       EXPECT_EQ(
           platform::openFile(folder.file(name).c_str(), platform::Disposition::openAlways, file),
@@ -60,6 +60,10 @@ class TreeBench {
     manager = std::make_unique<AtomicManager>(metaData, table);
     attach();
   }
+
+  ~TreeBench() { clearError(metaData); }
+  TreeBench(const TreeBench&) = delete;
+  TreeBench& operator=(const TreeBench&) = delete;
 
   /// Starts anew with empty files; index pages go straight to the index file.
   void attach() {
