@@ -12,7 +12,14 @@ namespace {
 constexpr std::uint32_t kLargestCopy = 64 * 1024;
 
 bool hasKeys(const Table& table, std::uint32_t index) {
-  return !table.listKind(index) && table.index(index).segmentCount != 0;
+  switch (table.index(index).indexKind) {
+    case CZELTA::BPlusTree:
+    case CZELTA::SpatialTree:
+    case CZELTA::TemporalTree:
+      return table.index(index).segmentCount != 0;
+    default:
+      return false;
+  }
 }
 
 /// Gives a cursor all keys that a multi-entry index has of an object. The one equal to `matched`,

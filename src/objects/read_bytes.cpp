@@ -5,15 +5,13 @@
 
 #include "index/bplus_tree.h"
 #include "index/kinds.h"
+#include "objects/object_buffer.h"
 #include "storage/file_io.h"
 
 namespace zelta {
 
 namespace {
 
-/// Bytes in front of the object in the table's buffer.
-constexpr std::uint32_t kFixedLead = 6;
-constexpr std::uint32_t kVariableLead = 10;
 /// A record's length word, which follows the size of its block.
 constexpr std::uint32_t kLengthOffset = 4;
 /// Buffers up to this size stay even if an object needs much less.
@@ -55,12 +53,6 @@ void forgetObject(Table& table) {
 void takeObject(Table& table, std::uint32_t length) {
   table.objectData = table.objectBuffer.data() + leadOf(table);
   table.objectLength = length;
-}
-
-std::uint64_t storedId(const Table& table, const char* object) {
-  std::uint64_t id = 0;
-  std::memcpy(&id, object + 2, table.idSize());
-  return id;
 }
 
 Result readFixed(MetaData& metaData, Table& table, const TableHeader_tag& header,
@@ -124,7 +116,7 @@ Result readCommittedObject(MetaData& metaData, Table& table, const TableHeader_t
   } else {
     ZELTA_TRY(readVariable(metaData, table, header, position, lastLength));
   }
-  if (storedId(table, table.objectData) == objectID) return {};
+  if (objectIdOf(table, table.objectData) == objectID) return {};
   forgetObject(table);
   return badRecord(metaData, table, position, objectID);
 }
@@ -143,7 +135,7 @@ Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& 
   const SystemCode result =
       readLargeBuffer(table.memoryFile, found.memoryPosition + 4, object, length);
   if (result != 0) return failed(metaData, table, result, extension::kMemory);
-  if (storedId(table, object) != found.objectID) {
+  if (objectIdOf(table, object) != found.objectID) {
     return reportError(&metaData, Own::memoryFile, table.cName(), extension::kMemory);
   }
   takeObject(table, length);
@@ -169,17 +161,6 @@ Result readCommittedAside(MetaData& metaData, Table& table, std::uint64_t positi
   char* object = metaData.scratchFor(Scratch::object).reserve(*length);
   const SystemCode result = readLargeBuffer(table.tableFile, begin, object, *length);
   return result == 0 ? Result() : failed(metaData, table, result, extension::kTable);
-}
-
-void viewObject(const Table& table, CZELTA::Object* object) {
-  const std::uint32_t headerSize = table.headerSize();
-  std::uint64_t id = 0;
-  std::memcpy(&id, table.objectData + 2, table.idSize());
-  std::memcpy(&object->version, table.objectData, sizeof(object->version));
-  object->objectID = static_cast<std::int64_t>(id);
-  object->data = table.objectData + headerSize;
-  object->length = table.objectLength - headerSize;
-  object->variableData = table.isFixed() ? nullptr : table.objectData + table.fixedAreaSize;
 }
 
 Result eraseSlotTransaction(MetaData& metaData, Table& table, std::uint32_t slotBase,

@@ -22,9 +22,6 @@ Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& 
 Result readCommittedAside(MetaData& metaData, Table& table, std::uint64_t position,
                           std::uint32_t* length);
 
-/// Fills the caller's view of the object in the buffer.
-void viewObject(const Table& table, CZELTA::Object* object);
-
 /// Takes the number of a transaction that is gone out of an object's slot.
 Result eraseSlotTransaction(MetaData& metaData, Table& table, std::uint32_t slotBase,
                             std::uint64_t objectID);

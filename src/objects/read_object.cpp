@@ -7,6 +7,7 @@
 #include "objects/current_keys.h"
 #include "objects/locate.h"
 #include "objects/lock_position.h"
+#include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
 #include "objects/read_wait.h"
 #include "platform/clock.h"
@@ -20,6 +21,8 @@ constexpr std::uint32_t kMutexWait = 30000;
 /// Rounds of a reader that meets a commit of another process halfway.
 constexpr std::uint32_t kTornRounds = 250;
 constexpr std::uint32_t kQuickRounds = 10;
+/// Passes that a read may begin anew because it met and repaired remains of dead transactions.
+constexpr std::uint32_t kMaximumRepairs = 1000;
 /// The number of every exclusive transaction.
 constexpr std::uint32_t kExclusiveNumber = 1;
 
@@ -91,6 +94,7 @@ class Read {
   bool askedForDead_ = false;           ///< a foreign key was met before
   bool headerRead_ = false;             ///< the pass got past the table's header
   std::uint32_t tornRounds_ = 0;
+  std::uint32_t repairs_ = 0;
   // Who keeps the object from this read
   std::uint64_t blockedID_ = 0;
   std::uint64_t blockedPosition_ = 0;
@@ -119,11 +123,16 @@ Result Read::run(CZELTA::Object* object, std::uint32_t* entry) {
     }
     if (result.isLocked() && outcome == Outcome::done) outcome = Outcome::blockedByTransaction;
     if (outcome == Outcome::done) break;
-    if (outcome == Outcome::again) continue;
+    if (outcome == Outcome::again) {
+      if (repairs_++ == kMaximumRepairs) {
+        return reportError(&metaData_, Own::memoryFile, table_.cName(), extension::kMemory);
+      }
+      continue;
+    }
     ZELTA_TRY(waitOrFail(outcome));
   }
   if (entry != nullptr) *entry = entry_;
-  if (object != nullptr) viewObject(table_, object);
+  if (object != nullptr) fillObject(table_, object);
   return {};
 }
 
