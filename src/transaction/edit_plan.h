@@ -1,0 +1,93 @@
+// What a commit changes in a table file: every object's place before and after, the list of free
+// IDs, the free space. Planning reads, and changes nothing on disk.
+
+#ifndef ZELTA_TRANSACTION_EDIT_PLAN_H
+#define ZELTA_TRANSACTION_EDIT_PLAN_H
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "storage/free_space.h"
+#include "storage/memory_file.h"
+#include "storage/table.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+/// An entry of the journal, and where the object's image lies.
+struct Edit {
+  EditEntry_tag entry;
+  std::uint32_t length;         ///< of the pending object
+  std::uint64_t imagePosition;  ///< in the memory file
+};
+
+/// The images of the transaction, in the order of their IDs.
+struct PendingImages {
+  std::vector<PendingObject> added;
+  std::vector<PendingObject> edited;
+};
+
+class EditPlan {
+ public:
+  EditPlan(MetaData& metaData, Table& table, const TableHeader_tag& header)
+      : metaData_(metaData), table_(table), old_(header), next(header) {}
+  ~EditPlan();
+  EditPlan(const EditPlan&) = delete;
+  EditPlan& operator=(const EditPlan&) = delete;
+
+  Result make(const PendingImages& images);
+
+  // The result
+  std::vector<Edit> moves;  ///< kind moveObject
+  std::vector<Edit> edits;  ///< all others, freed slots first
+  FreeBlock* freeList = nullptr;
+
+ private:
+  MetaData& metaData_;
+  Table& table_;
+  TableHeader_tag old_;
+
+ public:
+  /// The header after the commit: area, IDs, chain, end of file.
+  TableHeader_tag next;
+  /// End of the file with all allocations, before free space at its end was given up.
+  std::uint64_t allocatedEnd = 0;
+
+ private:
+  // edit_plan.cpp
+  Result placeSlotArea(std::uint64_t greatestAdded);
+  Result lowerHighestID(std::uint64_t greatestAdded);
+  void raiseArea(std::uint64_t greatestAdded);
+  void lowerArea(std::uint64_t greatestAdded);
+  [[nodiscard]] std::uint64_t areaStep() const;
+  Result readPosition(std::uint64_t objectID, std::uint64_t* position);
+  [[nodiscard]] bool isDeleted(std::uint64_t objectID) const;
+  // free_id_plan.cpp
+  Result planFreeIDs(const PendingImages& images);
+  Result nextFreeID(std::uint64_t id, std::uint64_t* next);
+  // place_variable.cpp
+  Result placeVariable(const PendingImages& images);
+  Result clearTakenArea(std::map<std::uint64_t, std::uint64_t>& displaced);
+  Result allocate(std::uint64_t length, std::uint64_t* position, std::uint32_t* size);
+  Result releaseBlock(std::uint64_t position, std::uint64_t size);
+  Result releaseRecord(std::uint64_t position);
+  Result readBlock(std::uint64_t position, std::uint32_t head[2]);
+  Result placeEdited(const PendingObject& image, bool displaced);
+  // place_fixed.cpp
+  Result placeFixed(const PendingImages& images);
+  Result readRecordID(std::uint64_t position, std::uint64_t* objectID);
+  std::uint64_t takePlace();
+  Result closeHoles(std::map<std::uint64_t, std::uint64_t>& movedEdited);
+
+  bool emptied_ = false;
+  FreeExtentNode* extents_ = nullptr;
+  std::set<std::uint64_t> holes_;
+  std::map<std::uint64_t, std::size_t>
+      newObjects_;  ///< ID to place in `edits`, of those with a gap
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_TRANSACTION_EDIT_PLAN_H

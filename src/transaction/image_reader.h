@@ -1,0 +1,109 @@
+// Reading pending images one after the other. They mostly lie side by side, so that one large read
+// serves many.
+
+#ifndef ZELTA_TRANSACTION_IMAGE_READER_H
+#define ZELTA_TRANSACTION_IMAGE_READER_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "storage/file_io.h"
+#include "storage/table.h"
+
+namespace zelta {
+
+class ImageReader {
+ public:
+  /// `buffer` is the reader's own while it lives. The file must not change meanwhile.
+  ImageReader(MetaData& metaData, const Table& table, ScratchBuffer& buffer)
+      : metaData_(metaData), table_(table), buffer_(buffer) {}
+
+  /// The bytes of an object at a position of the memory file; good until the next call.
+  Result read(std::uint64_t position, std::uint32_t length, const char** bytes) {
+    constexpr std::uint32_t kWindow = 256 * 1024;
+    if (position < start_ || position + length > start_ + size_) {
+      const std::uint32_t wanted = length > kWindow ? length : kWindow;
+      char* data = buffer_.reserve(wanted);
+      start_ = position;
+      size_ = 0;
+      const SystemCode failure = readBuffer(table_.memoryFile, position, data, wanted, &size_);
+      if (failure == 0 && size_ < length) {
+        // Either the end of the file, or a transfer that was cut short.
+        const SystemCode rest = readLargeBuffer(table_.memoryFile, position, data, length);
+        if (rest != 0) return report(rest);
+        size_ = length;
+      } else if (failure != 0) {
+        return report(failure);
+      }
+    }
+    *bytes = buffer_.data() + (position - start_);
+    return {};
+  }
+
+ private:
+  Result report(SystemCode failure) {
+    size_ = 0;
+    return reportSystemError(&metaData_, failure, table_.cName(), extension::kMemory);
+  }
+
+  MetaData& metaData_;
+  const Table& table_;
+  ScratchBuffer& buffer_;
+  std::uint64_t start_ = 0;
+  std::uint32_t size_ = 0;
+};
+
+/// Writes to a file in large pieces, as long as what comes lies behind what came before.
+class JoinedWriter {
+ public:
+  JoinedWriter(platform::File file, ScratchBuffer& buffer) : file_(file), buffer_(buffer) {
+    buffer_.reserve(kCapacity);
+  }
+
+  [[nodiscard]] SystemCode write(std::uint64_t position, const void* data, std::uint64_t length) {
+    if (position != start_ + used_ || used_ + length > kCapacity) {
+      if (const SystemCode failure = flush(); failure != 0) return failure;
+      start_ = position;
+      if (length > kCapacity) {
+        start_ = position + length;
+        return writeBuffer(file_, position, data, static_cast<std::int64_t>(length));
+      }
+    }
+    if (data != nullptr) {
+      std::memcpy(buffer_.data() + used_, data, length);
+    } else {
+      std::memset(buffer_.data() + used_, 0, length);
+    }
+    used_ += length;
+    return 0;
+  }
+  [[nodiscard]] SystemCode writeZeros(std::uint64_t position, std::uint64_t length) {
+    while (length > 0) {
+      const std::uint64_t piece = length < kPiece ? length : kPiece;
+      if (const SystemCode failure = write(position, nullptr, piece); failure != 0) return failure;
+      position += piece;
+      length -= piece;
+    }
+    return 0;
+  }
+  [[nodiscard]] SystemCode flush() {
+    if (used_ == 0) return 0;
+    const SystemCode failure =
+        writeBuffer(file_, start_, buffer_.data(), static_cast<std::int64_t>(used_));
+    start_ += used_;
+    used_ = 0;
+    return failure;
+  }
+
+ private:
+  static constexpr std::uint64_t kCapacity = 256 * 1024;
+  static constexpr std::uint64_t kPiece = 64 * 1024;
+  platform::File file_;
+  ScratchBuffer& buffer_;
+  std::uint64_t start_ = 0;
+  std::uint64_t used_ = 0;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_TRANSACTION_IMAGE_READER_H

@@ -1,0 +1,16 @@
+// Bringing a decided transaction into a table's files.
+
+#ifndef ZELTA_TRANSACTION_TABLE_COMMIT_H
+#define ZELTA_TRANSACTION_TABLE_COMMIT_H
+
+#include "storage/table.h"
+
+namespace zelta {
+
+/// Index file first, then the table file through its journal, then the traces in the memory file
+/// go. The sets of the table are emptied whether or not it succeeds.
+Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks);
+
+}  // namespace zelta
+
+#endif  // ZELTA_TRANSACTION_TABLE_COMMIT_H
