@@ -102,7 +102,7 @@ Result writeImages(MetaData& metaData, Table& table, EntryWriter& out) {
   ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
   manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
   PendingObjectWalk walk(manager);
-  ImageReader reader(metaData, table, metaData.scratchFor(Scratch::record));
+  ImageReader reader(metaData, table, table.memoryFile, metaData.scratchFor(Scratch::record));
   std::uint64_t total = 0;
   for (;;) {
     PendingObject pending;

@@ -15,10 +15,10 @@ namespace zelta {
 class ImageReader {
  public:
   /// `buffer` is the reader's own while it lives. The file must not change meanwhile.
-  ImageReader(MetaData& metaData, const Table& table, ScratchBuffer& buffer)
-      : metaData_(metaData), table_(table), buffer_(buffer) {}
+  ImageReader(MetaData& metaData, const Table& table, platform::File file, ScratchBuffer& buffer)
+      : metaData_(metaData), table_(table), file_(file), buffer_(buffer) {}
 
-  /// The bytes of an object at a position of the memory file; good until the next call.
+  /// The bytes of an object at a position of the file; good until the next call.
   Result read(std::uint64_t position, std::uint32_t length, const char** bytes) {
     constexpr std::uint32_t kWindow = 256 * 1024;
     if (position < start_ || position + length > start_ + size_) {
@@ -26,10 +26,10 @@ class ImageReader {
       char* data = buffer_.reserve(wanted);
       start_ = position;
       size_ = 0;
-      const SystemCode failure = readBuffer(table_.memoryFile, position, data, wanted, &size_);
+      const SystemCode failure = readBuffer(file_, position, data, wanted, &size_);
       if (failure == 0 && size_ < length) {
         // Either the end of the file, or a transfer that was cut short.
-        const SystemCode rest = readLargeBuffer(table_.memoryFile, position, data, length);
+        const SystemCode rest = readLargeBuffer(file_, position, data, length);
         if (rest != 0) return report(rest);
         size_ = length;
       } else if (failure != 0) {
@@ -48,6 +48,7 @@ class ImageReader {
 
   MetaData& metaData_;
   const Table& table_;
+  platform::File file_;
   ScratchBuffer& buffer_;
   std::uint64_t start_ = 0;
   std::uint32_t size_ = 0;

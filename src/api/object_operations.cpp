@@ -1,0 +1,169 @@
+// Objects and searches.
+
+#include "api/operation.h"
+#include "index/search.h"
+#include "objects/add_object.h"
+#include "objects/object_buffer.h"
+#include "objects/read_object.h"
+
+using namespace zelta;
+
+unsigned long long CZELTA::NewObject(unsigned int table, Object* object, unsigned int size) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false, [&] { return newObject(*metaData_, *open, object, size); });
+}
+
+unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int field, void** value,
+                                            Object* object) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false,
+                 [&] { return getVariableField(*metaData_, *open, field, value, object); });
+}
+
+unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int field,
+                                            unsigned int subField, unsigned int subRecord,
+                                            void** value, Object* object) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false, [&] {
+    return getVariableField(*metaData_, *open, field, subField, subRecord, value, object);
+  });
+}
+
+unsigned long long CZELTA::PutVariableValues(unsigned int table, Object* object,
+                                             unsigned int size) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false,
+                 [&] { return putVariableValues(*metaData_, *open, object, size); });
+}
+
+unsigned long long CZELTA::PutVariableValues(unsigned int table, const void* values,
+                                             unsigned int valuesSize, unsigned int field,
+                                             unsigned int count, Object* object) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false, [&] {
+    return putVariableValues(*metaData_, *open, values, valuesSize, field, count, object);
+  });
+}
+
+unsigned long long CZELTA::AddObject(unsigned int table, Object* object, long long objectID) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().ownThread().mayWrite().table(tables_, table, open).failed()) {
+    return check.word();
+  }
+  return perform(*metaData_, false,
+                 [&] { return addObject(*metaData_, tables_, *open, object, objectID); });
+}
+
+unsigned long long CZELTA::RewriteObject(unsigned int table, Object*) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  return check.transaction()
+      .ownThread()
+      .mayWrite()
+      .table(tables_, table, open)
+      .require(false, Own::context)
+      .word();
+}
+
+unsigned long long CZELTA::RestoreObject(unsigned int table, long long, bool) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  return check.transaction()
+      .ownThread()
+      .mayWrite()
+      .table(tables_, table, open)
+      .require(false, Own::context)
+      .word();
+}
+
+namespace {
+
+/// Whether a read has the key that its mode needs.
+bool hasKey(unsigned int mode, const void* key) {
+  const unsigned int base = mode & 63;
+  return key != nullptr || base < CZELTA::ReadEqual || base > CZELTA::ReadGreaterEqual;
+}
+
+}  // namespace
+
+unsigned long long CZELTA::ReadObject(unsigned int table, Mode mode, Object* object,
+                                      unsigned int index, const void* key, unsigned int* entry) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  check.transaction().ownThread();
+  if (!check.failed() && !metaData_->mayWrite()) mode = mode | ReadNoLock;
+  if (check.parameter(hasKey(mode, key)).table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false, [&] {
+    return readObject(*metaData_, tables_, *open, mode, object, index, key, entry);
+  });
+}
+
+unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Object* object) {
+  return ReadObject(table, ReadEqual, object, 0, &objectID, nullptr);
+}
+
+unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Mode mode,
+                                      Object* object) {
+  return ReadObject(table, mode | ReadEqual, object, 0, &objectID, nullptr);
+}
+
+unsigned long long CZELTA::DeleteObject(unsigned int table, Mode mode, Object*, unsigned int,
+                                        const void* key, unsigned int*) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  return check.transaction()
+      .ownThread()
+      .parameter((mode & ReadNoLock) == 0)
+      .parameter(hasKey(mode, key))
+      .mayWrite()
+      .table(tables_, table, open)
+      .require(false, Own::context)
+      .word();
+}
+
+unsigned long long CZELTA::DeleteObject(unsigned int table, long long objectID, Object* object) {
+  return DeleteObject(table, ReadEqual, object, 0, &objectID, nullptr);
+}
+
+unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, const void* key,
+                                       const void* search, Mode mode, long long* count) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false, [&] {
+    return searchIndex(*metaData_, tables_, *open, index, key, search, mode, count);
+  });
+}
+
+unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, const void* key,
+                                       unsigned int tolerance, Mode mode, long long* count) {
+  clearError(*metaData_);
+  Table* open = nullptr;
+  StateCheck check(*metaData_);
+  if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
+  return perform(*metaData_, false, [&] {
+    return searchIndex(*metaData_, tables_, *open, index, key, tolerance, mode, count);
+  });
+}

@@ -1,0 +1,85 @@
+#include "frame/mutex_guard.h"
+#include "index/kinds.h"
+#include "objects/lock_position.h"
+#include "storage/atomic_manager.h"
+#include "storage/memory_file.h"
+#include "storage/table_file.h"
+#include "transaction/commit.h"
+#include "transaction/traces.h"
+#include "transaction/transaction_tables.h"
+
+namespace zelta {
+
+Result dropPendingKeys(MetaData& metaData, Table& table, AtomicManager& manager,
+                       const MemoryFileHeader_tag& header, UInt64AVLTree* first,
+                       UInt64AVLTree* second) {
+  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
+    if (table.listKind(i) || manager.memoryRoot(i + 1) == 0) continue;
+    ZELTA_TRY(mergeEntries(metaData, table, nullptr, header.pageSize, manager, i, first, second));
+  }
+  return {};
+}
+
+namespace {
+
+/// Takes what the transaction has added and rewritten out of the memory file.
+Result dropTraces(MetaData& metaData, Table& table) {
+  if (table.addedObjects == nullptr && table.editedObjects == nullptr) return {};
+  TableMutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
+  AtomicManager manager(metaData, table);
+  MemoryFileHeader_tag header;
+  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
+  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  ZELTA_TRY(
+      dropPendingKeys(metaData, table, manager, header, table.addedObjects, table.editedObjects));
+  ZELTA_TRY(removeTransaction(manager, header, table, metaData.transactionWord, nullptr));
+  return guard.release();
+}
+
+void forgetEdits(Table& table, bool releaseLocks) {
+  const bool currentWasAdded = find(table.addedObjects, table.currentObjectID) != nullptr;
+  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
+    if (table.listKind(i)) continue;
+    IndexCursor& cursor = table.indexStates[i];
+    table.nodePool.releaseTree(cursor.keyPool, table.keyShape(i), cursor.removedKeys);
+    table.nodePool.releaseTree(cursor.keyPool, table.keyShape(i), cursor.replacedKeys);
+  }
+  if (releaseLocks || currentWasAdded) {
+    table.releaseCurrentKeys();
+    table.currentObjectID = 0;
+  }
+  if (releaseLocks) {
+    for (UInt64AVLTree** objects :
+         {&table.lockedObjects, &table.editedObjects, &table.deletedObjects}) {
+      unlockObjects(table.tableFile, table.slotBase, *objects);
+    }
+  } else {
+    addAll(table.lockedObjects, table.editedObjects);
+    addAll(table.lockedObjects, table.deletedObjects);
+  }
+  destroyAll(table.addedObjects);
+  table.addedCount = 0;
+  table.deletedCount = 0;
+  table.pendingBytes = 0;
+}
+
+}  // namespace
+
+Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks) {
+  clearError(metaData);
+  if (releaseLocks) dropLockPosition(metaData);
+  Result result;
+  for (Table* table : tablesInOrder(tables)) {
+    destroyAll(table->searchResults);
+    table->searchIndex = 0;
+    table->searchInverted = false;
+    if (!metaData.mayWrite()) continue;
+    const Result dropped = dropTraces(metaData, *table);
+    result.keepFirst(dropped);
+    if (dropped.ok()) forgetEdits(*table, releaseLocks);
+  }
+  return result;
+}
+
+}  // namespace zelta

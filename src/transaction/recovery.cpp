@@ -1,0 +1,190 @@
+// What becomes of a transaction whose process died.
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "frame/control_file.h"
+#include "frame/mutex_guard.h"
+#include "frame/upcalls.h"
+#include "platform/clock.h"
+#include "schema/table_lifecycle.h"
+#include "storage/atomic_manager.h"
+#include "storage/file_io.h"
+#include "storage/memory_file.h"
+#include "transaction/frame.h"
+#include "transaction/log_file.h"
+#include "transaction/replay.h"
+#include "transaction/traces.h"
+#include "transaction/transaction_tables.h"
+
+namespace zelta {
+
+namespace {
+
+/// Closes the tables that recovery opens: they are not the caller's.
+class OpenedTables {
+ public:
+  OpenedTables(MetaData& metaData, UInt32AVLTree*& tables) : metaData_(metaData), tables_(tables) {
+    for (const Table* table : tablesInOrder(tables)) before_.push_back(table->id());
+  }
+  ~OpenedTables() {
+    for (Table* table : tablesInOrder(tables_)) {
+      bool known = false;
+      for (const std::uint32_t id : before_) known = known || id == table->id();
+      if (known) continue;
+      remove(static_cast<UInt32AVLTree*>(table), tables_);
+      delete table;
+    }
+  }
+  OpenedTables(const OpenedTables&) = delete;
+  OpenedTables& operator=(const OpenedTables&) = delete;
+
+ private:
+  MetaData& metaData_;
+  UInt32AVLTree*& tables_;
+  std::vector<std::uint32_t> before_;
+};
+
+/// A log entry of the dead transaction.
+struct FoundEntry {
+  platform::File file = platform::File::none;
+  std::uint64_t position = 0;
+  LogEntryHead_tag head{};
+  bool single = false;
+  bool committed = false;
+};
+
+Result reportLog(MetaData& metaData, SystemCode failure) {
+  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kLog);
+}
+
+/// A head that is locked belongs to a writer that still lives.
+Result readHead(MetaData& metaData, FoundEntry& entry) {
+  constexpr int kAttempts = 250;
+  constexpr int kQuick = 150;
+  for (int attempt = 0;; ++attempt) {
+    std::uint32_t count = 0;
+    SystemCode failure =
+        platform::readLockable(entry.file, logEntryLock(entry.position), entry.position,
+                               &entry.head, sizeof entry.head, &count);
+    if (failure == 0 && count != sizeof entry.head) failure = code::kEndOfFile;
+    if (failure != code::kLockViolation || attempt == kAttempts)
+      return reportLog(metaData, failure);
+    platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
+  }
+}
+
+/// An entry without sections was never completed, whatever its checksum.
+Result verify(MetaData& metaData, FoundEntry& entry) {
+  constexpr std::uint32_t kPiece = 64 * 1024;
+  constexpr std::uint64_t kHead = sizeof(LogEntryHead_tag);
+  std::uint64_t size = 0;
+  if (const SystemCode failure = platform::fileSize(entry.file, &size); failure != 0) {
+    return reportLog(metaData, failure);
+  }
+  const std::uint64_t end = entry.position + entry.head.blockLength;
+  if (!entry.head.isEntry() || entry.head.sectionCount == 0 || entry.head.blockLength < kHead ||
+      end > size || end < entry.position) {
+    return {};
+  }
+  char* bytes = metaData.scratchFor(Scratch::transfer).reserve(kPiece);
+  std::uint64_t sum = 0;
+  for (std::uint64_t at = entry.position + kHead; at < end;) {
+    const auto length = static_cast<std::uint32_t>(end - at < kPiece ? end - at : kPiece);
+    ZELTA_TRY(reportLog(metaData, readBuffer(entry.file, at, bytes, length)));
+    xorChecksum64(sum, bytes, length);
+    at += length;
+  }
+  entry.committed = sum == entry.head.checksum;
+  return {};
+}
+
+Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                         FoundEntry& entry) {
+  ZELTA_TRY(readHead(metaData, entry));
+  ZELTA_TRY(verify(metaData, entry));
+  if (entry.committed) {
+    ZELTA_TRY(replayLogEntry(metaData, tables, entry.file, entry.head, entry.position));
+  }
+  if (!entry.single) return {};
+  const Result removed = removeLogEntry(metaData, number, entry.position);
+  return removed.is(Own::logEntryNotFound) ? Result{} : removed;
+}
+
+Result settleLog(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                 const ControlHeader_tag* header) {
+  LogHeader_tag logHeader{};
+  FoundEntry entry;
+  ZELTA_TRY(findLogEntry(metaData, header, number, logHeader, &entry.file, &entry.position));
+  if (entry.position == 0) return {};
+  entry.single = logHeader.isSingle();
+  const Result result = replayIfCommitted(metaData, tables, number, entry);
+  if (!entry.single) platform::closeFile(entry.file);
+  return result;
+}
+
+/// The traces of a number in one table's memory file.
+Result dropTraces(MetaData& metaData, Table& table, std::uint32_t number) {
+  TableMutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
+  AtomicManager manager(metaData, table);
+  MemoryFileHeader_tag header;
+  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
+  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  UInt64AVLTree* objects = nullptr;
+  Result result = collectTransaction(manager, number, objects, nullptr);
+  if (result.ok() && objects != nullptr) {
+    result = dropPendingKeys(metaData, table, manager, header, objects, nullptr);
+    if (result.ok()) result = removeTransaction(manager, header, table, number, nullptr);
+  }
+  destroyAll(objects);
+  ZELTA_TRY(result);
+  return guard.release();
+}
+
+/// Whether a memory file holds more than its header.
+bool hasContents(const MetaData& metaData, const std::u16string& name) {
+  constexpr std::uint64_t kHeaderAlone = 80;
+  platform::File file = platform::File::none;
+  const std::u16string path = databasePath(metaData, name, extension::kMemory);
+  if (openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &file) != 0) return false;
+  std::uint64_t size = 0;
+  const bool known = platform::fileSize(file, &size) == 0;
+  platform::closeFile(file);
+  return !known || size > kHeaderAlone;
+}
+
+Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
+  TableDirectory directory;
+  {
+    MutexGuard database;
+    ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+    ControlHeader_tag header;
+    ZELTA_TRY(refreshControlHeader(metaData, header));
+    ZELTA_TRY(directory.read(metaData, header));
+  }
+  for (const DirectoryEntry& entry : directory.entries()) {
+    if (!hasContents(metaData, entry.name)) continue;
+    ZELTA_TRY(openTable(metaData, tables, entry.tableId));
+    Table* table = findTable(tables, entry.tableId);
+    if (table == nullptr) {
+      return reportError(&metaData, Own::unclassified, nullptr, nullptr, entry.tableId);
+    }
+    ZELTA_TRY(dropTraces(metaData, *table, number));
+  }
+  return {};
+}
+
+}  // namespace
+
+Result recoverTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                          std::uint64_t slot, const ControlHeader_tag* header) {
+  const OpenedTables opened(metaData, tables);
+  ZELTA_TRY(settleLog(metaData, tables, number, header));
+  if (header != nullptr) return {};  // the first opener clears memory files and slots itself
+  ZELTA_TRY(dropAllTraces(metaData, tables, number));
+  return releaseSlot(metaData, number, slot);
+}
+
+}  // namespace zelta
