@@ -35,6 +35,12 @@ SystemCode closeFile(File file);
 [[nodiscard]] SystemCode writeFile(File file, std::uint64_t position, const void* buffer,
                                    std::uint32_t length, std::uint32_t* transferred);
 
+/// Until endStable() nobody else cuts the file: the caller holds the mutex under which it is cut.
+/// This lets the platform serve reads and writes of its first `window` bytes from memory that it
+/// shares with the file; such memory counts as the process's. File::none is ignored.
+void beginStable(File file, std::uint64_t window);
+void endStable(File file);
+
 [[nodiscard]] SystemCode fileSize(File file, std::uint64_t* size);
 
 /// Cuts or extends the file (with zeros).

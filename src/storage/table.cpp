@@ -7,6 +7,16 @@
 
 namespace zelta {
 
+namespace {
+
+/// How much of a file is served from memory. Table and index files may grow without bound, and what
+/// is touched of them counts as the process's memory; the memory file is as large as the running
+/// transactions are.
+constexpr std::uint64_t kSmallWindow = 4u << 20;
+constexpr std::uint64_t kMemoryFileWindow = 256u << 20;
+
+}  // namespace
+
 Table::Table(std::uint16_t indexes) { setIndexCount(indexes); }
 
 Table::~Table() {
@@ -68,6 +78,10 @@ Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t 
   if (failure != 0) return reportSystemError(&metaData, failure, table.cName(), extension::kTable);
   metaData_ = &metaData;
   table_ = &table;
+  // The files of a table are cut under its mutex alone.
+  platform::beginStable(table.tableFile, kSmallWindow);
+  platform::beginStable(table.indexFile, kSmallWindow);
+  platform::beginStable(table.memoryFile, kMemoryFileWindow);
   return {};
 }
 
@@ -75,6 +89,9 @@ Result TableMutexGuard::release() {
   if (table_ == nullptr) return {};
   Table& table = *table_;
   table_ = nullptr;
+  for (const platform::File file : {table.tableFile, table.indexFile, table.memoryFile}) {
+    platform::endStable(file);
+  }
   const SystemCode failure = platform::releaseMutex(table.tableMutex);
   return reportSystemError(metaData_, failure, table.cName(), extension::kTable);
 }

@@ -33,6 +33,10 @@ struct Asked {
 };
 [[nodiscard]] Asked ask(Call call, const std::string& name, std::uint64_t position = 0,
                         std::uint64_t length = 0, const void* data = nullptr);
+/// Counts a system call that no hook is asked about.
+void countCall();
+/// The call that the hook was asked about was served from memory.
+void uncountCall();
 /// Ends the process as SIGKILL does.
 [[noreturn]] void dieNow();
 
