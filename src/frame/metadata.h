@@ -47,7 +47,7 @@ struct MetaData {
   std::uint32_t slotAreaStart = 0;  ///< end of the directory when the transaction began
   std::uint32_t lockOrderReached =
       0;  ///< highest lock order of a table in which an object was locked
-  std::uint32_t* lockKey = nullptr;    ///< furthest key locked there, a copy of its own (malloc)
+  std::uint32_t* lockKey = nullptr;  ///< furthest key locked there, a copy of its own (malloc)
   std::uint64_t lockObjectID = 0;    ///< furthest object ID locked there
   /// A committed transaction could not be applied: its slot keeps the number, so that the next
   /// begin replays its log entry.

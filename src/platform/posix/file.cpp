@@ -208,7 +208,7 @@ SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
   if (asked.code != 0) return asked.code;
   if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
 #endif
-  if (position + length <= record->readable) {
+  if (length <= record->readable && position <= record->readable - length) {
     std::memcpy(buffer, record->window + position, length);
     *transferred = length;
 #ifdef ZELTA_FAULTS
@@ -314,7 +314,7 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
   if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
 #endif
   SystemCode result = 0;
-  if (position + length <= record->writable) {
+  if (length <= record->writable && position <= record->writable - length) {
     std::memcpy(record->window + position, buffer, length);
     *transferred = length;
 #ifdef ZELTA_FAULTS
