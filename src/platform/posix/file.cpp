@@ -363,6 +363,10 @@ SystemCode fileSize(File file, std::uint64_t* size) {
   *size = 0;
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
+  if (record->stable && record->window != nullptr) {
+    *size = record->size;
+    return 0;
+  }
   struct stat info {};
   if (fstat(record->fd, &info) != 0) return lastCode();
   *size = static_cast<std::uint64_t>(info.st_size);
