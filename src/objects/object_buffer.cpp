@@ -98,7 +98,9 @@ const char* fieldAddress(const Table& table, std::uint32_t field, const char* ob
     const std::uint64_t size = valueSize(fields[f].fieldType, object + position, length - position);
     if (size == kPastEnd) {
       // A text without its end takes all that is left.
-      const bool text = fields[f].fieldType == CZELTA::TypeText;
+      const std::uint32_t type = fields[f].fieldType;
+      const bool text = type == CZELTA::TypeText ||
+                        (type == CZELTA::TypeWideText && (length - position) % 2 == 0);
       if (!text) return nullptr;
       position = length;
     } else {

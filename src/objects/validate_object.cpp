@@ -48,8 +48,10 @@ std::uint32_t lengthWord(const char* at) {
   return length;
 }
 
-/// Whether a points value is a whole number of points.
-bool isWholePoints(std::uint32_t type, std::uint32_t length) {
+/// Whether the length word of points, if it can be read, counts a whole number of them.
+bool isWholePoints(std::uint32_t type, const char* at, std::uint64_t left) {
+  if (left < 4) return true;
+  const std::uint32_t length = lengthWord(at);
   const std::uint32_t point = type == CZELTA::TypePoints2 ? 8 : 12;
   return length == 0 || (length >= 4 && (length - 4) % point == 0);
 }
@@ -66,12 +68,12 @@ Result Validation::checkField(std::uint32_t f) {
     return reportError(&metaData_, Own::fieldType, table_.cName(), name.c_str(), field.fieldType);
   }
   const bool text = field.fieldType == CZELTA::TypeText || field.fieldType == CZELTA::TypeWideText;
+  if (isPoints(field.fieldType) && !isWholePoints(field.fieldType, at, left)) {
+    return fail(Own::fieldOffset, field.fieldName, 0);
+  }
   if (size == kPastEnd) {
     return fail(Own::variableField, field.fieldName,
                 text ? 0 : static_cast<std::int64_t>(static_cast<std::uint32_t>(left)));
-  }
-  if (isPoints(field.fieldType) && !isWholePoints(field.fieldType, lengthWord(at))) {
-    return fail(Own::fieldOffset, field.fieldName, 0);
   }
   if (field.fieldType == CZELTA::TypeSubRecords && size > 4) ZELTA_TRY(checkRows(field, size));
   position_ += size;
@@ -106,12 +108,13 @@ Result Validation::checkRow(const Field& field, std::uint64_t end, std::uint64_t
     }
     // Variable sub-fields begin where the fixed ones end.
     if (*position < row + sub.fieldOffset) *position = row + sub.fieldOffset;
-    const std::uint64_t size =
-        *position > end ? kPastEnd : valueSize(sub.fieldType, object_ + *position, end - *position);
-    if (size == kPastEnd) return failSub(Own::variableField, field, sub, left);
-    if (isPoints(sub.fieldType) && !isWholePoints(sub.fieldType, lengthWord(object_ + *position))) {
+    if (*position > end) return failSub(Own::variableField, field, sub, left);
+    const char* at = object_ + *position;
+    if (isPoints(sub.fieldType) && !isWholePoints(sub.fieldType, at, end - *position)) {
       return failSub(Own::fieldOffset, field, sub, 0);
     }
+    const std::uint64_t size = valueSize(sub.fieldType, at, end - *position);
+    if (size == kPastEnd) return failSub(Own::variableField, field, sub, left);
     *position += size;
   }
   return {};
