@@ -302,9 +302,26 @@ void TextKey::putNumber(std::uint64_t value) {
   separated_ = false;
 }
 
+/// An 8-bit text whose bytes stand in the key as they are, or complemented.
+bool isPlain(const KeyText& text, std::uint32_t mode) {
+  return !text.wide && (mode & ~std::uint32_t{CZELTA::SegmentDescending}) == 0;
+}
+
+void writePlain(const KeyText& text, bool descending, KeyWriter& out) {
+  if (!descending) {
+    out.putBytes(text.bytes, text.length);
+    return out.put(0);
+  }
+  for (std::uint64_t i = 0; i < text.length; ++i) {
+    out.put(static_cast<unsigned char>(~text.bytes[i]));
+  }
+  out.put(0xFF);
+}
+
 }  // namespace
 
 std::uint64_t textKeySize(const KeyText& text, std::uint32_t mode) {
+  if (isPlain(text, mode)) return text.length + 1;
   const unsigned unit = text.wide ? 2 : 1;
   const unsigned number = numberBytes(mode);
   std::uint64_t size = unit;  // the terminator
@@ -333,6 +350,9 @@ std::uint64_t textKeySize(const KeyText& text, std::uint32_t mode) {
 }
 
 void writeTextKey(const KeyText& text, std::uint32_t mode, KeyWriter& out) {
+  if (isPlain(text, mode)) {
+    return writePlain(text, (mode & CZELTA::SegmentDescending) != 0, out);
+  }
   TextKey(text, mode, out).write();
 }
 

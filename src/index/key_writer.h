@@ -3,7 +3,9 @@
 #ifndef ZELTA_INDEX_KEY_WRITER_H
 #define ZELTA_INDEX_KEY_WRITER_H
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 namespace zelta {
 
@@ -15,6 +17,12 @@ class KeyWriter {
   void put(unsigned char byte) {
     if (size_ < capacity_) buffer_[size_] = byte;
     ++size_;
+  }
+  void putBytes(const char* bytes, std::uint64_t count) {
+    if (count != 0 && size_ < capacity_) {
+      std::memcpy(buffer_ + size_, bytes, std::min(count, capacity_ - size_));
+    }
+    size_ += count;
   }
   /// The low `bytes` bytes of a number, the most significant first.
   void putNumber(std::uint64_t value, unsigned bytes) {
