@@ -4,6 +4,11 @@
 
 namespace zelta {
 
+MetaData::~MetaData() {
+  std::free(errorMessage);
+  std::free(lockKey);
+}
+
 void clearError(MetaData& metaData) {
   std::free(metaData.errorMessage);
   metaData.errorMessage = nullptr;

@@ -29,6 +29,11 @@ enum class Scratch : std::size_t {
 };
 
 struct MetaData {
+  MetaData() = default;
+  ~MetaData();
+  MetaData(const MetaData&) = delete;
+  MetaData& operator=(const MetaData&) = delete;
+
   platform::Mutex databaseMutex =
       platform::Mutex::none;                         ///< guards control file and slots, briefly
   platform::Mutex logMutex = platform::Mutex::none;  ///< guards header, tree and chain of the log
