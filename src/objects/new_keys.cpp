@@ -55,6 +55,16 @@ Result NewKeys::exists(std::uint32_t index, std::uint64_t holder) {
                      static_cast<std::int64_t>(holder), index);
 }
 
+Result NewKeys::takeGivenUp(Entry& entry, std::uint64_t holder) {
+  ObjectKeyNode* node =
+      find(table_.indexStates[entry.index].removedKeys, table_.keyShape(entry.index), entry.key, 0);
+  bool taken = false;
+  forAll([&](const Entry& other) { taken = taken || (node != nullptr && other.givenUp == node); });
+  if (node == nullptr || taken) return exists(entry.index, holder);
+  entry.givenUp = node;
+  return {};
+}
+
 Result NewKeys::testUnique(AtomicManager& manager, TreeFile committed, TreeFile pending,
                            Entry& entry) {
   const auto look = [&](TreeFile file, std::uint64_t* holder, bool* found) {
@@ -73,8 +83,7 @@ Result NewKeys::testUnique(AtomicManager& manager, TreeFile committed, TreeFile 
         lent != nullptr) {
       return exists(entry.index, lent->objectID);
     }
-    entry.givenUp = find(cursor.removedKeys, shape, entry.key, 0);
-    return entry.givenUp == nullptr ? exists(entry.index, holder) : Result{};
+    return takeGivenUp(entry, holder);
   }
   ZELTA_TRY(look(pending, &holder, &found));
   return found ? exists(entry.index, holder) : Result{};

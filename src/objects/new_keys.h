@@ -40,6 +40,8 @@ class NewKeys {
   Result buildIndex(AtomicManager& manager, TreeFile committed, TreeFile pending,
                     std::uint32_t index);
   Result testUnique(AtomicManager& manager, TreeFile committed, TreeFile pending, Entry& entry);
+  /// Takes a key that the transaction has given up, unless another entry of the object has done so.
+  Result takeGivenUp(Entry& entry, std::uint64_t holder);
   Result exists(std::uint32_t index, std::uint64_t holder);
   Entry& add(const Entry& entry);
   template <typename Action>

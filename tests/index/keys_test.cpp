@@ -380,13 +380,13 @@ TEST(Keys, OfObjectsAndOfImagesAgree) {
       if (kTypes[f] == CZELTA::TypeWideText) {
         std::u16string text;
         for (std::size_t n = random() % 6; n > 0; --n) {
-          text += static_cast<char16_t>(random() % 3 == 0 ? random() % 0xFFFF + 1 : "a1 -"[n % 4]);
+          text += random() % 3 == 0 ? static_cast<char16_t>(random() % 0xFFFF + 1) : u"a1 -"[n % 4];
         }
         values[f] = Packed().wide(text);
       } else if (kTypes[f] == CZELTA::TypeText) {
         std::string text;
         for (std::size_t n = random() % 6; n > 0; --n) {
-          text += static_cast<char>(random() % 3 == 0 ? random() % 255 + 1 : "a1 -"[n % 4]);
+          text += random() % 3 == 0 ? static_cast<char>(random() % 255 + 1) : "a1 -"[n % 4];
         }
         values[f] = Packed().text(text);
       } else {
