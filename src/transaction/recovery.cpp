@@ -25,7 +25,7 @@ namespace {
 /// Closes the tables that recovery opens: they are not the caller's.
 class OpenedTables {
  public:
-  OpenedTables(MetaData& metaData, UInt32AVLTree*& tables) : metaData_(metaData), tables_(tables) {
+  explicit OpenedTables(UInt32AVLTree*& tables) : tables_(tables) {
     for (const Table* table : tablesInOrder(tables)) before_.push_back(table->id());
   }
   ~OpenedTables() {
@@ -41,7 +41,6 @@ class OpenedTables {
   OpenedTables& operator=(const OpenedTables&) = delete;
 
  private:
-  MetaData& metaData_;
   UInt32AVLTree*& tables_;
   std::vector<std::uint32_t> before_;
 };
@@ -180,7 +179,7 @@ Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t n
 
 Result recoverTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
                           std::uint64_t slot, const ControlHeader_tag* header) {
-  const OpenedTables opened(metaData, tables);
+  const OpenedTables opened(tables);
   ZELTA_TRY(settleLog(metaData, tables, number, header));
   if (header != nullptr) return {};  // the first opener clears memory files and slots itself
   ZELTA_TRY(dropAllTraces(metaData, tables, number));
