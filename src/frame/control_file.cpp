@@ -15,8 +15,14 @@ namespace {
 
 constexpr std::uint32_t kIntentStart = offsetof(ControlHeader_tag, oldEnd);
 
+/// A handle without a database has no name to tell.
 Result reportControl(MetaData& metaData, SystemCode failure) {
-  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+  const char16_t* name = metaData.isOpen() ? metaData.baseName.c_str() : nullptr;
+  return reportSystemError(&metaData, failure, name, extension::kControl);
+}
+
+Result reportDamaged(MetaData& metaData) {
+  return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
 }
 
 /// Reads bytes of the header, waiting for a lock on them to go away.
@@ -57,14 +63,32 @@ SystemCode readHeaderBytes(MetaData& metaData, ControlHeader_tag& header) {
 }
 
 Result checkHeader(MetaData& metaData, const ControlHeader_tag& header) {
-  if (std::memcmp(header.magic, "ZELC", 4) != 0) {
-    return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
-  }
+  if (std::memcmp(header.magic, "ZELC", 4) != 0) return reportDamaged(metaData);
   if (header.majorVersion != 1 || (header.minorVersion != 1 && header.minorVersion != 2)) {
     return reportError(&metaData, Own::controlVersion, nullptr, nullptr, header.majorVersion,
                        header.minorVersion);
   }
   return {};
+}
+
+/// Whether the numbers of the directory agree. Whoever walks slots or cuts the file relies on it.
+bool isConsistent(const ControlHeader_tag& header) {
+  constexpr std::uint64_t kIndexRecordSize = 8;
+  return header.directoryEnd == kControlHeaderSize + std::uint64_t{header.directorySize} * 2 +
+                                    header.tableCount * kIndexRecordSize;
+}
+
+Result readAndComplete(MetaData& metaData, ControlHeader_tag& header) {
+  if (const SystemCode failure = readHeaderBytes(metaData, header); failure != 0) {
+    return reportControl(metaData, failure);
+  }
+  ZELTA_TRY(checkHeader(metaData, header));
+  if (header.minorVersion == 1) return upgradeControlFile(metaData, header);
+  Result result;
+  if (header.imageStart != 0 && metaData.mayWrite())
+    result = finishPendingChange(metaData, header, true);
+  clearIntent(header);
+  return result;
 }
 
 }  // namespace
@@ -82,16 +106,14 @@ SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposit
 }
 
 Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header) {
-  if (const SystemCode failure = readHeaderBytes(metaData, header); failure != 0) {
-    return reportControl(metaData, failure);
+  constexpr int kAttempts = 10;
+  for (int attempt = 1;; ++attempt) {
+    ZELTA_TRY(readAndComplete(metaData, header));
+    if (isConsistent(header)) return {};
+    // A reader holds no lock: it may have come in the middle of a write.
+    if (metaData.mayWrite() || attempt == kAttempts) return reportDamaged(metaData);
+    platform::sleepMilliseconds(1);
   }
-  ZELTA_TRY(checkHeader(metaData, header));
-  if (header.minorVersion == 1) return upgradeControlFile(metaData, header);
-  Result result;
-  if (header.imageStart != 0 && metaData.mayWrite())
-    result = finishPendingChange(metaData, header, true);
-  clearIntent(header);
-  return result;
 }
 
 // -- The first opener -----------------------------------------------------------------------------
@@ -124,6 +146,7 @@ Result findLiveSlot(MetaData& metaData, std::uint32_t directoryEnd, bool* live) 
   if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
     return reportControl(metaData, failure);
   }
+  if (size < directoryEnd) return reportDamaged(metaData);
   for (std::uint64_t slot = directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
     const SystemCode failure = platform::lockWord(metaData.controlFile, {slot + 4});
     if (failure == code::kLockViolation) {

@@ -200,6 +200,10 @@ Result carryOut(MetaData& metaData, ControlHeader_tag& header, PendingImage& ima
 
 Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::uint32_t target) {
   if (target == 0) return {};
+  // The file must never be cut inside its directory, whatever a damaged intent says.
+  if (target != header.directoryEnd) {
+    return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
+  }
   ZELTA_TRY(flushControl(metaData));
   clearIntent(header);
   ZELTA_TRY(writeControl(metaData, kCountsStart, bytesOf(header) + kCountsStart,
@@ -339,7 +343,11 @@ Result upgradeControlFile(MetaData& metaData, ControlHeader_tag& header) {
   OldCounters counters;
   std::memcpy(&counters, bytesOf(header) + kOldCountersStart, sizeof counters);
   const std::uint32_t oldEnd = header.directoryEnd;
-  if (oldEnd < kOldHeaderSize) {
+  constexpr std::uint64_t kIndexRecordSize = 8;
+  std::uint64_t size = 0;
+  ZELTA_TRY(reportControl(metaData, platform::fileSize(metaData.controlFile, &size)));
+  if (oldEnd > size || oldEnd != kOldHeaderSize + std::uint64_t{header.directorySize} * 2 +
+                                     header.tableCount * kIndexRecordSize) {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   }
   ZELTA_TRY(refuseDeadSlots(metaData, oldEnd));

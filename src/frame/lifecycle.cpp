@@ -3,6 +3,7 @@
 #include "frame/lifecycle.h"
 
 #include <cstring>
+#include <new>
 
 #include "frame/control_file.h"
 #include "frame/upcalls.h"
@@ -175,10 +176,14 @@ class OpeningScope {
  public:
   explicit OpeningScope(MetaData& metaData) : metaData_(metaData) {}
   ~OpeningScope() {
-    if (!succeeded_) closeAll(metaData_);
+    if (succeeded_) return;
+    closeAll(metaData_);
+    if (made_ != nullptr) static_cast<void>(platform::deleteFile(made_->c_str()));
   }
   OpeningScope(const OpeningScope&) = delete;
   OpeningScope& operator=(const OpeningScope&) = delete;
+  /// The file is this call's own: a failed creation leaves none behind.
+  void deleteUnlessFinished(const std::u16string& name) { made_ = &name; }
   Result finish(Result result) {
     succeeded_ = result.ok();
     return result;
@@ -186,6 +191,7 @@ class OpeningScope {
 
  private:
   MetaData& metaData_;
+  const std::u16string* made_ = nullptr;
   bool succeeded_ = false;
 };
 
@@ -200,15 +206,10 @@ Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t
   const std::u16string name = fileNameOf(path);
   if (!isLocal(name)) return reportError(&metaData, Own::notLocal, name.c_str());
   OpeningScope scope(metaData);
-  if (const Result result = createControlFile(metaData, name); result.failed()) return result;
-  Result result = createMutexes(metaData, name);
-  if (result.ok()) result = initialise(metaData, tables, name);
-  if (result.failed()) {
-    platform::closeFile(metaData.controlFile);
-    metaData.controlFile = platform::File::none;
-    static_cast<void>(platform::deleteFile(name.c_str()));
-  }
-  return scope.finish(result);
+  ZELTA_TRY(createControlFile(metaData, name));
+  scope.deleteUnlessFinished(name);
+  ZELTA_TRY(createMutexes(metaData, name));
+  return scope.finish(initialise(metaData, tables, name));
 }
 
 Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path) {
@@ -223,7 +224,13 @@ Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* 
 }
 
 void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables) {
-  if (metaData.transactionWord != 0) endTransaction(metaData, tables).ignore();
+  if (metaData.transactionWord != 0) {
+    try {
+      endTransaction(metaData, tables).ignore();
+    } catch (const std::bad_alloc&) {
+      // It looks dead to the others now, who repair it.
+    }
+  }
   destroyTables(metaData, tables);
   // An exclusive reader owns the database's mutex until it ends, which may have failed.
   if (metaData.transactionWord == 1 && metaData.slotPosition == 0) {

@@ -190,18 +190,6 @@ Result BeginAttempt::writeSlot(std::uint32_t number, std::uint64_t position) {
   return reportControlFile(metaData_, failure);
 }
 
-/// Repairs a dead transaction before a new one begins. Code 33: somebody else got in the way.
-Result repair(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
-              std::uint64_t position) {
-  metaData.transactionWord = 1;
-  metaData.slotPosition = 1;
-  const Result result = recoverTransaction(metaData, tables, number, position, nullptr);
-  if (result.failed()) unlockOwnerWord(metaData, number, position);
-  metaData.transactionWord = 0;
-  metaData.slotPosition = 0;
-  return result;
-}
-
 }  // namespace
 
 Result beginTransaction(MetaData& metaData, UInt32AVLTree*& tables, CZELTA::Mode mode,
@@ -227,7 +215,7 @@ Result beginTransaction(MetaData& metaData, UInt32AVLTree*& tables, CZELTA::Mode
     }
     if (outcome == BeginAttempt::Outcome::begun) return {};
     if (outcome == BeginAttempt::Outcome::dead) {
-      const Result repaired = repair(metaData, tables, deadNumber, deadPosition);
+      const Result repaired = RepairScope(metaData, deadNumber, deadPosition).run(tables);
       if (repaired.failed() && !repaired.isLocked()) return repaired;
     } else {
       platform::sleepMilliseconds(10);

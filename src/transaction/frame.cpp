@@ -123,6 +123,9 @@ Result findFreeSlot(MetaData& metaData, const ControlHeader_tag& header, std::ui
   if (search.deadNumber != 0) return {};
   std::uint64_t size = 0;
   SystemCode failure = platform::fileSize(metaData.controlFile, &size);
+  if (failure == 0 && size < header.directoryEnd) {
+    return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
+  }
   if (failure == 0 && size != search.liveEnd)
     failure = truncateFile(metaData.controlFile, search.liveEnd);
   if (failure == 0 && search.position == 0) {
@@ -258,12 +261,7 @@ Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uin
   std::uint32_t found = 0;
   ZELTA_TRY(findLiveTransaction(metaData, number, &position, &found, true));
   if (position == 0) return {};
-  const std::uint32_t own = metaData.transactionWord;
-  metaData.transactionWord = 1;
-  const Result result = recoverTransaction(metaData, tables, found, position, nullptr);
-  metaData.transactionWord = own;
-  if (result.failed()) unlockOwnerWord(metaData, found, position);
-  return result;
+  return RepairScope(metaData, found, position).run(tables);
 }
 
 void unlockOwnerWord(MetaData& metaData, std::uint32_t number, std::uint64_t position) {
