@@ -312,12 +312,26 @@ struct OldCounters {
 };
 constexpr std::uint32_t kOldCountersStart = 20;
 
+/// Whether the bytes behind the directory are no slots but the image of an upgrade whose process
+/// died before the new header stood: zeros up to its place, and from there on the directory again.
+Result findUnfinishedImage(MetaData& metaData, std::uint32_t directoryEnd, std::uint64_t size,
+                           const char* directory, bool* found) {
+  constexpr std::uint32_t kGap = kControlHeaderSize - kOldHeaderSize;
+  constexpr std::uint32_t kLeast = kGap + 4;  // a free slot has no table's ID for its state
+  *found = false;
+  const std::uint64_t length = size - directoryEnd;
+  if (length < kLeast || length > kGap + (directoryEnd - kOldHeaderSize)) return {};
+  char* bytes = metaData.scratchFor(Scratch::record).reserve(length);
+  ZELTA_TRY(reportControl(metaData, readLargeBuffer(metaData.controlFile, directoryEnd, bytes,
+                                                    static_cast<std::int64_t>(length))));
+  constexpr char kZeros[kGap] = {};
+  *found = std::memcmp(bytes, kZeros, kGap) == 0 &&
+           std::memcmp(bytes + kGap, directory, static_cast<std::size_t>(length - kGap)) == 0;
+  return {};
+}
+
 /// A file with unrepaired work is refused.
-Result refuseDeadSlots(MetaData& metaData, std::uint32_t directoryEnd) {
-  std::uint64_t size = 0;
-  if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
-    return reportControl(metaData, failure);
-  }
+Result refuseDeadSlots(MetaData& metaData, std::uint32_t directoryEnd, std::uint64_t size) {
   for (std::uint64_t slot = directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
     std::uint32_t number = 0;
     if (const SystemCode failure = readBuffer(metaData.controlFile, slot, &number, 4);
@@ -350,11 +364,13 @@ Result upgradeControlFile(MetaData& metaData, ControlHeader_tag& header) {
                                      header.tableCount * kIndexRecordSize) {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   }
-  ZELTA_TRY(refuseDeadSlots(metaData, oldEnd));
   const std::uint32_t length = oldEnd - kOldHeaderSize;
   char* bytes = metaData.scratchFor(Scratch::image).reserve(length);
   ZELTA_TRY(reportControl(metaData,
                           readLargeBuffer(metaData.controlFile, kOldHeaderSize, bytes, length)));
+  bool unfinished = false;
+  ZELTA_TRY(findUnfinishedImage(metaData, oldEnd, size, bytes, &unfinished));
+  if (!unfinished) ZELTA_TRY(refuseDeadSlots(metaData, oldEnd, size));
 
   ControlHeader_tag next = header;
   std::memset(reinterpret_cast<char*>(&next) + kOldCountersStart, 0,
