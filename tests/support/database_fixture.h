@@ -126,7 +126,8 @@ class ChildProcess {
 };
 
 /// Kills the process at the n-th changing call (write, truncate, flush, remove, rename), counted
-/// from 0, before it acts; a write may be cut in the middle instead.
+/// from 0, before it acts; a write may be cut in the middle instead, unless it is as short as the
+/// header of a control file: such a write lies in one sector, which is written whole or not.
 class DieAt : public platform::faults::Hook {
  public:
   explicit DieAt(std::uint64_t calls, bool cut = false) : left_(calls), cut_(cut) {
@@ -141,7 +142,10 @@ class DieAt : public platform::faults::Hook {
                          event.call == Call::rename;
     if (!changes || left_-- != 0) return verdict;
     verdict.die = true;
-    if (cut_ && event.call == Call::write) verdict.cutTo = event.length / 2;
+    constexpr std::uint64_t kWhole = 76;
+    if (cut_ && event.call == Call::write && event.length > kWhole) {
+      verdict.cutTo = event.length / 2;
+    }
     return verdict;
   }
 
