@@ -42,6 +42,32 @@ Result removeEntry(MetaData& metaData, Table& table, const TreeFile& file, Atomi
   return bplusRemove(metaData, table, file, manager, index, key, objectID);
 }
 
+bool hasUniqueKeys(const Table& table, std::uint32_t index) { return isTree(table, index); }
+
+Result findHolder(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
+                  std::uint32_t index, const std::uint32_t* key, std::uint64_t* objectID) {
+  if (!isTree(table, index)) return unservedKind(metaData, table, index);
+  return bplusFind(metaData, table, file, manager, index, key, objectID);
+}
+
+Result replaceHolder(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
+                     std::uint32_t index, const std::uint32_t* key, std::uint64_t oldID,
+                     std::uint64_t newID) {
+  if (!isTree(table, index)) return unservedKind(metaData, table, index);
+  return bplusReplaceId(metaData, table, file, manager, index, key, oldID, newID);
+}
+
+Result holdsEntry(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
+                  std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID,
+                  bool* holds) {
+  *holds = false;
+  std::uint64_t holder = 0;
+  const Result result = findHolder(metaData, table, file, manager, index, key, &holder);
+  if (result.is(Own::keyNotFound)) return {};
+  *holds = holder == objectID;
+  return result;
+}
+
 Result mergeEntries(MetaData& metaData, Table& table, const TreeFile* committed,
                     std::uint32_t memoryPageSize, AtomicManager& manager, std::uint32_t index,
                     UInt64AVLTree* committedA, UInt64AVLTree* committedB) {

@@ -25,6 +25,19 @@ Result insertEntry(MetaData& metaData, Table& table, const TreeFile& file, Atomi
 /// Takes a key of an object out.
 Result removeEntry(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
                    std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID);
+/// Whether no two objects can have one key in the index.
+[[nodiscard]] bool hasUniqueKeys(const Table& table, std::uint32_t index);
+/// Who has a key in an index with unique keys. Own code 32, without a text: nobody.
+Result findHolder(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
+                  std::uint32_t index, const std::uint32_t* key, std::uint64_t* objectID);
+/// Gives a key in an index with unique keys to another object.
+Result replaceHolder(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
+                     std::uint32_t index, const std::uint32_t* key, std::uint64_t oldID,
+                     std::uint64_t newID);
+/// Whether a tree has this key for this object.
+Result holdsEntry(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
+                  std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID,
+                  bool* holds);
 /// Moves the pending keys of the objects in the two sets into the committed tree; with `committed`
 /// null they are only dropped.
 Result mergeEntries(MetaData& metaData, Table& table, const TreeFile* committed,

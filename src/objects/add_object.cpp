@@ -7,7 +7,7 @@
 #include "index/kinds.h"
 #include "objects/choose_id.h"
 #include "objects/current_keys.h"
-#include "objects/new_keys.h"
+#include "objects/key_changes.h"
 #include "objects/object_buffer.h"
 #include "platform/clock.h"
 #include "storage/memory_file.h"
@@ -29,14 +29,16 @@ class Addition {
         table_(table),
         wantedID_(wantedID),
         manager_(metaData, table),
-        keys_(metaData, table) {}
+        none_(metaData, table),
+        keys_(metaData, table),
+        changes_(metaData, table) {}
 
   Result run() {
     for (;;) {
       blocker_ = 0;
       lookForDead_ = false;
       const Result result = pass();
-      keys_.clear();
+      changes_.clear();
       if (!result.isLocked()) return result;
       ZELTA_TRY(wait());
     }
@@ -45,7 +47,7 @@ class Addition {
  private:
   Result pass();
   Result chooseID(const TableHeader_tag& header);
-  Result store(MemoryFileHeader_tag& header, TreeFile pending);
+  Result store(MemoryFileHeader_tag& header, KeyTrees& trees);
   Result wait();
 
   MetaData& metaData_;
@@ -54,7 +56,9 @@ class Addition {
   std::uint64_t wantedID_;
   std::uint64_t objectID_ = 0;
   AtomicManager manager_;
-  NewKeys keys_;
+  VersionKeys none_;  ///< of the version before
+  VersionKeys keys_;
+  KeyChanges changes_;
   std::uint32_t blocker_ = 0;  ///< who has marked the slot of the wanted ID
   std::uint32_t cleared_ = 0;  ///< a blocker that turned out to be no more
   bool lookForDead_ = false;
@@ -77,9 +81,11 @@ Result Addition::pass() {
   ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader, manager_, true));
   manager_.attach(table_.indexFile, &indexHeader, table_.memoryFile, &memoryHeader);
   ZELTA_TRY(chooseID(header));
-  const TreeFile pending{PageFile::memory, memoryHeader.pageSize};
-  ZELTA_TRY(keys_.build(manager_, {PageFile::index, indexHeader.pageSize}, pending));
-  ZELTA_TRY(store(memoryHeader, pending));
+  KeyTrees trees{
+      manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, indexHeader.pageSize}};
+  ZELTA_TRY(keys_.make({table_.objectData, table_.objectLength}));
+  ZELTA_TRY(changes_.plan(trees, objectID_, none_, false, keys_, KeyChanges::Source::tested));
+  ZELTA_TRY(store(memoryHeader, trees));
   return guard.release();
 }
 
@@ -96,15 +102,15 @@ Result Addition::chooseID(const TableHeader_tag& header) {
   return {};
 }
 
-Result Addition::store(MemoryFileHeader_tag& header, TreeFile pending) {
+Result Addition::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
   auto node = std::make_unique<UInt64AVLTree>();
-  ZELTA_TRY(keys_.enter(manager_, pending, objectID_));
+  ZELTA_TRY(changes_.enter(trees));
   ZELTA_TRY(
       storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_));
   insert(node.release(), table_.addedObjects, objectID_);
   ++table_.addedCount;
   table_.currentObjectID = objectID_;
-  keys_.takeOver(objectID_);
+  changes_.finish();
   return {};
 }
 

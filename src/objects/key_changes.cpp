@@ -1,0 +1,170 @@
+#include "objects/key_changes.h"
+
+#include "index/kinds.h"
+
+namespace zelta {
+
+void KeyChanges::clear() noexcept {
+  for (Change& change : changes_) {
+    table_.indexStates[change.index].keyPool.release(table_.keyShape(change.index), change.key);
+    if (change.step == Step::noteRemoved && change.node != nullptr) releaseNode(change);
+  }
+  changes_.clear();
+}
+
+void KeyChanges::releaseNode(const Change& change) noexcept {
+  table_.nodePool.release(table_.indexStates[change.index].keyPool, table_.keyShape(change.index),
+                          change.node);
+}
+
+void KeyChanges::add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node) {
+  changes_.add({nullptr, node, entry.index, step}).key = entry.release();
+}
+
+void KeyChanges::noteRemoved(VersionKeys::Entry& entry) {
+  Change& change = changes_.add({nullptr, nullptr, entry.index, Step::noteRemoved});
+  change.node = table_.nodePool.take();
+  change.node->key = entry.release();
+  change.node->objectID = objectID_;
+}
+
+Result KeyChanges::exists(std::uint32_t index, std::uint64_t holder) {
+  return reportError(&metaData_, Own::keyExists, table_.cName(), nullptr,
+                     static_cast<std::int64_t>(holder), index);
+}
+
+Result KeyChanges::plan(KeyTrees& trees, std::uint64_t objectID, VersionKeys& before,
+                        bool wasPending, VersionKeys& after, Source source) {
+  clear();
+  objectID_ = objectID;
+  if (source == Source::tested) ZELTA_TRY(checkRepeated(after));
+  return forKeyDifferences(table_, before, after, [&](VersionKeys::Entry& entry, bool isNew) {
+    return isNew ? take(trees, entry, source) : giveUp(trees, entry, wasPending);
+  });
+}
+
+/// Two entries of one object cannot have one key either.
+Result KeyChanges::checkRepeated(VersionKeys& after) {
+  for (std::size_t i = 1; i < after.size(); ++i) {
+    const VersionKeys::Entry& entry = after.begin()[i];
+    if (hasUniqueKeys(table_, entry.index) &&
+        compareEntries(table_, after.begin()[i - 1], entry) == 0) {
+      return exists(entry.index, objectID_);
+    }
+  }
+  return {};
+}
+
+Result KeyChanges::giveUp(KeyTrees& trees, VersionKeys::Entry& entry, bool wasPending) {
+  IndexCursor& cursor = table_.indexStates[entry.index];
+  const KeyShape shape = table_.keyShape(entry.index);
+  if (ObjectKeyNode* node = find(cursor.replacedKeys, shape, entry.key, objectID_);
+      node != nullptr) {
+    add(entry, Step::returnReplaced, node);
+    return {};
+  }
+  if (wasPending) {
+    bool pending = false;
+    ZELTA_TRY(holdsEntry(metaData_, table_, trees.pending, trees.manager, entry.index, entry.key,
+                         objectID_, &pending));
+    if (pending) {
+      add(entry, Step::removePending, nullptr);
+      return {};
+    }
+  }
+  const bool noted = hasUniqueKeys(table_, entry.index) &&
+                     find(cursor.removedKeys, shape, entry.key, objectID_) != nullptr;
+  if (!noted) noteRemoved(entry);
+  return {};
+}
+
+Result KeyChanges::take(KeyTrees& trees, VersionKeys::Entry& entry, Source source) {
+  ObjectKeyNode* own = find(table_.indexStates[entry.index].removedKeys,
+                            table_.keyShape(entry.index), entry.key, objectID_);
+  if (own != nullptr) {
+    add(entry, Step::keepCommitted, own);
+    return {};
+  }
+  if (source == Source::committed) return exists(entry.index, objectID_);
+  if (hasUniqueKeys(table_, entry.index)) return takeUnique(trees, entry);
+  add(entry, Step::insertPending, nullptr);
+  return {};
+}
+
+Result KeyChanges::takeUnique(KeyTrees& trees, VersionKeys::Entry& entry) {
+  const auto look = [&](const TreeFile& file, std::uint64_t* holder, bool* found) {
+    const Result result =
+        findHolder(metaData_, table_, file, trees.manager, entry.index, entry.key, holder);
+    *found = result.ok();
+    return result.is(Own::keyNotFound) ? Result{} : result;
+  };
+  std::uint64_t holder = 0;
+  bool found = false;
+  ZELTA_TRY(look(trees.committed, &holder, &found));
+  if (found) {
+    // The committed tree still names who had the key before the transaction lent it on.
+    const IndexCursor& cursor = table_.indexStates[entry.index];
+    const KeyShape shape = table_.keyShape(entry.index);
+    if (const ObjectKeyNode* lent = find(cursor.replacedKeys, shape, entry.key, 0);
+        lent != nullptr) {
+      return exists(entry.index, lent->objectID);
+    }
+    ObjectKeyNode* node = find(cursor.removedKeys, shape, entry.key, 0);
+    if (node == nullptr) return exists(entry.index, holder);
+    add(entry, Step::takeOver, node);
+    return {};
+  }
+  ZELTA_TRY(look(trees.pending, &holder, &found));
+  if (found) return exists(entry.index, holder);
+  add(entry, Step::insertPending, nullptr);
+  return {};
+}
+
+Result KeyChanges::enter(KeyTrees& trees) {
+  for (const Change& change : changes_) {
+    if (change.step != Step::removePending) continue;
+    ZELTA_TRY(removeEntry(metaData_, table_, trees.pending, trees.manager, change.index, change.key,
+                          objectID_));
+  }
+  for (const Change& change : changes_) {
+    if (change.step != Step::insertPending) continue;
+    ZELTA_TRY(insertEntry(metaData_, table_, trees.pending, trees.manager, change.index, change.key,
+                          objectID_));
+  }
+  return {};
+}
+
+void KeyChanges::finish() noexcept {
+  for (Change& change : changes_) {
+    IndexCursor& cursor = table_.indexStates[change.index];
+    const KeyShape shape = table_.keyShape(change.index);
+    ObjectKeyNode* node = change.node;
+    switch (change.step) {
+      case Step::insertPending:
+      case Step::removePending:
+        break;
+      case Step::noteRemoved:
+        change.node = nullptr;
+        insert(node, cursor.removedKeys, shape);
+        break;
+      case Step::returnReplaced:
+        remove(node, cursor.replacedKeys, shape);
+        node->objectID = node->extra;
+        insert(node, cursor.removedKeys, shape);
+        break;
+      case Step::keepCommitted:
+        remove(node, cursor.removedKeys, shape);
+        releaseNode(change);
+        break;
+      case Step::takeOver:
+        remove(node, cursor.removedKeys, shape);
+        node->extra = node->objectID;  // whom the committed tree names
+        node->objectID = objectID_;
+        insert(node, cursor.replacedKeys, shape);
+        break;
+    }
+  }
+  clear();
+}
+
+}  // namespace zelta

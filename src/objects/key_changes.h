@@ -1,0 +1,84 @@
+// What an operation on an object changes in the running transaction's view of the indexes.
+//
+// A key that the transaction sees stands in one of three places: in the committed tree, in the
+// pending tree of the memory file, or, with an ID of its own, in the cursor's `replacedKeys`, which
+// gives a committed key to another object. A committed key that the transaction has given up stands
+// in `removedKeys`.
+
+#ifndef ZELTA_OBJECTS_KEY_CHANGES_H
+#define ZELTA_OBJECTS_KEY_CHANGES_H
+
+#include <cstdint>
+
+#include "objects/version_keys.h"
+
+namespace zelta {
+
+/// The trees that the changes of an operation reach.
+struct KeyTrees {
+  AtomicManager& manager;
+  TreeFile pending;
+  TreeFile committed;  ///< looked into only if keys are taken
+};
+
+/// The changes of one operation: planned first, with all that can fail for reasons of the caller's;
+/// then entered in the memory file's trees, which nobody sees before they are flushed; then noted
+/// in the cursors, which cannot fail.
+class KeyChanges {
+ public:
+  /// How the object comes by its new keys.
+  enum class Source {
+    tested,     ///< a key must be free, or given up by this transaction
+    committed,  ///< they are those of its committed version, and must have been given up
+  };
+
+  KeyChanges(MetaData& metaData, Table& table) : metaData_(metaData), table_(table) {}
+  ~KeyChanges() { clear(); }
+  KeyChanges(const KeyChanges&) = delete;
+  KeyChanges& operator=(const KeyChanges&) = delete;
+
+  /// Plans the way from the keys of one version to those of another. Takes keys that it needs out
+  /// of them. `wasPending`: the version before may have pending keys. Own code 37 if a new key is
+  /// another object's, or is there twice.
+  Result plan(KeyTrees& trees, std::uint64_t objectID, VersionKeys& before, bool wasPending,
+              VersionKeys& after, Source source);
+  /// Enters the changes in the pending trees.
+  Result enter(KeyTrees& trees);
+  /// Notes the changes in the cursors.
+  void finish() noexcept;
+  void clear() noexcept;
+
+ private:
+  enum class Step {
+    insertPending,
+    removePending,
+    noteRemoved,     ///< a committed key is given up: `node` is new
+    returnReplaced,  ///< a key that was taken over is given up again
+    keepCommitted,   ///< a given up key of the object itself stays its own
+    takeOver         ///< a given up key of another object is taken over
+  };
+  struct Change {
+    std::uint32_t* key;   ///< owned
+    ObjectKeyNode* node;  ///< owned by noteRemoved only, else it stands in a tree of the cursor
+    std::uint32_t index;
+    Step step;
+  };
+
+  Result checkRepeated(VersionKeys& after);
+  Result giveUp(KeyTrees& trees, VersionKeys::Entry& entry, bool wasPending);
+  Result take(KeyTrees& trees, VersionKeys::Entry& entry, Source source);
+  Result takeUnique(KeyTrees& trees, VersionKeys::Entry& entry);
+  Result exists(std::uint32_t index, std::uint64_t holder);
+  void add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node);
+  void noteRemoved(VersionKeys::Entry& entry);
+  void releaseNode(const Change& change) noexcept;
+
+  MetaData& metaData_;
+  Table& table_;
+  std::uint64_t objectID_ = 0;
+  ShortList<Change> changes_;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_KEY_CHANGES_H

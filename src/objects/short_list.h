@@ -1,0 +1,43 @@
+// A list that does without the heap while it is short.
+
+#ifndef ZELTA_OBJECTS_SHORT_LIST_H
+#define ZELTA_OBJECTS_SHORT_LIST_H
+
+#include <array>
+#include <cstddef>
+#include <type_traits>
+#include <vector>
+
+namespace zelta {
+
+template <typename Item>
+class ShortList {
+  static_assert(std::is_trivially_copyable_v<Item>);
+
+ public:
+  /// May throw std::bad_alloc; the list is as it was then.
+  Item& add(const Item& item) {
+    if (count_ < kInline) return first_[count_++] = item;
+    if (more_.empty()) more_.assign(first_.begin(), first_.end());
+    more_.push_back(item);
+    ++count_;
+    return more_.back();
+  }
+  void clear() noexcept {
+    count_ = 0;
+    more_.clear();
+  }
+  [[nodiscard]] std::size_t size() const { return count_; }
+  [[nodiscard]] Item* begin() { return count_ <= kInline ? first_.data() : more_.data(); }
+  [[nodiscard]] Item* end() { return begin() + count_; }
+
+ private:
+  static constexpr std::size_t kInline = 20;
+  std::array<Item, kInline> first_;
+  std::vector<Item> more_;  ///< all items, once there are more than fit inline
+  std::size_t count_ = 0;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_SHORT_LIST_H

@@ -1,0 +1,125 @@
+#include "objects/version_keys.h"
+
+#include <algorithm>
+
+#include "index/keys.h"
+#include "index/kinds.h"
+#include "objects/current_keys.h"
+
+namespace zelta {
+
+void VersionKeys::clear() {
+  for (Entry& entry : *this) {
+    table_.indexStates[entry.index].keyPool.release(table_.keyShape(entry.index), entry.key);
+  }
+  entries_.clear();
+}
+
+Result VersionKeys::make(ObjectBytes object) {
+  clear();
+  if (object.data == nullptr) return {};
+  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    if (!table_.listKind(i)) ZELTA_TRY(makeIndex(i, object));
+  }
+  return {};
+}
+
+Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
+  const bool many = table_.multiEntry(index);
+  const std::size_t start = entries_.size();
+  for (std::uint32_t number = 0; number == 0 || many; ++number) {
+    std::uint32_t* key = nullptr;
+    ZELTA_TRY(extractKey(metaData_, table_, index, number, &key, object.data, object.length));
+    if (key == nullptr) {
+      if (many) break;
+      return reportError(&metaData_, Own::unclassified, table_.cName(), nullptr, index);
+    }
+    PooledKey owned;
+    owned.take(table_, index, key);
+    entries_.add({key, index});
+    static_cast<void>(owned.release());
+  }
+  if (entries_.size() - start < 2) return {};
+  const KeyShape shape = table_.keyShape(index);
+  std::sort(begin() + start, end(), [shape](const Entry& a, const Entry& b) {
+    return compareKeys(shape, a.key, b.key) < 0;
+  });
+  return {};
+}
+
+int compareEntries(const Table& table, const VersionKeys::Entry& a, const VersionKeys::Entry& b) {
+  if (a.index != b.index) return a.index < b.index ? -1 : 1;
+  return compareKeys(table.keyShape(a.index), a.key, b.key);
+}
+
+namespace {
+
+class Exchange {
+ public:
+  Exchange(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+           std::uint64_t objectID, KeyExchange mode, bool* metBefore)
+      : metaData_(metaData),
+        table_(table),
+        file_(file),
+        manager_(manager),
+        objectID_(objectID),
+        mode_(mode),
+        metBefore_(metBefore) {}
+
+  Result takeOut(const VersionKeys::Entry& entry) {
+    const Result result =
+        removeEntry(metaData_, table_, file_, manager_, entry.index, entry.key, objectID_);
+    if (mode_ == KeyExchange::strict || !result.is(Own::keyNotFound)) return result;
+    meet();
+    return {};
+  }
+
+  Result enter(const VersionKeys::Entry& entry) {
+    const Result result =
+        insertEntry(metaData_, table_, file_, manager_, entry.index, entry.key, objectID_);
+    if (mode_ == KeyExchange::strict || !result.is(Own::keyExists)) return result;
+    std::uint64_t holder = objectID_;
+    ZELTA_TRY(findHolder(metaData_, table_, file_, manager_, entry.index, entry.key, &holder));
+    if (holder == objectID_) {
+      meet();
+      return {};
+    }
+    clearError(metaData_);
+    return replaceHolder(metaData_, table_, file_, manager_, entry.index, entry.key, holder,
+                         objectID_);
+  }
+
+ private:
+  void meet() {
+    clearError(metaData_);
+    if (metBefore_ != nullptr) *metBefore_ = true;
+  }
+
+  MetaData& metaData_;
+  Table& table_;
+  const TreeFile file_;
+  AtomicManager& manager_;
+  const std::uint64_t objectID_;
+  const KeyExchange mode_;
+  bool* metBefore_;
+};
+
+}  // namespace
+
+Result exchangeKeys(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
+                    std::uint64_t objectID, ObjectBytes before, ObjectBytes after, KeyExchange mode,
+                    bool* metBefore) {
+  VersionKeys old(metaData, table);
+  VersionKeys fresh(metaData, table);
+  ZELTA_TRY(old.make(before));
+  ZELTA_TRY(fresh.make(after));
+  Exchange exchange(metaData, table, file, manager, objectID, mode, metBefore);
+  ZELTA_TRY(forKeyDifferences(table, old, fresh, [&](const VersionKeys::Entry& entry, bool isNew) {
+    return isNew ? Result{} : exchange.takeOut(entry);
+  }));
+  return forKeyDifferences(table, old, fresh, [&](const VersionKeys::Entry& entry, bool isNew) {
+    return isNew ? exchange.enter(entry) : Result{};
+  });
+}
+
+}  // namespace zelta
