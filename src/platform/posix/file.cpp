@@ -71,17 +71,32 @@ struct FileRecord {
 std::mutex registryMutex;
 FileRecord* registry = nullptr;
 
+/// Folders with entries that this process has changed and not made to last.
+std::mutex foldersMutex;
+std::set<std::string> changedFolders;
+std::atomic<int> changedFolderCount{0};
+
+/// A fork waits until no other thread is inside the records: the child could not go on with them.
+void lockRecords() {
+  foldersMutex.lock();
+  registryMutex.lock();
+}
+
+void unlockRecords() {
+  registryMutex.unlock();
+  foldersMutex.unlock();
+}
+
 void closeInChild() {
   for (FileRecord* record = registry; record != nullptr; record = record->next) {
     close(record->fd);
     record->fd = -1;
   }
-  registryMutex.unlock();
+  unlockRecords();
 }
 
 void enter(FileRecord* record) {
-  static const int registered =
-      pthread_atfork([] { registryMutex.lock(); }, [] { registryMutex.unlock(); }, closeInChild);
+  static const int registered = pthread_atfork(lockRecords, unlockRecords, closeInChild);
   static_cast<void>(registered);
   const std::lock_guard guard(registryMutex);
   record->next = registry;
@@ -108,10 +123,6 @@ FileRecord* usable(File file) {
 }
 
 // -- Folders whose entries have changed -----------------------------------------------------------
-
-std::mutex foldersMutex;
-std::set<std::string> changedFolders;
-std::atomic<int> changedFolderCount{0};
 
 std::string folderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
