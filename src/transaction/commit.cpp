@@ -102,7 +102,8 @@ Result writeImages(MetaData& metaData, Table& table, EntryWriter& out) {
   ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
   manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
   PendingObjectWalk walk(manager);
-  ImageReader reader(metaData, table, table.memoryFile, metaData.scratchFor(Scratch::record));
+  ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
+                     metaData.scratchFor(Scratch::record));
   std::uint64_t total = 0;
   for (;;) {
     PendingObject pending;

@@ -28,7 +28,11 @@ Result EditPlan::make(const PendingImages& images) {
 }
 
 bool EditPlan::isDeleted(std::uint64_t objectID) const {
-  return find(table_.deletedObjects, objectID) != nullptr;
+  return find(changed_.deleted, objectID) != nullptr;
+}
+
+bool EditPlan::isEdited(std::uint64_t objectID) const {
+  return find(changed_.edited, objectID) != nullptr;
 }
 
 Result EditPlan::readPosition(std::uint64_t objectID, std::uint64_t* position) {
@@ -52,7 +56,7 @@ std::uint64_t EditPlan::areaStep() const {
 /// How many slots there are, and where the objects' area begins.
 Result EditPlan::placeSlotArea(std::uint64_t greatestAdded) {
   next.highestID = greatestAdded > old_.highestID ? greatestAdded : old_.highestID;
-  if (greatestAdded < old_.highestID && table_.deletedObjects != nullptr) {
+  if (greatestAdded < old_.highestID && changed_.deleted != nullptr) {
     ZELTA_TRY(lowerHighestID(greatestAdded));
   }
   emptied_ = next.highestID == 0;

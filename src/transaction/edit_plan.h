@@ -29,10 +29,18 @@ struct PendingImages {
   std::vector<PendingObject> edited;
 };
 
+/// The committed objects that the transaction takes out or gives new contents.
+struct ChangedObjects {
+  UInt64AVLTree* deleted = nullptr;
+  UInt64AVLTree* edited = nullptr;
+};
+
 class EditPlan {
  public:
-  EditPlan(MetaData& metaData, Table& table, const TableHeader_tag& header)
-      : metaData_(metaData), table_(table), old_(header), next(header) {}
+  /// `changed` belongs to the caller and outlives the plan.
+  EditPlan(MetaData& metaData, Table& table, const TableHeader_tag& header,
+           const ChangedObjects& changed)
+      : metaData_(metaData), table_(table), changed_(changed), old_(header), next(header) {}
   ~EditPlan();
   EditPlan(const EditPlan&) = delete;
   EditPlan& operator=(const EditPlan&) = delete;
@@ -47,6 +55,7 @@ class EditPlan {
  private:
   MetaData& metaData_;
   Table& table_;
+  ChangedObjects changed_;
   TableHeader_tag old_;
 
  public:
@@ -64,6 +73,7 @@ class EditPlan {
   [[nodiscard]] std::uint64_t areaStep() const;
   Result readPosition(std::uint64_t objectID, std::uint64_t* position);
   [[nodiscard]] bool isDeleted(std::uint64_t objectID) const;
+  [[nodiscard]] bool isEdited(std::uint64_t objectID) const;
   // free_id_plan.cpp
   Result planFreeIDs(const PendingImages& images);
   Result nextFreeID(std::uint64_t id, std::uint64_t* next);

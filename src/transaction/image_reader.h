@@ -7,48 +7,62 @@
 #include <cstdint>
 #include <cstring>
 
+#include "frame/metadata.h"
 #include "storage/file_io.h"
-#include "storage/table.h"
 
 namespace zelta {
 
 class ImageReader {
  public:
-  /// `buffer` is the reader's own while it lives. The file must not change meanwhile.
-  ImageReader(MetaData& metaData, const Table& table, platform::File file, ScratchBuffer& buffer)
-      : metaData_(metaData), table_(table), file_(file), buffer_(buffer) {}
+  /// `buffer` is the reader's own while it lives. The file must not change meanwhile. Failures are
+  /// reported with a name and an extension, which outlive the reader.
+  ImageReader(MetaData& metaData, platform::File file, const char16_t* name,
+              const char16_t* fileExtension, ScratchBuffer& buffer)
+      : metaData_(metaData), file_(file), name_(name), extension_(fileExtension), buffer_(buffer) {}
 
   /// The bytes of an object at a position of the file; good until the next call.
   Result read(std::uint64_t position, std::uint32_t length, const char** bytes) {
-    constexpr std::uint32_t kWindow = 256 * 1024;
-    if (position < start_ || position + length > start_ + size_) {
-      const std::uint32_t wanted = length > kWindow ? length : kWindow;
-      char* data = buffer_.reserve(wanted);
-      start_ = position;
-      size_ = 0;
-      const SystemCode failure = readBuffer(file_, position, data, wanted, &size_);
-      if (failure == 0 && size_ < length) {
-        // Either the end of the file, or a transfer that was cut short.
-        const SystemCode rest = readLargeBuffer(file_, position, data, length);
-        if (rest != 0) return report(rest);
-        size_ = length;
-      } else if (failure != 0) {
-        return report(failure);
-      }
-    }
+    const bool there =
+        position >= start_ && position - start_ <= size_ && length <= size_ - (position - start_);
+    if (!there) ZELTA_TRY(fill(position, length));
     *bytes = buffer_.data() + (position - start_);
     return {};
   }
 
  private:
+  static constexpr std::uint32_t kWindow = 256 * 1024;
+
+  Result fill(std::uint64_t position, std::uint32_t length) {
+    start_ = position;
+    size_ = 0;
+    if (length > kWindow) return fillWhole(position, length);
+    char* data = buffer_.reserve(kWindow);
+    const SystemCode failure = readBuffer(file_, position, data, kWindow, &size_);
+    if (failure != 0) return report(failure);
+    // Either the end of the file, or a transfer that was cut short.
+    return size_ < length ? fillWhole(position, length) : Result{};
+  }
+  /// A length that the file cannot have must not become memory.
+  Result fillWhole(std::uint64_t position, std::uint32_t length) {
+    std::uint64_t end = 0;
+    SystemCode failure = platform::fileSize(file_, &end);
+    if (failure == 0 && (position > end || length > end - position)) failure = code::kEndOfFile;
+    if (failure == 0) {
+      failure = readLargeBuffer(file_, position, buffer_.reserve(length), length);
+    }
+    if (failure != 0) return report(failure);
+    size_ = length;
+    return {};
+  }
   Result report(SystemCode failure) {
     size_ = 0;
-    return reportSystemError(&metaData_, failure, table_.cName(), extension::kMemory);
+    return reportSystemError(&metaData_, failure, name_, extension_);
   }
 
   MetaData& metaData_;
-  const Table& table_;
   platform::File file_;
+  const char16_t* name_;
+  const char16_t* extension_;
   ScratchBuffer& buffer_;
   std::uint64_t start_ = 0;
   std::uint32_t size_ = 0;

@@ -42,7 +42,7 @@ Result EditPlan::closeHoles(std::map<std::uint64_t, std::uint64_t>& movedEdited)
     ZELTA_TRY(readRecordID(last, &id));
     const std::uint64_t place = *holes_.begin();
     holes_.erase(holes_.begin());
-    if (find(table_.editedObjects, id) != nullptr) {
+    if (isEdited(id)) {
       movedEdited[id] = place;
     } else {
       moves.push_back({{EditKind::moveObject, 0, id, 0, place, last}, 0, 0});
@@ -55,8 +55,8 @@ Result EditPlan::placeFixed(const PendingImages& images) {
   allocatedEnd = next.endOfFile;
   if (emptied_) return {};
   const std::uint64_t size = old_.fixedAreaSize;
-  for (const UInt64AVLTree* node = findNext(table_.deletedObjects, 0); node != nullptr;
-       node = findNext(table_.deletedObjects, node->key)) {
+  for (const UInt64AVLTree* node = findNext(changed_.deleted, 0); node != nullptr;
+       node = findNext(changed_.deleted, node->key)) {
     std::uint64_t position = 0;
     ZELTA_TRY(readPosition(node->key, &position));
     if (position >= next.objectAreaStart) holes_.insert(position);
@@ -70,7 +70,7 @@ Result EditPlan::placeFixed(const PendingImages& images) {
     std::uint64_t id = 0;
     ZELTA_TRY(readRecordID(p, &id));
     if (isDeleted(id)) continue;
-    if (find(table_.editedObjects, id) != nullptr) {
+    if (isEdited(id)) {
       movedEdited[id] = takePlace();
     } else {
       moves.push_back({{EditKind::moveObject, 0, id, 0, takePlace(), p}, 0, 0});

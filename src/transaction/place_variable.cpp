@@ -127,7 +127,7 @@ Result EditPlan::placeVariable(const PendingImages& images) {
   std::map<std::uint64_t, std::uint64_t> displaced;
   if (next.objectAreaStart > old_.objectAreaStart) ZELTA_TRY(clearTakenArea(displaced));
   for (const auto& [id, position] : displaced) {
-    if (isDeleted(id) || find(table_.editedObjects, id) != nullptr) continue;
+    if (isDeleted(id) || isEdited(id)) continue;
     std::uint32_t head[2];
     ZELTA_TRY(readBlock(position, head));
     Edit edit{{EditKind::moveObject, 0, id, 0, 0, position}, 0, 0};
@@ -141,8 +141,8 @@ Result EditPlan::placeVariable(const PendingImages& images) {
     EditEntry_tag& entry = edits[newObjects_[image.objectID]].entry;
     ZELTA_TRY(allocate(image.length, &entry.newPosition, &entry.newBlockSize));
   }
-  for (const UInt64AVLTree* node = findNext(table_.deletedObjects, 0); node != nullptr;
-       node = findNext(table_.deletedObjects, node->key)) {
+  for (const UInt64AVLTree* node = findNext(changed_.deleted, 0); node != nullptr;
+       node = findNext(changed_.deleted, node->key)) {
     std::uint64_t position = 0;
     ZELTA_TRY(readPosition(node->key, &position));
     ZELTA_TRY(releaseRecord(position));

@@ -5,7 +5,6 @@
 
 #include "storage/file_io.h"
 #include "storage/table_recovery.h"
-#include "transaction/image_reader.h"
 
 namespace zelta {
 
@@ -15,13 +14,13 @@ namespace {
 class PlanExecution {
  public:
   PlanExecution(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
-                platform::File imageFile, std::uint32_t transaction)
+                ImageReader& images, std::uint32_t transaction)
       : metaData_(metaData),
         table_(table),
         file_(table.tableFile),
         old_(header),
         plan_(plan),
-        imageFile_(imageFile),
+        images_(images),
         transaction_(transaction) {}
 
   Result run() {
@@ -40,7 +39,7 @@ class PlanExecution {
   Result applyEdits();
   Result writeObjects();
   Result writeSlots();
-  Result writeObject(JoinedWriter& out, ImageReader& images, const Edit& edit);
+  Result writeObject(JoinedWriter& out, const Edit& edit);
   Result keptBlockSize(const Edit& edit, std::uint32_t* size);
   Result clearSlots();
   Result finish();
@@ -50,7 +49,7 @@ class PlanExecution {
   platform::File file_;
   const TableHeader_tag& old_;
   EditPlan& plan_;
-  platform::File imageFile_;
+  ImageReader& images_;
   std::uint32_t transaction_;
   TableHeader_tag intent_{};
 };
@@ -130,9 +129,9 @@ Result PlanExecution::keptBlockSize(const Edit& edit, std::uint32_t* size) {
   return report(readBuffer(file_, edit.entry.oldPosition, size, sizeof *size));
 }
 
-Result PlanExecution::writeObject(JoinedWriter& out, ImageReader& images, const Edit& edit) {
+Result PlanExecution::writeObject(JoinedWriter& out, const Edit& edit) {
   const char* bytes = nullptr;
-  ZELTA_TRY(images.read(edit.imagePosition + 4, edit.length, &bytes));
+  ZELTA_TRY(images_.read(edit.imagePosition + 4, edit.length, &bytes));
   const std::uint64_t position =
       edit.entry.newPosition != 0 ? edit.entry.newPosition : edit.entry.oldPosition;
   if (table_.isFixed()) return report(out.write(position, bytes, edit.length));
@@ -151,9 +150,8 @@ Result PlanExecution::writeObject(JoinedWriter& out, ImageReader& images, const 
 
 Result PlanExecution::writeObjects() {
   JoinedWriter out(file_, metaData_.scratchFor(Scratch::image));
-  ImageReader images(metaData_, table_, imageFile_, metaData_.scratchFor(Scratch::record));
   for (const Edit& edit : plan_.edits) {
-    if (edit.entry.kind != EditKind::freeSlot) ZELTA_TRY(writeObject(out, images, edit));
+    if (edit.entry.kind != EditKind::freeSlot) ZELTA_TRY(writeObject(out, edit));
   }
   return report(out.flush());
 }
@@ -194,8 +192,8 @@ Result PlanExecution::finish() {
 }  // namespace
 
 Result executePlan(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
-                   platform::File imageFile, std::uint32_t transaction) {
-  return PlanExecution(metaData, table, header, plan, imageFile, transaction).run();
+                   ImageReader& images, std::uint32_t transaction) {
+  return PlanExecution(metaData, table, header, plan, images, transaction).run();
 }
 
 }  // namespace zelta

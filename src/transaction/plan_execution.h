@@ -4,13 +4,14 @@
 #define ZELTA_TRANSACTION_PLAN_EXECUTION_H
 
 #include "transaction/edit_plan.h"
+#include "transaction/image_reader.h"
 
 namespace zelta {
 
-/// `header` is the table's present one. The images lie in `imageFile`, each 4 bytes behind the
-/// position that the plan has for it. `transaction` is noted in the intent.
+/// `header` is the table's present one. `images` reads the file in which the images lie, each 4
+/// bytes behind the position that the plan has for it. `transaction` is noted in the intent.
 Result executePlan(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
-                   platform::File imageFile, std::uint32_t transaction);
+                   ImageReader& images, std::uint32_t transaction);
 
 }  // namespace zelta
 

@@ -18,6 +18,7 @@
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
 #include "transaction/edit_plan.h"
+#include "transaction/image_reader.h"
 #include "transaction/plan_execution.h"
 
 namespace zelta {
@@ -50,9 +51,11 @@ Result commitFiles(MetaData& metaData, Table& table) {
                           table.editedObjects, true));
   PendingImages images;
   ZELTA_TRY(collectImages(metaData, table, manager, images));
-  EditPlan plan(metaData, table, header);
+  EditPlan plan(metaData, table, header, {table.deletedObjects, table.editedObjects});
   ZELTA_TRY(plan.make(images));
-  ZELTA_TRY(executePlan(metaData, table, header, plan, table.memoryFile, metaData.transactionWord));
+  ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
+                     metaData.scratchFor(Scratch::record));
+  ZELTA_TRY(executePlan(metaData, table, header, plan, reader, metaData.transactionWord));
   return removeTransaction(manager, memoryHeader, table, metaData.transactionWord, nullptr);
 }
 
