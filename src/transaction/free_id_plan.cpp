@@ -51,7 +51,7 @@ Result EditPlan::planFreeIDs(const PendingImages& images) {
     }
   }
   const bool lowered = next.highestID < old_.highestID;
-  std::uint64_t deleted = successor(table_.deletedObjects, 0);
+  std::uint64_t deleted = successor(changed_.deleted, 0);
   std::uint64_t listed = old_.firstDeletedID;
   std::uint64_t last = 0;      // the free ID before the one at hand
   std::uint64_t lastLink = 0;  // what the file has for its link
@@ -72,6 +72,8 @@ Result EditPlan::planFreeIDs(const PendingImages& images) {
     const bool fromList = listed != 0 && (deleted == 0 || listed < deleted);
     const std::uint64_t id = fromList ? listed : deleted;
     if (!inTable(id) || (!more && fromList)) {
+      // The last object of a table that got shorter may be a new one.
+      if (fromList && id == next.highestID) taken.erase(id);
       link(inTable(id) ? id : 0);
       break;
     }
@@ -81,7 +83,7 @@ Result EditPlan::planFreeIDs(const PendingImages& images) {
       listed = idLink;
       if (taken.erase(id) != 0) continue;
     } else {
-      deleted = successor(table_.deletedObjects, id);
+      deleted = successor(changed_.deleted, id);
     }
     link(id);
     last = id;
