@@ -226,6 +226,21 @@ void dropResults(Table& table) {
   table.searchInverted = false;
 }
 
+/// Takes an applied entry out of the log. It is made incomplete first: should the removal fail, a
+/// later transaction of the same number must not have it replayed.
+void dropAppliedEntry(MetaData& metaData, const Reserved& entry) {
+  constexpr std::uint32_t kIncomplete = 0;
+  const SystemCode failure =
+      writeBuffer(metaData.logFile, entry.position + offsetof(LogEntryHead_tag, sectionCount),
+                  &kIncomplete, sizeof kIncomplete);
+  if (failure == 0) {
+    removeLogEntry(metaData, metaData.transactionWord, entry.position).ignore();
+  } else {
+    reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kLog).ignore();
+    metaData.leaveSlot = true;
+  }
+}
+
 /// Carries the decided transaction out. Whatever fails is left to be replayed.
 void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool releaseLocks,
                      const Reserved& entry) {
@@ -241,7 +256,7 @@ void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool
   if (applied.failed()) {
     metaData.leaveSlot = true;
   } else if (entry.single) {
-    removeLogEntry(metaData, metaData.transactionWord, entry.position).ignore();
+    dropAppliedEntry(metaData, entry);
   }
 }
 

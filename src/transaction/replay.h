@@ -9,9 +9,9 @@
 
 namespace zelta {
 
-/// Applies the sections of a complete entry at `position` of a log file. Additions of objects are
-/// applied; an entry with other work left to do is refused with own code 59, and nothing of it is
-/// lost.
+/// Brings a complete entry at `position` of a log file into tables and indexes. Doing it again
+/// changes nothing. Tables that it opens stay open. Own code 69: the entry makes no sense; 59: it
+/// holds a change of the directory that is not done.
 Result replayLogEntry(MetaData& metaData, UInt32AVLTree*& tables, platform::File file,
                       const LogEntryHead_tag& head, std::uint64_t position);
 

@@ -1,0 +1,297 @@
+// The order is that of a commit: the keys go into the index file, in its own atomic step, then the
+// table file changes through its journal. So an index may be ahead of its table when replay begins,
+// never behind it: keys that are gone already, or are there already, are passed by.
+
+#include "transaction/replay_table.h"
+
+#include <cstring>
+#include <set>
+
+#include "index/bplus_tree.h"
+#include "index/index_file.h"
+#include "index/keys.h"
+#include "index/kinds.h"
+#include "objects/read_bytes.h"
+#include "platform/clock.h"
+#include "storage/atomic_manager.h"
+#include "storage/file_io.h"
+#include "storage/table_recovery.h"
+#include "transaction/edit_plan.h"
+#include "transaction/later_entries.h"
+#include "transaction/plan_execution.h"
+
+namespace zelta {
+
+namespace {
+
+/// Objects that still carry the stamp of the transaction.
+struct IdSet {
+  IdSet() = default;
+  ~IdSet() { destroyAll(root); }
+  IdSet(const IdSet&) = delete;
+  IdSet& operator=(const IdSet&) = delete;
+  void add(std::uint64_t id) { new UInt64AVLTree(root, id); }
+  UInt64AVLTree* root = nullptr;
+};
+
+/// An extracted key, until the end of the scope.
+class ExtractedKey {
+ public:
+  ExtractedKey(Table& table, std::uint32_t index) : table_(table), index_(index) {}
+  ~ExtractedKey() { table_.indexStates[index_].keyPool.release(table_.keyShape(index_), words); }
+  ExtractedKey(const ExtractedKey&) = delete;
+  ExtractedKey& operator=(const ExtractedKey&) = delete;
+  std::uint32_t* words = nullptr;
+
+ private:
+  Table& table_;
+  std::uint32_t index_;
+};
+
+class TableReplay {
+ public:
+  TableReplay(MetaData& metaData, Table& table, const ReplayedEntry& entry, EntryReader& reader)
+      : metaData_(metaData),
+        table_(table),
+        entry_(entry),
+        reader_(reader),
+        manager_(metaData, table) {}
+
+  Result run(const TableSection& section);
+
+ private:
+  // What is left to do
+  Result decide(const TableSection& section);
+  Result readStamp(std::uint64_t id, ObjectSlot* slot);
+  Result checkImage(const PendingObject& image);
+  Result takeNew(const std::vector<PendingObject>& candidates);
+  // The index file
+  Result openIndex(bool* there);
+  Result applyKeys();
+  Result removeOldKeys(UInt64AVLTree* objects);
+  Result readOld(std::uint64_t id, const char** object, std::uint32_t* length);
+  template <class Action>
+  Result forAllKeys(const char* object, std::uint32_t length, const Action& action);
+  Result removeKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id);
+  Result insertKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id);
+
+  [[nodiscard]] TreeFile committed() const { return {PageFile::index, indexHeader_.pageSize}; }
+  [[nodiscard]] bool isTree(std::uint32_t index) const {
+    return table_.index(index).indexKind == CZELTA::BPlusTree;
+  }
+
+  MetaData& metaData_;
+  Table& table_;
+  const ReplayedEntry& entry_;
+  EntryReader& reader_;
+  AtomicManager manager_;
+  TableHeader_tag header_{};
+  IndexFileHeader_tag indexHeader_{};
+  MemoryFileHeader_tag memoryHeader_{};
+  IdSet deleted_;
+  IdSet edited_;
+  PendingImages images_;
+};
+
+// -- What is left to do ---------------------------------------------------------------------------
+
+/// The slot of an ID that is in use. Somebody who looks at the object has it locked for a moment.
+Result TableReplay::readStamp(std::uint64_t id, ObjectSlot* slot) {
+  constexpr int kAttempts = 250;
+  constexpr int kQuick = 150;
+  for (int attempt = 0;; ++attempt) {
+    SystemCode failure = readSlotPosition(table_.tableFile, header_.slotBase, id, slot);
+    if (failure == 0 && slot->isFree()) return {};
+    if (failure == 0) failure = readSlot(table_.tableFile, header_.slotBase, id, slot);
+    if (failure == code::kLockViolation && attempt == kAttempts) return Result::locked();
+    if (failure != code::kLockViolation) return reportTable(metaData_, table_.cName(), failure);
+    platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
+  }
+}
+
+Result TableReplay::checkImage(const PendingObject& image) {
+  constexpr std::uint64_t kGreatestID = std::uint64_t{1} << 58;
+  constexpr std::uint32_t kLongest = 0xFFFFFFFF - 64;
+  const bool good = table_.isFixed()
+                        ? image.length == table_.fixedAreaSize
+                        : image.length >= table_.minimumObjectSize && image.length <= kLongest;
+  return good && image.objectID <= kGreatestID ? Result{} : EntryReader::malformed();
+}
+
+/// New objects leave no stamp; one that is not there was either never entered, or deleted since.
+Result TableReplay::takeNew(const std::vector<PendingObject>& candidates) {
+  if (candidates.empty()) return {};
+  std::set<std::uint64_t> missing;
+  for (const PendingObject& image : candidates) missing.insert(missing.end(), image.objectID);
+  ZELTA_TRY(dropKnownLater(metaData_, entry_.file, entry_.head, entry_.position, table_.id(),
+                           table_.idSize(), missing));
+  for (const PendingObject& image : candidates) {
+    if (missing.count(image.objectID) != 0) images_.added.push_back(image);
+  }
+  return {};
+}
+
+Result TableReplay::decide(const TableSection& section) {
+  const auto stamped = [&](const ObjectSlot& slot) {
+    return !slot.isFree() && slot.transaction == entry_.head.number;
+  };
+  for (const std::uint64_t id : section.deleted) {
+    ObjectSlot slot{};
+    if (id > header_.highestID) continue;
+    ZELTA_TRY(readStamp(id, &slot));
+    if (stamped(slot)) deleted_.add(id);
+  }
+  std::vector<PendingObject> candidates;
+  for (const PendingObject& image : section.images) {
+    ZELTA_TRY(checkImage(image));
+    ObjectSlot slot{};
+    if (image.objectID <= header_.highestID) ZELTA_TRY(readStamp(image.objectID, &slot));
+    if (image.objectID > header_.highestID || slot.isFree()) {
+      candidates.push_back(image);
+    } else if (stamped(slot)) {
+      edited_.add(image.objectID);
+      images_.edited.push_back(image);
+    }
+  }
+  return takeNew(candidates);
+}
+
+// -- Keys -----------------------------------------------------------------------------------------
+
+template <class Action>
+Result TableReplay::forAllKeys(const char* object, std::uint32_t length, const Action& action) {
+  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    for (std::uint32_t number = 0; number == 0 || table_.multiEntry(i); ++number) {
+      ExtractedKey key(table_, i);
+      ZELTA_TRY(extractKey(metaData_, table_, i, number, &key.words, object, length));
+      if (key.words == nullptr) break;
+      ZELTA_TRY(action(i, key.words));
+    }
+  }
+  return {};
+}
+
+Result TableReplay::removeKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id) {
+  if (isTree(index)) {
+    std::uint64_t holder = 0;
+    const Result found = bplusFind(metaData_, table_, committed(), manager_, index, key, &holder);
+    if (found.is(Own::keyNotFound) || (found.ok() && holder != id)) return {};
+    ZELTA_TRY(found);
+  }
+  return removeEntry(metaData_, table_, committed(), manager_, index, key, id);
+}
+
+/// A key that another object has was handed over by the transaction.
+Result TableReplay::insertKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id) {
+  if (isTree(index)) {
+    std::uint64_t holder = 0;
+    const Result found = bplusFind(metaData_, table_, committed(), manager_, index, key, &holder);
+    if (found.ok() && holder == id) return {};
+    if (found.ok()) {
+      return bplusReplaceId(metaData_, table_, committed(), manager_, index, key, holder, id);
+    }
+    if (!found.is(Own::keyNotFound)) return found;
+  }
+  return insertEntry(metaData_, table_, committed(), manager_, index, key, id);
+}
+
+/// The committed version of an object; `*object` null: only a placeholder stands there, and the
+/// index file has the new keys.
+Result TableReplay::readOld(std::uint64_t id, const char** object, std::uint32_t* length) {
+  *object = nullptr;
+  ObjectSlot slot{};
+  ZELTA_TRY(reportTable(metaData_, table_.cName(),
+                        readSlotPosition(table_.tableFile, header_.slotBase, id, &slot)));
+  const std::uint32_t lead = table_.isFixed() ? 0 : kRecordHead;
+  if (slot.isFree() || slot.position < header_.objectAreaStart ||
+      slot.position >= header_.endOfFile) {
+    return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
+  }
+  std::uint16_t version = 0;
+  ZELTA_TRY(
+      reportTable(metaData_, table_.cName(),
+                  readBuffer(table_.tableFile, slot.position + lead, &version, sizeof version)));
+  if (version == kPlaceholderVersion) return {};
+  ZELTA_TRY(readCommittedAside(metaData_, table_, slot.position, length));
+  const char* bytes = metaData_.scratchFor(Scratch::object).data();
+  std::uint64_t stored = 0;
+  std::memcpy(&stored, bytes + sizeof version, table_.idSize());
+  if (stored != id) {
+    return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
+  }
+  *object = bytes;
+  return {};
+}
+
+Result TableReplay::removeOldKeys(UInt64AVLTree* objects) {
+  for (const UInt64AVLTree* node = findNext(objects, 0); node != nullptr;
+       node = findNext(objects, node->key)) {
+    const char* object = nullptr;
+    std::uint32_t length = 0;
+    ZELTA_TRY(readOld(node->key, &object, &length));
+    if (object == nullptr) continue;
+    ZELTA_TRY(forAllKeys(object, length, [&](std::uint32_t index, const std::uint32_t* key) {
+      return removeKey(index, key, node->key);
+    }));
+  }
+  return {};
+}
+
+Result TableReplay::applyKeys() {
+  if (table_.indexCount == 0) return {};
+  ZELTA_TRY(checkIndexKinds(metaData_, table_));
+  manager_.holdIndexPages();
+  ZELTA_TRY(removeOldKeys(deleted_.root));
+  ZELTA_TRY(removeOldKeys(edited_.root));
+  for (const std::vector<PendingObject>* list : {&images_.edited, &images_.added}) {
+    for (const PendingObject& image : *list) {
+      const char* object = nullptr;
+      ZELTA_TRY(reader_.images.read(image.position + 4, image.length, &object));
+      ZELTA_TRY(
+          forAllKeys(object, image.length, [&](std::uint32_t index, const std::uint32_t* key) {
+            return insertKey(index, key, image.objectID);
+          }));
+    }
+  }
+  return flushIndexFile(metaData_, table_, indexHeader_, manager_);
+}
+
+// -- The whole ------------------------------------------------------------------------------------
+
+/// An index file that is missing cannot be built while contents are missing in the table; whoever
+/// opens it next builds it.
+Result TableReplay::openIndex(bool* there) {
+  const Result opened =
+      openIndexFile(metaData_, table_, &header_, indexHeader_, manager_, true, true);
+  *there = opened.ok();
+  if (opened.failed()) return opened.isLocked() ? Result{} : opened;
+  ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader_, manager_, true));
+  manager_.attach(table_.indexFile, &indexHeader_, table_.memoryFile, &memoryHeader_);
+  return {};
+}
+
+Result TableReplay::run(const TableSection& section) {
+  TableMutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData_, table_, platform::kForever));
+  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header_, true));
+  ZELTA_TRY(decide(section));
+  if (deleted_.root == nullptr && edited_.root == nullptr && images_.added.empty()) {
+    return guard.release();
+  }
+  bool indexThere = false;
+  ZELTA_TRY(openIndex(&indexThere));
+  if (indexThere) ZELTA_TRY(applyKeys());
+  EditPlan plan(metaData_, table_, header_, {deleted_.root, edited_.root});
+  ZELTA_TRY(plan.make(images_));
+  ZELTA_TRY(executePlan(metaData_, table_, header_, plan, reader_.images, entry_.head.number));
+  return guard.release();
+}
+
+}  // namespace
+
+Result replayTableSection(MetaData& metaData, Table& table, const ReplayedEntry& entry,
+                          EntryReader& reader, const TableSection& section) {
+  return TableReplay(metaData, table, entry, reader).run(section);
+}
+
+}  // namespace zelta
