@@ -20,7 +20,7 @@
 #include "index/index_file.h"
 #include "index/keys.h"
 #include "objects/add_object.h"
-#include "objects/new_keys.h"
+#include "objects/key_changes.h"
 #include "objects/read_object.h"
 #include "schema/table_lifecycle.h"
 #include "storage/memory_file.h"
@@ -135,13 +135,18 @@ class EditSession {
     ZELTA_TRY(guard.acquire(metaData, table(), 10000));
     Files files(*this);
     ZELTA_TRY(files.result);
-    NewKeys keys(metaData, table());
-    const TreeFile pending{PageFile::memory, files.memory.pageSize};
-    ZELTA_TRY(keys.build(files.manager, {PageFile::index, files.index.pageSize}, pending));
-    ZELTA_TRY(keys.enter(files.manager, pending, id));
+    VersionKeys none(metaData, table());
+    VersionKeys keys(metaData, table());
+    KeyChanges changes(metaData, table());
+    KeyTrees trees{files.manager,
+                   {PageFile::memory, files.memory.pageSize},
+                   {PageFile::index, files.index.pageSize}};
+    ZELTA_TRY(keys.make({table().objectData, table().objectLength}));
+    ZELTA_TRY(changes.plan(trees, id, none, false, keys, KeyChanges::Source::tested));
+    ZELTA_TRY(changes.enter(trees));
     ZELTA_TRY(storeObject(files.manager, files.memory, table(), table().objectData,
                           table().objectLength, id));
-    keys.takeOver(id);
+    changes.finish();
     moveLock(id, table().editedObjects);
     return guard.release();
   }
