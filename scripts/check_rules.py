@@ -18,6 +18,7 @@ MAY_INCLUDE = {
     "objects": {"platform", "frame", "storage", "schema", "objects", "index", "transaction"},
     "index": {"platform", "frame", "storage", "schema", "objects", "index", "transaction"},
     "transaction": {"platform", "frame", "storage", "schema", "objects", "index", "transaction"},
+    "check": {"platform", "frame", "storage", "schema", "index", "check"},
     "api": {"platform", "frame", "storage", "schema", "objects", "index", "transaction", "api"},
 }
 # Headers that a floor may include although they lie above it, since they stand on the platform alone.
