@@ -65,7 +65,10 @@ Result openHandle(MetaData& metaData, Table& table, bool exclusive, bool mustExi
   if (result == code::kFileNotFound && mustExist && exclusive) {
     result = platform::openFile(path.c_str(), platform::Disposition::openAlways, &table.indexFile);
   }
-  if (result == 0) return {};
+  if (result == 0) {
+    if (!exclusive) platform::serveReads(table.indexFile, kReadWindow);
+    return {};
+  }
   table.indexFile = platform::File::none;
   return mustExist ? reportSystemError(&metaData, result, path.c_str()) : Result{};
 }

@@ -41,9 +41,14 @@ SystemCode closeFile(File file);
 void beginStable(File file, std::uint64_t window);
 void endStable(File file);
 
+/// For a handle that only reads, without that mutex: once it has read often, its reads of the first
+/// `window` bytes may be served from memory too. Meanwhile nobody's cuts shorten the file.
+void serveReads(File file, std::uint64_t window);
+
 [[nodiscard]] SystemCode fileSize(File file, std::uint64_t* size);
 
-/// Cuts or extends the file (with zeros).
+/// Cuts or extends the file (with zeros). A cut leaves the file as it is while another handle is
+/// served reads of it.
 [[nodiscard]] SystemCode setFileSize(File file, std::uint64_t size);
 
 /// Returns once all that was written to the file, and its entry in the folder, is on the disk.

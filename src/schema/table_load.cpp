@@ -91,6 +91,7 @@ Result loadTable(MetaData& metaData, Table& table, const DirectoryEntry& entry, 
       failure != 0) {
     return reportSystemError(&metaData, failure, path.c_str());
   }
+  if (!exclusive) platform::serveReads(table.tableFile, kReadWindow);
   TableHeader_tag header;
   ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, header, exclusive));
   SchemaCopy copy;

@@ -14,6 +14,9 @@
 
 namespace zelta {
 
+/// How much of a table or index file is served from memory to a transaction that only reads.
+inline constexpr std::uint64_t kReadWindow = 64u << 20;
+
 /// What a table remembers of one index: where the walk stands, and what the running transaction
 /// takes out.
 struct IndexCursor {

@@ -23,6 +23,10 @@
 // since, are touched; the file grows by pwrite() alone, so that a full disk is an ordinary failure;
 // a file with holes, whose pages would have to be allocated on touch, is not written through the
 // mapping.
+//
+// A handle that only reads has no part in that (serveReads). It holds a shared lock on one byte far
+// behind any file's end instead, and whoever wants to shorten the file needs that byte for himself:
+// if he does not get it, the file keeps its length.
 
 #include "platform/file.h"
 
@@ -51,6 +55,10 @@ namespace {
 
 /// Where the locks of numbered words lie.
 constexpr std::uint64_t kOrdinalBase = std::uint64_t{1} << 62;
+/// Locked by whoever needs the file to keep its length.
+constexpr LockWord kLengthByte{kOrdinalBase - 8};
+/// Reads by a system call after which a reader maps the file, or looks how far it has grown.
+constexpr std::uint32_t kReadsBeforeLook = 12;
 
 struct FileRecord {
   int fd;
@@ -58,9 +66,12 @@ struct FileRecord {
   std::unordered_set<std::uint64_t> held;  ///< places of the locks that the handle holds
   char* window = nullptr;                  ///< mapping of the file's first bytes
   std::uint64_t windowSize = 0;
-  std::uint64_t readable = 0;  ///< bytes that can be touched; 0 outside of a stable time
+  std::uint64_t readable = 0;  ///< bytes that can be touched
   std::uint64_t writable = 0;
-  std::uint64_t size = 0;  ///< of the file, in a stable time
+  std::uint64_t readWindow = 0;  ///< not 0: served reads are wanted, of so many bytes
+  std::uint32_t plainReads = 0;  ///< of these bytes by a system call, since the last look
+  bool keepsLength = false;      ///< holds its share of kLengthByte
+  std::uint64_t size = 0;        ///< of the file, in a stable time
   bool stable = false;
   FileRecord* next = nullptr;  ///< all open files, for the fork handler
   FileRecord* previous = nullptr;
@@ -211,6 +222,49 @@ void noteChange(FileRecord* record, std::uint64_t size, bool hole) {
   if (record->stable) noteSize(record, size, hole || record->writable < record->readable);
 }
 
+std::uint64_t placeOf(LockWord word) {
+  return word.ordinal == 0 ? word.position : kOrdinalBase + (word.ordinal & (kOrdinalBase - 1));
+}
+
+struct flock rangeOf(LockWord word, short type) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = static_cast<off_t>(placeOf(word));
+  range.l_len = word.ordinal == 0 ? 4 : 1;
+  return range;
+}
+
+bool mapWindow(FileRecord* record, std::uint64_t window) {
+  if (record->window != nullptr) return true;
+  void* memory = mmap(nullptr, window, PROT_READ | PROT_WRITE, MAP_SHARED, record->fd, 0);
+  if (memory == MAP_FAILED) return false;
+  record->window = static_cast<char*>(memory);
+  record->windowSize = window;
+  return true;
+}
+
+bool lockLength(FileRecord* record, short type) {
+#ifdef ZELTA_FAULTS
+  countCall();
+#endif
+  struct flock range = rangeOf(kLengthByte, type);
+  return fcntl(record->fd, F_OFD_SETLK, &range) == 0;
+}
+
+/// A reader has read by system calls for a while: maps the file, or learns how long it is now.
+void lookAtLength(FileRecord* record) {
+  record->plainReads = 0;
+  if (!record->keepsLength) record->keepsLength = lockLength(record, F_RDLCK);
+  if (!record->keepsLength || !mapWindow(record, record->readWindow)) return;
+#ifdef ZELTA_FAULTS
+  countCall();
+#endif
+  struct stat info {};
+  if (fstat(record->fd, &info) != 0) return;
+  record->readable = std::min(static_cast<std::uint64_t>(info.st_size), record->windowSize);
+}
+
 SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
                       std::uint32_t length, std::uint32_t* transferred) {
   *transferred = 0;
@@ -226,6 +280,9 @@ SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
     uncountCall();
 #endif
     return 0;
+  }
+  if (position < record->readWindow && ++record->plainReads > kReadsBeforeLook) {
+    lookAtLength(record);
   }
   const SystemCode result = transferAll(length, transferred, [&](std::uint32_t done) {
     return pread(record->fd, static_cast<char*>(buffer) + done, length - done,
@@ -247,19 +304,6 @@ SystemCode extendFile(FileRecord* record, std::uint64_t position, const void* bu
   const std::uint64_t end = position + *transferred;
   if (*transferred != 0 && end > record->size) noteChange(record, end, position > record->size);
   return result;
-}
-
-std::uint64_t placeOf(LockWord word) {
-  return word.ordinal == 0 ? word.position : kOrdinalBase + (word.ordinal & (kOrdinalBase - 1));
-}
-
-struct flock rangeOf(LockWord word, short type) {
-  struct flock range {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = static_cast<off_t>(placeOf(word));
-  range.l_len = word.ordinal == 0 ? 4 : 1;
-  return range;
 }
 
 }  // namespace
@@ -294,7 +338,7 @@ SystemCode closeFile(File file) {
   if (record->window != nullptr) munmap(record->window, record->windowSize);
   if (record->fd >= 0) {
     // A child that was forked before its handler ran may share the open file: unlock by name.
-    if (!record->held.empty()) {
+    if (!record->held.empty() || record->keepsLength) {
       struct flock all {};
       all.l_type = F_UNLCK;
       all.l_whence = SEEK_SET;
@@ -345,19 +389,13 @@ void beginStable(File file, std::uint64_t window) {
   FileRecord* record = file == File::none ? nullptr : usable(file);
   if (record == nullptr) return;
   record->stable = true;
-  if (record->window == nullptr) {
-    void* memory = mmap(nullptr, window, PROT_READ | PROT_WRITE, MAP_SHARED, record->fd, 0);
-    if (memory != MAP_FAILED) {
-      record->window = static_cast<char*>(memory);
-      record->windowSize = window;
-    }
-  }
+  const bool mapped = mapWindow(record, window);
 #ifdef ZELTA_FAULTS
   countCall();
 #endif
   constexpr std::uint64_t kBlock = 512;  // the unit of st_blocks
   struct stat info {};
-  if (record->window == nullptr || fstat(record->fd, &info) != 0) return endStable(file);
+  if (!mapped || fstat(record->fd, &info) != 0) return endStable(file);
   const auto size = static_cast<std::uint64_t>(info.st_size);
   noteSize(record, size, static_cast<std::uint64_t>(info.st_blocks) * kBlock < size);
 }
@@ -368,6 +406,10 @@ void endStable(File file) {
   record->stable = false;
   record->readable = 0;
   record->writable = 0;
+}
+
+void serveReads(File file, std::uint64_t window) {
+  if (FileRecord* record = usable(file); record != nullptr) record->readWindow = window;
 }
 
 SystemCode fileSize(File file, std::uint64_t* size) {
@@ -388,9 +430,21 @@ SystemCode setFileSize(File file, std::uint64_t size) {
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(truncate, record->path, size);
-  while (ftruncate(record->fd, static_cast<off_t>(size)) != 0) {
-    if (errno != EINTR) return lastCode();
+  const bool alone = !record->keepsLength && lockLength(record, F_WRLCK);
+  if (!alone) {
+    struct stat info {};
+    if (fstat(record->fd, &info) != 0) return lastCode();
+    if (static_cast<std::uint64_t>(info.st_size) >= size) return 0;
   }
+  int failure = 0;
+  while (ftruncate(record->fd, static_cast<off_t>(size)) != 0) {
+    if (errno != EINTR) {
+      failure = errno;
+      break;
+    }
+  }
+  if (alone) static_cast<void>(lockLength(record, F_UNLCK));
+  if (failure != 0) return codeOf(failure);
   noteChange(record, size, size > record->size);
   return 0;
 }
