@@ -430,8 +430,9 @@ SystemCode setFileSize(File file, std::uint64_t size) {
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(truncate, record->path, size);
-  const bool alone = !record->keepsLength && lockLength(record, F_WRLCK);
-  if (!alone) {
+  const bool shorter = !record->stable || size < record->size;
+  const bool alone = shorter && !record->keepsLength && lockLength(record, F_WRLCK);
+  if (shorter && !alone) {
     struct stat info {};
     if (fstat(record->fd, &info) != 0) return lastCode();
     if (static_cast<std::uint64_t>(info.st_size) >= size) return 0;
