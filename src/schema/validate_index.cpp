@@ -39,6 +39,11 @@ class IndexValidation {
     return {};
   }
 
+  /// Whether a segment with a field ID of 0 and above names a sub-field, be there one or not.
+  [[nodiscard]] bool isSubField(std::uint32_t k) const {
+    return static_cast<std::uint32_t>(index_.segments[k].segmentField) >= schema_.fieldCount;
+  }
+
   Result checkTree();
   Result checkTreeSegment(std::uint32_t k, std::uint64_t* keyBytes, std::uint32_t* entrySegment);
   Result checkTreeField(std::uint32_t k, const CZELTA::Schema::Field& field,
@@ -160,11 +165,11 @@ Result IndexValidation::checkTemporal() {
   for (std::uint32_t k = 0; k < 2; ++k) {
     if (index_.segments[k].segmentField < 0) return fail(Own::segmentField, k);
   }
+  if (isSubField(0) != isSubField(1)) return fail(Own::multiEntry, 0);
   FieldRef from;
   FieldRef to;
   ZELTA_TRY(resolve(0, &from));
   ZELTA_TRY(resolve(1, &to));
-  if ((from.subField == nullptr) != (to.subField == nullptr)) return fail(Own::multiEntry, 1);
   for (const FieldRef* ref : {&from, &to}) {
     const std::uint32_t type = ref->value().fieldType;
     const bool time = type == CZELTA::TypeDate || type == CZELTA::TypeDateTime;
@@ -212,7 +217,7 @@ Result IndexValidation::checkListSegment(std::uint32_t k, bool* words, std::uint
   const bool wordSegment = (segment.segmentMode & CZELTA::SegmentWords) != 0;
   if ((segment.segmentMode & ~kListModes) != 0) return fail(Own::segmentMode, k);
   if (segment.segmentField < 0) return fail(Own::segmentField, 0);
-  const bool sub = static_cast<std::uint32_t>(segment.segmentField) >= schema_.fieldCount;
+  const bool sub = isSubField(k);
   if (sub && !wordSegment) return fail(Own::segmentMode, k);
   FieldRef ref;
   ZELTA_TRY(resolve(k, &ref));
