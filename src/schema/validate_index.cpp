@@ -1,5 +1,7 @@
 #include "schema/validate_index.h"
 
+#include <algorithm>
+
 #include "schema/data_types.h"
 #include "schema/validate.h"
 
@@ -12,6 +14,13 @@ using Segment = CZELTA::Schema::Segment;
 constexpr std::uint32_t kTextModes = 0x1EF;  ///< what a text segment of a B+Tree takes
 constexpr std::uint32_t kListModes = 0x5C;
 constexpr std::uint32_t kMostObjectsPower = 50;
+
+/// What the segments of a B+Tree add up to.
+struct TreeSums {
+  std::uint64_t keyBytes = 0;
+  std::uint32_t entrySegment = 0;
+  std::uint32_t longSegment = 0xFFFFFFFF;  ///< the first one that makes a fixed key too long
+};
 
 class IndexValidation {
  public:
@@ -45,9 +54,8 @@ class IndexValidation {
   }
 
   Result checkTree();
-  Result checkTreeSegment(std::uint32_t k, std::uint64_t* keyBytes, std::uint32_t* entrySegment);
-  Result checkTreeField(std::uint32_t k, const CZELTA::Schema::Field& field,
-                        std::uint64_t* keyBytes);
+  Result checkTreeSegment(std::uint32_t k, TreeSums* sums);
+  Result checkTreeField(std::uint32_t k, const CZELTA::Schema::Field& field, TreeSums* sums);
   Result checkSpatial();
   Result checkTemporal();
   Result checkPattern();
@@ -82,41 +90,38 @@ Result IndexValidation::run() {
 }
 
 Result IndexValidation::checkTree() {
-  std::uint64_t keyBytes = 0;
-  std::uint32_t entrySegment = 0;
-  for (std::uint32_t k = 0; k < index_.segmentCount; ++k) {
-    ZELTA_TRY(checkTreeSegment(k, &keyBytes, &entrySegment));
-  }
-  if (entrySegment != 0 && (index_.indexFlags & CZELTA::IndexMultiEntry) == 0) {
-    return unresolved(entrySegment);
+  TreeSums sums;
+  for (std::uint32_t k = 0; k < index_.segmentCount; ++k) ZELTA_TRY(checkTreeSegment(k, &sums));
+  if (sums.entrySegment != 0 && (index_.indexFlags & CZELTA::IndexMultiEntry) == 0) {
+    return unresolved(sums.entrySegment);
   }
   if ((index_.indexFlags & CZELTA::IndexVariableKey) != 0) {
     // An upper limit that rules nothing but the size of pages; it may wrap.
-    index_.keyWords = (static_cast<std::uint32_t>(keyBytes) + 4 + 3) / 4;
-  } else {
-    index_.keyWords = static_cast<std::uint32_t>((keyBytes + 3) / 4);
+    index_.keyWords = (static_cast<std::uint32_t>(sums.keyBytes) + 4 + 3) / 4;
+    return {};
   }
+  if (sums.longSegment < index_.segmentCount) return fail(Own::segmentType, sums.longSegment);
+  index_.keyWords = static_cast<std::uint32_t>((sums.keyBytes + 3) / 4);
   return {};
 }
 
-Result IndexValidation::checkTreeSegment(std::uint32_t k, std::uint64_t* keyBytes,
-                                         std::uint32_t* entrySegment) {
+Result IndexValidation::checkTreeSegment(std::uint32_t k, TreeSums* sums) {
   const Segment& segment = index_.segments[k];
   if (segment.segmentField < CZELTA::EntryNumberSegment) return unresolved(k);
-  if (segment.segmentField == CZELTA::EntryNumberSegment) *entrySegment = k;
+  if (segment.segmentField == CZELTA::EntryNumberSegment) sums->entrySegment = k;
   if (segment.segmentField < 0) {
     const bool wide = segment.segmentField == CZELTA::ObjectIdSegment &&
                       (schema_.schemaFlags & CZELTA::SchemaWideObjectIds) != 0;
-    *keyBytes += wide ? 8 : 4;
+    sums->keyBytes += wide ? 8 : 4;
     return segment.segmentMode > CZELTA::SegmentDescending ? fail(Own::segmentMode, k) : Result{};
   }
   FieldRef ref;
   ZELTA_TRY(resolve(k, &ref));
-  return checkTreeField(k, ref.value(), keyBytes);
+  return checkTreeField(k, ref.value(), sums);
 }
 
 Result IndexValidation::checkTreeField(std::uint32_t k, const CZELTA::Schema::Field& field,
-                                       std::uint64_t* keyBytes) {
+                                       TreeSums* sums) {
   const std::uint32_t mode = index_.segments[k].segmentMode;
   switch (field.fieldType) {
     case CZELTA::TypeShortBinary:
@@ -128,10 +133,10 @@ Result IndexValidation::checkTreeField(std::uint32_t k, const CZELTA::Schema::Fi
     default:
       break;
   }
-  *keyBytes += field.fieldSize;
+  sums->keyBytes += field.fieldSize;
   if (!isVariableType(field.fieldType)) {
-    if (mode > CZELTA::SegmentDescending) return fail(Own::segmentMode, k);
-    return *keyBytes > kLargestObject ? fail(Own::segmentType, k) : Result{};
+    if (sums->keyBytes > kLargestObject) sums->longSegment = std::min(sums->longSegment, k);
+    return mode > CZELTA::SegmentDescending ? fail(Own::segmentMode, k) : Result{};
   }
   set(CZELTA::IndexVariableKey);
   constexpr std::uint32_t kBothCases = CZELTA::SegmentUpperCase | CZELTA::SegmentLowerCase;
