@@ -293,6 +293,7 @@ Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tab
     return result;
   }
   if (Table* table = findTable(tables, tableId); table != nullptr) {
+    forgetLockMark(metaData, *table);
     remove(static_cast<UInt32AVLTree*>(table), tables);
     delete table;
   }

@@ -38,14 +38,17 @@ Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t table
   return {};
 }
 
+void forgetLockMark(MetaData& metaData, const Table& table) {
+  if (metaData.lockOrderReached != table.tableLockOrder) return;
+  std::free(metaData.lockKey);
+  metaData.lockKey = nullptr;
+  metaData.lockOrderReached = 0;
+  metaData.lockObjectID = 0;
+}
+
 Result closeTable(MetaData& metaData, UInt32AVLTree*& tables, Table& table) {
   if (table.hasEdits() || table.lockedObjects != nullptr) return {};
-  if (metaData.lockKey != nullptr && metaData.lockOrderReached == table.tableLockOrder) {
-    std::free(metaData.lockKey);
-    metaData.lockKey = nullptr;
-    metaData.lockOrderReached = 0;
-    metaData.lockObjectID = 0;
-  }
+  forgetLockMark(metaData, table);
   remove(static_cast<UInt32AVLTree*>(&table), tables);
   delete &table;
   return {};

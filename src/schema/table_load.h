@@ -24,6 +24,10 @@ Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guar
 /// that was cut off may be finished.
 Result loadTable(MetaData& metaData, Table& table, const DirectoryEntry& entry, bool exclusive);
 
+/// Gives up the mark of how far locking has come, if it stands in this table, which goes away: its
+/// key means nothing in another table of the same lock order.
+void forgetLockMark(MetaData& metaData, const Table& table);
+
 /// A new table's header.
 [[nodiscard]] TableHeader_tag newTableHeader(const ObjectSizes& sizes, std::uint32_t schemaSize);
 
