@@ -75,9 +75,10 @@ Result IndexBuild::start() {
 Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64_t objectID) {
   const TreeFile file{PageFile::index, header_.pageSize};
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    RowPlaces rows;
     for (std::uint32_t entry = 0;; ++entry) {
       KeyGuard key(table_, i);
-      ZELTA_TRY(extractKey(metaData_, table_, i, entry, &key.key, object, objectSize));
+      ZELTA_TRY(extractKey(metaData_, table_, i, entry, &key.key, object, objectSize, &rows));
       if (key.key == nullptr) {
         if (entry != 0 || table_.multiEntry(i)) break;
         return reportError(&metaData_, Own::noObject, table_.cName());

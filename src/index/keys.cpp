@@ -5,7 +5,6 @@
 
 #include "index/key_text.h"
 #include "index/key_writer.h"
-#include "objects/object_buffer.h"
 #include "schema/data_types.h"
 
 namespace zelta {
@@ -122,14 +121,15 @@ class Source {
 /// An object, whose sub-record `entry` is meant.
 class ObjectSource final : public Source {
  public:
-  ObjectSource(const Table& table, const char* object, std::uint32_t size, std::uint32_t entry)
-      : table_(table), object_(object), size_(size), entry_(entry) {}
+  ObjectSource(const Table& table, const char* object, std::uint32_t size, std::uint32_t entry,
+               RowPlaces* rows)
+      : table_(table), object_(object), size_(size), entry_(entry), rows_(rows) {}
 
   Value field(const FieldRef& ref) override {
-    const char* at =
-        ref.subField == nullptr
-            ? fieldAddress(table_, ref.fieldNumber, object_, size_)
-            : subFieldAddress(table_, ref.fieldNumber, ref.subFieldNumber, entry_, object_, size_);
+    const char* at = ref.subField == nullptr
+                         ? fieldAddress(table_, ref.fieldNumber, object_, size_)
+                         : subFieldAddress(table_, ref.fieldNumber, ref.subFieldNumber, entry_,
+                                           object_, size_, rows_);
     if (at == nullptr || at >= object_ + size_) return {};
     return {at, static_cast<std::uint64_t>(object_ + size_ - at)};
   }
@@ -141,6 +141,7 @@ class ObjectSource final : public Source {
   const char* object_;
   std::uint32_t size_;
   std::uint32_t entry_;
+  RowPlaces* rows_;
 };
 
 /// Values packed one after the other by a caller.
@@ -371,7 +372,8 @@ Result extractGeometry(MetaData& metaData, Table& table, std::uint32_t number, S
 }  // namespace
 
 Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, std::uint32_t entry,
-                  std::uint32_t** keyOut, const char* object, std::uint32_t objectSize) {
+                  std::uint32_t** keyOut, const char* object, std::uint32_t objectSize,
+                  RowPlaces* rows) {
   *keyOut = nullptr;
   if (object == nullptr) {
     object = table.objectData;
@@ -380,7 +382,7 @@ Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, std::ui
   if (object == nullptr || objectSize < table.fixedAreaSize) {
     return reportError(&metaData, Own::noObject);
   }
-  ObjectSource source(table, object, objectSize, entry);
+  ObjectSource source(table, object, objectSize, entry, rows);
   switch (table.index(index).indexKind) {
     case CZELTA::BPlusTree:
       return TreeKey(metaData, table, index, source).make(source.objectID(), keyOut);

@@ -29,9 +29,10 @@ Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const 
                    std::uint32_t* entry) {
   IndexCursor& cursor = table.indexStates[index];
   const KeyShape shape = table.keyShape(index);
+  RowPlaces rows;
   for (std::uint32_t number = 0;; ++number) {
     std::uint32_t* made = nullptr;
-    ZELTA_TRY(extractKey(metaData, table, index, number, &made, object, length));
+    ZELTA_TRY(extractKey(metaData, table, index, number, &made, object, length, &rows));
     if (made == nullptr) break;
     PooledKey key;
     key.take(table, index, made);

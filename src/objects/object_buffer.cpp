@@ -150,31 +150,51 @@ const char* inRow(const CZELTA::Schema::Field& field, std::uint32_t subField, co
   }
 }
 
-}  // namespace
-
-const char* subFieldAddress(const Table& table, std::uint32_t field, std::uint32_t subField,
-                            std::uint32_t subRecord, const char* object, std::uint32_t length) {
-  if (object == nullptr) object = table.objectData;
-  if (length == 0) length = table.objectLength;
+/// The first row of a field; null if it has none.
+RowPlaces::Place firstRow(const Table& table, std::uint32_t field, const char* object,
+                          std::uint32_t length) {
+  RowPlaces::Place place;
   const char* start = fieldAddress(table, field, object, length);
-  if (start == nullptr) return nullptr;
+  if (start == nullptr) return place;
   std::uint64_t left = length - static_cast<std::uint64_t>(start - object);
-  if (left < 4) return nullptr;
+  if (left < 4) return place;
   std::uint32_t size = 0;
   std::memcpy(&size, start, 4);
   left = std::min<std::uint64_t>(left, size);
-  if (left <= 4) return nullptr;
-  const char* row = start + 4;
-  left -= 4;
-  const CZELTA::Schema::Field& definition = table.schema->fields[field];
-  for (std::uint32_t r = 0; r < subRecord; ++r) {
-    std::uint32_t seen = 0;
-    const std::uint64_t step = rowSize(definition, row, left, &seen);
-    if (step == 0 || step >= left) return nullptr;
-    row += step;
-    left -= step;
+  if (left <= 4) return place;
+  return {field, 0, start + 4, left - 4};
+}
+
+}  // namespace
+
+RowPlaces::Place& RowPlaces::of(std::uint32_t field) {
+  for (Place& place : places_) {
+    if (place.at == nullptr || place.field == field) return place;
   }
-  return inRow(definition, subField, row, left);
+  return places_[field % places_.size()];
+}
+
+const char* subFieldAddress(const Table& table, std::uint32_t field, std::uint32_t subField,
+                            std::uint32_t subRecord, const char* object, std::uint32_t length,
+                            RowPlaces* places) {
+  if (object == nullptr) object = table.objectData;
+  if (length == 0) length = table.objectLength;
+  RowPlaces::Place place;
+  if (places != nullptr) place = places->of(field);
+  if (place.at == nullptr || place.field != field || place.row > subRecord) {
+    place = firstRow(table, field, object, length);
+    if (place.at == nullptr) return nullptr;
+  }
+  const CZELTA::Schema::Field& definition = table.schema->fields[field];
+  for (; place.row < subRecord; ++place.row) {
+    std::uint32_t seen = 0;
+    const std::uint64_t step = rowSize(definition, place.at, place.left, &seen);
+    if (step == 0 || step >= place.left) return nullptr;
+    place.at += step;
+    place.left -= step;
+  }
+  if (places != nullptr) places->of(field) = place;
+  return inRow(definition, subField, place.at, place.left);
 }
 
 Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
