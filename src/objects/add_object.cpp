@@ -38,7 +38,12 @@ class Addition {
       blocker_ = 0;
       lookForDead_ = false;
       const Result result = pass();
+      const bool keyHeld = result.is(Own::keyExists) && changes_.heldByOthers();
       changes_.clear();
+      if (keyHeld && !askedForDead_) {
+        ZELTA_TRY(askForDead());
+        continue;
+      }
       if (!result.isLocked()) return result;
       ZELTA_TRY(wait());
     }
@@ -49,6 +54,7 @@ class Addition {
   Result chooseID(const TableHeader_tag& header);
   Result store(MemoryFileHeader_tag& header, KeyTrees& trees);
   Result wait();
+  Result askForDead();
 
   MetaData& metaData_;
   UInt32AVLTree*& tables_;
@@ -62,6 +68,7 @@ class Addition {
   std::uint32_t blocker_ = 0;  ///< who has marked the slot of the wanted ID
   std::uint32_t cleared_ = 0;  ///< a blocker that turned out to be no more
   bool lookForDead_ = false;
+  bool askedForDead_ = false;  ///< a key was held by another transaction before
   int passes_ = 0;
 };
 
@@ -103,15 +110,30 @@ Result Addition::chooseID(const TableHeader_tag& header) {
 }
 
 Result Addition::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
+  // All that can fail for want of memory comes before the object is stored.
   auto node = std::make_unique<UInt64AVLTree>();
   ZELTA_TRY(changes_.enter(trees));
-  ZELTA_TRY(
-      storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_));
+  ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_, {}, false, nullptr));
+  if (const Result stored =
+          storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_);
+      stored.failed()) {
+    table_.releaseCurrentKeys();
+    table_.keySourceID = 0;
+    return stored;
+  }
   insert(node.release(), table_.addedObjects, objectID_);
   ++table_.addedCount;
   table_.currentObjectID = objectID_;
   changes_.finish();
   return {};
+}
+
+/// Who holds what is wanted may have died without anybody having noticed yet.
+Result Addition::askForDead() {
+  askedForDead_ = true;
+  clearError(metaData_);
+  const Result result = clearDeadTransaction(metaData_, tables_, 0);
+  return result.isLocked() ? Result{} : result;
 }
 
 /// Something is locked: lets its owner go on, or repairs what a dead one left. No mutex is held.
@@ -129,10 +151,7 @@ Result Addition::wait() {
     cleared_ = blocker_;
     return result;
   }
-  if (lookForDead_) {
-    const Result result = clearDeadTransaction(metaData_, tables_, 0);
-    if (result.failed() && !result.isLocked()) return result;
-  }
+  if (lookForDead_) ZELTA_TRY(askForDead());
   if (++passes_ >= kMaximumPasses) {
     return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
                        static_cast<std::int64_t>(wantedID_));
@@ -153,7 +172,6 @@ Result addObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELT
   ZELTA_TRY(validateObject(metaData, table, table.objectData, table.objectLength));
   ZELTA_TRY(checkIndexKinds(metaData, table));
   ZELTA_TRY(Addition(metaData, tables, table, static_cast<std::uint64_t>(objectID)).run());
-  ZELTA_TRY(refreshCurrentKeys(metaData, table, table.currentObjectID, {}, false, nullptr));
   fillObject(table, object);
   return {};
 }

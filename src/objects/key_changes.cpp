@@ -37,6 +37,7 @@ Result KeyChanges::plan(KeyTrees& trees, std::uint64_t objectID, VersionKeys& be
                         bool wasPending, VersionKeys& after, Source source) {
   clear();
   objectID_ = objectID;
+  heldByOthers_ = false;
   if (source == Source::tested) ZELTA_TRY(checkRepeated(after));
   return forKeyDifferences(table_, before, after, [&](VersionKeys::Entry& entry, bool isNew) {
     return isNew ? take(trees, entry, source) : giveUp(trees, entry, wasPending);
@@ -115,7 +116,11 @@ Result KeyChanges::takeUnique(KeyTrees& trees, VersionKeys::Entry& entry) {
     return {};
   }
   ZELTA_TRY(look(trees.pending, &holder, &found));
-  if (found) return exists(entry.index, holder);
+  if (found) {
+    heldByOthers_ = find(table_.addedObjects, holder) == nullptr &&
+                    find(table_.editedObjects, holder) == nullptr;
+    return exists(entry.index, holder);
+  }
   add(entry, Step::insertPending, nullptr);
   return {};
 }

@@ -47,6 +47,8 @@ class KeyChanges {
   /// Notes the changes in the cursors.
   void finish() noexcept;
   void clear() noexcept;
+  /// Whether plan() failed because of an object that another transaction has pending.
+  [[nodiscard]] bool heldByOthers() const { return heldByOthers_; }
 
  private:
   enum class Step {
@@ -77,6 +79,7 @@ class KeyChanges {
   Table& table_;
   std::uint64_t objectID_ = 0;
   ShortList<Change> changes_;
+  bool heldByOthers_ = false;
 };
 
 }  // namespace zelta

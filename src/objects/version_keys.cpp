@@ -27,9 +27,11 @@ Result VersionKeys::make(ObjectBytes object) {
 Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
   const bool many = table_.multiEntry(index);
   const std::size_t start = entries_.size();
+  RowPlaces rows;
   for (std::uint32_t number = 0; number == 0 || many; ++number) {
     std::uint32_t* key = nullptr;
-    ZELTA_TRY(extractKey(metaData_, table_, index, number, &key, object.data, object.length));
+    ZELTA_TRY(
+        extractKey(metaData_, table_, index, number, &key, object.data, object.length, &rows));
     if (key == nullptr) {
       if (many) break;
       return reportError(&metaData_, Own::unclassified, table_.cName(), nullptr, index);
