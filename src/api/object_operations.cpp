@@ -3,8 +3,11 @@
 #include "api/operation.h"
 #include "index/search.h"
 #include "objects/add_object.h"
+#include "objects/delete_object.h"
 #include "objects/object_buffer.h"
 #include "objects/read_object.h"
+#include "objects/restore_object.h"
+#include "objects/rewrite_object.h"
 
 using namespace zelta;
 
@@ -71,28 +74,26 @@ unsigned long long CZELTA::AddObject(unsigned int table, Object* object, long lo
                  [&] { return addObject(*metaData_, tables_, *open, object, objectID); });
 }
 
-unsigned long long CZELTA::RewriteObject(unsigned int table, Object*) {
+unsigned long long CZELTA::RewriteObject(unsigned int table, Object* object) {
   clearError(*metaData_);
   Table* open = nullptr;
   StateCheck check(*metaData_);
-  return check.transaction()
-      .ownThread()
-      .mayWrite()
-      .table(tables_, table, open)
-      .require(false, Own::context)
-      .word();
+  if (check.transaction().ownThread().mayWrite().table(tables_, table, open).failed()) {
+    return check.word();
+  }
+  return perform(*metaData_, false,
+                 [&] { return rewriteObject(*metaData_, tables_, *open, object); });
 }
 
-unsigned long long CZELTA::RestoreObject(unsigned int table, long long, bool) {
+unsigned long long CZELTA::RestoreObject(unsigned int table, long long objectID, bool unlock) {
   clearError(*metaData_);
   Table* open = nullptr;
   StateCheck check(*metaData_);
-  return check.transaction()
-      .ownThread()
-      .mayWrite()
-      .table(tables_, table, open)
-      .require(false, Own::context)
-      .word();
+  if (check.transaction().ownThread().mayWrite().table(tables_, table, open).failed()) {
+    return check.word();
+  }
+  return perform(*metaData_, false,
+                 [&] { return restoreObject(*metaData_, *open, objectID, unlock); });
 }
 
 namespace {
@@ -127,19 +128,18 @@ unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Mo
   return ReadObject(table, mode | ReadEqual, object, 0, &objectID, nullptr);
 }
 
-unsigned long long CZELTA::DeleteObject(unsigned int table, Mode mode, Object*, unsigned int,
-                                        const void* key, unsigned int*) {
+unsigned long long CZELTA::DeleteObject(unsigned int table, Mode mode, Object* object,
+                                        unsigned int index, const void* key, unsigned int* entry) {
   clearError(*metaData_);
   Table* open = nullptr;
   StateCheck check(*metaData_);
-  return check.transaction()
-      .ownThread()
-      .parameter((mode & ReadNoLock) == 0)
-      .parameter(hasKey(mode, key))
-      .mayWrite()
-      .table(tables_, table, open)
-      .require(false, Own::context)
-      .word();
+  check.transaction().ownThread().parameter((mode & ReadNoLock) == 0);
+  if (check.parameter(hasKey(mode, key)).mayWrite().table(tables_, table, open).failed()) {
+    return check.word();
+  }
+  return perform(*metaData_, false, [&] {
+    return deleteObject(*metaData_, tables_, *open, mode, object, index, key, entry);
+  });
 }
 
 unsigned long long CZELTA::DeleteObject(unsigned int table, long long objectID, Object* object) {

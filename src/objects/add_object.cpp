@@ -113,7 +113,8 @@ Result Addition::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
   // All that can fail for want of memory comes before the object is stored.
   auto node = std::make_unique<UInt64AVLTree>();
   ZELTA_TRY(changes_.enter(trees));
-  ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_, {}, false, nullptr));
+  ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_,
+                               {table_.objectData, table_.objectLength}, {}, nullptr));
   if (const Result stored =
           storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_);
       stored.failed()) {

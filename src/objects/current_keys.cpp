@@ -61,36 +61,74 @@ Result fillCursor(MetaData& metaData, Table& table, std::uint32_t index, const c
                     length);
 }
 
+/// Lets the cursors make keys from this version: on demand from a copy, of a large object at once.
+Result keepSource(MetaData& metaData, Table& table, std::uint64_t objectID, ObjectBytes object) {
+  table.keySourceID = 0;
+  if (object.length <= kLargestCopy) {
+    std::memcpy(table.keySource.reserve(object.length), object.data, object.length);
+    table.keySourceLength = object.length;
+    table.keySourceID = objectID;
+    return {};
+  }
+  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
+    ZELTA_TRY(fillCursor(metaData, table, i, object.data, object.length, objectID));
+  }
+  return {};
+}
+
+/// Fills the cursor of a multi-entry index anew, and lets it stay at its key if that is there
+/// still.
+Result renewEntries(MetaData& metaData, Table& table, std::uint32_t index, std::uint64_t objectID,
+                    ObjectBytes object) {
+  IndexCursor& cursor = table.indexStates[index];
+  struct OldKeys {
+    ~OldKeys() { table.nodePool.releaseTree(pool, shape, nodes); }
+    Table& table;
+    KeyPool& pool;
+    KeyShape shape;
+    ObjectKeyNode* nodes;
+  } old{table, cursor.keyPool, table.keyShape(index), std::exchange(cursor.currentKeys, nullptr)};
+  const std::uint32_t* place = std::exchange(cursor.currentKey, nullptr);
+  return fillEntries(metaData, table, index, object.data, object.length, objectID, place, nullptr);
+}
+
 }  // namespace
 
 Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
-                          MatchedKey matched, bool all, std::uint32_t* entry) {
+                          ObjectBytes object, MatchedKey matched, std::uint32_t* entry) {
   table.releaseCurrentKeys();
   table.keySourceID = 0;
   if (table.indexCount == 0) return {};
   if (matched.key != nullptr && matched.key->get() != nullptr) {
     if (table.multiEntry(matched.index)) {
-      ZELTA_TRY(fillEntries(metaData, table, matched.index, table.objectData, table.objectLength,
-                            objectID, matched.key->get(), entry));
+      ZELTA_TRY(fillEntries(metaData, table, matched.index, object.data, object.length, objectID,
+                            matched.key->get(), entry));
     } else {
       table.indexStates[matched.index].currentKey = matched.key->release();
     }
   }
-  if (!all && table.objectLength <= kLargestCopy) {
-    std::memcpy(table.keySource.reserve(table.objectLength), table.objectData, table.objectLength);
-    table.keySourceLength = table.objectLength;
-    table.keySourceID = objectID;
-    return {};
-  }
-  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    ZELTA_TRY(fillCursor(metaData, table, i, table.objectData, table.objectLength, objectID));
-  }
-  return {};
+  return keepSource(metaData, table, objectID, object);
 }
 
-Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
-                  const std::uint32_t** key) {
-  if (table.keySourceID != 0 && table.keySourceID == table.currentObjectID) {
+Result renewCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
+                        ObjectBytes object) {
+  if (table.indexCount == 0) return {};
+  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
+    IndexCursor& cursor = table.indexStates[i];
+    if (table.listKind(i)) continue;
+    if (cursor.currentKeys != nullptr) {
+      ZELTA_TRY(renewEntries(metaData, table, i, objectID, object));
+    } else {
+      table.indexStates[i].keyPool.release(table.keyShape(i),
+                                           std::exchange(cursor.currentKey, nullptr));
+    }
+  }
+  return keepSource(metaData, table, objectID, object);
+}
+
+Result keyOfSource(MetaData& metaData, Table& table, std::uint32_t index,
+                   const std::uint32_t** key) {
+  if (table.keySourceID != 0) {
     ZELTA_TRY(fillCursor(metaData, table, index, table.keySource.data(), table.keySourceLength,
                          table.keySourceID));
   }
@@ -98,11 +136,10 @@ Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
   return {};
 }
 
-Result completeCurrentKeys(MetaData& metaData, Table& table) {
-  const std::uint32_t* key = nullptr;
-  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    ZELTA_TRY(currentKey(metaData, table, i, &key));
-  }
+Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
+                  const std::uint32_t** key) {
+  if (table.keySourceID == table.currentObjectID) return keyOfSource(metaData, table, index, key);
+  *key = table.indexStates[index].currentKey;
   return {};
 }
 

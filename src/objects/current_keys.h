@@ -10,6 +10,12 @@
 
 namespace zelta {
 
+/// A version of an object: its bytes, which begin with the version word. Null: there is none.
+struct ObjectBytes {
+  const char* data = nullptr;
+  std::uint32_t length = 0;
+};
+
 /// A key from an index's pool, which goes back there.
 class PooledKey {
  public:
@@ -48,18 +54,24 @@ struct MatchedKey {
   PooledKey* key = nullptr;  ///< null: not by a key; else it is taken over
 };
 
-/// Makes the object in the table's buffer, whose ID is `objectID`, the one that the cursors stand
-/// on. With `all` its keys in every index are made at once; else a copy of the object is kept, and
-/// a key is made when a walk needs it. `*entry` (may be null) receives the number of the entry
-/// whose key matched.
+/// Makes the object whose ID is `objectID` the one that the cursors stand on. A copy of this
+/// version of it is kept, and a key is made when a walk needs it. `*entry` (may be null) receives
+/// the number of the entry whose key matched.
 Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
-                          MatchedKey matched, bool all, std::uint32_t* entry);
+                          ObjectBytes object, MatchedKey matched, std::uint32_t* entry);
 
-/// The key of the current object in an index (from 0); null if it has none.
+/// The same for an object that the cursors stand on and that has changed. In an index with many
+/// entries for an object a cursor stays at its key if the object still has it.
+Result renewCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
+                        ObjectBytes object);
+
+/// The key in an index (from 0) of the object that the cursors stand on; null if it has none.
+Result keyOfSource(MetaData& metaData, Table& table, std::uint32_t index,
+                   const std::uint32_t** key);
+
+/// The key of the current object in an index (from 0); null if it has none, or if the cursors stand
+/// on no object.
 Result currentKey(MetaData& metaData, Table& table, std::uint32_t index, const std::uint32_t** key);
-
-/// Makes the keys in all indexes that nobody has needed so far.
-Result completeCurrentKeys(MetaData& metaData, Table& table);
 
 }  // namespace zelta
 

@@ -15,6 +15,18 @@ Result ReadFiles::attach(const TableHeader_tag& header, bool writer, bool withIn
   return {};
 }
 
+namespace {
+
+/// A position that no record can have is own code 55.
+Result checkPosition(MetaData& metaData, const Table& table, const TableHeader_tag& header,
+                     std::uint64_t position) {
+  if (position >= header.objectAreaStart && position < header.endOfFile) return {};
+  return reportError(&metaData, Own::tableFile, table.cName(), extension::kTable,
+                     static_cast<std::int64_t>(position));
+}
+
+}  // namespace
+
 Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Located& out,
                    SlotState* state) {
   const Table& table = request.table;
@@ -33,10 +45,7 @@ Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Lo
     *state = SlotState::free;
     return {};
   }
-  if (slot.position < header.objectAreaStart || slot.position >= header.endOfFile) {
-    return reportError(&request.metaData, Own::tableFile, table.cName(), extension::kTable,
-                       static_cast<std::int64_t>(slot.position));
-  }
+  ZELTA_TRY(checkPosition(request.metaData, table, header, slot.position));
   out.tablePosition = slot.position;
   out.blocker = slot.transaction == request.metaData.transactionWord ? 0 : slot.transaction;
   *state = out.locked ? SlotState::locked : SlotState::inUse;
@@ -87,6 +96,30 @@ Result locateObject(const ReadRequest& request, const TableHeader_tag& header, R
   }
   if (!request.writer || out.foreignKey) return {};
   return findPendingVersion(request, files->manager, out);
+}
+
+Result locateVersions(MetaData& metaData, Table& table, const TableHeader_tag& header,
+                      AtomicManager& manager, std::uint64_t objectID, Located& out) {
+  out.objectID = objectID;
+  const bool added = find(table.addedObjects, objectID) != nullptr;
+  if (!added) {
+    ObjectSlot slot{};
+    const SystemCode result = readSlotPosition(table.tableFile, header.slotBase, objectID, &slot);
+    if (result != 0) return reportSystemError(&metaData, result, table.cName(), extension::kTable);
+    ZELTA_TRY(checkPosition(metaData, table, header, slot.position));  // a free slot is far above
+    out.tablePosition = slot.position;
+  }
+  if (!added && find(table.editedObjects, objectID) == nullptr) return {};
+  PendingObject pending;
+  bool found = false;
+  ZELTA_TRY(findPendingObject(manager, objectID, &pending, &found));
+  if (!found || pending.transaction != metaData.transactionWord) {
+    return reportError(&metaData, Own::objectNotFound, table.cName(), extension::kMemory,
+                       static_cast<std::int64_t>(objectID));
+  }
+  out.memoryPosition = pending.position;
+  out.memoryLength = pending.length;
+  return {};
 }
 
 }  // namespace zelta

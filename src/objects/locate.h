@@ -74,6 +74,10 @@ class ReadFiles {
 Result locateObject(const ReadRequest& request, const TableHeader_tag& header, ReadFiles* files,
                     Located& out);
 
+/// Finds both versions of an object that this transaction has locked, changed or added.
+Result locateVersions(MetaData& metaData, Table& table, const TableHeader_tag& header,
+                      AtomicManager& manager, std::uint64_t objectID, Located& out);
+
 /// The roads of locateObject(). They fill `out` up to the object's slot.
 Result walkIds(const ReadRequest& request, const TableHeader_tag& header, bool inverted,
                Located& out);

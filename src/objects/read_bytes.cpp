@@ -121,24 +121,57 @@ Result readCommittedObject(MetaData& metaData, Table& table, const TableHeader_t
   return badRecord(metaData, table, position, objectID);
 }
 
-Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& manager,
-                         const Located& found) {
-  const std::uint32_t length = table.isFixed() ? table.fixedAreaSize : found.memoryLength;
+namespace {
+
+Result badMemory(MetaData& metaData, const Table& table) {
+  return reportError(&metaData, Own::memoryFile, table.cName(), extension::kMemory);
+}
+
+Result pendingLength(MetaData& metaData, const Table& table, const AtomicManager& manager,
+                     const Located& found, std::uint32_t* length) {
+  *length = table.isFixed() ? table.fixedAreaSize : found.memoryLength;
   const std::uint64_t end = manager.memoryEndOfFile;
-  if (length < table.minimumObjectSize || found.memoryPosition > end ||
-      end - found.memoryPosition < std::uint64_t{length} + 4) {
-    return reportError(&metaData, Own::memoryFile, table.cName(), extension::kMemory);
-  }
-  forgetObject(table);
-  makeRoom(table, length);
-  char* object = table.objectBuffer.data() + leadOf(table);
+  const bool inside = *length >= table.minimumObjectSize && found.memoryPosition <= end &&
+                      end - found.memoryPosition >= std::uint64_t{*length} + 4;
+  return inside ? Result() : badMemory(metaData, table);
+}
+
+Result readPending(MetaData& metaData, Table& table, const Located& found, char* object,
+                   std::uint32_t length) {
   const SystemCode result =
       readLargeBuffer(table.memoryFile, found.memoryPosition + 4, object, length);
   if (result != 0) return failed(metaData, table, result, extension::kMemory);
-  if (objectIdOf(table, object) != found.objectID) {
-    return reportError(&metaData, Own::memoryFile, table.cName(), extension::kMemory);
-  }
+  return objectIdOf(table, object) == found.objectID ? Result() : badMemory(metaData, table);
+}
+
+}  // namespace
+
+Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& manager,
+                         const Located& found) {
+  std::uint32_t length = 0;
+  ZELTA_TRY(pendingLength(metaData, table, manager, found, &length));
+  forgetObject(table);
+  makeRoom(table, length);
+  ZELTA_TRY(readPending(metaData, table, found, table.objectBuffer.data() + leadOf(table), length));
   takeObject(table, length);
+  return {};
+}
+
+Result readVersionAside(MetaData& metaData, Table& table, const AtomicManager& manager,
+                        const Located& found, ObjectBytes* object) {
+  std::uint32_t length = 0;
+  if (found.memoryPosition != 0) {
+    ZELTA_TRY(pendingLength(metaData, table, manager, found, &length));
+    char* bytes = metaData.scratchFor(Scratch::object).reserve(length);
+    ZELTA_TRY(readPending(metaData, table, found, bytes, length));
+  } else {
+    ZELTA_TRY(readCommittedAside(metaData, table, found.tablePosition, &length));
+    const char* bytes = metaData.scratchFor(Scratch::object).data();
+    if (objectIdOf(table, bytes) != found.objectID) {
+      return badRecord(metaData, table, found.tablePosition, found.objectID);
+    }
+  }
+  *object = {metaData.scratchFor(Scratch::object).data(), length};
   return {};
 }
 

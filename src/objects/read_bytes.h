@@ -18,6 +18,11 @@ Result readCommittedObject(MetaData& metaData, Table& table, const TableHeader_t
 Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& manager,
                          const Located& found);
 
+/// Reads this transaction's version of an object, the pending one if there is one, into the scratch
+/// buffer for second versions.
+Result readVersionAside(MetaData& metaData, Table& table, const AtomicManager& manager,
+                        const Located& found, ObjectBytes* object);
+
 /// Reads a committed object into the scratch buffer for second versions.
 Result readCommittedAside(MetaData& metaData, Table& table, std::uint64_t position,
                           std::uint32_t* length);

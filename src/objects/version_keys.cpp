@@ -4,7 +4,6 @@
 
 #include "index/keys.h"
 #include "index/kinds.h"
-#include "objects/current_keys.h"
 
 namespace zelta {
 
@@ -52,6 +51,13 @@ Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
 int compareEntries(const Table& table, const VersionKeys::Entry& a, const VersionKeys::Entry& b) {
   if (a.index != b.index) return a.index < b.index ? -1 : 1;
   return compareKeys(table.keyShape(a.index), a.key, b.key);
+}
+
+bool sameKeys(const Table& table, VersionKeys& a, VersionKeys& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [&](const VersionKeys::Entry& x, const VersionKeys::Entry& y) {
+                      return compareEntries(table, x, y) == 0;
+                    });
 }
 
 namespace {

@@ -7,16 +7,11 @@
 #include <utility>
 
 #include "index/bplus_tree.h"
+#include "objects/current_keys.h"
 #include "objects/short_list.h"
 #include "storage/table.h"
 
 namespace zelta {
-
-/// A version of an object: its bytes, which begin with the version word. Null: there is none.
-struct ObjectBytes {
-  const char* data = nullptr;
-  std::uint32_t length = 0;
-};
 
 /// All keys of a version but those of lists, in the order of the indexes, and within an index in
 /// their own. They go back to the pools at the end.
@@ -81,6 +76,9 @@ Result forKeyDifferences(const Table& table, VersionKeys& before, VersionKeys& a
   }
   return {};
 }
+
+/// Whether two versions have the same keys.
+[[nodiscard]] bool sameKeys(const Table& table, VersionKeys& a, VersionKeys& b);
 
 /// How exchangeKeys() takes a tree that does not stand as the old version says.
 enum class KeyExchange {

@@ -90,7 +90,7 @@ class Table final : public UInt32AVLTree {
   /// The object read last as it was read, if the keys of the cursors are made from it on demand.
   ScratchBuffer keySource;
   std::uint32_t keySourceLength = 0;
-  std::uint64_t keySourceID = 0;  ///< its ID; counts only while it is the current object
+  std::uint64_t keySourceID = 0;  ///< its ID; 0: there is none
   platform::File tableFile = platform::File::none;
   platform::File indexFile = platform::File::none;
   platform::File memoryFile = platform::File::none;

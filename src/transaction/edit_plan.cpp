@@ -48,8 +48,14 @@ Result EditPlan::readPosition(std::uint64_t objectID, std::uint64_t* position) {
   return {};
 }
 
+/// The area grows and shrinks by whole records, so that those of a fixed table lie side by side from
+/// its start on. Their padding is not in `defaultObjectSize`.
+std::uint64_t EditPlan::areaUnit() const {
+  return table_.isFixed() ? old_.fixedAreaSize : old_.defaultObjectSize;
+}
+
 std::uint64_t EditPlan::areaStep() const {
-  const std::uint64_t unit = old_.defaultObjectSize;
+  const std::uint64_t unit = areaUnit();
   return unit * ((kAreaStep + unit - 1) / unit);
 }
 
@@ -96,7 +102,7 @@ void EditPlan::lowerArea(std::uint64_t greatestAdded) {
   const std::uint64_t wanted =
       slotPosition(old_.slotBase, std::max(next.highestID, greatestAdded) + kSpareSlots);
   const std::uint64_t step = areaStep();
-  while (next.objectAreaStart >= wanted + old_.defaultObjectSize &&
+  while (next.objectAreaStart >= wanted + areaUnit() &&
          next.objectAreaStart >= wanted + step) {
     next.objectAreaStart -= step;
   }

@@ -1,0 +1,134 @@
+#include "objects/delete_object.h"
+
+#include <cstring>
+
+#include "index/kinds.h"
+#include "objects/key_changes.h"
+#include "objects/object_access.h"
+#include "objects/object_buffer.h"
+#include "objects/read_bytes.h"
+#include "storage/memory_file.h"
+
+namespace zelta {
+
+namespace {
+
+class Deletion final : public ObjectAccess {
+ public:
+  Deletion(UInt32AVLTree*& tables, const ReadRequest& request, CZELTA::Mode flags)
+      : ObjectAccess(tables, request, flags),
+        before_(request.metaData, request.table),
+        none_(request.metaData, request.table),
+        changes_(request.metaData, request.table),
+        startIsOurs_(isOurs(request.table)) {}
+
+ protected:
+  Result work(const TableHeader_tag& header, Located& found, NewLock& newLock) override;
+
+ private:
+  static bool isOurs(const Table& table) {
+    const std::uint64_t id = table.currentObjectID;
+    return id != 0 && table.objectData != nullptr &&
+           (find(table.lockedObjects, id) != nullptr || find(table.editedObjects, id) != nullptr ||
+            find(table.addedObjects, id) != nullptr);
+  }
+  Result readVersion(const TableHeader_tag& header, const Located& found, ObjectBytes* object);
+  void record(std::uint64_t objectID);
+
+  VersionKeys before_;
+  VersionKeys none_;  ///< of the version afterwards
+  KeyChanges changes_;
+  const bool startIsOurs_;  ///< the buffer holds the object that was current, and it is locked
+};
+
+/// The version that goes: into the buffer, unless the object is there. What the caller may have
+/// changed in the buffer since it was stored has no part in the indexes.
+Result Deletion::readVersion(const TableHeader_tag& header, const Located& found,
+                             ObjectBytes* object) {
+  if (startIsOurs_ && found.objectID == startID_) {
+    return readVersionAside(metaData_, table_, files_->manager, found, object);
+  }
+  if (found.memoryPosition != 0) {
+    ZELTA_TRY(readPendingObject(metaData_, table_, files_->manager, found));
+  } else {
+    ZELTA_TRY(readCommittedObject(metaData_, table_, header, found.objectID, found.tablePosition));
+  }
+  *object = {table_.objectData, table_.objectLength};
+  return {};
+}
+
+Result Deletion::work(const TableHeader_tag& header, Located& found, NewLock& newLock) {
+  ObjectBytes object;
+  ZELTA_TRY(readVersion(header, found, &object));
+  ZELTA_TRY(before_.make(object));
+  const bool pending = found.memoryPosition != 0;
+  KeyTrees trees{files_->manager,
+                 {PageFile::memory, files_->memoryHeader.pageSize},
+                 {PageFile::index, files_->indexHeader.pageSize}};
+  ZELTA_TRY(
+      changes_.plan(trees, found.objectID, before_, pending, none_, KeyChanges::Source::tested));
+  // All that can fail for want of memory comes before the files are changed.
+  ZELTA_TRY(moveCursors(found, object));
+  ZELTA_TRY(advance(found, object));
+  if (pending) {
+    ZELTA_TRY(changes_.enter(trees));
+    ZELTA_TRY(removeObject(files_->manager, files_->memoryHeader, table_, found.objectID));
+  }
+  newLock.keep();
+  changes_.finish();
+  record(found.objectID);
+  return releaseMutex();
+}
+
+/// An object that was only added is gone; any other waits for the commit with its lock.
+void Deletion::record(std::uint64_t objectID) {
+  if (UInt64AVLTree* added = find(table_.addedObjects, objectID); added != nullptr) {
+    remove(added, table_.addedObjects);
+    delete added;
+    --table_.addedCount;
+    return;
+  }
+  for (UInt64AVLTree** set : {&table_.editedObjects, &table_.lockedObjects}) {
+    UInt64AVLTree* node = find(*set, objectID);
+    if (node == nullptr) continue;
+    remove(node, *set);
+    insert(node, table_.deletedObjects, objectID);
+    ++table_.deletedCount;
+    return;
+  }
+}
+
+/// Whether a request by ID means the current object.
+bool meansCurrent(const Table& table, std::uint32_t index, const void* key) {
+  if (index != 0) return false;
+  std::uint64_t id = 0;
+  if (key != nullptr) std::memcpy(&id, key, table.idSize());
+  return id == 0;
+}
+
+}  // namespace
+
+Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
+                    CZELTA::Object* object, std::uint32_t index, const void* key,
+                    std::uint32_t* entry) {
+  if (object != nullptr) *object = CZELTA::Object{};
+  if (entry != nullptr) *entry = 0;
+  ReadRequest request{metaData, table, withoutFlags(mode), false, true, index, key, nullptr};
+  const std::uint64_t current = table.currentObjectID;
+  if (meansCurrent(table, index, key)) {
+    if (current == 0) return reportError(&metaData, Own::noObject);
+    request.mode = CZELTA::ReadEqual;
+    request.key = &current;
+  }
+  ZELTA_TRY(checkRequest(request));
+  ZELTA_TRY(checkIndexKinds(metaData, table));
+  PooledKey searchKey;
+  ZELTA_TRY(makeSearchKey(request, searchKey));
+  Deletion deletion(tables, request, mode);
+  ZELTA_TRY(deletion.run());
+  if (entry != nullptr) *entry = deletion.entry();
+  fillObject(table, object);
+  return {};
+}
+
+}  // namespace zelta

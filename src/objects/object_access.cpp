@@ -1,0 +1,288 @@
+#include "objects/object_access.h"
+
+#include "index/keys.h"
+#include "objects/lock_position.h"
+#include "objects/object_buffer.h"
+#include "objects/read_bytes.h"
+#include "platform/clock.h"
+#include "transaction/frame.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::uint32_t kMutexWait = 30000;
+/// Rounds of a reader that meets a commit of another process halfway.
+constexpr std::uint32_t kTornRounds = 250;
+constexpr std::uint32_t kQuickRounds = 10;
+/// Passes that an access may begin anew because it met and repaired remains of dead transactions.
+constexpr std::uint32_t kMaximumRepairs = 1000;
+
+}  // namespace
+
+/// Failures that a reader without mutex can owe to a commit that goes on at this moment.
+bool ObjectAccess::mayBeTorn(Result result) const {
+  if (request_.writer || !headerRead_) return false;
+  return result.is(Own::notWritable) || result.is(Own::bPlusTree) || result.is(Own::variableLeaf) ||
+         result.is(Own::indexFile) || result.is(Own::tableFile) ||
+         result.is(Own::indexInconsistent) || result.isSystem(code::kEndOfFile) ||
+         result.isSystem(code::kFileCorrupt);
+}
+
+Result ObjectAccess::run() {
+  for (;;) {
+    Outcome outcome = Outcome::done;
+    const Result result = pass(&outcome);
+    mutex_.release().ignore();
+    if (result.failed() && !result.isLocked()) {
+      if (!mayBeTorn(result) || tornRounds_ == kTornRounds) return result;
+      platform::sleepMilliseconds(tornRounds_++ < kQuickRounds ? 0 : 2);
+      clearError(metaData_);
+      continue;
+    }
+    if (result.isLocked() && outcome == Outcome::done) outcome = Outcome::blockedByTransaction;
+    if (outcome == Outcome::done) return {};
+    if (outcome == Outcome::again) {
+      if (repairs_++ == kMaximumRepairs) {
+        return reportError(&metaData_, Own::memoryFile, table_.cName(), extension::kMemory);
+      }
+      continue;
+    }
+    ZELTA_TRY(waitOrFail(outcome));
+  }
+}
+
+Result ObjectAccess::openPass(TableHeader_tag& header) {
+  headerRead_ = false;
+  if (request_.writer) ZELTA_TRY(mutex_.acquire(metaData_, table_, kMutexWait));
+  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, request_.writer));
+  headerRead_ = true;
+  if (!request_.writer && !request_.byTree()) return {};
+  if (!files_) files_.emplace(metaData_, table_);
+  return files_->attach(header, request_.writer, request_.byTree());
+}
+
+Result ObjectAccess::pass(Outcome* outcome) {
+  TableHeader_tag header{};
+  table_.currentObjectID = startID_;
+  blockedBy_ = 0;
+  blockedPosition_ = 0;
+  ZELTA_TRY(openPass(header));
+  Located found;
+  const Result result = locateObject(request_, header, files_ ? &*files_ : nullptr, found);
+  blockedID_ = found.objectID;
+  blockedPosition_ = found.tablePosition;
+  if (result.isLocked()) {
+    const Outcome locked =
+        found.tablePosition != 0 ? Outcome::objectLocked : Outcome::blockedByTransaction;
+    *outcome = locked;
+    return request_.writer ? askForDead(0, locked, outcome) : result;
+  }
+  ZELTA_TRY(result);
+  if (found.foreignKey) {
+    // Its transaction may have died without anybody having noticed yet.
+    if (!askedForDead_) {
+      askedForDead_ = true;
+      return askForDead(0, Outcome::again, outcome);
+    }
+    return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
+                       static_cast<std::int64_t>(found.objectID));
+  }
+  if (found.blocker != 0 && !request_.noLock) {
+    ZELTA_TRY(meetBlocker(header, found, outcome));
+    if (*outcome != Outcome::done) return {};
+  }
+  return finishPass(header, found, outcome);
+}
+
+/// Learns from the control file whether a transaction (0: any) is dead, and repairs it. The
+/// table's mutex is let go: the database's is never waited for with a table's at hand.
+Result ObjectAccess::askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome) {
+  ZELTA_TRY(mutex_.release());
+  const Result result = clearDeadTransaction(metaData_, tables_, number);
+  *outcome = blocked;
+  if (result.isLocked()) return {};
+  if (result.ok() && number != 0) {
+    endedTransaction_ = number;
+    *outcome = Outcome::again;
+  }
+  return result;
+}
+
+/// Another transaction has left its mark on an object that nobody has locked.
+Result ObjectAccess::meetBlocker(const TableHeader_tag& header, const Located& found,
+                                 Outcome* outcome) {
+  blockedBy_ = found.blocker;
+  if (found.blocker == kExclusiveNumber || found.blocker == endedTransaction_) {
+    return dropTraces(header, found, outcome);
+  }
+  return askForDead(found.blocker, Outcome::blockedByTransaction, outcome);
+}
+
+/// The transaction is gone and will not come back for its mark.
+Result ObjectAccess::dropTraces(const TableHeader_tag& header, const Located& found,
+                                Outcome* outcome) {
+  if (!found.blockerHasEntry) {
+    if (found.blocker == kExclusiveNumber) return {};
+    return eraseSlotTransaction(metaData_, table_, header.slotBase, found.objectID);
+  }
+  *outcome = Outcome::again;
+  return dropTransactionEntries(metaData_, table_, *files_, found.blocker);
+}
+
+Result ObjectAccess::lock(const Located& found, NewLock& newLock, Outcome* outcome) {
+  const std::uint64_t id = found.objectID;
+  if (request_.noLock || found.memoryPosition != 0 || find(table_.lockedObjects, id) != nullptr ||
+      find(table_.editedObjects, id) != nullptr || find(table_.addedObjects, id) != nullptr) {
+    return {};
+  }
+  const SystemCode result = newLock.take(id);
+  if (result == 0) return {};
+  if (result != code::kLockViolation) {
+    return reportSystemError(&metaData_, result, table_.cName(), extension::kTable);
+  }
+  *outcome = Outcome::objectLocked;
+  return {};
+}
+
+Result ObjectAccess::finishPass(const TableHeader_tag& header, Located& found, Outcome* outcome) {
+  table_.currentObjectID = 0;
+  NewLock newLock(table_);
+  ZELTA_TRY(lock(found, newLock, outcome));
+  if (*outcome != Outcome::done) return {};
+  ZELTA_TRY(work(header, found, newLock));
+  table_.currentObjectID = found.objectID;
+  return {};
+}
+
+Result ObjectAccess::releaseMutex() {
+  headerRead_ = false;  // the keys that the walk set out from are given up now: no way back
+  return mutex_.release();
+}
+
+Result ObjectAccess::moveCursors(Located& found, ObjectBytes object) {
+  headerRead_ = false;
+  MatchedKey matched;
+  if (found.key.get() != nullptr) matched = {request_.index - 1, &found.key};
+  return refreshCurrentKeys(metaData_, table_, found.objectID, object, matched, &entry_);
+}
+
+Result ObjectAccess::advance(const Located& found, ObjectBytes object) {
+  std::uint32_t index = 0;
+  if (!lockingIndex(table_, &index)) {
+    advanceLockPosition(metaData_, table_, found.objectID, nullptr);
+    return {};
+  }
+  if (!table_.multiEntry(index)) {
+    const std::uint32_t* key = nullptr;
+    ZELTA_TRY(keyOfSource(metaData_, table_, index, &key));
+    advanceLockPosition(metaData_, table_, found.objectID, key);
+    return {};
+  }
+  std::uint32_t* made = nullptr;
+  ZELTA_TRY(extractKey(metaData_, table_, index, 0, &made, object.data, object.length));
+  PooledKey first;
+  first.take(table_, index, made);
+  advanceLockPosition(metaData_, table_, found.objectID, first.get());
+  return {};
+}
+
+/// Whether waiting for the object keeps to the order of locks. Its key is made from the committed
+/// version. That is read without the mutex: if its owner is committing at this moment, another pass
+/// sees what came of it.
+Result ObjectAccess::isAhead(bool* ahead) {
+  std::uint32_t index = 0;
+  *ahead = isAheadOfLockPosition(metaData_, table_, nullptr);
+  if (metaData_.lockOrderReached != table_.tableLockOrder || metaData_.lockKey == nullptr ||
+      !lockingIndex(table_, &index)) {
+    return {};
+  }
+  std::uint32_t length = 0;
+  const Result read = readCommittedAside(metaData_, table_, blockedPosition_, &length);
+  const char* object = metaData_.scratchFor(Scratch::object).data();
+  if (read.failed() || objectIdOf(table_, object) != blockedID_) {
+    clearError(metaData_);
+    return {};
+  }
+  std::uint32_t* made = nullptr;
+  ZELTA_TRY(extractKey(metaData_, table_, index, 0, &made, object, length));
+  PooledKey key;
+  key.take(table_, index, made);
+  *ahead = isAheadOfLockPosition(metaData_, table_, key.get());
+  return {};
+}
+
+Result ObjectAccess::waitOrFail(Outcome outcome) {
+  const bool byTransaction = outcome == Outcome::blockedByTransaction;
+  bool mayGoOn = wait_.again();
+  if (!mayGoOn && wait_.mayExtend()) {
+    mayGoOn = true;
+    if (!byTransaction) ZELTA_TRY(isAhead(&mayGoOn));
+    if (mayGoOn) wait_.extend();
+  }
+  if (!mayGoOn) {
+    if (byTransaction) {
+      return reportError(&metaData_, Own::transactionLocked, nullptr, nullptr, blockedBy_);
+    }
+    return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
+                       static_cast<std::int64_t>(blockedID_));
+  }
+  wait_.rest();
+  return {};
+}
+
+CZELTA::Mode withoutFlags(CZELTA::Mode mode) {
+  return static_cast<CZELTA::Mode>(static_cast<std::uint32_t>(mode) & 63u);
+}
+
+namespace {
+
+bool hasMode(CZELTA::Mode mode) {
+  return mode >= CZELTA::ReadEqual && mode <= CZELTA::ReadPrevious;
+}
+
+/// A walk through a tree begins at a key: the given one, or that of the current object.
+Result checkPivot(const ReadRequest& request) {
+  const std::uint32_t* current = nullptr;
+  switch (request.mode) {
+    case CZELTA::ReadFirst:
+    case CZELTA::ReadLast:
+      return {};
+    case CZELTA::ReadNext:
+    case CZELTA::ReadPrevious:
+      ZELTA_TRY(currentKey(request.metaData, request.table, request.index - 1, &current));
+      return current != nullptr ? Result() : reportError(&request.metaData, Own::noObject);
+    default:
+      break;
+  }
+  if (request.key != nullptr) return {};
+  return reportError(&request.metaData, Own::parameter, request.table.cName());
+}
+
+}  // namespace
+
+Result checkRequest(const ReadRequest& request) {
+  if (request.index > request.table.indexCount) {
+    return reportError(&request.metaData, Own::parameter, request.table.cName(), nullptr,
+                       request.index);
+  }
+  if (request.byResults() && request.table.searchIndex != request.index) {
+    return reportError(&request.metaData, Own::noSearch, nullptr, nullptr,
+                       std::int64_t{request.index} - 1);
+  }
+  if (!hasMode(request.mode)) {
+    return reportError(&request.metaData, Own::readMode, nullptr, nullptr, request.mode);
+  }
+  return request.byTree() ? checkPivot(request) : Result{};
+}
+
+Result makeSearchKey(ReadRequest& request, PooledKey& searchKey) {
+  if (!request.byTree() || request.key == nullptr) return {};
+  std::uint32_t* made = nullptr;
+  ZELTA_TRY(buildSearchKey(request.metaData, request.table, request.index - 1, request.key, &made));
+  searchKey.take(request.table, request.index - 1, made);
+  request.searchKey = made;
+  return {};
+}
+
+}  // namespace zelta

@@ -1,0 +1,122 @@
+// Finding an object and making it this transaction's own: passes under the table's mutex, and waits
+// for others between them.
+
+#ifndef ZELTA_OBJECTS_OBJECT_ACCESS_H
+#define ZELTA_OBJECTS_OBJECT_ACCESS_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "czelta.h"
+#include "objects/current_keys.h"
+#include "objects/locate.h"
+#include "objects/read_wait.h"
+
+namespace zelta {
+
+/// The number of every exclusive transaction.
+inline constexpr std::uint32_t kExclusiveNumber = 1;
+
+/// A lock on an object that is given back unless it is kept.
+class NewLock {
+ public:
+  explicit NewLock(Table& table) : table_(table) {}
+  ~NewLock() {
+    if (node_) unlockObject(table_.tableFile, table_.slotBase, objectID_);
+  }
+  NewLock(const NewLock&) = delete;
+  NewLock& operator=(const NewLock&) = delete;
+
+  SystemCode take(std::uint64_t objectID) {
+    auto node = std::make_unique<UInt64AVLTree>();
+    const SystemCode result = lockObject(table_.tableFile, table_.slotBase, objectID);
+    if (result != 0) return result;
+    node_ = std::move(node);
+    objectID_ = objectID;
+    return 0;
+  }
+  void keep() {
+    if (node_) insert(node_.release(), table_.lockedObjects, objectID_);
+  }
+
+ private:
+  Table& table_;
+  std::unique_ptr<UInt64AVLTree> node_;
+  std::uint64_t objectID_ = 0;
+};
+
+class ObjectAccess {
+ public:
+  ObjectAccess(UInt32AVLTree*& tables, ReadRequest request, CZELTA::Mode flags)
+      : metaData_(request.metaData),
+        tables_(tables),
+        table_(request.table),
+        request_(request),
+        wait_(flags),
+        startID_(request.table.currentObjectID) {}
+  virtual ~ObjectAccess() = default;
+  ObjectAccess(const ObjectAccess&) = delete;
+  ObjectAccess& operator=(const ObjectAccess&) = delete;
+
+  /// Finds and locks the object that is asked for, and does the work with it. Afterwards it is the
+  /// table's current one.
+  Result run();
+  /// Number of the entry whose key matched.
+  [[nodiscard]] std::uint32_t entry() const { return entry_; }
+
+ protected:
+  /// What is done with the object, under the mutex if the transaction may write. `newLock` has it
+  /// locked unless it was locked already, and keeps the lock if it is told so.
+  virtual Result work(const TableHeader_tag& header, Located& found, NewLock& newLock) = 0;
+
+  Result releaseMutex();
+  /// Makes a version of the object the one that walks go on from.
+  Result moveCursors(Located& found, ObjectBytes object);
+  /// Takes note of the object's lock, once the cursors stand on this version of it.
+  Result advance(const Located& found, ObjectBytes object);
+
+  MetaData& metaData_;
+  UInt32AVLTree*& tables_;
+  Table& table_;
+  ReadRequest request_;
+  std::optional<ReadFiles> files_;
+  LockWait wait_;
+  const std::uint64_t startID_;  ///< object that every pass sets out from
+
+ private:
+  enum class Outcome { done, again, blockedByTransaction, objectLocked };
+
+  Result pass(Outcome* outcome);
+  Result openPass(TableHeader_tag& header);
+  Result meetBlocker(const TableHeader_tag& header, const Located& found, Outcome* outcome);
+  Result dropTraces(const TableHeader_tag& header, const Located& found, Outcome* outcome);
+  Result askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome);
+  Result finishPass(const TableHeader_tag& header, Located& found, Outcome* outcome);
+  Result lock(const Located& found, NewLock& newLock, Outcome* outcome);
+  Result waitOrFail(Outcome outcome);
+  Result isAhead(bool* ahead);
+  [[nodiscard]] bool mayBeTorn(Result result) const;
+
+  TableMutexGuard mutex_;
+  std::uint32_t entry_ = 0;
+  std::uint32_t endedTransaction_ = 0;  ///< known to live no more
+  bool askedForDead_ = false;           ///< a foreign key was met before
+  bool headerRead_ = false;             ///< the pass got past the table's header
+  std::uint32_t tornRounds_ = 0;
+  std::uint32_t repairs_ = 0;
+  // Who keeps the object from this access
+  std::uint64_t blockedID_ = 0;
+  std::uint64_t blockedPosition_ = 0;
+  std::uint32_t blockedBy_ = 0;
+};
+
+[[nodiscard]] CZELTA::Mode withoutFlags(CZELTA::Mode mode);
+/// What can be refused of a request before any file is looked at.
+Result checkRequest(const ReadRequest& request);
+/// Makes the key to look for if the request goes through a B+Tree and has one. `searchKey` owns it.
+Result makeSearchKey(ReadRequest& request, PooledKey& searchKey);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_OBJECT_ACCESS_H

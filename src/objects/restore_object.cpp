@@ -1,0 +1,141 @@
+// There is no record of what is to be undone, and none is needed: the committed version never left
+// the table file, and all that the transaction did is in the memory file and the cursors.
+
+#include "objects/restore_object.h"
+
+#include "objects/current_keys.h"
+#include "objects/key_changes.h"
+#include "objects/locate.h"
+#include "objects/read_bytes.h"
+#include "storage/memory_file.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+namespace {
+
+/// Longer than other operations wait: a restore is not tried again.
+constexpr std::uint32_t kMutexWait = 600000;  // ms
+
+class Restoration {
+ public:
+  Restoration(MetaData& metaData, Table& table, std::uint64_t objectID, bool unlock)
+      : metaData_(metaData),
+        table_(table),
+        objectID_(objectID),
+        unlock_(unlock),
+        manager_(metaData, table),
+        pendingKeys_(metaData, table),
+        committedKeys_(metaData, table),
+        changes_(metaData, table) {}
+
+  /// Undoes the change that the set `changed` names the object for.
+  Result run(UInt64AVLTree*& changed);
+
+ private:
+  Result readVersions(const TableHeader_tag& header, bool added);
+  Result putCursorsBack(bool added);
+  void record(UInt64AVLTree*& changed, bool added);
+
+  MetaData& metaData_;
+  Table& table_;
+  const std::uint64_t objectID_;
+  const bool unlock_;
+  AtomicManager manager_;
+  VersionKeys pendingKeys_;
+  VersionKeys committedKeys_;
+  KeyChanges changes_;
+  Located found_;
+  ObjectBytes committed_;
+};
+
+/// Makes the keys of both versions, the committed one last: its bytes stay at hand.
+Result Restoration::readVersions(const TableHeader_tag& header, bool added) {
+  ZELTA_TRY(locateVersions(metaData_, table_, header, manager_, objectID_, found_));
+  if (found_.memoryPosition != 0) {
+    ObjectBytes pending;
+    ZELTA_TRY(readVersionAside(metaData_, table_, manager_, found_, &pending));
+    ZELTA_TRY(pendingKeys_.make(pending));
+  }
+  if (added) return {};
+  Located slot;
+  slot.objectID = objectID_;
+  slot.tablePosition = found_.tablePosition;
+  ZELTA_TRY(readVersionAside(metaData_, table_, manager_, slot, &committed_));
+  return committedKeys_.make(committed_);
+}
+
+Result Restoration::putCursorsBack(bool added) {
+  if (table_.currentObjectID != objectID_) return {};
+  if (!added) return renewCurrentKeys(metaData_, table_, objectID_, committed_);
+  table_.releaseCurrentKeys();
+  table_.keySourceID = 0;
+  return {};
+}
+
+Result Restoration::run(UInt64AVLTree*& changed) {
+  const bool added = &changed == &table_.addedObjects;
+  TableMutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData_, table_, kMutexWait));
+  TableHeader_tag header;
+  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
+  MemoryFileHeader_tag memoryHeader;
+  ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader, manager_, true));
+  manager_.attach(platform::File::none, nullptr, table_.memoryFile, &memoryHeader);
+  ZELTA_TRY(readVersions(header, added));
+  KeyTrees trees{manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, 0}};
+  const bool pending = found_.memoryPosition != 0;
+  ZELTA_TRY(changes_.plan(trees, objectID_, pendingKeys_, pending, committedKeys_,
+                          KeyChanges::Source::committed));
+  // All that can fail for want of memory comes before the files are changed.
+  ZELTA_TRY(putCursorsBack(added));
+  if (pending) {
+    ZELTA_TRY(changes_.enter(trees));
+    ZELTA_TRY(removeObject(manager_, memoryHeader, table_, objectID_));
+  }
+  changes_.finish();
+  record(changed, added);
+  return guard.release();
+}
+
+void Restoration::record(UInt64AVLTree*& changed, bool added) {
+  UInt64AVLTree* node = find(changed, objectID_);
+  remove(node, changed);
+  if (added) {
+    --table_.addedCount;
+    if (table_.currentObjectID == objectID_) table_.currentObjectID = 0;
+    delete node;
+    return;
+  }
+  if (&changed == &table_.deletedObjects) --table_.deletedCount;
+  if (unlock_) {
+    unlockObject(table_.tableFile, table_.slotBase, objectID_);
+    delete node;
+  } else {
+    insert(node, table_.lockedObjects, objectID_);
+  }
+}
+
+}  // namespace
+
+Result restoreObject(MetaData& metaData, Table& table, long long objectID, bool unlock) {
+  const std::uint64_t id =
+      objectID == 0 ? table.currentObjectID : static_cast<std::uint64_t>(objectID);
+  if (UInt64AVLTree* node = find(table.lockedObjects, id); node != nullptr) {
+    if (!unlock) return {};
+    remove(node, table.lockedObjects);
+    delete node;
+    unlockObject(table.tableFile, table.slotBase, id);
+    if (table.currentObjectID == id) table.currentObjectID = 0;
+    return {};
+  }
+  for (UInt64AVLTree** changed :
+       {&table.addedObjects, &table.editedObjects, &table.deletedObjects}) {
+    if (find(*changed, id) == nullptr) continue;
+    return Restoration(metaData, table, id, unlock).run(*changed);
+  }
+  return reportError(&metaData, Own::objectNotFound, table.cName(), extension::kMemory,
+                     static_cast<std::int64_t>(id));
+}
+
+}  // namespace zelta
