@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "frame/control_file.h"
+#include "platform/clock.h"
 #include "platform/text.h"
 #include "storage/file_io.h"
 
@@ -91,7 +92,8 @@ bool TableDirectory::parse(const char* bytes, std::size_t length, std::uint32_t 
 
 Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header) {
   entries_.clear();
-  constexpr int kAttempts = 10;
+  constexpr int kAttempts = 250;
+  constexpr int kQuick = 150;
   const auto damaged = [&] {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   };
@@ -115,16 +117,20 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
       good = readLargeBuffer(metaData.controlFile, kControlHeaderSize, bytes, length) == 0 &&
              parse(bytes, length, current.tableCount, current.directorySize);
     }
-    // A reader holds no lock: an exclusive transaction may have changed the directory meanwhile.
+    // A reader holds no lock: an exclusive transaction may be changing the directory. It writes the
+    // directory first and its numbers later, with a flush between the two, so that an unchanged
+    // header proves nothing against what was read.
     ControlHeader_tag again{};
     constexpr std::uint32_t kStable = kExclusiveWord;
     if (const SystemCode failure = readBuffer(metaData.controlFile, 0, &again, kStable);
         failure != 0) {
       return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
     }
-    if (std::memcmp(&again, &current, kStable) == 0) return good ? Result{} : damaged();
-    if (attempt == kAttempts) return damaged();
+    const bool changed = std::memcmp(&again, &current, kStable) != 0;
+    if (good && !changed) return {};
+    if (attempt == kAttempts || (metaData.mayWrite() && !changed)) return damaged();
     std::memcpy(&current, &again, kStable);
+    platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
   }
 }
 
