@@ -202,7 +202,8 @@ Result recoverSlots(MetaData& metaData, UInt32AVLTree*& tables, const ControlHea
         failure != 0) {
       return reportControl(metaData, failure);
     }
-    if (number != 0) ZELTA_TRY(recoverTransaction(metaData, tables, number, slot, &header));
+    if (number < kFirstSlotNumber) continue;
+    ZELTA_TRY(recoverTransaction(metaData, tables, number, slot, &header));
   }
   return reportControl(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
 }

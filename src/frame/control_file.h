@@ -52,6 +52,8 @@ static_assert(offsetof(ControlHeader_tag, changeOperation) == 56);
 inline constexpr std::uint32_t kControlHeaderSize = sizeof(ControlHeader_tag);
 /// A transaction slot: the number and a state word of 1; the second word is the lock of its owner.
 inline constexpr std::uint32_t kSlotSize = 8;
+/// Numbers of transactions that have a slot begin here; what is below it in a slot names none.
+inline constexpr std::uint32_t kFirstSlotNumber = 2;
 /// Position of the word that an exclusive transaction locks, and of its "slot".
 inline constexpr std::uint32_t kExclusiveWord = offsetof(ControlHeader_tag, lastTransaction);
 

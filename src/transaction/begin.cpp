@@ -102,7 +102,14 @@ Result BeginAttempt::begin(Outcome* outcome) {
   ZELTA_TRY(reportControlFile(
       metaData_, readBuffer(metaData_.controlFile, kExclusiveWord, &words, sizeof words)));
   if (words.exclusiveState != 0) {
-    // Its owner's lock was just gained: it is dead.
+    // Its owner's lock was just gained: it is dead. It was alone, so what lies behind the directory
+    // are no slots but the remains of a change of the directory.
+    std::uint64_t size = 0;
+    SystemCode failure = platform::fileSize(metaData_.controlFile, &size);
+    if (failure == 0 && size > header.directoryEnd) {
+      failure = truncateFile(metaData_.controlFile, header.directoryEnd);
+    }
+    ZELTA_TRY(reportControlFile(metaData_, failure));
     exclusive_ = false;  // kept for the repair
     noteDead(1, kExclusiveWord, outcome);
     return {};

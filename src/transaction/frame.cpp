@@ -72,7 +72,7 @@ class FreeSlotSearch final : public SlotVisitor {
       platform::unlockWord(metaData_.controlFile, {slot + 4});
       return read;
     }
-    if (number != 0) {
+    if (number >= kFirstSlotNumber) {
       dropFreeSlot();
       position = slot;
       deadNumber = number;
@@ -202,7 +202,7 @@ class OwnerSearch final : public SlotVisitor {
   Result visit(std::uint64_t slot, bool* stop) override {
     std::uint32_t number = 0;
     ZELTA_TRY(readSlotNumber(metaData_, slot, &number));
-    if (number == 0 || (wanted_ != 0 && number != wanted_)) return {};
+    if (number < kFirstSlotNumber || (wanted_ != 0 && number != wanted_)) return {};
     if (wanted_ != 0 && !keepLock_) {
       take(slot, number, stop);
       return {};
