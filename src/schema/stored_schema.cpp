@@ -199,6 +199,19 @@ std::string storedSchema(const CZELTA::Schema& schema) {
   return out;
 }
 
+std::string storedSchemaLike(const CZELTA::Schema& schema, const std::string& other) {
+  std::string out = storedSchema(schema);
+  if (out.size() != other.size() || schema.indexCount == 0) return out;
+  StoredHead head;
+  std::memcpy(&head, out.data(), sizeof head);
+  std::size_t at = std::size_t{head.indexPosition} * 2 + offsetof(StoredIndex, segmentPosition);
+  for (std::uint32_t i = 0; i < schema.indexCount; ++i, at += sizeof(StoredIndex)) {
+    constexpr std::size_t kWidth = sizeof(StoredIndex::segmentPosition);
+    if (schema.indexes[i].segmentCount == 0) out.replace(at, kWidth, other, at, kWidth);
+  }
+  return out;
+}
+
 std::string schemaRecord(const CZELTA::Schema& schema, const std::u16string& name,
                          const std::u16string& folder) {
   BlockWriter writer(schema, 1);
@@ -262,7 +275,7 @@ class BlockReader {
 bool BlockReader::measure() {
   if (size_ < sizeof(StoredHead)) return false;
   head_ = at<StoredHead>(0);
-  if (head_.fieldPosition * 2 != sizeof(StoredHead) || head_.tableId != 0) return false;
+  if (head_.fieldPosition != sizeof(StoredHead) / 2 || head_.tableId != 0) return false;
   counts_.fields = head_.fieldCount;
   counts_.indexes = head_.indexCount;
   return measureFields() && measureIndexes() && measureNames();

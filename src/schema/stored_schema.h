@@ -13,6 +13,10 @@ namespace zelta {
 /// The block of a table file. Positions in it count units of 2 bytes.
 [[nodiscard]] std::string storedSchema(const CZELTA::Schema& schema);
 
+/// The same, to be compared with a block that another release may have written: what nobody reads,
+/// the position of the segments of an index without any, is taken from there.
+[[nodiscard]] std::string storedSchemaLike(const CZELTA::Schema& schema, const std::string& other);
+
 /// The block of the log and of a directory's image: with the table's name and the folder of its
 /// index file (null or empty: the database's), positions in bytes, filled to a multiple of 4.
 [[nodiscard]] std::string schemaRecord(const CZELTA::Schema& schema, const std::u16string& name,

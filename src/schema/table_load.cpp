@@ -24,7 +24,7 @@ std::uint64_t schemaEnd(std::uint64_t schemaSize) { return (schemaSize + 171) & 
 bool isSound(const SchemaCopy& copy, const std::string& block, const TableHeader_tag& header,
              ObjectSizes& sizes) {
   if (validateSchema(*std::make_unique<MetaData>(), *copy.schema, sizes).failed()) return false;
-  return storedSchema(*copy.schema) == block && sizes.headerSize == header.headerSize &&
+  return storedSchemaLike(*copy.schema, block) == block && sizes.headerSize == header.headerSize &&
          sizes.fixedAreaSize == header.fixedAreaSize &&
          sizes.minimumObjectSize == header.minimumObjectSize &&
          sizes.defaultObjectSize == header.defaultObjectSize;
