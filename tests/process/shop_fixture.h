@@ -84,6 +84,18 @@ class Shop {
   unsigned long long readId(long long id, CZELTA::Mode flags = CZELTA::Mode{}) {
     return db.ReadObject(kTable, id, flags, &object);
   }
+  /// Changes the object of the buffer, which this transaction has read or added.
+  unsigned long long rewrite(const Row& row) {
+    const std::string text = textOf(row);
+    if (const auto failure = db.PutVariableValues(
+            kTable, text.c_str(), static_cast<unsigned>(text.size() + 1), 0, 1, &object);
+        failure != 0) {
+      return failure;
+    }
+    std::memcpy(object.data, &row, sizeof row);
+    return db.RewriteObject(kTable, &object);
+  }
+  unsigned long long remove(long long id) { return db.DeleteObject(kTable, id, &object); }
   unsigned long long walk(CZELTA::Mode mode, unsigned index) {
     return db.ReadObject(kTable, mode, &object, index, nullptr, nullptr);
   }
