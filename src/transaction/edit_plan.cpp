@@ -48,8 +48,8 @@ Result EditPlan::readPosition(std::uint64_t objectID, std::uint64_t* position) {
   return {};
 }
 
-/// The area grows and shrinks by whole records, so that those of a fixed table lie side by side from
-/// its start on. Their padding is not in `defaultObjectSize`.
+/// The area grows and shrinks by whole records, so that those of a fixed table lie side by side
+/// from its start on. Their padding is not in `defaultObjectSize`.
 std::uint64_t EditPlan::areaUnit() const {
   return table_.isFixed() ? old_.fixedAreaSize : old_.defaultObjectSize;
 }
@@ -102,8 +102,7 @@ void EditPlan::lowerArea(std::uint64_t greatestAdded) {
   const std::uint64_t wanted =
       slotPosition(old_.slotBase, std::max(next.highestID, greatestAdded) + kSpareSlots);
   const std::uint64_t step = areaStep();
-  while (next.objectAreaStart >= wanted + areaUnit() &&
-         next.objectAreaStart >= wanted + step) {
+  while (next.objectAreaStart >= wanted + areaUnit() && next.objectAreaStart >= wanted + step) {
     next.objectAreaStart -= step;
   }
 }
