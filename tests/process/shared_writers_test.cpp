@@ -245,9 +245,9 @@ class SharedWriters : public ShopTest {
   }
 };
 
-TEST_F(SharedWriters, ThatAddLeaveWhatTheyTold) { compare(letWrite(4, 60, false)); }
+TEST_F(SharedWriters, ThatAddLeaveWhatTheyTold) { compare(letWrite(4, 40, false)); }
 
-TEST_F(SharedWriters, ThatAddRewriteAndDeleteLeaveWhatTheyTold) { compare(letWrite(3, 80, true)); }
+TEST_F(SharedWriters, ThatAddRewriteAndDeleteLeaveWhatTheyTold) { compare(letWrite(3, 50, true)); }
 
 }  // namespace
 }  // namespace zelta::testing

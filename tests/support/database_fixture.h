@@ -69,6 +69,7 @@ class ChildProcess {
    public:
     Line(int in, int out) : in_(in), out_(out) {}
     void say(char byte) const { EXPECT_EQ(write(out_, &byte, 1), 1); }
+    [[nodiscard]] int input() const { return in_; }
     /// The next byte of the other side; 0 if it is gone or silent for 30 s.
     char hear() const {
       pollfd ready{in_, POLLIN, 0};
