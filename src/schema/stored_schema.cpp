@@ -1,5 +1,6 @@
 #include "schema/stored_schema.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <vector>
@@ -236,12 +237,16 @@ namespace {
 
 class BlockReader {
  public:
-  BlockReader(const char* block, std::uint32_t size) : block_(block), size_(size) {}
+  /// `unit`: how many bytes a position counts.
+  BlockReader(const char* block, std::uint64_t size, std::uint32_t unit)
+      : block_(block), size_(size), unit_(unit) {}
 
   /// Checks the head and counts what a copy needs. False if the parts do not lie as they are
   /// written.
   bool measure();
   SchemaCopy expand() const;
+  /// Where the last text ends; behind measure(). False if the texts of table and folder are none.
+  bool findEnd(std::uint64_t* end) const;
 
  private:
   template <typename Record>
@@ -265,6 +270,7 @@ class BlockReader {
 
   const char* block_;
   std::uint64_t size_;
+  std::uint64_t unit_;
   StoredHead head_{};
   SchemaCounts counts_;
   std::uint64_t indexStart_ = 0;
@@ -275,7 +281,7 @@ class BlockReader {
 bool BlockReader::measure() {
   if (size_ < sizeof(StoredHead)) return false;
   head_ = at<StoredHead>(0);
-  if (head_.fieldPosition != sizeof(StoredHead) / 2 || head_.tableId != 0) return false;
+  if (head_.fieldPosition != sizeof(StoredHead) / unit_ || head_.tableId != 0) return false;
   counts_.fields = head_.fieldCount;
   counts_.indexes = head_.indexCount;
   return measureFields() && measureIndexes() && measureNames();
@@ -287,7 +293,8 @@ bool BlockReader::measureFields() {
   for (std::uint64_t f = 0; f < counts_.fields; ++f) {
     const StoredField stored = field(f);
     const bool rows = stored.fieldType == CZELTA::TypeSubRecords;
-    const std::uint64_t expected = rows ? (end + counts_.subFields * sizeof(StoredField)) / 2 : 0;
+    const std::uint64_t expected =
+        rows ? (end + counts_.subFields * sizeof(StoredField)) / unit_ : 0;
     if (stored.subFieldPosition != expected) return false;
     if (rows) counts_.subFields += stored.subFieldCount;
     if (end + counts_.subFields * sizeof(StoredField) > size_) return false;
@@ -299,10 +306,10 @@ bool BlockReader::measureFields() {
 bool BlockReader::measureIndexes() {
   segmentStart_ = indexStart_ + counts_.indexes * sizeof(StoredIndex);
   if (segmentStart_ > size_) return false;
-  if (head_.indexPosition != (counts_.indexes == 0 ? 0 : indexStart_ / 2)) return false;
+  if (head_.indexPosition != (counts_.indexes == 0 ? 0 : indexStart_ / unit_)) return false;
   for (std::uint64_t i = 0; i < counts_.indexes; ++i) {
     const StoredIndex stored = index(i);
-    const std::uint64_t expected = (segmentStart_ + counts_.segments * sizeof(Segment)) / 2;
+    const std::uint64_t expected = (segmentStart_ + counts_.segments * sizeof(Segment)) / unit_;
     if (stored.segmentCount != 0 && stored.segmentPosition != expected) return false;
     counts_.segments += stored.segmentCount;
     if (segmentStart_ + counts_.segments * sizeof(Segment) > size_) return false;
@@ -312,7 +319,7 @@ bool BlockReader::measureIndexes() {
 }
 
 bool BlockReader::nameLength(std::uint32_t position, std::uint64_t* units) const {
-  const std::uint64_t start = std::uint64_t{position} * 2;
+  const std::uint64_t start = position * unit_;
   if (start < nameStart_) return false;
   for (std::uint64_t p = start; p + 2 <= size_; p += 2) {
     if (at<char16_t>(p) == 0) {
@@ -333,6 +340,21 @@ bool BlockReader::measureNames() {
   return true;
 }
 
+bool BlockReader::findEnd(std::uint64_t* end) const {
+  *end = nameStart_;
+  const auto include = [&](std::uint32_t position) {
+    std::uint64_t units = 0;
+    if (!nameLength(position, &units)) return false;
+    *end = std::max(*end, position * unit_ + (units + 1) * sizeof(char16_t));
+    return true;
+  };
+  for (std::uint64_t i = 0; i < counts_.fields + counts_.subFields; ++i) {
+    if (!include(field(i).namePosition)) return false;
+  }
+  return include(head_.namePosition) &&
+         (head_.folderPosition == 0 || include(head_.folderPosition));
+}
+
 void BlockReader::expandField(SchemaArena& arena, const StoredField& stored, Field& out) const {
   std::uint64_t units = 0;
   static_cast<void>(nameLength(stored.namePosition, &units));
@@ -340,7 +362,7 @@ void BlockReader::expandField(SchemaArena& arena, const StoredField& stored, Fie
          stored.fieldOffset,
          stored.fieldSize,
          stored.subFieldCount,
-         arena.takeName(block_ + std::uint64_t{stored.namePosition} * 2, units),
+         arena.takeName(block_ + stored.namePosition * unit_, units),
          nullptr};
 }
 
@@ -383,9 +405,24 @@ SchemaCopy BlockReader::expand() const {
 }  // namespace
 
 bool expandStoredSchema(const char* block, std::uint32_t size, SchemaCopy& out) {
-  BlockReader reader(block, size);
+  BlockReader reader(block, size, 2);
   if (!reader.measure()) return false;
   out = reader.expand();
+  return true;
+}
+
+bool schemaFromRecord(const char* record, const char* end, std::uint32_t tableId,
+                      std::uint32_t lockOrder, SchemaCopy& out, const char** extra) {
+  const auto size = static_cast<std::uint64_t>(end - record);
+  BlockReader reader(record, size, 1);
+  std::uint64_t used = 0;
+  if (!reader.measure() || !reader.findEnd(&used)) return false;
+  used = (used + 3) / 4 * 4;
+  if (used > size) return false;
+  out = reader.expand();
+  out.schema->tableId = tableId;
+  out.schema->lockOrder = lockOrder;
+  *extra = record + used;
   return true;
 }
 

@@ -26,6 +26,12 @@ namespace zelta {
 /// copies, and it may come from anywhere. Names and ID of the table are left null and 0.
 [[nodiscard]] bool expandStoredSchema(const char* block, std::uint32_t size, SchemaCopy& out);
 
+/// Turns a block of the log, which ends before `end`, into a schema with the numbers of its
+/// directory entry. False if it is malformed. `*extra`: where the block ends. The texts of table
+/// and folder are left null; the directory entry has them as well.
+[[nodiscard]] bool schemaFromRecord(const char* record, const char* end, std::uint32_t tableId,
+                                    std::uint32_t lockOrder, SchemaCopy& out, const char** extra);
+
 }  // namespace zelta
 
 #endif  // ZELTA_SCHEMA_STORED_SCHEMA_H

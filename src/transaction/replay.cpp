@@ -2,10 +2,9 @@
 
 #include <cstring>
 
-#include "frame/control_file.h"
-#include "frame/mutex_guard.h"
 #include "schema/table_lifecycle.h"
 #include "transaction/log_section.h"
+#include "transaction/replay_schema.h"
 #include "transaction/replay_table.h"
 
 namespace zelta {
@@ -22,32 +21,6 @@ Result replayTable(MetaData& metaData, UInt32AVLTree*& tables, const ReplayedEnt
   ZELTA_TRY(readTableSection(reader, head, table == nullptr ? 0 : table->idSize(), section));
   if (table == nullptr) return {};  // removed by a later change
   return replayTableSection(metaData, *table, entry, reader, section);
-}
-
-/// A change of the directory is finished by way of its intent before anything is replayed. Here it
-/// is only seen to be done.
-Result confirmChange(MetaData& metaData, const LogSchemaSection_tag& section) {
-  MutexGuard database;
-  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
-  ControlHeader_tag header;
-  ZELTA_TRY(refreshControlHeader(metaData, header));
-  TableDirectory directory;
-  ZELTA_TRY(directory.read(metaData, header));
-  const bool there = directory.find(section.tableId) != nullptr;
-  switch (static_cast<DirectoryChange>(section.operation)) {
-    case DirectoryChange::create:
-    case DirectoryChange::add:
-      if (there) return {};
-      break;
-    case DirectoryChange::remove:
-    case DirectoryChange::removeFiles:
-      if (!there) return {};
-      break;
-    default:
-      return EntryReader::malformed();
-  }
-  return reportError(&metaData, Own::unclassified, metaData.baseName.c_str(), extension::kLog,
-                     section.tableId, section.operation);
 }
 
 Result replaySections(MetaData& metaData, UInt32AVLTree*& tables, const ReplayedEntry& entry) {
@@ -68,8 +41,7 @@ Result replaySections(MetaData& metaData, UInt32AVLTree*& tables, const Replayed
     }
     LogSchemaSection_tag change;
     std::memcpy(&change, &section, sizeof change);
-    ZELTA_TRY(reader.skip(change.bodyLength));
-    ZELTA_TRY(confirmChange(metaData, change));
+    ZELTA_TRY(replaySchemaSection(metaData, tables, reader, change));
   }
   return {};
 }
