@@ -7,11 +7,10 @@
 #include <cstring>
 #include <set>
 
-#include "index/bplus_tree.h"
 #include "index/index_file.h"
-#include "index/keys.h"
 #include "index/kinds.h"
 #include "objects/read_bytes.h"
+#include "objects/version_keys.h"
 #include "platform/clock.h"
 #include "storage/atomic_manager.h"
 #include "storage/file_io.h"
@@ -34,20 +33,6 @@ struct IdSet {
   UInt64AVLTree* root = nullptr;
 };
 
-/// An extracted key, until the end of the scope.
-class ExtractedKey {
- public:
-  ExtractedKey(Table& table, std::uint32_t index) : table_(table), index_(index) {}
-  ~ExtractedKey() { table_.indexStates[index_].keyPool.release(table_.keyShape(index_), words); }
-  ExtractedKey(const ExtractedKey&) = delete;
-  ExtractedKey& operator=(const ExtractedKey&) = delete;
-  std::uint32_t* words = nullptr;
-
- private:
-  Table& table_;
-  std::uint32_t index_;
-};
-
 class TableReplay {
  public:
   TableReplay(MetaData& metaData, Table& table, const ReplayedEntry& entry, EntryReader& reader)
@@ -68,17 +53,9 @@ class TableReplay {
   // The index file
   Result openIndex(bool* there);
   Result applyKeys();
-  Result removeOldKeys(UInt64AVLTree* objects);
-  Result readOld(std::uint64_t id, const char** object, std::uint32_t* length);
-  template <class Action>
-  Result forAllKeys(const char* object, std::uint32_t length, const Action& action);
-  Result removeKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id);
-  Result insertKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id);
-
-  [[nodiscard]] TreeFile committed() const { return {PageFile::index, indexHeader_.pageSize}; }
-  [[nodiscard]] bool isTree(std::uint32_t index) const {
-    return table_.index(index).indexKind == CZELTA::BPlusTree;
-  }
+  Result exchange(std::uint64_t id, ObjectBytes before, ObjectBytes after);
+  Result readOld(std::uint64_t id, ObjectBytes* object);
+  Result readNew(const PendingObject& image, ObjectBytes* object);
 
   MetaData& metaData_;
   Table& table_;
@@ -158,47 +135,17 @@ Result TableReplay::decide(const TableSection& section) {
 
 // -- Keys -----------------------------------------------------------------------------------------
 
-template <class Action>
-Result TableReplay::forAllKeys(const char* object, std::uint32_t length, const Action& action) {
-  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    for (std::uint32_t number = 0; number == 0 || table_.multiEntry(i); ++number) {
-      ExtractedKey key(table_, i);
-      ZELTA_TRY(extractKey(metaData_, table_, i, number, &key.words, object, length));
-      if (key.words == nullptr) break;
-      ZELTA_TRY(action(i, key.words));
-    }
-  }
-  return {};
+/// Keys that are gone or there already are those of a former repair.
+Result TableReplay::exchange(std::uint64_t id, ObjectBytes before, ObjectBytes after) {
+  const TreeFile committed{PageFile::index, indexHeader_.pageSize};
+  return exchangeKeys(metaData_, table_, committed, manager_, id, before, after,
+                      KeyExchange::repeated, nullptr);
 }
 
-Result TableReplay::removeKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id) {
-  if (isTree(index)) {
-    std::uint64_t holder = 0;
-    const Result found = bplusFind(metaData_, table_, committed(), manager_, index, key, &holder);
-    if (found.is(Own::keyNotFound) || (found.ok() && holder != id)) return {};
-    ZELTA_TRY(found);
-  }
-  return removeEntry(metaData_, table_, committed(), manager_, index, key, id);
-}
-
-/// A key that another object has was handed over by the transaction.
-Result TableReplay::insertKey(std::uint32_t index, const std::uint32_t* key, std::uint64_t id) {
-  if (isTree(index)) {
-    std::uint64_t holder = 0;
-    const Result found = bplusFind(metaData_, table_, committed(), manager_, index, key, &holder);
-    if (found.ok() && holder == id) return {};
-    if (found.ok()) {
-      return bplusReplaceId(metaData_, table_, committed(), manager_, index, key, holder, id);
-    }
-    if (!found.is(Own::keyNotFound)) return found;
-  }
-  return insertEntry(metaData_, table_, committed(), manager_, index, key, id);
-}
-
-/// The committed version of an object; `*object` null: only a placeholder stands there, and the
-/// index file has the new keys.
-Result TableReplay::readOld(std::uint64_t id, const char** object, std::uint32_t* length) {
-  *object = nullptr;
+/// The committed version of an object; none if only a placeholder stands there: then the index file
+/// has the new keys.
+Result TableReplay::readOld(std::uint64_t id, ObjectBytes* object) {
+  *object = {};
   ObjectSlot slot{};
   ZELTA_TRY(reportTable(metaData_, table_.cName(),
                         readSlotPosition(table_.tableFile, header_.slotBase, id, &slot)));
@@ -212,46 +159,42 @@ Result TableReplay::readOld(std::uint64_t id, const char** object, std::uint32_t
       reportTable(metaData_, table_.cName(),
                   readBuffer(table_.tableFile, slot.position + lead, &version, sizeof version)));
   if (version == kPlaceholderVersion) return {};
-  ZELTA_TRY(readCommittedAside(metaData_, table_, slot.position, length));
+  std::uint32_t length = 0;
+  ZELTA_TRY(readCommittedAside(metaData_, table_, slot.position, &length));
   const char* bytes = metaData_.scratchFor(Scratch::object).data();
   std::uint64_t stored = 0;
   std::memcpy(&stored, bytes + sizeof version, table_.idSize());
   if (stored != id) {
     return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
   }
-  *object = bytes;
+  *object = {bytes, length};
   return {};
 }
 
-Result TableReplay::removeOldKeys(UInt64AVLTree* objects) {
-  for (const UInt64AVLTree* node = findNext(objects, 0); node != nullptr;
-       node = findNext(objects, node->key)) {
-    const char* object = nullptr;
-    std::uint32_t length = 0;
-    ZELTA_TRY(readOld(node->key, &object, &length));
-    if (object == nullptr) continue;
-    ZELTA_TRY(forAllKeys(object, length, [&](std::uint32_t index, const std::uint32_t* key) {
-      return removeKey(index, key, node->key);
-    }));
-  }
-  return {};
+Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
+  object->length = image.length;
+  return reader_.images.read(image.position + 4, image.length, &object->data);
 }
 
 Result TableReplay::applyKeys() {
   if (table_.indexCount == 0) return {};
   ZELTA_TRY(checkIndexKinds(metaData_, table_));
   manager_.holdIndexPages();
-  ZELTA_TRY(removeOldKeys(deleted_.root));
-  ZELTA_TRY(removeOldKeys(edited_.root));
-  for (const std::vector<PendingObject>* list : {&images_.edited, &images_.added}) {
-    for (const PendingObject& image : *list) {
-      const char* object = nullptr;
-      ZELTA_TRY(reader_.images.read(image.position + 4, image.length, &object));
-      ZELTA_TRY(
-          forAllKeys(object, image.length, [&](std::uint32_t index, const std::uint32_t* key) {
-            return insertKey(index, key, image.objectID);
-          }));
-    }
+  ObjectBytes before;
+  ObjectBytes after;
+  for (const UInt64AVLTree* node = findNext(deleted_.root, 0); node != nullptr;
+       node = findNext(deleted_.root, node->key)) {
+    ZELTA_TRY(readOld(node->key, &before));
+    ZELTA_TRY(exchange(node->key, before, {}));
+  }
+  for (const PendingObject& image : images_.edited) {
+    ZELTA_TRY(readOld(image.objectID, &before));
+    ZELTA_TRY(readNew(image, &after));
+    ZELTA_TRY(exchange(image.objectID, before, after));
+  }
+  for (const PendingObject& image : images_.added) {
+    ZELTA_TRY(readNew(image, &after));
+    ZELTA_TRY(exchange(image.objectID, {}, after));
   }
   return flushIndexFile(metaData_, table_, indexHeader_, manager_);
 }
