@@ -1,0 +1,240 @@
+// Transactions of all kinds that meet misfortune in their commit, and how their outcome is judged.
+
+#ifndef ZELTA_TESTS_CRASH_COMMIT_TRIAL_H
+#define ZELTA_TESTS_CRASH_COMMIT_TRIAL_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+
+#include "frame/parameters.h"
+#include "support/edit_session.h"
+
+namespace zelta::testing {
+
+/// Kills the process at the n-th changing call, counted from 0, or lets that call and all later
+/// ones fail; a write may be done in part before.
+class Misfortune : public platform::faults::Hook {
+ public:
+  enum class Kind { death, deathInWrite, failure, failures };
+
+  Misfortune(std::uint64_t calls, Kind kind) : left_(calls), kind_(kind) {
+    platform::faults::install(this);
+  }
+  ~Misfortune() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    using platform::faults::Call;
+    platform::faults::Verdict verdict;
+    const bool changes = event.call == Call::write || event.call == Call::truncate ||
+                         event.call == Call::flush || event.call == Call::remove;
+    if (!changes) return verdict;
+    if (left_ != 0) {
+      --left_;
+      return verdict;
+    }
+    if (struck && kind_ == Kind::failure) return verdict;
+    struck = true;
+    if (kind_ == Kind::failure || kind_ == Kind::failures) {
+      verdict.code = code::kGeneralFailure;
+      return verdict;
+    }
+    verdict.die = true;
+    if (kind_ == Kind::deathInWrite && event.call == Call::write) verdict.cutTo = event.length / 2;
+    return verdict;
+  }
+  bool struck = false;
+
+ private:
+  std::uint64_t left_;
+  Kind kind_;
+};
+
+/// Runs `work` in a process of its own. What it returns is its exit code; 256 and more: it died.
+inline int inProcess(const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) _exit(work());
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
+}
+
+/// What stands before the transaction in question, and what it does.
+struct Scene {
+  const char* name;
+  std::vector<std::vector<EditStep>> before;
+  std::vector<EditStep> edits;
+  bool exclusive = false;
+  bool keepLogs = false;
+};
+
+inline EditStep add(std::uint64_t id, std::uint32_t number, std::size_t length = 20) {
+  return {EditStep::Kind::add, id, {number, std::string(length, 'a')}};
+}
+inline EditStep rewrite(std::uint64_t id, std::uint32_t number, std::size_t length = 20) {
+  return {EditStep::Kind::rewrite, id, {number, std::string(length, 'r')}};
+}
+inline EditStep erase(std::uint64_t id) { return {EditStep::Kind::erase, id, {}}; }
+
+inline std::vector<EditStep> adds(std::uint32_t from, std::uint32_t to, std::size_t length = 20) {
+  std::vector<EditStep> steps;
+  for (std::uint32_t i = from; i <= to; ++i) steps.push_back(add(i, i, length));
+  return steps;
+}
+
+inline std::vector<Scene> scenes() {
+  const std::vector<EditStep> mixed = {
+      erase(3),   rewrite(4, 400), rewrite(5, 500, 900), erase(20),    rewrite(6, 600, 1),
+      erase(19),  add(24, 21),     add(22, 22),          add(100, 23), rewrite(7, 3),
+      add(21, 7), erase(8),        rewrite(9, 8),        add(30, 9)};
+  return {{"first objects", {}, adds(1, 3)},
+          {"more objects", {adds(1, 10)}, adds(11, 14)},
+          {"growing slots", {adds(1, 48, 60)}, adds(49, 60)},
+          {"a far object", {adds(1, 5)}, {add(130, 130)}},
+          {"all kinds of edits", {adds(1, 20, 50), {erase(2), erase(12), erase(13)}}, mixed},
+          {"everything goes",
+           {adds(1, 30)},
+           [] {
+             std::vector<EditStep> steps;
+             for (std::uint32_t i = 1; i <= 30; ++i) steps.push_back(erase(i));
+             return steps;
+           }()},
+          {"shrinking slots",
+           {adds(1, 200)},
+           [] {
+             std::vector<EditStep> steps;
+             for (std::uint32_t i = 5; i <= 200; ++i) steps.push_back(erase(i));
+             return steps;
+           }()},
+          {"exclusive", {adds(1, 10)}, {add(11, 11), rewrite(2, 40), erase(3)}, true},
+          {"kept logs", {adds(1, 10)}, {add(11, 11), rewrite(2, 40), erase(3)}, false, true},
+          {"exclusive with kept logs", {adds(1, 4)}, {add(5, 5), erase(3)}, true, true}};
+}
+
+inline void copyFiles(const FreshFolder& from, const FreshFolder& to) {
+  for (const auto& entry : std::filesystem::directory_iterator(to.path())) {
+    std::filesystem::remove(entry.path());
+  }
+  std::filesystem::copy(from.path(), to.path());
+}
+
+class Trial {
+ public:
+  Trial(const TableForm& form, const Scene& scene) : form_(form), scene_(scene) {
+    EditSession session(start_, form);
+    session.makeTable();
+    if (scene.keepLogs) {
+      EXPECT_TRUE(session.begin(CZELTA::TransactionExclusive).ok());
+      EXPECT_TRUE(setDatabaseParameter(session.metaData, CZELTA::ParameterKeepLogFiles, 1).ok());
+      EXPECT_TRUE(session.end().ok());
+    }
+    EXPECT_TRUE(session.enter().ok()) << session.error();
+    for (const auto& steps : scene.before) {
+      EXPECT_TRUE(session.carryOut(steps).ok()) << session.error();
+      EXPECT_TRUE(session.commit().ok());
+      EXPECT_EQ(session.error(), "");
+      for (const EditStep& step : steps) applyStep(before_, forForm(step));
+    }
+    EXPECT_TRUE(session.end().ok());
+    after_ = before_;
+    for (const EditStep& step : scene.edits) applyStep(after_, forForm(step));
+  }
+  [[nodiscard]] const FreshFolder& start() const { return start_; }
+  [[nodiscard]] CZELTA::Mode mode() const {
+    return scene_.exclusive ? CZELTA::TransactionExclusive : CZELTA::TransactionShared;
+  }
+
+  /// Runs the transaction in a process that meets misfortune in its commit. Returns 0 if there was
+  /// no such call, 1 if an operation failed, 256 and more if it died.
+  int commitIn(const FreshFolder& folder, std::uint64_t calls, Misfortune::Kind kind) const {
+    return inProcess([&] {
+      EditSession session(folder, form_);
+      if (session.opened.failed() || session.enter(mode()).failed()) return 100;
+      if (session.carryOut(scene_.edits).failed()) return 101;
+      Misfortune misfortune(calls, kind);
+      const bool committed = session.commit().ok();
+      const bool ended = session.end().ok();
+      if (!misfortune.struck) return committed && ended ? 0 : 102;
+      return committed ? 2 : 1;
+    });
+  }
+  /// Repairs in a process that dies.
+  int repairIn(const FreshFolder& folder, std::uint64_t calls, Misfortune::Kind kind) const {
+    return inProcess([&] {
+      Misfortune misfortune(calls, kind);
+      EditSession session(folder, form_);
+      if (session.opened.failed() || session.enter().failed()) return 100;
+      return session.end().ok() ? 0 : 101;
+    });
+  }
+  /// What is found in the end: 0 the state before, 1 the state after.
+  int outcome(const FreshFolder& folder, const std::string& context) const {
+    std::string damage;
+    const Model found = contentsOf(folder, form_, &damage);
+    EXPECT_EQ(damage, "") << context;
+    EXPECT_TRUE(found == before_ || found == after_) << context;
+    if (!scene_.keepLogs && folder.has("db.zll")) expectNothingToReplay(folder, context);
+    const std::string control = folder.bytes("db.zlc");
+    EXPECT_EQ(numberAt<std::uint32_t>(control, 36), 0u) << context;
+    EXPECT_EQ(control.size(), numberAt<std::uint32_t>(control, 16)) << "slots left, " << context;
+    // Nobody's traces: what comes next finds all IDs and keys free.
+    EditSession next(folder, form_);
+    EXPECT_TRUE(next.enter().ok()) << context;
+    for (const EditStep& step : scene_.edits) {
+      if (found != before_ || step.kind != EditStep::Kind::add) continue;
+      const bool keyFree = std::none_of(before_.begin(), before_.end(), [&](const auto& entry) {
+        return entry.second.number == step.content.number;
+      });
+      if (keyFree) {
+        EXPECT_TRUE(next.add(step.content, step.id).ok()) << next.error() << context;
+      }
+    }
+    return found == after_ ? 1 : 0;
+  }
+
+ private:
+  /// Entries that could not be removed are incomplete at least.
+  static void expectNothingToReplay(const FreshFolder& folder, const std::string& context) {
+    const std::string log = folder.bytes("db.zll");
+    const auto root = log.size() < 112 ? 0 : numberAt<std::uint64_t>(log, 8);
+    if (root == 0) return;
+    ASSERT_EQ(numberAt<std::uint16_t>(log, root + 8), 27753u) << context;
+    for (std::uint64_t i = 0; i < numberAt<std::uint16_t>(log, root + 10); ++i) {
+      const auto entry = numberAt<std::uint64_t>(log, root + 112 + 8 * i);
+      EXPECT_EQ(numberAt<std::uint32_t>(log, entry + 16), 0u) << context;
+    }
+  }
+  [[nodiscard]] EditStep forForm(EditStep step) const {
+    if (form_.fixed) step.content.text.clear();
+    return step;
+  }
+
+  const TableForm& form_;
+  const Scene& scene_;
+  FreshFolder start_;
+  Model before_;
+  Model after_;
+};
+
+inline std::string contextOf(const TableForm& form, const Scene& scene, std::uint64_t call) {
+  return std::string(", ") + form.name + ", " + scene.name + ", call " + std::to_string(call);
+}
+
+/// The forms of table that a test tries: all of them if ZELTA_THOROUGH is set, else some.
+inline std::vector<TableForm> formsOf(std::initializer_list<std::size_t> some) {
+  std::vector<TableForm> out;
+  if (std::getenv("ZELTA_THOROUGH") != nullptr) {
+    out.assign(std::begin(kForms), std::end(kForms));
+  } else {
+    for (const std::size_t i : some) out.push_back(kForms[i]);
+  }
+  return out;
+}
+
+}  // namespace zelta::testing
+
+#endif  // ZELTA_TESTS_CRASH_COMMIT_TRIAL_H
