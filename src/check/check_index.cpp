@@ -130,34 +130,45 @@ bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
       return false;
   }
   ++findings_.counts.indexes;
-  if (complete && recordsComplete_) compareKeys(file, index, entries);
+  if (complete && recordsComplete_) compareKeys(file, index, rootOffset, entries);
   return complete;
 }
 
 /// Every key of an object has an entry, and every entry an object with its key.
-void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index,
+void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
                              std::vector<KeyTrace>& entries) {
+  constexpr std::uint64_t kNamed = 10;  // more of a kind are only counted
   std::vector<KeyTrace>& keys = keys_[index];
   std::sort(keys.begin(), keys.end(), before);
   std::sort(entries.begin(), entries.end(), before);
+  std::uint64_t missing = 0;
+  std::uint64_t foreign = 0;
+  const std::string name = "index " + text(index) + ": ";
   auto key = keys.begin();
   auto entry = entries.begin();
-  while ((key != keys.end() || entry != entries.end()) && !findings_.full()) {
+  while (key != keys.end() || entry != entries.end()) {
     if (entry == entries.end() || (key != keys.end() && before(*key, *entry))) {
-      findings_.damage(
-          file_, key->offset,
-          "key of object " + text(key->objectID) + " is missing in index " + text(index));
+      if (missing++ < kNamed) {
+        findings_.damage(file_, key->offset,
+                         name + "key of object " + text(key->objectID) + " is missing");
+      }
       ++key;
     } else if (key == keys.end() || before(*entry, *key)) {
-      findings_.damage(
-          file, entry->offset,
-          "index " + text(index) + ": object " + text(entry->objectID) + " has no such key");
+      if (foreign++ < kNamed) {
+        findings_.damage(file, entry->offset,
+                         name + "object " + text(entry->objectID) + " has no such key");
+      }
       ++entry;
     } else {
       ++findings_.counts.keys;
       ++key;
       ++entry;
     }
+  }
+  if (missing > kNamed || foreign > kNamed) {
+    findings_.damage(
+        file, rootOffset,
+        name + text(missing) + " keys are missing, " + text(foreign) + " belong to no object");
   }
   std::vector<KeyTrace>().swap(keys);
 }

@@ -72,7 +72,8 @@ class TableCheck {
   bool checkIndexHeader(CheckFile& file);
   void checkIndexTrees(CheckFile& file);
   bool checkIndexTree(CheckFile& file, std::uint32_t index, std::vector<Extent>& extents);
-  void compareKeys(const CheckFile& file, std::uint32_t index, std::vector<KeyTrace>& entries);
+  void compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
+                   std::vector<KeyTrace>& entries);
   [[nodiscard]] TreePlace treePlace(std::uint32_t index) const;
   // check_memory.cpp
   void checkMemoryFile();
