@@ -250,24 +250,27 @@ void LogCheck::checkBody(std::uint64_t position, std::uint64_t length, std::uint
   }
 }
 
-/// The IDs have 4 or 8 bytes: with one of the two the images must come out even.
+/// The IDs have 4 or 8 bytes: with one of the two the images must come out even. If they do so with
+/// both, a section or zeros behind them decide.
 bool LogCheck::checkEdits(std::uint64_t at, std::uint64_t end, std::uint64_t* size) {
   const auto deleted = file_.number<std::uint64_t>(at + 8);
   const auto bytes = file_.number<std::uint64_t>(at + 16);
   const std::uint64_t start = at + kSectionHead;
+  bool even = false;
   for (const std::uint64_t width : {std::uint64_t{4}, std::uint64_t{8}}) {
     if (deleted > (end - start) / width || bytes > end - start - deleted * width) continue;
     const std::uint64_t images = start + deleted * width;
-    if (!checkImages(images, images + bytes)) continue;
-    *size = deleted * width + bytes;
-    // What follows must be a section or the zeros at the end.
     const std::uint64_t next = images + bytes;
-    const auto mark = file_.number<std::uint32_t>(next);
+    if (!checkImages(images, next)) continue;
     constexpr std::uint32_t kEdits = 0x444C455A;
     constexpr std::uint32_t kSchema = 0x534C455A;
-    if (next == end || mark == 0 || mark == kEdits || mark == kSchema) return true;
+    const std::uint32_t mark = next == end ? 0 : file_.number<std::uint32_t>(next);
+    const bool fits = mark == 0 || mark == kEdits || mark == kSchema;
+    if (!even || fits) *size = deleted * width + bytes;
+    if (fits) return true;
+    even = true;
   }
-  return fail(at + 8, "deleted IDs and images do not come out even");
+  return even || fail(at + 8, "deleted IDs and images do not come out even");
 }
 
 bool LogCheck::checkImages(std::uint64_t at, std::uint64_t end) {
