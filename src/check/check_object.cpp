@@ -117,7 +117,7 @@ std::optional<ObjectFault> findFault(const ObjectForm& form, const char* object,
     const std::uint64_t start = place.at;
     if (const auto fault = stepOver(field, place)) return fault;
     if (field.fieldType != CZELTA::TypeSubRecords) continue;
-    if (const auto fault = checkRows(field, {object, start, place.at})) return fault;
+    if (auto fault = checkRows(field, {object, start, place.at})) return fault;
   }
   if (place.at == length) return {};
   return ObjectFault{place.at, std::to_string(length - place.at) + " bytes behind the last field"};
