@@ -84,7 +84,7 @@ std::optional<ObjectFault> stepOverRow(const Field& field, Stretch& rows) {
     if (isVariable(sub)) {
       rows.at = std::max(rows.at, from);
       if (rows.at > rows.end) return ObjectFault{start, "row passes the end of its field"};
-      if (const auto fault = stepOver(sub, rows)) return fault;
+      if (auto fault = stepOver(sub, rows)) return fault;
     } else {
       if (from > rows.end || sub.fieldSize > rows.end - from) {
         return ObjectFault{start, "row passes the end of its field"};
@@ -100,7 +100,7 @@ std::optional<ObjectFault> checkRows(const Field& field, Stretch rows) {
   constexpr std::uint64_t kLengthWord = 4;
   rows.at += kLengthWord;
   while (rows.at < rows.end) {
-    if (const auto fault = stepOverRow(field, rows)) return fault;
+    if (auto fault = stepOverRow(field, rows)) return fault;
   }
   return {};
 }
@@ -115,7 +115,7 @@ std::optional<ObjectFault> findFault(const ObjectForm& form, const char* object,
     const Field& field = form.schema->fields[f];
     if (!isVariable(field)) continue;
     const std::uint64_t start = place.at;
-    if (const auto fault = stepOver(field, place)) return fault;
+    if (auto fault = stepOver(field, place)) return fault;
     if (field.fieldType != CZELTA::TypeSubRecords) continue;
     if (auto fault = checkRows(field, {object, start, place.at})) return fault;
   }
