@@ -11,6 +11,7 @@
 #include <string>
 
 #include "czelta.h"
+#include "support/check_database.h"
 
 namespace {
 
@@ -37,7 +38,10 @@ class DeadWriter : public ::testing::Test {
              db.CreateTable(&schema, nullptr) == 0 && db.EndTransaction() == 0;
     });
   }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
+  void TearDown() override {
+    EXPECT_EQ(zelta::testing::findingsOf(path()), "");
+    std::filesystem::remove_all(folder_);
+  }
 
   std::u16string path() const { return (folder_ / "db.zlc").u16string(); }
 

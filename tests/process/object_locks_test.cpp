@@ -64,6 +64,10 @@ class ObjectLocks : public ShopTest {
     stock({{1, 0, 1}, {2, 0, 2}, {3, 0, 3}});
     ASSERT_TRUE(shop.open(path()));
   }
+  void TearDown() override {
+    shop.db.CloseDatabase();
+    ShopTest::TearDown();
+  }
   /// The usual orders of the other process: 'b'egin, 'c'ommit, 'k'eep the locks of a commit,
   /// 'a'bort, 'e'nd, lock object '1', '2' or '3'.
   std::map<char, Other::Order> orders() const {

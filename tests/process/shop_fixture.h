@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/check_database.h"
 #include "support/database_fixture.h"
 
 namespace zelta::testing {
@@ -114,6 +115,16 @@ class Shop {
 class ShopTest : public DatabaseTest {
  protected:
   void SetUp() override { makeShop(0, 0); }
+  /// Whatever the processes did to each other: an opener that keeps all others out clears away what
+  /// the dead among them left, and then the files agree.
+  void TearDown() override {
+    Shop last;
+    ASSERT_TRUE(last.open(path()));
+    ASSERT_DONE(last.db, last.begin(CZELTA::TransactionExclusive));
+    ASSERT_DONE(last.db, last.end());
+    ASSERT_DONE(last.db, last.db.CloseDatabase());
+    expectClean(path());
+  }
 
   /// `lockIndex` orders the locks of objects, see Schema; `flags` are the schema's.
   void makeShop(std::uint16_t lockIndex, std::uint32_t flags) const {

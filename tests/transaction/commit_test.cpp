@@ -4,6 +4,7 @@
 
 #include "frame/parameters.h"
 #include "storage/file_io.h"
+#include "support/check_database.h"
 #include "support/edit_session.h"
 
 namespace zelta::testing {
@@ -22,6 +23,9 @@ class Bench {
     EXPECT_TRUE(creator.opened.ok()) << creator.error();
     creator.makeTable();
   }
+  ~Bench() { expectClean(folder, "db.zlc"); }
+  Bench(const Bench&) = delete;
+  Bench& operator=(const Bench&) = delete;
   /// Objects 1 to `count`, committed.
   void fill(std::uint32_t count) {
     EditSession session(folder, form_);
