@@ -29,6 +29,14 @@ void closeMutex(Mutex mutex);
 /// Code 288 if the calling thread does not own the mutex.
 [[nodiscard]] SystemCode releaseMutex(Mutex mutex);
 
+/// A count that goes with the mutex, for those who read what it guards without owning it: owners
+/// make it odd before they change anything and even again afterwards. What was read between two
+/// equal even counts was not changed meanwhile. An owner that dies leaves it odd until the mutex is
+/// gained the next time.
+[[nodiscard]] std::uint32_t changeCount(Mutex mutex);
+/// Goes on to the next count. Only the owner may call it.
+void advanceChangeCount(Mutex mutex);
+
 /// A second way to own a mutex, for one that is kept from open to close: the handle owns it,
 /// whatever thread calls, and closeMutex() or the death of the process gives it up. Never waits:
 /// 258 if another handle, of this process or another, owns it. A mutex is used in this way or by

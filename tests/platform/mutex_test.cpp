@@ -593,5 +593,38 @@ TEST_F(Mutexes, LetNobodyWaitForEverWhenOwnersAreKilledAtRandom) {
   }
 }
 
+TEST_F(Mutexes, CountTheChangesOfWhatTheyGuardForAllWhoHaveThemOpen) {
+  const Handle mutex(name);
+  const std::uint32_t before = platform::changeCount(mutex);
+  EXPECT_EQ(before % 2, 0u);
+  const auto change = [this](const Line&) {
+    const Handle own(name);
+    if (platform::waitMutex(own, 20000) != 0) return 1;
+    platform::advanceChangeCount(own);
+    platform::advanceChangeCount(own);
+    return platform::releaseMutex(own) == 0 ? 0 : 2;
+  };
+  EXPECT_EQ(ChildProcess(change).wait(), 0);
+  EXPECT_EQ(platform::changeCount(mutex), before + 2);
+  EXPECT_EQ(platform::changeCount(Mutex::none), 0u);
+}
+
+TEST_F(Mutexes, EndTheChangeOfAnOwnerThatDiedWhenTheyAreGainedAgain) {
+  const Handle mutex(name);
+  const std::uint32_t before = platform::changeCount(mutex);
+  const auto change = [this](const Line&) {
+    const Handle own(name);
+    if (platform::waitMutex(own, 20000) != 0) return 1;
+    platform::advanceChangeCount(own);
+    raise(SIGKILL);
+    return 2;
+  };
+  EXPECT_EQ(ChildProcess(change).wait(), 256 + SIGKILL);
+  EXPECT_EQ(platform::changeCount(mutex), before + 1);
+  EXPECT_EQ(waited(mutex, 20000), kGainedFromTheDead);
+  EXPECT_EQ(platform::changeCount(mutex), before + 2);
+  EXPECT_EQ(platform::releaseMutex(mutex), 0u);
+}
+
 }  // namespace
 }  // namespace zelta::testing

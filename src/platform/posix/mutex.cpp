@@ -40,7 +40,7 @@ using namespace posix;
 namespace {
 
 constexpr const char* kFolder = "/dev/shm/";
-constexpr std::uint32_t kMagic = 0x315A4D5A;  // "ZMZ1"
+constexpr std::uint32_t kMagic = 0x325A4D5A;  // "ZMZ2"
 constexpr off_t kUserByte = 0;
 constexpr off_t kClaimByte = 1;
 
@@ -48,9 +48,12 @@ constexpr off_t kClaimByte = 1;
 struct Shared {
   std::uint32_t magic;
   std::uint32_t nameLength;
+  std::atomic<std::uint32_t> changes;
   pthread_mutex_t mutex;
   [[nodiscard]] char* name() { return reinterpret_cast<char*>(this + 1); }
 };
+
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 
 /// A process's use of a mutex.
 struct Mapping {
@@ -287,6 +290,7 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
   if (result == EBUSY || result == ETIMEDOUT) return code::kTimeout;
   if (result == EOWNERDEAD) {
     pthread_mutex_consistent(&mapping->shared->mutex);
+    if ((mapping->shared->changes.load() & 1) != 0) mapping->shared->changes.fetch_add(1);
     if (abandoned != nullptr) *abandoned = true;
   } else if (result != 0) {
     return codeOf(result);
@@ -305,6 +309,26 @@ SystemCode releaseMutex(Mutex mutex) {
   if (result != 0) return codeOf(result);
   --mapping->owned;
   return 0;
+}
+
+std::uint32_t changeCount(Mutex mutex) {
+  if (mutex == Mutex::none) return 0;
+  const Mapping* mapping = handleOf(mutex)->mapping;
+  if (mapping->fd < 0) return 0;
+  // Neither what was read before nor what is read behind may cross this.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  const std::uint32_t count = mapping->shared->changes.load();
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  return count;
+}
+
+void advanceChangeCount(Mutex mutex) {
+  if (mutex == Mutex::none) return;
+  const Mapping* mapping = handleOf(mutex)->mapping;
+  if (mapping->fd < 0) return;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  mapping->shared->changes.fetch_add(1);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 SystemCode claimMutex(Mutex mutex) {
