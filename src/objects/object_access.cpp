@@ -20,13 +20,44 @@ constexpr std::uint32_t kMaximumRepairs = 1000;
 
 }  // namespace
 
+/// Whether nobody is changing the table at this moment, as far as that matters.
+bool ObjectAccess::watch() {
+  changes_ = platform::changeCount(table_.tableMutex);
+  if ((changes_ & 1) == 0) return true;
+  if (changes_ == table_.ignoredChange) watching_ = false;
+  return !watching_;
+}
+
+/// Whether what this pass has read may belong to different states of the table.
+bool ObjectAccess::disturbed() const {
+  if (request_.writer || !watching_) return false;
+  return (changes_ & 1) != 0 || platform::changeCount(table_.tableMutex) != changes_;
+}
+
 /// Failures that a reader without mutex can owe to a commit that goes on at this moment.
 bool ObjectAccess::mayBeTorn(Result result) const {
-  if (request_.writer || !headerRead_) return false;
+  if (request_.writer || settled_) return false;
+  if (disturbed()) return true;
+  if (!headerRead_) return false;
   return result.is(Own::notWritable) || result.is(Own::bPlusTree) || result.is(Own::variableLeaf) ||
          result.is(Own::indexFile) || result.is(Own::tableFile) ||
          result.is(Own::indexInconsistent) || result.isSystem(code::kEndOfFile) ||
          result.isSystem(code::kFileCorrupt);
+}
+
+/// Lets a reader that met a commit begin its pass anew. After many rounds it takes things as they
+/// are: the one who changes them may have died.
+bool ObjectAccess::readAgain(Result result) {
+  if (!mayBeTorn(result)) return false;
+  if (tornRounds_ < kTornRounds) {
+    platform::sleepMilliseconds(tornRounds_++ < kQuickRounds ? 0 : 2);
+  } else {
+    if (!watching_) return false;
+    watching_ = false;
+    table_.ignoredChange = (changes_ & 1) != 0 ? changes_ : 0;
+  }
+  clearError(metaData_);
+  return true;
 }
 
 Result ObjectAccess::run() {
@@ -34,12 +65,8 @@ Result ObjectAccess::run() {
     Outcome outcome = Outcome::done;
     const Result result = pass(&outcome);
     mutex_.release().ignore();
-    if (result.failed() && !result.isLocked()) {
-      if (!mayBeTorn(result) || tornRounds_ == kTornRounds) return result;
-      platform::sleepMilliseconds(tornRounds_++ < kQuickRounds ? 0 : 2);
-      clearError(metaData_);
-      continue;
-    }
+    if (result.failed() && readAgain(result)) continue;
+    if (result.failed() && !result.isLocked()) return result;
     if (result.isLocked() && outcome == Outcome::done) outcome = Outcome::blockedByTransaction;
     if (outcome == Outcome::done) return {};
     if (outcome == Outcome::again) {
@@ -54,7 +81,9 @@ Result ObjectAccess::run() {
 
 Result ObjectAccess::openPass(TableHeader_tag& header) {
   headerRead_ = false;
+  settled_ = false;
   if (request_.writer) ZELTA_TRY(mutex_.acquire(metaData_, table_, kMutexWait));
+  if (!request_.writer && !watch()) return Result::locked();
   ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, request_.writer));
   headerRead_ = true;
   if (!request_.writer && !request_.byTree()) return {};
@@ -156,12 +185,13 @@ Result ObjectAccess::finishPass(const TableHeader_tag& header, Located& found, O
 }
 
 Result ObjectAccess::releaseMutex() {
-  headerRead_ = false;  // the keys that the walk set out from are given up now: no way back
+  if (disturbed()) return Result::locked();
+  settled_ = true;  // the keys that the walk set out from are given up now: no way back
   return mutex_.release();
 }
 
 Result ObjectAccess::moveCursors(Located& found, ObjectBytes object) {
-  headerRead_ = false;
+  settled_ = true;
   MatchedKey matched;
   if (found.key.get() != nullptr) matched = {request_.index - 1, &found.key};
   return refreshCurrentKeys(metaData_, table_, found.objectID, object, matched, &entry_);

@@ -96,13 +96,20 @@ class ObjectAccess {
   Result lock(const Located& found, NewLock& newLock, Outcome* outcome);
   Result waitOrFail(Outcome outcome);
   Result isAhead(bool* ahead);
+  [[nodiscard]] bool watch();
+  [[nodiscard]] bool disturbed() const;
   [[nodiscard]] bool mayBeTorn(Result result) const;
+  bool readAgain(Result result);
 
   TableMutexGuard mutex_;
   std::uint32_t entry_ = 0;
   std::uint32_t endedTransaction_ = 0;  ///< known to live no more
   bool askedForDead_ = false;           ///< a foreign key was met before
   bool headerRead_ = false;             ///< the pass got past the table's header
+  // A reader without the mutex
+  bool watching_ = true;       ///< it makes sure that nobody changes what it reads
+  bool settled_ = false;       ///< it is done with the files, and its way back is cut off
+  std::uint32_t changes_ = 0;  ///< count of changes at the beginning of the pass
   std::uint32_t tornRounds_ = 0;
   std::uint32_t repairs_ = 0;
   // Who keeps the object from this access

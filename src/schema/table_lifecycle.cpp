@@ -31,7 +31,12 @@ Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t table
   }
   takeEntry(metaData, *table, entry);
   TableMutexGuard guard;
-  if (exclusive) ZELTA_TRY(acquireTableMutex(metaData, *table, guard));
+  if (exclusive) {
+    ZELTA_TRY(acquireTableMutex(metaData, *table, guard));
+  } else {
+    openTableMutex(metaData, *table).ignore();  // only its count of changes is looked at
+    clearError(metaData);
+  }
   ZELTA_TRY(loadTable(metaData, *table, entry, exclusive));
   ZELTA_TRY(guard.release());
   insert(table.release(), tables, tableId);

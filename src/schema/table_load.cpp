@@ -76,11 +76,13 @@ void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::ui
   table.setIndexCount(table.schema->indexCount);
 }
 
-Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guard) {
+Result openTableMutex(MetaData& metaData, Table& table) {
   const std::u16string path = databasePath(metaData, table.name, extension::kTable);
-  if (const SystemCode failure = createFileMutex(path, &table.tableMutex); failure != 0) {
-    return reportTable(metaData, table.cName(), failure);
-  }
+  return reportTable(metaData, table.cName(), createFileMutex(path, &table.tableMutex));
+}
+
+Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guard) {
+  ZELTA_TRY(openTableMutex(metaData, table));
   return guard.acquire(metaData, table, kLongWait);
 }
 

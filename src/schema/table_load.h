@@ -17,7 +17,9 @@ void takeEntry(const MetaData& metaData, Table& table, const DirectoryEntry& ent
 void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::uint32_t slotBase,
                 const DirectoryEntry& entry);
 
-/// Makes the table's mutex and owns it until the guard ends.
+/// Opens the table's mutex, which nobody owns through this yet.
+Result openTableMutex(MetaData& metaData, Table& table);
+/// Opens the table's mutex and owns it until the guard ends.
 Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guard);
 
 /// Opens the table's file and reads header and schema. `exclusive`: the mutex is held, and a commit

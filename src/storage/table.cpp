@@ -1,6 +1,7 @@
 #include "storage/table.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "frame/upcalls.h"
 #include "storage/table_file.h"
@@ -85,6 +86,12 @@ Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t 
   return {};
 }
 
+void TableMutexGuard::announceChange() {
+  if (table_ == nullptr || changing_) return;
+  changing_ = true;
+  platform::advanceChangeCount(table_->tableMutex);
+}
+
 Result TableMutexGuard::release() {
   if (table_ == nullptr) return {};
   Table& table = *table_;
@@ -92,6 +99,7 @@ Result TableMutexGuard::release() {
   for (const platform::File file : {table.tableFile, table.indexFile, table.memoryFile}) {
     platform::endStable(file);
   }
+  if (std::exchange(changing_, false)) platform::advanceChangeCount(table.tableMutex);
   const SystemCode failure = platform::releaseMutex(table.tableMutex);
   return reportSystemError(metaData_, failure, table.cName(), extension::kTable);
 }

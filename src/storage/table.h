@@ -95,6 +95,8 @@ class Table final : public UInt32AVLTree {
   platform::File indexFile = platform::File::none;
   platform::File memoryFile = platform::File::none;
   platform::Mutex tableMutex = platform::Mutex::none;
+  /// A count of changes that stayed odd too long to wait for its end again; 0: none.
+  std::uint32_t ignoredChange = 0;
   std::unique_ptr<IndexCursor[]> indexStates;
   KeyNodePool nodePool;
   // Sets of object IDs of the running transaction
@@ -123,11 +125,15 @@ class TableMutexGuard {
   /// Waits for the mutex; a failure is reported with the table's name and ".zlt".
   Result acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds);
   Result release();
+  /// To be called before committed state is changed: those who read it without the mutex wait, or
+  /// read again, until the release.
+  void announceChange();
   [[nodiscard]] bool held() const { return table_ != nullptr; }
 
  private:
   MetaData* metaData_ = nullptr;
   Table* table_ = nullptr;
+  bool changing_ = false;
 };
 
 }  // namespace zelta

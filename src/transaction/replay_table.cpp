@@ -221,6 +221,7 @@ Result TableReplay::run(const TableSection& section) {
   if (deleted_.root == nullptr && edited_.root == nullptr && images_.added.empty()) {
     return guard.release();
   }
+  guard.announceChange();
   bool indexThere = false;
   ZELTA_TRY(openIndex(&indexThere));
   if (indexThere) ZELTA_TRY(applyKeys());

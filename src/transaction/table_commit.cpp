@@ -89,6 +89,7 @@ void emptySets(Table& table, bool releaseLocks) {
 Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks) {
   TableMutexGuard guard;
   Result result = guard.acquire(metaData, table, platform::kForever);
+  guard.announceChange();
   if (result.ok()) result = commitFiles(metaData, table);
   emptySets(table, releaseLocks);
   result.keepFirst(guard.release());

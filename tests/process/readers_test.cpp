@@ -7,6 +7,8 @@
 #include <random>
 #include <vector>
 
+#include "frame/lifecycle.h"
+#include "platform/mutex.h"
 #include "process/shop_fixture.h"
 #include "support/check_database.h"
 
@@ -254,6 +256,25 @@ TEST_F(Readers, ThatKeepWritersOutSeeWholeTransactions) {
   }
   EXPECT_GT(rounds, 2);
   finish();
+}
+
+TEST_F(Readers, WaitOnceForAChangeThatNobodyEnds) {
+  platform::Mutex mutex = platform::Mutex::none;
+  ASSERT_EQ(createFileMutex(folder.file("things.zlt"), &mutex), 0u);
+  ASSERT_DONE(shop.db, shop.begin(CZELTA::TransactionRead));
+  platform::advanceChangeCount(mutex);
+  const Stopwatch first;
+  ASSERT_DONE(shop.db, shop.readKey(lasting(7).key));
+  EXPECT_EQ(shop.row(), lasting(7));
+  EXPECT_GT(first.elapsed(), 100);
+  EXPECT_LT(first.elapsed(), 20000);
+  const Stopwatch second;
+  readOnesThatLast(CZELTA::Mode{});
+  walkBesideWriters(CZELTA::Mode{});
+  EXPECT_LT(second.elapsed(), first.elapsed());
+  ASSERT_DONE(shop.db, shop.end());
+  platform::advanceChangeCount(mutex);
+  platform::closeMutex(mutex);
 }
 
 }  // namespace
