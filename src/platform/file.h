@@ -37,9 +37,16 @@ SystemCode closeFile(File file);
 
 /// Until endStable() nobody else cuts the file: the caller holds the mutex under which it is cut.
 /// This lets the platform serve reads and writes of its first `window` bytes from memory that it
-/// shares with the file; such memory counts as the process's. File::none is ignored.
-void beginStable(File file, std::uint64_t window);
-void endStable(File file);
+/// shares with the file; such memory counts as the process's. `version` other than 0: as long as it
+/// is the same, nobody else has changed the file's length. endStable() tells whether this handle
+/// has. File::none is ignored.
+void beginStable(File file, std::uint64_t window, std::uint64_t version = 0);
+bool endStable(File file);
+
+/// Gives the bytes of the file themselves, between beginStable() and endStable(), or null if they
+/// are not served from memory. They must not be written to, and follow what is written to the file.
+[[nodiscard]] SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length,
+                                  const char** bytes);
 
 /// For a handle that only reads, without that mutex: once it has read often, its reads of the first
 /// `window` bytes may be served from memory too. Meanwhile nobody's cuts shorten the file.

@@ -37,6 +37,11 @@ void closeMutex(Mutex mutex);
 /// Goes on to the next count. Only the owner may call it.
 void advanceChangeCount(Mutex mutex);
 
+/// The state of the lengths of the files that the mutex guards: a number for its owner, never 0. It
+/// changes by noteLengths() and when an owner dies.
+[[nodiscard]] std::uint64_t lengthState(Mutex mutex);
+void noteLengths(Mutex mutex);
+
 /// A second way to own a mutex, for one that is kept from open to close: the handle owns it,
 /// whatever thread calls, and closeMutex() or the death of the process gives it up. Never waits:
 /// 258 if another handle, of this process or another, owns it. A mutex is used in this way or by

@@ -74,15 +74,26 @@ void destroyTables(MetaData& metaData, UInt32AVLTree*& tables) {
   metaData.lockObjectID = 0;
 }
 
+namespace {
+
+void filesOf(const Table& table, platform::File* files) {
+  files[0] = table.tableFile;
+  files[1] = table.indexFile;
+  files[2] = table.memoryFile;
+}
+
+}  // namespace
+
 Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds) {
   const SystemCode failure = platform::waitMutex(table.tableMutex, milliseconds);
   if (failure != 0) return reportSystemError(&metaData, failure, table.cName(), extension::kTable);
   metaData_ = &metaData;
   table_ = &table;
   // The files of a table are cut under its mutex alone.
-  platform::beginStable(table.tableFile, kSmallWindow);
-  platform::beginStable(table.indexFile, kSmallWindow);
-  platform::beginStable(table.memoryFile, kMemoryFileWindow);
+  const std::uint64_t version = platform::lengthState(table.tableMutex);
+  constexpr std::uint64_t kWindows[] = {kSmallWindow, kSmallWindow, kMemoryFileWindow};
+  filesOf(table, files_);
+  for (int i = 0; i < 3; ++i) platform::beginStable(files_[i], kWindows[i], version);
   return {};
 }
 
@@ -96,10 +107,15 @@ Result TableMutexGuard::release() {
   if (table_ == nullptr) return {};
   Table& table = *table_;
   table_ = nullptr;
-  for (const platform::File file : {table.tableFile, table.indexFile, table.memoryFile}) {
-    platform::endStable(file);
+  platform::File files[3];
+  filesOf(table, files);
+  bool changed = false;
+  for (int i = 0; i < 3; ++i) {
+    // What was done to a file that was opened or closed meanwhile is not known.
+    changed = platform::endStable(files[i]) || files[i] != files_[i] || changed;
   }
   if (std::exchange(changing_, false)) platform::advanceChangeCount(table.tableMutex);
+  if (changed) platform::noteLengths(table.tableMutex);
   const SystemCode failure = platform::releaseMutex(table.tableMutex);
   return reportSystemError(metaData_, failure, table.cName(), extension::kTable);
 }

@@ -134,6 +134,7 @@ class TableMutexGuard {
   MetaData* metaData_ = nullptr;
   Table* table_ = nullptr;
   bool changing_ = false;
+  platform::File files_[3] = {};  ///< the table's files as they were at the begin
 };
 
 }  // namespace zelta

@@ -252,6 +252,25 @@ TEST_F(Mutexes, ReportAKilledOwnerOnceAndAreUsableThen) {
   }
 }
 
+TEST_F(Mutexes, ShareTheStateOfLengthsAndChangeItWhenAnOwnerDies) {
+  const Handle one(name);
+  const Handle two(name);
+  const std::uint64_t first = platform::lengthState(one);
+  EXPECT_NE(first, 0u);
+  EXPECT_EQ(platform::lengthState(two), first);
+  ASSERT_EQ(waited(one, 0), kGained);
+  platform::noteLengths(one);
+  EXPECT_EQ(platform::releaseMutex(one), 0u);
+  const std::uint64_t second = platform::lengthState(two);
+  EXPECT_NE(second, first);
+  ChildProcess holder(owner());
+  ASSERT_TRUE(holder.hears('y'));
+  holder.kill();
+  ASSERT_EQ(waited(one, 0), kGainedFromTheDead);
+  EXPECT_NE(platform::lengthState(one), second) << "nobody knows what the dead owner has done";
+  EXPECT_EQ(platform::releaseMutex(one), 0u);
+}
+
 TEST_F(Mutexes, ReportAnOwnerThatEndsWithoutARelease) {
   const Handle mutex(name);
   ChildProcess holder(owner());

@@ -228,6 +228,70 @@ TEST_F(Stable, WritesDieNotWithTheirProcess) {
   EXPECT_EQ(bytes().substr(6, 6), "akepta");
 }
 
+TEST_F(Stable, TimesOfOneStateOfLengthsAskForTheLengthOnce) {
+  fill(1000);
+  const OpenedFile file(name());
+  platform::beginStable(file, kWindow, 7);
+  EXPECT_FALSE(platform::endStable(file));
+  const std::uint64_t before = systemCalls();
+  platform::beginStable(file, kWindow, 7);
+  EXPECT_EQ(sizeOf(file), 1000u);
+  EXPECT_EQ(got(file, 998, 8), "aa");
+  EXPECT_EQ(systemCalls(), before + 1) << "the read beyond the end alone";
+  platform::endStable(file);
+  elsewhere([](File other) { put(other, 1000, "bb"); });
+  platform::beginStable(file, kWindow, 8);
+  EXPECT_EQ(sizeOf(file), 1002u);
+  EXPECT_EQ(got(file, 998, 4), "aabb");
+  EXPECT_FALSE(platform::endStable(file)) << "it was not this handle's change";
+}
+
+TEST_F(Stable, TimesTellOfTheHandlesOwnChangesOfLength) {
+  fill(1000);
+  const OpenedFile file(name());
+  platform::beginStable(file, kWindow, 7);
+  put(file, 0, "inside");
+  EXPECT_FALSE(platform::endStable(file));
+  platform::beginStable(file, kWindow, 7);
+  put(file, 1000, "x");
+  EXPECT_TRUE(platform::endStable(file));
+  platform::beginStable(file, kWindow, 8);
+  ASSERT_EQ(platform::setFileSize(file, 10), 0u);
+  EXPECT_TRUE(platform::endStable(file));
+  platform::beginStable(file, kWindow, 9);
+  EXPECT_EQ(sizeOf(file), 10u);
+  EXPECT_FALSE(platform::endStable(file));
+  put(file, 10, "y");
+  platform::beginStable(file, kWindow, 9);
+  EXPECT_EQ(sizeOf(file), 11u) << "what was done between two times counts too";
+  EXPECT_TRUE(platform::endStable(file));
+}
+
+TEST_F(Stable, FilesShowTheirBytesWhereTheyAre) {
+  fill(1000);
+  const OpenedFile file(name());
+  const char* view = nullptr;
+  EXPECT_EQ(platform::viewFile(file, 0, 4, &view), 0u);
+  EXPECT_EQ(view, nullptr) << "not outside of a stable time";
+  platform::beginStable(file, kWindow);
+  ASSERT_EQ(platform::viewFile(file, 996, 4, &view), 0u);
+  ASSERT_NE(view, nullptr);
+  EXPECT_EQ(std::string(view, 4), "aaaa");
+  put(file, 997, "bc");
+  EXPECT_EQ(std::string(view, 4), "abca") << "they follow what is written";
+  for (const std::uint64_t position : {std::uint64_t{997}, kWindow, ~std::uint64_t{0} - 1}) {
+    EXPECT_EQ(platform::viewFile(file, position, 4, &view), 0u);
+    EXPECT_EQ(view, nullptr) << "nothing behind the end: " << position;
+  }
+  ASSERT_EQ(platform::setFileSize(file, 998), 0u);
+  EXPECT_EQ(platform::viewFile(file, 996, 4, &view), 0u);
+  EXPECT_EQ(view, nullptr) << "nor what was cut off";
+  platform::endStable(file);
+  EXPECT_EQ(platform::viewFile(file, 0, 4, &view), 0u);
+  EXPECT_EQ(view, nullptr);
+  EXPECT_EQ(platform::viewFile(File::none, 0, 4, &view), code::kInvalidHandle);
+}
+
 TEST_F(Stable, ReadsOfLockedWordsAreStoppedAllTheSame) {
   fill(1000);
   const OpenedFile one(name());

@@ -44,6 +44,7 @@
 #include <set>
 #include <string>
 #include <unordered_set>
+#include <utility>
 
 #include "platform/posix/posix_internal.h"
 
@@ -73,6 +74,9 @@ struct FileRecord {
   bool keepsLength = false;      ///< holds its share of kLengthByte
   std::uint64_t size = 0;        ///< of the file, in a stable time
   bool stable = false;
+  bool holes = false;          ///< the file has or may have some
+  bool resized = false;        ///< by this handle, in a stable time
+  std::uint64_t version = 0;   ///< of `size` and `holes`; 0: they are not known
   FileRecord* next = nullptr;  ///< all open files, for the fork handler
   FileRecord* previous = nullptr;
 };
@@ -213,13 +217,16 @@ SystemCode transferAll(std::uint32_t length, std::uint32_t* transferred, Transfe
 /// Takes note of what the file holds now.
 void noteSize(FileRecord* record, std::uint64_t size, bool holes) {
   record->size = size;
+  record->holes = holes;
   record->readable = record->window == nullptr ? 0 : std::min(size, record->windowSize);
   record->writable = holes ? 0 : record->readable;
 }
 
 /// After a write or a cut of this handle's.
 void noteChange(FileRecord* record, std::uint64_t size, bool hole) {
-  if (record->stable) noteSize(record, size, hole || record->writable < record->readable);
+  record->version = 0;
+  record->resized = true;
+  if (record->stable) noteSize(record, size, hole || record->holes);
 }
 
 std::uint64_t placeOf(LockWord word) {
@@ -385,27 +392,52 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
   return result;
 }
 
-void beginStable(File file, std::uint64_t window) {
+void beginStable(File file, std::uint64_t window, std::uint64_t version) {
   FileRecord* record = file == File::none ? nullptr : usable(file);
   if (record == nullptr) return;
   record->stable = true;
   const bool mapped = mapWindow(record, window);
+  if (mapped && version != 0 && record->version == version) {
+    return noteSize(record, record->size, record->holes);
+  }
 #ifdef ZELTA_FAULTS
   countCall();
 #endif
   constexpr std::uint64_t kBlock = 512;  // the unit of st_blocks
   struct stat info {};
-  if (!mapped || fstat(record->fd, &info) != 0) return endStable(file);
+  if (!mapped || fstat(record->fd, &info) != 0) {
+    endStable(file);
+    return;
+  }
+  record->version = version;
   const auto size = static_cast<std::uint64_t>(info.st_size);
   noteSize(record, size, static_cast<std::uint64_t>(info.st_blocks) * kBlock < size);
 }
 
-void endStable(File file) {
+bool endStable(File file) {
   FileRecord* record = file == File::none ? nullptr : usable(file);
-  if (record == nullptr) return;
+  if (record == nullptr) return false;
   record->stable = false;
   record->readable = 0;
   record->writable = 0;
+  return std::exchange(record->resized, false);
+}
+
+SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length, const char** bytes) {
+  *bytes = nullptr;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  if (!record->stable || length > record->readable || position > record->readable - length) {
+    return 0;
+  }
+#ifdef ZELTA_FAULTS
+  const Asked asked = ask(Call::read, record->path, position, length);
+  if (asked.code != 0) return asked.code;
+  uncountCall();
+  if (asked.cut < length) return 0;
+#endif
+  *bytes = record->window + position;
+  return 0;
 }
 
 void serveReads(File file, std::uint64_t window) {

@@ -40,7 +40,7 @@ using namespace posix;
 namespace {
 
 constexpr const char* kFolder = "/dev/shm/";
-constexpr std::uint32_t kMagic = 0x325A4D5A;  // "ZMZ2"
+constexpr std::uint32_t kMagic = 0x335A4D5A;  // "ZMZ3"
 constexpr off_t kUserByte = 0;
 constexpr off_t kClaimByte = 1;
 
@@ -50,6 +50,7 @@ struct Shared {
   std::uint32_t nameLength;
   std::atomic<std::uint32_t> changes;
   pthread_mutex_t mutex;
+  std::uint64_t lengths;  ///< belongs to the owner of the mutex
   [[nodiscard]] char* name() { return reinterpret_cast<char*>(this + 1); }
 };
 
@@ -141,6 +142,7 @@ bool initialise(Shared* shared, const std::string& name) {
   pthread_mutexattr_destroy(&attributes);
   std::memcpy(shared->name(), name.data(), name.size());
   shared->nameLength = static_cast<std::uint32_t>(name.size());
+  shared->lengths = 1;
   shared->magic = kMagic;
   return done;
 }
@@ -291,6 +293,7 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
   if (result == EOWNERDEAD) {
     pthread_mutex_consistent(&mapping->shared->mutex);
     if ((mapping->shared->changes.load() & 1) != 0) mapping->shared->changes.fetch_add(1);
+    ++mapping->shared->lengths;
     if (abandoned != nullptr) *abandoned = true;
   } else if (result != 0) {
     return codeOf(result);
@@ -330,6 +333,10 @@ void advanceChangeCount(Mutex mutex) {
   mapping->shared->changes.fetch_add(1);
   std::atomic_thread_fence(std::memory_order_seq_cst);
 }
+
+std::uint64_t lengthState(Mutex mutex) { return handleOf(mutex)->mapping->shared->lengths; }
+
+void noteLengths(Mutex mutex) { ++handleOf(mutex)->mapping->shared->lengths; }
 
 SystemCode claimMutex(Mutex mutex) {
   if (mutex == Mutex::none) return code::kInvalidHandle;
