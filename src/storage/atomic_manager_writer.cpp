@@ -35,7 +35,7 @@ SystemCode GatheredWriter::write(std::uint64_t position, const void* data, std::
 }
 
 SystemCode GatheredWriter::zeros(std::uint64_t position, std::uint64_t length) {
-  constexpr char kZeros[64] = {};
+  static constexpr char kZeros[1024] = {};
   while (length != 0) {
     const std::uint64_t piece = std::min<std::uint64_t>(length, sizeof(kZeros));
     const SystemCode result = write(position, kZeros, piece);

@@ -45,6 +45,9 @@ constexpr char kMagic[4] = {'Z', 'E', 'L', 'M'};
 constexpr std::uint16_t kMajorVersion = 1;
 constexpr std::uint16_t kMinorVersion = 1;
 constexpr std::uint32_t kFirstPageSize = 64;
+/// Files above the first size grow in steps of the second.
+constexpr std::uint64_t kSmallFile = 64 * 1024;
+constexpr std::uint64_t kReserve = 64 * 1024;
 constexpr std::uint64_t kLargestPageSize = std::uint64_t{1} << 31;
 
 /// The page unit of a new file: room for the roots, and for about a hundred keys of the mean
@@ -166,6 +169,7 @@ class Flush {
   [[nodiscard]] Result outcome(SystemCode result) const {
     return result == 0 ? Result{} : failed(manager_, result);
   }
+  static void reserveAhead(GatheredWriter& writer, std::uint64_t end);
   void sum(const void* bytes, std::uint64_t length) {
     xorChecksum64(header_.journalChecksum, bytes, length);
   }
@@ -251,8 +255,19 @@ Result Flush::writeJournal() {
   for (const FreeBlock* node = manager_.memoryFreeList; node != nullptr; node = node->nextNode) {
     if (node->dirty != 0) put(node, kFreeEntrySize);
   }
+  std::uint64_t length = 0;
+  if (result == 0) result = platform::fileSize(manager_.memoryFile, &length);
   if (result == 0) result = writer.finish();
+  if (result == 0 && position > length) reserveAhead(writer, position);
   return outcome(result);
+}
+
+/// Lets a file that grows grow by more than is needed, so that the next journals find room and need
+/// no system call. The journal stands already: that there is no room for more is no failure.
+void Flush::reserveAhead(GatheredWriter& writer, std::uint64_t end) {
+  if (end < kSmallFile) return;
+  const SystemCode result = writer.zeros(end, kReserve - end % kReserve);
+  if (result == 0) static_cast<void>(writer.finish());
 }
 
 Result Flush::apply() {
