@@ -45,10 +45,12 @@ Result BPlusCursor::corrupted() {
 }
 
 Result BPlusCursor::load(std::uint64_t position) {
-  char* page = nullptr;
+  const char* page = nullptr;
   if (position == 0) return corrupted();
-  ZELTA_TRY(manager_.readPage(file_.file, position, &page, buffer_));
-  if (page == nullptr || node_.attach(page, shape_, false) != BPlusNode::State::sound ||
+  ZELTA_TRY(manager_.viewPage(file_.file, position, false, &page, buffer_));
+  // The cursor only reads what it looks at.
+  if (page == nullptr ||
+      node_.attach(const_cast<char*>(page), shape_, false) != BPlusNode::State::sound ||
       (node_.leaf() && node_.count() == 0)) {
     return corrupted();
   }

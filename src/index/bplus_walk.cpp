@@ -68,6 +68,15 @@ Result BPlusWalk::load(std::uint64_t position, BPlusNode& node, BPlusBuffer whic
   return {};
 }
 
+Result BPlusWalk::look(std::uint64_t position, BPlusNode& node) {
+  const char* page = nullptr;
+  if (position == 0) return corrupted();
+  ZELTA_TRY(manager.viewPage(file.file, position, true, &page, buffer(kNodeBuffer)));
+  if (page == nullptr) return corrupted();
+  const BPlusNode::State state = node.attach(const_cast<char*>(page), shape, false);
+  return state == BPlusNode::State::sound ? Result() : damaged(state, node.leaf());
+}
+
 Result BPlusWalk::loadLeaf(std::uint64_t position, BPlusNode& node, BPlusBuffer which) {
   ZELTA_TRY(load(position, node, which));
   return node.leaf() ? Result() : corrupted();
@@ -102,11 +111,15 @@ Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& 
   std::uint64_t position = root();
   for (;;) {
     if (path.depth == BPlusPath::kMaximumDepth) return corrupted();
-    ZELTA_TRY(load(position, leaf, kNodeBuffer));
+    ZELTA_TRY(look(position, leaf));
     BPlusPath::Step& step = path.steps[path.depth++];
     step = {position, 0};
-    if (leaf.leaf()) return {};
+    if (leaf.leaf()) return load(position, leaf, kNodeBuffer);
     const BPlusNode::Place place = leaf.above(key);
+    if (place.offset == 0) {
+      ZELTA_TRY(load(position, leaf, kNodeBuffer));
+      return corrupted();
+    }
     if (place.equal) {
       path.equalLevel = path.last();
       path.equalSeparator = place.number - 1;

@@ -52,6 +52,9 @@ class BPlusWalk {
             std::uint32_t index, Purpose purpose);
 
   Result load(std::uint64_t position, BPlusNode& node, BPlusBuffer buffer);
+  /// The same for a node that is only looked at, until the manager is used again. Variable keys may
+  /// turn out broken.
+  Result look(std::uint64_t position, BPlusNode& node);
   Result loadLeaf(std::uint64_t position, BPlusNode& node, BPlusBuffer buffer);
   /// Puts a changed node; `node` leads to the page's own bytes afterwards, if there are such.
   Result store(std::uint64_t position, BPlusNode& node);

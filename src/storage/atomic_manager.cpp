@@ -26,33 +26,20 @@ constexpr std::uint32_t kNoPageSize = 4;
 constexpr std::uint32_t kLargestGuess = 64 * 1024;
 /// Pages above this size are allocated only if the file is long enough to hold them.
 constexpr std::uint32_t kTrustedSize = 1024 * 1024;
+/// Pages of a sound file lie at multiples of this; only these are looked at where they are.
+constexpr std::uint64_t kPageAlignment = 8;
 /// What is kept of pages that were only read.
 constexpr std::uint64_t kUnchangedLimit = 2 * 1024 * 1024;
 
-char* allocateBytes(std::uint32_t size) {
-  auto* bytes = static_cast<char*>(std::malloc(size));
-  if (bytes == nullptr) throw std::bad_alloc();
-  return bytes;
-}
-
-/// Gives a page room for a size; what was there may be lost.
-void makeRoom(AtomicManager::Page& page, std::uint32_t size) {
-  if (page.bytes != nullptr && page.size == size) return;
-  char* bytes = allocateBytes(size);
-  std::free(page.bytes);
-  page.bytes = bytes;
-  page.size = size;
-}
-
 }  // namespace
 
-AtomicManager::Page::~Page() { std::free(bytes); }
-
 AtomicManager::AtomicManager(MetaData& theMetaData, Table& theTable)
-    : metaData(theMetaData),
-      table(theTable),
-      indexCount(theTable.indexCount),
-      roots_(std::make_unique<std::uint64_t[]>(3 * std::size_t{theTable.indexCount} + 2)) {}
+    : metaData(theMetaData), table(theTable), indexCount(theTable.indexCount) {
+  const std::size_t count = 3 * std::size_t{indexCount} + 2;
+  if (count <= kFewRoots) return;
+  manyRoots_ = std::make_unique<std::uint64_t[]>(count);
+  roots_ = manyRoots_.get();
+}
 
 AtomicManager::~AtomicManager() {
   dropMemoryChanges();
@@ -78,7 +65,7 @@ void AtomicManager::attach(platform::File index, const IndexFileHeader_tag* inde
 }
 
 void AtomicManager::dropMemoryChanges() {
-  destroyAll(pages);
+  table.pagePool.releaseTree(pages);
   pageCount = 0;
   dropFreeList(memoryFreeList);
   destroyAll(releasedMemory_);
@@ -97,8 +84,8 @@ void AtomicManager::dropIndexChanges() {
 }
 
 void AtomicManager::dropUnchanged() {
-  destroyAll(unchanged_[0]);
-  destroyAll(unchanged_[1]);
+  table.pagePool.releaseTree(unchanged_[0]);
+  table.pagePool.releaseTree(unchanged_[1]);
   unchangedBytes_ = 0;
 }
 
@@ -148,12 +135,59 @@ Result AtomicManager::readPage(PageFile file, std::uint64_t position, char** pag
     std::memcpy(*page, held->bytes, held->size);
     return {};
   }
+  const char* own = nullptr;
+  ZELTA_TRY(viewFilePage(file, position, &own));
+  if (own != nullptr) {
+    const std::uint32_t stated = statedSize(own);
+    *page = scratch.reserve(stated);
+    std::memcpy(*page, own, stated);
+    return {};
+  }
   std::uint32_t size = 0;
   ZELTA_TRY(readFromFile(file, position, scratch, &size));
   *page = scratch.data();
   const bool keep = file == PageFile::memory || holdIndexPages_;
   if (keep && size <= kLargestGuess) keepUnchanged(file, position, *page, size);
   return {};
+}
+
+Result AtomicManager::viewPage(PageFile file, std::uint64_t position, bool briefly,
+                               const char** page, ScratchBuffer& scratch) {
+  *page = nullptr;
+  Page* held = changedPage(file, position);
+  if (held == nullptr) {
+    if (handle(file) == platform::File::none) return {};
+    held = unchangedPage(file, position);
+    if (held == nullptr) {
+      ZELTA_TRY(viewFilePage(file, position, page));
+      if (*page != nullptr) return {};
+    } else if (briefly) {
+      *page = held->bytes;
+      return {};
+    }
+  } else if (held->bytes != nullptr && (briefly || file == PageFile::memory)) {
+    if (file == PageFile::index) use(*held);
+    *page = held->bytes;
+    return {};
+  }
+  char* copy = nullptr;
+  ZELTA_TRY(readPage(file, position, &copy, scratch));
+  *page = copy;
+  return {};
+}
+
+/// A page of the file as it is, if it lies in memory whole; else null.
+Result AtomicManager::viewFilePage(PageFile file, std::uint64_t position, const char** page) {
+  *page = nullptr;
+  if (!inside(file, position, kNoPageSize + 1) || position % kPageAlignment != 0) return {};
+  const char* bytes = nullptr;
+  SystemCode result = platform::viewFile(handle(file), position, kNoPageSize, &bytes);
+  if (result != 0) return failed(file, result);
+  if (bytes == nullptr) return {};
+  const std::uint32_t size = statedSize(bytes);
+  if (size <= kNoPageSize || !inside(file, position, size)) return {};
+  result = platform::viewFile(handle(file), position, size, page);
+  return result == 0 ? Result{} : failed(file, result);
 }
 
 Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
@@ -194,19 +228,20 @@ Result AtomicManager::readRest(PageFile file, std::uint64_t position, std::uint3
 
 AtomicManager::Page* AtomicManager::keepUnchanged(PageFile file, std::uint64_t position,
                                                   const char* bytes, std::uint32_t size) {
-  auto page = std::make_unique<Page>();
-  makeRoom(*page, size);
+  PooledPage page(table.pagePool, table.pagePool.take());
+  page->makeRoom(size);
   if (bytes != nullptr) std::memcpy(page->bytes, bytes, size);
   insert(page.get(), unchangedTree(file), position);
   unchangedBytes_ += size;
-  return page.release();
+  return page.giveAway();
 }
 
 void AtomicManager::dropUnchangedPage(PageFile file, std::uint64_t position) {
-  const std::unique_ptr<Page> page(unchangedPage(file, position));
+  Page* page = unchangedPage(file, position);
   if (page == nullptr) return;
-  remove(page.get(), unchangedTree(file));
+  remove(page, unchangedTree(file));
   unchangedBytes_ -= page->size;
+  table.pagePool.release(page);
 }
 
 Result AtomicManager::holdMemoryPage(std::uint64_t position, std::uint32_t size, Page** page) {
@@ -214,14 +249,31 @@ Result AtomicManager::holdMemoryPage(std::uint64_t position, std::uint32_t size,
   if (*page == nullptr) *page = unchangedPage(PageFile::memory, position);
   if (*page != nullptr) return (*page)->size == size ? Result{} : corrupted(PageFile::memory);
   if (!inside(PageFile::memory, position, size)) return corrupted(PageFile::memory);
-  auto fresh = std::make_unique<Page>();
-  makeRoom(*fresh, size);
+  PooledPage fresh(table.pagePool, table.pagePool.take());
+  fresh->makeRoom(size);
   const SystemCode result = readBuffer(memoryFile, position, fresh->bytes, size);
   if (result != 0) return failed(PageFile::memory, result);
   if (statedSize(fresh->bytes) != size) return corrupted(PageFile::memory);
   insert(fresh.get(), unchangedTree(PageFile::memory), position);
   unchangedBytes_ += size;
-  *page = fresh.release();
+  *page = fresh.giveAway();
+  return {};
+}
+
+Result AtomicManager::viewMemoryPage(std::uint64_t position, std::uint32_t size,
+                                     const char** bytes) {
+  if (changedPage(PageFile::memory, position) == nullptr &&
+      unchangedPage(PageFile::memory, position) == nullptr &&
+      inside(PageFile::memory, position, size) && position % kPageAlignment == 0) {
+    const SystemCode result = platform::viewFile(memoryFile, position, size, bytes);
+    if (result != 0) return failed(PageFile::memory, result);
+    if (*bytes != nullptr) {
+      return statedSize(*bytes) == size ? Result{} : corrupted(PageFile::memory);
+    }
+  }
+  Page* page = nullptr;
+  ZELTA_TRY(holdMemoryPage(position, size, &page));
+  *bytes = page->bytes;
   return {};
 }
 
@@ -247,14 +299,17 @@ Result AtomicManager::writeMemoryPage(std::uint64_t position, const char* page, 
                                       char** held) {
   Page* node = changedPage(PageFile::memory, position);
   if (node == nullptr) {
+    // `page` may be the bytes of the one that is dropped.
+    PooledPage fresh(table.pagePool, table.pagePool.take());
+    fresh->makeRoom(size);
+    std::memcpy(fresh->bytes, page, size);
+    page = fresh->bytes;
     dropUnchangedPage(PageFile::memory, position);
-    auto fresh = std::make_unique<Page>();
-    makeRoom(*fresh, size);
-    node = fresh.release();
+    node = fresh.giveAway();
     insert(node, pages, position);
     ++pageCount;
   } else if (page != node->bytes) {
-    makeRoom(*node, size);
+    node->makeRoom(size);
   }
   if (page != node->bytes) std::memcpy(node->bytes, page, size);
   // A page that shrank in place states its new size.
@@ -335,11 +390,11 @@ Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
   const auto need = static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock));
   if (taken > need) ZELTA_TRY(giveSpace(PageFile::memory, position + need, taken - need));
   dropUnchangedPage(PageFile::memory, position);
-  auto fresh = std::make_unique<Page>();
-  makeRoom(*fresh, size);
+  PooledPage fresh(table.pagePool, table.pagePool.take());
+  fresh->makeRoom(size);
   std::memset(fresh->bytes, 0, size);
   std::memcpy(fresh->bytes, &size, sizeof(size));
-  *page = fresh.release();
+  *page = fresh.giveAway();
   insert(*page, pages, position);
   ++pageCount;
   return {};
@@ -368,14 +423,16 @@ Result AtomicManager::allocatePage(PageFile file, std::uint32_t size, char** pag
 
 Result AtomicManager::freePage(PageFile file, std::uint64_t position, std::uint32_t size) {
   dropUnchangedPage(file, position);
-  if (const std::unique_ptr<Page> page{changedPage(file, position)}) {
+  if (Page* page = changedPage(file, position); page != nullptr) {
     if (file == PageFile::memory) {
-      remove(page.get(), pages);
+      remove(page, pages);
       --pageCount;
+      table.pagePool.release(page);
     } else {
       releaseIndexBytes(*page);
-      remove(page.get(), shadowPages);
+      remove(page, shadowPages);
       --shadowPageCount;
+      delete page;
     }
   }
   return giveSpace(file, position, static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock)));

@@ -22,17 +22,7 @@ enum class PageFile { index, memory };
 
 class AtomicManager {
  public:
-  /// A page that is held, by its position in its own file.
-  struct Page final : UInt64AVLTree {
-    ~Page() override;
-    char* bytes = nullptr;  ///< owned (malloc); null for an index page that lies in its shadow only
-    std::uint32_t size = 0;
-    std::uint32_t shadowSize = 0;      ///< room at `shadowPosition`
-    std::uint64_t shadowPosition = 0;  ///< an index page's place in the memory file, 0 for none
-    bool unsaved = false;              ///< an index page whose bytes are newer than its shadow
-    Page* newer = nullptr;             ///< index pages with bytes, in the order of their use
-    Page* older = nullptr;
-  };
+  using Page = PageNode;
 
   AtomicManager(MetaData& metaData, Table& table);
   ~AtomicManager();
@@ -47,6 +37,10 @@ class AtomicManager {
 
   /// Gives a page: held bytes, or a copy in `scratch`. A file that is not open gives null.
   Result readPage(PageFile file, std::uint64_t position, char** page, ScratchBuffer& scratch);
+  /// The same for a page that is only looked at: it may be the file's own bytes, good as long as
+  /// the table's mutex is held. With `briefly` only until the next call.
+  Result viewPage(PageFile file, std::uint64_t position, bool briefly, const char** page,
+                  ScratchBuffer& scratch);
   /// Puts a page, whose size is its first word. A memory page that is held already was changed in
   /// place; else its bytes are copied, and `*held` (if given) receives the copy. An index page goes
   /// to its shadow, or without a memory file straight into the index file.
@@ -64,14 +58,16 @@ class AtomicManager {
   [[nodiscard]] std::uint64_t& treeRoot(PageFile file, std::uint32_t i) {
     return file == PageFile::memory ? memoryRoot(i + 1) : indexRoot(i);
   }
-  [[nodiscard]] std::uint64_t* memoryRoots() { return roots_.get(); }
-  [[nodiscard]] std::uint64_t* indexRoots() { return roots_.get() + indexCount + 1; }
+  [[nodiscard]] std::uint64_t* memoryRoots() { return roots_; }
+  [[nodiscard]] std::uint64_t* indexRoots() { return roots_ + indexCount + 1; }
 
   // -- For the memory file ------------------------------------------------------------------------
 
   /// A memory page itself, read if it is not held. Good until the next call of readPage(),
   /// dropUnchanged() or freePage() unless it is marked as changed.
   Result holdMemoryPage(std::uint64_t position, std::uint32_t size, Page** page);
+  /// The bytes of a memory page, good until the next call.
+  Result viewMemoryPage(std::uint64_t position, std::uint32_t size, const char** bytes);
   /// A held page is going to be changed: it will be written.
   void markChanged(Page* page);
   /// A new memory page of zeros, held and marked.
@@ -89,7 +85,7 @@ class AtomicManager {
   /// Forgets changed pages, free lists and released space of the memory file, after a flush.
   void dropMemoryChanges();
   /// The memory roots as the file has them.
-  [[nodiscard]] std::uint64_t* savedMemoryRoots() { return roots_.get() + 2 * indexCount + 1; }
+  [[nodiscard]] std::uint64_t* savedMemoryRoots() { return roots_ + 2 * indexCount + 1; }
 
   // -- For the index file -------------------------------------------------------------------------
 
@@ -143,6 +139,7 @@ class AtomicManager {
   Result corrupted(PageFile file) const;
   Result failed(PageFile file, SystemCode code) const;
 
+  Result viewFilePage(PageFile file, std::uint64_t position, const char** page);
   [[nodiscard]] bool inside(PageFile file, std::uint64_t position, std::uint64_t size) const;
   Result readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
                       std::uint32_t* size);
@@ -163,7 +160,10 @@ class AtomicManager {
   Result takeEnd(PageFile file, std::uint64_t need, std::uint64_t* position);
   void releaseLater(std::uint64_t position, std::uint32_t size);
 
-  std::unique_ptr<std::uint64_t[]> roots_;            ///< memory, index, memory as saved
+  static constexpr std::size_t kFewRoots = 20;
+  std::uint64_t fewRoots_[kFewRoots] = {};
+  std::unique_ptr<std::uint64_t[]> manyRoots_;
+  std::uint64_t* roots_ = fewRoots_;                  ///< memory, index, memory as saved
   UInt64AVLTree* unchanged_[2] = {nullptr, nullptr};  ///< pages as read, of index and memory file
   std::uint64_t unchangedBytes_ = 0;
   std::uint64_t heldIndexBytes_ = 0;

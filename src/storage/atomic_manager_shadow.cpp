@@ -65,9 +65,7 @@ Result AtomicManager::writeIndexPage(std::uint64_t position, const char* page, s
 Result AtomicManager::takeIndexBytes(Page& page, const char* bytes, std::uint32_t size) {
   if (page.bytes == nullptr || page.size != size) {
     releaseIndexBytes(page);
-    page.bytes = static_cast<char*>(std::malloc(size));
-    if (page.bytes == nullptr) throw std::bad_alloc();
-    page.size = size;
+    page.makeRoom(size);
     heldIndexBytes_ += size;
   }
   std::memcpy(page.bytes, bytes, size);
@@ -89,8 +87,7 @@ void AtomicManager::assignShadow(Page& page) {
 void AtomicManager::releaseIndexBytes(Page& page) {
   if (page.bytes == nullptr) return;
   unuse(page);
-  std::free(page.bytes);
-  page.bytes = nullptr;
+  page.dropBytes();
   page.unsaved = false;
   heldIndexBytes_ -= page.size;
 }

@@ -24,6 +24,11 @@ Result holdMapPage(AtomicManager& manager, std::uint64_t position, Page** page) 
   return mapPageIsSound((*page)->bytes) ? Result{} : corrupted(manager);
 }
 
+Result viewMapPage(AtomicManager& manager, std::uint64_t position, const char** bytes) {
+  ZELTA_TRY(manager.viewMemoryPage(position, kMapPageSize, bytes));
+  return mapPageIsSound(*bytes) ? Result{} : corrupted(manager);
+}
+
 Result readBlockSize(AtomicManager& manager, const PendingObject& object, std::uint32_t* size) {
   if (!plausible(manager, object.position, sizeof(*size))) return corrupted(manager);
   const SystemCode result = readBuffer(manager.memoryFile, object.position, size, sizeof(*size));
@@ -36,18 +41,25 @@ Result readBlockSize(AtomicManager& manager, const PendingObject& object, std::u
   return {};
 }
 
-Result findPath(AtomicManager& manager, std::uint64_t objectID, MapPath& path) {
+Result findPath(AtomicManager& manager, std::uint64_t objectID, bool holdAll, MapPath& path) {
   path.depth = 0;
   std::uint64_t position = manager.memoryRoot(0);
   while (position != 0) {
     if (path.depth == kMaxDepth) return corrupted(manager);
     MapPath::Step& step = path.steps[path.depth++];
-    ZELTA_TRY(holdMapPage(manager, position, &step.page));
-    if (isLeaf(*step.page)) {
-      step.slot = entryFor(leafOf(*step.page), objectID);
+    step = {position, nullptr, 0};
+    const char* bytes = nullptr;
+    ZELTA_TRY(viewMapPage(manager, position, &bytes));
+    const bool leaf = isLeaf(bytes);
+    if (leaf || holdAll) {
+      ZELTA_TRY(holdMapPage(manager, position, &step.page));
+      bytes = step.page->bytes;
+    }
+    if (leaf) {
+      step.slot = entryFor(leafOf(bytes), objectID);
       return {};
     }
-    const MapInner_tag& inner = innerOf(*step.page);
+    const MapInner_tag& inner = innerOf(bytes);
     step.slot = childFor(inner, objectID);
     position = inner.children[step.slot];
     if (position == 0) return corrupted(manager);
@@ -102,22 +114,25 @@ Result lowerRoot(AtomicManager& manager) {
 namespace {
 
 using memory_file::corrupted;
-using memory_file::holdMapPage;
 using memory_file::innerOf;
 using memory_file::isLeaf;
 using memory_file::kMaxDepth;
 using memory_file::leafOf;
-using memory_file::Page;
+using memory_file::viewMapPage;
 
-/// Descends along the first or the last children.
-Result outermostLeaf(AtomicManager& manager, bool last, Page** leaf) {
+/// Descends along the first or the last children. An empty map gives null.
+Result outermostLeaf(AtomicManager& manager, bool last, const MapLeaf_tag** leaf) {
   *leaf = nullptr;
   std::uint64_t position = manager.memoryRoot(0);
   for (std::uint32_t depth = 0; position != 0; ++depth) {
     if (depth == kMaxDepth) return corrupted(manager);
-    ZELTA_TRY(holdMapPage(manager, position, leaf));
-    if (isLeaf(**leaf)) return {};
-    const MapInner_tag& inner = innerOf(**leaf);
+    const char* bytes = nullptr;
+    ZELTA_TRY(viewMapPage(manager, position, &bytes));
+    if (isLeaf(bytes)) {
+      *leaf = &leafOf(bytes);
+      return {};
+    }
+    const MapInner_tag& inner = innerOf(bytes);
     position = inner.children[last ? inner.count : 0];
     if (position == 0) return corrupted(manager);
   }
@@ -129,22 +144,30 @@ Result outermostLeaf(AtomicManager& manager, bool last, Page** leaf) {
 Result findPendingObject(AtomicManager& manager, std::uint64_t objectID, PendingObject* out,
                          bool* found) {
   *found = false;
-  memory_file::MapPath path;
-  ZELTA_TRY(memory_file::findPath(manager, objectID, path));
-  if (path.depth == 0) return {};
-  const MapLeaf_tag& leaf = leafOf(*path.leaf().page);
-  const std::uint32_t slot = path.leaf().slot;
-  if (slot == leaf.count || leaf.objectIDs[slot] != objectID) return {};
-  *out = memory_file::entryOf(leaf, slot);
-  *found = true;
+  std::uint64_t position = manager.memoryRoot(0);
+  for (std::uint32_t depth = 0; position != 0; ++depth) {
+    if (depth == kMaxDepth) return corrupted(manager);
+    const char* bytes = nullptr;
+    ZELTA_TRY(viewMapPage(manager, position, &bytes));
+    if (isLeaf(bytes)) {
+      const MapLeaf_tag& leaf = leafOf(bytes);
+      const std::uint32_t slot = memory_file::entryFor(leaf, objectID);
+      *found = slot != leaf.count && leaf.objectIDs[slot] == objectID;
+      if (*found) *out = memory_file::entryOf(leaf, slot);
+      return {};
+    }
+    const MapInner_tag& inner = innerOf(bytes);
+    position = inner.children[memory_file::childFor(inner, objectID)];
+    if (position == 0) return corrupted(manager);
+  }
   return {};
 }
 
 Result lastPendingID(AtomicManager& manager, std::uint64_t* objectID) {
   *objectID = 0;
-  Page* leaf = nullptr;
+  const MapLeaf_tag* leaf = nullptr;
   ZELTA_TRY(outermostLeaf(manager, true, &leaf));
-  if (leaf != nullptr) *objectID = leafOf(*leaf).objectIDs[leafOf(*leaf).count - 1];
+  if (leaf != nullptr) *objectID = leaf->objectIDs[leaf->count - 1];
   return {};
 }
 
@@ -152,10 +175,10 @@ Result lastPendingID(AtomicManager& manager, std::uint64_t* objectID) {
 
 Result PendingObjectWalk::takeLeaf(std::uint64_t position) {
   manager_.dropUnchanged();
-  Page* page = nullptr;
-  ZELTA_TRY(holdMapPage(manager_, position, &page));
-  if (!isLeaf(*page)) return corrupted(manager_);
-  std::memcpy(&leaf_, page->bytes, sizeof(leaf_));
+  const char* bytes = nullptr;
+  ZELTA_TRY(viewMapPage(manager_, position, &bytes));
+  if (!isLeaf(bytes)) return corrupted(manager_);
+  std::memcpy(&leaf_, bytes, sizeof(leaf_));
   index_ = 0;
   return {};
 }
@@ -163,9 +186,9 @@ Result PendingObjectWalk::takeLeaf(std::uint64_t position) {
 Result PendingObjectWalk::firstLeaf() {
   started_ = true;
   manager_.dropUnchanged();
-  Page* page = nullptr;
-  ZELTA_TRY(outermostLeaf(manager_, false, &page));
-  if (page != nullptr) std::memcpy(&leaf_, page->bytes, sizeof(leaf_));
+  const MapLeaf_tag* leaf = nullptr;
+  ZELTA_TRY(outermostLeaf(manager_, false, &leaf));
+  if (leaf != nullptr) std::memcpy(&leaf_, leaf, sizeof(leaf_));
   return {};
 }
 

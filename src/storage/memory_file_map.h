@@ -58,6 +58,18 @@ void copyItems(T* to, const T* from, std::uint32_t count) {
 
 /// A page of the map, held and checked; own error 58 if it is none.
 Result holdMapPage(AtomicManager& manager, std::uint64_t position, Page** page);
+/// Its bytes, checked, to look at until the manager is used again.
+Result viewMapPage(AtomicManager& manager, std::uint64_t position, const char** bytes);
+
+[[nodiscard]] inline bool isLeaf(const char* bytes) {
+  return reinterpret_cast<const MapLeaf_tag*>(bytes)->kind == kMapLeafKind;
+}
+[[nodiscard]] inline const MapLeaf_tag& leafOf(const char* bytes) {
+  return *reinterpret_cast<const MapLeaf_tag*>(bytes);
+}
+[[nodiscard]] inline const MapInner_tag& innerOf(const char* bytes) {
+  return *reinterpret_cast<const MapInner_tag*>(bytes);
+}
 /// A record's block size, read and checked.
 Result readBlockSize(AtomicManager& manager, const PendingObject& object, std::uint32_t* size);
 
@@ -68,16 +80,18 @@ Result readBlockSize(AtomicManager& manager, const PendingObject& object, std::u
 /// The way from the root to a leaf.
 struct MapPath {
   struct Step {
-    Page* page = nullptr;
-    std::uint32_t slot = 0;  ///< child taken; in the leaf the entry
+    std::uint64_t position;
+    Page* page;          ///< null where it is not held
+    std::uint32_t slot;  ///< child taken; in the leaf the entry
   };
-  std::array<Step, kMaxDepth> steps{};
-  std::uint32_t depth = 0;  ///< 0: the map is empty
+  std::array<Step, kMaxDepth> steps;  ///< the first `depth` are filled
+  std::uint32_t depth = 0;            ///< 0: the map is empty
 
   [[nodiscard]] Step& leaf() { return steps[depth - 1]; }
 };
-/// Descends to where an ID stands or would stand.
-Result findPath(AtomicManager& manager, std::uint64_t objectID, MapPath& path);
+/// Descends to where an ID stands or would stand. The leaf is held, and with `holdAll` the inner
+/// pages are too.
+Result findPath(AtomicManager& manager, std::uint64_t objectID, bool holdAll, MapPath& path);
 
 /// Drops child `slot` of an inner page, and the key beside it. The page must have another child.
 void dropChild(MapInner_tag& inner, std::uint32_t slot);

@@ -212,7 +212,7 @@ Result Shrink::share(MapInner_tag& parent, std::uint32_t leftSlot) {
 Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
                     std::uint64_t objectID) {
   MapPath path;
-  ZELTA_TRY(memory_file::findPath(manager, objectID, path));
+  ZELTA_TRY(memory_file::findPath(manager, objectID, true, path));
   const bool empty = path.depth == 0;
   const std::uint32_t slot = empty ? 0 : path.leaf().slot;
   if (empty || slot == leafOf(*path.leaf().page).count ||

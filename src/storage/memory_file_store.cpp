@@ -57,7 +57,7 @@ class Store {
 
 Result Store::enter() {
   MapPath path;
-  ZELTA_TRY(memory_file::findPath(manager_, entry_.objectID, path));
+  ZELTA_TRY(memory_file::findPath(manager_, entry_.objectID, false, path));
   if (path.depth == 0) {
     ZELTA_TRY(startMap());
     return {};
@@ -168,9 +168,11 @@ Result Store::splitLeaf(Page* old, Page** right) {
 /// path.
 Result Store::insertChild(MapPath& path, std::uint64_t key, std::uint64_t child) {
   while (path.depth != 0) {
-    Page* page = path.leaf().page;
+    Page* page = nullptr;
+    ZELTA_TRY(holdMapPage(manager_, path.leaf().position, &page));
     std::uint32_t slot = path.leaf().slot;
     --path.depth;
+    if (isLeaf(*page) || slot > innerOf(*page).count) return corrupted(manager_);
     manager_.markChanged(page);
     Page* right = nullptr;
     std::uint64_t carried = 0;

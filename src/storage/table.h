@@ -11,6 +11,7 @@
 #include "frame/metadata.h"
 #include "storage/avl_tree.h"
 #include "storage/key_pool.h"
+#include "storage/page_pool.h"
 
 namespace zelta {
 
@@ -99,6 +100,7 @@ class Table final : public UInt32AVLTree {
   std::uint32_t ignoredChange = 0;
   std::unique_ptr<IndexCursor[]> indexStates;
   KeyNodePool nodePool;
+  PagePool pagePool;
   // Sets of object IDs of the running transaction
   UInt64AVLTree* lockedObjects = nullptr;   ///< locked but unchanged
   UInt64AVLTree* addedObjects = nullptr;    ///< added
