@@ -36,7 +36,8 @@ Result readChecked(MetaData& metaData, const char16_t* tableName, platform::File
   return {};
 }
 
-/// Whether the numbers of a header at rest can be true.
+}  // namespace
+
 bool isPlausible(const TableHeader_tag& header) {
   constexpr std::uint64_t kFarthest = std::uint64_t{1} << 62;
   constexpr std::uint64_t kMostObjects = kFarthest / 16;
@@ -54,15 +55,15 @@ bool isPlausible(const TableHeader_tag& header) {
          std::uint64_t{header.schemaSize} + kObjectSlotSize * (header.highestID + 14);
 }
 
-}  // namespace
-
 Result readTableHeader(MetaData& metaData, const char16_t* tableName, platform::File file,
                        TableHeader_tag& header, bool mayRecover) {
   constexpr int kAttempts = 250;
   constexpr int kQuick = 150;
   ZELTA_TRY(readChecked(metaData, tableName, file, header));
-  // Without the right to repair there is no mutex either: a living commit may be under way.
-  for (int attempt = 0; header.commitEnd != 0 && !mayRecover; ++attempt) {
+  // Without the right to repair there is no mutex either: a living commit may be under way, or just
+  // writing the header.
+  for (int attempt = 0; !mayRecover; ++attempt) {
+    if (header.commitEnd == 0 && (isPlausible(header) || attempt >= kQuick)) break;
     if (attempt == kAttempts) return reportError(&metaData, Own::notWritable);
     platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
     ZELTA_TRY(readChecked(metaData, tableName, file, header));

@@ -2,15 +2,15 @@
 //
 // What may be found, and what is done:
 //  1. The journal's end lies behind the file's end, or (with moves still to do) its checksum is
-//  wrong: the
-//     journal was never complete. Nothing was applied; the file is cut to where the journal began.
+//     wrong: the journal was never complete. Nothing was applied; the file is cut to where the
+//     journal began.
 //  2. journalBase is not 0: moves may be half done. Their sources are never another entry's target,
-//  so all
-//     are done again.
+//     so all are done again.
 //  3. journalBase is 0: the moves are done. Everything behind them is done again; the contents of
-//  new and
-//     replaced objects are not in this file, so placeholders with the transaction's stamp stand in
-//     for them until the log has delivered them.
+//     new and replaced objects are not in this file, so placeholders with the transaction's stamp
+//     stand in for them until the log has delivered them.
+// Nothing is touched before the numbers of the header have proven to be those of a commit: a table
+// at rest must survive a damaged byte in its header.
 // In all cases the header is written with the intent cleared, and only then the file is cut.
 
 #include "storage/table_recovery.h"
@@ -61,6 +61,9 @@ class CommitRecovery {
     return report(writeBuffer(file_, position, data, static_cast<std::int64_t>(length)));
   }
   Result verify(bool* good);
+  /// Drops the commit: the table is as it was, and ends where it did.
+  Result forget(std::uint64_t size);
+  [[nodiscard]] bool intentIsSound() const;
   Result applyMoves(std::uint64_t* next);
   Result applyEdits(std::uint64_t next);
   Result applyEdit(const EditEntry_tag& entry);
@@ -81,19 +84,36 @@ Result CommitRecovery::readEntry(std::uint64_t position, EditEntry_tag& entry) {
   return report(readBuffer(file_, position, &entry, sizeof entry));
 }
 
+/// Whether the table that the commit makes can be one, and its journal lies behind all that is
+/// applied. Of the numbers before the commit some may be new already.
+bool CommitRecovery::intentIsSound() const {
+  TableHeader_tag after = header_;
+  after.objectAreaStart = header_.newObjectAreaStart;
+  after.highestID = header_.newHighestID;
+  after.endOfFile = header_.commitEnd;
+  return isPlausible(after) && header_.newFreeHead < header_.commitEnd &&
+         header_.newFirstDeletedID <= header_.newHighestID && journal_ >= header_.commitEnd &&
+         journal_ >= header_.endOfFile;
+}
+
 bool CommitRecovery::isSound(const EditEntry_tag& entry) const {
-  const std::uint64_t highest = std::max(header_.newHighestID, header_.oldSlotEnd);
-  if (entry.objectID == 0 || entry.objectID > highest) return false;
-  const auto inFile = [&](std::uint64_t position) { return position < header_.commitEnd; };
+  if (entry.objectID == 0 || entry.objectID > header_.newHighestID) return false;
+  const std::uint64_t least = fixed() ? header_.fixedAreaSize : kRecordFraming + header_.headerSize;
+  const auto inArea = [&](std::uint64_t position) {
+    const std::uint64_t size = std::max<std::uint64_t>(least, entry.newBlockSize);
+    return position >= header_.newObjectAreaStart && position <= header_.commitEnd &&
+           size <= header_.commitEnd - position;
+  };
   switch (entry.kind) {
     case EditKind::moveObject:
-      return inFile(entry.newPosition) && entry.newPosition >= header_.newObjectAreaStart;
+      return inArea(entry.newPosition) && (fixed() || entry.newBlockSize >= least);
     case EditKind::replaceObject:
-      return inFile(entry.newPosition == 0 ? entry.oldPosition : entry.newPosition);
+      return inArea(entry.newPosition == 0 ? entry.oldPosition : entry.newPosition);
     case EditKind::newObject:
-      return inFile(entry.newPosition) && entry.nextFreeID <= entry.objectID;
+      return inArea(entry.newPosition) && entry.nextFreeID <= entry.objectID &&
+             entry.oldPosition <= header_.newHighestID;
     case EditKind::freeSlot:
-      return true;
+      return entry.nextFreeID <= header_.newHighestID;
   }
   return true;  // an unknown kind has a failure of its own
 }
@@ -184,6 +204,14 @@ Result CommitRecovery::applyFreeSpace() {
   const std::uint64_t start =
       header_.journalEnd - std::uint64_t{header_.freeEntryCount} * kFreeEntrySize;
   Result result = readFreeBlockJournal(metaData_, file_, start, header_.freeEntryCount, chunks);
+  for (const FreeBlockChunk* chunk = chunks; chunk != nullptr && result.ok();
+       chunk = chunk->nextChunk) {
+    const bool good = std::all_of(chunk->entries, chunk->entries + chunk->used, [&](auto& entry) {
+      return entry.position >= header_.newObjectAreaStart && entry.position < header_.commitEnd &&
+             entry.size <= header_.commitEnd - entry.position;
+    });
+    if (!good) result = damaged();
+  }
   if (result.ok()) result = applyFreeBlockChunks(metaData_, file_, chunks, true);
   dropFreeChunks(chunks);
   return result;
@@ -201,19 +229,26 @@ Result CommitRecovery::finish(std::uint64_t end) {
   return report(truncateFile(file_, end));
 }
 
+Result CommitRecovery::forget(std::uint64_t size) {
+  const std::uint64_t base = header_.journalBase != 0 ? header_.journalBase : header_.endOfFile;
+  if (!isPlausible(header_) || base != header_.endOfFile || base > size) return damaged();
+  return finish(base);
+}
+
 Result CommitRecovery::run() {
   std::uint64_t size = 0;
   ZELTA_TRY(report(platform::fileSize(file_, &size)));
-  const std::uint64_t base = header_.journalBase != 0 ? header_.journalBase : header_.endOfFile;
   const std::uint64_t length =
       (std::uint64_t{header_.freeEntryCount} + header_.editEntryCount) * sizeof(EditEntry_tag);
-  if (header_.journalEnd > size || header_.journalEnd < length) return finish(base);
-  journal_ = header_.journalEnd - length;
-  if (header_.journalBase != 0) {
-    bool good = false;
+  if (header_.journalEnd > size) return forget(size);
+  // Nothing that is applied touches the journal or what is summed of the header.
+  bool good = header_.journalEnd >= length;
+  if (good) {
+    journal_ = header_.journalEnd - length;
     ZELTA_TRY(verify(&good));
-    if (!good) return finish(base);
   }
+  if (!good && header_.journalBase != 0) return forget(size);  // the intent may be cut in two, too
+  if (!good || !intentIsSound()) return damaged();
   std::uint64_t next = 0;
   ZELTA_TRY(applyMoves(&next));
   ZELTA_TRY(applyEdits(next));

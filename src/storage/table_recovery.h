@@ -16,6 +16,9 @@ Result reportDamagedTable(MetaData& metaData, const char16_t* tableName, std::in
 Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
                       std::uint32_t slotBase, std::uint64_t objectID, const ObjectSlot& slot);
 
+/// Whether the numbers of a header at rest can be true.
+[[nodiscard]] bool isPlausible(const TableHeader_tag& header);
+
 /// Finishes the commit whose intent stands in `header`, or forgets it if its journal is incomplete.
 /// The caller owns the table's mutex.
 Result recoverTableCommit(MetaData& metaData, const char16_t* tableName, platform::File file,

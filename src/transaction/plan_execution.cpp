@@ -86,6 +86,7 @@ Result PlanExecution::writeJournal() {
   intent_.newHighestID = plan_.next.highestID;
   intent_.newFirstDeletedID = plan_.next.firstDeletedID;
   intent_.oldFirstDeletedID = old_.firstDeletedID;
+  intent_.journalChecksum = 0;
   xorChecksum32(intent_.journalChecksum, summedPart(intent_), kSummedPart);
   xorChecksum32(intent_.journalChecksum, journal, length);
   constexpr std::uint32_t kIntent = offsetof(TableHeader_tag, journalBase);
