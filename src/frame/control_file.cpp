@@ -105,6 +105,12 @@ SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposit
   return failure;
 }
 
+Result requireCarriedOut(MetaData& metaData) {
+  if (!metaData.leaveSlot) return {};
+  return reportSystemError(&metaData, code::kDeviceError, metaData.baseName.c_str(),
+                           extension::kLog);
+}
+
 Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header) {
   constexpr int kAttempts = 10;
   for (int attempt = 1;; ++attempt) {

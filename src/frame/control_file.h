@@ -69,6 +69,11 @@ enum class DirectoryChange : std::uint16_t {
   upgrade = 43        ///< the directory moves behind the longer header of version 1.2
 };
 
+/// Refuses work that must wait until what the transaction committed before is carried out: Windows
+/// code 1117 after `leaveSlot`. Another log entry would hide the one that is to be replayed. The
+/// transaction can be ended only; whoever comes next carries the entry out.
+Result requireCarriedOut(MetaData& metaData);
+
 /// Reads the header into `header`, completing a pending directory change if this handle may write.
 /// The intent (bytes 40 to 75) is always zero in the copy, and so is what lies under another's
 /// lock.

@@ -121,6 +121,7 @@ Result setDatabaseParameter(MetaData& metaData, CZELTA::Parameter parameter, lon
   const auto number = static_cast<std::uint16_t>(value);
   switch (parameter) {
     case CZELTA::ParameterKeepLogFiles:
+      ZELTA_TRY(requireCarriedOut(metaData));  // log files go
       return keepLogFiles(metaData, header, (value & 1) != 0);
     case CZELTA::ParameterLogFileSize:
       return writeField(metaData, offsetof(ControlHeader_tag, logFileMegabytes), &number, 2);

@@ -168,6 +168,7 @@ Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
 
 Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Schema* schema,
                    unsigned int* tableId, bool log) {
+  if (log) ZELTA_TRY(requireCarriedOut(metaData));
   MutexGuard database;
   ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
   ControlHeader_tag header;
@@ -227,6 +228,7 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
                 bool log) {
   DirectoryEntry entry{tableId, lockOrder, tableNameOf(fileName), normalFolder(directory)};
   if (!isGoodName(entry.name)) return reportError(&metaData, Own::tableName, fileName);
+  if (log) ZELTA_TRY(requireCarriedOut(metaData));
   MutexGuard database;
   ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
   ControlHeader_tag header;
@@ -275,6 +277,7 @@ void cutMemoryFile(const MetaData& metaData, const std::u16string& name) {
 
 Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId,
                    bool deleteFiles, bool log) {
+  if (log) ZELTA_TRY(requireCarriedOut(metaData));
   MutexGuard database;
   ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
   ControlHeader_tag header;

@@ -283,6 +283,7 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
     if (releaseLocks) dropLockPosition(metaData);
     return {};
   }
+  ZELTA_TRY(requireCarriedOut(metaData));
   Reserved entry;
   ZELTA_TRY(reserveEntry(metaData, size + kHeadSize, entry));
   const Result written = writeBody(metaData, all, entry);

@@ -3,6 +3,7 @@
 // else is left of it.
 
 #include "crash/commit_trial.h"
+#include "support/database_fixture.h"
 
 namespace zelta::testing {
 namespace {
@@ -111,6 +112,86 @@ TEST(CommitCrash, Whoever_repairs_may_die_as_well) {
         }
         EXPECT_EQ(trial.outcome(folder, context), expected) << context;
       });
+}
+
+TEST(CommitCrash, What_could_not_be_carried_out_keeps_its_place_before_another_commit) {
+  const TableForm& form = kForms[2];
+  int refused = 0;
+  for (std::uint64_t call = 0;; ++call) {
+    const std::string context = ", call " + std::to_string(call);
+    const FreshFolder folder;
+    EditSession session(folder, form);
+    session.makeTable();
+    ASSERT_TRUE(session.enter().ok());
+    bool struck = false;
+    bool committed = false;
+    ASSERT_TRUE(session.carryOut(adds(1, 5)).ok());
+    {
+      const Misfortune misfortune(call, Misfortune::Kind::failure);
+      committed = session.commit(false).ok();
+      struck = misfortune.struck;
+    }
+    const bool left = session.metaData.leaveSlot;
+    if (committed && left) {
+      ASSERT_TRUE(session.commit().ok()) << "there is nothing to write" << context;
+      for (const EditStep& step : {erase(2), add(9, 9)}) {
+        if (session.carryOut({step}).failed()) continue;  // half of it is there
+        ASSERT_EQ(session.commit().word(), systemCode(code::kDeviceError)) << context;
+        ASSERT_TRUE(session.abort().ok()) << context;
+        ++refused;
+      }
+    }
+    ASSERT_TRUE(session.end().ok()) << context;
+    if (committed) {
+      ASSERT_TRUE(session.enter().ok()) << session.error() << context;  // carries it out
+      std::string damage;
+      const Model found = session.readAll(&damage);
+      EXPECT_EQ(damage, "") << context;
+      Model expected;
+      for (const EditStep& step : adds(1, 5)) applyStep(expected, step);
+      EXPECT_EQ(found, expected) << context;
+      ASSERT_TRUE(session.carryOut({erase(3)}).ok()) << session.error() << context;
+      ASSERT_TRUE(session.commit().ok()) << session.error() << context;
+      ASSERT_TRUE(session.end().ok()) << context;
+    }
+    if (!struck) break;
+  }
+  EXPECT_GT(refused, 5);
+}
+
+TEST(CommitCrash, Log_files_stay_while_something_is_to_be_carried_out_from_them) {
+  const TableForm& form = kForms[2];
+  int refused = 0;
+  for (std::uint64_t call = 0;; ++call) {
+    const std::string context = ", call " + std::to_string(call);
+    const FreshFolder folder;
+    EditSession session(folder, form);
+    session.makeTable();
+    ASSERT_TRUE(session.enter(CZELTA::TransactionExclusive).ok());
+    ASSERT_TRUE(session.carryOut(adds(1, 5)).ok());
+    bool struck = false;
+    bool committed = false;
+    {
+      const Misfortune misfortune(call, Misfortune::Kind::failure);
+      committed = session.commit().ok();
+      struck = misfortune.struck;
+    }
+    if (committed && session.metaData.leaveSlot) {
+      ++refused;
+      EXPECT_EQ(setDatabaseParameter(session.metaData, CZELTA::ParameterKeepLogFiles, 1).word(),
+                systemCode(code::kDeviceError))
+          << context;
+      EXPECT_EQ(removeTable(session.metaData, session.tables, 1, true, true).word(),
+                systemCode(code::kDeviceError))
+          << context;
+      ASSERT_TRUE(session.end().ok()) << context;
+      std::string damage;
+      EXPECT_EQ(contentsOf(folder, form, &damage).size(), 5u) << context;
+      EXPECT_EQ(damage, "") << context;
+    }
+    if (!struck) break;
+  }
+  EXPECT_GT(refused, 5);
 }
 
 }  // namespace
