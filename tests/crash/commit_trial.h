@@ -6,63 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 
+#include "crash/misfortune.h"
 #include "frame/parameters.h"
 #include "support/check_database.h"
 #include "support/edit_session.h"
 
 namespace zelta::testing {
-
-/// Kills the process at the n-th changing call, counted from 0, or lets that call and all later
-/// ones fail; a write may be done in part before.
-class Misfortune : public platform::faults::Hook {
- public:
-  enum class Kind { death, deathInWrite, failure, failures };
-
-  Misfortune(std::uint64_t calls, Kind kind) : left_(calls), kind_(kind) {
-    platform::faults::install(this);
-  }
-  ~Misfortune() override { platform::faults::install(nullptr); }
-  platform::faults::Verdict before(const platform::faults::Event& event) override {
-    using platform::faults::Call;
-    platform::faults::Verdict verdict;
-    const bool changes = event.call == Call::write || event.call == Call::truncate ||
-                         event.call == Call::flush || event.call == Call::remove;
-    if (!changes) return verdict;
-    if (left_ != 0) {
-      --left_;
-      return verdict;
-    }
-    if (struck && kind_ == Kind::failure) return verdict;
-    struck = true;
-    if (kind_ == Kind::failure || kind_ == Kind::failures) {
-      verdict.code = code::kGeneralFailure;
-      return verdict;
-    }
-    verdict.die = true;
-    if (kind_ == Kind::deathInWrite && event.call == Call::write) verdict.cutTo = event.length / 2;
-    return verdict;
-  }
-  bool struck = false;
-
- private:
-  std::uint64_t left_;
-  Kind kind_;
-};
-
-/// Runs `work` in a process of its own. What it returns is its exit code; 256 and more: it died.
-inline int inProcess(const std::function<int()>& work) {
-  const pid_t child = fork();
-  if (child == 0) _exit(work());
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
-}
 
 /// What stands before the transaction in question, and what it does.
 struct Scene {
