@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <vector>
 
 #include "storage/atomic_manager.h"
 #include "storage/atomic_manager_writer.h"
@@ -156,12 +157,16 @@ class Flush {
            header_.newEndOfFile != header_.endOfFile || header_.newFreeHead != header_.freeHead ||
            rootsChanged();
   }
+  Result write();
+  /// write() has failed. What it wrote is dealt with as whoever comes next would do, so that nobody
+  /// else decides whether the change was made. Success: it was.
+  Result settle(Result failure);
+
+ private:
   Result writeIntent();
   Result writeJournal();
   Result apply();
   Result finish();
-
- private:
   [[nodiscard]] bool rootsChanged() const {
     return std::memcmp(manager_.memoryRoots(), manager_.savedMemoryRoots(), image_.rootBytes()) !=
            0;
@@ -190,7 +195,33 @@ class Flush {
   MemoryFileHeader_tag& header_;
   const MemoryRecord* record_;
   HeaderImage image_;
+  bool journalWritten_ = false;
 };
+
+Result Flush::write() {
+  ZELTA_TRY(writeIntent());
+  ZELTA_TRY(writeJournal());
+  journalWritten_ = true;
+  ZELTA_TRY(apply());
+  return finish();
+}
+
+Result Flush::settle(Result failure) {
+  Table& table = manager_.table;
+  const bool uncertainBefore = table.memoryUncertain;
+  table.memoryUncertain = true;
+  const std::vector<std::uint64_t> roots(manager_.memoryRoots(),
+                                         manager_.memoryRoots() + manager_.indexCount + 1);
+  const MemoryFileHeader_tag wanted = header_;
+  if (readMemoryFileHeader(table, header_, manager_, true).failed()) return failure;
+  table.memoryUncertain = uncertainBefore;
+  const std::uint64_t end = wanted.newEndOfFile != 0 ? wanted.newEndOfFile : wanted.endOfFile;
+  const bool made = journalWritten_ && header_.endOfFile == end &&
+                    std::equal(roots.begin(), roots.end(), manager_.memoryRoots());
+  if (!made) return failure;
+  clearError(manager_.metaData);
+  return {};
+}
 
 /// Settles the free chain and the new end, and adds up what the journal will hold.
 Result Flush::prepare() {
@@ -308,10 +339,8 @@ Result flushMemoryPages(AtomicManager& manager, MemoryFileHeader_tag& header,
   Flush flush(manager, header, record);
   ZELTA_TRY(flush.prepare());
   if (flush.changesAnything()) {
-    ZELTA_TRY(flush.writeIntent());
-    ZELTA_TRY(flush.writeJournal());
-    ZELTA_TRY(flush.apply());
-    ZELTA_TRY(flush.finish());
+    const Result written = flush.write();
+    if (written.failed()) ZELTA_TRY(flush.settle(written));
     std::copy_n(manager.memoryRoots(), manager.indexCount + 1, manager.savedMemoryRoots());
     manager.memoryEndOfFile = header.endOfFile;
   }

@@ -109,6 +109,9 @@ class Table final : public UInt32AVLTree {
   std::uint32_t addedCount = 0;
   std::uint32_t deletedCount = 0;
   std::uint64_t pendingBytes = 0;  ///< bytes of the pending images in the log
+  /// A change of the memory file failed, and whether it was made could not be found out: what the
+  /// sets and the cursors say need not be what the file holds. Only aborting helps.
+  bool memoryUncertain = false;
   UInt64AVLTree* searchResults = nullptr;
   CZELTA::Schema* schema = nullptr;  ///< owned (malloc), one allocation
   ScratchBuffer pageBuffers[4];      ///< pages of index trees while an operation works on them

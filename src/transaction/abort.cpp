@@ -22,18 +22,33 @@ Result dropPendingKeys(MetaData& metaData, Table& table, AtomicManager& manager,
 
 namespace {
 
+/// The same for the keys of all objects that the file has under the transaction's number.
+Result dropUncertainKeys(MetaData& metaData, Table& table, AtomicManager& manager,
+                         const MemoryFileHeader_tag& header) {
+  struct IdSet {
+    ~IdSet() { destroyAll(ids); }
+    UInt64AVLTree* ids = nullptr;
+  } found;
+  ZELTA_TRY(collectTransaction(manager, metaData.transactionWord, found.ids, nullptr));
+  return dropPendingKeys(metaData, table, manager, header, found.ids, nullptr);
+}
+
 /// Takes what the transaction has added and rewritten out of the memory file.
 Result dropTraces(MetaData& metaData, Table& table) {
-  if (table.addedObjects == nullptr && table.editedObjects == nullptr) return {};
+  if (table.addedObjects == nullptr && table.editedObjects == nullptr && !table.memoryUncertain) {
+    return {};
+  }
   TableMutexGuard guard;
   ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
   ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
   manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  if (table.memoryUncertain) ZELTA_TRY(dropUncertainKeys(metaData, table, manager, header));
   ZELTA_TRY(
       dropPendingKeys(metaData, table, manager, header, table.addedObjects, table.editedObjects));
   ZELTA_TRY(removeTransaction(manager, header, table, metaData.transactionWord, nullptr));
+  table.memoryUncertain = false;
   return guard.release();
 }
 

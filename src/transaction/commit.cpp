@@ -274,6 +274,10 @@ std::vector<Table*> tablesInOrder(UInt32AVLTree* tables) {
 Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks) {
   const std::vector<Table*> all = tablesInOrder(tables);
   std::uint64_t size = 0;
+  for (const Table* table : all) {
+    if (!table->memoryUncertain) continue;
+    return reportError(&metaData, Own::memoryFile, table->cName(), extension::kMemory);
+  }
   for (Table* table : all) {
     dropResults(*table);
     if (table->hasEdits()) size += sectionSize(*table);
