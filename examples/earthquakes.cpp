@@ -1,12 +1,15 @@
 // A week of earthquakes: loads a catalogue into a database, and finds events in it again.
 //
-//   earthquakes load DATABASE CATALOGUE    creates the database and loads the catalogue (CSV)
-//   earthquakes show DATABASE [CODE ...]   the ten strongest, the events with these codes, some
-//   places
+//   earthquakes load DATABASE CATALOGUE          creates the database and loads the catalogue (CSV)
+//   earthquakes show DATABASE [CODE ...]         the ten strongest, the events with these codes,
+//                                                some places
+//   earthquakes revise DATABASE CODE MAGNITUDE   corrects a magnitude, and drops all events that
+//                                                are no earthquakes and that nobody has felt
 
 #include <czelta.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -18,7 +21,9 @@
 namespace {
 
 constexpr int kObjectsPerTransaction = 200;
-constexpr unsigned kTimeout = 10000;  // ms
+constexpr unsigned kTimeout = 10000;                 // ms
+constexpr unsigned kEvents = 1;                      ///< ID of the table, the database's first
+constexpr unsigned long long kNoMore = 0x100000020;  ///< own code 32: there is no such object
 
 /// The fixed fields of an event, laid out as the library lays them out: each at its alignment.
 struct FixedFields {
@@ -147,10 +152,15 @@ int load(CZELTA& database, const char* path, const char* catalogue) {
   return read ? 0 : 1;
 }
 
-/// Prints the object in the table's buffer.
-void print(CZELTA& database, unsigned table, const CZELTA::Object& object) {
+FixedFields fixedFieldsOf(const CZELTA::Object& object) {
   FixedFields fixed = {};
   std::memcpy(&fixed, object.data, offsetof(FixedFields, tsunami) + 1);
+  return fixed;
+}
+
+/// Prints the object in the table's buffer.
+void print(CZELTA& database, unsigned table, const CZELTA::Object& object) {
+  const FixedFields fixed = fixedFieldsOf(object);
   void* texts[3] = {};
   for (unsigned i = 0; i < 3; ++i)
     check(database, database.GetVariableField(table, i, &texts[i], nullptr));
@@ -163,7 +173,6 @@ void print(CZELTA& database, unsigned table, const CZELTA::Object& object) {
 /// Reads up to `most` objects of an index in order, from the one that `mode` and `key` name.
 void walk(CZELTA& database, unsigned table, unsigned index, CZELTA::Mode mode, const void* key,
           int most) {
-  constexpr unsigned long long kNoMore = 0x100000020;  // own code 32
   CZELTA::Object object;
   for (int i = 0; i < most; ++i) {
     const auto result = database.ReadObject(table, mode, &object, index, key, nullptr);
@@ -174,20 +183,63 @@ void walk(CZELTA& database, unsigned table, unsigned index, CZELTA::Mode mode, c
   }
 }
 
+/// The IDs of events that are no earthquakes. Nothing is locked for that.
+std::vector<long long> findBlasts(CZELTA& database, unsigned table) {
+  std::vector<long long> found;
+  CZELTA::Object object;
+  for (auto mode = CZELTA::ReadFirst;; mode = CZELTA::ReadNext) {
+    const auto result =
+        database.ReadObject(table, mode | CZELTA::ReadNoLock, &object, 0, nullptr, nullptr);
+    if (result == kNoMore) return found;
+    check(database, result);
+    void* kind = nullptr;
+    check(database, database.GetVariableField(table, 2, &kind, nullptr));
+    if (std::strcmp(static_cast<char*>(kind), "earthquake") != 0) found.push_back(object.objectID);
+  }
+}
+
+/// All of it is one transaction: others see the catalogue before the revision, or after it.
+int revise(CZELTA& database, const char* path, const char* code, float magnitude) {
+  check(database, database.OpenDatabase(databasePath(path).c_str()));
+  check(database, database.BeginTransaction(CZELTA::TransactionShared, kTimeout));
+  check(database, database.OpenTable(kEvents));
+
+  CZELTA::Object object;
+  check(database, database.ReadObject(kEvents, CZELTA::ReadEqual, &object, ByCode, code, nullptr));
+  std::memcpy(object.data, &magnitude, sizeof magnitude);  // the first of the fixed fields
+  check(database, database.RewriteObject(kEvents, &object));
+  std::printf("Corrected (version %u):\n", object.version);
+  print(database, kEvents, object);
+
+  int dropped = 0;
+  std::printf("No earthquakes, but felt:\n");
+  for (const long long id : findBlasts(database, kEvents)) {
+    check(database, database.DeleteObject(kEvents, id, &object));
+    ++dropped;
+    if (fixedFieldsOf(object).feltReports == 0) continue;
+    print(database, kEvents, object);  // what was deleted stays in the buffer
+    check(database, database.RestoreObject(kEvents, id, true));
+    --dropped;
+  }
+  check(database, database.CommitTransaction(true));
+  check(database, database.EndTransaction());
+  std::printf("%d events dropped\n", dropped);
+  return 0;
+}
+
 int show(CZELTA& database, const char* path, const std::vector<const char*>& codes) {
-  constexpr unsigned kTable = 1;
   check(database, database.OpenDatabase(databasePath(path).c_str()));
   check(database, database.BeginTransaction(CZELTA::TransactionRead, kTimeout));
-  check(database, database.OpenTable(kTable));
+  check(database, database.OpenTable(kEvents));
 
   std::printf("The ten strongest:\n");
-  walk(database, kTable, ByMagnitude, CZELTA::ReadFirst, nullptr, 10);
+  walk(database, kEvents, ByMagnitude, CZELTA::ReadFirst, nullptr, 10);
 
   for (const char* code : codes) {
     std::printf("Event %s:\n", code);
     CZELTA::Object object;
-    if (database.ReadObject(kTable, CZELTA::ReadEqual, &object, ByCode, code, nullptr) == 0) {
-      print(database, kTable, object);
+    if (database.ReadObject(kEvents, CZELTA::ReadEqual, &object, ByCode, code, nullptr) == 0) {
+      print(database, kEvents, object);
     } else {
       const char16_t* message = nullptr;
       database.GetErrorMessage(&message);
@@ -199,7 +251,7 @@ int show(CZELTA& database, const char* path, const std::vector<const char*>& cod
   std::string from("Hawaii", 6);
   from.append(1 + sizeof(std::uint32_t), '\0');
   std::printf("Places from \"Hawaii\" on:\n");
-  walk(database, kTable, ByPlace, CZELTA::ReadGreaterEqual, from.data(), 8);
+  walk(database, kEvents, ByPlace, CZELTA::ReadGreaterEqual, from.data(), 8);
 
   check(database, database.EndTransaction());
   return 0;
@@ -211,10 +263,14 @@ int main(int argc, char** argv) try {
   CZELTA database;
   const std::string command = argc > 1 ? argv[1] : "";
   if (command == "load" && argc == 4) return load(database, argv[2], argv[3]);
+  if (command == "revise" && argc == 5) {
+    return revise(database, argv[2], argv[3], std::strtof(argv[4], nullptr));
+  }
   if (command == "show" && argc >= 3) return show(database, argv[2], {argv + 3, argv + argc});
-  std::fprintf(
-      stderr,
-      "usage: earthquakes load DATABASE CATALOGUE\n       earthquakes show DATABASE [CODE ...]\n");
+  std::fprintf(stderr,
+               "usage: earthquakes load DATABASE CATALOGUE\n"
+               "       earthquakes show DATABASE [CODE ...]\n"
+               "       earthquakes revise DATABASE CODE MAGNITUDE\n");
   return 2;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "earthquakes: %s\n", error.what());
