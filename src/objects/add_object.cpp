@@ -119,7 +119,6 @@ Result Addition::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
           storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_);
       stored.failed()) {
     table_.releaseCurrentKeys();
-    table_.keySourceID = 0;
     return stored;
   }
   insert(node.release(), table_.addedObjects, objectID_);

@@ -97,7 +97,6 @@ Result renewEntries(MetaData& metaData, Table& table, std::uint32_t index, std::
 Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
                           ObjectBytes object, MatchedKey matched, std::uint32_t* entry) {
   table.releaseCurrentKeys();
-  table.keySourceID = 0;
   if (table.indexCount == 0) return {};
   if (matched.key != nullptr && matched.key->get() != nullptr) {
     if (table.multiEntry(matched.index)) {
@@ -126,19 +125,12 @@ Result renewCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID
   return keepSource(metaData, table, objectID, object);
 }
 
-Result keyOfSource(MetaData& metaData, Table& table, std::uint32_t index,
-                   const std::uint32_t** key) {
+Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
+                  const std::uint32_t** key) {
   if (table.keySourceID != 0) {
     ZELTA_TRY(fillCursor(metaData, table, index, table.keySource.data(), table.keySourceLength,
                          table.keySourceID));
   }
-  *key = table.indexStates[index].currentKey;
-  return {};
-}
-
-Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
-                  const std::uint32_t** key) {
-  if (table.keySourceID == table.currentObjectID) return keyOfSource(metaData, table, index, key);
   *key = table.indexStates[index].currentKey;
   return {};
 }

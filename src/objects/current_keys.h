@@ -65,12 +65,8 @@ Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t object
 Result renewCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
                         ObjectBytes object);
 
-/// The key in an index (from 0) of the object that the cursors stand on; null if it has none.
-Result keyOfSource(MetaData& metaData, Table& table, std::uint32_t index,
-                   const std::uint32_t** key);
-
-/// The key of the current object in an index (from 0); null if it has none, or if the cursors stand
-/// on no object.
+/// The key in an index (from 0) of the object that the cursors stand on; null if it has none, or if
+/// they stand on none. They keep their place when the object is given up but not replaced.
 Result currentKey(MetaData& metaData, Table& table, std::uint32_t index, const std::uint32_t** key);
 
 }  // namespace zelta

@@ -205,7 +205,7 @@ Result ObjectAccess::advance(const Located& found, ObjectBytes object) {
   }
   if (!table_.multiEntry(index)) {
     const std::uint32_t* key = nullptr;
-    ZELTA_TRY(keyOfSource(metaData_, table_, index, &key));
+    ZELTA_TRY(currentKey(metaData_, table_, index, &key));
     advanceLockPosition(metaData_, table_, found.objectID, key);
     return {};
   }

@@ -69,7 +69,6 @@ Result Restoration::putCursorsBack(bool added) {
   if (table_.currentObjectID != objectID_) return {};
   if (!added) return renewCurrentKeys(metaData_, table_, objectID_, committed_);
   table_.releaseCurrentKeys();
-  table_.keySourceID = 0;
   return {};
 }
 

@@ -38,6 +38,7 @@ void Table::setIndexCount(std::uint16_t indexes) {
 }
 
 void Table::releaseCurrentKeys() {
+  keySourceID = 0;
   if (schema == nullptr) return;
   for (std::uint32_t i = 0; i < indexCount; ++i) {
     if (listKind(i)) continue;

@@ -56,6 +56,19 @@ TEST_F(RestoreObject, OfAnObjectThatTheTransactionDidNotTouchIsError31) {
   EXPECT_EQ(one->restore(0).word(), ownWord(Own::objectNotFound));
 }
 
+TEST_F(RestoreObject, OfTheCurrentOnesLockLeavesThePlaceInAllIndexes) {
+  make({{CZELTA::TypeUInt32}, {CZELTA::TypeUInt32}}, {{Segments{{0, 0}}}, {Segments{{1, 0}}}});
+  for (std::uint32_t i = 1; i <= 4; ++i) one->added(Packed().number(i).number(10 - i));
+  one->commit();
+  for (const std::uint32_t index : {1u, 2u}) {
+    one->done(one->findNumber(2));
+    one->done(one->restore(0, true));
+    EXPECT_EQ(one->restore(0).word(), ownWord(Own::objectNotFound)) << "no object is current";
+    one->done(one->find(CZELTA::ReadNext, index));
+    EXPECT_EQ(one->object.objectID, index == 1 ? 3 : 1);
+  }
+}
+
 TEST_F(RestoreObject, OfALockedOneGivesUpTheLockAtMost) {
   make(kNumberField, {});
   fill({5, 6});
