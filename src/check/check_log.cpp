@@ -265,7 +265,7 @@ bool LogCheck::checkEdits(std::uint64_t at, std::uint64_t end, std::uint64_t* si
     constexpr std::uint32_t kEdits = 0x444C455A;
     constexpr std::uint32_t kSchema = 0x534C455A;
     const std::uint32_t mark = next == end ? 0 : file_.number<std::uint32_t>(next);
-    const bool fits = mark == 0 || mark == kEdits || mark == kSchema;
+    const bool fits = mark == kEdits || mark == kSchema || file_.firstNonzero(next, end) == end;
     if (!even || fits) *size = deleted * width + bytes;
     if (fits) return true;
     even = true;
