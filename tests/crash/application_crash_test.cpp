@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "crash/misfortune.h"
+#include "crash/recorded_disk.h"
 #include "support/check_database.h"
 #include "support/database_fixture.h"
 
@@ -303,6 +304,33 @@ class ApplicationCrash : public ::testing::Test {
     ASSERT_EQ(findingsOf(path()), "") << context;
     ++points_;
   }
+  /// Loses power behind changes of the files that an undisturbed run makes.
+  void losePower(std::size_t stride, int samples) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    reset();
+    std::vector<std::size_t> done = {0};  // changes made when a step was reported done
+    Recorder recorder;
+    Application(path(), [&] { done.push_back(recorder.changes.size()); }).run();
+    platform::faults::install(nullptr);
+    const auto after = filesOf(folder_);
+    Disk disk(start_);
+    std::size_t steps = 0;
+    for (std::size_t i = 0; i <= recorder.changes.size(); ++i) {
+      while (steps + 1 < done.size() && done[steps + 1] <= i) ++steps;
+      for (int sample = 0; i % stride == seed % stride && sample < samples; ++sample) {
+        disk.lose(folder_, random);
+        *reported_ = static_cast<int>(steps);
+        judge(", change " + std::to_string(i));
+        if (HasFatalFailure()) return;
+      }
+      if (i < recorder.changes.size()) disk.make(recorder.changes[i]);
+    }
+    EXPECT_TRUE(disk.whole() == after) << "something was changed unseen";
+    std::printf("%d disks of %zu changes, %d times the step under way was finished\n", points_,
+                recorder.changes.size(), finished_);
+  }
   void tryEverywhere(Misfortune::Kind kind, std::uint64_t stride, int repairers) {
     std::random_device source;
     const unsigned seed = source();
@@ -348,6 +376,9 @@ TEST_F(ApplicationCrash, Calls_that_fail_from_some_point_on_lose_nothing_that_wa
 }
 TEST_F(ApplicationCrash, Repairers_may_die_one_after_the_other) {
   tryEverywhere(Misfortune::Kind::death, 20, 3);
+}
+TEST_F(ApplicationCrash, Loss_of_power_loses_nothing_that_was_done) {
+  losePower(thorough_ ? 1 : 8, thorough_ ? 12 : 1);
 }
 
 }  // namespace

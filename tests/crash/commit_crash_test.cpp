@@ -43,6 +43,7 @@ void expectWholeOrNothing(Misfortune::Kind kind, std::initializer_list<std::size
       });
   EXPECT_GT(outcomes[0], 0);
   EXPECT_GT(outcomes[1], 0);
+  std::printf("%d points\n", outcomes[0] + outcomes[1]);
 }
 
 TEST(CommitCrash, A_process_that_dies_at_any_call_leaves_all_of_it_or_nothing) {
