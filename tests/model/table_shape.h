@@ -71,6 +71,8 @@ struct TableShape {
     out.number(thing.number).number(thing.weight).number(thing.stamp);
     return out.raw(variableBytes(thing));
   }
+  /// What the bytes say; bytes that are no object's give one that has others.
+  [[nodiscard]] Thing thing(const std::string& bytes) const;
   [[nodiscard]] std::string variableBytes(const Thing& thing) const {
     Packed out;
     if (texts) out.text(thing.text);
@@ -183,6 +185,29 @@ inline std::string TableShape::image(std::size_t index, const Thing& thing, std:
         out.number(entry);
         break;
     }
+  }
+  return out;
+}
+
+inline Thing TableShape::thing(const std::string& bytes) const {
+  constexpr std::size_t kFixed = 16;
+  Thing out;
+  if (bytes.size() < kFixed) return out;
+  std::memcpy(&out.number, bytes.data(), 4);
+  std::memcpy(&out.weight, bytes.data() + 4, 4);
+  std::memcpy(&out.stamp, bytes.data() + 8, 8);
+  std::size_t at = kFixed;
+  if (texts) {
+    out.text = bytes.c_str() + at;
+    at += out.text.size() + 1;
+  }
+  if (!rows) return out;
+  for (at += 4; at + 2 < bytes.size();) {
+    ThingRow row;
+    std::memcpy(&row.code, bytes.data() + at, 2);
+    row.text = bytes.c_str() + at + 2;
+    at += 2 + row.text.size() + 1;
+    out.rows.push_back(row);
   }
   return out;
 }
