@@ -1,5 +1,5 @@
 // Named mutexes: machine-wide, owned by a thread, recursive. Whoever waits for a mutex whose owner
-// died gains it.
+// died gains it, once the locks that its process had in files are gone too.
 
 #ifndef ZELTA_PLATFORM_MUTEX_H
 #define ZELTA_PLATFORM_MUTEX_H

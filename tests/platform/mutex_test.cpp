@@ -645,5 +645,32 @@ TEST_F(Mutexes, EndTheChangeOfAnOwnerThatDiedWhenTheyAreGainedAgain) {
   EXPECT_EQ(platform::releaseMutex(mutex), 0u);
 }
 
+TEST_F(Mutexes, AreGainedFromTheDeadWhenTheirFileLocksAreGoneToo) {
+  constexpr std::size_t kMemory = 128u << 20;  // giving it back takes the dying process a while
+  constexpr platform::LockWord kWord{64};
+  folder.write("locked", "");
+  const std::u16string path = folder.file("locked");
+  const Handle mutex(name);
+  const OpenedFile file(path);
+  for (int round = 0; round < 5; ++round) {
+    const ChildProcess victim([&](const Line& line) {
+      const Handle own(name);
+      const OpenedFile ownFile(path);
+      const std::vector<char> memory(kMemory, 'm');
+      if (platform::waitMutex(own, 20000) != 0) return 1;
+      if (platform::lockWord(ownFile, kWord) != 0) return 2;
+      line.say('y');
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      raise(SIGKILL);
+      return 3;
+    });
+    ASSERT_TRUE(victim.hears('y'));
+    ASSERT_EQ(waited(mutex, 20000), kGainedFromTheDead);
+    ASSERT_EQ(platform::lockWord(file, kWord), 0u) << "round " << round;
+    platform::unlockWord(file, kWord);
+    ASSERT_EQ(platform::releaseMutex(mutex), 0u);
+  }
+}
+
 }  // namespace
 }  // namespace zelta::testing

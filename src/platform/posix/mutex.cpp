@@ -16,9 +16,11 @@
 #include "platform/mutex.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -49,6 +51,7 @@ struct Shared {
   std::uint32_t magic;
   std::uint32_t nameLength;
   std::atomic<std::uint32_t> changes;
+  std::atomic<std::int32_t> owner;  ///< process that owns it
   pthread_mutex_t mutex;
   std::uint64_t lengths;  ///< belongs to the owner of the mutex
   [[nodiscard]] char* name() { return reinterpret_cast<char*>(this + 1); }
@@ -63,6 +66,7 @@ struct Mapping {
   std::size_t size = 0;
   std::string path;
   std::string name;
+  const pid_t process = getpid();
   int handles = 0;            ///< guarded by mappingsMutex
   std::atomic<int> owned{0};  ///< how often threads of this process own it
   std::set<int> claims;       ///< files of the handles that claim it; guarded by mappingsMutex
@@ -228,19 +232,51 @@ Handle* handleOf(Mutex mutex) {
   return reinterpret_cast<Handle*>(static_cast<std::uintptr_t>(mutex));
 }
 
-int lockWithin(pthread_mutex_t* mutex, std::uint32_t milliseconds) {
-  if (milliseconds == 0) return pthread_mutex_trylock(mutex);
-  if (milliseconds == kForever) return pthread_mutex_lock(mutex);
-  if (const int quick = pthread_mutex_trylock(mutex); quick != EBUSY) return quick;
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += milliseconds / 1000;
-  until.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
-  if (until.tv_nsec >= 1000000000) {
-    until.tv_nsec -= 1000000000;
-    ++until.tv_sec;
+timespec inMilliseconds(std::uint32_t milliseconds) {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  time.tv_sec += milliseconds / 1000;
+  time.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
+  if (time.tv_nsec >= 1000000000) {
+    time.tv_nsec -= 1000000000;
+    ++time.tv_sec;
   }
-  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+  return time;
+}
+
+bool isBefore(const timespec& one, const timespec& two) {
+  return one.tv_sec != two.tv_sec ? one.tv_sec < two.tv_sec : one.tv_nsec < two.tv_nsec;
+}
+
+/// A waiter that is killed as it is woken takes the wake-up with it, if a third one was faster to
+/// gain the mutex. So no wait relies on being woken: it looks again from time to time.
+int lockWithin(pthread_mutex_t* mutex, std::uint32_t milliseconds) {
+  constexpr std::uint32_t kLook = 50;
+  if (const int quick = pthread_mutex_trylock(mutex); quick != EBUSY || milliseconds == 0) {
+    return quick;
+  }
+  const timespec end = inMilliseconds(milliseconds);
+  for (;;) {
+    const timespec look = inMilliseconds(kLook);
+    const bool last = milliseconds != kForever && !isBefore(look, end);
+    const int result = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, last ? &end : &look);
+    if (result != ETIMEDOUT || last) return result;
+  }
+}
+
+/// The mutexes of a process that dies are given up before its files are closed. Waits until its
+/// file locks are gone too, so that nobody takes it for alive. If but a thread has died, its
+/// process goes on, and so does the caller after some time.
+void waitForEnd(pid_t process) {
+  constexpr std::uint32_t kPatience = 2000;
+  if (process <= 0 || process == getpid()) return;
+  const int fd = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+  if (fd < 0) return;  // it is gone
+  const timespec end = inMilliseconds(kPatience);
+  pollfd ended{fd, POLLIN, 0};
+  while (poll(&ended, 1, 100) <= 0 && isBefore(inMilliseconds(0), end)) {
+  }
+  close(fd);
 }
 
 }  // namespace
@@ -292,12 +328,14 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
   if (result == EBUSY || result == ETIMEDOUT) return code::kTimeout;
   if (result == EOWNERDEAD) {
     pthread_mutex_consistent(&mapping->shared->mutex);
+    waitForEnd(mapping->shared->owner);
     if ((mapping->shared->changes.load() & 1) != 0) mapping->shared->changes.fetch_add(1);
     ++mapping->shared->lengths;
     if (abandoned != nullptr) *abandoned = true;
   } else if (result != 0) {
     return codeOf(result);
   }
+  mapping->shared->owner = mapping->process;
   ++mapping->owned;
   return 0;
 }
@@ -307,6 +345,7 @@ SystemCode releaseMutex(Mutex mutex) {
   Mapping* mapping = handleOf(mutex)->mapping;
   if (mapping->fd < 0) return code::kInvalidHandle;
   ZELTA_ASK(mutexRelease, mapping->name);
+  if (mapping->owned == 1) mapping->shared->owner = 0;
   const int result = pthread_mutex_unlock(&mapping->shared->mutex);
   if (result == EPERM) return code::kNotOwner;
   if (result != 0) return codeOf(result);
