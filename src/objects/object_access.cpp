@@ -107,13 +107,16 @@ Result ObjectAccess::pass(Outcome* outcome) {
     *outcome = locked;
     return request_.writer ? askForDead(0, locked, outcome) : result;
   }
+  // A key of another transaction, and one without its object, may be the trace of one that died
+  // without anybody having noticed yet.
+  const bool trace = found.foreignKey || result.is(Own::indexInconsistent);
+  if (trace && request_.writer && !askedForDead_) {
+    askedForDead_ = true;
+    clearError(metaData_);
+    return askForDead(0, Outcome::again, outcome);
+  }
   ZELTA_TRY(result);
   if (found.foreignKey) {
-    // Its transaction may have died without anybody having noticed yet.
-    if (!askedForDead_) {
-      askedForDead_ = true;
-      return askForDead(0, Outcome::again, outcome);
-    }
     return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
                        static_cast<std::int64_t>(found.objectID));
   }
@@ -128,7 +131,8 @@ Result ObjectAccess::pass(Outcome* outcome) {
 /// table's mutex is let go: the database's is never waited for with a table's at hand.
 Result ObjectAccess::askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome) {
   ZELTA_TRY(mutex_.release());
-  const Result result = clearDeadTransaction(metaData_, tables_, number);
+  const Result result = number == 0 ? clearAllDead(metaData_, tables_)
+                                    : clearDeadTransaction(metaData_, tables_, number);
   *outcome = blocked;
   if (result.isLocked()) return {};
   if (result.ok() && number != 0) {

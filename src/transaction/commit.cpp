@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "frame/control_file.h"
@@ -15,6 +16,7 @@
 #include "storage/memory_file.h"
 #include "storage/table_file.h"
 #include "storage/table_recovery.h"
+#include "transaction/frame.h"
 #include "transaction/image_reader.h"
 #include "transaction/log_file.h"
 #include "transaction/table_commit.h"
@@ -226,38 +228,69 @@ void dropResults(Table& table) {
   table.searchInverted = false;
 }
 
-/// Takes an applied entry out of the log. It is made incomplete first: should the removal fail, a
-/// later transaction of the same number must not have it replayed.
-void dropAppliedEntry(MetaData& metaData, const Reserved& entry) {
+/// Makes an applied entry incomplete, so that nobody applies it again.
+SystemCode retireEntry(MetaData& metaData, const Reserved& entry) {
   constexpr std::uint32_t kIncomplete = 0;
-  const SystemCode failure =
-      writeBuffer(metaData.logFile, entry.position + offsetof(LogEntryHead_tag, sectionCount),
-                  &kIncomplete, sizeof kIncomplete);
-  if (failure == 0) {
-    removeLogEntry(metaData, metaData.transactionWord, entry.position).ignore();
-  } else {
-    reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kLog).ignore();
+  return writeBuffer(metaData.logFile, entry.position + offsetof(LogEntryHead_tag, sectionCount),
+                     &kIncomplete, sizeof kIncomplete);
+}
+
+/// The mutexes of the tables that a commit is entering.
+class EnteredTables {
+ public:
+  explicit EnteredTables(std::size_t count)
+      : many_(count > 1 ? std::make_unique<TableMutexGuard[]>(count) : nullptr) {}
+  TableMutexGuard& next() { return many_ ? many_[used_++] : one_; }
+  Result release() {
+    if (!many_) return one_.release();
+    Result result;
+    while (used_ != 0) result.keepFirst(many_[--used_].release());
+    return result;
+  }
+
+ private:
+  TableMutexGuard one_;
+  std::unique_ptr<TableMutexGuard[]> many_;
+  std::size_t used_ = 0;
+};
+
+/// Carries the decided transaction out. Whatever fails is left to be replayed.
+///
+/// An entry that goes once it is applied goes before the mutex of any of its tables does: else
+/// another transaction could delete what this one has brought, and its entry, the only trace of
+/// that, could go before this one. Should this process die then, the replay would bring it back.
+void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool releaseLocks,
+                     const Reserved& entry, EnteredTables& entered) {
+  Result applied;
+  for (Table* table : tables) {
+    if (!table->hasEdits()) {
+      releaseUnchanged(*table, releaseLocks);
+      continue;
+    }
+    applied.keepFirst(applyTableCommit(metaData, *table, releaseLocks, entered.next()));
+    if (!entry.single) applied.keepFirst(entered.release());
+  }
+  if (releaseLocks) dropLockPosition(metaData);
+  SystemCode retired = 0;
+  if (applied.ok() && entry.single) retired = retireEntry(metaData, entry);
+  applied.keepFirst(entered.release());
+  if (retired != 0) {
+    reportSystemError(&metaData, retired, metaData.baseName.c_str(), extension::kLog).ignore();
+  }
+  if (applied.failed() || retired != 0) {
     metaData.leaveSlot = true;
+  } else if (entry.single) {
+    removeLogEntry(metaData, metaData.transactionWord, entry.position).ignore();
   }
 }
 
-/// Carries the decided transaction out. Whatever fails is left to be replayed.
-void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool releaseLocks,
-                     const Reserved& entry) {
-  Result applied;
-  for (Table* table : tables) {
-    if (table->hasEdits()) {
-      applied.keepFirst(applyTableCommit(metaData, *table, releaseLocks));
-    } else {
-      releaseUnchanged(*table, releaseLocks);
-    }
-  }
-  if (releaseLocks) dropLockPosition(metaData);
-  if (applied.failed()) {
-    metaData.leaveSlot = true;
-  } else if (entry.single) {
-    dropAppliedEntry(metaData, entry);
-  }
+/// Before a commit all that is dead is repaired. What this transaction has changed, a dead one may
+/// have brought; the log must not bring it once more when this commit has left the log.
+Result clearTheWay(MetaData& metaData, UInt32AVLTree*& tables) {
+  if (metaData.transactionWord <= 1) return {};  // begins when all is repaired, and is alone
+  const Result result = clearAllDead(metaData, tables);
+  if (!result.isLocked()) return result;
+  return reportError(&metaData, Own::transactionLocked);
 }
 
 }  // namespace
@@ -278,9 +311,12 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
     if (!table->memoryUncertain) continue;
     return reportError(&metaData, Own::memoryFile, table->cName(), extension::kMemory);
   }
+  std::size_t edited = 0;
   for (Table* table : all) {
     dropResults(*table);
-    if (table->hasEdits()) size += sectionSize(*table);
+    if (!table->hasEdits()) continue;
+    size += sectionSize(*table);
+    ++edited;
   }
   if (size == 0) {
     for (Table* table : all) releaseUnchanged(*table, releaseLocks);
@@ -288,7 +324,9 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
     return {};
   }
   ZELTA_TRY(requireCarriedOut(metaData));
+  ZELTA_TRY(clearTheWay(metaData, tables));
   Reserved entry;
+  EnteredTables entered(edited);
   ZELTA_TRY(reserveEntry(metaData, size + kHeadSize, entry));
   const Result written = writeBody(metaData, all, entry);
   platform::unlockWord(metaData.logFile, logEntryLock(entry.position));
@@ -296,7 +334,7 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
     giveTransactionUp(metaData);
     return written;
   }
-  applyEverywhere(metaData, all, releaseLocks, entry);
+  applyEverywhere(metaData, all, releaseLocks, entry, entered);
   return {};
 }
 

@@ -264,6 +264,16 @@ Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uin
   return RepairScope(metaData, found, position).run(tables);
 }
 
+Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables) {
+  for (;;) {
+    std::uint64_t position = 0;
+    std::uint32_t found = 0;
+    ZELTA_TRY(findLiveTransaction(metaData, 0, &position, &found, true));
+    if (position == 0) return {};
+    ZELTA_TRY(RepairScope(metaData, found, position).run(tables));
+  }
+}
+
 void unlockOwnerWord(MetaData& metaData, std::uint32_t number, std::uint64_t position) {
   platform::unlockWord(metaData.controlFile, {number == 1 ? kExclusiveWord : position + 4});
 }

@@ -24,6 +24,10 @@ Result findLiveTransaction(MetaData& metaData, std::uint32_t number, std::uint64
 /// is out of the way, try again. Code 33: it lives. No table's mutex may be held.
 Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number);
 
+/// Repairs all dead transactions. Code 33: one of them cannot be repaired now. No table's mutex may
+/// be held.
+Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables);
+
 /// Gives a slot back: zeroes it, or cuts the control file behind the last one in use.
 Result releaseSlot(MetaData& metaData, std::uint32_t number, std::uint64_t position);
 

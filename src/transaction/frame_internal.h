@@ -3,6 +3,7 @@
 #ifndef ZELTA_TRANSACTION_FRAME_INTERNAL_H
 #define ZELTA_TRANSACTION_FRAME_INTERNAL_H
 
+#include "frame/mutex_guard.h"
 #include "transaction/frame.h"
 
 namespace zelta {
@@ -42,7 +43,13 @@ class RepairScope {
   RepairScope(const RepairScope&) = delete;
   RepairScope& operator=(const RepairScope&) = delete;
   Result run(UInt32AVLTree*& tables) {
-    const Result result = recoverTransaction(metaData_, tables, number_, position_, nullptr);
+    // Nobody commits meanwhile: what a replay has brought back must not be deleted as long as the
+    // log could bring it back once more.
+    MutexGuard guard;
+    Result result = guard.acquire(metaData_, metaData_.databaseMutex, kLongWait);
+    if (result.ok()) {
+      result = recoverTransaction(metaData_, tables, number_, position_, nullptr);
+    }
     repaired_ = result.ok();
     return result;
   }

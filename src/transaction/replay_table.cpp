@@ -11,7 +11,6 @@
 #include "index/kinds.h"
 #include "objects/read_bytes.h"
 #include "objects/version_keys.h"
-#include "platform/clock.h"
 #include "storage/atomic_manager.h"
 #include "storage/file_io.h"
 #include "storage/table_recovery.h"
@@ -72,18 +71,18 @@ class TableReplay {
 
 // -- What is left to do ---------------------------------------------------------------------------
 
-/// The slot of an ID that is in use. Somebody who looks at the object has it locked for a moment.
+/// The slot of an ID. Whoever has locked it found no stamp there, so it has not the one that is
+/// looked for.
 Result TableReplay::readStamp(std::uint64_t id, ObjectSlot* slot) {
-  constexpr int kAttempts = 250;
-  constexpr int kQuick = 150;
-  for (int attempt = 0;; ++attempt) {
-    SystemCode failure = readSlotPosition(table_.tableFile, header_.slotBase, id, slot);
-    if (failure == 0 && slot->isFree()) return {};
-    if (failure == 0) failure = readSlot(table_.tableFile, header_.slotBase, id, slot);
-    if (failure == code::kLockViolation && attempt == kAttempts) return Result::locked();
-    if (failure != code::kLockViolation) return reportTable(metaData_, table_.cName(), failure);
-    platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
+  SystemCode failure = readSlotPosition(table_.tableFile, header_.slotBase, id, slot);
+  if (failure == 0 && !slot->isFree()) {
+    failure = readSlot(table_.tableFile, header_.slotBase, id, slot);
+    if (failure == code::kLockViolation) {
+      slot->transaction = 0;
+      failure = 0;
+    }
   }
+  return reportTable(metaData_, table_.cName(), failure);
 }
 
 Result TableReplay::checkImage(const PendingObject& image) {

@@ -86,13 +86,12 @@ void emptySets(Table& table, bool releaseLocks) {
 
 }  // namespace
 
-Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks) {
-  TableMutexGuard guard;
+Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
+                        TableMutexGuard& guard) {
   Result result = guard.acquire(metaData, table, platform::kForever);
   guard.announceChange();
   if (result.ok()) result = commitFiles(metaData, table);
   emptySets(table, releaseLocks);
-  result.keepFirst(guard.release());
   return result;
 }
 

@@ -8,8 +8,9 @@
 namespace zelta {
 
 /// Index file first, then the table file through its journal, then the traces in the memory file
-/// go. The sets of the table are emptied whether or not it succeeds.
-Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks);
+/// go. The sets of the table are emptied whether or not it succeeds. The mutex stays with `guard`.
+Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
+                        TableMutexGuard& guard);
 
 }  // namespace zelta
 
