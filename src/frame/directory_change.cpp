@@ -208,6 +208,8 @@ Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::ui
   clearIntent(header);
   ZELTA_TRY(writeControl(metaData, kCountsStart, bytesOf(header) + kCountsStart,
                          kExclusiveWord - kCountsStart));
+  // A disk may keep the later of two writes alone.
+  ZELTA_TRY(flushControl(metaData));
   ZELTA_TRY(writeControl(metaData, kIntentStart, bytesOf(header) + kIntentStart,
                          sizeof header - kIntentStart));
   ZELTA_TRY(flushControl(metaData));
