@@ -119,9 +119,15 @@ class Ledger {
         if (change.replaces()) replacers_[change.former()].push_back(&transaction);
       }
     }
-    std::vector<bool> applied;
+    std::vector<Verdict> verdicts;
     for (const CrowdTransaction& transaction : entered_) {
-      applied.push_back(transaction.committed || wasApplied(transaction, found));
+      verdicts.push_back(judge(transaction, found));
+    }
+    std::vector<bool> applied;
+    for (std::size_t i = 0; i < entered_.size(); ++i) {
+      applied.push_back(verdicts[i] == Verdict::unknown ? claim(entered_[i], found)
+                                                        : verdicts[i] == Verdict::applied);
+      if (!entered_[i].committed) ++(applied[i] ? finished_ : dropped_);
     }
     for (std::size_t i = 0; i < entered_.size(); ++i) {
       if (applied[i]) make(entered_[i]);
@@ -158,35 +164,38 @@ class Ledger {
                          return other != &transaction && (other->committed || !committed);
                        });
   }
-  /// Takes objects as removed by a transaction, of which that is all that is known. If several say
-  /// so of one object, one of them did it.
-  bool claim(const CrowdTransaction& transaction) {
-    for (const Change& change : transaction.changes) {
-      if (claimed_.count(change.former()) != 0) return false;
-    }
-    for (const Change& change : transaction.changes) claimed_.insert(change.former());
-    return true;
-  }
+  enum class Verdict { applied, dropped, unknown };
+
   /// Whether a transaction that was cut off in its commit is there.
-  bool wasApplied(const CrowdTransaction& transaction, const Contents& found) {
-    int yes = 0;
+  Verdict judge(const CrowdTransaction& transaction, const Contents& found) {
+    int yes = transaction.committed ? 1 : 0;
     int no = 0;
-    bool gone = true;
     for (const Change& change : transaction.changes) {
+      if (transaction.committed) break;
       if (change.removed == 0) {
         const Stamp stamp = stampOf(change.row);
         const bool there = found.count(stamp) != 0 || foundByAnother(stamp, transaction);
         ++(there ? yes : no);
+      } else if (foundByAnother(change.former(), transaction, true)) {
+        ++no;  // another one took it away
       } else if (!foundByAnother(change.former(), transaction)) {
         ++(found.count(change.former()) == 0 ? yes : no);
-      } else if (foundByAnother(change.former(), transaction, true)) {
-        gone = false;  // else either may have taken it away
       }
     }
     EXPECT_TRUE(yes == 0 || no == 0) << "half a transaction: " << yes << " of " << yes + no;
-    const bool applied = yes != 0 || (no == 0 && gone && claim(transaction));
-    ++(applied ? finished_ : dropped_);
-    return applied;
+    if (no != 0) return Verdict::dropped;
+    if (yes == 0) return Verdict::unknown;
+    for (const Change& change : transaction.changes) claimed_.insert(change.former());
+    return Verdict::applied;
+  }
+  /// Several transactions that were cut off removed the same objects, and that is all that is known
+  /// of this one: it takes what none of the others has taken.
+  bool claim(const CrowdTransaction& transaction, const Contents& found) {
+    for (const Change& change : transaction.changes) {
+      if (found.count(change.former()) + claimed_.count(change.former()) != 0) return false;
+    }
+    for (const Change& change : transaction.changes) claimed_.insert(change.former());
+    return true;
   }
   /// All that transactions did to a content.
   [[nodiscard]] std::string storyOf(Stamp stamp) const {
