@@ -40,7 +40,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string>
 #include <unordered_set>
@@ -313,27 +315,40 @@ SystemCode extendFile(FileRecord* record, std::uint64_t position, const void* bu
   return result;
 }
 
+/// An open file that has no record yet; a file that was made for nobody goes again.
+struct Opened {
+  const std::string& path;
+  int fd = -1;
+  bool created = false;
+  ~Opened() {
+    if (fd < 0) return;
+    if (created) unlink(path.c_str());
+    close(fd);
+  }
+};
+
 }  // namespace
 
 SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
   *out = File::none;
   const std::string path = pathOf(name);
   ZELTA_ASK(open, path, static_cast<std::uint64_t>(disposition));
-  bool created = false;
-  const int fd = openPath(path, disposition, &created);
-  if (fd < 0) return nameFailure(path);
+  auto record = std::make_unique<FileRecord>(FileRecord{-1, path, {}});
+  Opened opened{path};
+  opened.fd = openPath(path, disposition, &opened.created);
+  if (opened.fd < 0) return nameFailure(path);
   struct stat info {};
-  if (fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
-    close(fd);
+  if (fstat(opened.fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+    opened.created = false;
     return code::kAccessDenied;
   }
-  if (created) {
-    fchmod(fd, 0666);
+  if (opened.created) {
+    fchmod(opened.fd, 0666);
     folderChanged(path);
   }
-  auto* record = new FileRecord{fd, path, {}};
-  enter(record);
-  *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record));
+  record->fd = std::exchange(opened.fd, -1);
+  enter(record.get());
+  *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record.release()));
   return 0;
 }
 
@@ -510,12 +525,17 @@ bool isNamed(File file, const char16_t* name) {
          mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
 }
 
+/// Called when things are given up, for want of memory as well: that is a code here.
 SystemCode deleteFile(const char16_t* name) {
-  const std::string path = pathOf(name);
-  ZELTA_ASK(remove, path);
-  if (unlink(path.c_str()) != 0) return nameFailure(path);
-  folderChanged(path);
-  return 0;
+  try {
+    const std::string path = pathOf(name);
+    ZELTA_ASK(remove, path);
+    if (unlink(path.c_str()) != 0) return nameFailure(path);
+    folderChanged(path);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    return code::kNoMemory;
+  }
 }
 
 SystemCode moveFile(const char16_t* from, const char16_t* to) {

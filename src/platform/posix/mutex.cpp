@@ -73,7 +73,7 @@ struct Mapping {
 };
 
 struct Handle {
-  Mapping* mapping;
+  Mapping* mapping = nullptr;
   int claimFd = -1;
 };
 
@@ -281,27 +281,49 @@ void waitForEnd(pid_t process) {
 
 }  // namespace
 
+namespace {
+
+/// Takes a mapping away again that got no handle. Under mappingsMutex.
+class Unused {
+ public:
+  using Place = std::map<std::string, std::unique_ptr<Mapping>>::iterator;
+  explicit Unused(Place place) : place_(place) {}
+  ~Unused() {
+    if (place_->second->handles != 0) return;
+    closeMapping(*place_->second);
+    mappings().erase(place_);
+  }
+  Unused(const Unused&) = delete;
+  Unused& operator=(const Unused&) = delete;
+
+ private:
+  Place place_;
+};
+
+}  // namespace
+
 SystemCode createMutex(const char16_t* name, Mutex* out) {
   *out = Mutex::none;
   const std::string text = pathOf(name);
   ZELTA_ASK(mutexCreate, text);
   registerForkHandler();
   const std::lock_guard guard(mappingsMutex);
-  std::unique_ptr<Mapping>& place = mappings()[text];
-  if (place == nullptr) {
+  auto handle = std::make_unique<Handle>();
+  auto& all = mappings();
+  auto place = all.find(text);
+  if (place == all.end()) {
     auto mapping = std::make_unique<Mapping>();
     mapping->name = text;
     mapping->path = fileNameOf(text);
-    if (const SystemCode failure = openMapping(*mapping); failure != 0) {
-      closeMapping(*mapping);
-      mappings().erase(text);
-      return failure;
-    }
-    place = std::move(mapping);
+    place = all.emplace(text, std::move(mapping)).first;
+    const Unused unused(place);
+    if (const SystemCode failure = openMapping(*place->second); failure != 0) return failure;
+    ++place->second->handles;
+  } else {
+    ++place->second->handles;
   }
-  auto* handle = new Handle{place.get()};
-  ++place->handles;
-  *out = static_cast<Mutex>(reinterpret_cast<std::uintptr_t>(handle));
+  handle->mapping = place->second.get();
+  *out = static_cast<Mutex>(reinterpret_cast<std::uintptr_t>(handle.release()));
   return 0;
 }
 
@@ -315,7 +337,8 @@ void closeMutex(Mutex mutex) {
   if (mapping->fd < 0) return;  // inherited over a fork
   if (--mapping->handles > 0 || mapping->owned > 0) return;
   closeMapping(*mapping);
-  mappings().erase(std::string(mapping->name));
+  auto& all = mappings();
+  if (const auto place = all.find(mapping->name); place != all.end()) all.erase(place);
 }
 
 SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
