@@ -63,6 +63,7 @@ void takeEntry(const MetaData& metaData, Table& table, const DirectoryEntry& ent
 
 void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::uint32_t slotBase,
                 const DirectoryEntry& entry) {
+  table.setIndexCount(copy.schema->indexCount);  // all that can fail
   table.schemaCopyBytes = copy.bytes;
   table.schema = copy.schema.release();
   table.schema->tableId = entry.tableId;
@@ -73,7 +74,6 @@ void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::ui
   table.fixedAreaSize = sizes.fixedAreaSize;
   table.minimumObjectSize = sizes.minimumObjectSize;
   table.firstVariableField = sizes.firstVariableField;
-  table.setIndexCount(table.schema->indexCount);
 }
 
 Result openTableMutex(MetaData& metaData, Table& table) {

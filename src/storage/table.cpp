@@ -33,8 +33,8 @@ Table::~Table() {
 }
 
 void Table::setIndexCount(std::uint16_t indexes) {
-  indexCount = indexes;
   indexStates = indexes == 0 ? nullptr : std::make_unique<IndexCursor[]>(indexes);
+  indexCount = indexes;
 }
 
 void Table::releaseCurrentKeys() {
