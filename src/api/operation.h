@@ -3,10 +3,8 @@
 #ifndef ZELTA_API_OPERATION_H
 #define ZELTA_API_OPERATION_H
 
-#include <new>
-
 #include "czelta.h"
-#include "frame/metadata.h"
+#include "frame/exhausted_memory.h"
 #include "platform/clock.h"
 #include "storage/table.h"
 
@@ -15,12 +13,7 @@ namespace zelta {
 /// Runs the work of an operation. Exhausted memory ends here, and the scratch buffers are trimmed.
 template <typename Work>
 unsigned long long perform(MetaData& metaData, bool trimAll, Work work) {
-  Result result;
-  try {
-    result = work();
-  } catch (const std::bad_alloc&) {
-    result = reportSystemError(&metaData, code::kNoMemory);
-  }
+  const Result result = reportingMemory(metaData, work);
   trimScratch(metaData, trimAll);
   return result.word();
 }

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <utility>
 #include <vector>
 
+#include "frame/exhausted_memory.h"
 #include "storage/atomic_manager.h"
 #include "storage/atomic_manager_writer.h"
 #include "storage/file_io.h"
@@ -160,7 +162,7 @@ class Flush {
   Result write();
   /// write() has failed. What it wrote is dealt with as whoever comes next would do, so that nobody
   /// else decides whether the change was made. Success: it was.
-  Result settle(Result failure);
+  Result settle(Result failure, bool uncertainBefore);
 
  private:
   Result writeIntent();
@@ -206,10 +208,8 @@ Result Flush::write() {
   return finish();
 }
 
-Result Flush::settle(Result failure) {
+Result Flush::settle(Result failure, bool uncertainBefore) {
   Table& table = manager_.table;
-  const bool uncertainBefore = table.memoryUncertain;
-  table.memoryUncertain = true;
   const std::vector<std::uint64_t> roots(manager_.memoryRoots(),
                                          manager_.memoryRoots() + manager_.indexCount + 1);
   const MemoryFileHeader_tag wanted = header_;
@@ -339,8 +339,12 @@ Result flushMemoryPages(AtomicManager& manager, MemoryFileHeader_tag& header,
   Flush flush(manager, header, record);
   ZELTA_TRY(flush.prepare());
   if (flush.changesAnything()) {
-    const Result written = flush.write();
-    if (written.failed()) ZELTA_TRY(flush.settle(written));
+    bool& uncertain = manager.table.memoryUncertain;
+    const bool before = std::exchange(uncertain, true);
+    Result written = reportingMemory(manager.metaData, [&] { return flush.write(); });
+    if (written.failed()) written = flush.settle(written, before);
+    if (written.failed()) return written;
+    uncertain = before;
     std::copy_n(manager.memoryRoots(), manager.indexCount + 1, manager.savedMemoryRoots());
     manager.memoryEndOfFile = header.endOfFile;
   }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "frame/control_file.h"
+#include "frame/exhausted_memory.h"
 #include "frame/mutex_guard.h"
 #include "objects/lock_position.h"
 #include "storage/atomic_manager.h"
@@ -202,8 +203,14 @@ Result writeBody(MetaData& metaData, const std::vector<Table*>& tables, const Re
 }
 
 /// The entry could not be written: the transaction is over, and its slot is left to whoever meets
-/// it next.
-void giveTransactionUp(MetaData& metaData) {
+/// it next. Its objects are free for that one.
+void giveTransactionUp(MetaData& metaData, const std::vector<Table*>& tables) {
+  for (Table* table : tables) {
+    for (UInt64AVLTree** objects :
+         {&table->lockedObjects, &table->editedObjects, &table->deletedObjects}) {
+      unlockObjects(table->tableFile, table->slotBase, *objects);
+    }
+  }
   dropLockPosition(metaData);
   if (metaData.transactionWord > 1) {
     platform::unlockWord(metaData.controlFile, {metaData.slotPosition + 4});
@@ -228,7 +235,7 @@ void dropResults(Table& table) {
   table.searchInverted = false;
 }
 
-/// Makes an applied entry incomplete, so that nobody applies it again.
+/// Makes an entry incomplete, so that nobody applies it.
 SystemCode retireEntry(MetaData& metaData, const Reserved& entry) {
   constexpr std::uint32_t kIncomplete = 0;
   return writeBuffer(metaData.logFile, entry.position + offsetof(LogEntryHead_tag, sectionCount),
@@ -267,7 +274,9 @@ void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool
       releaseUnchanged(*table, releaseLocks);
       continue;
     }
-    applied.keepFirst(applyTableCommit(metaData, *table, releaseLocks, entered.next()));
+    applied.keepFirst(reportingMemory(metaData, [&] {
+      return applyTableCommit(metaData, *table, releaseLocks, entered.next());
+    }));
     if (!entry.single) applied.keepFirst(entered.release());
   }
   if (releaseLocks) dropLockPosition(metaData);
@@ -280,7 +289,9 @@ void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool
   if (applied.failed() || retired != 0) {
     metaData.leaveSlot = true;
   } else if (entry.single) {
-    removeLogEntry(metaData, metaData.transactionWord, entry.position).ignore();
+    reportingMemory(metaData, [&] {
+      return removeLogEntry(metaData, metaData.transactionWord, entry.position);
+    }).ignore();
   }
 }
 
@@ -328,10 +339,13 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
   Reserved entry;
   EnteredTables entered(edited);
   ZELTA_TRY(reserveEntry(metaData, size + kHeadSize, entry));
-  const Result written = writeBody(metaData, all, entry);
+  const Result written = reportingMemory(metaData, [&] { return writeBody(metaData, all, entry); });
+  // What is reported as failed must not be carried out by the next one, if that can be helped: the
+  // entry may be whole, and only its flush have failed.
+  if (written.failed()) static_cast<void>(retireEntry(metaData, entry));
   platform::unlockWord(metaData.logFile, logEntryLock(entry.position));
   if (written.failed()) {
-    giveTransactionUp(metaData);
+    giveTransactionUp(metaData, all);
     return written;
   }
   applyEverywhere(metaData, all, releaseLocks, entry, entered);

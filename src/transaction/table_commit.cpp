@@ -14,6 +14,7 @@
 
 #include "transaction/table_commit.h"
 
+#include "frame/exhausted_memory.h"
 #include "index/index_file.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
@@ -90,7 +91,9 @@ Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
                         TableMutexGuard& guard) {
   Result result = guard.acquire(metaData, table, platform::kForever);
   guard.announceChange();
-  if (result.ok()) result = commitFiles(metaData, table);
+  if (result.ok()) {
+    result = reportingMemory(metaData, [&] { return commitFiles(metaData, table); });
+  }
   emptySets(table, releaseLocks);
   return result;
 }
