@@ -90,7 +90,9 @@ Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool release
     table->searchIndex = 0;
     table->searchInverted = false;
     if (!metaData.mayWrite()) continue;
-    const Result dropped = dropTraces(metaData, *table);
+    // Beside what is dropped now stands what was committed and is still to be carried out: until
+    // then it keeps IDs and keys from others. Whoever does that drops the traces.
+    const Result dropped = metaData.leaveSlot ? Result{} : dropTraces(metaData, *table);
     result.keepFirst(dropped);
     if (dropped.ok()) forgetEdits(*table, releaseLocks);
   }
