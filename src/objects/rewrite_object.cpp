@@ -85,7 +85,8 @@ Result Rewriting::run() {
     }
     if (!result.isLocked()) return result;
     if (++passes == kMaximumPasses) {
-      return reportSystemError(&metaData_, code::kLockViolation, table_.cName(), extension::kTable);
+      return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
+                         static_cast<std::int64_t>(objectID_));
     }
     ZELTA_TRY(askForDead());
     platform::sleepMilliseconds(kPause);
