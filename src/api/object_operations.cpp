@@ -109,11 +109,14 @@ bool hasKey(unsigned int mode, const void* key) {
 unsigned long long CZELTA::ReadObject(unsigned int table, Mode mode, Object* object,
                                       unsigned int index, const void* key, unsigned int* entry) {
   clearError(*metaData_);
+  if (object != nullptr) *object = Object{};
   Table* open = nullptr;
   StateCheck check(*metaData_);
   check.transaction().ownThread();
   if (!check.failed() && !metaData_->mayWrite()) mode = mode | ReadNoLock;
-  if (check.parameter(hasKey(mode, key)).table(tables_, table, open).failed()) return check.word();
+  if (check.parameter(hasKey(mode, key)).failed()) return check.word();
+  if (entry != nullptr) *entry = 0;
+  if (check.table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
     return readObject(*metaData_, tables_, *open, mode, object, index, key, entry);
   });
@@ -134,9 +137,9 @@ unsigned long long CZELTA::DeleteObject(unsigned int table, Mode mode, Object* o
   Table* open = nullptr;
   StateCheck check(*metaData_);
   check.transaction().ownThread().parameter((mode & ReadNoLock) == 0);
-  if (check.parameter(hasKey(mode, key)).mayWrite().table(tables_, table, open).failed()) {
-    return check.word();
-  }
+  if (check.parameter(hasKey(mode, key)).mayWrite().failed()) return check.word();
+  if (entry != nullptr) *entry = 0;
+  if (check.table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
     return deleteObject(*metaData_, tables_, *open, mode, object, index, key, entry);
   });

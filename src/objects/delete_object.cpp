@@ -111,7 +111,6 @@ bool meansCurrent(const Table& table, std::uint32_t index, const void* key) {
 Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
                     CZELTA::Object* object, std::uint32_t index, const void* key,
                     std::uint32_t* entry) {
-  if (object != nullptr) *object = CZELTA::Object{};
   if (entry != nullptr) *entry = 0;
   ReadRequest request{metaData, table, withoutFlags(mode), false, true, index, key, nullptr};
   const std::uint64_t current = table.currentObjectID;

@@ -200,5 +200,30 @@ TEST_F(StateChecks, TheMessageOfATableThatIsNotOpenNamesIt) {
   EXPECT_EQ(messageOf(handle), "Table (ID = 4294967294) is not currently open.");
 }
 
+TEST_F(StateChecks, AReadThatIsRefusedHasClearedTheRecordAndADeleteHasNot) {
+  char byte = 0;
+  const CZELTA::Object used{3, 4, 5, &byte, &byte};
+  CZELTA::Object record = used;
+  unsigned int entry = 7;
+  CZELTA closed;
+  EXPECT_EQ(closed.ReadObject(kTable, kEqual, &record, 0, &kKey, &entry), ownCode(3));
+  EXPECT_EQ(record.objectID, 0);
+  EXPECT_EQ(record.data, nullptr);
+  EXPECT_EQ(entry, 7u);
+  begin(CZELTA::TransactionShared);
+  record = used;
+  EXPECT_EQ(handle.DeleteObject(kTable, kEqual, &record, 0, &kKey, &entry), ownCode(6));
+  EXPECT_EQ(record.objectID, 5);
+  EXPECT_EQ(entry, 0u);
+  entry = 7;
+  EXPECT_EQ(handle.DeleteObject(kTable, kEqual, &record, 0, nullptr, &entry), ownCode(7));
+  EXPECT_EQ(entry, 7u);
+  EXPECT_EQ(handle.ReadObject(kTable, kEqual, &record, 0, nullptr, &entry), ownCode(7));
+  EXPECT_EQ(record.objectID, 0);
+  EXPECT_EQ(entry, 7u);
+  EXPECT_EQ(handle.ReadObject(kTable, kEqual, &record, 0, &kKey, &entry), ownCode(6));
+  EXPECT_EQ(entry, 0u);
+}
+
 }  // namespace
 }  // namespace zelta::testing
