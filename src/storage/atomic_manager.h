@@ -117,6 +117,7 @@ class AtomicManager {
   std::uint64_t memoryFreeHead = 0;
   std::uint64_t indexEndOfFile = 0;
   std::uint64_t memoryEndOfFile = 0;
+  bool journalApplied = false;     ///< by the last repair of the memory file
   std::uint64_t shadowCursor = 0;  ///< where the next shadow goes in the memory file; 0: none yet
   FreeBlock* indexFreeList = nullptr;
   FreeBlock* memoryFreeList = nullptr;

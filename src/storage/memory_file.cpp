@@ -135,7 +135,8 @@ Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicMa
   if (!headerIsSound(table, header)) return corrupted(manager);
   if (header.newEndOfFile != 0) {
     if (!mayRecover) return failed(manager, code::kAccessDenied);
-    ZELTA_TRY(memory_file::recoverJournal(manager, table.memoryFile, header, image));
+    ZELTA_TRY(memory_file::recoverJournal(manager, table.memoryFile, header, image,
+                                          &manager.journalApplied));
   }
   std::memcpy(manager.memoryRoots(), image.bytes() + image.rootsStart(), image.rootBytes());
   std::memcpy(manager.savedMemoryRoots(), manager.memoryRoots(), image.rootBytes());
@@ -146,8 +147,10 @@ Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicMa
 
 namespace {
 
-/// The steps of one flush. Until writeIntent() nothing in the file has changed; from the end of
-/// writeJournal() on whoever comes next finishes it.
+/// The steps of one flush. Until writeIntent() nothing has changed but bytes behind the file's end;
+/// from there on whoever comes next finishes it. The journal comes first: it is long enough to be
+/// cut off in the midst, what stood in its place before may be much like it, and the sum does not
+/// notice words that have changed places.
 class Flush {
  public:
   Flush(AtomicManager& manager, MemoryFileHeader_tag& header, const MemoryRecord* record)
@@ -197,13 +200,13 @@ class Flush {
   MemoryFileHeader_tag& header_;
   const MemoryRecord* record_;
   HeaderImage image_;
-  bool journalWritten_ = false;
+  bool intentWritten_ = false;
 };
 
 Result Flush::write() {
-  ZELTA_TRY(writeIntent());
   ZELTA_TRY(writeJournal());
-  journalWritten_ = true;
+  ZELTA_TRY(writeIntent());
+  intentWritten_ = true;
   ZELTA_TRY(apply());
   return finish();
 }
@@ -213,11 +216,15 @@ Result Flush::settle(Result failure, bool uncertainBefore) {
   const std::vector<std::uint64_t> roots(manager_.memoryRoots(),
                                          manager_.memoryRoots() + manager_.indexCount + 1);
   const MemoryFileHeader_tag wanted = header_;
+  manager_.journalApplied = false;
   if (readMemoryFileHeader(table, header_, manager_, true).failed()) return failure;
   table.memoryUncertain = uncertainBefore;
   const std::uint64_t end = wanted.newEndOfFile != 0 ? wanted.newEndOfFile : wanted.endOfFile;
-  const bool made = journalWritten_ && header_.endOfFile == end &&
-                    std::equal(roots.begin(), roots.end(), manager_.memoryRoots());
+  // An intent that was cut off can be complete nevertheless: what stood there before may be what
+  // was to be written.
+  const bool made =
+      manager_.journalApplied || (intentWritten_ && header_.endOfFile == end &&
+                                  std::equal(roots.begin(), roots.end(), manager_.memoryRoots()));
   if (!made) return failure;
   clearError(manager_.metaData);
   return {};
@@ -349,10 +356,8 @@ Result flushMemoryPages(AtomicManager& manager, MemoryFileHeader_tag& header,
     manager.memoryEndOfFile = header.endOfFile;
   }
   clearIntent(header);
-  if (truncate) {
-    const SystemCode result = truncateFile(manager.memoryFile, header.endOfFile);
-    if (result != 0) return failed(manager, result);
-  }
+  // The change stands: what is left behind the end does no harm.
+  if (truncate) static_cast<void>(truncateFile(manager.memoryFile, header.endOfFile));
   manager.dropMemoryChanges();
   return {};
 }

@@ -117,7 +117,7 @@ struct MemoryRecord {
 
 /// The atomic step: brings all changed memory pages, the free chain and the roots into the file, by
 /// way of the journal, and drops the pages. `record` may be null. `truncate` cuts the file behind
-/// its new end.
+/// its new end if that can be done.
 Result flushMemoryPages(AtomicManager& manager, MemoryFileHeader_tag& header,
                         const MemoryRecord* record, bool truncate);
 

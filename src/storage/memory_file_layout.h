@@ -60,9 +60,9 @@ void clearIntent(MemoryFileHeader_tag& header);
 }
 
 /// Finishes or drops the journal of a process that died. `image` holds the header and roots as
-/// read; both follow what was done.
+/// read; both follow what was done. `*applied`: the file holds the journal's change from now on.
 Result recoverJournal(const AtomicManager& manager, platform::File file,
-                      MemoryFileHeader_tag& header, HeaderImage& image);
+                      MemoryFileHeader_tag& header, HeaderImage& image, bool* applied);
 
 /// Whether a position can be that of a page or record.
 [[nodiscard]] inline bool plausible(const AtomicManager& manager, std::uint64_t position,

@@ -24,6 +24,8 @@ class Recovery {
       : manager_(manager), file_(file), header_(header), image_(image) {}
 
   Result run();
+  /// Whether the file holds the change that the journal was for.
+  [[nodiscard]] bool applied() const { return applied_; }
 
  private:
   [[nodiscard]] ScratchBuffer& buffer() const {
@@ -46,6 +48,7 @@ class Recovery {
   MemoryFileHeader_tag& header_;
   HeaderImage& image_;
   std::uint64_t freeEntries_ = 0;  ///< where the free-block entries begin
+  bool applied_ = false;
 };
 
 Result Recovery::run() {
@@ -53,11 +56,12 @@ Result Recovery::run() {
   const SystemCode result = platform::fileSize(file_, &length);
   if (result != 0) return failed(manager_, result);
   if (header_.journalEnd > length) return drop();
-  // Applied already; only the header is left.
-  if (header_.journalBase == 0) return reset(header_.newEndOfFile);
+  applied_ = header_.journalBase == 0;
+  if (applied_) return reset(header_.newEndOfFile);  // only the header is left
   bool right = header_.journalEnd >= journalStart(header_);
   if (right) ZELTA_TRY(checkSum(&right));
   if (right) ZELTA_TRY(checkEntries(&right));
+  applied_ = right;
   return right ? rollForward() : drop();
 }
 
@@ -198,8 +202,11 @@ Result Recovery::reset(std::uint64_t end) {
 }  // namespace
 
 Result recoverJournal(const AtomicManager& manager, platform::File file,
-                      MemoryFileHeader_tag& header, HeaderImage& image) {
-  return Recovery(manager, file, header, image).run();
+                      MemoryFileHeader_tag& header, HeaderImage& image, bool* applied) {
+  Recovery recovery(manager, file, header, image);
+  const Result result = recovery.run();
+  *applied = recovery.applied();
+  return result;
 }
 
 }  // namespace zelta::memory_file

@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "support/database_fixture.h"
 
@@ -40,6 +41,19 @@ class FailAt : public platform::faults::Hook {
   bool met_ = false;
 };
 
+/// Notes where the memory file is written.
+class Places : public platform::faults::Hook {
+ public:
+  Places() { platform::faults::install(this); }
+  ~Places() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    const bool memory = event.name.find(".zlm") != std::string::npos;
+    if (memory && event.call == platform::faults::Call::write) places.push_back(event.position);
+    return {};
+  }
+  std::vector<std::uint64_t> places;
+};
+
 class StoreFailure : public testing::DatabaseTest {
  protected:
   void SetUp() override { makeShop(); }
@@ -67,6 +81,19 @@ class StoreFailure : public testing::DatabaseTest {
     return all;
   }
 };
+
+TEST_F(StoreFailure, FindsNoIntentBeforeItsJournalStands) {
+  CZELTA handle;
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  begin(handle);
+  ASSERT_DONE(handle, add(handle, 1));
+  const auto end = testing::numberAt<std::uint64_t>(folder.bytes("goods.zlm"), 24);
+  Places writes;
+  ASSERT_DONE(handle, add(handle, 2));
+  ASSERT_GE(writes.places.size(), 2u);
+  EXPECT_GE(writes.places[0], end) << "the journal, behind the end of the file";
+  EXPECT_EQ(writes.places[1], 32u) << "the intent";
+}
 
 TEST_F(StoreFailure, OfOneWriteIsSettledAtOnce) {
   CZELTA handle;
