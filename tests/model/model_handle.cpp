@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "model/failing_call.h"
+
 namespace zelta::testing {
 
 namespace {
@@ -55,13 +57,38 @@ void ModelHandle::close() {
 }
 
 /// ZELTA_TRACE lets a run tell what it does.
-void ModelHandle::agree(const std::string& what, Word expected, Word found) {
+bool ModelHandle::agree(const std::string& what, Word expected, Word found) {
   static const bool trace = std::getenv("ZELTA_TRACE") != nullptr;
   if (trace) {
     std::cout << this << ' ' << what << ": " << (found & 0xFFFFFFFF) << ", current "
               << model_.current() << '\n';
   }
+  if (found == kGivenUp) return false;
   EXPECT_EQ(expected, found) << what << ": " << messageOf(db);
+  return expected == kDone && found == kDone;
+}
+
+/// Does an operation, which may meet a failing call. It must have left nothing: it can be done
+/// again, or all can be taken back.
+template <class Call>
+Word ModelHandle::perform(Word expected, bool mayRepeat, const Call& call) {
+  const bool mayGiveUp = model_.mayWrite();
+  if (trouble_ == nullptr || (*trouble_)() % 6 != 0 || (!mayRepeat && !mayGiveUp)) return call();
+  Word found = kDone;
+  bool struck = false;
+  {
+    FailingCall failing((*trouble_)() % 20, (*trouble_)() % 2 == 0);
+    found = call();
+    struck = failing.struck;
+  }
+  if (!struck || found == expected) return found;
+  ++troubles_;
+  if (!mayGiveUp || (mayRepeat && (*trouble_)() % 2 == 0)) return call();
+  EXPECT_EQ(found >> 32, 2u) << "code " << (found & 0xFFFFFFFF) << ": " << messageOf(db);
+  model_.abort(true);
+  model_.spoilBuffer();
+  EXPECT_DONE(db, db.AbortTransaction(true));
+  return kGivenUp;
 }
 
 void ModelHandle::compareObject() {
@@ -131,9 +158,10 @@ Word ModelHandle::add(const Thing& thing, std::uint64_t id, bool inNewObject) {
   }
   fill(thing);
   const Word expected = model_.add(id);
-  const Word found = db.AddObject(kModelTable, &object_, static_cast<long long>(id));
-  agree("add " + std::to_string(id), expected, found);
-  if (expected == kDone && found == kDone) compareObject();
+  const Word found = perform(expected, true, [&] {
+    return db.AddObject(kModelTable, &object_, static_cast<long long>(id));
+  });
+  if (agree("add " + std::to_string(id), expected, found)) compareObject();
   return found;
 }
 
@@ -143,9 +171,9 @@ Word ModelHandle::rewrite(const Thing& thing) {
     fill(thing);
   }
   const Word expected = model_.rewrite();
-  const Word found = db.RewriteObject(kModelTable, &object_);
-  agree("rewrite", expected, found);
-  if (expected == kDone && found == kDone) compareObject();
+  const Word found =
+      perform(expected, true, [&] { return db.RewriteObject(kModelTable, &object_); });
+  if (agree("rewrite", expected, found)) compareObject();
   return found;
 }
 
@@ -154,13 +182,14 @@ Word ModelHandle::read(const Request& request, const std::string& image) {
   const bool keyed = request.hasPivot();
   const CZELTA::Mode mode = withFlags(request.mode, request.noLock);
   unsigned entry = 77;
-  const Word found =
-      request.index == 0 && request.mode == CZELTA::ReadEqual
-          ? db.ReadObject(kModelTable, static_cast<long long>(request.id), mode, &object_)
-          : db.ReadObject(kModelTable, mode, &object_, request.index,
-                          keyed ? image.data() : nullptr, &entry);
-  agree(told("read", request), expected, found);
-  if (expected != kDone || found != kDone) return found;
+  const bool byPlace = request.mode == CZELTA::ReadNext || request.mode == CZELTA::ReadPrevious;
+  const Word found = perform(expected, !byPlace, [&] {
+    return request.index == 0 && request.mode == CZELTA::ReadEqual
+               ? db.ReadObject(kModelTable, static_cast<long long>(request.id), mode, &object_)
+               : db.ReadObject(kModelTable, mode, &object_, request.index,
+                               keyed ? image.data() : nullptr, &entry);
+  });
+  if (!agree(told("read", request), expected, found)) return found;
   compareObject();
   if (entry != 77) {
     EXPECT_EQ(entry, model_.entry());
@@ -170,10 +199,11 @@ Word ModelHandle::read(const Request& request, const std::string& image) {
 
 Word ModelHandle::erase(const Request& request, const std::string& image) {
   const Word expected = model_.erase(request);
-  const Word found = db.DeleteObject(kModelTable, withFlags(request.mode, false), &object_,
-                                     request.index, image.data(), nullptr);
-  agree(told("delete", request), expected, found);
-  if (expected == kDone && found == kDone) compareObject();
+  const Word found = perform(expected, false, [&] {
+    return db.DeleteObject(kModelTable, withFlags(request.mode, false), &object_, request.index,
+                           image.data(), nullptr);
+  });
+  if (agree(told("delete", request), expected, found)) compareObject();
   return found;
 }
 
@@ -181,17 +211,20 @@ Word ModelHandle::eraseCurrent() {
   const bool wouldWait = model_.lockedElsewhere(model_.current());
   const Word expected = model_.eraseCurrent();
   const std::uint64_t none = 0;
-  const Word found = wouldWait ? db.DeleteObject(kModelTable, withFlags(CZELTA::ReadEqual, false),
-                                                 &object_, 0, &none, nullptr)
-                               : db.DeleteObject(kModelTable, 0, &object_);
-  agree("delete of the current object", expected, found);
-  if (expected == kDone && found == kDone) compareObject();
+  const Word found = perform(expected, false, [&] {
+    return wouldWait ? db.DeleteObject(kModelTable, withFlags(CZELTA::ReadEqual, false), &object_,
+                                       0, &none, nullptr)
+                     : db.DeleteObject(kModelTable, 0, &object_);
+  });
+  if (agree("delete of the current object", expected, found)) compareObject();
   return found;
 }
 
 Word ModelHandle::restore(std::uint64_t id, bool unlock) {
   const Word expected = model_.restore(id, unlock);
-  const Word found = db.RestoreObject(kModelTable, static_cast<long long>(id), unlock);
+  const Word found = perform(expected, true, [&] {
+    return db.RestoreObject(kModelTable, static_cast<long long>(id), unlock);
+  });
   agree("restore " + std::to_string(id) + (unlock ? " unlocked" : ""), expected, found);
   return found;
 }

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "model/table_model.h"
@@ -18,9 +19,16 @@ inline constexpr unsigned kModelTable = 1;
 /// Makes the database of a shape, and closes it.
 void makeModelTable(const std::u16string& path, const TableShape& shape);
 
+/// Nothing to compare: a call failed, and the transaction has given up what it did.
+inline constexpr Word kGivenUp = ~Word{0};
+
 class ModelHandle {
  public:
   ModelHandle(TableModel& table, const std::u16string& path);
+  /// Lets calls to the system fail now and then; what is going on is then tried again or given up.
+  void makeTrouble(std::mt19937& random) { trouble_ = &random; }
+  /// How many operations failed for that.
+  [[nodiscard]] int troubles() const { return troubles_; }
 
   void open();
   void close();
@@ -41,7 +49,9 @@ class ModelHandle {
   CZELTA db;
 
  private:
-  void agree(const std::string& what, Word expected, Word found);
+  template <class Call>
+  Word perform(Word expected, bool mayRepeat, const Call& call);
+  bool agree(const std::string& what, Word expected, Word found);
   void fill(const Thing& thing);
   /// The object in the buffer must be the model's.
   void compareObject();
@@ -50,6 +60,8 @@ class ModelHandle {
   ModelSession model_;
   std::u16string path_;
   CZELTA::Object object_{};
+  std::mt19937* trouble_ = nullptr;
+  int troubles_ = 0;
 };
 
 /// Walks the whole table in a reading transaction, by ID and by each index, up and down: it must

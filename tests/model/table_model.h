@@ -158,6 +158,8 @@ class ModelSession {
   /// Puts a new object into the buffer, or changes the one that is there.
   void newObject(const Thing& thing);
   void change(const Thing& thing) { buffer_->thing = thing; }
+  /// Nothing is known of the buffer.
+  void spoilBuffer() { buffer_.reset(); }
   Word add(std::uint64_t wanted);
   Word rewrite();
   Word read(const Request& request);

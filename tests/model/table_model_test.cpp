@@ -24,7 +24,8 @@ class ModelOf : public ::testing::TestWithParam<TableShape> {
   [[nodiscard]] std::u16string path() const { return folder.file("db.zlc"); }
 
   /// Batches of operations of some handles in one thread; between them all is compared.
-  void run(unsigned handles, unsigned crowd, unsigned batches, unsigned operations) {
+  void run(unsigned handles, unsigned crowd, unsigned batches, unsigned operations,
+           bool trouble = false) {
     const unsigned seed = seedOfRun();
     makeModelTable(path(), GetParam());
     if (HasFailure()) return;
@@ -32,9 +33,11 @@ class ModelOf : public ::testing::TestWithParam<TableShape> {
     RandomThings random(seed, GetParam(), crowd);
     std::vector<std::unique_ptr<ModelHandle>> all;
     std::vector<RandomWorker> workers;
+    std::mt19937 troubles(seed);
     for (unsigned i = 0; i < handles; ++i) {
       all.push_back(std::make_unique<ModelHandle>(table, path()));
       workers.emplace_back(random, table, *all.back());
+      if (trouble) all.back()->makeTrouble(troubles);
     }
     for (unsigned batch = 0; batch < batches; ++batch) {
       SCOPED_TRACE("batch " + std::to_string(batch) + " of seed " + std::to_string(seed));
@@ -45,6 +48,8 @@ class ModelOf : public ::testing::TestWithParam<TableShape> {
       settle(table, workers, all, batch);
       ASSERT_FALSE(HasFailure());
     }
+    EXPECT_EQ(trouble, all[0]->troubles() > 0);
+    if (trouble) std::cout << all[0]->troubles() << " operations failed on the first handle\n";
   }
 
  private:
@@ -79,6 +84,12 @@ TEST_P(ModelOf, FewObjectsIsWhatThreeHandlesSee) { run(3, 25, thorough() ? 400 :
 
 TEST_P(ModelOf, ManyObjectsIsWhatFiveHandlesSee) {
   run(5, thorough() ? 2000 : 300, thorough() ? 60 : 4, thorough() ? 3000 : 1500);
+}
+
+TEST_P(ModelOf, FewObjectsSurvivesFailingCalls) { run(2, 15, thorough() ? 400 : 4, 400, true); }
+
+TEST_P(ModelOf, ManyObjectsSurvivesFailingCalls) {
+  run(1, 300, thorough() ? 60 : 2, thorough() ? 3000 : 1500, true);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, ModelOf, ::testing::ValuesIn(tableShapes()),

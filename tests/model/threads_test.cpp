@@ -254,7 +254,7 @@ TEST_P(ThreadsOf, FourLeaveWhatTheyCommitted) {
   const std::u16string path = folder.file("db.zlc");
   makeModelTable(path, GetParam());
   ASSERT_FALSE(HasFailure());
-  const int transactions = std::getenv("ZELTA_THOROUGH") != nullptr ? 3000 : 300;
+  const int transactions = std::getenv("ZELTA_THOROUGH") != nullptr ? 3000 : 150;
   Ledger ledger;
   std::vector<std::unique_ptr<Writer>> writers;
   std::vector<std::thread> threads;
