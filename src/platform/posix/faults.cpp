@@ -1,54 +1,16 @@
 #ifdef ZELTA_FAULTS
 
-#include "platform/faults.h"
-
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
-
-#include "platform/posix/posix_internal.h"
+#include "platform/fault_calls.h"
 
 namespace zelta::platform {
-
-namespace {
-
-std::atomic<faults::Hook*> theHook{nullptr};
-std::atomic<std::uint64_t> callCount{0};
-std::atomic<std::uint64_t> flushCount{0};
-
-}  // namespace
-
-namespace faults {
-
-void install(Hook* hook) { theHook = hook; }
-std::uint64_t systemCalls() { return callCount; }
-std::uint64_t flushes() { return flushCount; }
-
-}  // namespace faults
-
-namespace posix {
-
-Asked ask(Call call, const std::string& name, std::uint64_t position, std::uint64_t length,
-          const void* data) {
-  // Owning a mutex costs a system call only if somebody has to be woken or waited for.
-  if (call != Call::mutexWait && call != Call::mutexRelease) ++callCount;
-  if (call == Call::flush) ++flushCount;
-  faults::Hook* hook = theHook;
-  if (hook == nullptr) return {};
-  const faults::Verdict verdict = hook->before({call, name, position, length, data});
-  return {verdict.code, verdict.cutTo, verdict.die};
-}
-
-void countCall() { ++callCount; }
-void uncountCall() { --callCount; }
 
 void dieNow() {
   kill(getpid(), SIGKILL);
   for (;;) pause();
 }
-
-}  // namespace posix
 
 }  // namespace zelta::platform
 

@@ -1,0 +1,41 @@
+#ifdef ZELTA_FAULTS
+
+#include "platform/fault_calls.h"
+
+#include <atomic>
+
+namespace zelta::platform {
+
+namespace {
+
+std::atomic<faults::Hook*> theHook{nullptr};
+std::atomic<std::uint64_t> callCount{0};
+std::atomic<std::uint64_t> flushCount{0};
+
+}  // namespace
+
+namespace faults {
+
+void install(Hook* hook) { theHook = hook; }
+std::uint64_t systemCalls() { return callCount; }
+std::uint64_t flushes() { return flushCount; }
+
+}  // namespace faults
+
+Asked ask(Call call, const std::string& name, std::uint64_t position, std::uint64_t length,
+          const void* data) {
+  // Owning a mutex costs a system call only if somebody has to be woken or waited for.
+  if (call != Call::mutexWait && call != Call::mutexRelease) ++callCount;
+  if (call == Call::flush) ++flushCount;
+  faults::Hook* hook = theHook;
+  if (hook == nullptr) return {};
+  const faults::Verdict verdict = hook->before({call, name, position, length, data});
+  return {verdict.code, verdict.cutTo, verdict.die};
+}
+
+void countCall() { ++callCount; }
+void uncountCall() { --callCount; }
+
+}  // namespace zelta::platform
+
+#endif  // ZELTA_FAULTS
