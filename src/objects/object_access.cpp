@@ -108,10 +108,11 @@ Result ObjectAccess::pass(Outcome* outcome) {
     return request_.writer ? askForDead(0, locked, outcome) : result;
   }
   // A key of another transaction, and one without its object, may be the trace of one that died
-  // without anybody having noticed yet.
-  const bool trace = found.foreignKey || result.is(Own::indexInconsistent);
-  if (trace && request_.writer && !askedForDead_) {
-    askedForDead_ = true;
+  // without anybody having noticed yet. What seems damaged is looked at once more, as another one
+  // may have repaired it between this pass and the question.
+  const bool broken = result.is(Own::indexInconsistent) || result.is(Own::tableFile);
+  const std::uint32_t asks = broken ? 2 : found.foreignKey ? 1 : 0;
+  if (request_.writer && idleAsks_ < asks) {
     clearError(metaData_);
     return askForDead(0, Outcome::again, outcome);
   }
@@ -131,8 +132,14 @@ Result ObjectAccess::pass(Outcome* outcome) {
 /// table's mutex is let go: the database's is never waited for with a table's at hand.
 Result ObjectAccess::askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome) {
   ZELTA_TRY(mutex_.release());
-  const Result result = number == 0 ? clearAllDead(metaData_, tables_)
+  bool repaired = false;
+  const Result result = number == 0 ? clearAllDead(metaData_, tables_, &repaired)
                                     : clearDeadTransaction(metaData_, tables_, number);
+  if (repaired) {
+    idleAsks_ = 0;
+  } else if (blocked == Outcome::again) {
+    ++idleAsks_;
+  }
   *outcome = blocked;
   if (result.isLocked()) return {};
   if (result.ok() && number != 0) {

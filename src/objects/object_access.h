@@ -104,7 +104,7 @@ class ObjectAccess {
   TableMutexGuard mutex_;
   std::uint32_t entry_ = 0;
   std::uint32_t endedTransaction_ = 0;  ///< known to live no more
-  bool askedForDead_ = false;           ///< a foreign key was met before
+  std::uint32_t idleAsks_ = 0;          ///< times that a trace was met, and nobody was dead
   bool headerRead_ = false;             ///< the pass got past the table's header
   // A reader without the mutex
   bool watching_ = true;       ///< it makes sure that nobody changes what it reads

@@ -264,13 +264,15 @@ Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uin
   return RepairScope(metaData, found, position).run(tables);
 }
 
-Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables) {
+Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired) {
+  if (repaired != nullptr) *repaired = false;
   for (;;) {
     std::uint64_t position = 0;
     std::uint32_t found = 0;
     ZELTA_TRY(findLiveTransaction(metaData, 0, &position, &found, true));
     if (position == 0) return {};
     ZELTA_TRY(RepairScope(metaData, found, position).run(tables));
+    if (repaired != nullptr) *repaired = true;
   }
 }
 

@@ -25,8 +25,8 @@ Result findLiveTransaction(MetaData& metaData, std::uint32_t number, std::uint64
 Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number);
 
 /// Repairs all dead transactions. Code 33: one of them cannot be repaired now. No table's mutex may
-/// be held.
-Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables);
+/// be held. `*repaired` (may be null): there was one.
+Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired = nullptr);
 
 /// Gives a slot back: zeroes it, or cuts the control file behind the last one in use.
 Result releaseSlot(MetaData& metaData, std::uint32_t number, std::uint64_t position);
