@@ -9,7 +9,8 @@
 
 namespace zelta::testing {
 
-/// Lets the n-th call fail, counted from 0; a write may be done in part.
+/// Lets the n-th call fail, counted from 0; a write may be done in part, unless it is as short as a
+/// sector: such a write is done whole or not at all.
 class FailingCall : public platform::faults::Hook {
  public:
   explicit FailingCall(std::uint64_t calls, bool cut) : left_(calls), cut_(cut) {
@@ -24,7 +25,8 @@ class FailingCall : public platform::faults::Hook {
                         event.call == Call::mutexWait;
     if (!counts || struck || left_-- != 0) return verdict;
     struck = true;
-    if (cut_ && event.call == Call::write) {
+    constexpr std::uint64_t kSector = 512;
+    if (cut_ && event.call == Call::write && event.length > kSector) {
       verdict.cutTo = event.length / 2;
     } else {
       verdict.code = code::kGeneralFailure;
