@@ -178,7 +178,7 @@ class OpeningScope {
   ~OpeningScope() {
     if (succeeded_) return;
     closeAll(metaData_);
-    if (made_ != nullptr) static_cast<void>(platform::deleteFile(made_->c_str()));
+    if (made_ != nullptr) platform::discardFile(made_->c_str());
   }
   OpeningScope(const OpeningScope&) = delete;
   OpeningScope& operator=(const OpeningScope&) = delete;

@@ -69,6 +69,8 @@ void serveReads(File file, std::uint64_t window);
 [[nodiscard]] bool isNamed(File file, const char16_t* name);
 
 [[nodiscard]] SystemCode deleteFile(const char16_t* name);
+/// Deletes a file when things are given up, for want of memory as well: what fails is ignored.
+void discardFile(const char16_t* name) noexcept;
 /// Never replaces an existing target (183).
 [[nodiscard]] SystemCode moveFile(const char16_t* from, const char16_t* to);
 /// 0 if a file or folder of the name exists.

@@ -102,7 +102,7 @@ class NewTableFile {
     made_ = false;
     platform::closeFile(table_.tableFile);
     table_.tableFile = platform::File::none;
-    static_cast<void>(platform::deleteFile(path_.c_str()));
+    platform::discardFile(path_.c_str());
   }
   NewTableFile(const NewTableFile&) = delete;
   NewTableFile& operator=(const NewTableFile&) = delete;

@@ -227,5 +227,50 @@ TEST_F(ExhaustedMemory, LeavesWhatIsReportedDoneAndNothingElse) {
   expectClean(folder, "shop.zlc");
 }
 
+TEST_F(ExhaustedMemory, LeavesDatabasesAndTablesWholeOrAbsent) {
+  makeObjects();
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  SmallSchema small(u"small", 7);
+  const std::u16string name = path();
+  for (const bool all : {false, true}) {
+    for (int starvedStep = 0; starvedStep < 9; ++starvedStep) {
+      bool met = true;
+      for (long n = 0; met; ++n) {
+        SCOPED_TRACE("step " + std::to_string(starvedStep) + " allocation " + std::to_string(n) +
+                     (all ? " and all later" : ""));
+        met = false;
+        int step = 0;
+        const auto must = [&](const auto& work, unsigned done = 0) {
+          if (step++ == starvedStep) {
+            const unsigned long long word = starved(n, all, work, &met);
+            EXPECT_TRUE(word == 0 || (met && word == systemCode(8)))
+                << std::hex << word << messageOf(handle);
+            if (word == 0) return;
+          }
+          const unsigned long long again = work();
+          EXPECT_TRUE(again == 0 || (done != 0 && met && again == ownCode(done)))
+              << "step " << step << std::hex << again << messageOf(handle);
+        };
+        must([&] { return handle.OpenDatabase(name.c_str()); });
+        must([&] { return handle.BeginTransaction(CZELTA::TransactionExclusive, 1000); });
+        // A change of the directory whose second phase stands is finished by whoever comes next.
+        must([&] { return handle.CreateTable(&small.schema, nullptr); }, 10);
+        must([&] { return handle.OpenTable(7); });
+        must([&] { return handle.OpenTable(1); });
+        must([&] {
+          const std::uint32_t number = 3;
+          CZELTA::Object object;
+          return handle.ReadObject(1, CZELTA::ReadEqual, &object, 2, &number, nullptr);
+        });
+        must([&] { return handle.RemoveTable(7, true); }, 10);
+        must([&] { return handle.EndTransaction(); });
+        must([&] { return handle.CloseDatabase(); });
+        if (HasFailure()) return;
+      }
+    }
+  }
+  expectClean(folder, "shop.zlc");
+}
+
 }  // namespace
 }  // namespace zelta::testing

@@ -525,16 +525,19 @@ bool isNamed(File file, const char16_t* name) {
          mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
 }
 
-/// Called when things are given up, for want of memory as well: that is a code here.
 SystemCode deleteFile(const char16_t* name) {
+  const std::string path = pathOf(name);
+  ZELTA_ASK(remove, path);
+  if (unlink(path.c_str()) != 0) return nameFailure(path);
+  folderChanged(path);
+  return 0;
+}
+
+void discardFile(const char16_t* name) noexcept {
   try {
-    const std::string path = pathOf(name);
-    ZELTA_ASK(remove, path);
-    if (unlink(path.c_str()) != 0) return nameFailure(path);
-    folderChanged(path);
-    return 0;
+    static_cast<void>(deleteFile(name));
   } catch (const std::bad_alloc&) {
-    return code::kNoMemory;
+    // It stays.
   }
 }
 

@@ -229,14 +229,16 @@ SystemCode lastWriteTime(File file, std::uint64_t* time) {
 bool isNamed(File file, const char16_t* /*name*/) { return recordOf(file) != nullptr; }
 
 SystemCode deleteFile(const char16_t* name) {
-#ifdef ZELTA_FAULTS
-  try {  // called when things are given up, for want of memory as well: that is a code here
-    ZELTA_ASK(remove, narrow(name));
-  } catch (const std::bad_alloc&) {
-    return code::kNoMemory;
-  }
-#endif
+  ZELTA_ASK(remove, narrow(name));
   return DeleteFileW(wide(name)) ? 0 : lastCode();
+}
+
+void discardFile(const char16_t* name) noexcept {
+  try {
+    static_cast<void>(deleteFile(name));
+  } catch (const std::bad_alloc&) {
+    // It stays.
+  }
 }
 
 SystemCode moveFile(const char16_t* from, const char16_t* to) {
