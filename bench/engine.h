@@ -24,6 +24,9 @@ class Engine {
   virtual void beginWrite() = 0;
   virtual void beginRead() = 0;
   virtual void add(const Item& item) = 0;
+  /// Gives an object another value, other numbers and another text; its key stays.
+  virtual void update(std::int64_t id, const Item& item) = 0;
+  virtual void remove(std::int64_t id) = 0;
   /// Makes the changes durable and ends the transaction.
   virtual void commit() = 0;
   virtual void endRead() = 0;

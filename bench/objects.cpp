@@ -1,24 +1,31 @@
 // The same work on objects by Zeltastore and SQLite (WAL, synchronous FULL, prepared statements),
-// in one run: loading, single durable commits, random reads by ID and by key, an ordered scan.
+// in one run: loading, random reads by ID and by key, an ordered scan, updates and deletes, single
+// durable commits, and one writer against two.
 //
-//   objects [FOLDER] [SCALE]     FOLDER: where the databases go (a folder of its own is made
-//   there);
-//                                SCALE: share of the full size, 1 by default
+//   objects [FOLDER] [SCALE] [ROWS]
 //
-// Each phase runs in a process of its own, so that peak memory is that phase's. The seed is fixed.
+//   FOLDER: where the databases go (a folder of its own is made there)
+//   SCALE: share of the full number of objects, 1 by default
+//   ROWS: only rows whose name holds this text, and what they need
+//
+// "us" is processor time per operation, which says more than the rates on a busy machine. Each
+// phase runs in processes of its own, so that peak memory is that phase's. The seed is fixed.
 
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "engine.h"
 
@@ -52,25 +59,34 @@ Item itemOf(std::int64_t number) {
 }
 
 struct Measure {
-  double seconds = 0;
+  double start = 0;  ///< seconds by the clock that all processes share
+  double end = 0;
   double operations = 0;
   double calls = 0;
   double flushes = 0;
   double transactions = 1;
+  double cpu = 0;  ///< seconds of the processor, of the whole process
   long peakKilobytes = 0;
+
+  [[nodiscard]] double rate() const { return operations / (end - start); }
 };
 
-using Phase = std::function<Measure(Engine&)>;
+/// What a process does; it starts its clock when `go` returns.
+using Phase = std::function<Measure(Engine&, const std::function<void()>& go)>;
 
-Measure timed(std::int64_t operations, std::int64_t transactions,
+double now() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+Measure timed(std::int64_t operations, std::int64_t transactions, const std::function<void()>& go,
               const std::function<void()>& work) {
+  go();
   const Calls before = countCalls();
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
-  const Calls after = countCalls();
   Measure m;
-  m.seconds = time.count();
+  m.start = now();
+  work();
+  m.end = now();
+  const Calls after = countCalls();
   m.operations = static_cast<double>(operations);
   m.transactions = static_cast<double>(transactions);
   m.calls = static_cast<double>(after.all - before.all);
@@ -78,14 +94,46 @@ Measure timed(std::int64_t operations, std::int64_t transactions,
   return m;
 }
 
-/// Runs a phase in a process of its own.
-Measure inChild(std::unique_ptr<Engine> (*make)(), const std::string& folder, bool create,
-                const Phase& phase) {
-  int ends[2];
-  if (pipe(ends) != 0) throw std::runtime_error("no pipe");
-  const pid_t child = fork();
-  if (child == 0) {
+/// A process that carries out a phase. It opens the database, then waits for go().
+class Worker {
+ public:
+  Worker(std::unique_ptr<Engine> (*make)(), const std::string& folder, bool create,
+         const Phase& phase) {
+    if (pipe(toParent_) != 0 || pipe(toChild_) != 0) throw std::runtime_error("no pipe");
+    child_ = fork();
+    if (child_ == 0) work(make, folder, create, phase);
+    close(toParent_[1]);
+    close(toChild_[0]);
+    char ready = 0;
+    if (read(toParent_[0], &ready, 1) != 1) throw std::runtime_error("a phase failed");
+  }
+  ~Worker() {
+    close(toParent_[0]);
+    close(toChild_[1]);
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  void go() {
+    if (write(toChild_[1], "g", 1) != 1) throw std::runtime_error("a phase failed");
+  }
+  Measure finish() {
     Measure m;
+    const bool readAll = read(toParent_[0], &m, sizeof m) == sizeof m;
+    int status = 0;
+    rusage usage = {};
+    wait4(child_, &status, 0, &usage);
+    if (!readAll || status != 0) throw std::runtime_error("a phase failed");
+    m.peakKilobytes = usage.ru_maxrss;
+    for (const timeval& time : {usage.ru_utime, usage.ru_stime}) {
+      m.cpu += static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+    }
+    return m;
+  }
+
+ private:
+  [[noreturn]] void work(std::unique_ptr<Engine> (*make)(), const std::string& folder, bool create,
+                         const Phase& phase) {
     try {
       auto engine = make();
       if (create) {
@@ -93,29 +141,40 @@ Measure inChild(std::unique_ptr<Engine> (*make)(), const std::string& folder, bo
       } else {
         engine->open(folder);
       }
-      m = phase(*engine);
+      const Measure m = phase(*engine, [this] {
+        char byte = 0;
+        if (write(toParent_[1], "r", 1) != 1 || read(toChild_[0], &byte, 1) != 1) _exit(1);
+      });
+      if (write(toParent_[1], &m, sizeof m) != sizeof m) _exit(1);
     } catch (const std::exception& error) {
       std::fprintf(stderr, "objects: %s\n", error.what());
       _exit(1);
     }
-    if (write(ends[1], &m, sizeof m) != sizeof m) _exit(1);
     _exit(0);
   }
-  close(ends[1]);
-  Measure m;
-  const bool read_all = read(ends[0], &m, sizeof m) == sizeof m;
-  close(ends[0]);
-  int status = 0;
-  rusage usage = {};
-  wait4(child, &status, 0, &usage);
-  if (!read_all || status != 0) throw std::runtime_error("a phase failed");
-  m.peakKilobytes = usage.ru_maxrss;
+
+  int toParent_[2];
+  int toChild_[2];
+  pid_t child_ = -1;
+};
+
+/// Several processes that work side by side count as one.
+Measure together(const Measure& a, const Measure& b) {
+  Measure m = a;
+  m.start = std::min(a.start, b.start);
+  m.end = std::max(a.end, b.end);
+  m.operations += b.operations;
+  m.calls += b.calls;
+  m.flushes += b.flushes;
+  m.transactions += b.transactions;
+  m.cpu += b.cpu;
+  m.peakKilobytes = std::max(a.peakKilobytes, b.peakKilobytes);
   return m;
 }
 
 Phase loading(std::int64_t count, std::int64_t each) {
-  return [=](Engine& engine) {
-    return timed(count, (count + each - 1) / each, [&] {
+  return [=](Engine& engine, const std::function<void()>& go) {
+    return timed(count, (count + each - 1) / each, go, [&] {
       for (std::int64_t i = 0; i < count;) {
         engine.beginWrite();
         for (std::int64_t end = std::min(count, i + each); i < end; ++i) engine.add(itemOf(i));
@@ -126,8 +185,8 @@ Phase loading(std::int64_t count, std::int64_t each) {
 }
 
 Phase reading(std::int64_t count, std::int64_t reads, bool byKey, bool transactionEach) {
-  return [=](Engine& engine) {
-    return timed(reads, transactionEach ? reads : 1, [&] {
+  return [=](Engine& engine, const std::function<void()>& go) {
+    return timed(reads, transactionEach ? reads : 1, go, [&] {
       std::mt19937_64 random(kSeed);
       if (!transactionEach) engine.beginRead();
       for (std::int64_t i = 0; i < reads; ++i) {
@@ -144,8 +203,8 @@ Phase reading(std::int64_t count, std::int64_t reads, bool byKey, bool transacti
 }
 
 Phase scanning(std::int64_t count) {
-  return [=](Engine& engine) {
-    return timed(count, 1, [&] {
+  return [=](Engine& engine, const std::function<void()>& go) {
+    return timed(count, 1, go, [&] {
       engine.beginRead();
       if (engine.scan() != count) throw std::runtime_error("the scan missed objects");
       engine.endRead();
@@ -153,62 +212,124 @@ Phase scanning(std::int64_t count) {
   };
 }
 
+constexpr std::int64_t kChangesEach = 1000;
+
+/// `changes` different objects of `count`, in no order, of which this writer takes those from
+/// `first` on in steps of `step`, in transactions of 1,000. `salt` makes the new values; 0:
+/// deletes.
+Phase changing(std::int64_t count, std::int64_t changes, std::int64_t salt, std::int64_t first = 0,
+               std::int64_t step = 1) {
+  return [=](Engine& engine, const std::function<void()>& go) {
+    std::vector<std::int64_t> ids(static_cast<std::size_t>(count));
+    std::iota(ids.begin(), ids.end(), 1);
+    std::shuffle(ids.begin(), ids.end(), std::mt19937_64(kSeed));
+    std::vector<std::int64_t> mine;
+    for (std::int64_t i = first; i < changes; i += step) {
+      mine.push_back(ids[static_cast<std::size_t>(i)]);
+    }
+    const auto total = static_cast<std::int64_t>(mine.size());
+    return timed(total, (total + kChangesEach - 1) / kChangesEach, go, [&] {
+      for (std::int64_t i = 0; i < total;) {
+        engine.beginWrite();
+        for (std::int64_t end = std::min(total, i + kChangesEach); i < end; ++i) {
+          const std::int64_t id = mine[static_cast<std::size_t>(i)];
+          if (salt == 0) {
+            engine.remove(id);
+          } else {
+            engine.update(id, itemOf(id + salt));
+          }
+        }
+        engine.commit();
+      }
+    });
+  };
+}
+
 class Comparison {
  public:
-  explicit Comparison(std::string folder) : folder_(std::move(folder)) {
-    std::printf("seed %llu\n%-40s %12s %12s %6s %9s %9s %9s %9s\n",
+  Comparison(std::string folder, std::string wanted)
+      : folder_(std::move(folder)), wanted_(std::move(wanted)) {
+    std::printf("seed %llu\n%-46s %10s %10s %6s %8s %8s %8s %8s %8s %8s\n",
                 static_cast<unsigned long long>(kSeed), "", "zelta /s", "sqlite /s", "ratio",
-                "zelta MB", "sqlite MB", "calls/op", "flush/tx");
+                "zelta us", "sqlite us", "zelta MB", "sqlite MB", "calls/op", "flush/tx");
   }
 
-  /// One row: the phase by both engines. `fresh` begins with new databases.
-  void row(const char* name, bool fresh, const Phase& phase) {
-    const Measure zelta = run("zelta", makeZelta, fresh, phase);
-    const Measure sqlite = run("sqlite", makeSqlite, fresh, phase);
-    std::printf("%-40s %12.0f %12.0f %6.2f %9.1f %9.1f", name, zelta.operations / zelta.seconds,
-                sqlite.operations / sqlite.seconds,
-                zelta.operations / zelta.seconds / (sqlite.operations / sqlite.seconds),
+  [[nodiscard]] bool wants(const std::string& name) const {
+    return name.find(wanted_) != std::string::npos;
+  }
+  /// One row: the phases side by side, by both engines. `fresh` begins with new databases.
+  void row(const std::string& name, bool fresh, const std::vector<Phase>& phases) {
+    const Measure zelta = run("zelta", makeZelta, fresh, phases);
+    const Measure sqlite = run("sqlite", makeSqlite, fresh, phases);
+    if (!wants(name)) return;
+    std::printf("%-46s %10.0f %10.0f %6.2f %8.1f %8.1f %8.1f %8.1f", name.c_str(), zelta.rate(),
+                sqlite.rate(), zelta.rate() / sqlite.rate(), 1e6 * zelta.cpu / zelta.operations,
+                1e6 * sqlite.cpu / sqlite.operations,
                 static_cast<double>(zelta.peakKilobytes) / 1024,
                 static_cast<double>(sqlite.peakKilobytes) / 1024);
     if (zelta.calls > 0) {
-      std::printf(" %9.2f %9.2f", zelta.calls / zelta.operations,
+      std::printf(" %8.2f %8.2f", zelta.calls / zelta.operations,
                   zelta.flushes / zelta.transactions);
     }
     std::printf("\n");
     std::fflush(stdout);
   }
+  /// A row that changes nothing, or what no other row needs.
+  void optional(const std::string& name, bool fresh, const Phase& phase) {
+    if (wants(name)) row(name, fresh, {phase});
+  }
 
  private:
-  Measure run(const char* name, std::unique_ptr<Engine> (*make)(), bool fresh, const Phase& phase) {
+  Measure run(const char* name, std::unique_ptr<Engine> (*make)(), bool fresh,
+              const std::vector<Phase>& phases) {
     const std::string folder = folder_ + "/" + name;
     if (fresh) std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
-    return inChild(make, folder, fresh, phase);
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (const Phase& phase : phases) {
+      workers.push_back(std::make_unique<Worker>(make, folder, fresh, phase));
+    }
+    for (const auto& worker : workers) worker->go();
+    Measure all = workers[0]->finish();
+    for (std::size_t i = 1; i < workers.size(); ++i) all = together(all, workers[i]->finish());
+    return all;
   }
 
   std::string folder_;
+  std::string wanted_;
 };
+
+std::string label(const char* text, std::int64_t n) { return text + std::to_string(n); }
+
+void compareSize(Comparison& comparison, std::int64_t n, std::int64_t reads) {
+  const std::string of = label(" of ", n);
+  for (const std::int64_t each : {n, std::int64_t{1000}, std::int64_t{10000}}) {
+    const std::string name = label("load ", n) + label(" in transactions of ", each);
+    // The last one leaves what the other rows read.
+    if (each == 10000 || comparison.wants(name)) comparison.row(name, true, {loading(n, each)});
+  }
+  comparison.optional("read by ID, one transaction" + of, false, reading(n, reads, false, false));
+  comparison.optional("read by ID, transaction each" + of, false, reading(n, reads, false, true));
+  comparison.optional("read by key, one transaction" + of, false, reading(n, reads, true, false));
+  comparison.optional("read by key, transaction each" + of, false, reading(n, reads, true, true));
+  comparison.optional("ordered scan" + of, false, scanning(n));
+  const std::int64_t changes = std::min<std::int64_t>(n / 2, 20000);
+  comparison.optional(label("update ", changes) + of, false, changing(n, changes, 3));
+  const std::string two = label("update ", changes) + of + " by two writers";
+  if (comparison.wants(two)) {
+    comparison.row(two, false, {changing(n, changes, 7, 0, 2), changing(n, changes, 7, 1, 2)});
+  }
+  comparison.optional(label("delete ", changes) + of, false, changing(n, changes, 0));
+}
 
 void compare(Comparison& comparison, double scale) {
   const auto scaled = [&](std::int64_t n) {
-    return std::max<std::int64_t>(1, static_cast<std::int64_t>(static_cast<double>(n) * scale));
+    return std::max<std::int64_t>(2, static_cast<std::int64_t>(static_cast<double>(n) * scale));
   };
-  const auto label = [](const char* text, std::int64_t n) { return text + std::to_string(n); };
   for (const std::int64_t full : {200000, 1000000}) {
-    const std::int64_t n = scaled(full);
-    for (const std::int64_t each : {n, scaled(1000), scaled(10000)}) {
-      const std::string name = label("load ", n) + label(" in transactions of ", each);
-      comparison.row(name.c_str(), true, loading(n, each));
-    }
-    const std::int64_t reads = scaled(200000);
-    comparison.row(label("read by ID, one transaction, of ", n).c_str(), false,
-                   reading(n, reads, false, false));
-    comparison.row("read by ID, transaction each", false, reading(n, reads, false, true));
-    comparison.row("read by key, one transaction", false, reading(n, reads, true, false));
-    comparison.row("read by key, transaction each", false, reading(n, reads, true, true));
-    comparison.row("ordered scan", false, scanning(n));
+    compareSize(comparison, scaled(full), scaled(200000));
   }
-  comparison.row("single durable commits", true, loading(scaled(2000), 1));
+  comparison.optional("single durable commits", true, loading(scaled(2000), 1));
 }
 
 }  // namespace
@@ -219,7 +340,7 @@ int main(int argc, char** argv) try {
   std::string folder = parent + "/zelta-bench-XXXXXX";
   if (mkdtemp(folder.data()) == nullptr)
     throw std::runtime_error("cannot make a folder in " + parent);
-  Comparison comparison(folder);
+  Comparison comparison(folder, argc > 3 ? argv[3] : "");
   compare(comparison, scale > 0 ? scale : 1);
   std::filesystem::remove_all(folder);
 } catch (const std::exception& error) {

@@ -10,7 +10,8 @@ namespace {
 class SqliteEngine final : public Engine {
  public:
   ~SqliteEngine() override {
-    for (sqlite3_stmt* statement : {add_, byId_, byKey_, scan_}) sqlite3_finalize(statement);
+    for (sqlite3_stmt* statement : {add_, update_, remove_, byId_, byKey_, scan_})
+      sqlite3_finalize(statement);
     sqlite3_close(db_);
   }
 
@@ -42,6 +43,20 @@ class SqliteEngine final : public Engine {
     sqlite3_reset(add_);
   }
 
+  void update(std::int64_t id, const Item& item) override {
+    sqlite3_bind_double(update_, 1, item.value);
+    sqlite3_bind_int(update_, 2, item.x);
+    sqlite3_bind_int(update_, 3, item.y);
+    sqlite3_bind_text(update_, 4, item.text.data(), static_cast<int>(item.text.size()),
+                      SQLITE_STATIC);
+    sqlite3_bind_int64(update_, 5, id);
+    changeOne(update_);
+  }
+  void remove(std::int64_t id) override {
+    sqlite3_bind_int64(remove_, 1, id);
+    changeOne(remove_);
+  }
+
   std::int64_t readById(std::int64_t id) override {
     sqlite3_bind_int64(byId_, 1, id);
     return one(byId_);
@@ -62,9 +77,12 @@ class SqliteEngine final : public Engine {
     if (sqlite3_open((folder + "/bench.db").c_str(), &db_) != SQLITE_OK) fail();
     run("PRAGMA journal_mode=WAL");
     run("PRAGMA synchronous=FULL");
+    sqlite3_busy_timeout(db_, 60000);
   }
   void prepare() {
     add_ = statement("INSERT INTO items(number, value, x, y, key, text) VALUES(?, ?, ?, ?, ?, ?)");
+    update_ = statement("UPDATE items SET value = ?, x = ?, y = ?, text = ? WHERE id = ?");
+    remove_ = statement("DELETE FROM items WHERE id = ?");
     byId_ = statement("SELECT number, value, x, y, key, text FROM items WHERE id = ?");
     byKey_ = statement("SELECT number, value, x, y, key, text FROM items WHERE key = ?");
     scan_ = statement("SELECT number, value, x, y, key, text FROM items ORDER BY key");
@@ -93,10 +111,15 @@ class SqliteEngine final : public Engine {
     sqlite3_reset(s);
     return number;
   }
+  void changeOne(sqlite3_stmt* s) {
+    if (sqlite3_step(s) != SQLITE_DONE || sqlite3_changes(db_) != 1) fail();
+    sqlite3_reset(s);
+  }
   [[noreturn]] void fail() { throw std::runtime_error(sqlite3_errmsg(db_)); }
 
   sqlite3* db_ = nullptr;
-  sqlite3_stmt *add_ = nullptr, *byId_ = nullptr, *byKey_ = nullptr, *scan_ = nullptr;
+  sqlite3_stmt *add_ = nullptr, *update_ = nullptr, *remove_ = nullptr;
+  sqlite3_stmt *byId_ = nullptr, *byKey_ = nullptr, *scan_ = nullptr;
 };
 
 }  // namespace

@@ -51,16 +51,24 @@ class ZeltaEngine final : public Engine {
   void add(const Item& item) override {
     CZELTA::Object object;
     check(database_.NewObject(kTable, &object, 0));
-    char* data = static_cast<char*>(object.data);
-    std::memcpy(data, &item.number, 8);
-    std::memcpy(data + 8, &item.value, 8);
-    std::memcpy(data + 16, &item.x, 4);
-    std::memcpy(data + 20, &item.y, 4);
+    std::memcpy(object.data, &item.number, 8);
+    putNumbers(object, item);
     values_.assign(item.key).append(1, '\0').append(item.text).append(1, '\0');
     check(database_.PutVariableValues(kTable, values_.data(), static_cast<unsigned>(values_.size()),
                                       0, 2, nullptr));
     check(database_.AddObject(kTable, nullptr, 0));
   }
+
+  void update(std::int64_t id, const Item& item) override {
+    CZELTA::Object object;
+    check(database_.ReadObject(kTable, id, &object));
+    putNumbers(object, item);
+    values_.assign(item.text).append(1, '\0');
+    check(database_.PutVariableValues(kTable, values_.data(), static_cast<unsigned>(values_.size()),
+                                      1, 1, nullptr));
+    check(database_.RewriteObject(kTable, nullptr));
+  }
+  void remove(std::int64_t id) override { check(database_.DeleteObject(kTable, id, nullptr)); }
 
   void commit() override {
     check(database_.CommitTransaction(true));
@@ -100,6 +108,12 @@ class ZeltaEngine final : public Engine {
   void begin(CZELTA::Mode mode) {
     check(database_.BeginTransaction(mode, kTimeout));
     check(database_.OpenTable(kTable));
+  }
+  static void putNumbers(const CZELTA::Object& object, const Item& item) {
+    char* data = static_cast<char*>(object.data);
+    std::memcpy(data + 8, &item.value, 8);
+    std::memcpy(data + 16, &item.x, 4);
+    std::memcpy(data + 20, &item.y, 4);
   }
   std::int64_t number(const CZELTA::Object& object) {
     std::int64_t out;
