@@ -303,6 +303,21 @@ SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
   return result;
 }
 
+/// A write through the window. A header's fields are stored one after the other, each as a whole: a
+/// process that is killed in the midst leaves a beginning of them, as those who read it expect.
+void copyToWindow(char* to, const void* buffer, std::uint32_t length) {
+  constexpr std::uint32_t kHeader = 256;
+  const char* from = static_cast<const char*>(buffer);
+  if (length <= kHeader && reinterpret_cast<std::uintptr_t>(to) % sizeof(std::uint64_t) == 0) {
+    for (; length >= sizeof(std::uint64_t); length -= 8, from += 8, to += 8) {
+      std::uint64_t word = 0;
+      std::memcpy(&word, from, sizeof word);
+      *reinterpret_cast<volatile std::uint64_t*>(to) = word;
+    }
+  }
+  std::memcpy(to, from, length);
+}
+
 /// A write by the system call.
 SystemCode extendFile(FileRecord* record, std::uint64_t position, const void* buffer,
                       std::uint32_t length, std::uint32_t* transferred) {
@@ -392,7 +407,7 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
 #endif
   SystemCode result = 0;
   if (length <= record->writable && position <= record->writable - length) {
-    std::memcpy(record->window + position, buffer, length);
+    copyToWindow(record->window + position, buffer, length);
     *transferred = length;
 #ifdef ZELTA_FAULTS
     uncountCall();
