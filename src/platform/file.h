@@ -31,9 +31,15 @@ SystemCode closeFile(File file);
 [[nodiscard]] SystemCode readFile(File file, std::uint64_t position, void* buffer,
                                   std::uint32_t length, std::uint32_t* transferred);
 
-/// Writes `length` bytes; a write beyond the end extends the file, a gap reads as zeros.
+/// Writes `length` bytes; a write beyond the end extends the file, a gap reads as zeros. A process
+/// that is killed meanwhile has written all of it or nothing if it lies within the first 512 bytes.
 [[nodiscard]] SystemCode writeFile(File file, std::uint64_t position, const void* buffer,
                                    std::uint32_t length, std::uint32_t* transferred);
+
+/// The same for such short writes as are made often: a process that is killed meanwhile leaves a
+/// beginning, in whole words of 8 bytes if `position` is a multiple of 8.
+[[nodiscard]] SystemCode writeInOrder(File file, std::uint64_t position, const void* buffer,
+                                      std::uint32_t length, std::uint32_t* transferred);
 
 /// Until endStable() nobody else cuts the file: the caller holds the mutex under which it is cut.
 /// This lets the platform serve reads and writes of its first `window` bytes from memory that it

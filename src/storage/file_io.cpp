@@ -78,6 +78,13 @@ SystemCode writeBuffer(platform::File file, std::uint64_t position, const void* 
   return writePiece(file, position, in, static_cast<std::uint32_t>(length));
 }
 
+SystemCode writeHeaderInOrder(platform::File file, std::uint64_t position, const void* buffer,
+                              std::uint32_t length) {
+  std::uint32_t transferred = 0;
+  const SystemCode result = platform::writeInOrder(file, position, buffer, length, &transferred);
+  return transferResult(result, transferred, length);
+}
+
 SystemCode truncateFile(platform::File file, std::uint64_t length) {
   SystemCode result = platform::setFileSize(file, length);
   for (int retry = 0; result == code::kUserMappedFile && retry < kTruncateRetries; ++retry) {

@@ -19,6 +19,9 @@ namespace zelta {
                                          std::int64_t length);
 [[nodiscard]] SystemCode writeBuffer(platform::File file, std::uint64_t position,
                                      const void* buffer, std::int64_t length);
+/// For a header that bears to be found with its first fields new and the others old.
+[[nodiscard]] SystemCode writeHeaderInOrder(platform::File file, std::uint64_t position,
+                                            const void* buffer, std::uint32_t length);
 /// Cuts the file; tries again while another process keeps it mapped.
 [[nodiscard]] SystemCode truncateFile(platform::File file, std::uint64_t length);
 

@@ -262,12 +262,18 @@ Result Flush::prepare() {
   return {};
 }
 
+/// The word that says that a journal stands comes last.
 Result Flush::writeIntent() {
-  image_.putHeader(header_);
+  MemoryFileHeader_tag silent = header_;
+  silent.newEndOfFile = 0;
+  image_.putHeader(silent);
   image_.putJournalRoots(manager_.memoryRoots());
   const std::uint64_t start = memory_file::kIntentStart;
-  return outcome(writeBuffer(manager_.memoryFile, start, image_.bytes() + start,
-                             static_cast<std::int64_t>(image_.rootsStart() - start)));
+  ZELTA_TRY(outcome(writeHeaderInOrder(manager_.memoryFile, start, image_.bytes() + start,
+                                       static_cast<std::uint32_t>(image_.rootsStart() - start))));
+  return outcome(writeHeaderInOrder(manager_.memoryFile,
+                                    offsetof(MemoryFileHeader_tag, newEndOfFile),
+                                    &header_.newEndOfFile, sizeof header_.newEndOfFile));
 }
 
 Result Flush::writeJournal() {
@@ -321,8 +327,8 @@ Result Flush::apply() {
   if (result == 0) result = writer.finish();
   // The roots go before the journal is cleared, so that even a write cut in two is made good.
   if (result == 0 && rootsChanged()) {
-    result = writeBuffer(manager_.memoryFile, image_.rootsStart(), manager_.memoryRoots(),
-                         static_cast<std::int64_t>(image_.rootBytes()));
+    result = writeHeaderInOrder(manager_.memoryFile, image_.rootsStart(), manager_.memoryRoots(),
+                                static_cast<std::uint32_t>(image_.rootBytes()));
   }
   ZELTA_TRY(outcome(result));
   return applyFreeBlocks(manager_.metaData, manager_.memoryFile, manager_.memoryFreeList, false);
@@ -335,8 +341,10 @@ Result Flush::finish() {
   image_.putHeader(header_);
   std::memset(image_.bytes() + image_.journalRootsStart(), 0, image_.rootBytes());
   const std::uint64_t start = memory_file::kChainStart;
-  return outcome(writeBuffer(manager_.memoryFile, start, image_.bytes() + start,
-                             static_cast<std::int64_t>(image_.rootsStart() - start)));
+  // The new numbers come first, while the journal still says the same; then it goes, from its base
+  // on: one without a base has been applied.
+  return outcome(writeHeaderInOrder(manager_.memoryFile, start, image_.bytes() + start,
+                                    static_cast<std::uint32_t>(image_.rootsStart() - start)));
 }
 
 }  // namespace

@@ -158,7 +158,7 @@ std::string standingJournal(PagedTable& owner) {
   fill(owner, 1, 10);
   owner.reopen();
   {
-    StopAfter stop(2);
+    StopAfter stop(3);
     MemorySession(owner).store(11, object(11, 40)).ignore();
   }
   owner.reopen();

@@ -303,12 +303,10 @@ SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
   return result;
 }
 
-/// A write through the window. A header's fields are stored one after the other, each as a whole: a
-/// process that is killed in the midst leaves a beginning of them, as those who read it expect.
-void copyToWindow(char* to, const void* buffer, std::uint32_t length) {
-  constexpr std::uint32_t kHeader = 256;
+/// A write through the window whose words are stored one after the other.
+void copyInOrder(char* to, const void* buffer, std::uint32_t length) {
   const char* from = static_cast<const char*>(buffer);
-  if (length <= kHeader && reinterpret_cast<std::uintptr_t>(to) % sizeof(std::uint64_t) == 0) {
+  if (reinterpret_cast<std::uintptr_t>(to) % sizeof(std::uint64_t) == 0) {
     for (; length >= sizeof(std::uint64_t); length -= 8, from += 8, to += 8) {
       std::uint64_t word = 0;
       std::memcpy(&word, from, sizeof word);
@@ -395,8 +393,14 @@ SystemCode readFile(File file, std::uint64_t position, void* buffer, std::uint32
   return readRecord(record, position, buffer, length, transferred);
 }
 
-SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std::uint32_t length,
-                     std::uint32_t* transferred) {
+namespace {
+
+/// Where files have their headers. A process can be killed in the midst of a copy, but not in that
+/// of a system call that writes within a page.
+constexpr std::uint64_t kHeaders = 512;
+
+SystemCode writeRecord(File file, std::uint64_t position, const void* buffer, std::uint32_t length,
+                       std::uint32_t* transferred, bool inOrder) {
   *transferred = 0;
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
@@ -406,8 +410,13 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
   if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
 #endif
   SystemCode result = 0;
-  if (length <= record->writable && position <= record->writable - length) {
-    copyToWindow(record->window + position, buffer, length);
+  const bool inWindow = length <= record->writable && position <= record->writable - length;
+  if (inWindow && (inOrder || position >= kHeaders)) {
+    if (inOrder) {
+      copyInOrder(record->window + position, buffer, length);
+    } else {
+      std::memcpy(record->window + position, buffer, length);
+    }
     *transferred = length;
 #ifdef ZELTA_FAULTS
     uncountCall();
@@ -420,6 +429,18 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
   if (asked.code != 0) return asked.code;
 #endif
   return result;
+}
+
+}  // namespace
+
+SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std::uint32_t length,
+                     std::uint32_t* transferred) {
+  return writeRecord(file, position, buffer, length, transferred, false);
+}
+
+SystemCode writeInOrder(File file, std::uint64_t position, const void* buffer, std::uint32_t length,
+                        std::uint32_t* transferred) {
+  return writeRecord(file, position, buffer, length, transferred, true);
 }
 
 void beginStable(File file, std::uint64_t window, std::uint64_t version) {

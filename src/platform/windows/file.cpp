@@ -175,6 +175,11 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
   return failure;
 }
 
+SystemCode writeInOrder(File file, std::uint64_t position, const void* buffer, std::uint32_t length,
+                        std::uint32_t* transferred) {
+  return writeFile(file, position, buffer, length, transferred);
+}
+
 void beginStable(File /*file*/, std::uint64_t /*window*/, std::uint64_t /*version*/) {}
 
 // Without a state of lengths (see lengthState) nobody asks whether this handle has changed one.
