@@ -403,6 +403,25 @@ TEST_F(Mutexes, HealFromAForeignFileUnderTheirName) {
   std::filesystem::remove(file);
 }
 
+TEST_F(Mutexes, AreMadeBesideDraftsThatAProcessOfTheSameNumberLeft) {
+  std::string file;
+  {
+    const Handle mutex(name);
+    ASSERT_EQ(files().size(), 1u);
+    file = "/dev/shm/" + *files().begin();
+  }
+  ASSERT_EQ(files().size(), 0u);
+  for (int i = 0; i < 600; ++i) {
+    std::ofstream(file + "." + std::to_string(getpid()) + "." + std::to_string(i)) << "left";
+  }
+  {
+    const Handle mutex(name);
+    EXPECT_EQ(waited(mutex, 0), kGained);
+    EXPECT_EQ(platform::releaseMutex(mutex), 0u);
+  }
+  EXPECT_EQ(files().size(), 600u);
+}
+
 TEST_F(Mutexes, RefuseALinkUnderTheirName) {
   std::string file;
   {

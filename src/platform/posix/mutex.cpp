@@ -155,9 +155,15 @@ bool initialise(Shared* shared, const std::string& name) {
 /// somebody else was faster.
 SystemCode publish(const std::string& path, const std::string& name) {
   static std::atomic<unsigned> counter{0};
-  const std::string draft = path + "." + std::to_string(getpid()) + "." + std::to_string(counter++);
-  const int fd = open(draft.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return lastCode();
+  constexpr int kAttempts = 1000;
+  std::string draft;
+  int fd = -1;
+  for (int i = 0; fd < 0; ++i) {
+    // A process of the same number that was killed may have left drafts.
+    draft = path + "." + std::to_string(getpid()) + "." + std::to_string(counter++);
+    fd = open(draft.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0 && (errno != EEXIST || i == kAttempts)) return lastCode();
+  }
   const std::size_t size = sizeof(Shared) + name.size();
   SystemCode failure = 0;
   if (const int error = posix_fallocate(fd, 0, static_cast<off_t>(size)); error != 0)
