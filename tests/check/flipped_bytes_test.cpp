@@ -106,9 +106,9 @@ TEST_P(FlippedBytes, OfAControlFileAreNoticed) {
   make(kForms[0], kObjects);
   std::set<std::uint64_t> left = unnoticedIn("db.zlc");
   left.erase(20);  // no numbered log file needs to exist
-  for (const std::uint64_t setting : {24, 25, 26, 27}) left.erase(setting);
-  for (const std::uint64_t number : {32, 33, 34, 35}) left.erase(number);  // of a transaction
-  for (const std::uint64_t order : {80, 81, 82, 83}) left.erase(order);    // any will do
+  for (const std::uint64_t setting : {24u, 25u, 26u, 27u}) left.erase(setting);
+  for (const std::uint64_t number : {32u, 33u, 34u, 35u}) left.erase(number);  // of a transaction
+  for (const std::uint64_t order : {80u, 81u, 82u, 83u}) left.erase(order);    // any will do
   EXPECT_EQ(ranges(left), "");
 }
 
@@ -152,7 +152,7 @@ TEST_F(Market, SurvivesFilesOfNoise) {
   std::mt19937 random(seed);
   for (const char* file : {"texts.zlt", "texts.zli", "texts.zlm", "shop.zll", "shop.zlc"}) {
     const std::string sound = folder.bytes(file);
-    for (int i = 0; i < 200; ++i) {
+    for (unsigned i = 0; i < 200; ++i) {
       std::string bytes = sound;
       const std::size_t keep = random() % 300;
       for (std::size_t at = keep; at < bytes.size(); ++at) {

@@ -7,7 +7,6 @@ namespace zelta::testing {
 
 namespace {
 
-constexpr std::uint8_t kTree = CZELTA::BPlusTree;
 constexpr std::uint8_t kSpatial = CZELTA::SpatialTree;
 constexpr std::uint8_t kAscii = CZELTA::AsciiList;
 constexpr std::uint8_t kWide = CZELTA::WideList;

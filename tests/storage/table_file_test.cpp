@@ -41,7 +41,7 @@ class TableFileTest : public ::testing::Test {
     put(bytes, at + 4, std::uint32_t{20});
     put(bytes, at + 8, std::uint16_t{1});
     put(bytes, at + 10, id);
-    for (int i = 0; i < 14; ++i) bytes[at + 14 + i] = static_cast<char>('a' + id);
+    for (unsigned i = 0; i < 14; ++i) bytes[at + 14 + i] = static_cast<char>('a' + id);
     put(bytes, at + kBlock - 4, kBlock);
   }
 

@@ -230,7 +230,7 @@ TEST(Commit, Deleting_the_highest_id_lowers_it_and_cuts_the_list) {
     bench.fill(6);
     EditSession session(bench.folder, form);
     ASSERT_TRUE(session.enter().ok());
-    for (const std::uint64_t id : {2, 3, 5}) ASSERT_TRUE(session.erase(id).ok());
+    for (const std::uint64_t id : {2u, 3u, 5u}) ASSERT_TRUE(session.erase(id).ok());
     ASSERT_TRUE(session.commit().ok()) << session.error();
     EXPECT_EQ(bench.raw().freeIDs, (std::vector<std::uint64_t>{2, 3, 5})) << form.name;
     ASSERT_TRUE(session.erase(6).ok());
@@ -250,9 +250,9 @@ TEST(Commit, A_new_object_with_a_free_id_can_become_the_last_of_a_shorter_table)
     bench.fill(6);
     EditSession session(bench.folder, form);
     ASSERT_TRUE(session.enter().ok());
-    for (const std::uint64_t id : {2, 4}) ASSERT_TRUE(session.erase(id).ok());
+    for (const std::uint64_t id : {2u, 4u}) ASSERT_TRUE(session.erase(id).ok());
     ASSERT_TRUE(session.commit().ok()) << session.error();
-    for (const std::uint64_t id : {3, 5, 6}) ASSERT_TRUE(session.erase(id).ok());
+    for (const std::uint64_t id : {3u, 5u, 6u}) ASSERT_TRUE(session.erase(id).ok());
     ASSERT_TRUE(session.add(content(50), 4).ok());
     ASSERT_TRUE(session.commit().ok());
     EXPECT_EQ(session.error(), "") << form.name;
