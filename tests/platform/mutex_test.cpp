@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -420,6 +421,54 @@ TEST_F(Mutexes, AreMadeBesideDraftsThatAProcessOfTheSameNumberLeft) {
     EXPECT_EQ(platform::releaseMutex(mutex), 0u);
   }
   EXPECT_EQ(files().size(), 600u);
+}
+
+/// Whether somebody waits for a lock of a file.
+bool isWaitedFor(const std::string& file) {
+  struct stat info {};
+  if (stat(file.c_str(), &info) != 0) return false;
+  const std::string mark = ":" + std::to_string(info.st_ino) + " ";
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    if (line.find("->") != std::string::npos && line.find(mark) != std::string::npos) return true;
+  }
+  return false;
+}
+
+TEST_F(Mutexes, AreMadeAnewWhenTheirFileIsRemovedThoughItHasAnotherName) {
+  ChildProcess killed([&](const Line& line) {
+    const Handle mutex(name);
+    line.say('y');
+    return line.hear() == 0 ? 0 : 1;
+  });
+  ASSERT_TRUE(killed.hears('y'));
+  killed.kill();
+  ASSERT_EQ(files().size(), 1u);
+  const std::string file = "/dev/shm/" + *files().begin();
+  // Its maker was killed before it could remove the draft.
+  ASSERT_EQ(link(file.c_str(), (file + ".1.1").c_str()), 0);
+  // The last user removes the file while somebody else has opened it already.
+  const int last = open(file.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(last, 0);
+  struct flock users {};
+  users.l_type = F_WRLCK;
+  users.l_len = 1;
+  ASSERT_EQ(fcntl(last, F_OFD_SETLK, &users), 0);
+  std::thread other([&] {
+    const Handle mutex(name);
+    EXPECT_TRUE(std::filesystem::exists(file)) << "nobody else would meet this one";
+    EXPECT_EQ(waited(mutex, 0), kGained);
+    EXPECT_EQ(elsewhere(), code::kTimeout);
+    EXPECT_EQ(platform::releaseMutex(mutex), 0u);
+  });
+  const auto began = Clock::now();
+  while (!isWaitedFor(file) && Clock::now() - began < std::chrono::seconds(20)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_TRUE(isWaitedFor(file));
+  EXPECT_EQ(unlink(file.c_str()), 0);
+  close(last);
+  other.join();
 }
 
 TEST_F(Mutexes, RefuseALinkUnderTheirName) {

@@ -185,15 +185,22 @@ SystemCode publish(const std::string& path, const std::string& name) {
   return failure;
 }
 
+/// Whether the file is the one of this name. That it has any name does not tell: a process that was
+/// killed between the two may have left the draft beside it.
+bool isNamed(const std::string& path, int fd) {
+  struct stat mine {};
+  struct stat named {};
+  return fstat(fd, &mine) == 0 && lstat(path.c_str(), &named) == 0 && mine.st_dev == named.st_dev &&
+         mine.st_ino == named.st_ino;
+}
+
 /// Opens the file under its name and becomes one of its users; `*fd` -1 without a failure: it is
-/// missing, or was removed meanwhile.
+/// missing, or was removed meanwhile. While it has users nobody removes it.
 SystemCode join(const std::string& path, int* fd) {
   *fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   if (*fd < 0) return errno == ENOENT ? 0 : lastCode();
-  SystemCode failure = lockByte(*fd, kUserByte, F_RDLCK, F_OFD_SETLKW);
-  struct stat info {};
-  if (failure == 0 && fstat(*fd, &info) != 0) failure = lastCode();
-  if (failure != 0 || info.st_nlink == 0) {
+  const SystemCode failure = lockByte(*fd, kUserByte, F_RDLCK, F_OFD_SETLKW);
+  if (failure != 0 || !isNamed(path, *fd)) {
     close(*fd);
     *fd = -1;
   }
