@@ -27,9 +27,11 @@ class BeginAttempt {
 
   Result run(Outcome* outcome);
 
-  /// After the outcome `dead`: whom to repair. Its owner's word is locked.
-  std::uint32_t deadNumber = 0;
-  std::uint64_t deadPosition = 0;
+  /// After the outcome `dead`: repairs whom it has met. The database's mutex is held all the time,
+  /// as nobody else can tell a dead one whose word is locked by its repairer from one alive.
+  Result repair(UInt32AVLTree*& tables) {
+    return RepairScope(metaData_, deadNumber_, deadPosition_).run(tables);
+  }
 
  private:
   Result waitForDatabase() {
@@ -45,8 +47,8 @@ class BeginAttempt {
     exclusive_ = false;
   }
   void noteDead(std::uint32_t number, std::uint64_t position, Outcome* outcome) {
-    deadNumber = number;
-    deadPosition = position;
+    deadNumber_ = number;
+    deadPosition_ = position;
     *outcome = Outcome::dead;
   }
   Result begin(Outcome* outcome);
@@ -60,6 +62,8 @@ class BeginAttempt {
   CZELTA::Mode mode_;
   std::uint32_t deadline_;
   MutexGuard owned_;
+  std::uint32_t deadNumber_ = 0;  ///< whom to repair; its owner's word is locked
+  std::uint64_t deadPosition_ = 0;
   bool exclusive_ = false;  ///< bytes 32 to 35 are locked
   bool begun_ = false;
 };
@@ -122,8 +126,8 @@ Result BeginAttempt::begin(Outcome* outcome) {
 /// live one.
 Result BeginAttempt::scanSlots(const ControlHeader_tag& header, std::uint32_t* liveCount) {
   std::uint64_t position = 0;
-  ZELTA_TRY(findFreeSlot(metaData_, header, &position, liveCount, &deadNumber, false));
-  deadPosition = position;
+  ZELTA_TRY(findFreeSlot(metaData_, header, &position, liveCount, &deadNumber_, false));
+  deadPosition_ = position;
   return {};
 }
 
@@ -131,7 +135,7 @@ Result BeginAttempt::keepOthersOut(const ControlHeader_tag& header, Outcome* out
   for (;;) {
     std::uint32_t liveCount = 0;
     ZELTA_TRY(scanSlots(header, &liveCount));
-    if (deadNumber != 0) {
+    if (deadNumber_ != 0) {
       unlockExclusive();
       *outcome = Outcome::dead;
       return {};
@@ -170,9 +174,9 @@ Result BeginAttempt::takeSlot(const ControlHeader_tag& header, std::uint32_t las
                               Outcome* outcome) {
   std::uint32_t liveCount = 0;
   std::uint64_t position = 0;
-  ZELTA_TRY(findFreeSlot(metaData_, header, &position, &liveCount, &deadNumber, true));
-  if (deadNumber != 0) {
-    deadPosition = position;
+  ZELTA_TRY(findFreeSlot(metaData_, header, &position, &liveCount, &deadNumber_, true));
+  if (deadNumber_ != 0) {
+    deadPosition_ = position;
     unlockExclusive();
     *outcome = Outcome::dead;
     return {};
@@ -212,21 +216,16 @@ Result beginTransaction(MetaData& metaData, UInt32AVLTree*& tables, CZELTA::Mode
   }
   for (;;) {
     auto outcome = BeginAttempt::Outcome::busy;
-    std::uint32_t deadNumber = 0;
-    std::uint64_t deadPosition = 0;
     {
       BeginAttempt attempt(metaData, mode, deadline);
       ZELTA_TRY(attempt.run(&outcome));
-      deadNumber = attempt.deadNumber;
-      deadPosition = attempt.deadPosition;
+      if (outcome == BeginAttempt::Outcome::begun) return {};
+      if (outcome == BeginAttempt::Outcome::dead) {
+        const Result repaired = attempt.repair(tables);
+        if (repaired.failed() && !repaired.isLocked()) return repaired;
+      }
     }
-    if (outcome == BeginAttempt::Outcome::begun) return {};
-    if (outcome == BeginAttempt::Outcome::dead) {
-      const Result repaired = RepairScope(metaData, deadNumber, deadPosition).run(tables);
-      if (repaired.failed() && !repaired.isLocked()) return repaired;
-    } else {
-      platform::sleepMilliseconds(10);
-    }
+    if (outcome == BeginAttempt::Outcome::busy) platform::sleepMilliseconds(10);
   }
 }
 

@@ -193,6 +193,8 @@ Result releaseSlot(MetaData& metaData, std::uint32_t number, std::uint64_t posit
 
 namespace {
 
+constexpr std::uint32_t kSearchWait = 30000;  // ms
+
 /// Looks for the slot of a number, or for any dead one.
 class OwnerSearch final : public SlotVisitor {
  public:
@@ -246,9 +248,8 @@ Result findLiveTransaction(MetaData& metaData, std::uint32_t number, std::uint64
     *found = 1;
     return {};
   }
-  constexpr std::uint32_t kTimeout = 30000;
   MutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kTimeout));
+  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kSearchWait));
   OwnerSearch search(metaData, number, keepLock);
   ZELTA_TRY(walkSlots(metaData, metaData.slotAreaStart, search));
   *position = search.position;
@@ -256,9 +257,15 @@ Result findLiveTransaction(MetaData& metaData, std::uint32_t number, std::uint64
   return {};
 }
 
+// From the finding of a dead transaction to the end of its repair the database's mutex is held: who
+// finds its word locked by a repairer in between takes it for alive, and what it has left halfway
+// for damage.
+
 Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
   std::uint64_t position = 0;
   std::uint32_t found = 0;
+  MutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kSearchWait));
   ZELTA_TRY(findLiveTransaction(metaData, number, &position, &found, true));
   if (position == 0) return {};
   return RepairScope(metaData, found, position).run(tables);
@@ -269,6 +276,8 @@ Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired) 
   for (;;) {
     std::uint64_t position = 0;
     std::uint32_t found = 0;
+    MutexGuard guard;
+    ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kSearchWait));
     ZELTA_TRY(findLiveTransaction(metaData, 0, &position, &found, true));
     if (position == 0) return {};
     ZELTA_TRY(RepairScope(metaData, found, position).run(tables));

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "process/shop_fixture.h"
@@ -126,6 +129,79 @@ TEST_F(DeadCommit, WhoseKeysAloneAreInTheIndexKeepsThem) {
   ASSERT_DONE(shop.db, shop.commit());
   ASSERT_DONE(shop.db, shop.end());
   expectElsewhere({kLost.key, kRest.key, 7, 8}, {});
+}
+
+/// Watches a repairer: from the time that it has locked the word of a slot to the time that it
+/// unlocks it again, nobody else may gain the database's mutex. He would take the dead one for
+/// alive.
+class RepairWatch final : public platform::faults::Hook {
+ public:
+  RepairWatch() { platform::faults::install(this); }
+  ~RepairWatch() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    using platform::faults::Call;
+    constexpr std::string_view kControl = ".zlc";
+    if (event.name.size() < kControl.size() ||
+        event.name.compare(event.name.size() - kControl.size(), kControl.size(), kControl) != 0) {
+      return {};
+    }
+    if (event.call == Call::mutexWait) ++owned_;
+    if (event.call == Call::mutexRelease && --owned_ == 0) {
+      for (auto& [position, let] : wanted_) let = true;
+    }
+    if (event.call == Call::lock) wanted_[event.position] = false;
+    if (event.call == Call::unlock && wanted_.count(event.position) != 0) {
+      ++unlocked;
+      letGo = letGo || wanted_[event.position];
+      wanted_.erase(event.position);
+    }
+    return {};
+  }
+  int unlocked = 0;
+  bool letGo = false;
+
+ private:
+  int owned_ = 0;
+  std::map<std::uint64_t, bool> wanted_;  ///< words, and whether the mutex was let go since
+};
+
+class RepairedCommit : public DeadCommit {
+ protected:
+  /// Work of `shop` that repairs the dead transaction on its way.
+  void expectNoGap(const std::function<unsigned long long()>& work) {
+    RepairWatch watch;
+    EXPECT_EQ(work(), 0u) << messageOf(shop.db);
+    EXPECT_GE(watch.unlocked, 1);
+    EXPECT_FALSE(watch.letGo);
+    EXPECT_EQ(shop.readKey(kLost.key), 0u) << messageOf(shop.db);
+  }
+};
+
+TEST_F(RepairedCommit, NeverSeemsAliveToOthersWhenACommitRepairs) {
+  dieBetween(kKeysAlone);
+  ASSERT_DONE(shop.db, shop.add({100, 9, 9}));
+  expectNoGap([&] { return shop.commit(); });
+  ASSERT_DONE(shop.db, shop.end());
+}
+
+TEST_F(RepairedCommit, NeverSeemsAliveToOthersWhenAReadRepairs) {
+  dieBetween(kKeysAlone);
+  expectNoGap([&] { return shop.readKey(kRest.key); });
+  ASSERT_DONE(shop.db, shop.end());
+}
+
+TEST_F(RepairedCommit, NeverSeemsAliveToOthersWhenABeginRepairs) {
+  dieBetween(kKeysAlone);
+  ASSERT_DONE(shop.db, shop.end());
+  expectNoGap([&] { return shop.begin(); });
+  ASSERT_DONE(shop.db, shop.end());
+}
+
+TEST_F(RepairedCommit, NeverSeemsAliveToOthersWhenTheBeginOfAnExclusiveOneRepairs) {
+  dieBetween(kKeysAlone);
+  ASSERT_DONE(shop.db, shop.end());
+  expectNoGap([&] { return shop.begin(CZELTA::TransactionExclusive); });
+  ASSERT_DONE(shop.db, shop.end());
 }
 
 }  // namespace
