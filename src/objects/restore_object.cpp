@@ -79,8 +79,7 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   TableHeader_tag header;
   ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
   MemoryFileHeader_tag memoryHeader;
-  ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader, manager_, true));
-  manager_.attach(platform::File::none, nullptr, table_.memoryFile, &memoryHeader);
+  ZELTA_TRY(attachMemoryFile(table_, memoryHeader, manager_));
   ZELTA_TRY(readVersions(header, added));
   KeyTrees trees{manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, 0}};
   const bool pending = found_.memoryPosition != 0;

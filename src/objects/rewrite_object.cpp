@@ -101,8 +101,7 @@ Result Rewriting::pass() {
   TableHeader_tag header;
   ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
   MemoryFileHeader_tag memoryHeader;
-  ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader, manager_, true));
-  manager_.attach(platform::File::none, nullptr, table_.memoryFile, &memoryHeader);
+  ZELTA_TRY(attachMemoryFile(table_, memoryHeader, manager_));
   Located found;
   ObjectBytes old;
   ZELTA_TRY(locateVersions(metaData_, table_, header, manager_, objectID_, found));

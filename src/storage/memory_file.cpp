@@ -143,6 +143,12 @@ Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicMa
   return rootsAreSound(header, manager.memoryRoots()) ? Result{} : corrupted(manager);
 }
 
+Result attachMemoryFile(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager) {
+  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
+  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  return {};
+}
+
 // -- The journalled write -------------------------------------------------------------------------
 
 namespace {

@@ -108,6 +108,9 @@ struct PendingObject {
 Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager,
                             bool mayRecover);
 
+/// The same for a writer, whose manager then works on the memory file alone.
+Result attachMemoryFile(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager);
+
 /// An object's record that reaches the file together with the pages.
 struct MemoryRecord {
   const char* bytes = nullptr;  ///< the size word of the block, then the object

@@ -42,8 +42,7 @@ Result dropTraces(MetaData& metaData, Table& table) {
   ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
-  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
-  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  ZELTA_TRY(attachMemoryFile(table, header, manager));
   if (table.memoryUncertain) ZELTA_TRY(dropUncertainKeys(metaData, table, manager, header));
   ZELTA_TRY(
       dropPendingKeys(metaData, table, manager, header, table.addedObjects, table.editedObjects));

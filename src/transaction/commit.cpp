@@ -102,8 +102,7 @@ std::uint64_t sectionSize(const Table& table) {
 Result writeImages(MetaData& metaData, Table& table, EntryWriter& out) {
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
-  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
-  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  ZELTA_TRY(attachMemoryFile(table, header, manager));
   PendingObjectWalk walk(manager);
   ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
                      metaData.scratchFor(Scratch::record));

@@ -129,8 +129,7 @@ Result dropTraces(MetaData& metaData, Table& table, std::uint32_t number) {
   ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
-  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
-  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
+  ZELTA_TRY(attachMemoryFile(table, header, manager));
   UInt64AVLTree* objects = nullptr;
   Result result = collectTransaction(manager, number, objects, nullptr);
   if (result.ok() && objects != nullptr) {
