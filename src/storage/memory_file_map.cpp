@@ -120,8 +120,10 @@ using memory_file::kMaxDepth;
 using memory_file::leafOf;
 using memory_file::viewMapPage;
 
-/// Descends along the first or the last children. An empty map gives null.
-Result outermostLeaf(AtomicManager& manager, bool last, const MapLeaf_tag** leaf) {
+/// Descends to the leaf that `choose` leads to: it gives the number of a page's child. An empty map
+/// gives null.
+template <class Choose>
+Result leafBelow(AtomicManager& manager, const MapLeaf_tag** leaf, const Choose& choose) {
   *leaf = nullptr;
   std::uint64_t position = manager.memoryRoot(0);
   for (std::uint32_t depth = 0; position != 0; ++depth) {
@@ -133,7 +135,7 @@ Result outermostLeaf(AtomicManager& manager, bool last, const MapLeaf_tag** leaf
       return {};
     }
     const MapInner_tag& inner = innerOf(bytes);
-    position = inner.children[last ? inner.count : 0];
+    position = inner.children[choose(inner)];
     if (position == 0) return corrupted(manager);
   }
   return {};
@@ -144,29 +146,22 @@ Result outermostLeaf(AtomicManager& manager, bool last, const MapLeaf_tag** leaf
 Result findPendingObject(AtomicManager& manager, std::uint64_t objectID, PendingObject* out,
                          bool* found) {
   *found = false;
-  std::uint64_t position = manager.memoryRoot(0);
-  for (std::uint32_t depth = 0; position != 0; ++depth) {
-    if (depth == kMaxDepth) return corrupted(manager);
-    const char* bytes = nullptr;
-    ZELTA_TRY(viewMapPage(manager, position, &bytes));
-    if (isLeaf(bytes)) {
-      const MapLeaf_tag& leaf = leafOf(bytes);
-      const std::uint32_t slot = memory_file::entryFor(leaf, objectID);
-      *found = slot != leaf.count && leaf.objectIDs[slot] == objectID;
-      if (*found) *out = memory_file::entryOf(leaf, slot);
-      return {};
-    }
-    const MapInner_tag& inner = innerOf(bytes);
-    position = inner.children[memory_file::childFor(inner, objectID)];
-    if (position == 0) return corrupted(manager);
-  }
+  const MapLeaf_tag* leaf = nullptr;
+  ZELTA_TRY(leafBelow(manager, &leaf, [objectID](const MapInner_tag& inner) {
+    return memory_file::childFor(inner, objectID);
+  }));
+  if (leaf == nullptr) return {};
+  const std::uint32_t slot = memory_file::entryFor(*leaf, objectID);
+  *found = slot != leaf->count && leaf->objectIDs[slot] == objectID;
+  if (*found) *out = memory_file::entryOf(*leaf, slot);
   return {};
 }
 
 Result lastPendingID(AtomicManager& manager, std::uint64_t* objectID) {
   *objectID = 0;
   const MapLeaf_tag* leaf = nullptr;
-  ZELTA_TRY(outermostLeaf(manager, true, &leaf));
+  ZELTA_TRY(leafBelow(manager, &leaf,
+                      [](const MapInner_tag& inner) { return std::uint32_t{inner.count}; }));
   if (leaf != nullptr) *objectID = leaf->objectIDs[leaf->count - 1];
   return {};
 }
@@ -187,7 +182,7 @@ Result PendingObjectWalk::firstLeaf() {
   started_ = true;
   manager_.dropUnchanged();
   const MapLeaf_tag* leaf = nullptr;
-  ZELTA_TRY(outermostLeaf(manager_, false, &leaf));
+  ZELTA_TRY(leafBelow(manager_, &leaf, [](const MapInner_tag&) { return 0U; }));
   if (leaf != nullptr) std::memcpy(&leaf_, leaf, sizeof(leaf_));
   return {};
 }
