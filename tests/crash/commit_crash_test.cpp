@@ -115,25 +115,35 @@ TEST(CommitCrash, Whoever_repairs_may_die_as_well) {
       });
 }
 
+/// A session whose first commit met a call that failed.
+struct Struck {
+  Struck(const TableForm& form, CZELTA::Mode mode, bool releaseLocks, std::uint64_t call)
+      : session(folder, form), context(", call " + std::to_string(call)) {
+    session.makeTable();
+    EXPECT_TRUE(session.enter(mode).ok()) << session.error();
+    EXPECT_TRUE(session.carryOut(adds(1, 5)).ok()) << session.error();
+    const Misfortune misfortune(call, Misfortune::Kind::failure);
+    committed = session.commit(releaseLocks).ok();
+    struck = misfortune.struck;
+  }
+  /// Whether the commit is decided, but still to be carried out.
+  [[nodiscard]] bool isLeft() const { return committed && session.metaData.leaveSlot; }
+
+  const FreshFolder folder;
+  EditSession session;
+  std::string context;
+  bool committed = false;
+  bool struck = false;
+};
+
 TEST(CommitCrash, What_could_not_be_carried_out_keeps_its_place_before_another_commit) {
   const TableForm& form = kForms[2];
   int refused = 0;
   for (std::uint64_t call = 0;; ++call) {
-    const std::string context = ", call " + std::to_string(call);
-    const FreshFolder folder;
-    EditSession session(folder, form);
-    session.makeTable();
-    ASSERT_TRUE(session.enter().ok());
-    bool struck = false;
-    bool committed = false;
-    ASSERT_TRUE(session.carryOut(adds(1, 5)).ok());
-    {
-      const Misfortune misfortune(call, Misfortune::Kind::failure);
-      committed = session.commit(false).ok();
-      struck = misfortune.struck;
-    }
-    const bool left = session.metaData.leaveSlot;
-    if (committed && left) {
+    Struck trial(form, CZELTA::TransactionShared, false, call);
+    EditSession& session = trial.session;
+    const std::string& context = trial.context;
+    if (trial.isLeft()) {
       ASSERT_TRUE(session.commit().ok()) << "there is nothing to write" << context;
       for (const EditStep& step : {erase(2), add(9, 9)}) {
         if (session.carryOut({step}).failed()) continue;  // half of it is there
@@ -143,7 +153,7 @@ TEST(CommitCrash, What_could_not_be_carried_out_keeps_its_place_before_another_c
       }
     }
     ASSERT_TRUE(session.end().ok()) << context;
-    if (committed) {
+    if (trial.committed) {
       ASSERT_TRUE(session.enter().ok()) << session.error() << context;  // carries it out
       std::string damage;
       const Model found = session.readAll(&damage);
@@ -155,7 +165,7 @@ TEST(CommitCrash, What_could_not_be_carried_out_keeps_its_place_before_another_c
       ASSERT_TRUE(session.commit().ok()) << session.error() << context;
       ASSERT_TRUE(session.end().ok()) << context;
     }
-    if (!struck) break;
+    if (!trial.struck) break;
   }
   EXPECT_GT(refused, 5);
 }
@@ -164,20 +174,10 @@ TEST(CommitCrash, Log_files_stay_while_something_is_to_be_carried_out_from_them)
   const TableForm& form = kForms[2];
   int refused = 0;
   for (std::uint64_t call = 0;; ++call) {
-    const std::string context = ", call " + std::to_string(call);
-    const FreshFolder folder;
-    EditSession session(folder, form);
-    session.makeTable();
-    ASSERT_TRUE(session.enter(CZELTA::TransactionExclusive).ok());
-    ASSERT_TRUE(session.carryOut(adds(1, 5)).ok());
-    bool struck = false;
-    bool committed = false;
-    {
-      const Misfortune misfortune(call, Misfortune::Kind::failure);
-      committed = session.commit().ok();
-      struck = misfortune.struck;
-    }
-    if (committed && session.metaData.leaveSlot) {
+    Struck trial(form, CZELTA::TransactionExclusive, true, call);
+    EditSession& session = trial.session;
+    const std::string& context = trial.context;
+    if (trial.isLeft()) {
       ++refused;
       EXPECT_EQ(setDatabaseParameter(session.metaData, CZELTA::ParameterKeepLogFiles, 1).word(),
                 systemCode(code::kDeviceError))
@@ -187,10 +187,10 @@ TEST(CommitCrash, Log_files_stay_while_something_is_to_be_carried_out_from_them)
           << context;
       ASSERT_TRUE(session.end().ok()) << context;
       std::string damage;
-      EXPECT_EQ(contentsOf(folder, form, &damage).size(), 5u) << context;
+      EXPECT_EQ(contentsOf(trial.folder, form, &damage).size(), 5u) << context;
       EXPECT_EQ(damage, "") << context;
     }
-    if (!struck) break;
+    if (!trial.struck) break;
   }
   EXPECT_GT(refused, 5);
 }

@@ -11,7 +11,7 @@
 #include <functional>
 
 #include "platform/codes.h"
-#include "platform/faults.h"
+#include "support/changing_calls.h"
 
 namespace zelta::testing {
 
@@ -28,10 +28,7 @@ class Misfortune : public platform::faults::Hook {
   platform::faults::Verdict before(const platform::faults::Event& event) override {
     using platform::faults::Call;
     platform::faults::Verdict verdict;
-    const bool changes = event.call == Call::write || event.call == Call::truncate ||
-                         event.call == Call::flush || event.call == Call::remove ||
-                         event.call == Call::rename;
-    if (!changes) return verdict;
+    if (!changesFiles(event.call)) return verdict;
     if (left_ != 0) {
       --left_;
       return verdict;

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "crowd/crowd_journal.h"
-#include "platform/faults.h"
+#include "support/changing_calls.h"
 
 namespace zelta::testing {
 
@@ -37,10 +37,9 @@ class CrowdHook final : public platform::faults::Hook {
   platform::faults::Verdict before(const platform::faults::Event& event) override {
     using platform::faults::Call;
     platform::faults::Verdict verdict;
-    const bool changes = event.call == Call::write || event.call == Call::truncate ||
-                         event.call == Call::flush || event.call == Call::remove ||
-                         event.call == Call::unlock || event.call == Call::mutexRelease;
-    if (!changes) return verdict;
+    const bool counts =
+        changesFiles(event.call) || event.call == Call::unlock || event.call == Call::mutexRelease;
+    if (!counts) return verdict;
     // Marks in slots are cleared word by word; only repairs write more outside of a commit.
     constexpr std::uint64_t kMark = 4;
     if (!committing && !repairSeen_ && event.call == Call::write && event.length > kMark &&

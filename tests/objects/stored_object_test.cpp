@@ -15,27 +15,15 @@ namespace {
 thread_local long allocationsLeft = -1;
 thread_local long allocations = 0;
 
+bool mayAllocate() {
+  ++allocations;
+  if (allocationsLeft < 0) return true;
+  return allocationsLeft-- > 0;  // behind the one that fails there is no limit
+}
+
 }  // namespace
 
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (allocationsLeft == 0) {
-    allocationsLeft = -1;
-    throw std::bad_alloc();
-  }
-  if (allocationsLeft > 0) --allocationsLeft;
-  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  try {
-    return operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#include "support/replaced_new.h"
 
 namespace zelta {
 namespace {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "czelta.h"
+#include "support/changing_calls.h"
 #include "support/child_process.h"
 #include "support/storage_fixture.h"
 
@@ -69,10 +70,7 @@ class DieAt : public platform::faults::Hook {
   platform::faults::Verdict before(const platform::faults::Event& event) override {
     using platform::faults::Call;
     platform::faults::Verdict verdict;
-    const bool changes = event.call == Call::write || event.call == Call::truncate ||
-                         event.call == Call::flush || event.call == Call::remove ||
-                         event.call == Call::rename;
-    if (!changes || left_-- != 0) return verdict;
+    if (!changesFiles(event.call) || left_-- != 0) return verdict;
     verdict.die = true;
     constexpr std::uint64_t kWhole = 76;
     if (cut_ && event.call == Call::write && event.length > kWhole) {

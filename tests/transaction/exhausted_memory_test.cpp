@@ -50,20 +50,7 @@ void* calloc(std::size_t count, std::size_t size) {
 }
 }
 #else
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (!mayAllocate()) throw std::bad_alloc();
-  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  try {
-    return operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#include "support/replaced_new.h"
 #endif
 
 namespace zelta::testing {
