@@ -337,9 +337,8 @@ void compare(Comparison& comparison, double scale) {
 int main(int argc, char** argv) try {
   const std::string parent = argc > 1 ? argv[1] : std::filesystem::temp_directory_path().string();
   const double scale = argc > 2 ? std::atof(argv[2]) : 1;
-  std::string folder = parent + "/zelta-bench-XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr)
-    throw std::runtime_error("cannot make a folder in " + parent);
+  const std::string folder = parent + "/zelta-bench-" + std::to_string(getpid());
+  if (!std::filesystem::create_directory(folder)) throw std::runtime_error(folder + " exists");
   Comparison comparison(folder, argc > 3 ? argv[3] : "");
   compare(comparison, scale > 0 ? scale : 1);
   std::filesystem::remove_all(folder);

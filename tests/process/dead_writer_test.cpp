@@ -5,13 +5,12 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
-#include <filesystem>
 #include <functional>
 #include <string>
 
 #include "czelta.h"
 #include "support/check_database.h"
+#include "support/storage_fixture.h"
 
 namespace {
 
@@ -22,9 +21,6 @@ constexpr unsigned kTimeout = 20000;
 class DeadWriter : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string folder = std::filesystem::temp_directory_path() / "zelta-dead-XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    folder_ = folder;
     inChild([this](CZELTA& db) {
       CZELTA::Schema::Field fields[] = {{CZELTA::TypeInt32, 0, 0, 0, u"number", nullptr},
                                         {CZELTA::TypeText, 0, 16, 0, u"name", nullptr}};
@@ -38,12 +34,9 @@ class DeadWriter : public ::testing::Test {
              db.CreateTable(&schema, nullptr) == 0 && db.EndTransaction() == 0;
     });
   }
-  void TearDown() override {
-    EXPECT_EQ(zelta::testing::findingsOf(path()), "");
-    std::filesystem::remove_all(folder_);
-  }
+  void TearDown() override { EXPECT_EQ(zelta::testing::findingsOf(path()), ""); }
 
-  std::u16string path() const { return (folder_ / "db.zlc").u16string(); }
+  std::u16string path() const { return folder_.file("db.zlc"); }
 
   /// Runs work in a process of its own, which must return true.
   void inChild(const std::function<bool(CZELTA&)>& work) {
@@ -97,7 +90,7 @@ class DeadWriter : public ::testing::Test {
     return db.ReadObject(kTable, CZELTA::ReadEqual, nullptr, 1, name, nullptr) == 0;
   }
 
-  std::filesystem::path folder_;
+  zelta::testing::FreshFolder folder_;
 };
 
 TEST_F(DeadWriter, LeavesNothingBehindWhenItHadNotCommitted) {
