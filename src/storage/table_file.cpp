@@ -2,6 +2,7 @@
 
 #include "storage/table_file.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/clock.h"
@@ -190,24 +191,27 @@ Result moveFixed(MetaData& metaData, const char16_t* tableName, platform::File f
   return reportTable(metaData, tableName, failure);
 }
 
+/// A placeholder counts no bytes, but its version and ID have to come along.
 Result moveVariable(MetaData& metaData, const char16_t* tableName, platform::File file,
-                    const EditEntry_tag& entry) {
+                    const TableHeader_tag& header, const EditEntry_tag& entry) {
   std::uint32_t length = 0;
   if (const SystemCode failure = readBuffer(file, entry.oldPosition + 4, &length, sizeof length);
       failure != 0) {
     return reportTable(metaData, tableName, failure);
   }
-  if (std::uint64_t{length} + kRecordFraming > entry.newBlockSize) {
+  const std::uint32_t content = std::max(length, header.headerSize);
+  if (std::uint64_t{content} + kRecordFraming > entry.newBlockSize) {
     return reportDamagedTable(metaData, tableName, static_cast<std::int64_t>(entry.oldPosition),
                               length);
   }
-  char* bytes = metaData.scratchFor(Scratch::transfer).reserve(std::uint64_t{length} + kRecordHead);
+  char* bytes =
+      metaData.scratchFor(Scratch::transfer).reserve(std::uint64_t{content} + kRecordHead);
   std::memcpy(bytes, &entry.newBlockSize, 4);
   std::memcpy(bytes + 4, &length, 4);
   SystemCode failure =
-      readLargeBuffer(file, entry.oldPosition + kRecordHead, bytes + kRecordHead, length);
+      readLargeBuffer(file, entry.oldPosition + kRecordHead, bytes + kRecordHead, content);
   if (failure == 0)
-    failure = writeBuffer(file, entry.newPosition, bytes, std::int64_t{length} + kRecordHead);
+    failure = writeBuffer(file, entry.newPosition, bytes, std::int64_t{content} + kRecordHead);
   if (failure == 0) {
     failure = writeBuffer(file, entry.newPosition + entry.newBlockSize - 4, &entry.newBlockSize, 4);
   }
@@ -240,7 +244,7 @@ Result applyMove(MetaData& metaData, const char16_t* tableName, platform::File f
                  const TableHeader_tag& header, const EditEntry_tag& entry) {
   const bool fixed = header.fixedAreaSize == header.minimumObjectSize;
   ZELTA_TRY(fixed ? moveFixed(metaData, tableName, file, header, entry)
-                  : moveVariable(metaData, tableName, file, entry));
+                  : moveVariable(metaData, tableName, file, header, entry));
   // The position alone: stamp and lock of the object are not this commit's business.
   return reportTable(metaData, tableName,
                      writeBuffer(file, slotPosition(header.slotBase, entry.objectID),

@@ -1,5 +1,6 @@
 // Places of records in a table with variable fields.
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -131,7 +132,8 @@ Result EditPlan::placeVariable(const PendingImages& images) {
     std::uint32_t head[2];
     ZELTA_TRY(readBlock(position, head));
     Edit edit{{EditKind::moveObject, 0, id, 0, 0, position}, 0, 0};
-    ZELTA_TRY(allocate(head[1], &edit.entry.newPosition, &edit.entry.newBlockSize));
+    ZELTA_TRY(allocate(std::max(head[1], old_.headerSize), &edit.entry.newPosition,
+                       &edit.entry.newBlockSize));
     moves.push_back(edit);
   }
   for (const PendingObject& image : images.edited) {

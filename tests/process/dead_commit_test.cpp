@@ -204,5 +204,65 @@ TEST_F(RepairedCommit, NeverSeemsAliveToOthersWhenTheBeginOfAnExclusiveOneRepair
   ASSERT_DONE(shop.db, shop.end());
 }
 
+/// Lets something happen between the time that a commit's entry is in the log and the time that it
+/// is applied to the table.
+class BeforeItIsApplied final : public platform::faults::Hook {
+ public:
+  explicit BeforeItIsApplied(std::function<void()> event) : event_(std::move(event)) {
+    platform::faults::install(this);
+  }
+  ~BeforeItIsApplied() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    // The table's mutex is owned while its section is written, and then to apply it.
+    if (event.call == platform::faults::Call::mutexWait &&
+        event.name.find(".zlt") != std::string::npos && ++waits_ == 2) {
+      event_();
+    }
+    return {};
+  }
+  [[nodiscard]] bool happened() const { return waits_ >= 2; }
+
+ private:
+  std::function<void()> event_;
+  int waits_ = 0;
+};
+
+TEST_F(DeadCommit, WhoseNewObjectHasToMoveBeforeItsContentIsThereIsReplayed) {
+  const std::vector<std::string> tableDecided = {".zlt", ".zlt", ".zlt"};
+  ChildProcess victim([&](const Line& line) {
+    Shop own;
+    if (!own.open(path()) || own.begin() != 0 || own.add(kLost) != 0) return 2;
+    line.say('y');
+    if (line.hear() != 'g') return 1;
+    const DieBetween death(tableDecided);
+    static_cast<void>(own.commit());
+    return 5;
+  });
+  ASSERT_TRUE(victim.hears('y'));
+  ASSERT_TRUE(shop.open(path()));
+  ASSERT_DONE(shop.db, shop.begin());
+  // So many that their slots take the place of the first record.
+  std::vector<std::uint64_t> keys = {kLost.key};
+  for (std::uint32_t i = 0; i < 100; ++i) {
+    ASSERT_DONE(shop.db, shop.add({1000 + i, 3, i}));
+    keys.push_back(1000 + i);
+  }
+  {
+    int end = 0;
+    const BeforeItIsApplied other([&] {
+      victim.tell('g');
+      end = victim.wait();
+    });
+    ASSERT_DONE(shop.db, shop.commit());
+    ASSERT_TRUE(other.happened());
+    ASSERT_EQ(end, 256 + SIGKILL);
+  }
+  ASSERT_DONE(shop.db, shop.readKey(kLost.key));
+  EXPECT_EQ(shop.row(), kLost);
+  EXPECT_TRUE(shop.isWhole());
+  ASSERT_DONE(shop.db, shop.end());
+  expectElsewhere(keys, {});
+}
+
 }  // namespace
 }  // namespace zelta::testing
