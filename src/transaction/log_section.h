@@ -15,11 +15,14 @@ namespace zelta {
 /// Reads the bytes between the head of an entry and its end. What does not fit together is own code
 /// 69, without a text.
 class EntryReader {
+ private:
+  // Its own: what is done with the bytes uses those of the database, and may read other entries.
+  ScratchBuffer buffer_;
+
  public:
   EntryReader(MetaData& metaData, platform::File file, const LogEntryHead_tag& head,
               std::uint64_t position)
-      : images(metaData, file, metaData.baseName.c_str(), extension::kLog,
-               metaData.scratchFor(Scratch::record)),
+      : images(metaData, file, metaData.baseName.c_str(), extension::kLog, buffer_),
         end_(position + head.blockLength),
         next_(position + sizeof(LogEntryHead_tag)) {}
 

@@ -164,5 +164,42 @@ TEST_F(LeftCommit, ThatIsReportedAsFailedIsNotCarriedOutAndHoldsNothing) {
   expectClean(folder, "shop.zlc");
 }
 
+TEST_F(LeftCommit, IsCarriedOutThoughOthersHaveLeftEntriesBehindIt) {
+  for (const unsigned keep : {0u, 1u}) {
+    SCOPED_TRACE(keep);
+    for (const auto& file : std::filesystem::directory_iterator(folder.path())) {
+      std::filesystem::remove(file.path());
+    }
+    makeShop();
+    CZELTA other;
+    ASSERT_DONE(other, other.OpenDatabase(path().c_str()));
+    ASSERT_DONE(other, other.BeginTransaction(CZELTA::TransactionExclusive, 10000));
+    ASSERT_DONE(other, other.SetDatabaseParameter(CZELTA::ParameterKeepLogFiles, keep));
+    ASSERT_DONE(other, other.EndTransaction());
+    CZELTA handle;
+    begin(handle);
+    ASSERT_DONE(other, other.BeginTransaction(CZELTA::TransactionShared, 10000));
+    ASSERT_DONE(other, other.OpenTable(1));
+    ASSERT_DONE(handle, add(handle, 11));
+    ASSERT_DONE(handle, add(handle, 12));
+    {
+      const ChangeFails fault(".zlt", 0);
+      ASSERT_DONE(handle, handle.CommitTransaction(true));
+      ASSERT_TRUE(fault.met);
+    }
+    ASSERT_DONE(other, add(other, 13));
+    ASSERT_DONE(other, other.CommitTransaction(true));
+    ASSERT_DONE(other, other.EndTransaction());
+    ASSERT_DONE(handle, handle.EndTransaction());
+    ASSERT_DONE(other, other.BeginTransaction(CZELTA::TransactionShared, 10000));
+    ASSERT_DONE(other, other.OpenTable(1));
+    EXPECT_EQ(numbers(other), (std::map<std::int64_t, std::uint32_t>{{1, 11}, {2, 12}, {3, 13}}));
+    ASSERT_DONE(other, other.EndTransaction());
+    ASSERT_DONE(other, other.CloseDatabase());
+    ASSERT_DONE(handle, handle.CloseDatabase());
+    expectClean(folder, "shop.zlc");
+  }
+}
+
 }  // namespace
 }  // namespace zelta::testing
