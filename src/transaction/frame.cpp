@@ -248,6 +248,8 @@ Result findLiveTransaction(MetaData& metaData, std::uint32_t number, std::uint64
     *found = 1;
     return {};
   }
+  // An exclusive transaction is alone, and where slots were when it began, a table may be by now.
+  if (metaData.slotPosition == kExclusiveWord) return {};
   MutexGuard guard;
   ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kSearchWait));
   OwnerSearch search(metaData, number, keepLock);
@@ -265,7 +267,7 @@ Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uin
   std::uint64_t position = 0;
   std::uint32_t found = 0;
   MutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kSearchWait));
+  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kLongWait));
   ZELTA_TRY(findLiveTransaction(metaData, number, &position, &found, true));
   if (position == 0) return {};
   return RepairScope(metaData, found, position).run(tables);
@@ -277,7 +279,7 @@ Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired) 
     std::uint64_t position = 0;
     std::uint32_t found = 0;
     MutexGuard guard;
-    ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kSearchWait));
+    ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kLongWait));
     ZELTA_TRY(findLiveTransaction(metaData, 0, &position, &found, true));
     if (position == 0) return {};
     ZELTA_TRY(RepairScope(metaData, found, position).run(tables));

@@ -201,5 +201,30 @@ TEST_F(LeftCommit, IsCarriedOutThoughOthersHaveLeftEntriesBehindIt) {
   }
 }
 
+TEST_F(LeftCommit, OfTheTransactionThatMadeTheTableIsNotTakenForADeadOnes) {
+  CZELTA handle;
+  ASSERT_DONE(handle, handle.CreateDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 10000));
+  SmallSchema goods(u"goods", 1, 0);
+  ASSERT_DONE(handle, handle.CreateTable(&goods.schema, nullptr));
+  ASSERT_DONE(handle, add(handle, 5));
+  {
+    const ChangeFails fault(".zlt", 0);
+    ASSERT_DONE(handle, handle.CommitTransaction(true));
+    ASSERT_TRUE(fault.met);
+  }
+  // The key is there, and its object is not: is somebody dead?
+  const std::uint32_t number = 5;
+  CZELTA::Object object;
+  static_cast<void>(handle.ReadObject(1, CZELTA::ReadEqual, &object, 1, &number, nullptr));
+  ASSERT_DONE(handle, handle.EndTransaction());
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  begin(handle);
+  EXPECT_EQ(numbers(handle), (std::map<std::int64_t, std::uint32_t>{{1, 5}}));
+  ASSERT_DONE(handle, handle.EndTransaction());
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  expectClean(folder, "shop.zlc");
+}
+
 }  // namespace
 }  // namespace zelta::testing
