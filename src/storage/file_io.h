@@ -33,6 +33,24 @@ unsigned xorChecksum64(std::uint64_t& accumulator, const void* data, std::uint64
 /// Folds 32-bit words, and a tail of 1 to 3 bytes; pieces but the last are multiples of 4.
 void xorChecksum32(std::uint32_t& accumulator, const void* data, std::uint64_t length);
 
+/// Closes a file at the end of the scope, unless it was handed on.
+class FileGuard {
+ public:
+  explicit FileGuard(platform::File file = platform::File::none) : file_(file) {}
+  ~FileGuard() { platform::closeFile(file_); }
+  FileGuard(const FileGuard&) = delete;
+  FileGuard& operator=(const FileGuard&) = delete;
+  [[nodiscard]] platform::File get() const { return file_; }
+  platform::File release() {
+    const platform::File file = file_;
+    file_ = platform::File::none;
+    return file;
+  }
+
+ private:
+  platform::File file_;
+};
+
 }  // namespace zelta
 
 #endif  // ZELTA_STORAGE_FILE_IO_H

@@ -139,24 +139,6 @@ class LogMutexGuard {
 };
 inline constexpr std::uint32_t kLogMutexWait = 600000;
 
-/// Closes a file at the end of the scope, unless it was handed on.
-class FileGuard {
- public:
-  explicit FileGuard(platform::File file = platform::File::none) : file_(file) {}
-  ~FileGuard() { platform::closeFile(file_); }
-  FileGuard(const FileGuard&) = delete;
-  FileGuard& operator=(const FileGuard&) = delete;
-  [[nodiscard]] platform::File get() const { return file_; }
-  platform::File release() {
-    const platform::File file = file_;
-    file_ = platform::File::none;
-    return file;
-  }
-
- private:
-  platform::File file_;
-};
-
 }  // namespace zelta::log_file
 
 #endif  // ZELTA_TRANSACTION_LOG_FILE_INTERNAL_H

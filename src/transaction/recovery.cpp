@@ -118,9 +118,8 @@ Result settleLog(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t numbe
   ZELTA_TRY(findLogEntry(metaData, header, number, logHeader, &entry.file, &entry.position));
   if (entry.position == 0) return {};
   entry.single = logHeader.isSingle();
-  const Result result = replayIfCommitted(metaData, tables, number, entry);
-  if (!entry.single) platform::closeFile(entry.file);
-  return result;
+  const FileGuard numbered(entry.single ? platform::File::none : entry.file);
+  return replayIfCommitted(metaData, tables, number, entry);
 }
 
 /// The traces of a number in one table's memory file.
@@ -141,16 +140,19 @@ Result dropTraces(MetaData& metaData, Table& table, std::uint32_t number) {
   return guard.release();
 }
 
-/// Whether a memory file holds more than its header.
-bool hasContents(const MetaData& metaData, const std::u16string& name) {
+/// Whether a memory file holds more than its header. One that is missing holds nothing.
+Result hasContents(MetaData& metaData, const std::u16string& name, bool* contents) {
   constexpr std::uint64_t kHeaderAlone = 80;
-  platform::File file = platform::File::none;
+  *contents = false;
+  platform::File opened = platform::File::none;
   const std::u16string path = databasePath(metaData, name, extension::kMemory);
-  if (openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &file) != 0) return false;
+  SystemCode failure = openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &opened);
+  if (failure == code::kFileNotFound || failure == code::kPathNotFound) return {};
   std::uint64_t size = 0;
-  const bool known = platform::fileSize(file, &size) == 0;
-  platform::closeFile(file);
-  return !known || size > kHeaderAlone;
+  if (failure == 0) failure = platform::fileSize(opened, &size);
+  platform::closeFile(opened);
+  *contents = size > kHeaderAlone;
+  return reportSystemError(&metaData, failure, name.c_str(), extension::kMemory);
 }
 
 Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
@@ -163,7 +165,9 @@ Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t n
     ZELTA_TRY(directory.read(metaData, header));
   }
   for (const DirectoryEntry& entry : directory.entries()) {
-    if (!hasContents(metaData, entry.name)) continue;
+    bool contents = false;
+    ZELTA_TRY(hasContents(metaData, entry.name, &contents));
+    if (!contents) continue;
     ZELTA_TRY(openTable(metaData, tables, entry.tableId));
     Table* table = findTable(tables, entry.tableId);
     if (table == nullptr) {

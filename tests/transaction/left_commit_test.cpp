@@ -226,5 +226,62 @@ TEST_F(LeftCommit, OfTheTransactionThatMadeTheTableIsNotTakenForADeadOnes) {
   expectClean(folder, "shop.zlc");
 }
 
+/// Refuses calls of one kind on files of one extension.
+class CallFails final : public platform::faults::Hook {
+ public:
+  CallFails(platform::faults::Call call, std::string extension, SystemCode code)
+      : call_(call), extension_(std::move(extension)), code_(code) {
+    platform::faults::install(this);
+  }
+  ~CallFails() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    platform::faults::Verdict verdict;
+    if (event.call == call_ && event.name.size() > 4 &&
+        event.name.compare(event.name.size() - 4, 4, extension_) == 0) {
+      met = true;
+      verdict.code = code_;
+    }
+    return verdict;
+  }
+  bool met = false;
+
+ private:
+  platform::faults::Call call_;
+  std::string extension_;
+  SystemCode code_;
+};
+
+TEST_F(LeftCommit, StaysLeftWhenItsTracesCannotBeReached) {
+  makeShop();
+  CZELTA stays;  // else the next one would clear all memory files as the first opener
+  ASSERT_DONE(stays, stays.OpenDatabase(path().c_str()));
+  CZELTA handle;
+  begin(handle);
+  ASSERT_DONE(handle, add(handle, 7));
+  {
+    constexpr int kBeforeTheBody = 6;
+    const ChangeFails fault(".zll", kBeforeTheBody, true);
+    ASSERT_NE(handle.CommitTransaction(true), 0u);
+    ASSERT_TRUE(fault.met);
+  }
+  ASSERT_EQ(handle.CommitTransaction(true), ownCode(3)) << "it is over, its place is left";
+  CZELTA next;
+  ASSERT_DONE(next, next.OpenDatabase(path().c_str()));
+  {
+    const CallFails fault(platform::faults::Call::open, ".zlm", code::kAccessDenied);
+    EXPECT_EQ(next.BeginTransaction(CZELTA::TransactionShared, 10000),
+              systemCode(code::kAccessDenied));
+    ASSERT_TRUE(fault.met);
+    EXPECT_NE(messageOf(next).find("goods"), std::string::npos) << messageOf(next);
+  }
+  ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionShared, 10000));
+  ASSERT_DONE(next, next.OpenTable(1));
+  ASSERT_DONE(next, add(next, 7));
+  ASSERT_DONE(next, next.CommitTransaction(true));
+  EXPECT_EQ(numbers(next), (std::map<std::int64_t, std::uint32_t>{{1, 7}}));
+  for (CZELTA* each : {&next, &handle, &stays}) ASSERT_DONE(*each, each->CloseDatabase());
+  expectClean(folder, "shop.zlc");
+}
+
 }  // namespace
 }  // namespace zelta::testing
