@@ -70,9 +70,14 @@ void emptySets(Table& table, bool releaseLocks) {
     table.currentObjectID = 0;
     table.releaseAllKeys();
   } else {
-    static_cast<void>(lockObjects(table.tableFile, table.slotBase, table.addedObjects));
     addAll(table.lockedObjects, table.editedObjects);
-    addAll(table.lockedObjects, table.addedObjects);
+    if (lockObjects(table.tableFile, table.slotBase, table.addedObjects) == 0) {
+      addAll(table.lockedObjects, table.addedObjects);
+    } else {
+      // They are anybody's now. Who wants to change one reads it, and gains its lock by that.
+      if (find(table.addedObjects, table.currentObjectID) != nullptr) table.currentObjectID = 0;
+      destroyAll(table.addedObjects);
+    }
     for (std::uint32_t i = 0; i < table.indexCount; ++i) {
       if (table.listKind(i)) continue;
       IndexCursor& cursor = table.indexStates[i];

@@ -283,5 +283,30 @@ TEST_F(LeftCommit, StaysLeftWhenItsTracesCannotBeReached) {
   expectClean(folder, "shop.zlc");
 }
 
+TEST_F(LeftCommit, ThatCannotKeepLocksOfNewObjectsDoesNotTakeThemForLocked) {
+  makeShop();
+  CZELTA handle;
+  begin(handle);
+  ASSERT_DONE(handle, add(handle, 1));
+  {
+    const CallFails fault(platform::faults::Call::lock, ".zlt", code::kNoMemory);
+    ASSERT_DONE(handle, handle.CommitTransaction(false));
+    ASSERT_TRUE(fault.met);
+  }
+  EXPECT_EQ(handle.RewriteObject(1, nullptr), ownCode(39)) << messageOf(handle);
+  CZELTA other;
+  begin(other);
+  CZELTA::Object object;
+  const std::uint32_t id = 1;
+  ASSERT_DONE(other, other.ReadObject(1, CZELTA::ReadEqual, &object, 0, &id, nullptr));
+  ASSERT_DONE(other, other.RewriteObject(1, nullptr));
+  ASSERT_DONE(other, other.CommitTransaction(true));
+  ASSERT_DONE(handle, handle.ReadObject(1, CZELTA::ReadEqual, &object, 0, &id, nullptr));
+  ASSERT_DONE(handle, handle.RewriteObject(1, nullptr));
+  ASSERT_DONE(handle, handle.CommitTransaction(false));
+  for (CZELTA* each : {&handle, &other}) ASSERT_DONE(*each, each->CloseDatabase());
+  expectClean(folder, "shop.zlc");
+}
+
 }  // namespace
 }  // namespace zelta::testing
