@@ -25,20 +25,6 @@ struct Scene {
   bool keepLogs = false;
 };
 
-inline EditStep add(std::uint64_t id, std::uint32_t number, std::size_t length = 20) {
-  return {EditStep::Kind::add, id, {number, std::string(length, 'a')}};
-}
-inline EditStep rewrite(std::uint64_t id, std::uint32_t number, std::size_t length = 20) {
-  return {EditStep::Kind::rewrite, id, {number, std::string(length, 'r')}};
-}
-inline EditStep erase(std::uint64_t id) { return {EditStep::Kind::erase, id, {}}; }
-
-inline std::vector<EditStep> adds(std::uint32_t from, std::uint32_t to, std::size_t length = 20) {
-  std::vector<EditStep> steps;
-  for (std::uint32_t i = from; i <= to; ++i) steps.push_back(add(i, i, length));
-  return steps;
-}
-
 inline std::vector<Scene> scenes() {
   const std::vector<EditStep> mixed = {
       erase(3),   rewrite(4, 400), rewrite(5, 500, 900), erase(20),    rewrite(6, 600, 1),

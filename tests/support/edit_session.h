@@ -13,18 +13,17 @@
 #include <random>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "frame/lifecycle.h"
-#include "index/bplus_tree.h"
-#include "index/index_file.h"
-#include "index/keys.h"
 #include "objects/add_object.h"
-#include "objects/key_changes.h"
+#include "objects/delete_object.h"
+#include "objects/object_buffer.h"
 #include "objects/read_object.h"
+#include "objects/rewrite_object.h"
 #include "schema/table_lifecycle.h"
-#include "storage/memory_file.h"
-#include "storage/table_file.h"
 #include "support/buffer_table.h"
 #include "support/storage_fixture.h"
 #include "transaction/commit.h"
@@ -60,6 +59,20 @@ struct EditStep {
   std::uint64_t id;
   Content content;
 };
+
+inline EditStep add(std::uint64_t id, std::uint32_t number, std::size_t length = 20) {
+  return {EditStep::Kind::add, id, {number, std::string(length, 'a')}};
+}
+inline EditStep rewrite(std::uint64_t id, std::uint32_t number, std::size_t length = 20) {
+  return {EditStep::Kind::rewrite, id, {number, std::string(length, 'r')}};
+}
+inline EditStep erase(std::uint64_t id) { return {EditStep::Kind::erase, id, {}}; }
+
+inline std::vector<EditStep> adds(std::uint32_t from, std::uint32_t to, std::size_t length = 20) {
+  std::vector<EditStep> steps;
+  for (std::uint32_t i = from; i <= to; ++i) steps.push_back(add(i, i, length));
+  return steps;
+}
 
 class EditSession {
  public:
@@ -112,7 +125,9 @@ class EditSession {
   Result abort(bool release = true) { return abortTransaction(metaData, tables, release); }
 
   Result add(const Content& content, std::uint64_t id = 0) {
-    put(content, 0, 0);
+    clearError(metaData);
+    table().currentObjectID = 0;
+    put(content, std::string(table().headerSize(), '\0').data());
     return addObject(metaData, tables, table(), nullptr, static_cast<long long>(id));
   }
   [[nodiscard]] std::uint64_t addedID() { return table().currentObjectID; }
@@ -124,38 +139,15 @@ class EditSession {
     return fetch(mode, 1, &number, out);
   }
 
-  /// Rewrites a committed object that this transaction has not changed yet, and that another may
-  /// have given up its keys to.
   Result rewrite(std::uint64_t id, const Content& content) {
-    ZELTA_TRY(giveUpKeys(id));
-    std::uint16_t version = 0;
-    std::memcpy(&version, table().objectData, 2);
-    put(content, static_cast<std::uint16_t>(version + 1), id);
-    TableMutexGuard guard;
-    ZELTA_TRY(guard.acquire(metaData, table(), 10000));
-    Files files(*this);
-    ZELTA_TRY(files.result);
-    VersionKeys none(metaData, table());
-    VersionKeys keys(metaData, table());
-    KeyChanges changes(metaData, table());
-    KeyTrees trees{files.manager,
-                   {PageFile::memory, files.memory.pageSize},
-                   {PageFile::index, files.index.pageSize}};
-    ZELTA_TRY(keys.make({table().objectData, table().objectLength}));
-    ZELTA_TRY(changes.plan(trees, id, none, false, keys, KeyChanges::Source::tested));
-    ZELTA_TRY(changes.enter(trees));
-    ZELTA_TRY(storeObject(files.manager, files.memory, table(), table().objectData,
-                          table().objectLength, id));
-    changes.finish();
-    moveLock(id, table().editedObjects);
-    return guard.release();
+    ZELTA_TRY(read(id));
+    put(content, table().objectData);
+    table().currentObjectID = id;  // a buffer of another size has forgotten it
+    return rewriteObject(metaData, tables, table(), nullptr);
   }
-  /// Deletes a committed object that this transaction has not changed yet.
   Result erase(std::uint64_t id) {
-    ZELTA_TRY(giveUpKeys(id));
-    moveLock(id, table().deletedObjects);
-    ++table().deletedCount;
-    return {};
+    clearError(metaData);
+    return deleteObject(metaData, tables, table(), CZELTA::ReadEqual, nullptr, 0, &id, nullptr);
   }
   Result carryOut(const std::vector<EditStep>& steps) {
     for (const EditStep& step : steps) {
@@ -185,9 +177,18 @@ class EditSession {
     }
     for (std::uint32_t index = 1; index <= table().indexCount; ++index) {
       Model byKey;
+      std::pair<Content, std::uint64_t> last;
       mode = CZELTA::ReadFirst;
       for (; fetch(mode, index, nullptr, &content, &id).ok(); mode = CZELTA::ReadNext) {
+        const bool ascends =
+            index == 1 ? last.first.number < content.number
+                       : std::tie(last.first.text, last.second) < std::tie(content.text, id);
+        if (!byKey.empty() && !ascends) {
+          *damage += "index " + std::to_string(index) + " does not ascend to object " +
+                     std::to_string(id) + "\n";
+        }
         byKey[id] = content;
+        last = {content, id};
         if (byKey.size() > found.size()) break;
       }
       if (byKey != found) {
@@ -203,34 +204,10 @@ class EditSession {
   Result opened;
 
  private:
-  struct Files {
-    explicit Files(EditSession& session) : manager(session.metaData, session.table()) {
-      result = attach(session);
-    }
-    Result attach(EditSession& session) {
-      Table& table = session.table();
-      ZELTA_TRY(readTableHeader(session.metaData, table.cName(), table.tableFile, header, true));
-      ZELTA_TRY(openIndexFile(session.metaData, table, &header, index, manager, true, true));
-      ZELTA_TRY(readMemoryFileHeader(table, memory, manager, true));
-      manager.attach(table.indexFile, &index, table.memoryFile, &memory);
-      return {};
-    }
-    AtomicManager manager;
-    TableHeader_tag header{};
-    IndexFileHeader_tag index{};
-    MemoryFileHeader_tag memory{};
-    Result result;
-  };
-
-  void put(const Content& content, std::uint16_t version, std::uint64_t id) {
+  /// Puts a content into the buffer, behind the version and the ID that stand at `head`.
+  void put(const Content& content, const char* head) {
     Packed bytes;
-    bytes.number(version);
-    if (form_.wide) {
-      bytes.number(id);
-    } else {
-      bytes.number(static_cast<std::uint32_t>(id));
-    }
-    bytes.number(content.number);
+    bytes.raw(std::string(head, table().headerSize())).number(content.number);
     if (!form_.fixed) bytes.text(content.text);
     reserveObject(table(), static_cast<std::uint32_t>(bytes.str().size()));
     std::memcpy(table().objectData, bytes.str().data(), bytes.str().size());
@@ -250,26 +227,6 @@ class EditSession {
     }
     if (id != nullptr) *id = objectIdOf(table(), table().objectData);
     return {};
-  }
-  /// Locks a committed object and notes its keys as given up.
-  Result giveUpKeys(std::uint64_t id) {
-    ZELTA_TRY(read(id));
-    for (std::uint32_t i = 0; i < table().indexCount; ++i) {
-      IndexCursor& cursor = table().indexStates[i];
-      std::uint32_t* key = nullptr;
-      ZELTA_TRY(extractKey(metaData, table(), i, 0, &key, nullptr, 0));
-      ObjectKeyNode* node = table().nodePool.take();
-      node->key = key;
-      node->objectID = id;
-      insert(node, cursor.removedKeys, table().keyShape(i));
-    }
-    return {};
-  }
-  void moveLock(std::uint64_t id, UInt64AVLTree*& target) {
-    UInt64AVLTree* node = find(table().lockedObjects, id);
-    ASSERT_NE(node, nullptr);
-    remove(node, table().lockedObjects);
-    insert(node, target, id);
   }
 
   TableForm form_;
@@ -315,7 +272,8 @@ class RawTable {
   std::uint64_t freeHead = 0;
   std::uint64_t end = 0;
   std::vector<std::uint64_t> freeIDs;
-  std::map<std::uint64_t, std::uint64_t> positions;  ///< of objects, by ID
+  std::map<std::uint64_t, std::uint64_t> positions;   ///< of objects, by ID
+  std::map<std::uint64_t, std::uint64_t> freeBlocks;  ///< sizes by position
   Model objects;
   std::string damage;
 
@@ -365,6 +323,7 @@ class RawTable {
   }
   void walkFixed() {
     const auto size = numberAt<std::uint32_t>(bytes_, 20);
+    expect(freeHead == 0, "free space in a table that has none");
     expect((end - areaStart) % size == 0, "the objects do not come out even");
     for (std::uint64_t at = areaStart; damage.empty() && at < end; at += size) {
       takeObject(at, at, size);
@@ -386,6 +345,7 @@ class RawTable {
         expect(!freeBefore, "neighbours not merged at " + std::to_string(at));
         expect(at + size != end, "a free block at the end");
         nextFree = numberAt<std::uint64_t>(bytes_, at + 8);
+        freeBlocks[at] = size;
       } else {
         expect(length + 12 <= size, "record too long at " + std::to_string(at));
         if (damage.empty()) takeObject(at, at + 8, length);
@@ -433,7 +393,8 @@ inline void applyStep(Model& model, const EditStep& step) {
   }
 }
 
-/// Random transactions whose steps all succeed: every object is changed at most once.
+/// Random transactions whose steps all succeed: objects change any number of times, and take
+/// numbers that others have given up.
 class RandomEdits {
  public:
   RandomEdits(unsigned seed, const TableForm& form) : random_(seed), form_(form) {}
@@ -441,17 +402,22 @@ class RandomEdits {
   std::vector<EditStep> transaction(const Model& model, std::size_t count) {
     std::vector<EditStep> steps;
     Model after = model;
-    std::set<std::uint64_t> touched;
+    std::vector<std::uint32_t> givenUp;
     for (std::size_t i = 0; i < count; ++i) {
       const unsigned choice = below(10);
       EditStep step{EditStep::Kind::add, 0, content()};
-      if (choice >= 4 && !model.empty()) {
-        step.kind = choice >= 7 ? EditStep::Kind::erase : EditStep::Kind::rewrite;
-        step.id = pick(model);
-        if (!touched.insert(step.id).second) continue;
-      } else {
+      const bool adds = choice < 4 || after.empty();
+      if (!givenUp.empty() && below(4) == 0) {
+        std::swap(givenUp[below(static_cast<unsigned>(givenUp.size()))], givenUp.back());
+        step.content.number = givenUp.back();
+        if (adds || choice < 7) givenUp.pop_back();
+      }
+      if (adds) {
         step.id = freeID(model, after);
-        touched.insert(step.id);
+      } else {
+        step.kind = choice >= 7 ? EditStep::Kind::erase : EditStep::Kind::rewrite;
+        step.id = pick(after);
+        givenUp.push_back(after.at(step.id).number);
       }
       applyStep(after, step);
       steps.push_back(step);

@@ -4,53 +4,10 @@
 
 #include "frame/parameters.h"
 #include "storage/file_io.h"
-#include "support/check_database.h"
-#include "support/edit_session.h"
+#include "transaction/commit_bench.h"
 
 namespace zelta::testing {
 namespace {
-
-const TableForm& kFixed = kForms[0];
-const TableForm& kVariable = kForms[2];
-
-Content content(std::uint32_t number, const std::string& text = "") { return {number, text}; }
-
-/// A database with an empty table, and a session in a shared transaction.
-class Bench {
- public:
-  explicit Bench(const TableForm& form) : form_(form) {
-    EditSession creator(folder, form);
-    EXPECT_TRUE(creator.opened.ok()) << creator.error();
-    creator.makeTable();
-  }
-  ~Bench() { expectClean(folder, "db.zlc"); }
-  Bench(const Bench&) = delete;
-  Bench& operator=(const Bench&) = delete;
-  /// Objects 1 to `count`, committed.
-  void fill(std::uint32_t count) {
-    EditSession session(folder, form_);
-    ASSERT_TRUE(session.enter().ok()) << session.error();
-    for (std::uint32_t i = 1; i <= count; ++i) {
-      ASSERT_TRUE(session.add(content(i, textOf(i))).ok()) << session.error();
-    }
-    ASSERT_TRUE(session.commit().ok()) << session.error();
-    ASSERT_TRUE(session.end().ok()) << session.error();
-  }
-  std::string textOf(std::uint32_t number) const {
-    return form_.fixed ? "" : "text " + std::to_string(number);
-  }
-  RawTable raw() {
-    bytes_ = folder.bytes("T.zlt");
-    RawTable out(bytes_, form_);
-    EXPECT_EQ(out.damage, "");
-    return out;
-  }
-  FreshFolder folder;
-
- private:
-  const TableForm& form_;
-  std::string bytes_;
-};
 
 // -- Commit ---------------------------------------------------------------------------------------
 
