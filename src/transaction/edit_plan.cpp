@@ -48,14 +48,10 @@ Result EditPlan::readPosition(std::uint64_t objectID, std::uint64_t* position) {
   return {};
 }
 
-/// The area grows and shrinks by whole records, so that those of a fixed table lie side by side
-/// from its start on. Their padding is not in `defaultObjectSize`.
-std::uint64_t EditPlan::areaUnit() const {
-  return table_.isFixed() ? old_.fixedAreaSize : old_.defaultObjectSize;
-}
-
+/// The least multiple of the allocation unit that makes room for enough slots. In a fixed table
+/// that is a number of whole records: they lie side by side from the area's start on.
 std::uint64_t EditPlan::areaStep() const {
-  const std::uint64_t unit = areaUnit();
+  const std::uint64_t unit = old_.defaultObjectSize;
   return unit * ((kAreaStep + unit - 1) / unit);
 }
 
@@ -98,12 +94,12 @@ void EditPlan::raiseArea(std::uint64_t greatestAdded) {
   next.objectAreaStart += (needed - next.objectAreaStart + step - 1) / step * step;
 }
 
+/// The last step may go below what is wanted: of the spare slots some are left then, too.
 void EditPlan::lowerArea(std::uint64_t greatestAdded) {
   const std::uint64_t wanted =
       slotPosition(old_.slotBase, std::max(next.highestID, greatestAdded) + kSpareSlots);
-  const std::uint64_t step = areaStep();
-  while (next.objectAreaStart >= wanted + areaUnit() && next.objectAreaStart >= wanted + step) {
-    next.objectAreaStart -= step;
+  while (next.objectAreaStart >= wanted + old_.defaultObjectSize) {
+    next.objectAreaStart -= areaStep();
   }
 }
 

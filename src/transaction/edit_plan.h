@@ -70,7 +70,6 @@ class EditPlan {
   Result lowerHighestID(std::uint64_t greatestAdded);
   void raiseArea(std::uint64_t greatestAdded);
   void lowerArea(std::uint64_t greatestAdded);
-  [[nodiscard]] std::uint64_t areaUnit() const;
   [[nodiscard]] std::uint64_t areaStep() const;
   Result readPosition(std::uint64_t objectID, std::uint64_t* position);
   [[nodiscard]] bool isDeleted(std::uint64_t objectID) const;
