@@ -9,8 +9,11 @@
 #include <thread>
 
 #include "frame/lifecycle.h"
+#include "objects/delete_object.h"
 #include "schema/table_lifecycle.h"
+#include "storage/table_file.h"
 #include "support/buffer_table.h"
+#include "support/check_database.h"
 #include "support/paged_table.h"
 #include "transaction/commit.h"
 #include "transaction/frame.h"
@@ -106,6 +109,10 @@ const Indexes kUnique = {{Segments{{0, 0}}}};
 /// A database with table "T", in a shared transaction.
 class AddObject : public ::testing::Test {
  protected:
+  void TearDown() override {
+    one.reset();
+    testing::expectClean(folder, "db.zlc");
+  }
   void make(const Fields& fields, const Indexes& indexes, std::uint32_t flags = 0) {
     {
       Handle creator(folder, CZELTA::TransactionExclusive);
@@ -237,6 +244,36 @@ TEST_F(AddObject, TheLastIDHasNoSuccessor) {
   EXPECT_EQ(one->add(number(0)).word(), ownWord(Own::idExists));
 }
 
+TEST_F(AddObject, ByAListOfFreeIDsThatIsDamagedIsError47) {
+  make(kNumber, {});
+  for (int i = 0; i < 6; ++i) one->added(number(0));
+  one->commit();
+  for (std::uint64_t id : {3u, 5u}) {
+    ASSERT_TRUE(deleteObject(one->metaData, one->tables, one->table(), CZELTA::ReadEqual, nullptr,
+                             0, &id, nullptr)
+                    .ok());
+  }
+  one->commit();
+  one->end();
+  const std::string sound = folder.bytes("T.zlt");
+  const auto slot = testing::numberAt<std::uint32_t>(sound, 8) + 3 * 12u;
+  const auto used = testing::numberAt<std::uint64_t>(sound, slot - 12);
+  for (const std::uint64_t wrong : {used, kFreeSlot | 2, kFreeSlot | 3}) {
+    std::string bytes = sound;
+    std::memcpy(bytes.data() + slot, &wrong, sizeof wrong);
+    folder.write("T.zlt", bytes);
+    one->begin(CZELTA::TransactionShared);
+    one->open();
+    if (wrong != used) one->added(number(0));  // the link counts for the second
+    EXPECT_EQ(one->add(number(0)).word(), ownWord(Own::deleteList));
+    EXPECT_EQ(
+        one->error().find("Table T has become corrupted.\nDelete ID list is no longer valid."), 0u)
+        << one->error();
+    one->end();
+  }
+  folder.write("T.zlt", sound);
+}
+
 // -- Refusals before any file ---------------------------------------------------------------------
 
 TEST_F(AddObject, WithoutAnObjectIsError39) {
@@ -339,23 +376,22 @@ TEST_F(AddObject, AMissingKeyIsError39) {
 
 // -- Keys that the transaction has given up -------------------------------------------------------
 
-/// What deleting an object does to a cursor.
-ObjectKeyNode* giveUp(Handle& handle, std::uint32_t key, std::uint64_t holder) {
-  Table& table = handle.table();
-  IndexCursor& cursor = table.indexStates[0];
-  ObjectKeyNode* node = table.nodePool.take();
-  node->key = cursor.keyPool.takeFixed(1);
-  *node->key = key;
-  node->objectID = holder;
-  insert(node, cursor.removedKeys, table.keyShape(0));
-  return node;
+/// Deletes an object, whose one key is what the transaction has given up then.
+ObjectKeyNode* giveUp(Handle& handle, std::uint64_t id) {
+  EXPECT_EQ(deleteObject(handle.metaData, handle.tables, handle.table(), CZELTA::ReadEqual, nullptr,
+                         0, &id, nullptr)
+                .word(),
+            0u)
+      << handle.error();
+  EXPECT_EQ(count(handle.table().indexStates[0].removedKeys), 1u);
+  return handle.table().indexStates[0].removedKeys;
 }
 
 TEST_F(AddObject, TakesAKeyThatItsTransactionGaveUp) {
   make(kNumber, kUnique);
   one->added(number(5));
   one->commit();
-  ObjectKeyNode* node = giveUp(*one, 5, 1);
+  const ObjectKeyNode* node = giveUp(*one, 1);
   EXPECT_EQ(one->added(number(5)), 2u);
   const IndexCursor& cursor = one->table().indexStates[0];
   EXPECT_EQ(cursor.removedKeys, nullptr);
@@ -368,7 +404,9 @@ TEST_F(AddObject, TakesAKeyThatItsTransactionGaveUp) {
   EXPECT_EQ(one->error(),
             "Unable to add/edit/restore object in T.\nIndex key value already exists in index 1 "
             "with object 2.");
-  one->abort();
+  one->commit();
+  EXPECT_EQ(one->add(number(5)).word(), ownWord(Own::keyExists));
+  EXPECT_EQ(one->added(number(6)), 1u);
 }
 
 TEST_F(AddObject, AKeyGivenUpStaysSoIfTheAddFails) {
@@ -376,23 +414,24 @@ TEST_F(AddObject, AKeyGivenUpStaysSoIfTheAddFails) {
   one->added(number(5) + number(1));
   one->added(number(6) + number(2));
   one->commit();
-  ObjectKeyNode* node = giveUp(*one, 5, 1);
+  const ObjectKeyNode* node = giveUp(*one, 1);
   EXPECT_EQ(one->add(number(5) + number(2)).word(), ownWord(Own::keyExists));
   EXPECT_EQ(one->table().indexStates[0].removedKeys, node);
   EXPECT_EQ(node->objectID, 1u);
   EXPECT_EQ(one->table().indexStates[0].replacedKeys, nullptr);
-  one->abort();
+  one->commit();
+  EXPECT_EQ(one->added(number(5) + number(1)), 1u);
 }
 
 TEST_F(AddObject, TwoRowsCannotShareAKeyGivenUp) {
   make({{CZELTA::TypeSubRecords, 0, {{CZELTA::TypeUInt32}}}}, {{Segments{{1, 0}}}});
   one->added(Packed().binary(number(7)));
   one->commit();
-  ObjectKeyNode* node = giveUp(*one, 7, 1);
+  const ObjectKeyNode* node = giveUp(*one, 1);
   EXPECT_EQ(one->add(Packed().binary(number(7) + number(7))).word(), ownWord(Own::keyExists));
   EXPECT_EQ(one->table().indexStates[0].removedKeys, node);
   EXPECT_EQ(one->added(Packed().binary(number(7) + number(8))), 2u);
-  one->abort();
+  one->commit();
 }
 
 // -- Others ---------------------------------------------------------------------------------------

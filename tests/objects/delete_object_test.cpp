@@ -239,6 +239,30 @@ TEST_F(DeleteObject, OfABorrowerGivesTheKeyUpAgain) {
   finish();
 }
 
+TEST_F(DeleteObject, OfABorrowerGivesItsRowsUpAgain) {
+  make(kRowsField, kRowsIndex);
+  one->added(rows({1, 2, 3}));
+  one->added(rows({7}));
+  one->commit();
+  one->done(one->rewrite(1, rows({3, 4})));
+  one->done(one->rewrite(2, rows({1, 2, 8})));
+  one->done(one->erase(2));
+  const IndexCursor& cursor = one->table().indexStates[0];
+  EXPECT_EQ(cursor.replacedKeys, nullptr);
+  std::vector<std::uint64_t> holders;  // whom the committed tree names
+  for (const ObjectKeyNode* node = findFirst(cursor.removedKeys); node != nullptr;
+       node = findNext(cursor.removedKeys, one->table().keyShape(0), node->key)) {
+    holders.push_back(node->objectID);
+  }
+  EXPECT_EQ(holders, (IDs{1, 1, 2}));
+  one->done(one->rewrite(1, rows({4, 2})));  // its own again
+  EXPECT_EQ(one->added(rows({1, 7})), 3u);
+  EXPECT_EQ(one->walk(1), (IDs{3, 1, 1, 3}));
+  one->commit();
+  EXPECT_EQ(one->walk(1), (IDs{3, 1, 1, 3}));
+  finish();
+}
+
 TEST_F(DeleteObject, OfAllRowsAtOnce) {
   make(kRowsField, kRowsIndex);
   one->added(rows({1, 2, 3}));

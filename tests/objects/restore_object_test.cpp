@@ -270,6 +270,32 @@ TEST_F(RestoreObject, OfRowsTakesOnlyWhatDiffers) {
   finish();
 }
 
+TEST_F(RestoreObject, OfRowsWaitsUntilNobodyHasOneOfThem) {
+  make(kRowsField, kRowsIndex);
+  one->added(rows({1, 2, 3}));
+  one->commit();
+  one->done(one->erase(1));
+  EXPECT_EQ(one->added(rows({9, 2})), 2u);
+  EXPECT_EQ(one->added(rows({3})), 3u);
+  const std::string before = files();
+  EXPECT_EQ(one->restore(1).word(), ownWord(Own::keyExists));
+  EXPECT_EQ(one->error(),
+            "Unable to add/edit/restore object in T.\nIndex key value already exists in index 1 "
+            "with object 1.");
+  EXPECT_EQ(files(), before);
+  one->done(one->rewrite(2, rows({9})));
+  EXPECT_EQ(one->restore(1).word(), ownWord(Own::keyExists));
+  EXPECT_EQ(count(one->table().indexStates[0].removedKeys), 2u);
+  one->done(one->restore(3));
+  one->done(one->restore(1, true));
+  EXPECT_EQ(one->table().indexStates[0].removedKeys, nullptr);
+  EXPECT_EQ(one->table().indexStates[0].replacedKeys, nullptr);
+  EXPECT_EQ(one->walk(1), (IDs{1, 1, 1, 2}));
+  one->commit();
+  EXPECT_EQ(one->walk(1), (IDs{1, 1, 1, 2}));
+  finish();
+}
+
 TEST_F(RestoreObject, ThatFailsInTheMemoryFileCanBeRetried) {
   make({{CZELTA::TypeUInt32}, {CZELTA::TypeText}}, kNumberIndex, CZELTA::SchemaWideObjectIds);
   one->added(Packed().number(5u).text("old"));

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "support/object_handle.h"
 
 namespace zelta::testing {
@@ -204,6 +206,63 @@ TEST_F(RewriteObject, ThatCannotBeStoredLeavesVersionAndSetsAsTheyWere) {
   finish();
 }
 
+TEST_F(RewriteObject, ThatFailsDoesNotTurnTheVersionOverEither) {
+  make(kNumberField, {});
+  one->added(number(1));
+  const std::uint16_t last = 65534;
+  std::memcpy(one->table().objectData, &last, 2);
+  {
+    const StopAfter stop(0);
+    EXPECT_EQ(one->rewrite(number(2)).word(), Result::system(code::kGeneralFailure).word());
+  }
+  EXPECT_EQ(numberAt<std::uint16_t>(std::string(one->table().objectData, 2), 0), last);
+  one->done(one->rewrite());
+  EXPECT_EQ(one->object.version, 1);
+}
+
+TEST_F(RewriteObject, AfterACommitThatReleasesItNeedsAnotherRead) {
+  make(kNumberField, kNumberIndex);
+  one->added(number(1));
+  for (const bool changed : {true, false}) {
+    if (!changed) one->done(one->read(1));
+    one->commit(true);
+    EXPECT_EQ(one->rewrite(number(2)).word(), ownWord(Own::noObject));
+    EXPECT_EQ(one->erase(0).word(), ownWord(Own::noObject));
+    EXPECT_EQ(one->find(CZELTA::ReadNext, 1).word(), ownWord(Own::noObject));
+  }
+  finish();
+}
+
+/// The content of another object is still to come from the log, so the index cannot be built.
+TEST_F(RewriteObject, ThatNeverGetsAtTheIndexIsError27AndChangesNothing) {
+  make({{CZELTA::TypeUInt32}, {CZELTA::TypeText}}, kNumberIndex);
+  one->added(Packed().number(1u).text("a"));
+  one->added(Packed().number(2u).text("b"));
+  one->commit();
+  one->end();
+  std::string bytes = folder.bytes("T.zlt");
+  const std::string sound = bytes;
+  const std::uint64_t slot = numberAt<std::uint32_t>(bytes, 8) + 2 * 12u;
+  const auto position = numberAt<std::uint64_t>(bytes, slot);
+  bytes.replace(position + 4, 6, std::string("\0\0\0\0\xFF\xFF", 6));
+  folder.write("T.zlt", bytes);
+  std::filesystem::remove(folder.path() / "T.zli");
+  one->begin();
+  one->done(one->read(1));
+  EXPECT_EQ(one->rewrite(Packed().number(3u).text("c")).word(), ownWord(Own::objectLocked));
+  EXPECT_EQ(one->error(), "Unable to gain lock on object 1 in table T.");
+  EXPECT_EQ(folder.bytes("T.zlt"), bytes);
+  EXPECT_TRUE(pending().objects.empty());
+  EXPECT_TRUE(one->in(one->table().lockedObjects, 1));
+  one->done(one->rewrite(Packed().number(1u).text("c")));  // it needs no index
+  one->end();
+  folder.write("T.zlt", sound);
+  one->begin();
+  one->done(one->rewrite(1, Packed().number(3u).text("d")));
+  one->commit();
+  finish();
+}
+
 // -- Keys -----------------------------------------------------------------------------------------
 
 TEST_F(RewriteObject, AChangedKeyIsFoundHereAtOnceAndElsewhereAfterTheCommit) {
@@ -360,6 +419,33 @@ TEST_F(RewriteObject, VariableKeysOfSeveralSegmentsFollowTheText) {
   finish();
 }
 
+TEST_F(RewriteObject, KeysChangeHandsFromCommitToCommit) {
+  make(kNumberField, kNumberIndex);
+  for (const std::uint32_t key : {5u, 6u, 7u}) one->added(number(key));
+  one->commit(false);
+  const IndexCursor& cursor = one->table().indexStates[0];
+  // Each takes the key of the one before it, and the first that of the last.
+  for (int round = 0; round < 3; ++round) {
+    const std::vector<std::uint64_t> before = one->walk(1);
+    one->done(one->rewrite(before[0], number(99)));
+    for (const std::size_t i : {2u, 1u}) {
+      one->done(one->rewrite(before[i], number(static_cast<std::uint32_t>(1000 + i))));
+    }
+    one->done(one->rewrite(before[1], number(5)));
+    one->done(one->rewrite(before[2], number(6)));
+    one->done(one->rewrite(before[0], number(7)));
+    EXPECT_EQ(count(cursor.replacedKeys), 3u);
+    EXPECT_EQ(cursor.removedKeys, nullptr);
+    EXPECT_EQ(pendingRoot(0), 0u);
+    one->commit(false);
+    EXPECT_EQ(cursor.replacedKeys, nullptr);
+    EXPECT_EQ(one->walk(1), (std::vector<std::uint64_t>{before[1], before[2], before[0]}));
+  }
+  one->commit();
+  EXPECT_EQ(one->walk(1), (std::vector<std::uint64_t>{1, 2, 3}));
+  finish();
+}
+
 // -- Rows -----------------------------------------------------------------------------------------
 
 TEST_F(RewriteObject, OnlyTheRowsThatDifferTouchTheIndex) {
@@ -415,6 +501,52 @@ TEST_F(RewriteObject, ManyRowsChangeInOneGo) {
   EXPECT_EQ(count(one->table().indexStates[0].replacedKeys), 250u);
   one->commit();
   EXPECT_EQ(one->walk(1).size(), 900u);
+  finish();
+}
+
+TEST_F(RewriteObject, ABorrowedRowGoesBackWhenItsBorrowerGivesItUp) {
+  make(kRowsField, kRowsIndex);
+  one->added(rows({1, 2, 3}));
+  one->added(rows({7}));
+  one->commit();
+  one->done(one->rewrite(1, rows({3})));
+  one->done(one->rewrite(2, rows({7, 1, 2})));
+  EXPECT_EQ(one->rewrite(1, rows({1, 3})).word(), ownWord(Own::keyExists));
+  EXPECT_EQ(one->error(),
+            "Unable to add/edit/restore object in T.\nIndex key value already exists in index 1 "
+            "with object 2.");
+  one->done(one->rewrite(2, rows({2, 7})));
+  const IndexCursor& cursor = one->table().indexStates[0];
+  ASSERT_EQ(count(cursor.removedKeys), 1u);
+  EXPECT_EQ(cursor.removedKeys->objectID, 1u);
+  EXPECT_EQ(count(cursor.replacedKeys), 1u);
+  one->done(one->rewrite(1, rows({1, 3})));
+  EXPECT_EQ(cursor.removedKeys, nullptr);
+  EXPECT_EQ(one->walk(1), (std::vector<std::uint64_t>{1, 2, 1, 2}));
+  one->commit();
+  EXPECT_EQ(one->walk(1), (std::vector<std::uint64_t>{1, 2, 1, 2}));
+  finish();
+}
+
+TEST_F(RewriteObject, RowsThatChangePlacesHaveOtherKeysIfTheseHoldThePlace) {
+  make(kRowsField, {{Segments{{1, 0}, {CZELTA::EntryNumberSegment, 0}}}});
+  one->added(rows({5, 6, 8}));
+  one->commit();
+  one->done(one->rewrite(1, rows({6, 5, 8})));
+  EXPECT_EQ(count(one->table().indexStates[0].removedKeys), 2u);
+  for (int round = 0; round < 2; ++round) {
+    const auto find = [&](std::uint32_t value, std::uint32_t place) {
+      const std::uint32_t key[2] = {value, place};
+      const Result result = one->find(CZELTA::ReadEqual, 1, key);
+      if (result.ok()) {
+        EXPECT_EQ(one->entry, place);
+      }
+      return result.ok();
+    };
+    EXPECT_TRUE(find(5, 1) && find(6, 0) && find(8, 2));
+    EXPECT_FALSE(find(5, 0) || find(6, 1));
+    one->commit();
+  }
   finish();
 }
 

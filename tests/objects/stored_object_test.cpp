@@ -7,6 +7,7 @@
 #include <new>
 
 #include "support/buffer_table.h"
+#include "support/check_database.h"
 #include "support/database_fixture.h"
 
 namespace {
@@ -159,6 +160,37 @@ TEST_F(StoredObject, AKeyOfADeadTransactionIsFree) {
   child.kill();
   EXPECT_DONE(handle, add(handle, 5, {51}));
   EXPECT_DONE(handle, add(handle, 6, {50}));
+}
+
+TEST_F(StoredObject, MayTakeAKeyOfADeadTransactionWhenItIsRewritten) {
+  makeRows();
+  ChildProcess child([this](const ChildProcess::Line& line) {
+    if (line.hear() != 'g') return 1;
+    CZELTA handle;
+    begin(handle);
+    if (add(handle, 5, {50}) != 0) return 2;
+    line.say('r');
+    return static_cast<int>(line.hear());
+  });
+  CZELTA handle;
+  begin(handle);
+  ASSERT_DONE(handle, add(handle, 1, {10}));
+  const auto rewriteTo5 = [&] {
+    CZELTA::Object object;
+    EXPECT_DONE(handle, handle.ReadObject(1, 1, &object));
+    const std::uint32_t number = 5;
+    std::memcpy(object.data, &number, 4);
+    return handle.RewriteObject(1, nullptr);
+  };
+  child.tell('g');
+  ASSERT_TRUE(child.hears('r'));
+  EXPECT_EQ(rewriteTo5(), testing::ownCode(37));
+  child.kill();
+  EXPECT_DONE(handle, rewriteTo5());
+  ASSERT_DONE(handle, handle.CommitTransaction(true));
+  EXPECT_EQ(numberAt(handle, CZELTA::ReadLast, 2), 5u);
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  testing::expectClean(path());
 }
 
 }  // namespace
