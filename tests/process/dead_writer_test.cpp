@@ -152,6 +152,41 @@ TEST_F(DeadWriter, WithTheNumberOfAnEntryThatWasAppliedLongAgoHarmsNothing) {
   });
 }
 
+/// With the entry of the first commit still in the log, and without it.
+TEST_F(DeadWriter, LosesOnlyWhatCameBehindItsLastCommit) {
+  for (const bool keepsLogs : {false, true}) {
+    inChild([&](CZELTA& db) {
+      return open(db) && db.BeginTransaction(CZELTA::TransactionExclusive, kTimeout) == 0 &&
+             db.SetDatabaseParameter(CZELTA::ParameterKeepLogFiles, keepsLogs ? 1 : 0) == 0 &&
+             db.EndTransaction() == 0;
+    });
+    const std::string kept = keepsLogs ? "kept, logged" : "kept";
+    const std::string more = kept + " as well";
+    // The one that stays begins after the death, and is not the first opener.
+    CZELTA keeper;
+    ASSERT_TRUE(open(keeper));
+    inVictim([&](CZELTA& db) {
+      CZELTA::Object object;
+      return open(db) && begin(db) && add(db, kept.c_str()) == 0 && add(db, more.c_str()) == 0 &&
+             db.CommitTransaction(false) == 0 &&
+             db.DeleteObject(kTable, CZELTA::ReadEqual, &object, 1, kept.c_str(), nullptr) == 0 &&
+             db.ReadObject(kTable, CZELTA::ReadEqual, &object, 1, more.c_str(), nullptr) == 0 &&
+             db.PutVariableValues(kTable, "lost", 0, 0, 1, &object) == 0 &&
+             db.RewriteObject(kTable, nullptr) == 0 && add(db, "lost as well") == 0;
+    });
+    // It has cleared the keys away when it begins, before it meets an object of the dead one.
+    ASSERT_TRUE(begin(keeper));
+    EXPECT_EQ(add(keeper, "lost"), 0u);
+    EXPECT_EQ(add(keeper, "lost as well"), 0u);
+    EXPECT_EQ(keeper.AbortTransaction(true), 0u);
+    EXPECT_TRUE(has(keeper, kept.c_str()));
+    EXPECT_TRUE(has(keeper, more.c_str()));
+    EXPECT_FALSE(has(keeper, "lost"));
+    EXPECT_FALSE(has(keeper, "lost as well"));
+    EXPECT_EQ(keeper.EndTransaction(), 0u);
+  }
+}
+
 TEST_F(DeadWriter, SeveralProcessesAddSideBySideWithUniqueKeys) {
   constexpr int kWriters = 3;
   constexpr int kEach = 60;
