@@ -98,10 +98,10 @@ unsigned long long CZELTA::RestoreObject(unsigned int table, long long objectID,
 
 namespace {
 
-/// Whether a read has the key that its mode needs.
-bool hasKey(unsigned int mode, const void* key) {
-  const unsigned int base = mode & 63;
-  return key != nullptr || base < CZELTA::ReadEqual || base > CZELTA::ReadGreaterEqual;
+/// Whether a read has the key that its mode needs. Only a mode without flags is asked here: what a
+/// key that is missing means beside flags depends on the way to the object.
+bool hasKey(CZELTA::Mode mode, const void* key) {
+  return key != nullptr || mode < CZELTA::ReadEqual || mode > CZELTA::ReadGreaterEqual;
 }
 
 }  // namespace

@@ -28,7 +28,6 @@ class IdWalk {
 
  private:
   Result start(std::uint64_t* id) const;
-  Result givenKey(std::uint64_t* id) const;
   Result test(std::uint64_t& id, bool* answer);
   Result skip(std::uint64_t id) const {
     return request_.mode == CZELTA::ReadEqual ? request_.notFound(id) : Result();
@@ -45,14 +44,6 @@ class IdWalk {
 std::uint64_t IdWalk::lastId() const {
   const UInt64AVLTree* added = findPrevious(table_.addedObjects, ~std::uint64_t{0});
   return std::max(header_.highestID, added != nullptr ? added->key : 0);
-}
-
-Result IdWalk::givenKey(std::uint64_t* id) const {
-  if (request_.key == nullptr) {
-    return reportError(&request_.metaData, Own::parameter, table_.cName());
-  }
-  std::memcpy(id, request_.key, table_.idSize());
-  return {};
 }
 
 /// The ID that the walk begins at. Beyond either end of the numbers it wraps, and meets nothing.
@@ -75,7 +66,7 @@ Result IdWalk::start(std::uint64_t* id) const {
     default:
       break;
   }
-  ZELTA_TRY(givenKey(id));
+  std::memcpy(id, request_.key, table_.idSize());
   if (request_.mode == CZELTA::ReadLess) --*id;
   if (request_.mode == CZELTA::ReadGreater) ++*id;
   return {};

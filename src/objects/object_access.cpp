@@ -282,22 +282,23 @@ bool hasMode(CZELTA::Mode mode) {
   return mode >= CZELTA::ReadEqual && mode <= CZELTA::ReadPrevious;
 }
 
-/// A walk through a tree begins at a key: the given one, or that of the current object.
+bool needsKey(CZELTA::Mode mode) {
+  return mode >= CZELTA::ReadEqual && mode <= CZELTA::ReadGreaterEqual;
+}
+
+/// A walk begins at a key: the given one, or that of the current object. One through the results of
+/// a search can do without the former.
 Result checkPivot(const ReadRequest& request) {
-  const std::uint32_t* current = nullptr;
-  switch (request.mode) {
-    case CZELTA::ReadFirst:
-    case CZELTA::ReadLast:
-      return {};
-    case CZELTA::ReadNext:
-    case CZELTA::ReadPrevious:
-      ZELTA_TRY(currentKey(request.metaData, request.table, request.index - 1, &current));
-      return current != nullptr ? Result() : reportError(&request.metaData, Own::noObject);
-    default:
-      break;
+  if (needsKey(request.mode)) {
+    const bool mayLack = request.byResults() && !request.table.searchInverted;
+    if (request.key != nullptr || mayLack) return {};
+    return reportError(&request.metaData, Own::parameter, request.table.cName());
   }
-  if (request.key != nullptr) return {};
-  return reportError(&request.metaData, Own::parameter, request.table.cName());
+  const bool goesOn = request.mode == CZELTA::ReadNext || request.mode == CZELTA::ReadPrevious;
+  if (!goesOn || !request.byTree()) return {};
+  const std::uint32_t* current = nullptr;
+  ZELTA_TRY(currentKey(request.metaData, request.table, request.index - 1, &current));
+  return current != nullptr ? Result() : reportError(&request.metaData, Own::noObject);
 }
 
 }  // namespace
@@ -314,7 +315,7 @@ Result checkRequest(const ReadRequest& request) {
   if (!hasMode(request.mode)) {
     return reportError(&request.metaData, Own::readMode, nullptr, nullptr, request.mode);
   }
-  return request.byTree() ? checkPivot(request) : Result{};
+  return checkPivot(request);
 }
 
 Result makeSearchKey(ReadRequest& request, PooledKey& searchKey) {

@@ -109,7 +109,17 @@ const Operation kOperations[] = {
      [](CZELTA& h) {
        return h.ReadObject(kTable, CZELTA::ReadGreaterEqual, &object, 1, nullptr, nullptr);
      },
-     3, 3, 7, 7, 28, 7},
+     3, 3, 6, 6, 28, 7},
+    {"ReadObject, no key, with a flag",
+     [](CZELTA& h) {
+       return h.ReadObject(kTable, kEqual | CZELTA::ReadNoWait, &object, 1, nullptr, nullptr);
+     },
+     3, 3, 6, 6, 28, 6},
+    {"DeleteObject, no key, with a flag",
+     [](CZELTA& h) {
+       return h.DeleteObject(kTable, kEqual | CZELTA::ReadNoWait, &object, 0, nullptr, nullptr);
+     },
+     3, 3, 5, 5, 28, 6},
     {"SearchIndex",
      [](CZELTA& h) {
        return h.SearchIndex(kTable, 1, &kKey, nullptr, CZELTA::Mode{}, &longNumber);
