@@ -121,6 +121,8 @@ Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZ
   }
   ZELTA_TRY(checkRequest(request));
   ZELTA_TRY(checkIndexKinds(metaData, table));
+  std::uint64_t id = 0;
+  holdKey(request, id);
   PooledKey searchKey;
   ZELTA_TRY(makeSearchKey(request, searchKey));
   Deletion deletion(tables, request, mode);

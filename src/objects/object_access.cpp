@@ -1,5 +1,7 @@
 #include "objects/object_access.h"
 
+#include <cstring>
+
 #include "index/keys.h"
 #include "objects/lock_position.h"
 #include "objects/object_buffer.h"
@@ -282,6 +284,9 @@ bool hasMode(CZELTA::Mode mode) {
   return mode >= CZELTA::ReadEqual && mode <= CZELTA::ReadPrevious;
 }
 
+/// IDs among the results of a search are given in 32 bits whatever the table's IDs have.
+constexpr std::size_t kResultIdSize = 4;
+
 bool needsKey(CZELTA::Mode mode) {
   return mode >= CZELTA::ReadEqual && mode <= CZELTA::ReadGreaterEqual;
 }
@@ -316,6 +321,16 @@ Result checkRequest(const ReadRequest& request) {
     return reportError(&request.metaData, Own::readMode, nullptr, nullptr, request.mode);
   }
   return checkPivot(request);
+}
+
+void holdKey(ReadRequest& request, std::uint64_t& id) {
+  if (request.byTree() || request.key == nullptr) return;
+  const bool amongResults = request.byResults() && !request.table.searchInverted;
+  id = 0;
+  if (needsKey(request.mode)) {
+    std::memcpy(&id, request.key, amongResults ? kResultIdSize : request.table.idSize());
+  }
+  request.key = &id;
 }
 
 Result makeSearchKey(ReadRequest& request, PooledKey& searchKey) {

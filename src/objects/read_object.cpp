@@ -40,6 +40,8 @@ Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZEL
   const bool noLock = !writer || (mode & CZELTA::ReadNoLock) != 0;
   ReadRequest request{metaData, table, withoutFlags(mode), noLock, writer, index, key, nullptr};
   ZELTA_TRY(checkRequest(request));
+  std::uint64_t id = 0;
+  holdKey(request, id);
   PooledKey searchKey;
   ZELTA_TRY(makeSearchKey(request, searchKey));
   Read read(tables, request, mode);
