@@ -38,7 +38,7 @@ class Deletion final : public ObjectAccess {
   VersionKeys before_;
   VersionKeys none_;  ///< of the version afterwards
   KeyChanges changes_;
-  const bool startIsOurs_;  ///< the buffer holds the object that was current, and it is locked
+  bool startIsOurs_;  ///< the buffer holds the object that was current, and it is locked
 };
 
 /// The version that goes: into the buffer, unless the object is there. What the caller may have
@@ -48,6 +48,7 @@ Result Deletion::readVersion(const TableHeader_tag& header, const Located& found
   if (startIsOurs_ && found.objectID == startID_) {
     return readVersionAside(metaData_, table_, files_->manager, found, object);
   }
+  startIsOurs_ = false;
   if (found.memoryPosition != 0) {
     ZELTA_TRY(readPendingObject(metaData_, table_, files_->manager, found));
   } else {

@@ -109,12 +109,7 @@ Result ObjectAccess::pass(Outcome* outcome) {
     *outcome = locked;
     return request_.writer ? askForDead(0, locked, outcome) : result;
   }
-  // A key of another transaction, and one without its object, may be the trace of one that died
-  // without anybody having noticed yet. What seems damaged is looked at once more, as another one
-  // may have repaired it between this pass and the question.
-  const bool broken = result.is(Own::indexInconsistent) || result.is(Own::tableFile);
-  const std::uint32_t asks = broken ? 2 : found.foreignKey ? 1 : 0;
-  if (request_.writer && idleAsks_ < asks) {
+  if (mayBeTrace(result, found)) {
     clearError(metaData_);
     return askForDead(0, Outcome::again, outcome);
   }
@@ -127,7 +122,20 @@ Result ObjectAccess::pass(Outcome* outcome) {
     ZELTA_TRY(meetBlocker(header, found, outcome));
     if (*outcome != Outcome::done) return {};
   }
-  return finishPass(header, found, outcome);
+  const Result end = finishPass(header, found, outcome);
+  if (!mayBeTrace(end, found)) return end;
+  clearError(metaData_);
+  return askForDead(0, Outcome::again, outcome);
+}
+
+/// Whether a key of another transaction, a key without its object or an object without its content
+/// may be the trace of one that died without anybody having noticed yet. What seems damaged is
+/// looked at once more, as another one may have repaired it between this pass and the question.
+bool ObjectAccess::mayBeTrace(Result result, const Located& found) const {
+  if (!request_.writer || settled_) return false;
+  const bool broken = result.is(Own::indexInconsistent) || result.is(Own::tableFile);
+  const std::uint32_t asks = broken ? 2 : found.foreignKey ? 1 : 0;
+  return idleAsks_ < asks;
 }
 
 /// Learns from the control file whether a transaction (0: any) is dead, and repairs it. The

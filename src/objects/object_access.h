@@ -89,6 +89,7 @@ class ObjectAccess {
 
   Result pass(Outcome* outcome);
   Result openPass(TableHeader_tag& header);
+  [[nodiscard]] bool mayBeTrace(Result result, const Located& found) const;
   Result meetBlocker(const TableHeader_tag& header, const Located& found, Outcome* outcome);
   Result dropTraces(const TableHeader_tag& header, const Located& found, Outcome* outcome);
   Result askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome);
@@ -106,9 +107,9 @@ class ObjectAccess {
   std::uint32_t endedTransaction_ = 0;  ///< known to live no more
   std::uint32_t idleAsks_ = 0;          ///< times that a trace was met, and nobody was dead
   bool headerRead_ = false;             ///< the pass got past the table's header
+  bool settled_ = false;                ///< the cursors may have moved: there is no way back
   // A reader without the mutex
   bool watching_ = true;       ///< it makes sure that nobody changes what it reads
-  bool settled_ = false;       ///< it is done with the files, and its way back is cut off
   std::uint32_t changes_ = 0;  ///< count of changes at the beginning of the pass
   std::uint32_t tornRounds_ = 0;
   std::uint32_t repairs_ = 0;

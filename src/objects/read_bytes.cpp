@@ -33,6 +33,16 @@ Result badRecord(MetaData& metaData, const Table& table, std::uint64_t position,
                      static_cast<std::int64_t>(position), static_cast<std::int64_t>(value));
 }
 
+/// The content of a placeholder is still to come from the log. One in a table whose records have a
+/// length has none that an object can have; any other looks like an object but for its version.
+Result refusePlaceholder(MetaData& metaData, const Table& table, std::uint64_t position,
+                         const char* object) {
+  std::uint16_t version = 0;
+  std::memcpy(&version, object, sizeof(version));
+  if (version != kPlaceholderVersion) return {};
+  return badRecord(metaData, table, position, version);
+}
+
 /// Room for an object of `length` bytes. Returns whether the buffer's content is still there.
 bool makeRoom(Table& table, std::uint64_t length) {
   const std::uint64_t need = length + leadOf(table);
@@ -64,6 +74,7 @@ Result readFixed(MetaData& metaData, Table& table, const TableHeader_tag& header
   const SystemCode result = readBuffer(table.tableFile, position,
                                        table.objectBuffer.data() + kFixedLead, table.fixedAreaSize);
   if (result != 0) return failed(metaData, table, result, extension::kTable);
+  ZELTA_TRY(refusePlaceholder(metaData, table, position, table.objectBuffer.data() + kFixedLead));
   takeObject(table, table.fixedAreaSize);
   return {};
 }
@@ -193,7 +204,8 @@ Result readCommittedAside(MetaData& metaData, Table& table, std::uint64_t positi
   }
   char* object = metaData.scratchFor(Scratch::object).reserve(*length);
   const SystemCode result = readLargeBuffer(table.tableFile, begin, object, *length);
-  return result == 0 ? Result() : failed(metaData, table, result, extension::kTable);
+  if (result != 0) return failed(metaData, table, result, extension::kTable);
+  return refusePlaceholder(metaData, table, position, object);
 }
 
 Result eraseSlotTransaction(MetaData& metaData, Table& table, std::uint32_t slotBase,

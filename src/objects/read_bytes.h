@@ -10,7 +10,8 @@
 
 namespace zelta {
 
-/// Reads a committed object into the table's buffer, as a rule in one piece.
+/// Reads a committed object into the table's buffer, as a rule in one piece. A placeholder is own
+/// code 55, here and below.
 Result readCommittedObject(MetaData& metaData, Table& table, const TableHeader_tag& header,
                            std::uint64_t objectID, std::uint64_t position);
 

@@ -9,36 +9,11 @@
 #include <string_view>
 #include <vector>
 
+#include "process/die_between.h"
 #include "process/shop_fixture.h"
 
 namespace zelta::testing {
 namespace {
-
-/// Kills the process before a write to the last of some files, once the others have been written in
-/// their order.
-class DieBetween final : public platform::faults::Hook {
- public:
-  explicit DieBetween(std::vector<std::string> extensions) : extensions_(std::move(extensions)) {
-    platform::faults::install(this);
-  }
-  ~DieBetween() override { platform::faults::install(nullptr); }
-  platform::faults::Verdict before(const platform::faults::Event& event) override {
-    platform::faults::Verdict verdict;
-    const std::string& next = extensions_[seen_];
-    if (event.call != platform::faults::Call::write || event.name.size() < next.size() ||
-        event.name.compare(event.name.size() - next.size(), next.size(), next) != 0) {
-      return verdict;
-    }
-    verdict.die = seen_ + 1 == extensions_.size();
-    if (verdict.die) verdict.cutTo = 0;
-    ++seen_;
-    return verdict;
-  }
-
- private:
-  std::vector<std::string> extensions_;
-  std::size_t seen_ = 0;
-};
 
 /// Behind the index and the table, the entry goes from the log.
 const std::vector<std::string> kApplied = {".zli", ".zlt", ".zll"};

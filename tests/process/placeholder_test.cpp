@@ -1,0 +1,134 @@
+// What others meet of objects whose places in the table are decided while their content still is in
+// the log only: a process died in its commit, and the table file has been repaired since.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "process/die_between.h"
+#include "support/check_database.h"
+#include "support/database_fixture.h"
+
+namespace zelta::testing {
+namespace {
+
+constexpr unsigned kTable = 1;
+constexpr auto kNoLock = CZELTA::ReadNoLock;
+constexpr auto kNoWait = CZELTA::ReadNoWait;
+
+/// A handle of the table, whose objects hold a number.
+struct Pupil {
+  CZELTA db;
+  CZELTA::Object object{};
+
+  unsigned long long begin(const std::u16string& path, CZELTA::Mode mode) {
+    if (const auto failure = db.OpenDatabase(path.c_str()); failure != 0) return failure;
+    if (const auto failure = db.BeginTransaction(mode, 10000); failure != 0) return failure;
+    return db.OpenTable(kTable);
+  }
+  unsigned long long add(std::uint32_t number) {
+    if (const auto failure = db.NewObject(kTable, &object, 0); failure != 0) return failure;
+    std::memcpy(object.data, &number, sizeof number);
+    return db.AddObject(kTable, nullptr, 0);
+  }
+  unsigned long long rewrite(long long id, std::uint32_t number) {
+    if (const auto failure = db.ReadObject(kTable, id, &object); failure != 0) return failure;
+    std::memcpy(object.data, &number, sizeof number);
+    return db.RewriteObject(kTable, nullptr);
+  }
+  unsigned long long read(long long id, CZELTA::Mode flags) {
+    return db.ReadObject(kTable, id, flags, &object);
+  }
+  unsigned long long readKey(std::uint32_t key, CZELTA::Mode flags) {
+    return db.ReadObject(kTable, CZELTA::ReadEqual | flags, &object, 1, &key, nullptr);
+  }
+  unsigned long long eraseKey(std::uint32_t key, CZELTA::Mode flags) {
+    return db.DeleteObject(kTable, CZELTA::ReadEqual | flags, &object, 1, &key, nullptr);
+  }
+  [[nodiscard]] std::uint32_t number() const {
+    std::uint32_t number = 0;
+    std::memcpy(&number, object.data, sizeof number);
+    return number;
+  }
+};
+
+/// With a parameter, the table has a field of variable length too.
+class Placeholder : public DatabaseTest, public ::testing::WithParamInterface<bool> {
+ protected:
+  /// Objects 1 to 3 hold 10, 20 and 30. `writer` and `reader` are in transactions when a process
+  /// dies that has committed 22 for the second one and 44 as a fourth.
+  void SetUp() override {
+    ChildProcess maker([this](const ChildProcess::Line&) { return make() ? 0 : 1; });
+    ASSERT_EQ(maker.wait(), 0);
+    ChildProcess victim([this](const ChildProcess::Line& line) {
+      if (line.hear() != 'g') return 1;
+      Pupil own;
+      if (own.begin(path(), CZELTA::TransactionShared) != 0) return 2;
+      if (own.rewrite(2, 22) != 0 || own.add(44) != 0) return 3;
+      // Behind the index, the table gets its journal, and the word that it counts.
+      const DieBetween death({".zli", ".zlt", ".zlt", ".zlt"});
+      static_cast<void>(own.db.CommitTransaction(true));
+      return 4;
+    });
+    ASSERT_DONE(writer.db, writer.begin(path(), CZELTA::TransactionShared));
+    ASSERT_DONE(reader.db, reader.begin(path(), CZELTA::TransactionRead));
+    victim.tell('g');
+    ASSERT_EQ(victim.wait(), 256 + SIGKILL);
+    // Who reads anything repairs the table file, and nothing else.
+    ASSERT_DONE(writer.db, writer.read(1, kNoLock));
+  }
+  void TearDown() override {
+    ASSERT_DONE(writer.db, writer.db.CloseDatabase());
+    ASSERT_DONE(reader.db, reader.db.CloseDatabase());
+    expectClean(path());
+  }
+  bool make() {
+    SmallSchema small(u"T", kTable);
+    CZELTA::Schema::Field fields[] = {small.field, {CZELTA::TypeText, 0, 9, 0, u"text", nullptr}};
+    small.schema.fields = fields;
+    small.schema.fieldCount = GetParam() ? 2 : 1;
+    Pupil first;
+    bool done = first.db.CreateDatabase(path().c_str()) == 0 &&
+                first.db.BeginTransaction(CZELTA::TransactionExclusive, 10000) == 0 &&
+                first.db.CreateTable(&small.schema, nullptr) == 0;
+    for (std::uint32_t number = 10; done && number <= 30; number += 10) {
+      done = first.add(number) == 0;
+    }
+    return done && first.db.CommitTransaction(true) == 0 && first.db.EndTransaction() == 0;
+  }
+  void expectRead(Pupil& pupil, long long id, std::uint32_t number, CZELTA::Mode flags) {
+    ASSERT_DONE(pupil.db, pupil.read(id, flags)) << id;
+    EXPECT_EQ(pupil.number(), number);
+    EXPECT_EQ(pupil.object.version, id == 2 ? 2 : 1);
+  }
+
+  Pupil writer;
+  Pupil reader;
+};
+
+TEST_P(Placeholder, IsNoObjectToAReader) {
+  EXPECT_EQ(reader.read(2, CZELTA::Mode{}), ownCode(55));
+  EXPECT_EQ(reader.read(4, CZELTA::Mode{}), ownCode(55));
+  expectRead(reader, 3, 30, CZELTA::Mode{});
+  expectRead(writer, 2, 22, kNoWait);
+  expectRead(reader, 2, 22, CZELTA::Mode{});
+  expectRead(reader, 4, 44, CZELTA::Mode{});
+}
+
+TEST_P(Placeholder, GetsItsContentWhenAWriterReadsItWithoutLock) {
+  expectRead(writer, 4, 44, kNoLock);
+}
+
+TEST_P(Placeholder, OfARewrittenObjectGetsItsContentLikewise) {
+  expectRead(writer, 2, 22, kNoLock);
+}
+
+std::string nameOfTable(const ::testing::TestParamInfo<bool>& variable) {
+  return variable.param ? "variable" : "fixed";
+}
+INSTANTIATE_TEST_SUITE_P(Tables, Placeholder, ::testing::Bool(), nameOfTable);
+
+}  // namespace
+}  // namespace zelta::testing
