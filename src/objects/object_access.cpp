@@ -98,7 +98,11 @@ Result ObjectAccess::pass(Outcome* outcome) {
   table_.currentObjectID = startID_;
   blockedBy_ = 0;
   blockedPosition_ = 0;
-  ZELTA_TRY(openPass(header));
+  if (const Result opened = openPass(header); opened.failed()) {
+    // To a writer: an object waits for its content from the log, and an index for the object.
+    if (!request_.writer || !opened.isLocked()) return opened;
+    return askForDead(0, Outcome::blockedByTransaction, outcome);
+  }
   Located found;
   const Result result = locateObject(request_, header, files_ ? &*files_ : nullptr, found);
   blockedID_ = found.objectID;

@@ -125,10 +125,41 @@ TEST_P(Placeholder, OfARewrittenObjectGetsItsContentLikewise) {
   expectRead(writer, 2, 22, kNoLock);
 }
 
+/// The index file is gone, and the build of a new one stops at the first placeholder.
+class PlaceholderWithoutIndex : public Placeholder {
+ protected:
+  void SetUp() override {
+    Placeholder::SetUp();
+    ASSERT_TRUE(std::filesystem::remove(folder.path() / "T.zli"));
+  }
+};
+
+TEST_P(PlaceholderWithoutIndex, GetsItsContentWhenAWriterReadsByKey) {
+  ASSERT_DONE(writer.db, writer.readKey(22, kNoWait));
+  EXPECT_EQ(writer.object.objectID, 2);
+  EXPECT_EQ(writer.number(), 22u);
+  ASSERT_DONE(writer.db, writer.readKey(44, kNoWait));
+  EXPECT_EQ(writer.readKey(20, kNoWait), ownCode(32));
+}
+
+TEST_P(PlaceholderWithoutIndex, GetsItsContentWhenAWriterReadsByKeyWithoutLock) {
+  ASSERT_DONE(writer.db, writer.readKey(44, kNoWait | kNoLock));
+  EXPECT_EQ(writer.object.objectID, 4);
+  EXPECT_EQ(writer.number(), 44u);
+}
+
+TEST_P(PlaceholderWithoutIndex, GetsItsContentWhenAWriterDeletesByKey) {
+  ASSERT_DONE(writer.db, writer.eraseKey(22, kNoWait));
+  EXPECT_EQ(writer.object.objectID, 2);
+  EXPECT_EQ(writer.number(), 22u);
+  ASSERT_DONE(writer.db, writer.db.CommitTransaction(true));
+}
+
 std::string nameOfTable(const ::testing::TestParamInfo<bool>& variable) {
   return variable.param ? "variable" : "fixed";
 }
 INSTANTIATE_TEST_SUITE_P(Tables, Placeholder, ::testing::Bool(), nameOfTable);
+INSTANTIATE_TEST_SUITE_P(Tables, PlaceholderWithoutIndex, ::testing::Bool(), nameOfTable);
 
 }  // namespace
 }  // namespace zelta::testing
