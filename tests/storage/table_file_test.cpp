@@ -4,6 +4,7 @@
 #include "storage/table_file.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "support/storage_fixture.h"
 
@@ -214,6 +215,67 @@ TEST_F(TableFileTest, ARepairThatDiesAnywhereIsRepairedByTheNext) {
       ASSERT_TRUE(after == committed()) << calls << (cut ? " cut" : "");
     }
   }
+}
+
+TEST_F(TableFileTest, AJournalWithoutAnIntentIsNothing) {
+  std::string early = atRest();
+  early.resize(place(4), '\0');
+  early += journal();
+  for (const bool mayRecover : {true, false}) {
+    ASSERT_TRUE(read(early, mayRecover).ok());
+    EXPECT_TRUE(bytes() == early);
+    EXPECT_EQ(header.endOfFile, place(3));
+  }
+}
+
+/// Objects 1, 2, 3 of a table of fixed records with wide IDs, and a commit that rewrites 1, deletes
+/// 2, moves 3 into its place and adds 6, where 3 was.
+TEST_F(TableFileTest, PlaceholdersOfFixedRecordsAreVersionAndIDAlone) {
+  constexpr std::uint64_t kRecord = 14;
+  const auto record = [&](std::string& bytes, std::uint64_t i, std::uint16_t version,
+                          std::uint64_t id, std::uint32_t value) {
+    put(bytes, kArea + kRecord * i, version);
+    put(bytes, kArea + kRecord * i + 2, id);
+    put(bytes, kArea + kRecord * i + 10, value);
+  };
+  std::string sound = atRest().substr(0, kArea);
+  for (const auto& [at, value] : {std::pair{16, 10u}, {20, 14u}, {24, 14u}, {28, 14u}}) {
+    put(sound, static_cast<std::size_t>(at), value);
+  }
+  for (std::uint64_t id = 1; id <= 3; ++id) {
+    record(sound, id - 1, 5, id, static_cast<std::uint32_t>(id * 11));
+    put(sound, slot(id), kArea + kRecord * (id - 1));
+  }
+  put(sound, 64, kArea + 3 * kRecord);
+  std::string intended = sound;
+  const std::string entries = entry(9, 0, 3, 0, kArea + kRecord, kArea + 2 * kRecord) +
+                              entry(10, 0, 1, 0, 0, kArea) + entry(11, 0, 2, 4, 0, 0) +
+                              entry(13, 0, 6, 4, kArea + 2 * kRecord, 2);
+  put(intended, 72, kArea + 3 * kRecord);
+  put(intended, 80, kArea + 3 * kRecord + entries.size());
+  put(intended, 88, kArea + 3 * kRecord);
+  put(intended, 100, std::uint32_t{9});
+  put(intended, 112, std::uint32_t{4});
+  put(intended, 120, kArea);
+  put(intended, 136, std::uint64_t{4});
+  put(intended, 144, std::uint64_t{6});
+  put(intended, 152, std::uint64_t{2});
+  put(intended, 96, sumOf(intended.substr(104, 64)) ^ sumOf(entries));
+  ASSERT_TRUE(read(intended + entries).ok());
+
+  std::string expected = sound;
+  put(expected, 32, std::uint64_t{6});
+  put(expected, 40, std::uint64_t{2});
+  for (const std::uint64_t id : {1u, 6u}) put(expected, slot(id) + 8, std::uint32_t{9});
+  put(expected, slot(2), kFree | 4);
+  put(expected, slot(3), kArea + kRecord);
+  put(expected, slot(4), kFree | 5);
+  put(expected, slot(5), kFree);
+  put(expected, slot(6), kArea + 2 * kRecord);
+  record(expected, 0, 0xFFFF, 1, 11);
+  record(expected, 1, 5, 3, 33);
+  record(expected, 2, 0xFFFF, 6, 33);  // the rest is what was there
+  EXPECT_TRUE(bytes() == expected);
 }
 
 TEST_F(TableFileTest, AnIncompleteJournalIsForgotten) {

@@ -13,6 +13,7 @@ namespace zelta::testing {
 namespace {
 
 using Blocks = std::map<std::uint64_t, std::uint64_t>;
+using Places = std::map<std::uint64_t, std::uint64_t>;
 
 constexpr std::uint64_t kBlock = 48;       ///< of an object of kVariable with 20 letters
 constexpr std::uint64_t kFirstArea = 612;  ///< from the slot base, room for 50 slots
@@ -34,6 +35,16 @@ Model modelOf(const std::vector<std::vector<EditStep>>& commits, const TableForm
     }
   }
   return model;
+}
+
+/// Places of objects of a fixed table, counted in records from the area's start.
+Places placesOf(Bench& bench) {
+  const RawTable raw = bench.raw();
+  Places places;
+  for (const auto& [id, position] : raw.positions) {
+    places[id] = (position - raw.areaStart) / kRecord;
+  }
+  return places;
 }
 
 // -- The array of slots ---------------------------------------------------------------------------
@@ -164,6 +175,38 @@ TEST(SlotArray, Of_a_fixed_table_shrinks_and_its_last_records_move_in) {
   }
 }
 
+TEST(SlotArray, Of_a_fixed_table_leaves_its_room_to_new_objects_first) {
+  std::vector<EditStep> most = adds(1, 200);
+  most.erase(most.begin() + 2);  // no object 3
+  std::vector<EditStep> changes = erases(5, 200);
+  changes.push_back(add(3, 3));
+  changes.push_back(rewrite(4, 104));
+  Bench bench(kFixed);
+  bench.commit(most);
+  bench.commit(changes);
+  const RawTable raw = bench.raw();
+  EXPECT_EQ(raw.areaStart, raw.slotBase + kFirstArea);
+  EXPECT_EQ(placesOf(bench), (Places{{3, 0}, {4, 1}, {2, 2}, {1, 3}}));
+  EXPECT_EQ(raw.objects, modelOf({most, changes}, kFixed));
+}
+
+TEST(SlotArray, Of_many_slots_is_chained_and_cleared_without_a_break) {
+  constexpr std::uint64_t kFar = 10000;  // more than is written in one go
+  for (const TableForm& form : {kFixed, kVariable}) {
+    SCOPED_TRACE(form.name);
+    Bench bench(form);
+    bench.commit({add(1, 1), add(kFar, 2)});
+    EXPECT_EQ(bench.raw().freeIDs.size(), kFar - 2);
+    bench.commit({erase(kFar)});
+    const RawTable raw = bench.raw();
+    EXPECT_EQ(raw.freeIDs.size(), 0u);
+    EXPECT_EQ(raw.highestID, 1u);
+    // Slots that come back hold nothing of what has been there.
+    bench.commit({add(kFar, 2)});
+    EXPECT_EQ(bench.raw().freeIDs.size(), kFar - 2);
+  }
+}
+
 TEST(SlotArray, Shrinks_from_a_certain_highest_ID_on) {
   // 60 slots take a second step. The array gets shorter when 71 slots above the highest ID and a
   // unit fit into it.
@@ -282,18 +325,29 @@ TEST(Blocks, Behind_the_end_of_the_table_are_cut_by_the_next_commit) {
   }
 }
 
-// -- Holes ----------------------------------------------------------------------------------------
-
-/// Places of objects of a fixed table, counted in records from the area's start.
-std::map<std::uint64_t, std::uint64_t> placesOf(Bench& bench) {
-  const RawTable raw = bench.raw();
-  std::map<std::uint64_t, std::uint64_t> places;
-  for (const auto& [id, position] : raw.positions) {
-    places[id] = (position - raw.areaStart) / kRecord;
+/// Objects that do not fit into a piece of what is read or written in one go.
+TEST(Blocks, Of_large_objects_are_written_moved_and_left_in_full) {
+  constexpr std::size_t kPiece = 256 * 1024;
+  constexpr std::size_t kRest = 11;  // of an object, around its text
+  const std::vector<std::vector<EditStep>> commits = {
+      {add(1, 1, kPiece + 5000), add(2, 2), add(3, 3, kPiece - kRest - 1)},
+      {add(4, 4, kPiece - kRest), add(5, 5, kPiece - kRest + 1), add(6, 6), add(7, 7, 3 * kPiece)},
+      {rewrite(1, 11, kPiece + 4990), rewrite(3, 13, 2 * kPiece), rewrite(7, 17, 5)},
+      adds(51, 60),  // the first object gives way to the slots
+      {erase(1), erase(4), rewrite(5, 15, kPiece), add(61, 61, kPiece + 3)}};
+  for (const TableForm& form : {kVariable, kForms[3]}) {
+    SCOPED_TRACE(form.name);
+    Bench bench(form);
+    std::vector<std::vector<EditStep>> done;
+    for (const auto& steps : commits) {
+      bench.commit(steps);
+      done.push_back(steps);
+      EXPECT_TRUE(bench.raw().objects == modelOf(done, form)) << done.size();
+    }
   }
-  return places;
 }
-using Places = std::map<std::uint64_t, std::uint64_t>;
+
+// -- Holes ----------------------------------------------------------------------------------------
 
 TEST(Holes, Are_filled_by_new_objects_first_in_the_order_of_IDs) {
   Bench bench(kFixed);
