@@ -43,6 +43,7 @@ class ModelOf : public ::testing::TestWithParam<TableShape> {
       SCOPED_TRACE("batch " + std::to_string(batch) + " of seed " + std::to_string(seed));
       for (unsigned i = 0; i < operations; ++i) {
         workers[random.below(handles)].step();
+        if (i % 100 == 99) expectNoDamage();
         ASSERT_FALSE(HasFailure()) << "operation " << i;
       }
       settle(table, workers, all, batch);
@@ -53,6 +54,12 @@ class ModelOf : public ::testing::TestWithParam<TableShape> {
   }
 
  private:
+  /// Between two operations the files agree, whatever transactions are open.
+  void expectNoDamage() {
+    for (const CheckFinding& finding : checkDatabase(path())) {
+      if (finding.kind == CheckKind::damage) ADD_FAILURE() << describe(finding);
+    }
+  }
   /// All transactions end; the files must agree with the model and with each other. Now and then
   /// the database is closed on the way.
   void settle(const TableModel& table, std::vector<RandomWorker>& workers,
