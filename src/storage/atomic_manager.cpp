@@ -20,6 +20,10 @@ std::uint32_t statedSize(const char* page) {
   return size;
 }
 
+const char16_t* extensionOf(PageFile file) {
+  return file == PageFile::memory ? extension::kMemory : extension::kIndex;
+}
+
 /// Sizes up to this belong to no page: they leave no room for a kind.
 constexpr std::uint32_t kNoPageSize = 4;
 /// What is read at once at most before a page's size is known.
@@ -32,6 +36,15 @@ constexpr std::uint64_t kPageAlignment = 8;
 constexpr std::uint64_t kUnchangedLimit = 2 * 1024 * 1024;
 
 }  // namespace
+
+Result reportPages(MetaData& metaData, const Table& table, PageFile file, SystemCode failure) {
+  return reportSystemError(&metaData, failure, table.cName(), extensionOf(file));
+}
+
+Result reportDamagedPages(MetaData& metaData, const Table& table, PageFile file) {
+  return reportError(&metaData, file == PageFile::memory ? Own::memoryFile : Own::indexFile,
+                     table.cName(), extensionOf(file));
+}
 
 AtomicManager::AtomicManager(MetaData& theMetaData, Table& theTable)
     : metaData(theMetaData), table(theTable), indexCount(theTable.indexCount) {
@@ -97,19 +110,6 @@ AtomicManager::Page* AtomicManager::changedPage(PageFile file, std::uint64_t pos
 
 AtomicManager::Page* AtomicManager::unchangedPage(PageFile file, std::uint64_t position) const {
   return static_cast<Page*>(find(unchanged_[file == PageFile::memory ? 1 : 0], position));
-}
-
-const char16_t* AtomicManager::extensionOf(PageFile file) const {
-  return file == PageFile::memory ? extension::kMemory : extension::kIndex;
-}
-
-Result AtomicManager::corrupted(PageFile file) const {
-  return reportError(&metaData, file == PageFile::memory ? Own::memoryFile : Own::indexFile,
-                     table.cName(), extensionOf(file));
-}
-
-Result AtomicManager::failed(PageFile file, SystemCode code) const {
-  return reportSystemError(&metaData, code, table.cName(), extensionOf(file));
 }
 
 bool AtomicManager::inside(PageFile file, std::uint64_t position, std::uint64_t size) const {

@@ -20,6 +20,10 @@ struct IndexFileHeader_tag;
 /// Which of a table's two paged files.
 enum class PageFile { index, memory };
 
+/// Reports a failed call on one of them, or that it is damaged.
+Result reportPages(MetaData& metaData, const Table& table, PageFile file, SystemCode failure);
+Result reportDamagedPages(MetaData& metaData, const Table& table, PageFile file);
+
 class AtomicManager {
  public:
   using Page = PageNode;
@@ -136,9 +140,10 @@ class AtomicManager {
   [[nodiscard]] std::uint64_t end(PageFile file) const {
     return file == PageFile::memory ? memoryEndOfFile : indexEndOfFile;
   }
-  [[nodiscard]] const char16_t* extensionOf(PageFile file) const;
-  Result corrupted(PageFile file) const;
-  Result failed(PageFile file, SystemCode code) const;
+  Result corrupted(PageFile file) const { return reportDamagedPages(metaData, table, file); }
+  Result failed(PageFile file, SystemCode code) const {
+    return reportPages(metaData, table, file, code);
+  }
 
   Result viewFilePage(PageFile file, std::uint64_t position, const char** page);
   [[nodiscard]] bool inside(PageFile file, std::uint64_t position, std::uint64_t size) const;
