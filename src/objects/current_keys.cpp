@@ -76,22 +76,6 @@ Result keepSource(MetaData& metaData, Table& table, std::uint64_t objectID, Obje
   return {};
 }
 
-/// Fills the cursor of a multi-entry index anew, and lets it stay at its key if that is there
-/// still.
-Result renewEntries(MetaData& metaData, Table& table, std::uint32_t index, std::uint64_t objectID,
-                    ObjectBytes object) {
-  IndexCursor& cursor = table.indexStates[index];
-  struct OldKeys {
-    ~OldKeys() { table.nodePool.releaseTree(pool, shape, nodes); }
-    Table& table;
-    KeyPool& pool;
-    KeyShape shape;
-    ObjectKeyNode* nodes;
-  } old{table, cursor.keyPool, table.keyShape(index), std::exchange(cursor.currentKeys, nullptr)};
-  const std::uint32_t* place = std::exchange(cursor.currentKey, nullptr);
-  return fillEntries(metaData, table, index, object.data, object.length, objectID, place, nullptr);
-}
-
 }  // namespace
 
 Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
@@ -109,20 +93,58 @@ Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t object
   return keepSource(metaData, table, objectID, object);
 }
 
-Result renewCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
-                        ObjectBytes object) {
-  if (table.indexCount == 0) return {};
-  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    IndexCursor& cursor = table.indexStates[i];
-    if (table.listKind(i)) continue;
-    if (cursor.currentKeys != nullptr) {
-      ZELTA_TRY(renewEntries(metaData, table, i, objectID, object));
+CurrentKeysChange::~CurrentKeysChange() {
+  if (!made_) return;
+  if (!kept_) {
+    putBack();
+    return;
+  }
+  for (Place& place : places_) {
+    KeyPool& pool = table_.indexStates[place.index].keyPool;
+    const KeyShape shape = table_.keyShape(place.index);
+    if (place.keys != nullptr) {
+      table_.nodePool.releaseTree(pool, shape, place.keys);  // owns the key too
     } else {
-      table.indexStates[i].keyPool.release(table.keyShape(i),
-                                           std::exchange(cursor.currentKey, nullptr));
+      pool.release(shape, place.key);
     }
   }
-  return keepSource(metaData, table, objectID, object);
+}
+
+void CurrentKeysChange::takeOut() {
+  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    const IndexCursor& cursor = table_.indexStates[i];
+    if (!table_.listKind(i)) places_.add({cursor.currentKey, cursor.currentKeys, i});
+  }
+  made_ = true;
+  for (const Place& place : places_) {
+    table_.indexStates[place.index].currentKey = nullptr;
+    table_.indexStates[place.index].currentKeys = nullptr;
+  }
+  table_.keySource.swap(table_.otherKeySource);
+  sourceLength_ = table_.keySourceLength;
+  sourceID_ = std::exchange(table_.keySourceID, 0);
+}
+
+void CurrentKeysChange::putBack() noexcept {
+  table_.releaseCurrentKeys();
+  for (const Place& place : places_) {
+    table_.indexStates[place.index].currentKey = place.key;
+    table_.indexStates[place.index].currentKeys = place.keys;
+  }
+  table_.keySource.swap(table_.otherKeySource);
+  table_.keySourceLength = sourceLength_;
+  table_.keySourceID = sourceID_;
+}
+
+Result CurrentKeysChange::make(MetaData& metaData, std::uint64_t objectID, ObjectBytes object) {
+  if (table_.indexCount == 0) return {};
+  takeOut();
+  for (const Place& place : places_) {
+    if (place.keys == nullptr) continue;
+    ZELTA_TRY(fillEntries(metaData, table_, place.index, object.data, object.length, objectID,
+                          place.key, nullptr));
+  }
+  return keepSource(metaData, table_, objectID, object);
 }
 
 Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,

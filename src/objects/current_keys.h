@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "objects/short_list.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -60,10 +61,37 @@ struct MatchedKey {
 Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
                           ObjectBytes object, MatchedKey matched, std::uint32_t* entry);
 
-/// The same for an object that the cursors stand on and that has changed. In an index with many
-/// entries for an object a cursor stays at its key if the object still has it.
-Result renewCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
-                        ObjectBytes object);
+/// Gives the cursors the keys of another version of the object that they stand on. They get those
+/// of the version before back at the end of the scope, unless the change is kept.
+class CurrentKeysChange {
+ public:
+  explicit CurrentKeysChange(Table& table) : table_(table) {}
+  ~CurrentKeysChange();
+  CurrentKeysChange(const CurrentKeysChange&) = delete;
+  CurrentKeysChange& operator=(const CurrentKeysChange&) = delete;
+
+  /// In an index with many entries for an object a cursor stays at its key if the object still has
+  /// it.
+  Result make(MetaData& metaData, std::uint64_t objectID, ObjectBytes object);
+  void keep() noexcept { kept_ = true; }
+
+ private:
+  /// Where a cursor stood.
+  struct Place {
+    std::uint32_t* key;
+    ObjectKeyNode* keys;
+    std::uint32_t index;
+  };
+  void takeOut();
+  void putBack() noexcept;
+
+  Table& table_;
+  ShortList<Place> places_;
+  std::uint32_t sourceLength_ = 0;
+  std::uint64_t sourceID_ = 0;
+  bool made_ = false;
+  bool kept_ = false;
+};
 
 /// The key in an index (from 0) of the object that the cursors stand on; null if it has none, or if
 /// they stand on none. They keep their place when the object is given up but not replaced.

@@ -34,7 +34,6 @@ class Restoration {
 
  private:
   Result readVersions(const TableHeader_tag& header, bool added);
-  Result putCursorsBack(bool added);
   void record(UInt64AVLTree*& changed, bool added);
 
   MetaData& metaData_;
@@ -65,13 +64,6 @@ Result Restoration::readVersions(const TableHeader_tag& header, bool added) {
   return committedKeys_.make(committed_);
 }
 
-Result Restoration::putCursorsBack(bool added) {
-  if (table_.currentObjectID != objectID_) return {};
-  if (!added) return renewCurrentKeys(metaData_, table_, objectID_, committed_);
-  table_.releaseCurrentKeys();
-  return {};
-}
-
 Result Restoration::run(UInt64AVLTree*& changed) {
   const bool added = &changed == &table_.addedObjects;
   TableMutexGuard guard;
@@ -86,11 +78,15 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   ZELTA_TRY(changes_.plan(trees, objectID_, pendingKeys_, pending, committedKeys_,
                           KeyChanges::Source::committed));
   // All that can fail for want of memory comes before the files are changed.
-  ZELTA_TRY(putCursorsBack(added));
+  CurrentKeysChange keys(table_);
+  if (!added && table_.currentObjectID == objectID_) {
+    ZELTA_TRY(keys.make(metaData_, objectID_, committed_));
+  }
   if (pending) {
     ZELTA_TRY(changes_.enter(trees));
     ZELTA_TRY(removeObject(manager_, memoryHeader, table_, objectID_));
   }
+  keys.keep();
   changes_.finish();
   record(changed, added);
   return guard.release();
@@ -101,8 +97,10 @@ void Restoration::record(UInt64AVLTree*& changed, bool added) {
   remove(node, changed);
   if (added) {
     --table_.addedCount;
-    if (table_.currentObjectID == objectID_) table_.currentObjectID = 0;
     delete node;
+    if (table_.currentObjectID != objectID_) return;
+    table_.releaseCurrentKeys();
+    table_.currentObjectID = 0;
     return;
   }
   if (&changed == &table_.deletedObjects) --table_.deletedCount;

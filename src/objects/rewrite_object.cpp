@@ -124,12 +124,13 @@ Result Rewriting::pass() {
 Result Rewriting::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
   ZELTA_TRY(changes_.enter(trees));
   // All that can fail for want of memory comes before the object is stored.
-  ZELTA_TRY(
-      renewCurrentKeys(metaData_, table_, objectID_, {table_.objectData, table_.objectLength}));
+  CurrentKeysChange keys(table_);
+  ZELTA_TRY(keys.make(metaData_, objectID_, {table_.objectData, table_.objectLength}));
   RaisedVersion version(table_.objectData);
   ZELTA_TRY(
       storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_));
   version.keep();
+  keys.keep();
   if (UInt64AVLTree* node = find(table_.lockedObjects, objectID_); node != nullptr) {
     remove(node, table_.lockedObjects);
     insert(node, table_.editedObjects, objectID_);

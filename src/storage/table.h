@@ -90,6 +90,7 @@ class Table final : public UInt32AVLTree {
   std::uint64_t currentObjectID = 0;
   /// The object read last as it was read, if the keys of the cursors are made from it on demand.
   ScratchBuffer keySource;
+  ScratchBuffer otherKeySource;  ///< room for the version that replaces it
   std::uint32_t keySourceLength = 0;
   std::uint64_t keySourceID = 0;  ///< its ID; 0: there is none
   platform::File tableFile = platform::File::none;

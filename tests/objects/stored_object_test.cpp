@@ -140,6 +140,41 @@ TEST_F(StoredObject, OutOfMemoryMeansThatItIsNotThere) {
   }
 }
 
+/// Rewrites an object while the n-th allocation fails, for all n: walks go on from where they stood
+/// unless the object was rewritten.
+TEST_F(StoredObject, OutOfMemoryInARewriteKeepsThePlaceOfWalks) {
+  makeRows();
+  CZELTA handle;
+  begin(handle);
+  for (std::uint32_t number = 10; number <= 30; number += 10) {
+    ASSERT_DONE(handle, add(handle, number, {number, number + 1, number + 2}));
+  }
+  std::vector<std::uint32_t> rows(100);
+  for (std::uint32_t i = 0; i < rows.size(); ++i) rows[i] = 100 + i;
+  Packed bytes;
+  for (const std::uint32_t row : rows) bytes.number(row);
+  const std::string value = Packed().binary(bytes);
+  bool stored = false;
+  for (long n = 0; !stored; ++n) {
+    const std::uint32_t row = 11;
+    const std::uint32_t number = 25;
+    CZELTA::Object object;
+    ASSERT_DONE(handle, handle.ReadObject(1, CZELTA::ReadEqual, &object, 1, &row, nullptr));
+    ASSERT_DONE(handle, handle.PutVariableValues(
+                            1, value.data(), static_cast<unsigned>(value.size()), 0, 1, &object));
+    std::memcpy(object.data, &number, 4);
+    allocationsLeft = n;
+    const unsigned long long word = handle.RewriteObject(1, nullptr);
+    allocationsLeft = -1;
+    stored = word == 0;
+    if (stored) break;
+    EXPECT_EQ(word, testing::systemCode(8)) << n;
+    EXPECT_EQ(numberAt(handle, CZELTA::ReadNext, 1), 10u) << n;  // its next row
+    EXPECT_EQ(numberAt(handle, CZELTA::ReadNext, 2), 20u) << n;
+  }
+  EXPECT_EQ(numberAt(handle, CZELTA::ReadNext, 2), 30u);
+}
+
 /// The writer dies while the other transaction runs, so that no begin of a transaction meets it.
 TEST_F(StoredObject, AKeyOfADeadTransactionIsFree) {
   makeRows();
