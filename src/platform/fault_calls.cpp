@@ -4,11 +4,17 @@
 
 #include <atomic>
 
+#ifdef _WIN32
+#include "platform/windows/thread_process.h"
+#endif
+
 namespace zelta::platform {
 
 namespace {
 
 std::atomic<faults::Hook*> theHook{nullptr};
+thread_local bool ownHook = false;
+thread_local faults::Hook* threadHook = nullptr;
 std::atomic<std::uint64_t> callCount{0};
 std::atomic<std::uint64_t> flushCount{0};
 
@@ -16,7 +22,13 @@ std::atomic<std::uint64_t> flushCount{0};
 
 namespace faults {
 
-void install(Hook* hook) { theHook = hook; }
+void install(Hook* hook) {
+  if (ownHook) {
+    threadHook = hook;
+  } else {
+    theHook = hook;
+  }
+}
 std::uint64_t systemCalls() { return callCount; }
 std::uint64_t flushes() { return flushCount; }
 
@@ -27,11 +39,16 @@ Asked ask(Call call, const std::string& name, std::uint64_t position, std::uint6
   // Owning a mutex costs a system call only if somebody has to be woken or waited for.
   if (call != Call::mutexWait && call != Call::mutexRelease) ++callCount;
   if (call == Call::flush) ++flushCount;
-  faults::Hook* hook = theHook;
+#ifdef _WIN32
+  windows::endIfKilled();
+#endif
+  faults::Hook* hook = ownHook ? threadHook : theHook.load();
   if (hook == nullptr) return {};
   const faults::Verdict verdict = hook->before({call, name, position, length, data});
   return {verdict.code, verdict.cutTo, verdict.die};
 }
+
+void useOwnHook() { ownHook = true; }
 
 void countCall() { ++callCount; }
 void uncountCall() { --callCount; }

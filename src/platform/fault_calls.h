@@ -27,6 +27,8 @@ struct Asked {
 void countCall();
 /// The call that the hook was asked about was served from memory.
 void uncountCall();
+/// From now on the calling thread has a hook of its own, first none: it counts as a process.
+void useOwnHook();
 /// Ends the process without any clean-up, as a kill from outside does.
 [[noreturn]] void dieNow();
 

@@ -3,7 +3,6 @@
 // there afterwards, and of the step under way everything or nothing.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -229,11 +228,7 @@ std::string contentsOf(const std::u16string& path, CZELTA::Mode mode) {
 
 class ApplicationCrash : public ::testing::Test {
  protected:
-  ApplicationCrash()
-      : thorough_(std::getenv("ZELTA_THOROUGH") != nullptr),
-        reported_(static_cast<int*>(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE,
-                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-  ~ApplicationCrash() override { munmap(reported_, sizeof *reported_); }
+  ApplicationCrash() : thorough_(std::getenv("ZELTA_THOROUGH") != nullptr) {}
   ApplicationCrash(const ApplicationCrash&) = delete;
   ApplicationCrash& operator=(const ApplicationCrash&) = delete;
 
@@ -261,7 +256,7 @@ class ApplicationCrash : public ::testing::Test {
     for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
       std::filesystem::remove(entry.path());
     }
-    std::filesystem::copy(start_.path(), folder_.path());
+    folder_.copyFrom(start_);
     *reported_ = 0;
   }
   /// Runs the application. False if it came to its end without meeting the call.
@@ -353,7 +348,7 @@ class ApplicationCrash : public ::testing::Test {
   }
 
   const bool thorough_;
-  int* const reported_;
+  SharedNumber reported_;
   FreshFolder start_;
   FreshFolder folder_;
   std::vector<std::string> states_;

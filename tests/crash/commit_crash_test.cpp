@@ -21,7 +21,7 @@ void strikeEverywhere(Misfortune::Kind kind, std::initializer_list<std::size_t> 
         FreshFolder folder;
         copyFiles(trial.start(), folder);
         const int exitCode = trial.commitIn(folder, call, kind);
-        ASSERT_TRUE(exitCode < 100 || exitCode == 256 + SIGKILL) << exitCode << context;
+        ASSERT_TRUE(exitCode < 100 || exitCode == kKilled) << exitCode << context;
         judge(trial, folder, exitCode, context);
         if (::testing::Test::HasFailure()) return;
         if (exitCode == 0) break;
@@ -109,7 +109,7 @@ TEST(CommitCrash, Whoever_repairs_may_die_as_well) {
           died = trial.repairIn(
               folder, reach,
               random() % 2 == 0 ? Misfortune::Kind::death : Misfortune::Kind::deathInWrite);
-          ASSERT_TRUE(died == 0 || died == 256 + SIGKILL) << died << context;
+          ASSERT_TRUE(died == 0 || died == kKilled) << died << context;
         }
         EXPECT_EQ(trial.outcome(folder, context), expected) << context;
       });

@@ -58,7 +58,7 @@ inline void copyFiles(const FreshFolder& from, const FreshFolder& to) {
   for (const auto& entry : std::filesystem::directory_iterator(to.path())) {
     std::filesystem::remove(entry.path());
   }
-  std::filesystem::copy(from.path(), to.path());
+  to.copyFrom(from);
 }
 
 class Trial {

@@ -3,15 +3,11 @@
 #ifndef ZELTA_TESTS_CRASH_MISFORTUNE_H
 #define ZELTA_TESTS_CRASH_MISFORTUNE_H
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdint>
-#include <functional>
 
 #include "platform/codes.h"
 #include "support/changing_calls.h"
+#include "support/child_process.h"
 
 namespace zelta::testing {
 
@@ -49,16 +45,6 @@ class Misfortune : public platform::faults::Hook {
   std::uint64_t left_;
   Kind kind_;
 };
-
-/// Runs `work` in a process of its own. What it returns is its exit code; 256 and more: it died.
-inline int inProcess(const std::function<int()>& work) {
-  const pid_t child = fork();
-  if (child == 0) _exit(work());
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
-}
 
 }  // namespace zelta::testing
 

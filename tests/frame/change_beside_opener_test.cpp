@@ -27,10 +27,10 @@ class BesideOpener : public DirectoryChangeTest {
           const DieAt die(calls);
           if (work(own) != 0) return 3;
         }
-        _exit(0);  // no orderly end: the transaction dies with the process
+        endProcess(0);  // no orderly end: the transaction dies with the process
       });
       const int ended = child.wait();
-      ASSERT_TRUE(ended == 0 || ended == 256 + SIGKILL) << ended;
+      ASSERT_TRUE(ended == 0 || ended == kKilled) << ended;
       cameThrough = ended == 0;
       for (const CZELTA::Mode mode : {CZELTA::TransactionShared, CZELTA::TransactionExclusive,
                                       CZELTA::TransactionExclusiveRead}) {

@@ -76,10 +76,10 @@ class DirectoryChangeTest : public DatabaseTest {
             const DieAt die(calls, cut);
             if (work(own) != 0) return 3;
           }
-          _exit(0);  // no orderly end: the transaction dies with the process
+          endProcess(0);  // no orderly end: the transaction dies with the process
         });
         const int ended = child.wait();
-        ASSERT_TRUE(ended == 0 || ended == 256 + SIGKILL) << ended;
+        ASSERT_TRUE(ended == 0 || ended == kKilled) << ended;
         cameThrough = ended == 0;
         ASSERT_NO_FATAL_FAILURE(repairEverywhere(check, cut ? 1 : 100));
       }
@@ -104,7 +104,7 @@ class DirectoryChangeTest : public DatabaseTest {
                    : 1;
       });
       const int ended = child.wait();
-      ASSERT_TRUE(ended == 0 || ended == 256 + SIGKILL) << ended;
+      ASSERT_TRUE(ended == 0 || ended == kKilled) << ended;
       cameThrough = ended == 0;
       if (!cameThrough) {
         CZELTA next;

@@ -231,7 +231,7 @@ TEST_F(OldVersion, AnUpgradeIsDoneOrNotWhereverItsProcessDies) {
       return own.OpenDatabase(path().c_str()) == 0 ? 0 : 1;
     });
     const int ended = child.wait();
-    ASSERT_TRUE(ended == 0 || ended == 256 + SIGKILL) << ended;
+    ASSERT_TRUE(ended == 0 || ended == kKilled) << ended;
     cameThrough = ended == 0;
     CZELTA next;
     ASSERT_DONE(next, next.OpenDatabase(path().c_str()));

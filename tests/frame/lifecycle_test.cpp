@@ -42,7 +42,7 @@ TEST_F(Lifecycle, ANewDatabaseIsAHeaderAndNothingElse) {
 
 TEST_F(Lifecycle, MissingFoldersAreMade) {
   CZELTA handle;
-  ASSERT_DONE(handle, handle.CreateDatabase(wide(name("x/y/z")).c_str()));
+  ASSERT_DONE(handle, handle.CreateDatabase((folder.path() / "x" / "y" / "z").u16string().c_str()));
   EXPECT_TRUE(fs::is_directory(folder.path() / "x" / "y"));
   EXPECT_TRUE(folder.has("x/y/z.zlc"));
 }
@@ -107,7 +107,7 @@ TEST_F(Lifecycle, AFileWithoutAFolderInThePathIsRefusedWhereItLies) {
   fs::current_path(folder.path());
   CZELTA handle;
   EXPECT_EQ(handle.OpenDatabase(u"shop.zlc"), ownCode(2));
-  EXPECT_DONE(handle, handle.OpenDatabase(u"./shop.zlc"));
+  EXPECT_DONE(handle, handle.OpenDatabase(u".\\shop.zlc"));
   fs::current_path(before);
 }
 

@@ -41,7 +41,7 @@ class DeadCommit : public ShopTest {
     ASSERT_TRUE(shop.open(path()));
     ASSERT_DONE(shop.db, shop.begin());
     victim.tell('g');
-    ASSERT_EQ(victim.wait(), 256 + SIGKILL);
+    ASSERT_EQ(victim.wait(), kKilled);
   }
   /// What a transaction finds that begins now, in another process.
   void expectElsewhere(const std::vector<std::uint64_t>& there,
@@ -230,7 +230,7 @@ TEST_F(DeadCommit, WhoseNewObjectHasToMoveBeforeItsContentIsThereIsReplayed) {
     });
     ASSERT_DONE(shop.db, shop.commit());
     ASSERT_TRUE(other.happened());
-    ASSERT_EQ(end, 256 + SIGKILL);
+    ASSERT_EQ(end, kKilled);
   }
   ASSERT_DONE(shop.db, shop.readKey(kLost.key));
   EXPECT_EQ(shop.row(), kLost);

@@ -2,7 +2,6 @@
 // compared with what they told.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>

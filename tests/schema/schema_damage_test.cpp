@@ -1,7 +1,9 @@
 // Damaged schema blocks: whatever stands in a table file, opening it gives a stated code or a table
 // that can be used, and never a crash or more memory than the file is worth.
 
+#ifndef _WIN32
 #include <sys/resource.h>
+#endif
 
 #include <random>
 
@@ -22,11 +24,15 @@ const Indexes kIndexes = {{{{1, 1}}},
                           {{{4, 0}, {5, 0x10}}, CZELTA::AsciiList},
                           {{}}};
 
-/// The most memory that the process ever had, in KiB.
+/// The most memory that the process ever had, in KiB; 0 where that is not known.
 long peakMemory() {
+#ifdef _WIN32
+  return 0;
+#else
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;
+#endif
 }
 
 /// A block in memory of just its size, so that a step beyond its end is noticed.

@@ -304,7 +304,7 @@ TEST_F(StoredSchema, TheSizeIsThatOfTheCopyTheNameAndTheFolder) {
   const auto& schema = *reinterpret_cast<const CZELTA::Schema*>(buffer.data());
   expectInside(buffer);
   ASSERT_TRUE(inside(buffer, schema.tablePath));
-  EXPECT_EQ(std::u16string(schema.tablePath), place + u"/");
+  EXPECT_EQ(std::u16string(schema.tablePath), place + platform::kSeparator);
   EXPECT_EQ(plainText(schema.tableName), "far");
 }
 

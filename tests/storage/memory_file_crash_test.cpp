@@ -1,9 +1,6 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <functional>
 
+#include "support/child_process.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {
@@ -206,9 +203,7 @@ TEST(MemoryFileCrash, A_process_killed_at_any_write_leaves_a_sound_file) {
   for (int at = 0; at < 12; ++at) {
     owner.folder.write("T.zlm", prepared);
     owner.reopen();  // a child may not use the handles of its parent
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const int ended = inProcess([&] {
       struct Killer : platform::faults::Hook {
         platform::faults::Verdict before(const platform::faults::Event& event) override {
           platform::faults::Verdict verdict;
@@ -223,11 +218,10 @@ TEST(MemoryFileCrash, A_process_killed_at_any_write_leaves_a_sound_file) {
       killer.left = at;
       platform::faults::install(&killer);
       MemorySession(owner).store(85, object(85, 40)).ignore();
-      _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    if (WIFEXITED(status)) {
+      endProcess(0);
+      return 0;
+    });
+    if (ended == 0) {
       EXPECT_GT(at, 5);
       break;
     }

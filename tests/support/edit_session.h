@@ -5,8 +5,6 @@
 #define ZELTA_TESTS_SUPPORT_EDIT_SESSION_H
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <functional>
 #include <map>

@@ -48,6 +48,13 @@ class FreshFolder {
   void write(const std::string& name, const std::string& bytes) const {
     std::ofstream(path_ / name, std::ios::binary | std::ios::trunc) << bytes;
   }
+  /// Takes over the files of another folder.
+  void copyFrom(const FreshFolder& other) const {
+    for (const auto& entry : std::filesystem::directory_iterator(other.path_)) {
+      const std::string name = entry.path().filename().string();
+      write(name, other.bytes(name));
+    }
+  }
   [[nodiscard]] bool has(const std::string& name) const {
     return std::filesystem::exists(path_ / name);
   }

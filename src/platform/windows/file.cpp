@@ -26,7 +26,7 @@ namespace {
 
 struct FileRecord {
   ~FileRecord() {
-    if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
+    if (handle != INVALID_HANDLE_VALUE) closeHandle(handle);
   }
   HANDLE handle = INVALID_HANDLE_VALUE;
   std::unordered_map<std::uint64_t, HANDLE> held;  ///< positions of locked words, and their marks
@@ -70,11 +70,11 @@ HANDLE makeMark(const std::wstring& name) {
   SECURITY_ATTRIBUTES* attributes = nullptr;
   if (name.empty() || mutexSecurity(&attributes) != 0) return nullptr;
   // Whoever held the word before may not have given its mark up yet: then both stand for it.
-  return CreateMutexW(attributes, FALSE, name.c_str());
+  return keepHandle(CreateMutexW(attributes, FALSE, name.c_str()));
 }
 
 void dropMark(HANDLE mark) {
-  if (mark != nullptr) CloseHandle(mark);
+  if (mark != nullptr) closeHandle(mark);
 }
 
 bool isMarked(const FileRecord& record, std::uint64_t position) {
@@ -122,9 +122,9 @@ SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
 #ifdef ZELTA_FAULTS
   record->path = path;
 #endif
-  record->handle = CreateFileW(
+  record->handle = keepHandle(CreateFileW(
       wide(name), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, attributes,
-      static_cast<DWORD>(disposition), FILE_FLAG_RANDOM_ACCESS | FILE_ATTRIBUTE_NORMAL, nullptr);
+      static_cast<DWORD>(disposition), FILE_FLAG_RANDOM_ACCESS | FILE_ATTRIBUTE_NORMAL, nullptr));
   if (record->handle == INVALID_HANDLE_VALUE) return lastCode();
   if (!locksStopReads()) record->marks = marksOf(record->handle);
   *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record.release()));
@@ -140,7 +140,7 @@ SystemCode closeFile(File file) {
     dropMark(mark);
   }
   const SystemCode result =
-      CloseHandle(std::exchange(record->handle, INVALID_HANDLE_VALUE)) ? 0 : lastCode();
+      closeHandle(std::exchange(record->handle, INVALID_HANDLE_VALUE)) ? 0 : lastCode();
   delete record;
   return result;
 }

@@ -8,11 +8,14 @@
 
 #include "platform/mutex.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
+#include "platform/windows/thread_process.h"
 #include "platform/windows/windows_internal.h"
 
 namespace zelta::platform {
@@ -52,17 +55,17 @@ LONG countOf(HANDLE semaphore) {
 class SharedCount {
  public:
   ~SharedCount() {
-    if (steps_ != nullptr) CloseHandle(steps_);
-    if (laps_ != nullptr) CloseHandle(laps_);
+    if (steps_ != nullptr) closeHandle(steps_);
+    if (laps_ != nullptr) closeHandle(laps_);
   }
   SharedCount() = default;
   SharedCount(const SharedCount&) = delete;
   SharedCount& operator=(const SharedCount&) = delete;
 
   SystemCode open(const std::wstring& name, SECURITY_ATTRIBUTES* attributes) {
-    steps_ = CreateSemaphoreW(attributes, 0, kLap, (name + L"+steps").c_str());
+    steps_ = keepHandle(CreateSemaphoreW(attributes, 0, kLap, (name + L"+steps").c_str()));
     if (steps_ == nullptr) return lastCode();
-    laps_ = CreateSemaphoreW(attributes, 0, kLaps, (name + L"+laps").c_str());
+    laps_ = keepHandle(CreateSemaphoreW(attributes, 0, kLaps, (name + L"+laps").c_str()));
     return laps_ == nullptr ? lastCode() : 0;
   }
   /// Not to be torn by a lap that ends meanwhile: then it is odd.
@@ -105,8 +108,8 @@ constexpr DWORD kDying = 50;
 
 struct Handle {
   ~Handle() {
-    if (claim != nullptr) CloseHandle(claim);
-    if (mutex != nullptr) CloseHandle(mutex);
+    if (claim != nullptr) closeHandle(claim);
+    if (mutex != nullptr) closeHandle(mutex);
   }
   HANDLE mutex = nullptr;
   HANDLE claim = nullptr;  ///< exists while some handle of the machine holds it
@@ -121,13 +124,29 @@ Handle* handleOf(Mutex mutex) {
   return reinterpret_cast<Handle*>(static_cast<std::uintptr_t>(mutex));
 }
 
+#ifdef ZELTA_FAULTS
+/// In slices, between which a thread that counts as a process can be killed.
+DWORD waitFor(HANDLE object, DWORD milliseconds) {
+  constexpr DWORD kSlice = 20;
+  for (DWORD waited = 0;; waited += kSlice) {
+    const DWORD left = milliseconds == INFINITE ? INFINITE : milliseconds - waited;
+    const DWORD result = WaitForSingleObject(object, std::min(left, kSlice));
+    if (result != WAIT_TIMEOUT || left <= kSlice) return result;
+    endIfKilled();
+  }
+}
+#else
+DWORD waitFor(HANDLE object, DWORD milliseconds) {
+  return WaitForSingleObject(object, milliseconds);
+}
+#endif
+
 /// A backslash may only stand behind the name space: those of the path become "_".
 std::wstring systemName(const char16_t* name) {
+  constexpr std::wstring_view kSpace = L"Global\\";
   std::wstring out(wide(name));
-  const std::size_t space = out.find(L'\\');
-  for (std::size_t i = space == std::wstring::npos ? 0 : space + 1; i < out.size(); ++i) {
-    if (out[i] == L'\\') out[i] = L'_';
-  }
+  const std::size_t path = out.compare(0, kSpace.size(), kSpace) == 0 ? kSpace.size() : 0;
+  std::replace(out.begin() + static_cast<std::ptrdiff_t>(path), out.end(), L'\\', L'_');
   return out;
 }
 
@@ -143,7 +162,7 @@ SystemCode createMutex(const char16_t* name, Mutex* out) {
 #ifdef ZELTA_FAULTS
   handle->askedName = narrow(name);
 #endif
-  handle->mutex = CreateMutexW(attributes, FALSE, handle->name.c_str());
+  handle->mutex = keepHandle(CreateMutexW(attributes, FALSE, handle->name.c_str()));
   if (handle->mutex == nullptr) return lastCode();
   if (const SystemCode failure = handle->changes.open(handle->name, attributes); failure != 0) {
     return failure;
@@ -163,7 +182,7 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
   if (mutex == Mutex::none) return code::kInvalidHandle;
   Handle* handle = handleOf(mutex);
   ZELTA_ASK(mutexWait, handle->askedName);
-  switch (WaitForSingleObject(handle->mutex, milliseconds)) {
+  switch (waitFor(handle->mutex, milliseconds)) {
     case WAIT_OBJECT_0:
       return 0;
     case WAIT_ABANDONED:
@@ -221,7 +240,7 @@ SystemCode claimMutex(Mutex mutex) {
     CloseHandle(claim);
     return code::kTimeout;
   }
-  handle->claim = claim;
+  handle->claim = keepHandle(claim);
   // For those who look at the mutex itself. It may still be with a thread whose claim another
   // thread has given up.
   static_cast<void>(WaitForSingleObject(handle->mutex, 0));
@@ -233,7 +252,7 @@ void unclaimMutex(Mutex mutex) {
   Handle* handle = handleOf(mutex);
   if (handle->claim == nullptr) return;
   ReleaseMutex(handle->mutex);  // fails in another thread than the one that claimed
-  CloseHandle(handle->claim);
+  closeHandle(handle->claim);
   handle->claim = nullptr;
 }
 

@@ -32,6 +32,15 @@ namespace zelta::platform::windows {
   return reinterpret_cast<const wchar_t*>(name);
 }
 
+#ifdef ZELTA_FAULTS
+/// Notes whose handle it is; see thread_process.h.
+HANDLE keepHandle(HANDLE handle);
+bool closeHandle(HANDLE handle);
+#else
+inline HANDLE keepHandle(HANDLE handle) { return handle; }
+inline bool closeHandle(HANDLE handle) { return CloseHandle(handle) != 0; }
+#endif
+
 /// Attributes that open a new object to all users; made once for the process.
 [[nodiscard]] SystemCode fileSecurity(SECURITY_ATTRIBUTES** attributes);
 [[nodiscard]] SystemCode mutexSecurity(SECURITY_ATTRIBUTES** attributes);
