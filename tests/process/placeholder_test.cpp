@@ -75,7 +75,7 @@ class Placeholder : public DatabaseTest, public ::testing::WithParamInterface<bo
     ASSERT_DONE(writer.db, writer.begin(path(), CZELTA::TransactionShared));
     ASSERT_DONE(reader.db, reader.begin(path(), CZELTA::TransactionRead));
     victim.tell('g');
-    ASSERT_EQ(victim.wait(), 256 + SIGKILL);
+    ASSERT_EQ(victim.wait(), kKilled);
     // Who reads anything repairs the table file, and nothing else.
     ASSERT_DONE(writer.db, writer.read(1, kNoLock));
   }
