@@ -18,7 +18,8 @@ void KeyChanges::releaseNode(const Change& change) noexcept {
 }
 
 void KeyChanges::add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node) {
-  changes_.add({nullptr, node, entry.index, step}).key = entry.release();
+  Change& change = changes_.add({nullptr, node, entry.index, step});
+  change.key = entry.release();  // not before there is a place for it
 }
 
 void KeyChanges::noteRemoved(VersionKeys::Entry& entry) {

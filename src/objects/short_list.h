@@ -18,7 +18,7 @@ class ShortList {
   /// May throw std::bad_alloc; the list is as it was then.
   Item& add(const Item& item) {
     if (count_ < kInline) return first_[count_++] = item;
-    if (more_.empty()) more_.assign(first_.begin(), first_.end());
+    if (count_ == kInline) more_.assign(first_.begin(), first_.end());
     more_.push_back(item);
     ++count_;
     return more_.back();
