@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "frame/control_file.h"
+#include "frame/kept_error.h"
 #include "frame/mutex_guard.h"
 #include "schema/schema_copy.h"
 #include "schema/stored_schema.h"
@@ -142,7 +143,24 @@ Result makeFile(MetaData& metaData, Table& table, TableMutexGuard& guard, NewTab
   ZELTA_TRY(writeTableFile(metaData, table, header, draft.block));
   deleteStale(metaData, table);
   takeSchema(table, std::move(draft.copy), draft.sizes, header.slotBase, draft.entry);
-  return advanceDirectoryIntent(metaData, DirectoryChange::create);
+  return {};
+}
+
+/// Brings the change into its second phase, which needs the table's file. `*mayStand`: that failed,
+/// but the disk may have the second phase all the same, or may get it yet.
+Result enterSecondPhase(MetaData& metaData, bool* mayStand) {
+  const Result result = advanceDirectoryIntent(metaData, DirectoryChange::create);
+  if (result.ok()) return result;
+  const KeptError kept(metaData);
+  *mayStand = advanceDirectoryIntent(metaData, DirectoryChange::createFiles).failed();
+  return result;
+}
+
+/// Takes back an intent that shall not be carried out. If that fails, it is left to the next one
+/// who may write.
+void takeIntentBack(MetaData& metaData, const ControlHeader_tag& header) {
+  const KeptError kept(metaData);
+  cancelDirectoryIntent(metaData, header).ignore();
 }
 
 Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
@@ -189,12 +207,16 @@ Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Sch
   Result result = writeDirectoryIntent(
       metaData, header, {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
   if (result.ok()) result = makeFile(metaData, *table, guard, file, draft);
+  bool mayStand = false;
+  if (result.ok()) result = enterSecondPhase(metaData, &mayStand);
+  // In the second phase the change is finished, now or later. Whoever meets the first one instead
+  // deletes the file.
+  if (result.ok() || mayStand) file.keep();
   if (result.failed()) {
     file.discard();
-    cancelDirectoryIntent(metaData, header).ignore();
+    if (!mayStand) takeIntentBack(metaData, header);
     return result;
   }
-  file.keep();  // the second phase stands: from here on the change is finished, now or later
   ZELTA_TRY(completeDirectoryChange(metaData, header, log));
   ZELTA_TRY(guard.release());
   if (tableId != nullptr) *tableId = draft.entry.tableId;
@@ -248,7 +270,7 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
   if (const Result result = writeDirectoryIntent(
           metaData, header, {DirectoryChange::add, 0, entry.tableId, 0}, next, {});
       result.failed()) {
-    cancelDirectoryIntent(metaData, header).ignore();
+    takeIntentBack(metaData, header);
     return result;
   }
   ZELTA_TRY(completeDirectoryChange(metaData, header, log));
@@ -292,7 +314,7 @@ Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tab
   if (const Result result =
           writeDirectoryIntent(metaData, header, {operation, 0, tableId, 0}, directory, {});
       result.failed()) {
-    cancelDirectoryIntent(metaData, header).ignore();
+    takeIntentBack(metaData, header);
     return result;
   }
   if (Table* table = findTable(tables, tableId); table != nullptr) {

@@ -237,5 +237,113 @@ TEST_F(DirectoryChangeTest, AFailedChangeLeavesTheTransactionUsable) {
   }
 }
 
+// -- Changes that fail, and then are cut off ------------------------------------------------------
+
+/// Fails the n-th changing call, or all from there on, and kills the process `more` calls later.
+class FailThenDie : public platform::faults::Hook {
+ public:
+  static constexpr std::uint64_t kNever = 1000;
+  FailThenDie(std::uint64_t calls, std::uint64_t more, bool forGood)
+      : calls_(calls), more_(more), forGood_(forGood) {
+    platform::faults::install(this);
+  }
+  ~FailThenDie() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    platform::faults::Verdict verdict;
+    if (!changesFiles(event.call)) return verdict;
+    const std::uint64_t number = made_++;
+    if (number < calls_) return verdict;
+    if (more_ != kNever && number == calls_ + more_) {
+      verdict.die = true;
+      verdict.cutTo = 0;
+    } else if (number == calls_ || (forGood_ && event.call != platform::faults::Call::remove)) {
+      verdict.code = code::kDeviceError;
+    }
+    return verdict;
+  }
+  [[nodiscard]] bool reached() const { return made_ > calls_; }
+
+ private:
+  const std::uint64_t calls_;
+  const std::uint64_t more_;
+  const bool forGood_;
+  std::uint64_t made_ = 0;
+};
+
+TEST_F(DirectoryChangeTest, ATableIsMadeOrNotWhereverItsMakerFailsAndThenDies) {
+  const State before = state();
+  bool cameThrough = false;
+  for (std::uint64_t calls = 0; !cameThrough; ++calls) {
+    ASSERT_LT(calls, 60u);
+    for (const std::uint64_t more : {std::uint64_t{1}, std::uint64_t{2}, std::uint64_t{3},
+                                     std::uint64_t{5}, FailThenDie::kNever}) {
+      for (const bool forGood : {false, true}) {
+        SCOPED_TRACE("call " + std::to_string(calls) + (forGood ? " and all" : "") +
+                     ", dead after " + std::to_string(more));
+        restore(before);
+        const int ended = inProcess([&] {
+          CZELTA own;
+          if (own.OpenDatabase(path().c_str()) != 0) return 1;
+          if (own.BeginTransaction(CZELTA::TransactionExclusive, 10000) != 0) return 2;
+          const FailThenDie hook(calls, more, forGood);
+          SmallSchema small(u"mid", 9);
+          const bool made = own.CreateTable(&small.schema, nullptr) == 0;
+          endProcess(made ? (hook.reached() ? 4 : 0) : 3);
+        });
+        ASSERT_TRUE(ended == 0 || ended == 3 || ended == 4 || ended == kKilled) << ended;
+        cameThrough = ended == 0;
+        CZELTA next;
+        ASSERT_DONE(next, next.OpenDatabase(path().c_str()));
+        ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionExclusive, 10000));
+        ASSERT_DONE(next, next.EndTransaction());
+        const RawControl raw(control());
+        ASSERT_FALSE(raw.pending);
+        ASSERT_TRUE(raw.slots.empty());
+        if (raw.entries.size() == 3) {
+          expectUsable({1, 2, 9});
+        } else {
+          EXPECT_EQ(raw.entries.size(), 2u);
+          EXPECT_FALSE(folder.has("mid.zlt")) << "a file of no table stays behind";
+          expectUsable({1, 2});
+          EXPECT_TRUE(ended == 3 || ended == kKilled);
+        }
+      }
+    }
+  }
+}
+
+TEST_F(DirectoryChangeTest, TheTextIsThatOfTheFirstFailure) {
+  /// The file of the new table is full, and then the control file cannot be written any more.
+  class FullThenBroken : public platform::faults::Hook {
+   public:
+    FullThenBroken() { platform::faults::install(this); }
+    ~FullThenBroken() override { platform::faults::install(nullptr); }
+    platform::faults::Verdict before(const platform::faults::Event& event) override {
+      platform::faults::Verdict verdict;
+      if (event.call != platform::faults::Call::write) return verdict;
+      const bool control = event.name.find(".zlc") != std::string::npos;
+      if (!control) full = true;
+      if (full) verdict.code = control ? code::kDeviceError : code::kDiskFull;
+      broken = broken || (full && control);
+      return verdict;
+    }
+    bool full = false;
+    bool broken = false;
+  };
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
+  SmallSchema small(u"mid", 9);
+  {
+    const FullThenBroken hook;
+    EXPECT_EQ(handle.CreateTable(&small.schema, nullptr), systemCode(112));
+    EXPECT_TRUE(hook.broken);
+  }
+  EXPECT_EQ(messageOf(handle), "There is not enough space on the disk to complete the operation.");
+  EXPECT_FALSE(folder.has("mid.zlt"));
+  // What could not be taken back is met, and rolled back, by the next change.
+  EXPECT_DONE(handle, handle.CreateTable(&small.schema, nullptr));
+  EXPECT_EQ(tableNames(), (std::vector<std::string>{"goods", "mid", "sales"}));
+}
+
 }  // namespace
 }  // namespace zelta::testing
