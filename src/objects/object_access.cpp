@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "frame/kept_error.h"
 #include "index/keys.h"
 #include "objects/lock_position.h"
 #include "objects/object_buffer.h"
@@ -66,7 +67,10 @@ Result ObjectAccess::run() {
   for (;;) {
     Outcome outcome = Outcome::done;
     const Result result = pass(&outcome);
-    mutex_.release().ignore();
+    if (mutex_.held()) {
+      const KeptError kept(metaData_);
+      mutex_.release().ignore();
+    }
     if (result.failed() && readAgain(result)) continue;
     if (result.failed() && !result.isLocked()) return result;
     if (result.isLocked() && outcome == Outcome::done) outcome = Outcome::blockedByTransaction;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "frame/kept_error.h"
 #include "frame/upcalls.h"
 #include "storage/table_file.h"
 
@@ -84,6 +85,12 @@ void filesOf(const Table& table, platform::File* files) {
 }
 
 }  // namespace
+
+TableMutexGuard::~TableMutexGuard() {
+  if (table_ == nullptr) return;
+  const KeptError kept(*metaData_);  // what led here counts
+  release().ignore();
+}
 
 Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds) {
   const SystemCode failure = platform::waitMutex(table.tableMutex, milliseconds);

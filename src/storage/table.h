@@ -125,7 +125,7 @@ class Table final : public UInt32AVLTree {
 class TableMutexGuard {
  public:
   TableMutexGuard() = default;
-  ~TableMutexGuard() { release().ignore(); }
+  ~TableMutexGuard();
   TableMutexGuard(const TableMutexGuard&) = delete;
   TableMutexGuard& operator=(const TableMutexGuard&) = delete;
   /// Waits for the mutex; a failure is reported with the table's name and ".zlt".
