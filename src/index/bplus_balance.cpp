@@ -80,11 +80,13 @@ Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BP
   return {};
 }
 
-Result collapseRoot(BPlusWalk& walk) {
+Result collapseRoot(BPlusWalk& walk, bool* collapsed) {
   BPlusNode node;
+  *collapsed = false;
   const std::uint64_t position = walk.root();
   ZELTA_TRY(walk.load(position, node, kNodeBuffer));
   if (node.leaf() || node.count() != 0) return {};
+  *collapsed = true;
   walk.root() = node.child(0);
   return walk.free(position, node.size());
 }
@@ -174,7 +176,7 @@ Result Removal::settle(bool vanished) {
     walk_.root() = 0;
     return {};
   }
-  return dropped ? collapseRoot(walk_) : Result();
+  return dropped ? collapseRoot(walk_, &dropped) : Result();
 }
 
 /// Takes the node that vanished out of its parent, which vanishes too if it has no other child.

@@ -1,5 +1,7 @@
 // Taking the entries of a transaction out of the memory tree, at commit into the committed tree.
 
+#include <utility>
+
 #include "index/bplus_walk.h"
 
 namespace zelta {
@@ -28,9 +30,12 @@ class Merge {
   Result run();
 
  private:
-  Result visit(std::uint64_t position, std::uint32_t depth, bool* emptied);
+  // `first` receives the first key that is left below, unless nothing is.
+  Result visit(std::uint64_t position, std::uint32_t depth, bool* emptied, BPlusKeyCopy& first);
   Result mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied);
-  Result mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied);
+  Result mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied,
+                     BPlusKeyCopy& first);
+  Result separate(std::uint64_t position, std::uint32_t number, const std::uint32_t* key);
   Result joinAll(std::uint64_t position);
   [[nodiscard]] bool chosen(std::uint64_t objectID) const {
     return find(b_, objectID) != nullptr || find(a_, objectID) != nullptr;
@@ -48,19 +53,26 @@ Result Merge::run() {
   const std::uint64_t root = walk_.root();
   if (root == 0) return {};
   bool emptied = false;
-  ZELTA_TRY(visit(root, 0, &emptied));
+  BPlusKeyCopy first;
+  ZELTA_TRY(visit(root, 0, &emptied, first));
   if (emptied) {
     walk_.root() = 0;
     return {};
   }
-  return changed_ ? collapseRoot(walk_) : Result();
+  bool collapsed = changed_;
+  while (collapsed) ZELTA_TRY(collapseRoot(walk_, &collapsed));
+  return {};
 }
 
-Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied) {
+Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied,
+                    BPlusKeyCopy& first) {
   if (!limit_.enter(depth)) return walk_.corrupted();
   BPlusNode node;
   ZELTA_TRY(walk_.load(position, node, kNodeBuffer));
-  return node.leaf() ? mergeLeaf(position, node, emptied) : mergeBranch(position, depth, emptied);
+  if (!node.leaf()) return mergeBranch(position, depth, emptied, first);
+  ZELTA_TRY(mergeLeaf(position, node, emptied));
+  if (!*emptied) first.assign(walk_.shape, node.key(0));
+  return {};
 }
 
 Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) {
@@ -91,20 +103,22 @@ Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) 
   return walk_.free(position, old.size());
 }
 
-Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied) {
+Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied,
+                          BPlusKeyCopy& first) {
   BPlusNode branch;
+  BPlusKeyCopy firstOfChild;
   bool changedBelow = false;
   for (std::uint32_t i = 0;;) {
     ZELTA_TRY(walk_.load(position, branch, kNodeBuffer));
     if (branch.leaf()) return walk_.corrupted();
     if (i > branch.count()) break;
     bool childEmptied = false;
-    const bool changedBefore = changed_;
-    changed_ = false;
-    ZELTA_TRY(visit(branch.child(i), depth + 1, &childEmptied));
-    changedBelow = changedBelow || changed_;
-    changed_ = changed_ || changedBefore;
+    const bool changedBefore = std::exchange(changed_, false);
+    ZELTA_TRY(visit(branch.child(i), depth + 1, &childEmptied, i == 0 ? first : firstOfChild));
+    const bool changedHere = std::exchange(changed_, changed_ || changedBefore);
+    changedBelow = changedBelow || changedHere;
     if (!childEmptied) {
+      if (changedHere && i != 0) ZELTA_TRY(separate(position, i - 1, firstOfChild.get()));
       ++i;
       continue;
     }
@@ -118,6 +132,16 @@ Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emp
     ZELTA_TRY(walk_.store(position, branch));
   }
   return changedBelow ? joinAll(position) : Result();
+}
+
+/// Makes the first key of a child the separator in front of it. If the branch has no room for a
+/// longer one, that which was there stays, and separates as well: pages are only given back here.
+Result Merge::separate(std::uint64_t position, std::uint32_t number, const std::uint32_t* key) {
+  BPlusNode branch;
+  ZELTA_TRY(walk_.load(position, branch, kParentBuffer));
+  if (branch.leaf() || number >= branch.count()) return walk_.corrupted();
+  if (walk_.shape.compare(branch.key(number), key) == 0) return {};
+  return branch.replaceKey(number, key) ? walk_.store(position, branch) : Result();
 }
 
 /// Joins neighbouring children that have become thin.

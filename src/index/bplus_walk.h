@@ -112,8 +112,8 @@ struct BPlusPair {
 Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
                     bool* joined);
 
-/// If the root is a branch with a single child, the child becomes the root.
-Result collapseRoot(BPlusWalk& walk);
+/// If the root is a branch with a single child, the child becomes the root. `*collapsed` tells.
+Result collapseRoot(BPlusWalk& walk, bool* collapsed);
 
 }  // namespace zelta
 

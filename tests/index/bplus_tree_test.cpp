@@ -450,6 +450,35 @@ TEST_P(BPlusTreeModel, MergeMovesTheChosenObjectsAndKeepsTheOthers) {
   }
 }
 
+TEST_P(BPlusTreeModel, MergeMakesTheFirstKeysThatAreLeftTheSeparators) {
+  const ModelCase& parameters = GetParam();
+  if (parameters.form.file != PageFile::memory) return;
+  for (const std::uint32_t left : {2u, 3u, 40u}) {
+    TreeBench bench(parameters.form);
+    TreeModel all;
+    TreeModel pending;
+    UInt64AVLTree* chosen = nullptr;
+    for (std::uint32_t i = 1; i <= 2000; ++i) {
+      // Keys of one length, so that each has room where another one stood.
+      Words key(parameters.form.keyWords, 0);
+      key.back() = i;
+      ASSERT_TRUE(bench.insert(key, i).ok());
+      all[key] = i;
+      if (i % left == 0) {
+        pending[key] = i;
+      } else {
+        new UInt64AVLTree(chosen, i);
+      }
+    }
+    ASSERT_EQ(bench.check(all).looseSeparators, 0u);
+    ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, parameters.form.pageSize,
+                           *bench.manager, 0, chosen, nullptr)
+                    .ok());
+    EXPECT_EQ(bench.check(pending).looseSeparators, 0u) << "one of " << left << " is left";
+    destroyAll(chosen);
+  }
+}
+
 TEST_P(BPlusTreeModel, MergeWithoutATargetDropsTheChosenObjects) {
   const ModelCase& parameters = GetParam();
   if (parameters.form.file != PageFile::memory) return;

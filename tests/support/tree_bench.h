@@ -122,6 +122,8 @@ class TreeBench {
     std::vector<std::uint64_t> branches;
     std::uint32_t height = 0;
     std::set<Words> separators;
+    /// Leaves with another first key than the separator in front of them.
+    std::uint32_t looseSeparators = 0;
   };
 
   /// Checks every node and compares the entries with the model.
@@ -217,6 +219,7 @@ class TreeBench {
       EXPECT_EQ(facts.height, depth + 1) << "leaves lie at one depth";
       facts.leaves.push_back(position);
       facts.leafKeys.push_back(count);
+      if (low != nullptr && count != 0 && keys[0] != *low) ++facts.looseSeparators;
       links_.emplace_back(at<std::uint64_t>(bytes, 8), at<std::uint64_t>(bytes, 16));
       for (std::uint32_t i = 0; i < count; ++i) {
         std::uint64_t id = 0;
