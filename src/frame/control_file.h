@@ -87,6 +87,9 @@ struct DirectoryEntry {
   std::u16string indexPath;  ///< folder of the index file; empty: the database's
 };
 
+/// The folder of the table's index file, as it is to be opened.
+[[nodiscard]] std::u16string indexFolder(const MetaData& metaData, const DirectoryEntry& entry);
+
 /// The directory in memory: its bytes as they stand in the file, and their parts.
 class TableDirectory {
  public:

@@ -90,10 +90,6 @@ void deleteQuietly(const std::u16string& path) {
   static_cast<void>(platform::deleteFile(path.c_str()));
 }
 
-std::u16string indexFolder(const MetaData& metaData, const DirectoryEntry& entry) {
-  return entry.indexPath.empty() ? metaData.directoryPath : entry.indexPath;
-}
-
 /// Writes a directory over the old one and takes its numbers over; the header itself follows when
 /// the intent is cleared.
 Result installDirectory(MetaData& metaData, ControlHeader_tag& header, const char* bytes,

@@ -19,12 +19,7 @@ constexpr std::uint32_t kOpenTimeout = 600000;  // ms
 
 /// The path with its extension, with the platform's separators.
 std::u16string fileNameOf(const char16_t* path) {
-  std::u16string name(path);
-  if (platform::kSeparator != u'\\') {
-    for (char16_t& c : name) {
-      if (c == u'\\') c = platform::kSeparator;
-    }
-  }
+  const std::u16string name = withOwnSeparators(path);
   const std::u16string extension(extension::kControl);
   const bool has = name.size() >= kExtensionLength &&
                    compareNames(name.substr(name.size() - kExtensionLength), extension) == 0;

@@ -1,6 +1,9 @@
 #include "frame/metadata.h"
 
+#include <algorithm>
 #include <cstdlib>
+
+#include "platform/file.h"
 
 namespace zelta {
 
@@ -26,6 +29,11 @@ void trimScratch(MetaData& metaData, bool all) {
 std::u16string databasePath(const MetaData& metaData, const std::u16string& name,
                             const char16_t* extension) {
   return metaData.directoryPath + name + extension;
+}
+
+std::u16string withOwnSeparators(std::u16string path) {
+  std::replace(path.begin(), path.end(), u'\\', platform::kSeparator);
+  return path;
 }
 
 }  // namespace zelta

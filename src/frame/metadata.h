@@ -76,6 +76,9 @@ void trimScratch(MetaData& metaData, bool all);
 [[nodiscard]] std::u16string databasePath(const MetaData& metaData, const std::u16string& name,
                                           const char16_t* extension);
 
+/// A path with the separators of this platform. Files may come from one that has others.
+[[nodiscard]] std::u16string withOwnSeparators(std::u16string path);
+
 namespace extension {
 inline constexpr const char16_t* kControl = u".zlc";
 inline constexpr const char16_t* kTable = u".zlt";

@@ -64,6 +64,10 @@ int compareNames(const std::u16string& a, const std::u16string& b) {
   return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
 }
 
+std::u16string indexFolder(const MetaData& metaData, const DirectoryEntry& entry) {
+  return entry.indexPath.empty() ? metaData.directoryPath : withOwnSeparators(entry.indexPath);
+}
+
 bool TableDirectory::parse(const char* bytes, std::size_t length, std::uint32_t tableCount,
                            std::uint32_t directorySize) {
   entries_.clear();

@@ -32,10 +32,7 @@ bool isGoodName(const std::u16string& name) {
 
 /// A folder with a separator at its end; empty stays empty.
 std::u16string normalFolder(const char16_t* folder) {
-  std::u16string out = folder == nullptr ? u"" : folder;
-  for (char16_t& c : out) {
-    if (c == u'\\') c = platform::kSeparator;
-  }
+  std::u16string out = withOwnSeparators(folder == nullptr ? u"" : folder);
   if (!out.empty() && out.back() != platform::kSeparator) out += platform::kSeparator;
   return out;
 }

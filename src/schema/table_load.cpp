@@ -57,7 +57,7 @@ Result readSchema(MetaData& metaData, Table& table, const TableHeader_tag& heade
 
 void takeEntry(const MetaData& metaData, Table& table, const DirectoryEntry& entry) {
   table.name = entry.name;
-  table.directory = entry.indexPath.empty() ? metaData.directoryPath : entry.indexPath;
+  table.directory = indexFolder(metaData, entry);
   table.tableLockOrder = entry.lockOrder;
 }
 

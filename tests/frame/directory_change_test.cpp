@@ -345,5 +345,36 @@ TEST_F(DirectoryChangeTest, TheTextIsThatOfTheFirstFailure) {
   EXPECT_EQ(tableNames(), (std::vector<std::string>{"goods", "mid", "sales"}));
 }
 
+// -- Folders of another platform ------------------------------------------------------------------
+
+TEST_F(DirectoryChangeTest, AFolderMayHaveTheSeparatorsOfAnotherPlatform) {
+  std::filesystem::create_directory(folder.path() / "idx");
+  const std::u16string place = folder.file("idx");
+  SmallSchema far(u"far", 5);
+  far.schema.tablePath = place.c_str();
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
+  ASSERT_DONE(handle, handle.CreateTable(&far.schema, nullptr));
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  std::string bytes = control();
+  const auto unit = [](char16_t c) { return std::string(reinterpret_cast<const char*>(&c), 2); };
+  for (std::size_t at = 76; at + 2 <= bytes.size(); at += 2) {
+    if (bytes.substr(at, 2) == unit(platform::kSeparator)) bytes.replace(at, 2, unit(u'\\'));
+  }
+  folder.write("shop.zlc", bytes);
+
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionShared, 0));
+  ASSERT_DONE(handle, handle.OpenTable(5));
+  const std::uint32_t number = 7;
+  EXPECT_EQ(handle.ReadObject(5, CZELTA::ReadEqual, nullptr, 1, &number, nullptr), ownCode(32));
+  EXPECT_TRUE(folder.has("idx/far.zli")) << "the index is built when a key is read";
+  ASSERT_DONE(handle, handle.EndTransaction());
+  EXPECT_EQ(control().substr(76), bytes.substr(76)) << "what is stored stays";
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
+  ASSERT_DONE(handle, handle.RemoveTable(5, true));
+  EXPECT_FALSE(folder.has("idx/far.zli"));
+}
+
 }  // namespace
 }  // namespace zelta::testing
