@@ -101,6 +101,9 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
   const auto damaged = [&] {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   };
+  const auto failed = [&](SystemCode failure) {
+    return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+  };
   ControlHeader_tag current = header;
   for (int attempt = 0;; ++attempt) {
     if (current.directoryEnd < kControlHeaderSize) return damaged();
@@ -112,14 +115,16 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
     }
     std::uint64_t size = 0;
     if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
-      return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+      return failed(failure);
     }
-    char* bytes = nullptr;
     bool good = current.directoryEnd <= size;
     if (good) {
-      bytes = metaData.scratchFor(Scratch::directory).reserve(length);
-      good = readLargeBuffer(metaData.controlFile, kControlHeaderSize, bytes, length) == 0 &&
-             parse(bytes, length, current.tableCount, current.directorySize);
+      char* bytes = metaData.scratchFor(Scratch::directory).reserve(length);
+      const SystemCode failure =
+          readLargeBuffer(metaData.controlFile, kControlHeaderSize, bytes, length);
+      // A writer may have cut the file meanwhile.
+      if (failure != 0 && failure != code::kEndOfFile) return failed(failure);
+      good = failure == 0 && parse(bytes, length, current.tableCount, current.directorySize);
     }
     // A reader holds no lock: an exclusive transaction may be changing the directory. It writes the
     // directory first and its numbers later, with a flush between the two, so that an unchanged
@@ -128,7 +133,7 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
     constexpr std::uint32_t kStable = kExclusiveWord;
     if (const SystemCode failure = readBuffer(metaData.controlFile, 0, &again, kStable);
         failure != 0) {
-      return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+      return failed(failure);
     }
     const bool changed = std::memcmp(&again, &current, kStable) != 0;
     if (good && !changed) return {};
