@@ -104,8 +104,9 @@ unsigned long long CZELTA::CommitTransaction(bool releaseLocks) {
   clearError(*metaData_);
   StateCheck check(*metaData_);
   if (check.transaction().mayWrite().failed()) return check.word();
-  return perform(*metaData_, true,
-                 [&] { return commitTransaction(*metaData_, tables_, releaseLocks); });
+  // A commit that is decided, but was not carried out, tells why in its text alone.
+  return performKeepingText(*metaData_, true,
+                            [&] { return commitTransaction(*metaData_, tables_, releaseLocks); });
 }
 
 unsigned long long CZELTA::AbortTransaction(bool releaseLocks) {

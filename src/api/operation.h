@@ -12,10 +12,19 @@ namespace zelta {
 
 /// Runs the work of an operation. Exhausted memory ends here, and the scratch buffers are trimmed.
 template <typename Work>
-unsigned long long perform(MetaData& metaData, bool trimAll, Work work) {
+unsigned long long performKeepingText(MetaData& metaData, bool trimAll, Work work) {
   const Result result = reportingMemory(metaData, work);
   trimScratch(metaData, trimAll);
   return result.word();
+}
+
+/// The same for an operation whose success has nothing to tell: what failed on the way and was got
+/// over leaves no text.
+template <typename Work>
+unsigned long long perform(MetaData& metaData, bool trimAll, Work work) {
+  const unsigned long long word = performKeepingText(metaData, trimAll, work);
+  if (word == 0) clearError(metaData);
+  return word;
 }
 
 /// The state checks that stand in front of the work, in the order in which they are asked. The

@@ -347,6 +347,7 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
     giveTransactionUp(metaData, all);
     return written;
   }
+  clearError(metaData);  // of what was got over
   applyEverywhere(metaData, all, releaseLocks, entry, entered);
   return {};
 }

@@ -317,6 +317,20 @@ TEST_F(ObjectLocks, OfADeadOwnerGiveItsKeysBack) {
   expectClean(path());
 }
 
+TEST_F(ObjectLocks, OfADeadOwnerThatWereGotOverLeaveNoText) {
+  Other other(path(), orders());
+  ASSERT_EQ(other.ask('b'), '0');
+  ASSERT_DONE(shop.db, shop.begin());
+  ASSERT_EQ(other.ask('+'), '0');
+  other.kill();
+  // The key looks taken until its owner is looked for.
+  ASSERT_DONE(shop.db, shop.add({100, 7, 7}));
+  EXPECT_EQ(messageOf(shop.db), "No error message");
+  ASSERT_DONE(shop.db, shop.commit());
+  EXPECT_EQ(messageOf(shop.db), "No error message");
+  ASSERT_DONE(shop.db, shop.end());
+}
+
 // -- The order of locks
 // -----------------------------------------------------------------------------
 
