@@ -6,6 +6,7 @@
 #include <new>
 
 #include "frame/control_file.h"
+#include "frame/mutex_guard.h"
 #include "frame/upcalls.h"
 #include "platform/text.h"
 #include "storage/file_io.h"
@@ -15,7 +16,6 @@ namespace zelta {
 namespace {
 
 constexpr std::size_t kExtensionLength = 4;
-constexpr std::uint32_t kOpenTimeout = 600000;  // ms
 
 /// The path with its extension, with the platform's separators.
 std::u16string fileNameOf(const char16_t* path) {
@@ -106,36 +106,26 @@ void closeAll(MetaData& metaData) {
   metaData.ownerThread = 0;
 }
 
-/// Releases a mutex at the end of the scope; the first failure of all is kept.
-class MutexHold {
- public:
-  explicit MutexHold(platform::Mutex mutex) : mutex_(mutex) {}
-  ~MutexHold() {
-    if (mutex_ != platform::Mutex::none) static_cast<void>(platform::releaseMutex(mutex_));
-  }
-  MutexHold(const MutexHold&) = delete;
-  MutexHold& operator=(const MutexHold&) = delete;
-
- private:
-  platform::Mutex mutex_;
-};
+/// Waits for a mutex; `guard` owns it then.
+Result own(MetaData& metaData, MutexGuard& guard, platform::Mutex mutex, std::uint32_t milliseconds,
+           const std::u16string& name) {
+  const SystemCode failure = platform::waitMutex(mutex, milliseconds);
+  if (failure == 0) guard.adopt(mutex);
+  return reportSystemError(&metaData, failure, name.c_str());
+}
 
 /// The part of creation under the database's mutex.
 Result initialise(MetaData& metaData, UInt32AVLTree*& tables, const std::u16string& name) {
-  if (const SystemCode failure = platform::waitMutex(metaData.databaseMutex, platform::kForever);
-      failure != 0) {
-    return reportSystemError(&metaData, failure, name.c_str());
-  }
-  const MutexHold database(metaData.databaseMutex);
+  MutexGuard database;
+  ZELTA_TRY(own(metaData, database, metaData.databaseMutex, platform::kForever, name));
   ZELTA_TRY(writeNewHeader(metaData, name));
   ZELTA_TRY(createLogMutex(metaData, name));
-  if (const SystemCode failure = platform::waitMutex(metaData.logMutex, platform::kForever);
-      failure != 0) {
-    return reportSystemError(&metaData, failure, name.c_str());
-  }
-  const MutexHold log(metaData.logMutex);
+  MutexGuard log;
+  ZELTA_TRY(own(metaData, log, metaData.logMutex, platform::kForever, name));
   splitPath(metaData, name);
-  return recoverAtOpen(metaData, tables);
+  ZELTA_TRY(recoverAtOpen(metaData, tables));
+  ZELTA_TRY(reportSystemError(&metaData, log.release(), name.c_str()));
+  return reportSystemError(&metaData, database.release(), name.c_str());
 }
 
 Result createControlFile(MetaData& metaData, const std::u16string& name) {
@@ -151,11 +141,8 @@ Result createControlFile(MetaData& metaData, const std::u16string& name) {
 
 /// The part of opening under the database's mutex.
 Result openLocked(MetaData& metaData, UInt32AVLTree*& tables, const std::u16string& name) {
-  if (const SystemCode failure = platform::waitMutex(metaData.databaseMutex, kOpenTimeout);
-      failure != 0) {
-    return reportSystemError(&metaData, failure, name.c_str());
-  }
-  const MutexHold database(metaData.databaseMutex);
+  MutexGuard database;
+  ZELTA_TRY(own(metaData, database, metaData.databaseMutex, kLongWait, name));
   ZELTA_TRY(createLogMutex(metaData, name));
   if (const SystemCode failure = openDatabaseFile(name.c_str(), platform::Disposition::openExisting,
                                                   &metaData.controlFile);
@@ -163,7 +150,8 @@ Result openLocked(MetaData& metaData, UInt32AVLTree*& tables, const std::u16stri
     return reportSystemError(&metaData, failure, name.c_str());
   }
   splitPath(metaData, name);
-  return recoverAtOpen(metaData, tables);
+  ZELTA_TRY(recoverAtOpen(metaData, tables));
+  return reportSystemError(&metaData, database.release(), name.c_str());
 }
 
 /// Undoes a failed open or creation, also when memory ran out.

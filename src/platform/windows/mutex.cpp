@@ -193,7 +193,7 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
     case WAIT_TIMEOUT:
       return code::kTimeout;
     default:
-      return lastCode();
+      return GetLastError() == 0 ? code::kTimeout : lastCode();
   }
 }
 
