@@ -1,3 +1,6 @@
+#include <optional>
+
+#include "frame/kept_error.h"
 #include "frame/mutex_guard.h"
 #include "index/kinds.h"
 #include "objects/lock_position.h"
@@ -91,6 +94,8 @@ Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool release
     if (!metaData.mayWrite()) continue;
     // Beside what is dropped now stands what was committed and is still to be carried out: until
     // then it keeps IDs and keys from others. Whoever does that drops the traces.
+    std::optional<KeptError> first;
+    if (result.failed()) first.emplace(metaData);
     const Result dropped = metaData.leaveSlot ? Result{} : dropTraces(metaData, *table);
     result.keepFirst(dropped);
     if (dropped.ok()) forgetEdits(*table, releaseLocks);

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "frame/directory_fixture.h"
 
@@ -158,6 +160,13 @@ TEST_F(FailingCalls, OfSettings) {
   }
 }
 
+TEST_F(FailingCalls, OfCreations) {
+  failEverywhere(beginning(CZELTA::TransactionExclusive), [](CZELTA& own) {
+    SmallSchema small(u"mid", 9);
+    return own.CreateTable(&small.schema, nullptr);
+  });
+}
+
 TEST_F(FailingCalls, OfRemovals) {
   const State before = state();
   for (const bool files : {false, true}) {
@@ -165,6 +174,88 @@ TEST_F(FailingCalls, OfRemovals) {
     failEverywhere(beginning(CZELTA::TransactionExclusive),
                    [files](CZELTA& own) { return own.RemoveTable(1, files); });
   }
+}
+
+/// Fails calls of one kind on names that end so, with codes of their own.
+class FailingNames : public platform::faults::Hook {
+ public:
+  struct Rule {
+    platform::faults::Call call;
+    std::string ending;
+    SystemCode failure;
+  };
+  explicit FailingNames(std::vector<Rule> rules) : rules_(std::move(rules)) {
+    platform::faults::install(this);
+  }
+  ~FailingNames() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    platform::faults::Verdict verdict;
+    for (const Rule& rule : rules_) {
+      const std::size_t length = rule.ending.size();
+      if (event.call != rule.call || event.name.size() < length ||
+          event.name.compare(event.name.size() - length, length, rule.ending) != 0) {
+        continue;
+      }
+      verdict.code = rule.failure;
+    }
+    return verdict;
+  }
+
+ private:
+  std::vector<Rule> rules_;
+};
+
+using platform::faults::Call;
+
+TEST_F(FailingCalls, OfAMutexThatIsGivenBackFailAnOpening) {
+  const auto releaseLeft = [this](const char16_t* file) {
+    platform::Mutex mutex = platform::Mutex::none;
+    const std::u16string name = u"Global\\" + folder.file("shop") + file;
+    ASSERT_EQ(platform::createMutex(name.c_str(), &mutex), 0u);
+    ASSERT_EQ(platform::releaseMutex(mutex), 0u);
+    platform::closeMutex(mutex);
+  };
+  {
+    const FailingNames failing({{Call::mutexRelease, ".zlc", code::kNotOwner}});
+    EXPECT_EQ(handle.OpenDatabase(path().c_str()), systemCode(288));
+    EXPECT_EQ(messageOf(handle), "Attempt to release mutex not owned by caller.");
+  }
+  releaseLeft(u".zlc");
+  EXPECT_EQ(handle.BeginTransaction(CZELTA::TransactionRead, 0), ownCode(3)) << "it is closed";
+  restore({});
+  {
+    const FailingNames failing({{Call::mutexRelease, ".zll", code::kNotOwner}});
+    EXPECT_EQ(handle.CreateDatabase(path().c_str()), systemCode(288));
+  }
+  releaseLeft(u".zll");
+  EXPECT_FALSE(folder.has("shop.zlc"));
+}
+
+TEST_F(FailingCalls, BehindAFirstOneLeaveItsText) {
+  ASSERT_DONE(handle, beginning(CZELTA::TransactionExclusive)(handle));
+  const FailingNames failing(
+      {{Call::write, "mid.zlt", code::kDiskFull}, {Call::truncate, ".zlc", code::kDeviceError}});
+  SmallSchema small(u"mid", 9);
+  EXPECT_EQ(handle.CreateTable(&small.schema, nullptr), systemCode(112));
+  EXPECT_EQ(messageOf(handle), "There is not enough space on the disk to complete the operation.");
+}
+
+TEST_F(FailingCalls, OfSeveralTablesInAnAbortTellOfTheFirst) {
+  ASSERT_DONE(handle, beginning(CZELTA::TransactionShared)(handle));
+  for (const unsigned int table : {1u, 2u}) {
+    CZELTA::Object object{};
+    ASSERT_DONE(handle, handle.OpenTable(table));
+    ASSERT_DONE(handle, handle.NewObject(table, &object, 0));
+    ASSERT_DONE(handle, handle.AddObject(table, &object, 0));
+  }
+  {
+    const FailingNames failing({{Call::write, "goods.zlm", code::kDiskFull},
+                                {Call::write, "sales.zlm", code::kDeviceError}});
+    EXPECT_EQ(handle.AbortTransaction(true), systemCode(112));
+    EXPECT_EQ(messageOf(handle),
+              "There is not enough space on the disk to complete the operation.");
+  }
+  EXPECT_DONE(handle, handle.AbortTransaction(true));
 }
 
 }  // namespace
