@@ -12,9 +12,11 @@ namespace zelta {
 namespace {
 
 /// How much of a file is served from memory. Table and index files may grow without bound, and what
-/// is touched of them counts as the process's memory; the memory file is as large as the running
+/// is touched of them counts as the process's memory. Of an index, each new key looks at a page on
+/// every level; of a table, each object at its slot. The memory file is as large as the running
 /// transactions are.
-constexpr std::uint64_t kSmallWindow = 4u << 20;
+constexpr std::uint64_t kTableWindow = 4u << 20;
+constexpr std::uint64_t kIndexWindow = 32u << 20;
 constexpr std::uint64_t kMemoryFileWindow = 256u << 20;
 
 }  // namespace
@@ -99,7 +101,7 @@ Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t 
   table_ = &table;
   // The files of a table are cut under its mutex alone.
   const std::uint64_t version = platform::lengthState(table.tableMutex);
-  constexpr std::uint64_t kWindows[] = {kSmallWindow, kSmallWindow, kMemoryFileWindow};
+  constexpr std::uint64_t kWindows[] = {kTableWindow, kIndexWindow, kMemoryFileWindow};
   filesOf(table, files_);
   for (int i = 0; i < 3; ++i) platform::beginStable(files_[i], kWindows[i], version);
   return {};

@@ -16,7 +16,7 @@
 namespace zelta {
 
 /// How much of a table or index file is served from memory to a transaction that only reads.
-inline constexpr std::uint64_t kReadWindow = 64u << 20;
+inline constexpr std::uint64_t kReadWindow = 1u << 30;
 
 /// What a table remembers of one index: where the walk stands, and what the running transaction
 /// takes out.
