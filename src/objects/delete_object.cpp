@@ -23,7 +23,7 @@ class Deletion final : public ObjectAccess {
         startIsOurs_(isOurs(request.table)) {}
 
  protected:
-  Result work(const TableHeader_tag& header, Located& found, NewLock& newLock) override;
+  Result work(const TableHeader_tag& header, Located& found) override;
 
  private:
   static bool isOurs(const Table& table) {
@@ -58,7 +58,7 @@ Result Deletion::readVersion(const TableHeader_tag& header, const Located& found
   return {};
 }
 
-Result Deletion::work(const TableHeader_tag& header, Located& found, NewLock& newLock) {
+Result Deletion::work(const TableHeader_tag& header, Located& found) {
   ObjectBytes object;
   ZELTA_TRY(readVersion(header, found, &object));
   ZELTA_TRY(before_.make(object));
@@ -75,7 +75,7 @@ Result Deletion::work(const TableHeader_tag& header, Located& found, NewLock& ne
     ZELTA_TRY(changes_.enter(trees));
     ZELTA_TRY(removeObject(files_->manager, files_->memoryHeader, table_, found.objectID));
   }
-  newLock.keep();
+  found.newLock.keep();
   changes_.finish();
   record(found.objectID);
   return releaseMutex();

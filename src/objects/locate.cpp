@@ -27,28 +27,43 @@ Result checkPosition(MetaData& metaData, const Table& table, const TableHeader_t
 
 }  // namespace
 
+namespace {
+
+/// Whether this transaction has the object locked.
+bool isLockedHere(const Table& table, std::uint64_t objectID) {
+  return find(table.lockedObjects, objectID) != nullptr ||
+         find(table.editedObjects, objectID) != nullptr ||
+         find(table.deletedObjects, objectID) != nullptr;
+}
+
+}  // namespace
+
 Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Located& out,
                    SlotState* state) {
-  const Table& table = request.table;
+  Table& table = request.table;
+  const auto failed = [&](SystemCode failure) {
+    return reportSystemError(&request.metaData, failure, table.cName(), extension::kTable);
+  };
   ObjectSlot slot{};
-  SystemCode result = code::kLockViolation;
-  if (!request.noLock) result = readSlot(table.tableFile, header.slotBase, out.objectID, &slot);
-  out.locked = !request.noLock && result == code::kLockViolation;
-  if (result == code::kLockViolation) {
-    result = readSlotPosition(table.tableFile, header.slotBase, out.objectID, &slot);
-  }
-  if (result != 0) {
-    return reportSystemError(&request.metaData, result, table.cName(), extension::kTable);
-  }
-  if (slot.isFree()) {
-    out.locked = false;
-    *state = SlotState::free;
-    return {};
-  }
+  SystemCode result = readSlotPosition(table.tableFile, header.slotBase, out.objectID, &slot);
+  if (result != 0) return failed(result);
+  out.locked = false;
+  out.blocker = 0;
+  *state = SlotState::free;
+  if (slot.isFree()) return {};
   ZELTA_TRY(checkPosition(request.metaData, table, header, slot.position));
   out.tablePosition = slot.position;
-  out.blocker = slot.transaction == request.metaData.transactionWord ? 0 : slot.transaction;
-  *state = out.locked ? SlotState::locked : SlotState::inUse;
+  *state = SlotState::inUse;
+  if (request.noLock) return {};
+  if (!isLockedHere(table, out.objectID)) result = out.newLock.take(table, out.objectID);
+  if (result == 0) result = readSlot(table.tableFile, header.slotBase, out.objectID, &slot);
+  if (result == code::kLockViolation) {
+    out.locked = true;
+    *state = SlotState::locked;
+    return {};
+  }
+  if (result != 0) return failed(result);
+  if (slot.transaction != request.metaData.transactionWord) out.blocker = slot.transaction;
   return {};
 }
 

@@ -4,6 +4,8 @@
 #define ZELTA_OBJECTS_LOCATE_H
 
 #include <cstdint>
+#include <memory>
+#include <utility>
 
 #include "czelta.h"
 #include "index/index_file.h"
@@ -42,6 +44,39 @@ struct ReadRequest {
   }
 };
 
+/// A lock on an object that is given back unless it is kept.
+class NewLock {
+ public:
+  NewLock() = default;
+  ~NewLock() { giveBack(); }
+  NewLock(const NewLock&) = delete;
+  NewLock& operator=(const NewLock&) = delete;
+
+  /// Once for each object of this class, or after giveBack().
+  SystemCode take(Table& table, std::uint64_t objectID) {
+    auto node = std::make_unique<UInt64AVLTree>();
+    const SystemCode result = lockObject(table.tableFile, table.slotBase, objectID);
+    if (result != 0) return result;
+    node_ = std::move(node);
+    table_ = &table;
+    objectID_ = objectID;
+    return 0;
+  }
+  void keep() {
+    if (node_) insert(node_.release(), table_->lockedObjects, objectID_);
+  }
+  void giveBack() {
+    if (!node_) return;
+    node_.reset();
+    unlockObject(table_->tableFile, table_->slotBase, objectID_);
+  }
+
+ private:
+  Table* table_ = nullptr;
+  std::unique_ptr<UInt64AVLTree> node_;  ///< null: nothing is locked
+  std::uint64_t objectID_ = 0;
+};
+
 /// What was found.
 struct Located {
   std::uint64_t objectID = 0;
@@ -53,6 +88,7 @@ struct Located {
   bool locked = false;           ///< another handle has the object locked
   bool foreignKey = false;       ///< the nearest key is pending in another transaction
   PooledKey key;                 ///< that led here
+  NewLock newLock;               ///< on the object, unless this transaction had it before
 };
 
 /// The files of a table as a read needs them, opened and attached when they are.
@@ -87,8 +123,10 @@ Result walkTree(const ReadRequest& request, const TableHeader_tag& header, ReadF
 
 /// What a slot says of an object.
 enum class SlotState { inUse, free, locked };
-/// Reads the slot of `out.objectID` and fills position, blocker and `locked`. A position that no
-/// record can have is own code 55. With ReadNoLock locks and blockers do not count.
+/// Reads the slot of `out.objectID` and fills position, blocker and `locked`. An object in use is
+/// locked then, which tells as much as to ask whether another one has it locked, and asks once. A
+/// position that no record can have is own code 55. With ReadNoLock locks and blockers do not
+/// count.
 Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Located& out,
                    SlotState* state);
 

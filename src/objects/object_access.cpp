@@ -102,12 +102,12 @@ Result ObjectAccess::pass(Outcome* outcome) {
   table_.currentObjectID = startID_;
   blockedBy_ = 0;
   blockedPosition_ = 0;
+  Located found;
   if (const Result opened = openPass(header); opened.failed()) {
     // To a writer: an object waits for its content from the log, and an index for the object.
     if (!request_.writer || !opened.isLocked()) return opened;
-    return askForDead(0, Outcome::blockedByTransaction, outcome);
+    return askForDead(0, Outcome::blockedByTransaction, found, outcome);
   }
-  Located found;
   const Result result = locateObject(request_, header, files_ ? &*files_ : nullptr, found);
   blockedID_ = found.objectID;
   blockedPosition_ = found.tablePosition;
@@ -115,11 +115,11 @@ Result ObjectAccess::pass(Outcome* outcome) {
     const Outcome locked =
         found.tablePosition != 0 ? Outcome::objectLocked : Outcome::blockedByTransaction;
     *outcome = locked;
-    return request_.writer ? askForDead(0, locked, outcome) : result;
+    return request_.writer ? askForDead(0, locked, found, outcome) : result;
   }
   if (mayBeTrace(result, found)) {
     clearError(metaData_);
-    return askForDead(0, Outcome::again, outcome);
+    return askForDead(0, Outcome::again, found, outcome);
   }
   ZELTA_TRY(result);
   if (found.foreignKey) {
@@ -130,10 +130,10 @@ Result ObjectAccess::pass(Outcome* outcome) {
     ZELTA_TRY(meetBlocker(header, found, outcome));
     if (*outcome != Outcome::done) return {};
   }
-  const Result end = finishPass(header, found, outcome);
+  const Result end = finishPass(header, found);
   if (!mayBeTrace(end, found)) return end;
   clearError(metaData_);
-  return askForDead(0, Outcome::again, outcome);
+  return askForDead(0, Outcome::again, found, outcome);
 }
 
 /// Whether a key of another transaction, a key without its object or an object without its content
@@ -147,8 +147,11 @@ bool ObjectAccess::mayBeTrace(Result result, const Located& found) const {
 }
 
 /// Learns from the control file whether a transaction (0: any) is dead, and repairs it. The
-/// table's mutex is let go: the database's is never waited for with a table's at hand.
-Result ObjectAccess::askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome) {
+/// table's mutex is let go: the database's is never waited for with a table's at hand. So is the
+/// object: the pass ends here.
+Result ObjectAccess::askForDead(std::uint32_t number, Outcome blocked, Located& found,
+                                Outcome* outcome) {
+  found.newLock.giveBack();
   ZELTA_TRY(mutex_.release());
   bool repaired = false;
   const Result result = number == 0 ? clearAllDead(metaData_, tables_, &repaired)
@@ -168,13 +171,12 @@ Result ObjectAccess::askForDead(std::uint32_t number, Outcome blocked, Outcome* 
 }
 
 /// Another transaction has left its mark on an object that nobody has locked.
-Result ObjectAccess::meetBlocker(const TableHeader_tag& header, const Located& found,
-                                 Outcome* outcome) {
+Result ObjectAccess::meetBlocker(const TableHeader_tag& header, Located& found, Outcome* outcome) {
   blockedBy_ = found.blocker;
   if (found.blocker == kExclusiveNumber || found.blocker == endedTransaction_) {
     return dropTraces(header, found, outcome);
   }
-  return askForDead(found.blocker, Outcome::blockedByTransaction, outcome);
+  return askForDead(found.blocker, Outcome::blockedByTransaction, found, outcome);
 }
 
 /// The transaction is gone and will not come back for its mark.
@@ -188,27 +190,9 @@ Result ObjectAccess::dropTraces(const TableHeader_tag& header, const Located& fo
   return dropTransactionEntries(metaData_, table_, *files_, found.blocker);
 }
 
-Result ObjectAccess::lock(const Located& found, NewLock& newLock, Outcome* outcome) {
-  const std::uint64_t id = found.objectID;
-  if (request_.noLock || found.memoryPosition != 0 || find(table_.lockedObjects, id) != nullptr ||
-      find(table_.editedObjects, id) != nullptr || find(table_.addedObjects, id) != nullptr) {
-    return {};
-  }
-  const SystemCode result = newLock.take(id);
-  if (result == 0) return {};
-  if (result != code::kLockViolation) {
-    return reportSystemError(&metaData_, result, table_.cName(), extension::kTable);
-  }
-  *outcome = Outcome::objectLocked;
-  return {};
-}
-
-Result ObjectAccess::finishPass(const TableHeader_tag& header, Located& found, Outcome* outcome) {
+Result ObjectAccess::finishPass(const TableHeader_tag& header, Located& found) {
   table_.currentObjectID = 0;
-  NewLock newLock(table_);
-  ZELTA_TRY(lock(found, newLock, outcome));
-  if (*outcome != Outcome::done) return {};
-  ZELTA_TRY(work(header, found, newLock));
+  ZELTA_TRY(work(header, found));
   table_.currentObjectID = found.objectID;
   return {};
 }

@@ -5,7 +5,6 @@
 #define ZELTA_OBJECTS_OBJECT_ACCESS_H
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 
 #include "czelta.h"
@@ -17,34 +16,6 @@ namespace zelta {
 
 /// The number of every exclusive transaction.
 inline constexpr std::uint32_t kExclusiveNumber = 1;
-
-/// A lock on an object that is given back unless it is kept.
-class NewLock {
- public:
-  explicit NewLock(Table& table) : table_(table) {}
-  ~NewLock() {
-    if (node_) unlockObject(table_.tableFile, table_.slotBase, objectID_);
-  }
-  NewLock(const NewLock&) = delete;
-  NewLock& operator=(const NewLock&) = delete;
-
-  SystemCode take(std::uint64_t objectID) {
-    auto node = std::make_unique<UInt64AVLTree>();
-    const SystemCode result = lockObject(table_.tableFile, table_.slotBase, objectID);
-    if (result != 0) return result;
-    node_ = std::move(node);
-    objectID_ = objectID;
-    return 0;
-  }
-  void keep() {
-    if (node_) insert(node_.release(), table_.lockedObjects, objectID_);
-  }
-
- private:
-  Table& table_;
-  std::unique_ptr<UInt64AVLTree> node_;
-  std::uint64_t objectID_ = 0;
-};
 
 class ObjectAccess {
  public:
@@ -66,9 +37,9 @@ class ObjectAccess {
   [[nodiscard]] std::uint32_t entry() const { return entry_; }
 
  protected:
-  /// What is done with the object, under the mutex if the transaction may write. `newLock` has it
-  /// locked unless it was locked already, and keeps the lock if it is told so.
-  virtual Result work(const TableHeader_tag& header, Located& found, NewLock& newLock) = 0;
+  /// What is done with the object, under the mutex if the transaction may write. It is locked then;
+  /// `found.newLock` keeps the lock if it is told so.
+  virtual Result work(const TableHeader_tag& header, Located& found) = 0;
 
   Result releaseMutex();
   /// Makes a version of the object the one that walks go on from.
@@ -90,11 +61,10 @@ class ObjectAccess {
   Result pass(Outcome* outcome);
   Result openPass(TableHeader_tag& header);
   [[nodiscard]] bool mayBeTrace(Result result, const Located& found) const;
-  Result meetBlocker(const TableHeader_tag& header, const Located& found, Outcome* outcome);
+  Result meetBlocker(const TableHeader_tag& header, Located& found, Outcome* outcome);
   Result dropTraces(const TableHeader_tag& header, const Located& found, Outcome* outcome);
-  Result askForDead(std::uint32_t number, Outcome blocked, Outcome* outcome);
-  Result finishPass(const TableHeader_tag& header, Located& found, Outcome* outcome);
-  Result lock(const Located& found, NewLock& newLock, Outcome* outcome);
+  Result askForDead(std::uint32_t number, Outcome blocked, Located& found, Outcome* outcome);
+  Result finishPass(const TableHeader_tag& header, Located& found);
   Result waitOrFail(Outcome outcome);
   Result isAhead(bool* ahead);
   [[nodiscard]] bool watch();

@@ -13,7 +13,7 @@ class Read final : public ObjectAccess {
   using ObjectAccess::ObjectAccess;
 
  protected:
-  Result work(const TableHeader_tag& header, Located& found, NewLock& newLock) override {
+  Result work(const TableHeader_tag& header, Located& found) override {
     if (found.memoryPosition != 0) {
       ZELTA_TRY(readPendingObject(metaData_, table_, files_->manager, found));
     } else {
@@ -24,7 +24,7 @@ class Read final : public ObjectAccess {
     const ObjectBytes object{table_.objectData, table_.objectLength};
     ZELTA_TRY(moveCursors(found, object));
     if (!request_.noLock) ZELTA_TRY(advance(found, object));
-    newLock.keep();
+    found.newLock.keep();
     return {};
   }
 };
