@@ -311,6 +311,7 @@ TEST(ReadLocks, LivingTransactionsMarkIsWaitedForAndNamed) {
   EXPECT_EQ(two.message(), u"Unable to gain lock on transaction " +
                                std::u16string(digits.begin(), digits.end()) + u".");
   EXPECT_TRUE(two.readId(2, CZELTA::ReadNoLock).ok());
+  EXPECT_TRUE(one.readId(2, kNoWait).ok()) << "the one that met the mark has given its lock back";
 }
 
 // -- Pending objects
