@@ -10,20 +10,10 @@
 #include <random>
 #include <utility>
 
-#include "support/tree_bench.h"
+#include "index/tree_model.h"
 
 namespace zelta::testing {
 namespace {
-
-/// Like std::mt19937, but with numbers of just 32 bits in their type, too.
-class Random {
- public:
-  explicit Random(std::uint32_t seed) : engine_(seed) {}
-  std::uint32_t operator()() { return static_cast<std::uint32_t>(engine_()); }
-
- private:
-  std::mt19937 engine_;
-};
 
 struct PlainNode {
   bool leaf = true;

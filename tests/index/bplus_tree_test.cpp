@@ -6,7 +6,7 @@
 #include <random>
 #include <string>
 
-#include "support/tree_bench.h"
+#include "index/tree_model.h"
 
 namespace zelta::testing {
 namespace {
@@ -23,16 +23,6 @@ TreeForm variableForm(std::uint32_t keyWords = 3) {
   form.keyWords = keyWords;
   return form;
 }
-
-/// Numbers of 32 bits.
-class Random {
- public:
-  explicit Random(unsigned seed) : engine_(seed) {}
-  std::uint32_t operator()() { return static_cast<std::uint32_t>(engine_()); }
-
- private:
-  std::mt19937 engine_;
-};
 
 Words number(std::uint32_t value) { return {0, value}; }
 
@@ -292,34 +282,6 @@ TEST(BPlusTree, DroppedTreeGivesAllItsSpaceBack) {
 // -- Against a model
 // -------------------------------------------------------------------------------
 
-struct ModelCase {
-  TreeForm form;
-  std::uint32_t range;
-  const char* name;
-};
-
-class BPlusTreeModel : public ::testing::TestWithParam<ModelCase> {
- protected:
-  Words randomKey(Random& random, const ModelCase& parameters) {
-    const std::uint32_t value = random() % parameters.range;
-    if (!parameters.form.variable) {
-      Words key(parameters.form.keyWords, 0);
-      key.front() = value % 7;
-      key.back() = value;
-      return key;
-    }
-    // Prefixes of each other, and now and then a giant.
-    Random shape(value);
-    std::uint32_t length = shape() % 6;
-    if (shape() % 40 == 0) length = 60 + shape() % 200;
-    Words key(length, 0);
-    for (std::uint32_t& word : key)
-      word = shape() % 3 == 0 ? 0xFFFFFFFF - shape() % 3 : shape() % 4;
-    key.push_back(value);
-    return key;
-  }
-};
-
 TEST_P(BPlusTreeModel, RandomInsertsAndRemovesAgreeWithAMap) {
   const ModelCase& parameters = GetParam();
   const unsigned seed = std::random_device{}();
@@ -417,104 +379,8 @@ TEST_P(BPlusTreeModel, CursorWalksAsAMapDoes) {
   EXPECT_FALSE(cursor.valid());
 }
 
-TEST_P(BPlusTreeModel, MergeMovesTheChosenObjectsAndKeepsTheOthers) {
-  const ModelCase& parameters = GetParam();
-  if (parameters.form.file != PageFile::memory) return;
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  Random random(seed);
-  for (const std::uint32_t share : {0u, 3u, 50u, 97u, 100u}) {
-    TreeBench bench(parameters.form);
-    TreeModel pending;
-    TreeModel committed;
-    UInt64AVLTree* first = nullptr;
-    UInt64AVLTree* second = nullptr;
-    for (std::uint32_t i = 1; i <= 600; ++i) {
-      const Words key = randomKey(random, parameters);
-      if (pending.count(key) + committed.count(key) != 0) continue;
-      ASSERT_TRUE(bench.insert(key, i).ok());
-      const bool chosen = random() % 100 < share;
-      (chosen ? committed : pending)[key] = i;
-      if (chosen) new UInt64AVLTree(random() % 2 == 0 ? first : second, i);
-    }
-    const TreeFile target = {PageFile::index, parameters.form.pageSize};
-    bench.manager->shadowCursor = bench.manager->memoryEndOfFile;
-    ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, &target, parameters.form.pageSize,
-                           *bench.manager, 0, first, second)
-                    .ok());
-    bench.check(pending);
-    bench.form.file = PageFile::index;
-    bench.check(committed);
-    destroyAll(first);
-    destroyAll(second);
-  }
-}
-
-TEST_P(BPlusTreeModel, MergeMakesTheFirstKeysThatAreLeftTheSeparators) {
-  const ModelCase& parameters = GetParam();
-  if (parameters.form.file != PageFile::memory) return;
-  for (const std::uint32_t left : {2u, 3u, 40u}) {
-    TreeBench bench(parameters.form);
-    TreeModel all;
-    TreeModel pending;
-    UInt64AVLTree* chosen = nullptr;
-    for (std::uint32_t i = 1; i <= 2000; ++i) {
-      // Keys of one length, so that each has room where another one stood.
-      Words key(parameters.form.keyWords, 0);
-      key.back() = i;
-      ASSERT_TRUE(bench.insert(key, i).ok());
-      all[key] = i;
-      if (i % left == 0) {
-        pending[key] = i;
-      } else {
-        new UInt64AVLTree(chosen, i);
-      }
-    }
-    ASSERT_EQ(bench.check(all).looseSeparators, 0u);
-    ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, parameters.form.pageSize,
-                           *bench.manager, 0, chosen, nullptr)
-                    .ok());
-    EXPECT_EQ(bench.check(pending).looseSeparators, 0u) << "one of " << left << " is left";
-    destroyAll(chosen);
-  }
-}
-
-TEST_P(BPlusTreeModel, MergeWithoutATargetDropsTheChosenObjects) {
-  const ModelCase& parameters = GetParam();
-  if (parameters.form.file != PageFile::memory) return;
-  TreeBench bench(parameters.form);
-  Random random(5);
-  TreeModel pending;
-  UInt64AVLTree* chosen = nullptr;
-  for (std::uint32_t i = 1; i <= 500; ++i) {
-    const Words key = randomKey(random, parameters);
-    if (bench.insert(key, i).failed()) continue;
-    if (i % 3 == 0) {
-      new UInt64AVLTree(chosen, i);
-    } else {
-      pending[key] = i;
-    }
-  }
-  ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, parameters.form.pageSize,
-                         *bench.manager, 0, chosen, nullptr)
-                  .ok());
-  bench.check(pending);
-  destroyAll(chosen);
-}
-
-constexpr PageFile kIndex = PageFile::index;
-constexpr PageFile kMemory = PageFile::memory;
-
-INSTANTIATE_TEST_SUITE_P(
-    Forms, BPlusTreeModel,
-    ::testing::Values(ModelCase{{false, false, 1, 256, kMemory}, 900, "fixed"},
-                      ModelCase{{false, true, 3, 128, kMemory}, 900, "fixedWide"},
-                      ModelCase{{false, false, 2, 512, kIndex}, 3000, "fixedInIndexFile"},
-                      ModelCase{{true, false, 3, 256, kMemory}, 900, "variable"},
-                      ModelCase{{true, true, 2, 128, kMemory}, 900, "variableWide"},
-                      ModelCase{{true, false, 40, 1024, kMemory}, 3000, "variableRoomy"},
-                      ModelCase{{true, false, 3, 256, kIndex}, 900, "variableInIndexFile"}),
-    [](const auto& tested) { return std::string(tested.param.name); });
+INSTANTIATE_TEST_SUITE_P(Forms, BPlusTreeModel, ::testing::ValuesIn(kModelCases),
+                         [](const auto& tested) { return std::string(tested.param.name); });
 
 // -- Damage
 // ----------------------------------------------------------------------------------------
