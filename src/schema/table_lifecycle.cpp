@@ -63,9 +63,18 @@ std::u16string indexPath(const Table& table) {
   return table.directory + table.name + extension::kIndex;
 }
 
+namespace {
+
+/// Where names of files are compared without regard to case, those of folders are, too.
+bool isSameFolder(const std::u16string& a, const std::u16string& b) {
+  return platform::kSeparator == u'\\' ? compareNames(a, b) == 0 : a == b;
+}
+
+}  // namespace
+
 Result getTableSchema(MetaData& metaData, Table& table, CZELTA::Schema* schema,
                       unsigned int* size) {
-  const bool ownFolder = table.directory != metaData.directoryPath;
+  const bool ownFolder = !isSameFolder(table.directory, metaData.directoryPath);
   const std::uint64_t needed = std::uint64_t{table.schemaCopyBytes} + 4 + 2 * table.name.size() +
                                (ownFolder ? 2 * table.directory.size() : 0);
   if (needed > 0xFFFFFFFF) return reportSystemError(&metaData, code::kNoMemory);
