@@ -240,6 +240,7 @@ Result Removal::share(BPlusNode& parent, BPlusNode& node, bool* parentChanged) {
   const auto keep = static_cast<std::uint32_t>((total * left + both / 2) / both);
   if (keep == pair.left->count()) return {};
   if (node.leaf() && (keep == 0 || keep == total)) return {};
+  if (keep > kMaximumCount || total - keep > kMaximumCount) return {};
 
   bool done = false;
   const std::uint32_t* separator = parent.key(number);
