@@ -100,6 +100,9 @@ class TableDirectory {
   [[nodiscard]] bool parse(const char* bytes, std::size_t length, std::uint32_t tableCount,
                            std::uint32_t directorySize);
 
+  /// Whether the file still has this directory, which is not empty.
+  [[nodiscard]] bool stillStands(MetaData& metaData) const;
+
   /// Entries in the order of their names.
   [[nodiscard]] const std::vector<DirectoryEntry>& entries() const { return entries_; }
   [[nodiscard]] const DirectoryEntry* find(std::uint32_t tableId) const;

@@ -143,6 +143,14 @@ Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header)
   }
 }
 
+bool TableDirectory::stillStands(MetaData& metaData) const {
+  const std::string expected = bytes();
+  const auto length = static_cast<std::int64_t>(expected.size());
+  char* now = metaData.scratchFor(Scratch::directory).reserve(expected.size());
+  return readLargeBuffer(metaData.controlFile, kControlHeaderSize, now, length) == 0 &&
+         std::memcmp(now, expected.data(), expected.size()) == 0;
+}
+
 const DirectoryEntry* TableDirectory::find(std::uint32_t tableId) const {
   for (const DirectoryEntry& entry : entries_) {
     if (entry.tableId == tableId) return &entry;

@@ -56,6 +56,14 @@ void closeHandle(Table& table) {
   table.indexFile = platform::File::none;
 }
 
+/// Whether the table's files may have made room for those of another table of its name: a reader
+/// does not keep anybody from that. The file of the objects goes first and comes first.
+bool isReplaced(const MetaData& metaData, const Table& table) {
+  if (table.tableFile == platform::File::none) return false;
+  const std::u16string path = databasePath(metaData, table.name, extension::kTable);
+  return !platform::isNamed(table.tableFile, path.c_str());
+}
+
 /// Opens the file, or makes it if that is allowed. Without `mustExist` the handle may stay closed.
 Result openHandle(MetaData& metaData, Table& table, bool exclusive, bool mustExist) {
   if (table.indexFile != platform::File::none) return {};
@@ -64,6 +72,10 @@ Result openHandle(MetaData& metaData, Table& table, bool exclusive, bool mustExi
       platform::openFile(path.c_str(), platform::Disposition::openExisting, &table.indexFile);
   if (result == code::kFileNotFound && mustExist && exclusive) {
     result = platform::openFile(path.c_str(), platform::Disposition::openAlways, &table.indexFile);
+  }
+  if (result == 0 && !exclusive && isReplaced(metaData, table)) {
+    closeHandle(table);
+    result = code::kFileNotFound;
   }
   if (result == 0) {
     if (!exclusive) platform::serveReads(table.indexFile, kReadWindow);

@@ -12,35 +12,70 @@
 
 namespace zelta {
 
-Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId) {
-  if (findTable(tables, tableId) != nullptr) return {};
-  const bool exclusive = metaData.mayWrite();
-  auto table = std::make_unique<Table>(std::uint16_t{0});
+namespace {
+
+Result notFound(MetaData& metaData, std::uint32_t tableId) {
+  return reportError(&metaData, Own::tableNotFound, nullptr, nullptr, tableId);
+}
+
+/// Reads the directory, and finds the table's entry in it.
+Result findEntry(MetaData& metaData, std::uint32_t tableId, TableDirectory& directory,
+                 DirectoryEntry& entry) {
+  ControlHeader_tag header;
+  ZELTA_TRY(refreshControlHeader(metaData, header));
+  ZELTA_TRY(directory.read(metaData, header));
+  const DirectoryEntry* found = directory.find(tableId);
+  if (found == nullptr) return notFound(metaData, tableId);
+  entry = *found;
+  return {};
+}
+
+Result openForWriting(MetaData& metaData, Table& table, std::uint32_t tableId) {
   DirectoryEntry entry{};
   {
     MutexGuard database;
-    if (exclusive) ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
-    ControlHeader_tag header;
-    ZELTA_TRY(refreshControlHeader(metaData, header));
+    ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
     TableDirectory directory;
-    ZELTA_TRY(directory.read(metaData, header));
-    const DirectoryEntry* found = directory.find(tableId);
-    if (found == nullptr)
-      return reportError(&metaData, Own::tableNotFound, nullptr, nullptr, tableId);
-    entry = *found;
+    ZELTA_TRY(findEntry(metaData, tableId, directory, entry));
   }
-  takeEntry(metaData, *table, entry);
+  takeEntry(metaData, table, entry);
   TableMutexGuard guard;
-  if (exclusive) {
-    ZELTA_TRY(acquireTableMutex(metaData, *table, guard));
-  } else {
-    openTableMutex(metaData, *table).ignore();  // only its count of changes is looked at
-    clearError(metaData);
+  ZELTA_TRY(acquireTableMutex(metaData, table, guard));
+  ZELTA_TRY(loadTable(metaData, table, entry, true));
+  return guard.release();
+}
+
+/// `*again`: the directory has changed meanwhile, and the files may be those of another table that
+/// was given the name.
+Result openForReading(MetaData& metaData, Table& table, std::uint32_t tableId, bool* again) {
+  DirectoryEntry entry{};
+  TableDirectory directory;
+  ZELTA_TRY(findEntry(metaData, tableId, directory, entry));
+  takeEntry(metaData, table, entry);
+  openTableMutex(metaData, table).ignore();  // only its count of changes is looked at
+  clearError(metaData);
+  const Result result = loadTable(metaData, table, entry, false);
+  *again = !directory.stillStands(metaData);
+  return result;
+}
+
+}  // namespace
+
+Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId) {
+  if (findTable(tables, tableId) != nullptr) return {};
+  constexpr int kAttempts = 100;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    auto table = std::make_unique<Table>(std::uint16_t{0});
+    bool again = false;
+    const Result result = metaData.mayWrite() ? openForWriting(metaData, *table, tableId)
+                                              : openForReading(metaData, *table, tableId, &again);
+    if (again) continue;
+    ZELTA_TRY(result);
+    clearError(metaData);  // of an attempt before
+    insert(table.release(), tables, tableId);
+    return {};
   }
-  ZELTA_TRY(loadTable(metaData, *table, entry, exclusive));
-  ZELTA_TRY(guard.release());
-  insert(table.release(), tables, tableId);
-  return {};
+  return notFound(metaData, tableId);
 }
 
 void forgetLockMark(MetaData& metaData, const Table& table) {

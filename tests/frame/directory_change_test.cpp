@@ -1,5 +1,7 @@
 // Changes of the table directory: their bytes, and changes that are cut off.
 
+#include <algorithm>
+
 #include "frame/directory_fixture.h"
 
 namespace zelta::testing {
@@ -357,10 +359,14 @@ TEST_F(DirectoryChangeTest, AFolderMayHaveTheSeparatorsOfAnotherPlatform) {
   ASSERT_DONE(handle, handle.CreateTable(&far.schema, nullptr));
   ASSERT_DONE(handle, handle.CloseDatabase());
   std::string bytes = control();
-  const auto unit = [](char16_t c) { return std::string(reinterpret_cast<const char*>(&c), 2); };
-  for (std::size_t at = 76; at + 2 <= bytes.size(); at += 2) {
-    if (bytes.substr(at, 2) == unit(platform::kSeparator)) bytes.replace(at, 2, unit(u'\\'));
-  }
+  const auto stored = [](const std::u16string& text) {
+    return std::string(reinterpret_cast<const char*>(text.data()), text.size() * 2);
+  };
+  std::u16string other = place;
+  std::replace(other.begin(), other.end(), platform::kSeparator, u'\\');
+  const std::size_t at = bytes.find(stored(place));
+  ASSERT_NE(at, std::string::npos);
+  bytes.replace(at, other.size() * 2 + 2, stored(other + u'\\'));
   folder.write("shop.zlc", bytes);
 
   ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
