@@ -47,6 +47,9 @@ class EditPlan {
 
   Result make(const PendingImages& images);
 
+  /// A replay tells a slot that is in use among the free ones from a list with wrong links.
+  bool replaying = false;
+
   // The result
   std::vector<Edit> moves;  ///< kind moveObject
   std::vector<Edit> edits;  ///< all others, freed slots first

@@ -27,6 +27,10 @@ Result EditPlan::nextFreeID(std::uint64_t id, std::uint64_t* out) {
       failure != 0) {
     return reportTable(metaData_, table_.cName(), failure);
   }
+  if (!slot.isFree() && replaying) {
+    return reportError(&metaData_, Own::unclassified, table_.cName(), extension::kTable,
+                       static_cast<std::int64_t>(id));
+  }
   const bool good = slot.isFree() && (slot.nextFree() == 0 || slot.nextFree() > id) &&
                     slot.nextFree() <= old_.highestID;
   if (!good) {

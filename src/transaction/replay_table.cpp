@@ -225,6 +225,7 @@ Result TableReplay::run(const TableSection& section) {
   ZELTA_TRY(openIndex(&indexThere));
   if (indexThere) ZELTA_TRY(applyKeys());
   EditPlan plan(metaData_, table_, header_, {deleted_.root, edited_.root});
+  plan.replaying = true;
   ZELTA_TRY(plan.make(images_));
   ZELTA_TRY(executePlan(metaData_, table_, header_, plan, reader_.images, entry_.head.number));
   return guard.release();

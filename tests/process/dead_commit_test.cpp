@@ -11,6 +11,7 @@
 
 #include "process/die_between.h"
 #include "process/shop_fixture.h"
+#include "support/raw_table.h"
 
 namespace zelta::testing {
 namespace {
@@ -104,6 +105,37 @@ TEST_F(DeadCommit, WhoseKeysAloneAreInTheIndexKeepsThem) {
   ASSERT_DONE(shop.db, shop.commit());
   ASSERT_DONE(shop.db, shop.end());
   expectElsewhere({kLost.key, kRest.key, 7, 8}, {});
+}
+
+/// The commit stays as it is for whoever comes when the table's file is mended.
+TEST_F(DeadCommit, ThatMeetsASlotInUseAmongTheFreeIDsIsNotReplayed) {
+  stock({{1, 1, 1}, {2, 1, 2}, {3, 1, 3}, {4, 1, 4}, {5, 1, 5}});
+  ChildProcess victim([&](const Line&) {
+    Shop own;
+    if (!own.open(path()) || own.begin() != 0 || own.remove(2) != 0 || own.commit() != 0) return 1;
+    if (own.remove(4) != 0) return 2;
+    const DieBetween death(kKeysAlone);
+    static_cast<void>(own.commit());
+    return 3;
+  });
+  ASSERT_EQ(victim.wait(), kKilled);
+  std::string bytes = folder.bytes("things.zlt");
+  RawBytes raw(bytes);
+  const std::uint64_t top = readRawTableHeader(raw).slotBase + 12 * 2 + 7;  // of the slot of ID 2
+  const auto flip = [&] {
+    bytes[top] = static_cast<char>(bytes[top] ^ 0x80);
+    folder.write("things.zlt", bytes);
+  };
+  flip();
+  EXPECT_EQ(shop.db.OpenDatabase(path().c_str()), ownCode(59));
+  const char16_t* message = nullptr;
+  shop.db.GetErrorMessage(&message);
+  EXPECT_EQ(std::u16string(message),
+            u"An unclassified error has occured while executing operation.\nString1 = things.\n"
+            u"String2 = .zlt.\nInteger1 = 2, Integer2 = 0");
+  flip();
+  ASSERT_TRUE(shop.open(path()));
+  expectElsewhere({1, 3, 5}, {2, 4});
 }
 
 /// Watches a repairer: from the time that it has locked the word of a slot to the time that it
