@@ -104,10 +104,10 @@ class Removal {
   Result removeLeaf(BPlusNode& leaf);
   Result dropChild(bool* vanished);
   Result settle(bool vanished);
-  Result balance(BPlusNode& node, bool* parentChanged);
+  Result balance(bool* joined);
   Result tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node, bool nodeIsLeft,
                  bool* joined);
-  Result share(BPlusNode& parent, BPlusNode& node, bool* parentChanged);
+  Result share(BPlusNode& parent, BPlusNode& node);
   Result moveRight(BPlusPair pair, const std::uint32_t* separator, std::uint32_t keep, bool* done);
   Result moveLeft(BPlusPair pair, const std::uint32_t* separator, std::uint32_t take, bool* done);
 
@@ -130,13 +130,12 @@ Result Removal::run(const std::uint32_t* key, std::uint64_t objectID) {
 Result Removal::removeEntry(BPlusNode& leaf, std::uint32_t number) {
   leaf.erase(number, number);
   ZELTA_TRY(walk_.store(path_.steps[level_].position, leaf));
-  const bool thin = level_ != 0 && leaf.fillBelow(kThin);
   if (number == 0 && path_.equalLevel != BPlusPath::kMaximumDepth) {
     separator_.assign(walk_.shape, leaf.key(0));
     ZELTA_TRY(
         walk_.replaceSeparator(path_, path_.equalLevel, path_.equalSeparator, separator_.get()));
   }
-  return thin ? settle(false) : Result();
+  return settle(false);
 }
 
 Result Removal::removeLeaf(BPlusNode& leaf) {
@@ -156,21 +155,17 @@ Result Removal::removeLeaf(BPlusNode& leaf) {
   return settle(true);
 }
 
-/// Goes up from a node that lost entries, or that `vanished` altogether.
+/// Goes up from a node that lost entries, or that `vanished` altogether. All nodes on the way are
+/// looked at: what kept a thin one from being joined may have passed since.
 Result Removal::settle(bool vanished) {
   bool dropped = false;
-  while (level_ != 0) {
+  for (; level_ != 0; --level_) {
     if (vanished) {
       ZELTA_TRY(dropChild(&vanished));
       dropped = !vanished;
     } else {
-      BPlusNode node;
-      ZELTA_TRY(walk_.load(path_.steps[level_].position, node, kNodeBuffer));
-      if (!node.fillBelow(kThin)) return {};
-      ZELTA_TRY(balance(node, &dropped));
-      if (!dropped) return {};
+      ZELTA_TRY(balance(&dropped));
     }
-    --level_;
   }
   if (vanished) {
     walk_.root() = 0;
@@ -191,23 +186,24 @@ Result Removal::dropChild(bool* vanished) {
   return walk_.store(up.position, parent);
 }
 
-Result Removal::balance(BPlusNode& node, bool* parentChanged) {
+/// Looks after the fill of the node at hand.
+Result Removal::balance(bool* joined) {
+  BPlusNode node;
+  *joined = false;
+  ZELTA_TRY(walk_.look(path_.steps[level_].position, node));
+  if (!node.fillBelow(kThin)) return {};
+  ZELTA_TRY(walk_.load(path_.steps[level_].position, node, kNodeBuffer));
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   BPlusNode parent;
-  *parentChanged = false;
   ZELTA_TRY(walk_.load(up.position, parent, kParentBuffer));
   if (parent.leaf() || up.child > parent.count()) return walk_.corrupted();
-  bool joined = false;
   if (!(walk_.shape.variable && node.leaf() && node.count() >= kManyKeys)) {
-    if (up.child < parent.count()) ZELTA_TRY(tryJoin(parent, up.child, node, true, &joined));
-    if (!joined && up.child > 0) ZELTA_TRY(tryJoin(parent, up.child - 1, node, false, &joined));
+    if (up.child < parent.count()) ZELTA_TRY(tryJoin(parent, up.child, node, true, joined));
+    if (!*joined && up.child > 0) ZELTA_TRY(tryJoin(parent, up.child - 1, node, false, joined));
   }
-  if (joined) {
-    *parentChanged = true;
-    return walk_.store(up.position, parent);
-  }
+  if (*joined) return walk_.store(up.position, parent);
   if (parent.count() == 0 || !node.fillBelow(kStarved)) return {};
-  return share(parent, node, parentChanged);
+  return share(parent, node);
 }
 
 /// Joins children `number` and `number` + 1, one of which is the node at hand.
@@ -223,7 +219,7 @@ Result Removal::tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node
 }
 
 /// Spreads the keys of the node and a sibling by the sizes of the two.
-Result Removal::share(BPlusNode& parent, BPlusNode& node, bool* parentChanged) {
+Result Removal::share(BPlusNode& parent, BPlusNode& node) {
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   const std::uint64_t position = path_.steps[level_].position;
   const bool nodeIsLeft = up.child < parent.count();
@@ -252,7 +248,6 @@ Result Removal::share(BPlusNode& parent, BPlusNode& node, bool* parentChanged) {
   if (!done) return {};
   ZELTA_TRY(walk_.store(pair.leftPosition, *pair.left));
   ZELTA_TRY(walk_.store(pair.rightPosition, *pair.right));
-  *parentChanged = true;
   return walk_.replaceSeparator(path_, level_ - 1, number, separator_.get());
 }
 

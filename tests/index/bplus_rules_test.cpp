@@ -18,6 +18,7 @@ namespace {
 struct PlainNode {
   bool leaf = true;
   std::uint64_t bytes = 0;
+  std::uint64_t position = 0;  ///< of the real node, as the last comparison has found it
   std::vector<Words> keys;
   std::vector<std::uint64_t> ids;
   std::vector<std::unique_ptr<PlainNode>> children;
@@ -30,7 +31,7 @@ class PlainTree {
 
   void insert(const Words& key, std::uint64_t id);
   void remove(const Words& key);
-  [[nodiscard]] const PlainNode* root() const { return root_.get(); }
+  [[nodiscard]] PlainNode* root() const { return root_.get(); }
 
  private:
   struct Step {
@@ -74,7 +75,8 @@ class PlainTree {
   static void put(PlainNode& node, const Words& key, std::uint64_t id, NodePointer child);
   static void moveTop(PlainNode& from, PlainNode& to, std::size_t keys);
 
-  void dropChild(PlainNode& parent, std::size_t child);
+  void replaceSeparator(PlainNode& parent, std::size_t number, const Words& key);
+  static void dropChild(PlainNode& parent, std::size_t child);
   [[nodiscard]] bool fillBelow(const PlainNode& node, std::uint64_t percent) const;
   bool join(PlainNode& parent, std::size_t left);
   void share(PlainNode& parent, std::size_t left);
@@ -232,7 +234,14 @@ void PlainTree::insert(const Words& key, std::uint64_t id) {
   root_ = std::move(top);
 }
 
-// -- Removing, in trees whose nodes are all of one size -------------------------------------------
+// -- Removing -------------------------------------------------------------------------------------
+
+/// A branch that has no room for a longer separator grows.
+void PlainTree::replaceSeparator(PlainNode& parent, std::size_t number, const Words& key) {
+  parent.keys[number] = key;
+  if (head(parent) + entries(parent) <= parent.bytes) return;
+  parent.bytes = rounded(parent.bytes + words(key) * 4);
+}
 
 void PlainTree::dropChild(PlainNode& parent, std::size_t child) {
   parent.children.erase(parent.children.begin() + static_cast<std::ptrdiff_t>(child));
@@ -241,24 +250,42 @@ void PlainTree::dropChild(PlainNode& parent, std::size_t child) {
 }
 
 bool PlainTree::fillBelow(const PlainNode& node, std::uint64_t percent) const {
-  const std::uint64_t usable = node.bytes - (node.leaf ? 24 : 8);
-  const std::uint64_t used = entries(node) + (node.leaf ? 0 : 8);
-  return used * 100 < usable * percent;
+  // The first child of a fixed branch counts on both sides.
+  const std::uint64_t first = !form_.variable && !node.leaf ? 8 : 0;
+  return (entries(node) + first) * 100 < (node.bytes - head(node) + first) * percent;
+}
+
+/// The keys of two neighbours; between those of branches stands their separator.
+std::vector<Words> keysOfBoth(const PlainNode& parent, std::size_t left) {
+  std::vector<Words> keys = parent.children[left]->keys;
+  if (!parent.children[left]->leaf) keys.push_back(parent.keys[left]);
+  const std::vector<Words>& more = parent.children[left + 1]->keys;
+  keys.insert(keys.end(), more.begin(), more.end());
+  return keys;
+}
+
+template <class Thing>
+std::vector<Thing> joined(std::vector<Thing>& a, std::vector<Thing>& b) {
+  std::vector<Thing> out;
+  for (auto* part : {&a, &b}) {
+    for (Thing& thing : *part) out.push_back(std::move(thing));
+  }
+  return out;
 }
 
 bool PlainTree::join(PlainNode& parent, std::size_t left) {
   PlainNode& a = *parent.children[left];
   PlainNode& b = *parent.children[left + 1];
+  const PlainNode& kept = a.position < b.position ? a : b;
   PlainNode both;
   both.leaf = a.leaf;
-  both.bytes = a.bytes;
-  both.keys = a.keys;
-  if (!a.leaf) both.keys.push_back(parent.keys[left]);
-  both.keys.insert(both.keys.end(), b.keys.begin(), b.keys.end());
+  both.bytes = kept.bytes;
+  both.position = kept.position;
+  both.keys = keysOfBoth(parent, left);
   if (!fillBelow(both, 80)) return false;
-  a.keys = both.keys;
-  a.ids.insert(a.ids.end(), b.ids.begin(), b.ids.end());
-  for (NodePointer& child : b.children) a.children.push_back(std::move(child));
+  both.ids = joined(a.ids, b.ids);
+  both.children = joined(a.children, b.children);
+  *parent.children[left] = std::move(both);
   dropChild(parent, left + 1);
   return true;
 }
@@ -268,36 +295,39 @@ void PlainTree::share(PlainNode& parent, std::size_t left) {
   PlainNode& b = *parent.children[left + 1];
   const std::size_t total = a.keys.size() + b.keys.size();
   const std::size_t keep = (total * a.bytes + (a.bytes + b.bytes) / 2) / (a.bytes + b.bytes);
-  Words& separator = parent.keys[left];
-  while (a.keys.size() != keep) {
-    const bool right = a.keys.size() > keep;
-    PlainNode& from = right ? a : b;
-    PlainNode& to = right ? b : a;
-    const auto source = right ? from.keys.end() - 1 : from.keys.begin();
-    const auto target = right ? to.keys.begin() : to.keys.end();
-    const Words moved = *source;
-    from.keys.erase(source);
-    to.keys.insert(target, a.leaf ? moved : separator);
-    if (a.leaf) {
-      const auto id = right ? from.ids.end() - 1 : from.ids.begin();
-      to.ids.insert(right ? to.ids.begin() : to.ids.end(), *id);
-      from.ids.erase(id);
-      separator = b.keys.front();
-    } else {
-      const auto child = right ? from.children.end() - 1 : from.children.begin();
-      to.children.insert(right ? to.children.begin() : to.children.end(), std::move(*child));
-      from.children.erase(child);
-      separator = moved;
-    }
+  if (keep == a.keys.size() || (a.leaf && (keep == 0 || keep == total))) return;
+  const std::vector<Words> keys = keysOfBoth(parent, left);
+  const auto middle = keys.begin() + static_cast<std::ptrdiff_t>(keep);
+  PlainNode lower;
+  PlainNode upper;
+  lower.leaf = upper.leaf = a.leaf;
+  lower.keys.assign(keys.begin(), middle);
+  upper.keys.assign(middle + (a.leaf ? 0 : 1), keys.end());
+  if (head(a) + entries(lower) > a.bytes || head(b) + entries(upper) > b.bytes) return;
+  const auto divide = [](auto& first, auto& second, std::size_t count) {
+    auto all = joined(first, second);
+    const auto end = all.begin() + static_cast<std::ptrdiff_t>(count);
+    first.assign(std::make_move_iterator(all.begin()), std::make_move_iterator(end));
+    second.assign(std::make_move_iterator(end), std::make_move_iterator(all.end()));
+  };
+  if (a.leaf) {
+    divide(a.ids, b.ids, keep);
+  } else {
+    divide(a.children, b.children, keep + 1);
   }
+  a.keys = lower.keys;
+  b.keys = upper.keys;
+  replaceSeparator(parent, left, *middle);
 }
 
 /// Whether the parent has lost a child.
 bool PlainTree::balance(PlainNode& parent, std::size_t child) {
-  if (!fillBelow(*parent.children[child], 40)) return false;
-  if (child < parent.keys.size() && join(parent, child)) return true;
-  if (child > 0 && join(parent, child - 1)) return true;
-  if (parent.keys.empty() || !fillBelow(*parent.children[child], 10)) return false;
+  const PlainNode& node = *parent.children[child];
+  if (!fillBelow(node, 40)) return false;
+  const bool many = form_.variable && node.leaf && node.keys.size() >= 6;
+  if (!many && child < parent.keys.size() && join(parent, child)) return true;
+  if (!many && child > 0 && join(parent, child - 1)) return true;
+  if (parent.keys.empty() || !fillBelow(node, 10)) return false;
   share(parent, child < parent.keys.size() ? child : child - 1);
   return false;
 }
@@ -320,23 +350,26 @@ void PlainTree::remove(const Words& key) {
   for (const Step& step : path) {
     if (step.node->leaf) continue;
     const auto equal = std::find(step.node->keys.begin(), step.node->keys.end(), key);
-    if (equal != step.node->keys.end() && next != leaves.end()) *equal = (*next)->keys.front();
+    if (equal == step.node->keys.end() || next == leaves.end()) continue;
+    replaceSeparator(*step.node, static_cast<std::size_t>(equal - step.node->keys.begin()),
+                     (*next)->keys.front());
   }
   bool vanished = leaf.keys.empty();
-  bool changed = true;
-  for (path.pop_back(); !path.empty() && changed; path.pop_back()) {
+  bool dropped = false;
+  for (path.pop_back(); !path.empty(); path.pop_back()) {
     PlainNode& parent = *path.back().node;
     const std::size_t child = path.back().child;
     if (vanished) {
       dropChild(parent, child);
       vanished = parent.children.empty();
+      dropped = true;
     } else {
-      changed = balance(parent, child);
+      dropped = balance(parent, child);
     }
   }
   if (vanished) {
     root_.reset();
-  } else if (!root_->leaf && root_->children.size() == 1) {
+  } else if (dropped && root_->children.size() == 1) {
     root_ = NodePointer(std::move(root_->children.front()));
   }
 }
@@ -344,7 +377,8 @@ void PlainTree::remove(const Words& key) {
 // -- Comparing ------------------------------------------------------------------------------------
 
 /// The node's bytes by the published layout against the plain node, and so on down.
-void compare(TreeBench& bench, std::uint64_t position, const PlainNode& expected) {
+void compare(TreeBench& bench, std::uint64_t position, PlainNode& expected) {
+  expected.position = position;
   const std::string bytes = bench.node(position);
   const bool variable = bench.form.variable;
   const std::size_t width = expected.leaf ? (bench.form.wideIds ? 8 : 4) : 8;
@@ -427,27 +461,26 @@ TEST_P(BPlusRules, NodesAreThoseOfThePlainTreeAfterInsertsInAnyOrder) {
   ASSERT_NO_FATAL_FAILURE(expectSame());
 }
 
-TEST_P(BPlusRules, NodesOfOneSizeAreThoseOfThePlainTreeAfterRemoves) {
-  if (GetParam().form.variable) return;  // which node of two stays rules their sizes
+TEST_P(BPlusRules, NodesAreThoseOfThePlainTreeAfterRemoves) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
-  for (int round = 0; round < 8; ++round) {
-    for (int i = 0; i < 500; ++i) {
+  for (int round = 0; round < 6; ++round) {
+    for (int i = 0; i < 280; ++i) {
       const Words key = keyOf(random() % 5000);
       if (model_.count(key) != 0) continue;
       ASSERT_NO_FATAL_FAILURE(insert(key));
     }
+    ASSERT_NO_FATAL_FAILURE(expectSame());
     // Runs from one end, from the other, and here and there.
-    const std::size_t leave = round == 7 ? 0 : random() % 100;
+    const std::size_t leave = round == 5 ? 0 : random() % 100;
     while (model_.size() > leave) {
       auto victim = round % 3 == 1 ? std::prev(model_.end()) : model_.begin();
       if (round % 3 == 2) std::advance(victim, random() % model_.size());
       ASSERT_NO_FATAL_FAILURE(remove(victim));
-      if (model_.size() % 7 != 0) continue;
+      // Each time: which node of two stays is a matter of their places.
       ASSERT_NO_FATAL_FAILURE(expectSame()) << model_.size();
     }
-    ASSERT_NO_FATAL_FAILURE(expectSame());
   }
 }
 
