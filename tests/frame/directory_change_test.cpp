@@ -272,46 +272,104 @@ class FailThenDie : public platform::faults::Hook {
   std::uint64_t made_ = 0;
 };
 
-TEST_F(DirectoryChangeTest, ATableIsMadeOrNotWhereverItsMakerFailsAndThenDies) {
-  const State before = state();
-  bool cameThrough = false;
-  for (std::uint64_t calls = 0; !cameThrough; ++calls) {
-    ASSERT_LT(calls, 60u);
-    for (const std::uint64_t more : {std::uint64_t{1}, std::uint64_t{2}, std::uint64_t{3},
-                                     std::uint64_t{5}, FailThenDie::kNever}) {
-      for (const bool forGood : {false, true}) {
-        SCOPED_TRACE("call " + std::to_string(calls) + (forGood ? " and all" : "") +
-                     ", dead after " + std::to_string(more));
-        restore(before);
-        const int ended = inProcess([&] {
-          CZELTA own;
-          if (own.OpenDatabase(path().c_str()) != 0) return 1;
-          if (own.BeginTransaction(CZELTA::TransactionExclusive, 10000) != 0) return 2;
-          const FailThenDie hook(calls, more, forGood);
-          SmallSchema small(u"mid", 9);
-          const bool made = own.CreateTable(&small.schema, nullptr) == 0;
-          endProcess(made ? (hook.reached() ? 4 : 0) : 3);
-        });
-        ASSERT_TRUE(ended == 0 || ended == 3 || ended == 4 || ended == kKilled) << ended;
-        cameThrough = ended == 0;
-        CZELTA next;
-        ASSERT_DONE(next, next.OpenDatabase(path().c_str()));
-        ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionExclusive, 10000));
-        ASSERT_DONE(next, next.EndTransaction());
-        const RawControl raw(control());
-        ASSERT_FALSE(raw.pending);
-        ASSERT_TRUE(raw.slots.empty());
-        if (raw.entries.size() == 3) {
-          expectUsable({1, 2, 9});
-        } else {
-          EXPECT_EQ(raw.entries.size(), 2u);
-          EXPECT_FALSE(folder.has("mid.zlt")) << "a file of no table stays behind";
-          expectUsable({1, 2});
-          EXPECT_TRUE(ended == 3 || ended == kKilled);
+class FailedChange : public DirectoryChangeTest {
+ protected:
+  /// Runs `work` with each of its calls failing, in a process that ends then or some calls later;
+  /// `check` is called after the next opener.
+  void failEverywhere(const std::function<unsigned long long(CZELTA&)>& work,
+                      const std::function<void(bool done)>& check) {
+    const State before = state();
+    bool cameThrough = false;
+    for (std::uint64_t calls = 0; !cameThrough; ++calls) {
+      ASSERT_LT(calls, 60u);
+      for (const std::uint64_t more : kDeaths) {
+        for (const bool forGood : {false, true}) {
+          SCOPED_TRACE("call " + std::to_string(calls) + (forGood ? " and all" : "") +
+                       ", dead after " + std::to_string(more));
+          restore(before);
+          const int ended = inProcess([&] {
+            CZELTA own;
+            if (own.OpenDatabase(path().c_str()) != 0) return 1;
+            if (own.BeginTransaction(CZELTA::TransactionExclusive, 10000) != 0) return 2;
+            const FailThenDie hook(calls, more, forGood);
+            const bool done = work(own) == 0;
+            endProcess(done ? (hook.reached() ? 4 : 0) : 3);
+          });
+          ASSERT_TRUE(ended == 0 || ended == 3 || ended == 4 || ended == kKilled) << ended;
+          cameThrough = ended == 0;
+          CZELTA next;
+          ASSERT_DONE(next, next.OpenDatabase(path().c_str()));
+          ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionExclusive, 10000));
+          ASSERT_DONE(next, next.EndTransaction());
+          const RawControl raw(control());
+          ASSERT_FALSE(raw.pending);
+          ASSERT_TRUE(raw.slots.empty());
+          ASSERT_NO_FATAL_FAILURE(check(ended == 0 || ended == 4));
         }
       }
     }
   }
+
+ private:
+  static constexpr std::uint64_t kDeaths[] = {1, 2, 3, 5, FailThenDie::kNever};
+};
+
+TEST_F(FailedChange, OfATableThatIsMadeLeavesItWholeOrNothing) {
+  failEverywhere(
+      [](CZELTA& own) {
+        SmallSchema small(u"mid", 9);
+        return own.CreateTable(&small.schema, nullptr);
+      },
+      [&](bool done) {
+        if (tableNames().size() == 3) return expectUsable({1, 2, 9});
+        EXPECT_FALSE(done);
+        EXPECT_FALSE(folder.has("mid.zlt")) << "a file of no table stays behind";
+        expectUsable({1, 2});
+      });
+}
+
+TEST_F(FailedChange, ThatIsLoggedStandsInDirectoryAndLogOrInNone) {
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
+  ASSERT_DONE(handle, handle.SetDatabaseParameter(CZELTA::ParameterKeepLogFiles, 1));
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  failEverywhere(
+      [](CZELTA& own) {
+        SmallSchema small(u"mid", 9);
+        return own.CreateTable(&small.schema, nullptr);
+      },
+      [&](bool done) {
+        if (tableNames().size() == 3) {
+          EXPECT_NE(folder.bytes("shop.0000.zll").find("ZELS"), std::string::npos);
+          return expectUsable({1, 2, 9});
+        }
+        EXPECT_FALSE(done);
+        EXPECT_FALSE(folder.has("mid.zlt")) << "a file of no table stays behind";
+        expectUsable({1, 2});
+      });
+}
+
+TEST_F(FailedChange, OfATableThatIsRemovedLeavesItWholeOrNothing) {
+  failEverywhere([](CZELTA& own) { return own.RemoveTable(1, true); },
+                 [&](bool done) {
+                   if (tableNames().size() == 1) return expectUsable({2});
+                   EXPECT_FALSE(done);
+                   expectUsable({1, 2});
+                 });
+}
+
+TEST_F(FailedChange, OfATableThatIsEnteredLeavesItsFile) {
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
+  ASSERT_DONE(handle, handle.RemoveTable(1, false));
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  failEverywhere([](CZELTA& own) { return own.AddTable(u"goods", 7, nullptr, 0); },
+                 [&](bool done) {
+                   EXPECT_TRUE(folder.has("goods.zlt"));
+                   if (tableNames().size() == 2) return expectUsable({2, 7});
+                   EXPECT_FALSE(done);
+                   expectUsable({2});
+                 });
 }
 
 TEST_F(DirectoryChangeTest, TheTextIsThatOfTheFirstFailure) {
