@@ -58,8 +58,10 @@ SystemCode readHeaderBytes(MetaData& metaData, ControlHeader_tag& header) {
       failure != 0) {
     return failure;
   }
-  return readPatiently(metaData.controlFile, kIntentStart, bytes + kIntentStart,
-                       sizeof header - kIntentStart);
+  const SystemCode failure = readPatiently(metaData.controlFile, kIntentStart, bytes + kIntentStart,
+                                           sizeof header - kIntentStart);
+  // An empty database of version 1.1 ends here. That it is of this version is what is to be told.
+  return failure == code::kEndOfFile && header.minorVersion == 1 ? 0 : failure;
 }
 
 Result checkHeader(MetaData& metaData, const ControlHeader_tag& header) {

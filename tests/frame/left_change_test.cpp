@@ -192,17 +192,22 @@ TEST_F(OldVersion, UnrepairedWorkIsRefused) {
 
 TEST_F(OldVersion, ALaterOpenerMayNotUpgrade) {
   ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));  // keeps the claim
-  const std::string old = oldForm();
-  folder.write("shop.zlc", old);
+  std::string empty("ZELC\1\0\1\0", 8);
+  empty += words({0, 0, 64, 5, 0});
+  empty.resize(64, '\0');
   CZELTA later;
   ASSERT_DONE(later, later.OpenDatabase(path().c_str()));
-  for (const CZELTA::Mode mode : {CZELTA::TransactionShared, CZELTA::TransactionExclusive}) {
-    EXPECT_EQ(later.BeginTransaction(mode, 0), systemCode(4));
-    EXPECT_EQ(messageOf(later),
-              "Unknown Windows error code 4 (0x4).\nString1 = shop.\nString2 = .zlc.\n"
-              "Integer1 = 0, Integer2 = 0");
+  for (const std::string& old : {oldForm(), empty}) {
+    SCOPED_TRACE(old.size());
+    folder.write("shop.zlc", old);
+    for (const CZELTA::Mode mode : {CZELTA::TransactionShared, CZELTA::TransactionExclusive}) {
+      EXPECT_EQ(later.BeginTransaction(mode, 0), systemCode(4));
+      EXPECT_EQ(messageOf(later),
+                "Unknown Windows error code 4 (0x4).\nString1 = shop.\nString2 = .zlc.\n"
+                "Integer1 = 0, Integer2 = 0");
+    }
+    EXPECT_EQ(control(), old);
   }
-  EXPECT_EQ(control(), old);
 }
 
 TEST_F(OldVersion, WildNumbersAreDamage) {
