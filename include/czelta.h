@@ -264,7 +264,8 @@ class ZELTA_API CZELTA {
 
   /// Lists the tables. With `members` null, `*size` receives the bytes that the buffer needs;
   /// otherwise `members` receives a record for each table, with the names stored behind the
-  /// records, and `*size` the number of tables. Needs a transaction.
+  /// records, and `*size` the number of tables; how large the buffer is isn't looked at. Needs a
+  /// transaction: in a TransactionRead, others may add tables between the two calls.
   unsigned long long GetDatabaseMembers(DatabaseMember* members, unsigned int* size);
 
   /// Reads a setting of the database, with or without a transaction.
