@@ -24,6 +24,8 @@ namespace zelta::platform {
 /// A UTF-16 name as this platform's file system has it (for messages of tools; paths are converted
 /// inside the platform layer).
 [[nodiscard]] std::string narrow(const char16_t* text);
+/// The same without memory of its own. False if the room, at least 1, does not suffice.
+[[nodiscard]] bool narrowInto(const char16_t* text, char* out, std::size_t size);
 
 }  // namespace zelta::platform
 

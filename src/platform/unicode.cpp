@@ -1,6 +1,7 @@
 // Between UTF-8 and UTF-16.
 
 #include <cstdint>
+#include <cstring>
 
 #include "platform/text.h"
 
@@ -10,22 +11,25 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-void appendUtf8(std::string& out, char32_t c) {
+/// Writes the bytes of a code point, four at most; returns their number.
+std::size_t encodeUtf8(char32_t c, char* out) {
   if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
+    out[0] = static_cast<char>(c);
+    return 1;
   }
+  const std::size_t more = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
+  constexpr unsigned kLeads[] = {0, 0xC0, 0xE0, 0xF0};
+  for (std::size_t i = more; i > 0; --i, c >>= 6) out[i] = static_cast<char>(0x80 | (c & 0x3F));
+  out[0] = static_cast<char>(kLeads[more] | c);
+  return more + 1;
+}
+
+/// The code point at `text`, which moves behind it. A surrogate without its other half stands for
+/// itself.
+char32_t decodeUtf16(const char16_t*& text) {
+  const char32_t c = *text++;
+  if (c < 0xD800 || c >= 0xDC00 || *text < 0xDC00 || *text >= 0xE000) return c;
+  return 0x10000 + ((c - 0xD800) << 10) + (*text++ - 0xDC00u);
 }
 
 /// The code point at `text`, which moves behind it. Malformed bytes give the replacement, one at a
@@ -69,15 +73,24 @@ std::u16string widen(const char* text) {
 
 std::string narrow(const char16_t* text) {
   std::string out;
-  for (; *text != 0; ++text) {
-    char32_t c = *text;
-    if (c >= 0xD800 && c < 0xDC00 && text[1] >= 0xDC00 && text[1] < 0xE000) {
-      c = 0x10000 + ((c - 0xD800) << 10) + (text[1] - 0xDC00u);
-      ++text;
-    }
-    appendUtf8(out, c);
+  while (*text != 0) {
+    char bytes[4];
+    out.append(bytes, encodeUtf8(decodeUtf16(text), bytes));
   }
   return out;
+}
+
+bool narrowInto(const char16_t* text, char* out, std::size_t size) {
+  while (*text != 0) {
+    char bytes[4];
+    const std::size_t count = encodeUtf8(decodeUtf16(text), bytes);
+    if (count >= size) return false;
+    std::memcpy(out, bytes, count);
+    out += count;
+    size -= count;
+  }
+  *out = 0;
+  return true;
 }
 
 }  // namespace zelta::platform

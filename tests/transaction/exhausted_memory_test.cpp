@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <new>
 
@@ -219,6 +220,24 @@ TEST_F(ExhaustedMemory, LeavesWhatIsReportedDoneAndNothingElse) {
   }
   ASSERT_DONE(handle, handle.CloseDatabase());
   expectClean(folder, "shop.zlc");
+}
+
+TEST_F(ExhaustedMemory, LeavesNoFileOfADatabaseThatCouldNotBeMade) {
+  const std::u16string name = folder.file("new.zlc");
+  for (const bool all : {false, true}) {
+    bool met = true;
+    for (long n = 0; met; ++n) {
+      SCOPED_TRACE("allocation " + std::to_string(n) + (all ? " and all later" : ""));
+      CZELTA creator;
+      const auto word = starved(
+          n, all, [&] { return creator.CreateDatabase(name.c_str()); }, &met);
+      EXPECT_TRUE(word == 0 || (met && word == systemCode(8))) << std::hex << word;
+      ASSERT_EQ(folder.has("new.zlc"), word == 0);
+      if (word != 0) continue;
+      ASSERT_DONE(creator, creator.CloseDatabase());
+      std::filesystem::remove(folder.path() / "new.zlc");
+    }
+  }
 }
 
 TEST_F(ExhaustedMemory, LeavesDatabasesAndTablesWholeOrAbsent) {

@@ -39,6 +39,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -49,6 +50,7 @@
 #include <utility>
 
 #include "platform/posix/posix_internal.h"
+#include "platform/text.h"
 
 namespace zelta::platform {
 
@@ -573,7 +575,8 @@ void discardFile(const char16_t* name) noexcept {
   try {
     static_cast<void>(deleteFile(name));
   } catch (const std::bad_alloc&) {
-    // It stays.
+    char path[PATH_MAX];
+    if (narrowInto(name, path, sizeof path)) unlink(path);
   }
 }
 
