@@ -30,8 +30,8 @@ bool before(const KeyTrace& a, const KeyTrace& b) {
 
 void TableCheck::checkIndexFile() {
   if (table_.indexCount == 0) return;
-  std::u16string folder = entry_.indexPath.empty() ? folder_ : entry_.indexPath;
-  std::replace(folder.begin(), folder.end(), u'\\', platform::kSeparator);
+  const std::u16string folder =
+      entry_.indexPath.empty() ? folder_ : withOwnSeparators(entry_.indexPath);
   CheckFile file(folder + entry_.name + extension::kIndex);
   if (file.isMissing()) return;  // it is built when it is needed
   if (!file.isOpen()) {
