@@ -297,13 +297,8 @@ class FailedChange : public DirectoryChangeTest {
           });
           ASSERT_TRUE(ended == 0 || ended == 3 || ended == 4 || ended == kKilled) << ended;
           cameThrough = ended == 0;
-          CZELTA next;
-          ASSERT_DONE(next, next.OpenDatabase(path().c_str()));
-          ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionExclusive, 10000));
-          ASSERT_DONE(next, next.EndTransaction());
-          const RawControl raw(control());
-          ASSERT_FALSE(raw.pending);
-          ASSERT_TRUE(raw.slots.empty());
+          ASSERT_NO_FATAL_FAILURE(repair());
+          ASSERT_NO_FATAL_FAILURE(expectAtRest());
           ASSERT_NO_FATAL_FAILURE(check(ended == 0 || ended == 4));
         }
       }

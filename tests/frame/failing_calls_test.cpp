@@ -76,16 +76,11 @@ class FailingCalls : public DirectoryChangeTest {
 
   /// The next one repairs what there is to repair, and every table that is named can be opened.
   void expectWhole() {
-    CZELTA next;
-    ASSERT_DONE(next, next.OpenDatabase(path().c_str()));
-    ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionExclusive, 10000));
-    ASSERT_DONE(next, next.EndTransaction());
-    const RawControl raw(control());
-    EXPECT_FALSE(raw.pending);
-    EXPECT_EQ(raw.state, 0u);
-    EXPECT_TRUE(raw.slots.empty());
-    ASSERT_DONE(next, next.BeginTransaction(CZELTA::TransactionShared, 10000));
-    for (const RawEntry& entry : raw.entries) EXPECT_DONE(next, next.OpenTable(entry.id));
+    ASSERT_NO_FATAL_FAILURE(repair());
+    ASSERT_NO_FATAL_FAILURE(expectAtRest());
+    std::vector<unsigned int> ids;
+    for (const RawEntry& entry : RawControl(control()).entries) ids.push_back(entry.id);
+    expectUsable(ids);
   }
 
   Work opening() {
