@@ -249,6 +249,46 @@ TEST_F(LockedObjects, ThatABlockerHasMarkedAreWaitedForElevenShortTimes) {
   finish();
 }
 
+/// Counts the times that the database's mutex is waited for, and the objects that are locked then.
+class Questions : public platform::faults::Hook {
+ public:
+  Questions() { platform::faults::install(this); }
+  ~Questions() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    using platform::faults::Call;
+    const bool table = event.name.find(".zlt") != std::string::npos;
+    if (table && event.call == Call::lock) ++held_;
+    if (table && event.call == Call::unlock) --held_;
+    if (event.call == Call::mutexWait && event.name.find(".zlc") != std::string::npos) {
+      ++asked;
+      heldThen += held_;
+    }
+    return {};
+  }
+  int asked = 0;
+  int heldThen = 0;
+
+ private:
+  int held_ = 0;
+};
+
+TEST_F(LockedObjects, AreGivenBackWhileItIsAskedWhoHasMarkedThem) {
+  makeOrdered();
+  two = join();
+  const std::uint32_t number = two->metaData.transactionWord;
+  const std::uint64_t mark = slotPosition(one->table().slotBase, 2) + 8;
+  ASSERT_EQ(writeBuffer(one->table().tableFile, mark, &number, 4), 0u);
+  {
+    const Questions questions;
+    EXPECT_EQ(one->read(2, kNoWait).word(), ownWord(Own::transactionLocked));
+    EXPECT_GT(questions.asked, 0);
+    EXPECT_EQ(questions.heldThen, 0);
+  }
+  two.reset();
+  one->done(one->read(2));
+  finish();
+}
+
 TEST_F(LockedObjects, MayHaveTheMarkOfAnExclusiveTransactionThatIsNoMore) {
   makeOrdered();
   const std::uint32_t exclusive = 1;
