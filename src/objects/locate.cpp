@@ -29,11 +29,10 @@ Result checkPosition(MetaData& metaData, const Table& table, const TableHeader_t
 
 namespace {
 
-/// Whether this transaction has the object locked.
+/// Whether this transaction has the object locked. Those that it has deleted are never met.
 bool isLockedHere(const Table& table, std::uint64_t objectID) {
   return find(table.lockedObjects, objectID) != nullptr ||
-         find(table.editedObjects, objectID) != nullptr ||
-         find(table.deletedObjects, objectID) != nullptr;
+         find(table.editedObjects, objectID) != nullptr;
 }
 
 }  // namespace
