@@ -37,12 +37,21 @@ void sleepMilliseconds(std::uint32_t milliseconds) {
   }
 }
 
+namespace {
+
+bool registerForkHandler() {
+  static const int failure = pthread_atfork(nullptr, nullptr, [] { threadId = 0; });
+  return failure == 0;
+}
+
+/// While the library is loaded: a fork may fall into the first question of another thread.
+[[maybe_unused]] const bool registeredAtLoad = registerForkHandler();
+
+}  // namespace
+
 std::uint32_t currentThread() {
-  static const bool registered = [] {
-    pthread_atfork(nullptr, nullptr, [] { threadId = 0; });
-    return true;
-  }();
-  if (threadId == 0 && registered) threadId = static_cast<std::uint32_t>(gettid());
+  registerForkHandler();
+  if (threadId == 0) threadId = static_cast<std::uint32_t>(gettid());
   return threadId;
 }
 

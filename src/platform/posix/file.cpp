@@ -114,9 +114,16 @@ void closeInChild() {
   unlockRecords();
 }
 
+bool registerForkHandler() {
+  static const int failure = pthread_atfork(lockRecords, unlockRecords, closeInChild);
+  return failure == 0;
+}
+
+/// While the library is loaded: a fork may fall into the first use of a file by another thread.
+[[maybe_unused]] const bool registeredAtLoad = registerForkHandler();
+
 void enter(FileRecord* record) {
-  static const int registered = pthread_atfork(lockRecords, unlockRecords, closeInChild);
-  static_cast<void>(registered);
+  registerForkHandler();
   const std::lock_guard guard(registryMutex);
   record->next = registry;
   if (registry != nullptr) registry->previous = record;

@@ -96,11 +96,14 @@ void closeInChild() {
   mappingsMutex.unlock();
 }
 
-void registerForkHandler() {
-  static const int registered =
+bool registerForkHandler() {
+  static const int failure =
       pthread_atfork([] { mappingsMutex.lock(); }, [] { mappingsMutex.unlock(); }, closeInChild);
-  static_cast<void>(registered);
+  return failure == 0;
 }
+
+/// While the library is loaded: a fork may fall into the first use of a mutex by another thread.
+[[maybe_unused]] const bool registeredAtLoad = registerForkHandler();
 
 std::uint64_t hashOf(const std::string& text) {
   std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a

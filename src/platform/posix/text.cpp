@@ -16,6 +16,9 @@ locale_t fixedLocale() {
   return locale;
 }
 
+/// While the library is loaded: a fork may fall into the first use of it by another thread.
+[[maybe_unused]] const locale_t localeAtLoad = fixedLocale();
+
 }  // namespace
 
 bool isAlphanumeric(char32_t c) {
