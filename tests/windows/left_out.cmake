@@ -15,7 +15,6 @@ function(zelta_without_left_out folder list)
 endfunction()
 
 function(zelta_windows_test folder)
-  target_compile_options(test_${folder} PRIVATE -O0)  # built often, run once
   add_test(NAME ${folder} COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/windows/run.sh
     ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:test_${folder}> ${folder})
   set_tests_properties(${folder} PROPERTIES TIMEOUT 900)
