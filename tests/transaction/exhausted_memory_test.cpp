@@ -11,6 +11,7 @@
 #include "support/buffer_table.h"
 #include "support/check_database.h"
 #include "support/database_fixture.h"
+#include "support/sanitized.h"
 
 namespace {
 
@@ -33,15 +34,7 @@ bool mayAllocate() {
 
 }  // namespace
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ZELTA_TEST_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__)
-#define ZELTA_TEST_SANITIZED
-#endif
-
-#ifndef ZELTA_TEST_SANITIZED
+#if !ZELTA_TEST_SANITIZED
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
