@@ -112,14 +112,12 @@ void TableCheck::checkRecord(std::uint64_t position, std::uint64_t objectOffset,
     const bool placeholder =
         length == 0 && file_.number<std::uint16_t>(objectOffset) == kPlaceholder;
     if (!placeholder) return findings_.damage(file_, objectOffset - 4, "object without version");
-    return findings_.pending(file_, objectOffset, "content is still to come from the log");
+    return takePlaceholder(objectOffset);
   }
   const char* object = file_.view(objectOffset, length);
   if (object == nullptr) return findings_.damage(file_, objectOffset, "object cannot be read");
   const auto version = load<std::uint16_t>(object, 0);
-  if (version == kPlaceholder) {
-    return findings_.pending(file_, objectOffset, "content is still to come from the log");
-  }
+  if (version == kPlaceholder) return takePlaceholder(objectOffset);
   if (version == 0) findings_.damage(file_, objectOffset, "object was never stored: version 0");
   std::uint64_t id = 0;
   std::memcpy(&id, object + 2, facts_.headerSize - 2);
@@ -137,6 +135,15 @@ void TableCheck::checkRecord(std::uint64_t position, std::uint64_t objectOffset,
                             "object " + text(id) + ": " + fault->what);
   }
   takeKeys(id, position, object, static_cast<std::uint32_t>(length));
+}
+
+void TableCheck::takePlaceholder(std::uint64_t objectOffset) {
+  findings_.pending(file_, objectOffset, "content is still to come from the log");
+  const char* bytes = file_.view(objectOffset + 2, facts_.headerSize - 2);
+  if (bytes == nullptr) return;
+  std::uint64_t id = 0;
+  std::memcpy(&id, bytes, facts_.headerSize - 2);
+  placeholders_.push_back(id);
 }
 
 // -- Slots ------------------------------------------------------------------------------------

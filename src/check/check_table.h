@@ -64,6 +64,7 @@ class TableCheck {
   bool walkBlock(std::uint64_t position, std::uint64_t* size);
   void walkFree(std::uint64_t position);
   void checkRecord(std::uint64_t position, std::uint64_t objectOffset, std::uint64_t length);
+  void takePlaceholder(std::uint64_t objectOffset);
   void takeKeys(std::uint64_t id, std::uint64_t position, const char* object, std::uint32_t length);
   void takeIndexKeys(std::uint32_t index, std::uint64_t id, std::uint64_t position,
                      const char* object, std::uint32_t length);
@@ -87,7 +88,8 @@ class TableCheck {
   TableFacts facts_;
   MetaData metaData_;
   Table table_{0};
-  std::vector<std::uint64_t> records_;  ///< positions of records, ascending
+  std::vector<std::uint64_t> records_;       ///< positions of records, ascending
+  std::vector<std::uint64_t> placeholders_;  ///< IDs of objects whose content is still in the log
   bool recordsComplete_ = false;
   std::uint64_t nextFree_ = 0;  ///< free block that the walk must meet next
   std::uint64_t nextFreeOffset_ = 0;

@@ -125,6 +125,16 @@ TEST_P(Placeholder, OfARewrittenObjectGetsItsContentLikewise) {
   expectRead(writer, 2, 22, kNoLock);
 }
 
+TEST_P(Placeholder, IsWorkToBeDoneToTheCheckerButNoDamage) {
+  int toCome = 0;
+  for (const CheckFinding& finding : checkDatabase(path())) {
+    EXPECT_EQ(finding.kind, CheckKind::pendingWork) << describe(finding);
+    if (finding.what == "content is still to come from the log") ++toCome;
+  }
+  EXPECT_EQ(toCome, 2);
+  expectRead(writer, 2, 22, kNoLock);
+}
+
 /// The index file is gone, and the build of a new one stops at the first placeholder.
 class PlaceholderWithoutIndex : public Placeholder {
  protected:
