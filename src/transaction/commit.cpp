@@ -63,11 +63,7 @@ class EntryWriter {
     ZELTA_TRY(flush());
     head_.sectionCount = sections;
     head_.checksum = sum_;
-    constexpr std::uint32_t kFrom = offsetof(LogEntryHead_tag, magic);
-    ZELTA_TRY(
-        report(writeBuffer(metaData_.logFile, entry_ + kFrom,
-                           reinterpret_cast<const char*>(&head_) + kFrom, kHeadSize - kFrom)));
-    return report(platform::flushFile(metaData_.logFile));
+    return report(completeLogEntry(metaData_.logFile, entry_, head_));
   }
 
  private:

@@ -246,6 +246,22 @@ Result findInNumbered(MetaData& metaData, std::uint16_t first, std::uint16_t las
 
 }  // namespace
 
+SystemCode completeLogEntry(platform::File file, std::uint64_t position,
+                            const LogEntryHead_tag& head) {
+  // The body first: a loss of power could leave the head on the disk without some sectors of the
+  // body, and the checksum does not miss words that cancel each other out, as IDs in a row do. What
+  // lies in one sector with the head goes down with it.
+  constexpr std::uint64_t kSector = 512;
+  const std::uint64_t end = position + head.blockLength;
+  if (position / kSector != (end - 1) / kSector) {
+    if (const SystemCode failure = platform::flushFile(file); failure != 0) return failure;
+  }
+  constexpr std::uint32_t kFrom = offsetof(LogEntryHead_tag, magic);
+  const SystemCode failure = writeBuffer(
+      file, position + kFrom, reinterpret_cast<const char*>(&head) + kFrom, sizeof head - kFrom);
+  return failure != 0 ? failure : platform::flushFile(file);
+}
+
 Result appendLogEntry(MetaData& metaData, platform::File file, LogHeader_tag& logHeader,
                       std::uint32_t number, std::uint64_t length, std::uint64_t* position,
                       LogEntryHead_tag* entryHead, std::uint64_t expected) {

@@ -132,6 +132,11 @@ Result appendLogEntry(MetaData& metaData, platform::File file, LogHeader_tag& lo
                       std::uint32_t number, std::uint64_t length, std::uint64_t* position,
                       LogEntryHead_tag* entryHead, std::uint64_t expected);
 
+/// Writes the head of a reserved entry from its magic on, behind a body that is written: that makes
+/// it complete. 0 or the system's code; the entry survives a power failure then.
+[[nodiscard]] SystemCode completeLogEntry(platform::File file, std::uint64_t position,
+                                          const LogEntryHead_tag& head);
+
 /// Takes the entry at `position` out of `logFile`; 0: the last one of the number. Own code 33: not
 /// found. Waits for logMutex itself.
 Result removeLogEntry(MetaData& metaData, std::uint32_t number, std::uint64_t position);

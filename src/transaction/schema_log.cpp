@@ -62,18 +62,16 @@ Result alreadyLogged(MetaData& metaData, const ControlHeader_tag& header,
   return isLogged(metaData, found, logHeader, position, section, logged);
 }
 
-/// Fills a reserved entry: all from the section count on, in one write.
+/// Fills a reserved entry.
 Result fillEntry(MetaData& metaData, std::uint64_t position, LogEntryHead_tag head,
                  const std::string& section) {
-  std::string bytes(head.blockLength, '\0');
-  bytes.replace(sizeof(head), section.size(), section);
+  std::string body = section;
+  body.resize(head.blockLength - sizeof(head));
   head.sectionCount = 1;
-  xorChecksum64(head.checksum, bytes.data() + sizeof(head), bytes.size() - sizeof(head));
-  std::memcpy(bytes.data(), &head, sizeof(head));
-  constexpr std::uint64_t kFrom = offsetof(LogEntryHead_tag, sectionCount);
-  SystemCode result = writeBuffer(metaData.logFile, position + kFrom, bytes.data() + kFrom,
-                                  static_cast<std::int64_t>(bytes.size() - kFrom));
-  if (result == 0) result = platform::flushFile(metaData.logFile);
+  xorChecksum64(head.checksum, body.data(), body.size());
+  SystemCode result = writeBuffer(metaData.logFile, position + sizeof(head), body.data(),
+                                  static_cast<std::int64_t>(body.size()));
+  if (result == 0) result = completeLogEntry(metaData.logFile, position, head);
   return result == 0 ? Result() : reportLogError(metaData, result);
 }
 
