@@ -4,6 +4,7 @@
 #ifndef ZELTA_TRANSACTION_IMAGE_READER_H
 #define ZELTA_TRANSACTION_IMAGE_READER_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -15,10 +16,17 @@ namespace zelta {
 class ImageReader {
  public:
   /// `buffer` is the reader's own while it lives. The file must not change meanwhile. Failures are
-  /// reported with a name and an extension, which outlive the reader.
+  /// reported with a name and an extension, which outlive the reader. Nothing is read ahead beyond
+  /// `end`: there may be words that others have locked, which some systems let nobody read.
   ImageReader(MetaData& metaData, platform::File file, const char16_t* name,
-              const char16_t* fileExtension, ScratchBuffer& buffer)
-      : metaData_(metaData), file_(file), name_(name), extension_(fileExtension), buffer_(buffer) {}
+              const char16_t* fileExtension, ScratchBuffer& buffer,
+              std::uint64_t end = ~std::uint64_t{0})
+      : metaData_(metaData),
+        file_(file),
+        name_(name),
+        extension_(fileExtension),
+        buffer_(buffer),
+        end_(end) {}
 
   /// The bytes of an object at a position of the file; good until the next call.
   Result read(std::uint64_t position, std::uint32_t length, const char** bytes) {
@@ -35,9 +43,11 @@ class ImageReader {
   Result fill(std::uint64_t position, std::uint32_t length) {
     start_ = position;
     size_ = 0;
-    if (length > kWindow) return fillWhole(position, length);
+    if (length > kWindow || position >= end_) return fillWhole(position, length);
     char* data = buffer_.reserve(kWindow);
-    const SystemCode failure = readBuffer(file_, position, data, kWindow, &size_);
+    const auto ahead =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(kWindow, end_ - position));
+    const SystemCode failure = readBuffer(file_, position, data, ahead, &size_);
     if (failure != 0) return report(failure);
     // Either the end of the file, or a transfer that was cut short.
     return size_ < length ? fillWhole(position, length) : Result{};
@@ -64,6 +74,7 @@ class ImageReader {
   const char16_t* name_;
   const char16_t* extension_;
   ScratchBuffer& buffer_;
+  std::uint64_t end_;
   std::uint64_t start_ = 0;
   std::uint32_t size_ = 0;
 };

@@ -27,7 +27,7 @@ class LaterEntries {
   Result walk(platform::File file, const LogHeader_tag& header, std::uint64_t position);
 
  private:
-  Result visitEntry(platform::File file, const LogEntryHead_tag& head, std::uint64_t position);
+  Result visitEntry(platform::File file, std::uint64_t position);
   Result visitSections(EntryReader& reader, std::uint32_t count);
   Result verify(platform::File file, const LogEntryHead_tag& head, std::uint64_t position,
                 bool* good);
@@ -77,9 +77,15 @@ Result LaterEntries::visitSections(EntryReader& reader, std::uint32_t count) {
   return {};
 }
 
-/// An entry that is not complete, or makes no sense, proves nothing.
-Result LaterEntries::visitEntry(platform::File file, const LogEntryHead_tag& head,
-                                std::uint64_t position) {
+/// An entry that is in the making, not complete, or makes no sense, proves nothing.
+Result LaterEntries::visitEntry(platform::File file, std::uint64_t position) {
+  LogEntryHead_tag head{};
+  std::uint32_t read = 0;
+  const SystemCode failure =
+      platform::readLockable(file, logEntryLock(position), position, &head, sizeof head, &read);
+  if (failure == code::kLockViolation) return {};
+  if (failure != 0) return reportLogError(metaData_, failure);
+  if (read < sizeof head) return logIsBroken(metaData_);
   if (head.sectionCount == 0) return {};
   bool good = false;
   ZELTA_TRY(verify(file, head, position, &good));
@@ -94,7 +100,9 @@ Result LaterEntries::walk(platform::File file, const LogHeader_tag& header,
   while (!objects_.empty() && position < header.endOfLog) {
     LogEntryHead_tag head{};
     if (header.endOfLog - position < sizeof head) return logIsBroken(metaData_);
-    if (const SystemCode failure = readBuffer(file, position, &head, sizeof head); failure != 0) {
+    // The word behind may be locked.
+    constexpr std::uint32_t kOpenPart = offsetof(LogEntryHead_tag, checksum);
+    if (const SystemCode failure = readBuffer(file, position, &head, kOpenPart); failure != 0) {
       return reportLogError(metaData_, failure);
     }
     if (head.blockLength < sizeof head || head.blockLength > header.endOfLog - position) {
@@ -102,7 +110,7 @@ Result LaterEntries::walk(platform::File file, const LogHeader_tag& header,
     }
     // Nodes of the tree and free blocks lie between the entries.
     if (head.isEntry() && head.sectionCount != kFreeMarker) {
-      ZELTA_TRY(visitEntry(file, head, position));
+      ZELTA_TRY(visitEntry(file, position));
     }
     position += head.blockLength;
   }

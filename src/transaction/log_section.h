@@ -22,7 +22,8 @@ class EntryReader {
  public:
   EntryReader(MetaData& metaData, platform::File file, const LogEntryHead_tag& head,
               std::uint64_t position)
-      : images(metaData, file, metaData.baseName.c_str(), extension::kLog, buffer_),
+      : images(metaData, file, metaData.baseName.c_str(), extension::kLog, buffer_,
+               position + head.blockLength),
         end_(position + head.blockLength),
         next_(position + sizeof(LogEntryHead_tag)) {}
 
