@@ -210,7 +210,7 @@ void ControlCheck::checkSlots() {
       findings_.pending(file_, at, "slot of transaction " + text(number));
       if (number == 1) findings_.damage(file_, at, "the exclusive transaction has no slot");
     }
-    if (state != (number == 0 ? 0u : 1u)) {
+    if (state != (number == 0 ? 0u : 1u) && !file_.isLocked(at + 4)) {
       findings_.damage(file_, at + 4, "slot in an impossible state");
     } else if (number == 0 && file_.size() - at < 2 * kSlot) {
       findings_.remains(file_, at, "free slot at the end of the file");

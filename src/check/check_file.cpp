@@ -12,6 +12,8 @@ namespace {
 /// Bytes that are read when a file is walked from front to back, and when it is not.
 constexpr std::uint64_t kStream = 128 * 1024;
 constexpr std::uint64_t kPiece = 4 * 1024;
+/// No less is locked, and nothing smaller is read around locks.
+constexpr std::uint64_t kWord = 4;
 
 }  // namespace
 
@@ -24,6 +26,19 @@ CheckFile::CheckFile(const std::u16string& path) : name_(platform::narrow(path.c
 
 bool CheckFile::isMissing() const {
   return failure_ == code::kFileNotFound || failure_ == code::kPathNotFound;
+}
+
+bool CheckFile::readOpenParts(std::uint64_t offset, char* bytes, std::uint64_t length) {
+  const SystemCode failure =
+      readLargeBuffer(file_, offset, bytes, static_cast<std::int64_t>(length));
+  if (failure != code::kLockViolation) return failure == 0;
+  if (length <= kWord) {
+    std::memset(bytes, 0, length);
+    return true;
+  }
+  const std::uint64_t half = length / 2;
+  return readOpenParts(offset, bytes, half) &&
+         readOpenParts(offset + half, bytes + half, length - half);
 }
 
 const char* CheckFile::view(std::uint64_t offset, std::uint64_t length) {
@@ -39,11 +54,14 @@ const char* CheckFile::view(std::uint64_t offset, std::uint64_t length) {
   }
   held_ = 0;
   start_ = offset;
-  if (readLargeBuffer(file_, offset, window_.data(), static_cast<std::int64_t>(wanted)) != 0) {
-    return nullptr;
-  }
+  if (!readOpenParts(offset, window_.data(), wanted)) return nullptr;
   held_ = wanted;
   return window_.data();
+}
+
+bool CheckFile::isLocked(std::uint64_t offset) {
+  char word[kWord];
+  return readLargeBuffer(file_, offset, word, sizeof word) == code::kLockViolation;
 }
 
 std::uint64_t CheckFile::firstNonzero(std::uint64_t from, std::uint64_t to) {

@@ -41,10 +41,15 @@ class CheckFile {
     if (bytes != nullptr) std::memcpy(&value, bytes, sizeof value);
     return value;
   }
+  /// Whether a word cannot be read since somebody has locked it.
+  [[nodiscard]] bool isLocked(std::uint64_t offset);
   /// The first byte in [from, to) that is not zero; `to` if there is none.
   [[nodiscard]] std::uint64_t firstNonzero(std::uint64_t from, std::uint64_t to);
 
  private:
+  /// Words that open transactions have locked, which some systems let nobody read, count as zero.
+  bool readOpenParts(std::uint64_t offset, char* bytes, std::uint64_t length);
+
   platform::File file_ = platform::File::none;
   SystemCode failure_ = 0;
   std::uint64_t size_ = 0;
