@@ -4,6 +4,7 @@
 
 #include "objects/object_buffer.h"
 #include "objects/variable_walk.h"
+#include "platform/memory.h"
 #include "schema/data_types.h"
 
 namespace zelta {
@@ -175,6 +176,11 @@ Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* objec
 Result putVariableValues(MetaData& metaData, Table& table, const void* values,
                          std::uint32_t valuesSize, std::uint32_t field, std::uint32_t count,
                          CZELTA::Object* object) {
+  const char* bytes = static_cast<const char*>(values);
+  if (bytes != nullptr && (!platform::isReadable(bytes) ||
+                           (valuesSize != 0 && !platform::isReadable(bytes + valuesSize)))) {
+    return reportError(&metaData, Own::parameter);
+  }
   if (table.objectData == nullptr) return reportError(&metaData, Own::noObject);
   if (table.isFixed()) return reportError(&metaData, Own::context);
   const std::uint64_t first = std::uint64_t{table.firstVariableField} + field;
@@ -182,8 +188,8 @@ Result putVariableValues(MetaData& metaData, Table& table, const void* values,
     return reportError(&metaData, Own::parameter, table.cName(), nullptr, table.firstVariableField,
                        static_cast<std::int64_t>(first + count));
   }
-  Replacement replacement(metaData, table, static_cast<const char*>(values), valuesSize,
-                          static_cast<std::uint32_t>(first), count);
+  Replacement replacement(metaData, table, bytes, valuesSize, static_cast<std::uint32_t>(first),
+                          count);
   ZELTA_TRY(replacement.run());
   fillObject(table, object);
   return {};
