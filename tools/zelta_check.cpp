@@ -30,7 +30,7 @@ constexpr const char* kUsage =
     "work, 1 if there is, 2 if the database could not be checked.\n";
 
 struct Arguments {
-  std::string database;
+  std::filesystem::path database;
   zelta::CheckOptions options;
   bool help = false;
 };
@@ -42,17 +42,27 @@ bool parseLimit(const char* text, std::size_t* limit) {
   return *text >= '1' && *text <= '9' && *end == '\0';
 }
 
-bool parse(int count, char** values, Arguments* out) {
+std::string utf8(const std::filesystem::path& path) {
+  const std::u8string bytes = path.u8string();
+  return {bytes.begin(), bytes.end()};
+}
+
+/// Arguments as the system gives them, which on Windows are wide.
+template <class Character>
+bool parse(int count, Character** values, Arguments* out) {
   for (int i = 1; i < count; ++i) {
-    const std::string value = values[i];
+    const std::filesystem::path given(values[i]);
+    const std::string value = utf8(given);
     if (value == "--help") {
       out->help = true;
     } else if (value == "--remains") {
       out->options.remains = true;
     } else if (value == "--limit") {
-      if (++i == count || !parseLimit(values[i], &out->options.maximumFindings)) return false;
+      if (++i == count) return false;
+      const std::string limit = utf8(values[i]);
+      if (!parseLimit(limit.c_str(), &out->options.maximumFindings)) return false;
     } else if (out->database.empty() && !value.empty() && value[0] != '-') {
-      out->database = value;
+      out->database = given;
     } else {
       return false;
     }
@@ -61,8 +71,7 @@ bool parse(int count, char** values, Arguments* out) {
 }
 
 /// The control file that is meant.
-std::filesystem::path controlFile(const std::string& database) {
-  std::filesystem::path path(database);
+std::filesystem::path controlFile(std::filesystem::path path) {
   std::error_code ignored;
   if (!std::filesystem::is_regular_file(path, ignored)) path += ".zlc";
   return path;
@@ -86,7 +95,7 @@ void printCounts(const zelta::CheckCounts& counts) {
 int run(const Arguments& arguments) {
   const std::filesystem::path path = controlFile(arguments.database);
   if (!std::ifstream(path, std::ios::binary)) {
-    std::fprintf(stderr, "zelta-check: %s cannot be read\n", path.string().c_str());
+    std::fprintf(stderr, "zelta-check: %s cannot be read\n", utf8(path).c_str());
     return kNotChecked;
   }
   zelta::CheckCounts counts;
@@ -104,9 +113,8 @@ int run(const Arguments& arguments) {
   return sound && !ended ? kSound : kFindings;
 }
 
-}  // namespace
-
-int main(int count, char** values) {
+template <class Character>
+int checkGiven(int count, Character** values) {
   try {
     Arguments arguments;
     if (!parse(count, values, &arguments)) {
@@ -123,3 +131,11 @@ int main(int count, char** values) {
     return kNotChecked;
   }
 }
+
+}  // namespace
+
+#ifdef _WIN32
+int wmain(int count, wchar_t** values) { return checkGiven(count, values); }
+#else
+int main(int count, char** values) { return checkGiven(count, values); }
+#endif

@@ -1,6 +1,8 @@
 // The program that checks a database: what it prints, and its exit codes.
 
+#ifndef _WIN32
 #include <sys/wait.h>
+#endif
 
 #include <cstdio>
 
@@ -9,20 +11,37 @@
 namespace zelta::testing {
 namespace {
 
+#ifdef _WIN32
+FILE* beginCommand(const std::string& command) {
+  std::wstring wide;
+  for (const char16_t unit :
+       std::filesystem::path(std::u8string(command.begin(), command.end())).u16string()) {
+    wide += static_cast<wchar_t>(unit);
+  }
+  return _wpopen(wide.c_str(), L"rt");
+}
+int endCommand(FILE* pipe) { return _pclose(pipe); }
+#else
+FILE* beginCommand(const std::string& command) { return popen(command.c_str(), "r"); }
+int endCommand(FILE* pipe) {
+  const int status = pclose(pipe);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+#endif
+
 class CheckProgram : public Market {
  protected:
   /// Runs the program; `output` is what it prints on both ways.
   int run(const std::string& arguments) {
     const std::string command = std::string(ZELTA_CHECK_PROGRAM) + " " + arguments + " 2>&1";
     output.clear();
-    FILE* pipe = popen(command.c_str(), "r");
+    FILE* pipe = beginCommand(command);
     if (pipe == nullptr) return -1;
     char piece[4096];
     for (std::size_t size = 0; (size = fread(piece, 1, sizeof piece, pipe)) != 0;) {
       output.append(piece, size);
     }
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return endCommand(pipe);
   }
   [[nodiscard]] std::string file(const std::string& name) const {
     return (folder.path() / name).string();
@@ -38,6 +57,15 @@ TEST_F(CheckProgram, FindsNothingInASoundDatabase) {
   EXPECT_EQ(output.rfind("4 tables, 80 objects, 8 indexes", 0), 0u) << output;
   EXPECT_NE(output.find("\nnothing is wrong\n"), std::string::npos) << output;
   EXPECT_EQ(run(file("shop")), 0) << "the extension may be left out: " << output;
+}
+
+TEST_F(CheckProgram, TakesNamesOfAllCharacters) {
+  const std::filesystem::path name = folder.path() / u"\u00c4 \u4e2d.zlc";
+  CZELTA handle;
+  ASSERT_DONE(handle, handle.CreateDatabase(name.u16string().c_str()));
+  ASSERT_DONE(handle, handle.CloseDatabase());
+  const std::u8string argument = name.u8string();
+  EXPECT_EQ(run("\"" + std::string(argument.begin(), argument.end()) + "\""), 0) << output;
 }
 
 TEST_F(CheckProgram, NamesFileAndPlaceOfDamage) {
