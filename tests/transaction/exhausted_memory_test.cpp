@@ -34,7 +34,7 @@ bool mayAllocate() {
 
 }  // namespace
 
-#if !ZELTA_TEST_SANITIZED
+#if defined(__GLIBC__) && !ZELTA_TEST_SANITIZED
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);

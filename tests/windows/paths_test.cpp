@@ -92,8 +92,10 @@ TEST_F(WindowsPaths, OnAMissingDriveAreNotFound) {
 }
 
 TEST_F(WindowsPaths, OnOtherMachinesAreRefused) {
-  for (const char16_t* path : {u"\\\\server\\share\\shop.zlc", u"\\\\server\\share\\a\\b\\shop",
-                               u"\\\\?\\UNC\\server\\share\\shop.zlc"}) {
+  for (const char16_t* path :
+       {u"\\\\server\\share\\shop.zlc", u"\\\\server\\share\\a\\b\\shop",
+        u"\\\\?\\UNC\\server\\share\\shop.zlc", u"\\??\\UNC\\server\\share\\shop.zlc",
+        u"//server/share\\shop.zlc"}) {
     EXPECT_EQ(creating(path), ownCode(2)) << message;
   }
 }

@@ -9,7 +9,10 @@
 
 #include "platform/clock.h"
 #include "platform/file.h"
+#include "platform/memory.h"
 #include "platform/mutex.h"
+#include "support/buffer_table.h"
+#include "support/database_fixture.h"
 #include "support/storage_fixture.h"
 
 namespace zelta::testing {
@@ -109,6 +112,24 @@ TEST(WindowsFiles, ReachBeyondFourGigabytes) {
   EXPECT_EQ(platform::setFileSize(file, kFar - 1), 0u);
   EXPECT_EQ(platform::fileSize(file, &size), 0u);
   EXPECT_EQ(size, kFar - 1);
+}
+
+/// Of these the system takes the last for the end of the file, the one before for where one is.
+TEST(WindowsFiles, RefuseAPositionThatNoFileHas) {
+  FreshFolder folder;
+  folder.write("file", "0123456789");
+  File file = File::none;
+  ASSERT_EQ(platform::openFile(folder.file("file").c_str(), Disposition::openExisting, &file), 0u);
+  for (const std::uint64_t position :
+       {std::uint64_t{1} << 63, ~std::uint64_t{1}, ~std::uint64_t{0}}) {
+    std::uint32_t done = 7;
+    char byte = 'x';
+    EXPECT_EQ(platform::readFile(file, position, &byte, 1, &done), code::kInvalidParameter);
+    EXPECT_EQ(platform::writeFile(file, position, &byte, 1, &done), code::kInvalidParameter);
+    EXPECT_EQ(done, 0u);
+  }
+  EXPECT_EQ(platform::closeFile(file), 0u);
+  EXPECT_EQ(folder.bytes("file"), "0123456789");
 }
 
 TEST(WindowsFiles, TellWhenTheyWereWritten) {
@@ -326,6 +347,33 @@ TEST_F(WindowsMutexes, AreClaimedByAHandle) {
   EXPECT_EQ(platform::claimMutex(third), 0u);
 }
 
+// -- Memory ---------------------------------------------------------------------------------------
+
+TEST(WindowsMemory, IsAskedForWhatCanBeRead) {
+  const char byte = 'x';
+  EXPECT_TRUE(platform::isReadable(&byte));
+  EXPECT_FALSE(platform::isReadable(nullptr));
+  EXPECT_FALSE(platform::isReadable(reinterpret_cast<const void*>(std::uintptr_t{16})));
+}
+
+class WindowsValues : public DatabaseTest {};
+
+TEST_F(WindowsValues, ThatCannotBeReadAreRefused) {
+  CZELTA handle;
+  ASSERT_DONE(handle, handle.CreateDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 10000));
+  const SchemaRecords records({{CZELTA::TypeUInt32}, {CZELTA::TypeText, 20}}, {}, 0);
+  ASSERT_DONE(handle, handle.CreateTable(&records.schema, nullptr));
+  CZELTA::Object object;
+  ASSERT_DONE(handle, handle.NewObject(1, &object, 0));
+  const void* nothing = reinterpret_cast<const void*>(std::uintptr_t{16});
+  EXPECT_EQ(handle.PutVariableValues(1, nothing, 0, 0, 1, &object), ownCode(7));
+  EXPECT_EQ(handle.PutVariableValues(1, nothing, 4, 0, 1, &object), ownCode(7));
+  EXPECT_EQ(handle.PutVariableValues(1, "text", ~0u, 0, 1, &object), ownCode(7));
+  ASSERT_DONE(handle, handle.PutVariableValues(1, "text", 5, 0, 1, &object));
+  ASSERT_DONE(handle, handle.EndTransaction());
+}
+
 // -- Volumes --------------------------------------------------------------------------------------
 
 TEST(WindowsVolumes, OfThisMachineAreLocal) {
@@ -338,7 +386,8 @@ TEST(WindowsVolumes, OfThisMachineAreLocal) {
 
 TEST(WindowsVolumes, OfOtherMachinesAreRemoteEvenOutOfReach) {
   for (const char16_t* folder : {u"\\\\server\\", u"\\\\server\\share\\", u"\\\\?\\UNC\\server\\",
-                                 u"\\\\?\\unc\\server\\share\\folder\\"}) {
+                                 u"\\\\?\\unc\\server\\share\\folder\\", u"//server/share\\",
+                                 u"\\/server\\", u"\\??\\UNC\\server\\share\\"}) {
     EXPECT_EQ(platform::volumeType(folder), platform::VolumeType::remote);
   }
   for (const char16_t* folder : {u"\\", u"\\\\", u"\\\\?\\", u"\\\\.\\", u"\\\\?\\C:\\"}) {

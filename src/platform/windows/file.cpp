@@ -13,6 +13,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -55,11 +56,22 @@ OVERLAPPED placeOf(std::uint64_t position) {
 
 // -- Marks of locked words, where the system does not stop reads ----------------------------------
 
-std::wstring marksOf(HANDLE handle) {
+constexpr std::wstring_view kMarks = L"Global\\zelta-word-";
+constexpr std::size_t kMarksLength = kMarks.size() + 3 * 8 + 1;
+
+void appendHex(std::wstring& text, DWORD value) {
+  for (int shift = 28; shift >= 0; shift -= 4) text += L"0123456789abcdef"[value >> shift & 15];
+}
+
+/// Allocates nothing, for the file may have been made just now. Empty if the system fails.
+void nameMarks(HANDLE handle, std::wstring& reserved) {
   BY_HANDLE_FILE_INFORMATION info;
-  if (!GetFileInformationByHandle(handle, &info)) return {};
-  return L"Global\\zelta-word-" + std::to_wstring(info.dwVolumeSerialNumber) + L"-" +
-         std::to_wstring(std::uint64_t{info.nFileIndexHigh} << 32 | info.nFileIndexLow) + L"-";
+  if (!GetFileInformationByHandle(handle, &info)) return;
+  reserved = kMarks;
+  for (const DWORD part : {info.dwVolumeSerialNumber, info.nFileIndexHigh, info.nFileIndexLow}) {
+    appendHex(reserved, part);
+  }
+  reserved += L'-';
 }
 
 std::wstring markName(const FileRecord& record, std::uint64_t position) {
@@ -87,8 +99,12 @@ bool isMarked(const FileRecord& record, std::uint64_t position) {
 
 // -- Transfers ------------------------------------------------------------------------------------
 
+/// The system takes some of the positions that no file has for the end or the place last used.
+bool isPlace(std::uint64_t position) { return position >> 63 == 0; }
+
 SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
                       std::uint32_t length, std::uint32_t* transferred) {
+  if (!isPlace(position)) return code::kInvalidParameter;
 #ifdef ZELTA_FAULTS
   const Asked asked = ask(Call::read, record->path, position, length);
   if (asked.code != 0) return asked.code;
@@ -122,11 +138,12 @@ SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
 #ifdef ZELTA_FAULTS
   record->path = path;
 #endif
+  if (!locksStopReads()) record->marks.reserve(kMarksLength);
   record->handle = keepHandle(CreateFileW(
       wide(name), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, attributes,
       static_cast<DWORD>(disposition), FILE_FLAG_RANDOM_ACCESS | FILE_ATTRIBUTE_NORMAL, nullptr));
   if (record->handle == INVALID_HANDLE_VALUE) return lastCode();
-  if (!locksStopReads()) record->marks = marksOf(record->handle);
+  if (!locksStopReads()) nameMarks(record->handle, record->marks);
   *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record.release()));
   return 0;
 }
@@ -158,6 +175,7 @@ SystemCode writeFile(File file, std::uint64_t position, const void* buffer, std:
   *transferred = 0;
   FileRecord* record = recordOf(file);
   if (record == nullptr) return code::kInvalidHandle;
+  if (!isPlace(position)) return code::kInvalidParameter;
 #ifdef ZELTA_FAULTS
   const Asked asked = ask(Call::write, record->path, position, length, buffer);
   if (asked.code != 0 && asked.cut >= length) return asked.code;
@@ -241,8 +259,8 @@ SystemCode deleteFile(const char16_t* name) {
 void discardFile(const char16_t* name) noexcept {
   try {
     static_cast<void>(deleteFile(name));
-  } catch (const std::bad_alloc&) {
-    // It stays.
+  } catch (const std::bad_alloc&) {  // only tests ask before they delete
+    DeleteFileW(wide(name));
   }
 }
 

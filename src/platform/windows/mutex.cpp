@@ -63,9 +63,11 @@ class SharedCount {
   SharedCount& operator=(const SharedCount&) = delete;
 
   SystemCode open(const std::wstring& name, SECURITY_ATTRIBUTES* attributes) {
-    steps_ = keepHandle(CreateSemaphoreW(attributes, 0, kLap, (name + L"+steps").c_str()));
+    const std::wstring steps = name + L"+steps";
+    const std::wstring laps = name + L"+laps";
+    steps_ = keepHandle(CreateSemaphoreW(attributes, 0, kLap, steps.c_str()));
     if (steps_ == nullptr) return lastCode();
-    laps_ = keepHandle(CreateSemaphoreW(attributes, 0, kLaps, (name + L"+laps").c_str()));
+    laps_ = keepHandle(CreateSemaphoreW(attributes, 0, kLaps, laps.c_str()));
     return laps_ == nullptr ? lastCode() : 0;
   }
   /// Not to be torn by a lap that ends meanwhile: then it is odd.
@@ -234,7 +236,9 @@ SystemCode claimMutex(Mutex mutex) {
   if (handle->claim != nullptr) return 0;
   SECURITY_ATTRIBUTES* attributes = nullptr;
   if (const SystemCode failure = mutexSecurity(&attributes); failure != 0) return failure;
-  const HANDLE claim = CreateMutexW(attributes, FALSE, (handle->name + L"+claim").c_str());
+  // A local: nothing may come between the call and its last error.
+  const std::wstring name = handle->name + L"+claim";
+  const HANDLE claim = CreateMutexW(attributes, FALSE, name.c_str());
   if (claim == nullptr) return lastCode();
   if (GetLastError() == ERROR_ALREADY_EXISTS) {
     CloseHandle(claim);

@@ -3,6 +3,9 @@
 
 #include <aclapi.h>
 
+#include <mutex>
+#include <utility>
+
 #include "platform/windows/windows_internal.h"
 
 namespace zelta::platform::windows {
@@ -16,22 +19,19 @@ constexpr BYTE kCreatorAuthority = 3;
 constexpr SIZE_T kDescriptorSize = SECURITY_DESCRIPTOR_MIN_LENGTH;
 static_assert(kDescriptorSize == 40 && sizeof(SECURITY_ATTRIBUTES) == 24);
 
-/// An access list of one or two groups. What it is made of is released if it cannot be finished; a
-/// finished one lives as long as the process.
+/// An access list of one or two groups. What it is made of is released if it cannot be finished,
+/// and the next call tries again; a finished one lives as long as the process.
 class OpenAccess {
  public:
-  explicit OpenAccess(DWORD rights, bool creatorToo) {
-    failure_ = build(rights, creatorToo);
-    if (failure_ == 0) return;
-    for (const PSID sid : sids_) {
-      if (sid != nullptr) FreeSid(sid);
-    }
-    if (list_ != nullptr) LocalFree(list_);
-    if (descriptor_ != nullptr) LocalFree(descriptor_);
-  }
+  OpenAccess(DWORD rights, bool creatorToo) : rights_(rights), creatorToo_(creatorToo) {}
   SystemCode give(SECURITY_ATTRIBUTES** attributes) {
     *attributes = &attributes_;
-    return failure_;
+    const std::lock_guard guard(mutex_);
+    if (finished_) return 0;
+    const SystemCode failure = build(rights_, creatorToo_);
+    finished_ = failure == 0;
+    if (!finished_) release();
+    return failure;
   }
 
  private:
@@ -74,12 +74,23 @@ class OpenAccess {
     return 0;
   }
 
+  void release() {
+    for (PSID& sid : sids_) {
+      if (sid != nullptr) FreeSid(std::exchange(sid, nullptr));
+    }
+    if (list_ != nullptr) LocalFree(std::exchange(list_, nullptr));
+    if (descriptor_ != nullptr) LocalFree(std::exchange(descriptor_, nullptr));
+  }
+
+  DWORD rights_;
+  bool creatorToo_;
+  std::mutex mutex_;
+  bool finished_ = false;
   PSID sids_[2] = {};
   EXPLICIT_ACCESSW entries_[2] = {};
   PACL list_ = nullptr;
   PSECURITY_DESCRIPTOR descriptor_ = nullptr;
   SECURITY_ATTRIBUTES attributes_ = {};
-  SystemCode failure_ = 0;
 };
 
 }  // namespace
