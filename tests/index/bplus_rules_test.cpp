@@ -19,6 +19,7 @@ struct PlainNode {
   bool leaf = true;
   std::uint64_t bytes = 0;
   std::uint64_t position = 0;  ///< of the real node, as the last comparison has found it
+  bool moved = false;          ///< it has grown since, and lies elsewhere
   std::vector<Words> keys;
   std::vector<std::uint64_t> ids;
   std::vector<std::unique_ptr<PlainNode>> children;
@@ -32,12 +33,20 @@ class PlainTree {
   void insert(const Words& key, std::uint64_t id);
   void remove(const Words& key);
   [[nodiscard]] PlainNode* root() const { return root_.get(); }
+  /// Of two joined nodes the one that lies lower stays, with its size. Where that is not known,
+  /// since one has moved in the same removal, the tree must learn() the outcome.
+  [[nodiscard]] bool isUnsure() const { return unsure_; }
+  void learn(TreeBench& bench) {
+    root_ = bench.root() == 0 ? nullptr : nodeAt(bench, bench.root());
+    unsure_ = false;
+  }
 
  private:
   struct Step {
     PlainNode* node;
     std::size_t child;
   };
+  [[nodiscard]] NodePointer nodeAt(TreeBench& bench, std::uint64_t position) const;
   [[nodiscard]] std::uint64_t idBytes() const { return form_.wideIds ? 8 : 4; }
   /// Words of a key as it is stored.
   [[nodiscard]] std::uint64_t words(const Words& key) const {
@@ -86,6 +95,7 @@ class PlainTree {
   NodePointer root_;
   bool leftEdge_ = false;
   bool rightEdge_ = false;
+  bool unsure_ = false;
   Words separator_;  ///< that a split hands up
 };
 
@@ -241,6 +251,7 @@ void PlainTree::replaceSeparator(PlainNode& parent, std::size_t number, const Wo
   parent.keys[number] = key;
   if (head(parent) + entries(parent) <= parent.bytes) return;
   parent.bytes = rounded(parent.bytes + words(key) * 4);
+  parent.moved = true;
 }
 
 void PlainTree::dropChild(PlainNode& parent, std::size_t child) {
@@ -282,6 +293,13 @@ bool PlainTree::join(PlainNode& parent, std::size_t left) {
   both.bytes = kept.bytes;
   both.position = kept.position;
   both.keys = keysOfBoth(parent, left);
+  if ((a.moved || b.moved) && a.bytes != b.bytes) {
+    PlainNode larger;
+    larger.leaf = both.leaf;
+    larger.bytes = std::max(a.bytes, b.bytes);
+    larger.keys = both.keys;
+    unsure_ = unsure_ || fillBelow(larger, 80);
+  }
   if (!fillBelow(both, 80)) return false;
   both.ids = joined(a.ids, b.ids);
   both.children = joined(a.children, b.children);
@@ -376,9 +394,42 @@ void PlainTree::remove(const Words& key) {
 
 // -- Comparing ------------------------------------------------------------------------------------
 
+NodePointer PlainTree::nodeAt(TreeBench& bench, std::uint64_t position) const {
+  const std::string bytes = bench.node(position);
+  auto node = std::make_unique<PlainNode>();
+  node->leaf = numberAt<std::uint16_t>(bytes, 4) == 0x6C69;
+  node->bytes = bytes.size();
+  node->position = position;
+  const std::size_t count = numberAt<std::uint16_t>(bytes, 6);
+  std::size_t offset = (node->leaf ? 24u : 8u) + (form_.variable ? 4u : 0u);
+  for (std::size_t i = 0; i < count; ++i) {
+    std::size_t words = form_.keyWords;
+    if (form_.variable) {
+      words = numberAt<std::uint32_t>(bytes, offset) - 1;
+      offset += 4;
+    }
+    Words key(words);
+    std::memcpy(key.data(), bytes.data() + offset, words * 4);
+    offset += words * 4;
+    node->keys.push_back(std::move(key));
+  }
+  const std::size_t width = node->leaf ? idBytes() : 8;
+  for (std::size_t i = 0; i < count + (node->leaf ? 0 : 1); ++i) {
+    std::uint64_t pointer = 0;
+    std::memcpy(&pointer, bytes.data() + bytes.size() - width * (i + 1), width);
+    if (node->leaf) {
+      node->ids.push_back(pointer);
+    } else {
+      node->children.push_back(nodeAt(bench, pointer));
+    }
+  }
+  return node;
+}
+
 /// The node's bytes by the published layout against the plain node, and so on down.
 void compare(TreeBench& bench, std::uint64_t position, PlainNode& expected) {
   expected.position = position;
+  expected.moved = false;
   const std::string bytes = bench.node(position);
   const bool variable = bench.form.variable;
   const std::size_t width = expected.leaf ? (bench.form.wideIds ? 8 : 4) : 8;
@@ -419,6 +470,10 @@ class BPlusRules : public ::testing::TestWithParam<RulesCase> {
   void remove(TreeModel::iterator entry) {
     ASSERT_TRUE(bench_.remove(entry->first, entry->second).ok());
     plain_.remove(entry->first);
+    if (plain_.isUnsure()) {
+      plain_.learn(bench_);
+      ++learned_;
+    }
     model_.erase(entry);
   }
   void expectSame() {
@@ -440,6 +495,7 @@ class BPlusRules : public ::testing::TestWithParam<RulesCase> {
   PlainTree plain_{GetParam().form};
   TreeModel model_;
   std::uint64_t lastId_ = 0;
+  int learned_ = 0;
 };
 
 TEST_P(BPlusRules, NodesAreThoseOfThePlainTreeAfterInsertsInAnyOrder) {
@@ -482,6 +538,7 @@ TEST_P(BPlusRules, NodesAreThoseOfThePlainTreeAfterRemoves) {
       ASSERT_NO_FATAL_FAILURE(expectSame()) << model_.size();
     }
   }
+  EXPECT_LE(learned_, 10) << "of some thousand removals";
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, BPlusRules,
