@@ -12,8 +12,7 @@ namespace {
 /// Bytes that are read when a file is walked from front to back, and when it is not.
 constexpr std::uint64_t kStream = 128 * 1024;
 constexpr std::uint64_t kPiece = 4 * 1024;
-/// No less is locked, and nothing smaller is read around locks.
-constexpr std::uint64_t kWord = 4;
+constexpr std::uint64_t kWord = 4;  ///< what is locked at a time
 
 }  // namespace
 
@@ -32,8 +31,8 @@ bool CheckFile::readOpenParts(std::uint64_t offset, char* bytes, std::uint64_t l
   const SystemCode failure =
       readLargeBuffer(file_, offset, bytes, static_cast<std::int64_t>(length));
   if (failure != code::kLockViolation) return failure == 0;
-  if (length <= kWord) {
-    std::memset(bytes, 0, length);
+  if (length == 1) {
+    *bytes = 0;
     return true;
   }
   const std::uint64_t half = length / 2;

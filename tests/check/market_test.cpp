@@ -7,28 +7,6 @@ namespace {
 
 using MarketWithoutFault = Market;
 
-/// Lets nobody read a word of the control file, as some systems do with one that is locked.
-class UnreadableWord : public platform::faults::Hook {
- public:
-  explicit UnreadableWord(std::uint64_t position) : position_(position) {
-    platform::faults::install(this);
-  }
-  ~UnreadableWord() override { platform::faults::install(nullptr); }
-  platform::faults::Verdict before(const platform::faults::Event& event) override {
-    platform::faults::Verdict verdict;
-    if (event.call == platform::faults::Call::read && event.name.ends_with(".zlc") &&
-        event.position < position_ + 4 && event.position + event.length > position_) {
-      verdict.code = code::kLockViolation;
-      ++refused;
-    }
-    return verdict;
-  }
-  int refused = 0;
-
- private:
-  std::uint64_t position_;
-};
-
 TEST_F(MarketWithoutFault, OfEmptyTablesIsClean) {
   makeTables();
   EXPECT_EQ(findingsOf(path(), true), "");
@@ -63,15 +41,6 @@ TEST_F(MarketWithoutFault, ShowsAnOpenTransactionAsPendingWork) {
   EXPECT_FALSE(open.empty());
   for (const CheckFinding& finding : open) {
     EXPECT_NE(finding.kind, CheckKind::damage) << describe(finding);
-  }
-  {
-    const UnreadableWord word(folder.bytes("shop.zlc").size() - 4);  // of the only slot
-    const std::vector<CheckFinding> around = findings();
-    EXPECT_GT(word.refused, 0);
-    ASSERT_EQ(around.size(), open.size());
-    for (std::size_t i = 0; i < around.size(); ++i) {
-      EXPECT_EQ(describe(around[i]), describe(open[i]));
-    }
   }
   for (const char* file : {"bare.zlm", "fixed.zlm", "texts.zlm", "wide.zlm"}) {
     EXPECT_TRUE(std::any_of(open.begin(), open.end(), [&](const CheckFinding& finding) {

@@ -52,8 +52,7 @@ class PowerLoss : public ::testing::Test {
   }
 
   const bool thorough_;
-  const unsigned seed_ =
-      getenv("SEED") ? (unsigned)std::strtoul(getenv("SEED"), nullptr, 10) : std::random_device{}();
+  const unsigned seed_ = std::random_device{}();
   std::mt19937 random_{seed_};
   int outcomes_[2] = {0, 0};
   int points_ = 0;

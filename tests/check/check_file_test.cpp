@@ -1,0 +1,67 @@
+// Words that open transactions have locked, which some systems let nobody read: the checker reads
+// around them.
+
+#include "check/check_internal.h"
+#include "check/market.h"
+
+namespace zelta::testing {
+namespace {
+
+/// Lets nobody read a word of the control file.
+class UnreadableWord : public platform::faults::Hook {
+ public:
+  explicit UnreadableWord(std::uint64_t position) : position_(position) {
+    platform::faults::install(this);
+  }
+  ~UnreadableWord() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    platform::faults::Verdict verdict;
+    if (event.call == platform::faults::Call::read && event.name.ends_with(".zlc") &&
+        event.position < position_ + 4 && event.position + event.length > position_) {
+      verdict.code = code::kLockViolation;
+      ++refused;
+    }
+    return verdict;
+  }
+  int refused = 0;
+
+ private:
+  std::uint64_t position_;
+};
+
+class UnreadableWords : public Market {};
+
+TEST_F(UnreadableWords, AreZeroAndTheirNeighboursAreNot) {
+  std::string bytes(300, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(1 + i % 100);
+  folder.write("some.zlc", bytes);
+  for (const std::uint64_t at : {0u, 101u, 102u, 103u, 104u, 296u}) {
+    const UnreadableWord word(at);
+    check::CheckFile file(folder.file("some.zlc"));
+    const char* seen = file.view(0, bytes.size());
+    ASSERT_NE(seen, nullptr);
+    std::string expected = bytes;
+    expected.replace(at, 4, 4, '\0');
+    EXPECT_EQ(std::string(seen, bytes.size()), expected) << at;
+    EXPECT_TRUE(file.isLocked(at));
+    EXPECT_FALSE(file.isLocked(at == 0 ? 4 : at - 4));
+  }
+}
+
+TEST_F(UnreadableWords, OfOpenTransactionsAreNoDamage) {
+  makeTables();
+  CZELTA handle;
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionShared, 10000));
+  const std::string open = findingsOf(path());
+  EXPECT_NE(open, "");
+  {
+    const UnreadableWord word(folder.bytes("shop.zlc").size() - 4);  // of the only slot
+    EXPECT_EQ(findingsOf(path()), open);
+    EXPECT_GT(word.refused, 0);
+  }
+  ASSERT_DONE(handle, handle.EndTransaction());
+}
+
+}  // namespace
+}  // namespace zelta::testing
