@@ -20,8 +20,8 @@ enum class File : std::uintptr_t { none = ~std::uintptr_t{0} };
 /// CreateFileW.
 enum class Disposition : std::uint32_t { createNew = 1, openExisting = 3, openAlways = 4 };
 
-/// Opens a file for reading and writing, shared for both with everybody; a new file is open to all
-/// users. Codes: 2 the file is missing, 3 its folder is; 80 createNew found a file; 5; 32.
+/// Opens a file for reading and writing, shared for both with everybody. Who may open a new file is
+/// up to the platform: on Linux the umask decides, on Windows all users may. Codes: 2 the file is missing, 3 its folder is; 80 createNew found a file; 5; 32.
 [[nodiscard]] SystemCode openFile(const char16_t* name, Disposition disposition, File* out);
 
 /// Gives up all locks of the handle, then closes it. File::none is ignored.

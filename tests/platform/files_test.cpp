@@ -182,13 +182,16 @@ TEST_F(Files, InTooLargeANumberGive4) {
   EXPECT_EQ(child.wait(), 0);
 }
 
-TEST_F(Files, AreMadeForAllUsersWhateverTheMaskIs) {
-  const mode_t former = umask(077);
-  EXPECT_EQ(opened(at("new"), Disposition::createNew), 0u);
-  umask(former);
-  struct stat info {};
-  ASSERT_EQ(stat(path("new").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777u, 0666u);
+TEST_F(Files, AreMadeForWhomTheMaskLeaves) {
+  for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{007}, mode_t{077}}) {
+    const std::string name = "new" + std::to_string(mask);
+    const mode_t former = umask(mask);
+    EXPECT_EQ(opened(at(name), Disposition::createNew), 0u);
+    umask(former);
+    struct stat info {};
+    ASSERT_EQ(stat(path(name).c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777u, 0666u & ~mask);
+  }
 }
 
 TEST_F(Files, AreSharedByAllHandles) {

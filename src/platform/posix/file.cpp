@@ -364,10 +364,7 @@ SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
     opened.created = false;
     return code::kAccessDenied;
   }
-  if (opened.created) {
-    fchmod(opened.fd, 0666);
-    folderChanged(path);
-  }
+  if (opened.created) folderChanged(path);
   record->fd = std::exchange(opened.fd, -1);
   enter(record.get());
   *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record.release()));
