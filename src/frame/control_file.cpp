@@ -95,8 +95,8 @@ Result readAndComplete(MetaData& metaData, ControlHeader_tag& header) {
 
 }  // namespace
 
-SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposition,
-                            platform::File* out) {
+SystemCode openDatabaseFile(const MetaData& metaData, const char16_t* name,
+                            platform::Disposition disposition, platform::File* out) {
   constexpr int kAttempts = 10;
   SystemCode failure = 0;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -104,6 +104,7 @@ SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposit
     failure = platform::openFile(name, disposition, out);
     if (failure != code::kSharingViolation) break;
   }
+  if (failure == 0) platform::bindLocks(*out, metaData.lockFile);
   return failure;
 }
 
@@ -174,7 +175,8 @@ Result cutMemoryFiles(MetaData& metaData, const ControlHeader_tag& header) {
   for (const DirectoryEntry& entry : directory.entries()) {
     const std::u16string path = databasePath(metaData, entry.name, extension::kMemory);
     platform::File file = platform::File::none;
-    SystemCode failure = openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &file);
+    SystemCode failure =
+        openDatabaseFile(metaData, path.c_str(), platform::Disposition::openExisting, &file);
     if (failure == code::kFileNotFound || failure == code::kPathNotFound) continue;
     if (failure == 0) failure = truncateFile(file, 0);
     platform::closeFile(file);

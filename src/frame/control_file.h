@@ -146,9 +146,10 @@ Result completeDirectoryChange(MetaData& metaData, ControlHeader_tag& header, bo
 /// caller owns `databaseMutex`.
 Result recoverAtOpen(MetaData& metaData, UInt32AVLTree*& tables);
 
-/// Opens or creates a file of the database; a sharing violation is tried again, 10 times in all.
-[[nodiscard]] SystemCode openDatabaseFile(const char16_t* name, platform::Disposition disposition,
-                                          platform::File* out);
+/// Opens or creates a file of the database, whose locks lie on the lock file; a sharing violation
+/// is tried again, 10 times in all.
+[[nodiscard]] SystemCode openDatabaseFile(const MetaData& metaData, const char16_t* name,
+                                          platform::Disposition disposition, platform::File* out);
 
 }  // namespace zelta
 

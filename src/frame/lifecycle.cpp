@@ -59,14 +59,18 @@ std::u16string withLast(std::u16string name, char16_t last) {
 }
 
 Result createMutexes(MetaData& metaData, const std::u16string& name) {
-  SystemCode failure = createFileMutex(name, &metaData.databaseMutex);
-  if (failure == 0) failure = createFileMutex(withLast(name, u'2'), &metaData.openerMutex);
+  const std::u16string locks = name.substr(0, name.size() - kExtensionLength) + extension::kLocks;
+  SystemCode failure = platform::openLockFile(locks.c_str(), name.c_str(), &metaData.lockFile);
+  if (failure == 0) failure = createFileMutex(metaData, name, &metaData.databaseMutex);
+  if (failure == 0) {
+    failure = createFileMutex(metaData, withLast(name, u'2'), &metaData.openerMutex);
+  }
   return reportSystemError(&metaData, failure, name.c_str());
 }
 
 Result createLogMutex(MetaData& metaData, const std::u16string& name) {
-  return reportSystemError(&metaData, createFileMutex(withLast(name, u'l'), &metaData.logMutex),
-                           name.c_str());
+  const SystemCode failure = createFileMutex(metaData, withLast(name, u'l'), &metaData.logMutex);
+  return reportSystemError(&metaData, failure, name.c_str());
 }
 
 void splitPath(MetaData& metaData, const std::u16string& name) {
@@ -99,6 +103,8 @@ void closeAll(MetaData& metaData) {
     platform::closeMutex(*mutex);
     *mutex = platform::Mutex::none;
   }
+  platform::closeLockFile(metaData.lockFile);
+  metaData.lockFile = platform::LockFile::none;
   metaData.directoryPath.clear();
   metaData.baseName.clear();
   metaData.transactionWord = 0;
@@ -129,12 +135,12 @@ Result initialise(MetaData& metaData, UInt32AVLTree*& tables, const std::u16stri
 }
 
 Result createControlFile(MetaData& metaData, const std::u16string& name) {
-  SystemCode failure =
-      openDatabaseFile(name.c_str(), platform::Disposition::createNew, &metaData.controlFile);
+  SystemCode failure = openDatabaseFile(metaData, name.c_str(), platform::Disposition::createNew,
+                                        &metaData.controlFile);
   if (failure == code::kPathNotFound) {
     ZELTA_TRY(createFolders(metaData, name));
-    failure =
-        openDatabaseFile(name.c_str(), platform::Disposition::createNew, &metaData.controlFile);
+    failure = openDatabaseFile(metaData, name.c_str(), platform::Disposition::createNew,
+                               &metaData.controlFile);
   }
   return reportSystemError(&metaData, failure, name.c_str());
 }
@@ -144,11 +150,12 @@ Result openLocked(MetaData& metaData, UInt32AVLTree*& tables, const std::u16stri
   MutexGuard database;
   ZELTA_TRY(own(metaData, database, metaData.databaseMutex, kLongWait, name));
   ZELTA_TRY(createLogMutex(metaData, name));
-  if (const SystemCode failure = openDatabaseFile(name.c_str(), platform::Disposition::openExisting,
-                                                  &metaData.controlFile);
+  if (const SystemCode failure = openDatabaseFile(
+          metaData, name.c_str(), platform::Disposition::openExisting, &metaData.controlFile);
       failure != 0) {
     return reportSystemError(&metaData, failure, name.c_str());
   }
+  platform::lockUnderAllNames(metaData.controlFile);
   splitPath(metaData, name);
   ZELTA_TRY(recoverAtOpen(metaData, tables));
   return reportSystemError(&metaData, database.release(), name.c_str());
@@ -180,9 +187,10 @@ class OpeningScope {
 
 }  // namespace
 
-SystemCode createFileMutex(const std::u16string& path, platform::Mutex* out) {
+SystemCode createFileMutex(const MetaData& metaData, const std::u16string& path,
+                           platform::Mutex* out) {
   // The name differs as the path does; what a platform cannot have in a name, it replaces itself.
-  return platform::createMutex((u"Global\\" + path).c_str(), out);
+  return platform::createMutex(metaData.lockFile, (u"Global\\" + path).c_str(), out);
 }
 
 Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path) {
@@ -192,6 +200,8 @@ Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t
   ZELTA_TRY(createControlFile(metaData, name));
   scope.deleteUnlessFinished(name);
   ZELTA_TRY(createMutexes(metaData, name));
+  platform::bindLocks(metaData.controlFile, metaData.lockFile);
+  platform::lockUnderAllNames(metaData.controlFile);
   return scope.finish(initialise(metaData, tables, name));
 }
 

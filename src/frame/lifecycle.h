@@ -16,10 +16,11 @@ Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* 
 /// Ends any transaction, destroys the tables and closes all that is open.
 void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables);
 
-/// Makes a mutex named after a file: databaseMutex for "x.zlc", logMutex for "x.zll", a table's for
-/// its
-/// ".zlt" path. openerMutex takes the control file's path with '2' for its last character.
-[[nodiscard]] SystemCode createFileMutex(const std::u16string& path, platform::Mutex* out);
+/// Makes a mutex named after a file of the database: databaseMutex for "x.zlc", logMutex for
+/// "x.zll", a table's for its ".zlt" path. openerMutex takes the control file's path with '2' for
+/// its last character.
+[[nodiscard]] SystemCode createFileMutex(const MetaData& metaData, const std::u16string& path,
+                                         platform::Mutex* out);
 
 }  // namespace zelta
 

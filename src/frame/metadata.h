@@ -10,6 +10,7 @@
 #include "frame/result.h"
 #include "frame/scratch_buffer.h"
 #include "platform/file.h"
+#include "platform/lock_file.h"
 #include "platform/mutex.h"
 
 namespace zelta {
@@ -34,6 +35,7 @@ struct MetaData {
   MetaData(const MetaData&) = delete;
   MetaData& operator=(const MetaData&) = delete;
 
+  platform::LockFile lockFile = platform::LockFile::none;  ///< holds the mutexes and the locks
   platform::Mutex databaseMutex =
       platform::Mutex::none;                         ///< guards control file and slots, briefly
   platform::Mutex logMutex = platform::Mutex::none;  ///< guards header, tree and chain of the log
@@ -85,6 +87,7 @@ inline constexpr const char16_t* kTable = u".zlt";
 inline constexpr const char16_t* kIndex = u".zli";
 inline constexpr const char16_t* kMemory = u".zlm";
 inline constexpr const char16_t* kLog = u".zll";
+inline constexpr const char16_t* kLocks = u".zlk";
 }  // namespace extension
 
 }  // namespace zelta

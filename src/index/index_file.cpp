@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "frame/control_file.h"
 #include "index/index_file_layout.h"
 #include "storage/atomic_manager.h"
 #include "storage/file_io.h"
@@ -68,10 +69,11 @@ bool isReplaced(const MetaData& metaData, const Table& table) {
 Result openHandle(MetaData& metaData, Table& table, bool exclusive, bool mustExist) {
   if (table.indexFile != platform::File::none) return {};
   const std::u16string path = indexFilePath(metaData, table);
-  SystemCode result =
-      platform::openFile(path.c_str(), platform::Disposition::openExisting, &table.indexFile);
+  SystemCode result = openDatabaseFile(metaData, path.c_str(), platform::Disposition::openExisting,
+                                       &table.indexFile);
   if (result == code::kFileNotFound && mustExist && exclusive) {
-    result = platform::openFile(path.c_str(), platform::Disposition::openAlways, &table.indexFile);
+    result = openDatabaseFile(metaData, path.c_str(), platform::Disposition::openAlways,
+                              &table.indexFile);
   }
   if (result == 0 && !exclusive && isReplaced(metaData, table)) {
     closeHandle(table);

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "platform/codes.h"
+#include "platform/lock_file.h"
 
 namespace zelta::platform {
 
@@ -21,8 +22,17 @@ enum class File : std::uintptr_t { none = ~std::uintptr_t{0} };
 enum class Disposition : std::uint32_t { createNew = 1, openExisting = 3, openAlways = 4 };
 
 /// Opens a file for reading and writing, shared for both with everybody. Who may open a new file is
-/// up to the platform: on Linux the umask decides, on Windows all users may. Codes: 2 the file is missing, 3 its folder is; 80 createNew found a file; 5; 32.
+/// up to the platform: on Linux the umask decides, on Windows all users may. Codes: 2 the file is
+/// missing, 3 its folder is; 80 createNew found a file; 5; 32.
 [[nodiscard]] SystemCode openFile(const char16_t* name, Disposition disposition, File* out);
+
+/// From now on the locks of the file's words lie on the lock file, where nobody can place any who
+/// may not write the file. All handles of a file must be bound alike, before the first lock. It
+/// changes nothing where locks stop reads.
+void bindLocks(File file, LockFile lockFile);
+/// Locks words of a bound file on the file itself too, so that they are met by whoever has it open
+/// under another name, with another lock file.
+void lockUnderAllNames(File file);
 
 /// Gives up all locks of the handle, then closes it. File::none is ignored.
 SystemCode closeFile(File file);

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "platform/codes.h"
+#include "platform/lock_file.h"
 
 namespace zelta::platform {
 
@@ -15,8 +16,10 @@ enum class Mutex : std::uintptr_t { none = 0 };
 
 inline constexpr std::uint32_t kForever = 0xFFFFFFFF;
 
-/// Opens the mutex of this name, and makes it if there is none. It is not owned yet.
-[[nodiscard]] SystemCode createMutex(const char16_t* name, Mutex* out);
+/// Opens the mutex of this name among those of the lock file, and makes it if there is none. It is
+/// not owned yet. Names differ in what follows their last separator, as those of files in one
+/// folder do.
+[[nodiscard]] SystemCode createMutex(LockFile lockFile, const char16_t* name, Mutex* out);
 
 /// Closes the handle. A mutex that some thread still owns stays that thread's.
 void closeMutex(Mutex mutex);

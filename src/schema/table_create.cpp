@@ -93,7 +93,8 @@ Result writeTableFile(MetaData& metaData, Table& table, const TableHeader_tag& h
 /// Deletes the file of a table that could not be made, unless told that it was.
 class NewTableFile {
  public:
-  NewTableFile(Table& table, std::u16string path) : table_(table), path_(std::move(path)) {}
+  NewTableFile(const MetaData& metaData, Table& table, std::u16string path)
+      : metaData_(metaData), table_(table), path_(std::move(path)) {}
   ~NewTableFile() { discard(); }
   void discard() {
     if (!made_ || kept_) return;
@@ -105,14 +106,15 @@ class NewTableFile {
   NewTableFile(const NewTableFile&) = delete;
   NewTableFile& operator=(const NewTableFile&) = delete;
   SystemCode create() {
-    const SystemCode failure =
-        openDatabaseFile(path_.c_str(), platform::Disposition::createNew, &table_.tableFile);
+    const SystemCode failure = openDatabaseFile(
+        metaData_, path_.c_str(), platform::Disposition::createNew, &table_.tableFile);
     made_ = failure == 0;
     return failure;
   }
   void keep() { kept_ = true; }
 
  private:
+  const MetaData& metaData_;
   Table& table_;
   std::u16string path_;
   bool made_ = false;
@@ -200,7 +202,7 @@ Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Sch
   TableDirectory next = directory;
   next.insert(draft.entry);
   TableMutexGuard guard;
-  NewTableFile file(*table, databasePath(metaData, table->name, extension::kTable));
+  NewTableFile file(metaData, *table, databasePath(metaData, table->name, extension::kTable));
   Result result = writeDirectoryIntent(
       metaData, header, {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
   if (result.ok()) result = makeFile(metaData, *table, guard, file, draft);
@@ -287,7 +289,8 @@ namespace {
 void cutMemoryFile(const MetaData& metaData, const std::u16string& name) {
   platform::File file = platform::File::none;
   const std::u16string path = databasePath(metaData, name, extension::kMemory);
-  if (openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &file) != 0) return;
+  if (openDatabaseFile(metaData, path.c_str(), platform::Disposition::openExisting, &file) != 0)
+    return;
   static_cast<void>(truncateFile(file, 0));
   platform::closeFile(file);
 }

@@ -78,7 +78,7 @@ void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::ui
 
 Result openTableMutex(MetaData& metaData, Table& table) {
   const std::u16string path = databasePath(metaData, table.name, extension::kTable);
-  return reportTable(metaData, table.cName(), createFileMutex(path, &table.tableMutex));
+  return reportTable(metaData, table.cName(), createFileMutex(metaData, path, &table.tableMutex));
 }
 
 Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guard) {
@@ -88,8 +88,8 @@ Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guar
 
 Result loadTable(MetaData& metaData, Table& table, const DirectoryEntry& entry, bool exclusive) {
   const std::u16string path = databasePath(metaData, table.name, extension::kTable);
-  if (const SystemCode failure =
-          openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &table.tableFile);
+  if (const SystemCode failure = openDatabaseFile(
+          metaData, path.c_str(), platform::Disposition::openExisting, &table.tableFile);
       failure != 0) {
     return reportSystemError(&metaData, failure, path.c_str());
   }

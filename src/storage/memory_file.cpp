@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "frame/control_file.h"
 #include "frame/exhausted_memory.h"
 #include "storage/atomic_manager.h"
 #include "storage/atomic_manager_writer.h"
@@ -68,11 +69,12 @@ std::uint32_t newPageSize(const Table& table) {
 Result openFile(Table& table, const AtomicManager& manager, bool mayRecover) {
   if (table.memoryFile != platform::File::none) return {};
   const std::u16string path = databasePath(manager.metaData, table.name, extension::kMemory);
-  SystemCode result =
-      platform::openFile(path.c_str(), platform::Disposition::openExisting, &table.memoryFile);
+  SystemCode result = openDatabaseFile(manager.metaData, path.c_str(),
+                                       platform::Disposition::openExisting, &table.memoryFile);
   if (result == code::kFileNotFound) {
     if (!mayRecover) return failed(manager, code::kAccessDenied);
-    result = platform::openFile(path.c_str(), platform::Disposition::openAlways, &table.memoryFile);
+    result = openDatabaseFile(manager.metaData, path.c_str(), platform::Disposition::openAlways,
+                              &table.memoryFile);
   }
   if (result != 0) table.memoryFile = platform::File::none;
   return result == 0 ? Result{} : failed(manager, result);

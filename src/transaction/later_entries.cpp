@@ -145,7 +145,7 @@ Result dropKnownLater(MetaData& metaData, platform::File file, const LogEntryHea
     const std::u16string name = numberedLogName(metaData, number);
     platform::File next = platform::File::none;
     const SystemCode failure =
-        openDatabaseFile(name.c_str(), platform::Disposition::openExisting, &next);
+        openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &next);
     if (failure == code::kFileNotFound || failure == code::kPathNotFound) continue;
     if (failure != 0) return reportLogError(metaData, failure);
     const FileGuard guard(next);

@@ -216,7 +216,7 @@ Result openSingle(MetaData& metaData) {
   }
   platform::File file = platform::File::none;
   const SystemCode result =
-      openDatabaseFile(name.c_str(), platform::Disposition::openExisting, &file);
+      openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &file);
   if (isMissing(result)) return {};
   if (result != 0) return reportLogError(metaData, result);
   metaData.logFile = file;
@@ -230,7 +230,7 @@ Result findInNumbered(MetaData& metaData, std::uint16_t first, std::uint16_t las
     const std::u16string name = numberedLogName(metaData, i);
     platform::File opened = platform::File::none;
     const SystemCode result =
-        openDatabaseFile(name.c_str(), platform::Disposition::openExisting, &opened);
+        openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &opened);
     if (result != 0 && !isMissing(result)) return reportLogError(metaData, result);
     if (result == 0) {
       FileGuard file(opened);

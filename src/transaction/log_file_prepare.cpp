@@ -54,10 +54,11 @@ Result isCurrent(MetaData& metaData, const std::u16string& name, const LogHeader
 Result openOrCreate(MetaData& metaData, const std::u16string& name, const LogHeader_tag& fresh,
                     LogHeader_tag& header) {
   platform::File opened = platform::File::none;
-  SystemCode result = openDatabaseFile(name.c_str(), platform::Disposition::openExisting, &opened);
+  SystemCode result =
+      openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &opened);
   const bool create = result == code::kFileNotFound;
   if (create) {
-    result = openDatabaseFile(name.c_str(), platform::Disposition::createNew, &opened);
+    result = openDatabaseFile(metaData, name.c_str(), platform::Disposition::createNew, &opened);
   }
   if (result != 0) return reportLogError(metaData, result);
   FileGuard file(opened);
@@ -104,7 +105,7 @@ Result isOld(MetaData& metaData, const std::u16string& name, std::uint64_t limit
   *gone = false;
   platform::File opened = platform::File::none;
   const SystemCode result =
-      openDatabaseFile(name.c_str(), platform::Disposition::openExisting, &opened);
+      openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &opened);
   if (result == code::kFileNotFound || result == code::kPathNotFound) {
     *gone = true;
     return {};
@@ -163,7 +164,8 @@ Result beginLogFile(MetaData& metaData, ControlHeader_tag& header, std::uint16_t
   closeLog(metaData);
   const std::u16string name = numberedLogName(metaData, last);
   platform::File opened = platform::File::none;
-  SystemCode result = openDatabaseFile(name.c_str(), platform::Disposition::openAlways, &opened);
+  SystemCode result =
+      openDatabaseFile(metaData, name.c_str(), platform::Disposition::openAlways, &opened);
   if (result != 0) return reportLogError(metaData, result);
   FileGuard file(opened);
   const LogHeader_tag fresh = newHeader(true, last, 0);

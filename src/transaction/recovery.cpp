@@ -146,7 +146,8 @@ Result hasContents(MetaData& metaData, const std::u16string& name, bool* content
   *contents = false;
   platform::File opened = platform::File::none;
   const std::u16string path = databasePath(metaData, name, extension::kMemory);
-  SystemCode failure = openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &opened);
+  SystemCode failure =
+      openDatabaseFile(metaData, path.c_str(), platform::Disposition::openExisting, &opened);
   if (failure == code::kFileNotFound || failure == code::kPathNotFound) return {};
   std::uint64_t size = 0;
   if (failure == 0) failure = platform::fileSize(opened, &size);

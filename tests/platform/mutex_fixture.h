@@ -6,12 +6,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <ostream>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -25,18 +23,30 @@ using platform::Mutex;
 using Line = ChildProcess::Line;
 using Clock = std::chrono::steady_clock;
 
-/// A handle that closes itself.
+/// The lock file beside a mutex's name, and the file that says who may use it.
+inline std::u16string beside(const std::u16string& name, const char16_t* file) {
+  return name.substr(0, name.rfind(u'/') + 1) + file;
+}
+
+/// A handle that closes itself, with its use of the lock file.
 class Handle {
  public:
   explicit Handle(const std::u16string& name) {
-    EXPECT_EQ(platform::createMutex(name.c_str(), &mutex_), 0u);
+    EXPECT_EQ(platform::openLockFile(beside(name, u"the.zlk").c_str(),
+                                     beside(name, u"the.zlc").c_str(), &lockFile_),
+              0u);
+    EXPECT_EQ(platform::createMutex(lockFile_, name.c_str(), &mutex_), 0u);
   }
-  ~Handle() { platform::closeMutex(mutex_); }
+  ~Handle() {
+    platform::closeLockFile(lockFile_);
+    platform::closeMutex(mutex_);  // keeps the file until then
+  }
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
   operator Mutex() const { return mutex_; }
 
  private:
+  platform::LockFile lockFile_ = platform::LockFile::none;
   Mutex mutex_ = Mutex::none;
 };
 
@@ -68,32 +78,14 @@ inline Wait waited(Mutex mutex, std::uint32_t milliseconds) {
 
 inline void inThread(const std::function<void()>& work) { std::thread(work).join(); }
 
-/// The files of shared memory behind mutexes.
-inline std::set<std::string> sharedFiles() {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-    names.insert(entry.path().filename());
-  }
-  return names;
-}
-
 class Mutexes : public ::testing::Test {
  protected:
-  void SetUp() override { name = folder.file("the.mutex"); }
-  void TearDown() override {
-    // Whoever is killed while it makes a mutex leaves a draft.
-    for (const std::string& file : files()) std::filesystem::remove("/dev/shm/" + file);
+  void SetUp() override {
+    name = folder.file("the.mutex");
+    folder.write("the.zlc", "");
   }
-  /// The files of this test's mutexes: their names end like the folder's.
-  [[nodiscard]] std::set<std::string> files() const {
-    std::set<std::string> mine;
-    std::string mark = folder.path().filename().string();
-    std::replace(mark.begin(), mark.end(), '-', '_');
-    for (const std::string& file : sharedFiles()) {
-      if (file.find(mark) != std::string::npos) mine.insert(file);
-    }
-    return mine;
-  }
+  [[nodiscard]] bool hasFile() const { return folder.has("the.zlk"); }
+  [[nodiscard]] std::string file() const { return (folder.path() / "the.zlk").string(); }
   /// What another process gets from a wait that it gives up again.
   [[nodiscard]] SystemCode elsewhere(std::uint32_t milliseconds = 0) const {
     ChildProcess other([&](const Line&) {

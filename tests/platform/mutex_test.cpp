@@ -1,10 +1,5 @@
 // Named mutexes: who owns them, how long a wait lasts, and what the death of an owner means.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <fstream>
-
 #include "platform/mutex_fixture.h"
 
 namespace zelta::testing {
@@ -29,7 +24,9 @@ TEST_F(Mutexes, OfOtherNamesAreOthers) {
   ASSERT_EQ(waited(mutex, 0), kGained);
   std::u16string other = name;
   other.back() = u'X';
-  const std::u16string farAway = u"/elsewhere" + name;
+  const FreshFolder elsewhereFolder;
+  elsewhereFolder.write("the.zlc", "");
+  const std::u16string farAway = elsewhereFolder.file("the.mutex");
   const std::u16string others[] = {other, farAway, name + u'x', name.substr(0, name.size() - 1)};
   for (const std::u16string& different : others) {
     inThread([&] {
@@ -41,16 +38,23 @@ TEST_F(Mutexes, OfOtherNamesAreOthers) {
   EXPECT_EQ(platform::releaseMutex(mutex), 0u);
 }
 
-TEST_F(Mutexes, TakeNamesOfAnyLengthAndAlphabet) {
-  const std::u16string names[] = {name + std::u16string(4000, u'n'),
-                                  name + u"\u00e4\u4e2d\U0001F600", name + u"\\a b\t%s/../.."};
-  for (const std::u16string& odd : names) {
+TEST_F(Mutexes, TakeNamesOfEveryAlphabetAsLongAsThoseOfFiles) {
+  const std::u16string longest = name.substr(0, name.rfind(u'/') + 1) + std::u16string(255, u'n');
+  for (const std::u16string& odd : {longest, name + u"\u00e4\u4e2d\U0001F600", name + u"b\t%s.."}) {
     const Handle one(odd);
     const Handle two(odd);
     ASSERT_EQ(waited(one, 0), kGained);
     inThread([&] { EXPECT_EQ(waited(two, 0), kTooLate); });
     EXPECT_EQ(platform::releaseMutex(two), 0u);
   }
+  const Handle mutex(name);
+  Mutex none = Mutex::none;
+  platform::LockFile locks = platform::LockFile::none;
+  ASSERT_EQ(platform::openLockFile(beside(name, u"the.zlk").c_str(),
+                                   beside(name, u"the.zlc").c_str(), &locks),
+            0u);
+  EXPECT_EQ(platform::createMutex(locks, (longest + u"nn").c_str(), &none), code::kNameTooLong);
+  platform::closeLockFile(locks);
 }
 
 TEST_F(Mutexes, AreRecursiveForAThreadAcrossItsHandles) {
@@ -213,7 +217,7 @@ TEST_F(Mutexes, OfADeadOwnerAreUsableForAHandleMadeLater) {
     EXPECT_EQ(waited(mutex, 1000).code, 0u);
     EXPECT_EQ(platform::releaseMutex(mutex), 0u);
   }
-  EXPECT_TRUE(files().empty()) << "the last user takes the shared memory away";
+  EXPECT_FALSE(hasFile()) << "the last user takes the file away";
 }
 
 TEST_F(Mutexes, StayOwnedWhenAnotherHandleIsClosed) {
@@ -242,132 +246,7 @@ TEST_F(Mutexes, StayOwnedWhenTheirLastHandleIsClosed) {
     EXPECT_EQ(platform::releaseMutex(mutex), 0u);
   }
   EXPECT_EQ(elsewhere(), 0u);
-  EXPECT_TRUE(files().empty());
-}
-
-TEST_F(Mutexes, LeaveNoFileBehind) {
-  EXPECT_TRUE(files().empty());
-  {
-    const Handle one(name);
-    EXPECT_EQ(files().size(), 1u);
-    { const Handle two(name); }
-    EXPECT_EQ(files().size(), 1u);
-    EXPECT_EQ(elsewhere(), 0u);
-    EXPECT_EQ(files().size(), 1u) << "it has a user yet";
-  }
-  EXPECT_TRUE(files().empty());
-}
-
-TEST_F(Mutexes, AreOpenToAllUsers) {
-  const mode_t former = umask(077);
-  const Handle mutex(name);
-  umask(former);
-  ASSERT_EQ(files().size(), 1u);
-  const auto permissions = std::filesystem::status("/dev/shm/" + *files().begin()).permissions();
-  EXPECT_EQ(static_cast<unsigned>(permissions) & 0777u, 0666u);
-}
-
-TEST_F(Mutexes, HealFromAForeignFileUnderTheirName) {
-  std::string file;
-  {
-    const Handle mutex(name);
-    ASSERT_EQ(files().size(), 1u);
-    file = "/dev/shm/" + *files().begin();
-  }
-  for (const std::size_t size : {std::size_t{0}, std::size_t{7}, std::size_t{100000}}) {
-    std::ofstream(file) << std::string(size, 'z');
-    Mutex mutex = Mutex::none;
-    const SystemCode code = platform::createMutex(name.c_str(), &mutex);
-    EXPECT_TRUE(code == 0 || (code == code::kGeneralFailure && mutex == Mutex::none)) << code;
-    platform::closeMutex(mutex);
-    const Handle second(name);
-    EXPECT_EQ(waited(second, 0), kGained);
-    EXPECT_EQ(platform::releaseMutex(second), 0u);
-  }
-  std::filesystem::remove(file);
-}
-
-TEST_F(Mutexes, AreMadeBesideDraftsThatAProcessOfTheSameNumberLeft) {
-  std::string file;
-  {
-    const Handle mutex(name);
-    ASSERT_EQ(files().size(), 1u);
-    file = "/dev/shm/" + *files().begin();
-  }
-  ASSERT_EQ(files().size(), 0u);
-  for (int i = 0; i < 600; ++i) {
-    std::ofstream(file + "." + std::to_string(getpid()) + "." + std::to_string(i)) << "left";
-  }
-  {
-    const Handle mutex(name);
-    EXPECT_EQ(waited(mutex, 0), kGained);
-    EXPECT_EQ(platform::releaseMutex(mutex), 0u);
-  }
-  EXPECT_EQ(files().size(), 600u);
-}
-
-/// Whether somebody waits for a lock of a file.
-bool isWaitedFor(const std::string& file) {
-  struct stat info {};
-  if (stat(file.c_str(), &info) != 0) return false;
-  const std::string mark = ":" + std::to_string(info.st_ino) + " ";
-  std::ifstream locks("/proc/locks");
-  for (std::string line; std::getline(locks, line);) {
-    if (line.find("->") != std::string::npos && line.find(mark) != std::string::npos) return true;
-  }
-  return false;
-}
-
-TEST_F(Mutexes, AreMadeAnewWhenTheirFileIsRemovedThoughItHasAnotherName) {
-  ChildProcess killed([&](const Line& line) {
-    const Handle mutex(name);
-    line.say('y');
-    return line.hear() == 0 ? 0 : 1;
-  });
-  ASSERT_TRUE(killed.hears('y'));
-  killed.kill();
-  ASSERT_EQ(files().size(), 1u);
-  const std::string file = "/dev/shm/" + *files().begin();
-  // Its maker was killed before it could remove the draft.
-  ASSERT_EQ(link(file.c_str(), (file + ".1.1").c_str()), 0);
-  // The last user removes the file while somebody else has opened it already.
-  const int last = open(file.c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_GE(last, 0);
-  struct flock users {};
-  users.l_type = F_WRLCK;
-  users.l_len = 1;
-  ASSERT_EQ(fcntl(last, F_OFD_SETLK, &users), 0);
-  std::thread other([&] {
-    const Handle mutex(name);
-    EXPECT_TRUE(std::filesystem::exists(file)) << "nobody else would meet this one";
-    EXPECT_EQ(waited(mutex, 0), kGained);
-    EXPECT_EQ(elsewhere(), code::kTimeout);
-    EXPECT_EQ(platform::releaseMutex(mutex), 0u);
-  });
-  const auto began = Clock::now();
-  while (!isWaitedFor(file) && Clock::now() - began < std::chrono::seconds(20)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  EXPECT_TRUE(isWaitedFor(file));
-  EXPECT_EQ(unlink(file.c_str()), 0);
-  close(last);
-  other.join();
-}
-
-TEST_F(Mutexes, RefuseALinkUnderTheirName) {
-  std::string file;
-  {
-    const Handle mutex(name);
-    ASSERT_EQ(files().size(), 1u);
-    file = "/dev/shm/" + *files().begin();
-  }
-  folder.write("victim", "content");
-  std::filesystem::create_symlink(folder.path() / "victim", file);
-  Mutex mutex = Mutex::none;
-  EXPECT_NE(platform::createMutex(name.c_str(), &mutex), 0u);
-  EXPECT_EQ(mutex, Mutex::none);
-  EXPECT_EQ(folder.bytes("victim"), "content");
-  std::filesystem::remove(file);
+  EXPECT_FALSE(hasFile());
 }
 
 TEST_F(Mutexes, ThatAreNoneGiveACode) {

@@ -257,7 +257,9 @@ TEST_F(Readers, ThatKeepWritersOutSeeWholeTransactions) {
 
 TEST_F(Readers, WaitOnceForAChangeThatNobodyEnds) {
   platform::Mutex mutex = platform::Mutex::none;
-  ASSERT_EQ(createFileMutex(folder.file("things.zlt"), &mutex), 0u);
+  const OpenedLockFile locks(folder);
+  ASSERT_EQ(platform::createMutex(locks, (u"Global\\" + folder.file("things.zlt")).c_str(), &mutex),
+            0u);
   ASSERT_DONE(shop.db, shop.begin(CZELTA::TransactionRead));
   platform::advanceChangeCount(mutex);
   const Stopwatch first;

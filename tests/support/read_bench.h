@@ -92,9 +92,10 @@ class ReadHandle {
     made->firstVariableField = form_.texts ? 1 : 0xFFFFFFFF;
     made->tableLockOrder = 5;
     const std::u16string path = databasePath(metaData, u"T", extension::kTable);
-    ASSERT_EQ(platform::openFile(path.c_str(), platform::Disposition::openAlways, &made->tableFile),
+    ASSERT_EQ(openDatabaseFile(metaData, path.c_str(), platform::Disposition::openAlways,
+                               &made->tableFile),
               0u);
-    ASSERT_EQ(createFileMutex(path, &made->tableMutex), 0u);
+    ASSERT_EQ(createFileMutex(metaData, path, &made->tableMutex), 0u);
     table = made.release();
     insert(table, tables, kReadTable);
   }

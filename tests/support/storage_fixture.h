@@ -15,6 +15,7 @@
 #include "frame/metadata.h"
 #include "platform/faults.h"
 #include "platform/file.h"
+#include "platform/lock_file.h"
 #include "platform/mutex.h"
 
 namespace zelta::testing {
@@ -76,6 +77,24 @@ class OpenedFile {
 
  private:
   platform::File file_ = platform::File::none;
+};
+
+/// The lock file "shop.zlk" of a folder, for a file "shop.zlc" that need not be a database's.
+class OpenedLockFile {
+ public:
+  explicit OpenedLockFile(const FreshFolder& folder) {
+    if (!folder.has("shop.zlc")) folder.write("shop.zlc", "");
+    EXPECT_EQ(platform::openLockFile(folder.file("shop.zlk").c_str(),
+                                     folder.file("shop.zlc").c_str(), &file_),
+              0u);
+  }
+  ~OpenedLockFile() { platform::closeLockFile(file_); }
+  OpenedLockFile(const OpenedLockFile&) = delete;
+  OpenedLockFile& operator=(const OpenedLockFile&) = delete;
+  operator platform::LockFile() const { return file_; }
+
+ private:
+  platform::LockFile file_ = platform::LockFile::none;
 };
 
 /// Lets a number of changing calls (writes, truncations, flushes) pass and fails all later ones,

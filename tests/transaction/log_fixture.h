@@ -96,7 +96,8 @@ class LogTest : public ::testing::Test {
     metaData.baseName = u"shop";
     metaData.slotPosition = 76;
     const std::u16string name = folder.file("shop.log-mutex");
-    EXPECT_EQ(platform::createMutex(name.c_str(), &metaData.logMutex), 0u);
+    const OpenedLockFile locks(folder);
+    EXPECT_EQ(platform::createMutex(locks, name.c_str(), &metaData.logMutex), 0u);
     EXPECT_EQ(platform::openFile(folder.file("shop.zlc").c_str(), platform::Disposition::openAlways,
                                  &metaData.controlFile),
               0u);

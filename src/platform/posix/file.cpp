@@ -49,6 +49,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "platform/posix/lock_area.h"
 #include "platform/posix/posix_internal.h"
 #include "platform/text.h"
 
@@ -81,6 +82,10 @@ struct FileRecord {
   bool holes = false;          ///< the file has or may have some
   bool resized = false;        ///< by this handle, in a stable time
   std::uint64_t version = 0;   ///< of `size` and `holes`; 0: they are not known
+  LockArea* area = nullptr;    ///< where its locks lie, if not on itself
+  RecordUse* use = nullptr;    ///< its record there, from the first look at a lock on
+  int lockFd = -1;             ///< lent by the area, from the first lock on
+  bool underAllNames = false;  ///< its words are locked on itself too
   FileRecord* next = nullptr;  ///< all open files, for the fork handler
   FileRecord* previous = nullptr;
 };
@@ -244,13 +249,89 @@ std::uint64_t placeOf(LockWord word) {
   return word.ordinal == 0 ? word.position : kOrdinalBase + (word.ordinal & (kOrdinalBase - 1));
 }
 
-struct flock rangeOf(LockWord word, short type) {
+/// Makes the record's locks ready to be looked at.
+SystemCode findLocks(FileRecord* record) {
+  if (record->area == nullptr || record->use != nullptr) return 0;
+  return useRecord(record->area, record->path.substr(record->path.rfind('/') + 1), &record->use);
+}
+
+/// The open file that the record's locks belong to.
+SystemCode lockingFile(FileRecord* record, int* fd) {
+  *fd = record->fd;
+  if (record->area == nullptr) return 0;
+  if (record->lockFd < 0) {
+    if (const SystemCode failure = lendLockFile(record->area, &record->lockFd); failure != 0) {
+      return failure;
+    }
+  }
+  *fd = record->lockFd;
+  return 0;
+}
+
+/// Where a word's lock lies, once findLocks() has succeeded.
+std::uint64_t startOf(const FileRecord* record, LockWord word) {
+  constexpr std::uint64_t kHalf = kRegion / 2;  // for words, and for numbered ones
+  const std::uint64_t place = placeOf(word);
+  if (record->use == nullptr) return place;
+  return regionOf(*record->use) + (place & (kHalf - 1)) + (word.ordinal == 0 ? 0 : kHalf);
+}
+
+struct flock rangeOf(std::uint64_t start, LockWord word, short type) {
   struct flock range {};
   range.l_type = type;
   range.l_whence = SEEK_SET;
-  range.l_start = static_cast<off_t>(placeOf(word));
+  range.l_start = static_cast<off_t>(start);
   range.l_len = word.ordinal == 0 ? 4 : 1;
   return range;
+}
+
+/// An open file to ask for others' locks through.
+int askingFd(const FileRecord* record) {
+  if (record->area == nullptr) return record->fd;
+  return record->lockFd >= 0 ? record->lockFd : askingFile(record->area);
+}
+
+SystemCode lockRange(int fd, struct flock range) {
+  while (fcntl(fd, F_OFD_SETLK, &range) != 0) {
+    if (errno == EINTR) continue;
+    return errno == EACCES ? code::kLockViolation : lastCode();
+  }
+  return 0;
+}
+
+/// Whether another handle has locked a word of the file itself, under whatever name it was opened.
+/// A lock that a mere reader can place does not count.
+SystemCode askUnderAllNames(FileRecord* record, LockWord word) {
+  struct flock range = rangeOf(placeOf(word), word, F_RDLCK);
+  if (fcntl(record->fd, F_OFD_GETLK, &range) != 0) return lastCode();
+  return range.l_type == F_UNLCK ? 0 : code::kLockViolation;
+}
+
+SystemCode lockUnderAllNames(FileRecord* record, LockWord word, short type) {
+  const SystemCode failure = lockRange(record->fd, rangeOf(placeOf(word), word, type));
+  return failure == code::kLockViolation ? askUnderAllNames(record, word) : failure;
+}
+
+/// Locks or unlocks a word without waiting.
+SystemCode setLock(FileRecord* record, LockWord word, short type) {
+  int fd = -1;
+  SystemCode failure = findLocks(record);
+  if (failure == 0) failure = lockingFile(record, &fd);
+  if (failure == 0) failure = lockRange(fd, rangeOf(startOf(record, word), word, type));
+  if (failure != 0 || !record->underAllNames) return failure;
+  failure = lockUnderAllNames(record, word, type);
+  if (failure != 0) {
+    static_cast<void>(lockRange(fd, rangeOf(startOf(record, word), word, F_UNLCK)));
+  }
+  return failure;
+}
+
+/// Gives up what the record has of its lock area, locks included.
+void leaveLocks(FileRecord* record) {
+  if (record->area == nullptr) return;
+  if (record->lockFd >= 0) giveLockFileBack(record->area, record->lockFd);
+  if (record->use != nullptr) leaveRecord(record->use);
+  releaseArea(record->area);
 }
 
 bool mapWindow(FileRecord* record, std::uint64_t window) {
@@ -262,12 +343,16 @@ bool mapWindow(FileRecord* record, std::uint64_t window) {
   return true;
 }
 
-bool lockLength(FileRecord* record, short type) {
+/// What cannot be had for want of memory is not had.
+bool lockLength(FileRecord* record, short type) noexcept {
 #ifdef ZELTA_FAULTS
   countCall();
 #endif
-  struct flock range = rangeOf(kLengthByte, type);
-  return fcntl(record->fd, F_OFD_SETLK, &range) == 0;
+  try {
+    return setLock(record, kLengthByte, type) == 0;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 /// A reader has read by system calls for a while: maps the file, or learns how long it is now.
@@ -379,16 +464,31 @@ SystemCode closeFile(File file) {
   if (record->window != nullptr) munmap(record->window, record->windowSize);
   if (record->fd >= 0) {
     // A child that was forked before its handler ran may share the open file: unlock by name.
-    if (!record->held.empty() || record->keepsLength) {
+    if ((record->area == nullptr || record->underAllNames) &&
+        (!record->held.empty() || record->keepsLength)) {
       struct flock all {};
       all.l_type = F_UNLCK;
       all.l_whence = SEEK_SET;
       fcntl(record->fd, F_OFD_SETLK, &all);
     }
     if (close(record->fd) != 0) result = lastCode();
+    leaveLocks(record);
   }
   delete record;
   return result;
+}
+
+void bindLocks(File file, LockFile lockFile) {
+  FileRecord* record = usable(file);
+  if (record == nullptr || record->area != nullptr || lockFile == LockFile::none) return;
+  record->area = areaOf(lockFile);
+  holdArea(record->area);
+}
+
+void lockUnderAllNames(File file) {
+  if (FileRecord* record = usable(file); record != nullptr) {
+    record->underAllNames = record->area != nullptr;
+  }
 }
 
 SystemCode readFile(File file, std::uint64_t position, void* buffer, std::uint32_t length,
@@ -623,16 +723,15 @@ SystemCode lockWord(File file, LockWord word) {
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(lock, record->path, word.position, 4);
+  int fd = -1;
+  SystemCode failure = findLocks(record);  // what memory may be wanting for
+  if (failure == 0) failure = lockingFile(record, &fd);
+  if (failure != 0) return failure;
   const auto [place, added] = record->held.insert(placeOf(word));
   if (!added) return code::kLockViolation;
-  struct flock range = rangeOf(word, F_WRLCK);
-  while (fcntl(record->fd, F_OFD_SETLK, &range) != 0) {
-    if (errno == EINTR) continue;
-    const SystemCode failure = errno == EACCES ? code::kLockViolation : lastCode();
-    record->held.erase(place);
-    return failure;
-  }
-  return 0;
+  failure = setLock(record, word, F_WRLCK);
+  if (failure != 0) record->held.erase(place);
+  return failure;
 }
 
 SystemCode unlockWord(File file, LockWord word) {
@@ -640,8 +739,7 @@ SystemCode unlockWord(File file, LockWord word) {
   if (record == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(unlock, record->path, word.position, 4);
   if (record->held.erase(placeOf(word)) == 0) return code::kNotLocked;
-  struct flock range = rangeOf(word, F_UNLCK);
-  return fcntl(record->fd, F_OFD_SETLK, &range) == 0 ? 0 : lastCode();
+  return setLock(record, word, F_UNLCK);
 }
 
 SystemCode readLockable(File file, LockWord word, std::uint64_t position, void* buffer,
@@ -650,9 +748,13 @@ SystemCode readLockable(File file, LockWord word, std::uint64_t position, void* 
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
   if (record->held.find(placeOf(word)) == record->held.end()) {
-    struct flock range = rangeOf(word, F_WRLCK);
-    if (fcntl(record->fd, F_OFD_GETLK, &range) != 0) return lastCode();
+    if (const SystemCode failure = findLocks(record); failure != 0) return failure;
+    struct flock range = rangeOf(startOf(record, word), word, F_WRLCK);
+    if (fcntl(askingFd(record), F_OFD_GETLK, &range) != 0) return lastCode();
     if (range.l_type != F_UNLCK) return code::kLockViolation;
+    if (record->underAllNames) {
+      if (const SystemCode failure = askUnderAllNames(record, word); failure != 0) return failure;
+    }
   }
   return readRecord(record, position, buffer, length, transferred);
 }
