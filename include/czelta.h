@@ -272,7 +272,8 @@ class ZELTA_API CZELTA {
   unsigned long long GetDatabaseParameter(Parameter parameter, long long* value);
 
   /// Changes a setting. Needs an exclusive transaction. Setting ParameterKeepLogFiles deletes the
-  /// log files of the other form.
+  /// log files of the other form; setting it to 1 begins with an empty file 0, even if log files
+  /// are kept already, and those are out of use then.
   unsigned long long SetDatabaseParameter(Parameter parameter, long long value);
 
   // -- Transactions ---------------------------------------------------------------------------

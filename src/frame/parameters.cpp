@@ -4,6 +4,7 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
+#include "frame/upcalls.h"
 #include "storage/file_io.h"
 
 namespace zelta {
@@ -74,35 +75,6 @@ Result writeField(MetaData& metaData, std::uint64_t offset, const void* data, st
       metaData.baseName.c_str(), extension::kControl);
 }
 
-std::u16string numberedLog(const MetaData& metaData, std::uint16_t number) {
-  std::u16string text = u".0000";
-  for (std::size_t i = 4; i > 0; --i, number = static_cast<std::uint16_t>(number >> 4)) {
-    text[i] = u"0123456789abcdef"[number & 15];
-  }
-  return databasePath(metaData, metaData.baseName + text, extension::kLog);
-}
-
-/// Deletes the log files of the form that is given up; failures are of no account.
-void deleteLogFiles(MetaData& metaData, const ControlHeader_tag& header, bool numbered) {
-  if (!numbered) {
-    static_cast<void>(
-        platform::deleteFile(databasePath(metaData, metaData.baseName, extension::kLog).c_str()));
-    return;
-  }
-  const auto end = static_cast<std::uint16_t>((header.lastLogFile + 1) & 0xFFF);
-  for (std::uint16_t number = header.firstLogFile; number != end; ++number) {
-    static_cast<void>(platform::deleteFile(numberedLog(metaData, number).c_str()));
-  }
-}
-
-Result keepLogFiles(MetaData& metaData, const ControlHeader_tag& header, bool keep) {
-  const std::uint32_t flags = (header.logFlags & ~1u) | (keep ? 1u : 0u);
-  ZELTA_TRY(writeField(metaData, offsetof(ControlHeader_tag, logFlags), &flags, sizeof flags));
-  deleteLogFiles(metaData, header, !keep);
-  const std::uint16_t numbers[2] = {0, 0};
-  return writeField(metaData, offsetof(ControlHeader_tag, firstLogFile), numbers, sizeof numbers);
-}
-
 }  // namespace
 
 Result getDatabaseMembers(MetaData& metaData, CZELTA::DatabaseMember* members, unsigned int* size) {
@@ -122,7 +94,7 @@ Result setDatabaseParameter(MetaData& metaData, CZELTA::Parameter parameter, lon
   switch (parameter) {
     case CZELTA::ParameterKeepLogFiles:
       ZELTA_TRY(requireCarriedOut(metaData));  // log files go
-      return keepLogFiles(metaData, header, (value & 1) != 0);
+      return setLogForm(metaData, header, (value & 1) != 0);
     case CZELTA::ParameterLogFileSize:
       return writeField(metaData, offsetof(ControlHeader_tag, logFileMegabytes), &number, 2);
     case CZELTA::ParameterLogRetention:

@@ -25,6 +25,11 @@ Result recoverTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint3
 Result logSchemaChange(MetaData& metaData, ControlHeader_tag& header, DirectoryChange operation,
                        std::uint32_t table, const std::string& body);
 
+/// Lets the database keep numbered log files, from file 0 on, which is begun anew even if they are
+/// kept already; or gives them up for the single form. For an exclusive transaction whose commits
+/// are carried out. Defined in transaction/log_form.cpp.
+Result setLogForm(MetaData& metaData, ControlHeader_tag& header, bool keep);
+
 /// Ends the transaction of a handle: aborts, destroys all tables, gives the slot back. Defined in
 /// transaction/frame.cpp.
 Result endTransaction(MetaData& metaData, UInt32AVLTree*& tables);

@@ -157,8 +157,11 @@ Result findLogEntry(MetaData& metaData, const ControlHeader_tag* header, std::ui
 Result deleteOldLogFiles(MetaData& metaData, const ControlHeader_tag& header, std::uint16_t& first,
                          std::uint16_t last);
 
-/// Begins a numbered log file, whatever stood there, and enters both numbers in the control file.
-/// It is `logFile` then.
+/// Makes a numbered log file without an entry, whatever stood there. It is `logFile` then. After a
+/// failure the file is gone, if it could be opened.
+Result emptyLogFile(MetaData& metaData, std::uint16_t number, LogHeader_tag& logHeader);
+
+/// Begins a numbered log file in this way and enters both numbers in the control file.
 Result beginLogFile(MetaData& metaData, ControlHeader_tag& header, std::uint16_t first,
                     std::uint16_t last, LogHeader_tag& logHeader);
 

@@ -159,33 +159,39 @@ Result deleteOldLogFiles(MetaData& metaData, const ControlHeader_tag& header, st
   return {};
 }
 
-Result beginLogFile(MetaData& metaData, ControlHeader_tag& header, std::uint16_t first,
-                    std::uint16_t last, LogHeader_tag& logHeader) {
+Result emptyLogFile(MetaData& metaData, std::uint16_t number, LogHeader_tag& logHeader) {
   closeLog(metaData);
-  const std::u16string name = numberedLogName(metaData, last);
+  const std::u16string name = numberedLogName(metaData, number);
   platform::File opened = platform::File::none;
   SystemCode result =
       openDatabaseFile(metaData, name.c_str(), platform::Disposition::openAlways, &opened);
   if (result != 0) return reportLogError(metaData, result);
   FileGuard file(opened);
-  const LogHeader_tag fresh = newHeader(true, last, 0);
+  const LogHeader_tag fresh = newHeader(true, number, 0);
   result = writeNew(file.get(), fresh, false);
-  const char16_t* failing = extension::kLog;
-  if (result == 0) {
-    const std::uint16_t numbers[2] = {first, last};
-    failing = extension::kControl;
-    result = writeBuffer(metaData.controlFile, offsetof(ControlHeader_tag, firstLogFile), numbers,
-                         sizeof(numbers));
-  }
   if (result != 0) {
     platform::closeFile(file.release());
     static_cast<void>(platform::deleteFile(name.c_str()));
-    return reportSystemError(&metaData, result, metaData.baseName.c_str(), failing);
+    return reportLogError(metaData, result);
+  }
+  logHeader = fresh;
+  metaData.logFile = file.release();
+  return {};
+}
+
+Result beginLogFile(MetaData& metaData, ControlHeader_tag& header, std::uint16_t first,
+                    std::uint16_t last, LogHeader_tag& logHeader) {
+  ZELTA_TRY(emptyLogFile(metaData, last, logHeader));
+  const std::uint16_t numbers[2] = {first, last};
+  const SystemCode result = writeBuffer(
+      metaData.controlFile, offsetof(ControlHeader_tag, firstLogFile), numbers, sizeof(numbers));
+  if (result != 0) {
+    closeLog(metaData);
+    static_cast<void>(platform::deleteFile(numberedLogName(metaData, last).c_str()));
+    return reportSystemError(&metaData, result, metaData.baseName.c_str(), extension::kControl);
   }
   header.firstLogFile = first;
   header.lastLogFile = last;
-  logHeader = fresh;
-  metaData.logFile = file.release();
   return {};
 }
 
