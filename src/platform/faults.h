@@ -27,7 +27,8 @@ enum class Call {
   unlock,
   mutexCreate,
   mutexWait,
-  mutexRelease
+  mutexRelease,
+  list
 };
 
 /// What is about to happen. `name` is the file's path in UTF-8, or the mutex's name.

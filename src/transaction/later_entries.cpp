@@ -140,8 +140,9 @@ Result dropKnownLater(MetaData& metaData, platform::File file, const LogEntryHea
   ZELTA_TRY(later.walk(file, header, position + head.blockLength));
   ControlHeader_tag control{};
   ZELTA_TRY(readLogNumbers(metaData, control));
-  for (std::uint16_t number = header.fileNumber; number != control.lastLogFile;) {
-    ++number;
+  for (const std::uint16_t number :
+       numbersInUse(metaData, header.fileNumber, control.lastLogFile)) {
+    if (number == header.fileNumber) continue;
     const std::u16string name = numberedLogName(metaData, number);
     platform::File next = platform::File::none;
     const SystemCode failure =

@@ -226,22 +226,22 @@ Result openSingle(MetaData& metaData) {
 Result findInNumbered(MetaData& metaData, std::uint16_t first, std::uint16_t last,
                       std::uint32_t number, LogHeader_tag& header, platform::File* out,
                       std::uint64_t* position) {
-  for (std::uint16_t i = last;; --i) {
-    const std::u16string name = numberedLogName(metaData, i);
+  const std::vector<std::uint16_t> files = numbersInUse(metaData, first, last);
+  for (auto i = files.rbegin(); i != files.rend(); ++i) {
+    const std::u16string name = numberedLogName(metaData, *i);
     platform::File opened = platform::File::none;
     const SystemCode result =
         openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &opened);
-    if (result != 0 && !isMissing(result)) return reportLogError(metaData, result);
-    if (result == 0) {
-      FileGuard file(opened);
-      ZELTA_TRY(findInFile(metaData, file.get(), number, header, position));
-      if (*position != 0) {
-        *out = file.release();
-        return {};
-      }
+    if (isMissing(result)) continue;
+    if (result != 0) return reportLogError(metaData, result);
+    FileGuard file(opened);
+    ZELTA_TRY(findInFile(metaData, file.get(), number, header, position));
+    if (*position != 0) {
+      *out = file.release();
+      return {};
     }
-    if (i == first) return {};
   }
+  return {};
 }
 
 }  // namespace

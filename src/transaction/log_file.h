@@ -19,6 +19,7 @@
 #include <cstring>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "frame/control_file.h"
 #include "frame/metadata.h"
@@ -150,6 +151,11 @@ Result findLogEntry(MetaData& metaData, const ControlHeader_tag* header, std::ui
 /// Path of the log file: the single one, or the one of a number.
 [[nodiscard]] std::u16string singleLogName(const MetaData& metaData);
 [[nodiscard]] std::u16string numberedLogName(const MetaData& metaData, std::uint16_t number);
+
+/// Numbers from `first` to `last` (they may go round), in this order, of which there may be a file.
+/// What a control file says must not cost a try for each of 65,536 names.
+[[nodiscard]] std::vector<std::uint16_t> numbersInUse(const MetaData& metaData, std::uint16_t first,
+                                                      std::uint16_t last);
 
 /// Deletes numbered files from `first` on that are older than the retention time, up to `last`,
 /// and the one whose number comes next after `last` if the numbers have gone round. `first` moves

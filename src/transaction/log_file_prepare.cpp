@@ -124,17 +124,6 @@ constexpr std::uint16_t next(std::uint16_t number) {
 
 }  // namespace
 
-std::u16string singleLogName(const MetaData& metaData) {
-  return databasePath(metaData, metaData.baseName, extension::kLog);
-}
-
-std::u16string numberedLogName(const MetaData& metaData, std::uint16_t number) {
-  std::u16string name = metaData.baseName;
-  name += u'.';
-  for (int shift = 12; shift >= 0; shift -= 4) name += u"0123456789abcdef"[(number >> shift) & 15];
-  return databasePath(metaData, name, extension::kLog);
-}
-
 Result deleteOldLogFiles(MetaData& metaData, const ControlHeader_tag& header, std::uint16_t& first,
                          std::uint16_t last) {
   const std::uint64_t now = platform::systemTime();
@@ -142,14 +131,16 @@ Result deleteOldLogFiles(MetaData& metaData, const ControlHeader_tag& header, st
   const std::uint16_t hours =
       header.logRetentionHours != 0 ? header.logRetentionHours : kDefaultRetention;
   const std::uint64_t limit = now - hours * kHour;
-  while (first != last) {
-    const std::u16string name = numberedLogName(metaData, first);
+  for (const std::uint16_t number : numbersInUse(metaData, first, last)) {
+    first = number;
+    if (number == last) break;
+    const std::u16string name = numberedLogName(metaData, number);
     bool old = false;
     bool gone = false;
     ZELTA_TRY(isOld(metaData, name, limit, &old, &gone));
     if (!old && !gone) break;  // newer files follow
     if (old) static_cast<void>(platform::deleteFile(name.c_str()));
-    first = next(first);
+    first = next(number);
   }
   if (first == next(last)) {
     // All numbers are in use: the oldest gives way.

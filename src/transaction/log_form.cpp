@@ -66,9 +66,13 @@ Result giveFilesUp(MetaData& metaData, ControlHeader_tag& header) {
   header.logFlags &= ~kKeepsFiles;
   ZELTA_TRY(writePart(metaData, header, kFlags, kFlagsEnd));
   ZELTA_TRY(reportControl(metaData, platform::flushFile(metaData.controlFile)));
+  // The end is reckoned in twelve bits.
   const auto end = static_cast<std::uint16_t>((header.lastLogFile + 1) & 0xFFF);
-  for (std::uint16_t number = header.firstLogFile; number != end; ++number) {
-    static_cast<void>(platform::deleteFile(numberedLogName(metaData, number).c_str()));
+  if (header.firstLogFile != end) {
+    const auto last = static_cast<std::uint16_t>(end - 1);
+    for (const std::uint16_t number : numbersInUse(metaData, header.firstLogFile, last)) {
+      static_cast<void>(platform::deleteFile(numberedLogName(metaData, number).c_str()));
+    }
   }
   header.firstLogFile = 0;
   header.lastLogFile = 0;

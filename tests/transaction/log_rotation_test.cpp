@@ -1,7 +1,10 @@
 // Numbered log files: names, sizes, rotation, retention, look-up.
 
 #include <chrono>
+#include <set>
 
+#include "frame/upcalls.h"
+#include "transaction/later_entries.h"
 #include "transaction/log_fixture.h"
 
 namespace zelta {
@@ -231,6 +234,100 @@ TEST_F(NumberedLog, TheLookUpWalksFromTheLastFileToTheFirst) {
   EXPECT_EQ(position, 0u);
   EXPECT_EQ(file, platform::File::none);
 }
+
+/// Counts the tries to open or delete a log file, and lets folders be unreadable.
+class Tries : public platform::faults::Hook {
+ public:
+  explicit Tries(bool unreadable) : unreadable_(unreadable) { platform::faults::install(this); }
+  ~Tries() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    using platform::faults::Call;
+    if (event.call == Call::open || event.call == Call::remove) ++count;
+    platform::faults::Verdict verdict;
+    if (unreadable_ && event.call == Call::list) verdict.code = code::kAccessDenied;
+    return verdict;
+  }
+  int count = 0;
+
+ private:
+  bool unreadable_;
+};
+
+/// Numbers that go round nearly once, as damage may have it: only what is there costs anything.
+class NearlyAllNumbers : public NumberedLog, public ::testing::WithParamInterface<bool> {
+ protected:
+  static constexpr int kFew = 8;
+  void SetUp() override {
+    header.firstLogFile = header.lastLogFile = 0xFFFE;
+    ASSERT_TRUE(prepare().ok());
+    append(7, 40);
+    header.lastLogFile = 100;
+    ASSERT_TRUE(prepare().ok());
+    append(8, 40);
+    header.firstLogFile = 200;
+    make(150, 999);  // between the last and the first
+    folder.write("other.0101.zll", "of another database");
+    folder.write("shop.0x01.zll", "no number");
+    writeControl();
+  }
+  void expectFew(const Tries& tries) const {
+    if (GetParam()) {
+      EXPECT_GT(tries.count, 65000) << "nothing else tells what is there";
+    } else {
+      EXPECT_LE(tries.count, kFew);
+    }
+  }
+};
+
+TEST_P(NearlyAllNumbers, TheLookUpOpensWhatIsThere) {
+  const Tries tries(GetParam());
+  EXPECT_EQ(find(7), 432u);
+  EXPECT_EQ(logHeader.fileNumber, 0xFFFEu);
+  EXPECT_EQ(find(8), 432u);
+  EXPECT_LE(tries.count, GetParam() ? 200 : kFew);
+  EXPECT_EQ(find(9), 0u);
+  expectFew(tries);
+}
+
+TEST_P(NearlyAllNumbers, TheRetentionOpensWhatIsThere) {
+  make(0xFFFD, 999);
+  header.logFileMegabytes = 4096;
+  const Tries tries(GetParam());
+  ASSERT_TRUE(prepare().ok());
+  expectFew(tries);
+  EXPECT_FALSE(folder.has(name(0xFFFD)));
+  EXPECT_EQ(header.firstLogFile, 0xFFFEu) << "that one is young";
+  EXPECT_EQ(header.lastLogFile, 101u);
+  EXPECT_TRUE(folder.has(name(150)));
+}
+
+TEST_P(NearlyAllNumbers, GivingThemUpDeletesWhatIsThere) {
+  const Tries tries(GetParam());
+  ASSERT_TRUE(setLogForm(metaData, header, false).ok());
+  expectFew(tries);
+  EXPECT_FALSE(folder.has(name(0xFFFE)));
+  EXPECT_FALSE(folder.has(name(100)));
+  EXPECT_TRUE(folder.has(name(150)));
+}
+
+TEST_P(NearlyAllNumbers, LaterEntriesAreSoughtInWhatIsThere) {
+  header.lastLogFile = 0xFFFD;
+  writeControl();
+  platform::File file = platform::File::none;
+  ASSERT_EQ(platform::openFile(folder.file(name(0xFFFE)).c_str(),
+                               platform::Disposition::openExisting, &file),
+            0u);
+  const FileGuard guard(file);
+  head = LogEntryHead_tag{40, {'Z', 'E', 'L', 'L'}, 7, 0, 0, 0};
+  std::set<std::uint64_t> objects = {1};
+  const Tries tries(GetParam());
+  EXPECT_TRUE(dropKnownLater(metaData, file, head, 432, 1, 4, objects).ok());
+  EXPECT_EQ(objects.size(), 1u);
+  expectFew(tries);
+}
+
+INSTANTIATE_TEST_SUITE_P(Folder, NearlyAllNumbers, ::testing::Bool(),
+                         [](const auto& state) { return state.param ? "Closed" : "Open"; });
 
 TEST_F(NumberedLog, AFirstAppendThatDiesLeavesAFileThatCanBeUsed) {
   fill();
