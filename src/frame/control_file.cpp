@@ -118,7 +118,11 @@ Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header) {
   constexpr int kAttempts = 10;
   for (int attempt = 1;; ++attempt) {
     ZELTA_TRY(readAndComplete(metaData, header));
-    if (isConsistent(header)) return {};
+    std::uint64_t size = 0;
+    if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
+      return reportControl(metaData, failure);
+    }
+    if (isConsistent(header) && header.directoryEnd <= size) return {};
     // A reader holds no lock: it may have come in the middle of a write.
     if (metaData.mayWrite() || attempt == kAttempts) return reportDamaged(metaData);
     platform::sleepMilliseconds(1);

@@ -166,15 +166,37 @@ bool parseImage(const ControlHeader_tag& header, bool removal, PendingImage& ima
                                static_cast<std::uint32_t>(units));
 }
 
+/// Whether the end that the file is to have is that of a directory of `length` bytes: a false
+/// number must neither be written nor make the file grow.
+bool endsBehind(std::uint32_t end, std::uint64_t length) {
+  return end == kControlHeaderSize + length;
+}
+
+/// Whether the numbers of a complete change fit the image and the directory that stands.
+bool numbersFit(const ControlHeader_tag& header, const PendingImage& image, bool removal) {
+  if (!removal) return endsBehind(header.newDirectoryEnd, image.directoryLength);
+  TableDirectory after = image.directory;
+  after.remove(header.changeTable);
+  return endsBehind(header.newDirectoryEnd, after.bytes().size()) &&
+         header.newDirectorySize == after.entryUnits();
+}
+
 /// Carries out a complete change; `*target` is the file's length after it.
 Result carryOut(MetaData& metaData, ControlHeader_tag& header, PendingImage& image, bool log,
                 std::uint32_t* target) {
   const auto operation = static_cast<DirectoryChange>(header.changeOperation);
   const bool removal =
       operation == DirectoryChange::remove || operation == DirectoryChange::removeFiles;
+  const auto damaged = [&] {
+    return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
+  };
   *target = header.newDirectoryEnd;
   if (operation == DirectoryChange::upgrade) {
     *target = header.imageStart;
+    constexpr std::uint64_t kIndexRecordSize = 8;
+    const std::uint64_t length =
+        std::uint64_t{header.directorySize} * 2 + header.tableCount * kIndexRecordSize;
+    if (image.length != length || !endsBehind(header.imageStart, length)) return damaged();
     ZELTA_TRY(writeControl(metaData, kControlHeaderSize, image.bytes, image.length));
     header.directoryEnd = header.imageStart;
     return {};
@@ -183,9 +205,9 @@ Result carryOut(MetaData& metaData, ControlHeader_tag& header, PendingImage& ima
     // Changes of a table's schema are not made by this release.
     return reportError(&metaData, Own::context);
   }
-  if (!parseImage(header, removal, image)) {
-    return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
-  }
+  if (!parseImage(header, removal, image)) return damaged();
+  const bool named = image.directory.find(header.changeTable) != nullptr;
+  if (named && !numbersFit(header, image, removal)) return damaged();
   if (operation == DirectoryChange::createFiles) {
     *target = header.oldEnd;
     return rollBackFiles(metaData, header, image);
@@ -196,8 +218,10 @@ Result carryOut(MetaData& metaData, ControlHeader_tag& header, PendingImage& ima
 
 Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::uint32_t target) {
   if (target == 0) return {};
-  // The file must never be cut inside its directory, whatever a damaged intent says.
-  if (target != header.directoryEnd) {
+  // The file must never be cut inside its directory, nor grow, whatever a damaged intent says.
+  std::uint64_t size = 0;
+  ZELTA_TRY(reportControl(metaData, platform::fileSize(metaData.controlFile, &size)));
+  if (target != header.directoryEnd || target > size) {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   }
   ZELTA_TRY(flushControl(metaData));

@@ -96,6 +96,55 @@ TEST_F(LeftIntent, AnIntentThatWouldCutTheDirectoryIsDamage) {
   EXPECT_EQ(open(), ownCode(54));
 }
 
+/// Where the file would end by a number that its checksum knows.
+TEST_F(LeftIntent, AnIntentThatWouldLetTheFileGrowIsDamage) {
+  const std::string before = control();
+  const auto end = static_cast<std::uint32_t>(before.size());
+  const auto length = end - 76;
+  const std::string image = before.substr(76);
+  constexpr std::uint32_t kFar = 0x7F000000;
+  const auto refused = [&](const char* what) {
+    SCOPED_TRACE(what);
+    const std::string pending = control();
+    EXPECT_EQ(open(), ownCode(54));
+    EXPECT_EQ(messageOf(handle), "Control file has become corrupted.");
+    ASSERT_EQ(std::filesystem::file_size(folder.path() / "shop.zlc"), pending.size());
+    EXPECT_EQ(control().substr(0, 32), pending.substr(0, 32));
+    EXPECT_EQ(control().substr(40), pending.substr(40));
+    EXPECT_TRUE(folder.has("goods.zlt"));
+  };
+  const auto leaveAnew = [&](const Intent& intent, const std::string& bytes) {
+    folder.write("shop.zlc", before);
+    leave(intent, bytes);
+  };
+  const std::uint32_t removed = length - 30;
+  leaveAnew({end, end + length, end - 30, 36, 1, 1, (removed - 8) / 2, kFar}, image);
+  refused("a removal");
+  if (HasFatalFailure()) return;
+  leaveAnew({end, end + length, end - 30, 36, 1, 1, (removed - 8) / 2 + 4, end - 30}, image);
+  refused("a removal to another size");
+  if (HasFatalFailure()) return;
+  for (const std::uint32_t operation : {33u, 34u, 37u}) {
+    leaveAnew({end, end + length, end, operation, 1, 2, (length - 16) / 2, kFar}, image);
+    refused("a table that is made or added");
+    if (HasFatalFailure()) return;
+  }
+  for (const std::uint32_t units : {(length - 16) / 2, (kFar - 76 - 16) / 2}) {
+    leaveAnew({end, end + length, end - 4, 43, 0, 2, units, kFar}, image);
+    refused("an upgrade");
+    if (HasFatalFailure()) return;
+  }
+  folder.write("shop.zlc", before);
+  // Without an image: to an end that the header has, too, but not the file.
+  patch(12, words({(kFar - 76 - 16) / 2, kFar}));
+  patch(36, words({3, 0, 0, kFar}));
+  refused("nothing but an end");
+  if (HasFatalFailure()) return;
+  folder.write("shop.zlc", before);
+  patch(12, words({(kFar - 76 - 16) / 2, kFar}));
+  refused("no intent at all");
+}
+
 TEST_F(LeftIntent, EveryFlippedByteOfAnIntentIsSurvived) {
   const std::string before = control();
   const auto end = static_cast<std::uint32_t>(before.size());
