@@ -1,5 +1,6 @@
 // Proving that an object is well formed before it is stored.
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -56,36 +57,46 @@ bool isWholePoints(std::uint32_t type, const char* at, std::uint64_t left) {
   return length == 0 || (length >= 4 && (length - 4) % point == 0);
 }
 
+/// Bytes that a value with a length word takes, though the object may have less.
+std::uint64_t claimed(const Field& field, const char* at, std::uint64_t left) {
+  return field.fieldType == CZELTA::TypeShortBinary ? claimedSize<std::uint16_t>(at, left)
+                                                    : claimedSize<std::uint32_t>(at, left);
+}
+
 Result Validation::checkField(std::uint32_t f) {
   const Field& field = table_.schema->fields[f];
   const char* at = object_ + position_;
   const std::uint64_t left = length_ - position_;
-  const std::uint64_t size = valueSize(field.fieldType, at, left);
   if (findDataType(field.fieldType) == nullptr || !isVariableType(field.fieldType)) {
     std::u16string name(field.fieldName);
     if (f > table_.firstVariableField)
       name += std::u16string(u".") + table_.schema->fields[f - 1].fieldName;
     return reportError(&metaData_, Own::fieldType, table_.cName(), name.c_str(), field.fieldType);
   }
-  const bool text = field.fieldType == CZELTA::TypeText || field.fieldType == CZELTA::TypeWideText;
   if (isPoints(field.fieldType) && !isWholePoints(field.fieldType, at, left)) {
     return fail(Own::fieldOffset, field.fieldName, 0);
   }
-  if (size == kPastEnd) {
-    return fail(Own::variableField, field.fieldName,
-                text ? 0 : static_cast<std::int64_t>(static_cast<std::uint32_t>(left)));
-  }
+  const bool text = field.fieldType == CZELTA::TypeText || field.fieldType == CZELTA::TypeWideText;
+  const std::uint64_t size = text ? valueSize(field.fieldType, at, left) : claimed(field, at, left);
+  if (size == kPastEnd) return fail(Own::variableField, field.fieldName, 0);
   if (field.fieldType == CZELTA::TypeSubRecords && size > 4) ZELTA_TRY(checkRows(field, size));
+  // A length that leads out of the object leaves no room for the fields behind it: the first of
+  // them is named by run(). Behind the last one there is none.
+  if (size > left && f + 1 == table_.schema->fieldCount) {
+    return fail(Own::variableField, field.fieldName,
+                static_cast<std::int64_t>(left) - static_cast<std::int64_t>(size));
+  }
   position_ += size;
   return {};
 }
 
+/// The rows must fill the field; where that leads out of the object, a row is not whole.
 Result Validation::checkRows(const Field& field, std::uint64_t size) {
   const std::uint64_t end = position_ + size;
   std::uint64_t row = position_ + 4;
   while (row < end) {
     const std::uint64_t before = row;
-    ZELTA_TRY(checkRow(field, end, &row));
+    ZELTA_TRY(checkRow(field, std::min(end, length_), &row));
     if (row == before) {
       return reportError(&metaData_, Own::tableFile, table_.cName(), extension::kTable);
     }

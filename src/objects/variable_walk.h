@@ -26,13 +26,18 @@ inline constexpr std::uint64_t kPastEnd = ~std::uint64_t{0};
   }
   return kPastEnd;
 }
-/// Bytes of a value whose length word counts itself; below that it counts as empty.
+/// Bytes that a value claims whose length word counts itself; below that it counts as empty. A word
+/// that is not whole claims itself.
 template <typename Length>
-[[nodiscard]] std::uint64_t prefixedSize(const char* at, std::uint64_t left) {
-  if (left < sizeof(Length)) return kPastEnd;
+[[nodiscard]] std::uint64_t claimedSize(const char* at, std::uint64_t left) {
+  if (left < sizeof(Length)) return sizeof(Length);
   Length length;
   std::memcpy(&length, at, sizeof length);
-  const std::uint64_t size = length < sizeof length ? sizeof length : length;
+  return length < sizeof length ? sizeof length : length;
+}
+template <typename Length>
+[[nodiscard]] std::uint64_t prefixedSize(const char* at, std::uint64_t left) {
+  const std::uint64_t size = claimedSize<Length>(at, left);
   return size > left ? kPastEnd : size;
 }
 

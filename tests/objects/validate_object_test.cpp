@@ -58,6 +58,63 @@ TEST(ValidateObject, NamesTheFirstFieldThatIsMissing) {
             "incorrect");
 }
 
+TEST(ValidateObject, NamesTheFieldThatALengthBeyondTheEndLeavesNoRoomFor) {
+  BufferTable t(Fields{{CZELTA::TypeInt32}, {CZELTA::TypeBinary}, {CZELTA::TypeText}});
+  EXPECT_EQ(check(t, t.header(9).number(1).number(100u).zeros(1)).word(),
+            ownWord(Own::variableField));
+  EXPECT_EQ(t.error(),
+            "Within table \"T\", the format of variable field \"f2\" is invalid.\nObjectID 9 is "
+            "4294967201 bytes too long");
+  BufferTable small(Fields{{CZELTA::TypeShortBinary}, {CZELTA::TypeText}, {CZELTA::TypeText}});
+  EXPECT_EQ(check(small, small.header(9).number(std::uint16_t{100}).zeros(2)).word(),
+            ownWord(Own::variableField));
+  EXPECT_EQ(small.error(),
+            "Within table \"T\", the format of variable field \"f1\" is invalid.\nObjectID 9 is "
+            "4294967200 bytes too long");
+  for (const std::uint32_t type : {CZELTA::TypePoints2, CZELTA::TypePoints3}) {
+    BufferTable points(Fields{{type}, {CZELTA::TypeText}});
+    EXPECT_EQ(check(points, points.header(9).number(100u).zeros(1)).word(),
+              ownWord(Own::variableField));
+    EXPECT_EQ(points.error(),
+              "Within table \"T\", the format of variable field \"f1\" is invalid.\nObjectID 9 is "
+              "4294967201 bytes too long");
+  }
+  // Not even the length is whole: it takes as much as the least value.
+  EXPECT_EQ(check(t, t.header(9).number(1).zeros(3)).word(), ownWord(Own::variableField));
+  EXPECT_EQ(t.error(),
+            "Within table \"T\", the format of variable field \"f2\" is invalid.\nObjectID 9 is "
+            "4294967295 bytes too long");
+}
+
+TEST(ValidateObject, SaysWhatTheLastFieldLacks) {
+  BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeBinary}});
+  EXPECT_EQ(check(t, t.header(9).text("a").number(100u).zeros(1)).word(),
+            ownWord(Own::variableField));
+  EXPECT_EQ(t.error(),
+            "Within table \"T\", the format of variable field \"f1\" is invalid.\nObjectID 9 is "
+            "95 bytes too short");
+}
+
+TEST(ValidateObject, NamesTheSubFieldThatALengthBeyondTheEndLeavesOut) {
+  BufferTable t(Fields{{CZELTA::TypeSubRecords, 0, {{CZELTA::TypeUInt16}, {CZELTA::TypeText}}},
+                       {CZELTA::TypeText}});
+  const std::string row = Packed().number(std::uint16_t{1}).text("ab");
+  // The rows end with the object, the field does not: another row is missing.
+  EXPECT_EQ(check(t, t.header(9).number(100u).raw(row)).word(), ownWord(Own::variableField));
+  EXPECT_EQ(t.error(),
+            "Within table \"T\", the format of variable field \"f0.s0\" is invalid.\nObjectID 9 is "
+            "incorrect");
+  EXPECT_EQ(check(t, t.header(9).number(100u).raw(row + "xyz")).word(),
+            ownWord(Own::variableField));
+  EXPECT_EQ(t.error(),
+            "Within table \"T\", the format of variable field \"f0.s1\" is invalid.\nObjectID 9 is "
+            "1 bytes too long");
+  EXPECT_EQ(check(t, t.header(9).raw("abc")).word(), ownWord(Own::variableField));
+  EXPECT_EQ(t.error(),
+            "Within table \"T\", the format of variable field \"f1\" is invalid.\nObjectID 9 is "
+            "4294967295 bytes too long");
+}
+
 TEST(ValidateObject, RefusesALengthBeyondTheEnd) {
   for (const std::uint32_t type :
        {CZELTA::TypeBinary, CZELTA::TypePoints2, CZELTA::TypePoints3, CZELTA::TypeSubRecords}) {
