@@ -384,7 +384,7 @@ class ZELTA_API CZELTA {
   /// none, 27 or 67 if it stays locked by others.
   unsigned long long ReadObject(unsigned int table, Mode mode, Object* object, unsigned int index,
                                 const void* key, unsigned int* entry);
-  /// Reads the object with the given ID.
+  /// Reads the object with the given ID. One that is wider than the table's IDs is not there.
   unsigned long long ReadObject(unsigned int table, long long objectID, Object* object);
   /// Reads the object with the given ID; only the flags of `mode` count.
   unsigned long long ReadObject(unsigned int table, long long objectID, Mode mode, Object* object);
@@ -393,11 +393,13 @@ class ZELTA_API CZELTA {
   /// buffer is deleted. The deleted object stays in the buffer.
   unsigned long long DeleteObject(unsigned int table, Mode mode, Object* object, unsigned int index,
                                   const void* key, unsigned int* entry);
-  /// Deletes the object with the given ID; 0 means the object in the buffer.
+  /// Deletes the object with the given ID; 0 means the object in the buffer. One that is wider than
+  /// the table's IDs is not there: own code 32.
   unsigned long long DeleteObject(unsigned int table, long long objectID, Object* object);
 
   /// Undoes what this transaction did to an object: an add, a rewrite, a delete or a lock.
-  /// `objectID` 0 means the object in the buffer. With `unlock` true its lock is released.
+  /// `objectID` 0 means the object in the buffer. With `unlock` true its lock is released. Fails
+  /// with own code 31 if nothing was done to the object, 32 if the ID is wider than the table's.
   unsigned long long RestoreObject(unsigned int table, long long objectID, bool unlock);
 
   // -- Searching ------------------------------------------------------------------------------

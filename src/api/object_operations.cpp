@@ -106,47 +106,78 @@ bool hasKey(CZELTA::Mode mode, const void* key) {
 
 }  // namespace
 
-unsigned long long CZELTA::ReadObject(unsigned int table, Mode mode, Object* object,
-                                      unsigned int index, const void* key, unsigned int* entry) {
-  clearError(*metaData_);
-  if (object != nullptr) *object = Object{};
+namespace {
+
+/// What the forms of reading and of deleting have in common.
+struct Request {
+  MetaData& metaData;
+  UInt32AVLTree*& tables;
+  unsigned int table;
+  CZELTA::Mode mode;
+  CZELTA::Object* object;
+  unsigned int index;
+  const void* key;
+  unsigned int* entry;
+  IdWidth width;  ///< of the ID at `key`, if it is one
+};
+
+unsigned long long read(Request request) {
+  MetaData& metaData = request.metaData;
+  clearError(metaData);
+  if (request.object != nullptr) *request.object = CZELTA::Object{};
   Table* open = nullptr;
-  StateCheck check(*metaData_);
+  StateCheck check(metaData);
   check.transaction().ownThread();
-  if (!check.failed() && !metaData_->mayWrite()) mode = mode | ReadNoLock;
-  if (check.parameter(hasKey(mode, key)).failed()) return check.word();
-  if (entry != nullptr) *entry = 0;
-  if (check.table(tables_, table, open).failed()) return check.word();
-  return perform(*metaData_, false, [&] {
-    return readObject(*metaData_, tables_, *open, mode, object, index, key, entry);
+  if (!check.failed() && !metaData.mayWrite()) request.mode = request.mode | CZELTA::ReadNoLock;
+  if (check.parameter(hasKey(request.mode, request.key)).failed()) return check.word();
+  if (request.entry != nullptr) *request.entry = 0;
+  if (check.table(request.tables, request.table, open).failed()) return check.word();
+  return perform(metaData, false, [&] {
+    return readObject(metaData, request.tables, *open, request.mode, request.object, request.index,
+                      request.key, request.entry, request.width);
   });
 }
 
+unsigned long long erase(const Request& request) {
+  MetaData& metaData = request.metaData;
+  clearError(metaData);
+  Table* open = nullptr;
+  StateCheck check(metaData);
+  check.transaction().ownThread().parameter((request.mode & CZELTA::ReadNoLock) == 0);
+  if (check.parameter(hasKey(request.mode, request.key)).mayWrite().failed()) return check.word();
+  if (request.entry != nullptr) *request.entry = 0;
+  if (check.table(request.tables, request.table, open).failed()) return check.word();
+  return perform(metaData, false, [&] {
+    return deleteObject(metaData, request.tables, *open, request.mode, request.object,
+                        request.index, request.key, request.entry, request.width);
+  });
+}
+
+}  // namespace
+
+unsigned long long CZELTA::ReadObject(unsigned int table, Mode mode, Object* object,
+                                      unsigned int index, const void* key, unsigned int* entry) {
+  return read({*metaData_, tables_, table, mode, object, index, key, entry, IdWidth::asTable});
+}
+
 unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Object* object) {
-  return ReadObject(table, ReadEqual, object, 0, &objectID, nullptr);
+  return ReadObject(table, objectID, ReadEqual, object);
 }
 
 unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Mode mode,
                                       Object* object) {
-  return ReadObject(table, mode | ReadEqual, object, 0, &objectID, nullptr);
+  return read({*metaData_, tables_, table, mode | ReadEqual, object, 0, &objectID, nullptr,
+               IdWidth::whole});
 }
 
 unsigned long long CZELTA::DeleteObject(unsigned int table, Mode mode, Object* object,
                                         unsigned int index, const void* key, unsigned int* entry) {
-  clearError(*metaData_);
-  Table* open = nullptr;
-  StateCheck check(*metaData_);
-  check.transaction().ownThread().parameter((mode & ReadNoLock) == 0);
-  if (check.parameter(hasKey(mode, key)).mayWrite().failed()) return check.word();
-  if (entry != nullptr) *entry = 0;
-  if (check.table(tables_, table, open).failed()) return check.word();
-  return perform(*metaData_, false, [&] {
-    return deleteObject(*metaData_, tables_, *open, mode, object, index, key, entry);
-  });
+  return erase({*metaData_, tables_, table, mode, object, index, key, entry, IdWidth::asTable});
 }
 
 unsigned long long CZELTA::DeleteObject(unsigned int table, long long objectID, Object* object) {
-  return DeleteObject(table, ReadEqual, object, 0, &objectID, nullptr);
+  return erase(
+      {*metaData_, tables_, table, ReadEqual, object, 0, &objectID, nullptr, IdWidth::whole});
 }
 
 unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, const void* key,

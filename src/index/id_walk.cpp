@@ -66,7 +66,7 @@ Result IdWalk::start(std::uint64_t* id) const {
     default:
       break;
   }
-  std::memcpy(id, request_.key, table_.idSize());
+  std::memcpy(id, request_.key, sizeof *id);
   if (request_.mode == CZELTA::ReadLess) --*id;
   if (request_.mode == CZELTA::ReadGreater) ++*id;
   return {};

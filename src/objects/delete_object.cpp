@@ -100,10 +100,10 @@ void Deletion::record(std::uint64_t objectID) {
 }
 
 /// Whether a request by ID means the current object.
-bool meansCurrent(const Table& table, std::uint32_t index, const void* key) {
+bool meansCurrent(const Table& table, std::uint32_t index, const void* key, IdWidth width) {
   if (index != 0) return false;
   std::uint64_t id = 0;
-  if (key != nullptr) std::memcpy(&id, key, table.idSize());
+  if (key != nullptr) std::memcpy(&id, key, idBytes(table, width));
   return id == 0;
 }
 
@@ -111,19 +111,20 @@ bool meansCurrent(const Table& table, std::uint32_t index, const void* key) {
 
 Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
                     CZELTA::Object* object, std::uint32_t index, const void* key,
-                    std::uint32_t* entry) {
+                    std::uint32_t* entry, IdWidth width) {
   if (entry != nullptr) *entry = 0;
   ReadRequest request{metaData, table, withoutFlags(mode), false, true, index, key, nullptr};
   const std::uint64_t current = table.currentObjectID;
-  if (meansCurrent(table, index, key)) {
+  if (meansCurrent(table, index, key, width)) {
     if (current == 0) return reportError(&metaData, Own::noObject);
     request.mode = CZELTA::ReadEqual;
     request.key = &current;
+    width = IdWidth::whole;
   }
   ZELTA_TRY(checkRequest(request));
   ZELTA_TRY(checkIndexKinds(metaData, table));
   std::uint64_t id = 0;
-  holdKey(request, id);
+  holdKey(request, width, id);
   PooledKey searchKey;
   ZELTA_TRY(makeSearchKey(request, searchKey));
   Deletion deletion(tables, request, mode);

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "czelta.h"
-#include "storage/table.h"
+#include "objects/locate.h"
 
 namespace zelta {
 
@@ -16,7 +16,7 @@ namespace zelta {
 /// transaction that may write, its thread and the table.
 Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
                     CZELTA::Object* object, std::uint32_t index, const void* key,
-                    std::uint32_t* entry);
+                    std::uint32_t* entry, IdWidth width = IdWidth::asTable);
 
 }  // namespace zelta
 

@@ -17,6 +17,13 @@
 
 namespace zelta {
 
+/// How wide an ID is that a caller points at. Only one that is given as a whole can be wider than
+/// the table's IDs are: no object has it.
+enum class IdWidth { asTable, whole };
+[[nodiscard]] inline std::size_t idBytes(const Table& table, IdWidth width) {
+  return width == IdWidth::whole ? sizeof(std::uint64_t) : table.idSize();
+}
+
 /// What a read asks for.
 struct ReadRequest {
   MetaData& metaData;
@@ -25,7 +32,7 @@ struct ReadRequest {
   bool noLock;                     ///< sees committed versions of others' objects and never waits
   bool writer;                     ///< the transaction may write, and has the table's mutex now
   std::uint32_t index;             ///< counted from 1; 0: by object ID
-  const void* key;                 ///< as the caller gave it
+  const void* key;                 ///< as the caller gave it; by ID or results: its 64-bit ID
   const std::uint32_t* searchKey;  ///< made from `key` for a B+Tree
 
   [[nodiscard]] bool byTree() const {

@@ -323,12 +323,12 @@ Result checkRequest(const ReadRequest& request) {
   return checkPivot(request);
 }
 
-void holdKey(ReadRequest& request, std::uint64_t& id) {
+void holdKey(ReadRequest& request, IdWidth width, std::uint64_t& id) {
   if (request.byTree() || request.key == nullptr) return;
   const bool amongResults = request.byResults() && !request.table.searchInverted;
   id = 0;
   if (needsKey(request.mode)) {
-    std::memcpy(&id, request.key, amongResults ? kResultIdSize : request.table.idSize());
+    std::memcpy(&id, request.key, amongResults ? kResultIdSize : idBytes(request.table, width));
   }
   request.key = &id;
 }

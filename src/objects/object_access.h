@@ -90,9 +90,10 @@ class ObjectAccess {
 };
 
 [[nodiscard]] CZELTA::Mode withoutFlags(CZELTA::Mode mode);
-/// Copies the ID that a request begins at into `id`. Where the caller has it may be the table's
-/// buffer: a pass fills that, and may give its memory back, before another one begins.
-void holdKey(ReadRequest& request, std::uint64_t& id);
+/// Copies the ID that a request begins at into `id`, `width` being that of the ID at `key`, and has
+/// the request begin there, at 64 bits. Where the caller has it may be the table's buffer: a pass
+/// fills that, and may give its memory back, before another one begins.
+void holdKey(ReadRequest& request, IdWidth width, std::uint64_t& id);
 /// What can be refused of a request before any file is looked at.
 Result checkRequest(const ReadRequest& request);
 /// Makes the key to look for if the request goes through a B+Tree and has one. `searchKey` owns it.

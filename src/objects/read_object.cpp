@@ -33,7 +33,7 @@ class Read final : public ObjectAccess {
 
 Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
                   CZELTA::Object* object, std::uint32_t index, const void* key,
-                  std::uint32_t* entry) {
+                  std::uint32_t* entry, IdWidth width) {
   if (object != nullptr) *object = CZELTA::Object{};
   if (entry != nullptr) *entry = 0;
   const bool writer = metaData.mayWrite();
@@ -41,7 +41,7 @@ Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZEL
   ReadRequest request{metaData, table, withoutFlags(mode), noLock, writer, index, key, nullptr};
   ZELTA_TRY(checkRequest(request));
   std::uint64_t id = 0;
-  holdKey(request, id);
+  holdKey(request, width, id);
   PooledKey searchKey;
   ZELTA_TRY(makeSearchKey(request, searchKey));
   Read read(tables, request, mode);

@@ -117,6 +117,10 @@ void Restoration::record(UInt64AVLTree*& changed, bool added) {
 Result restoreObject(MetaData& metaData, Table& table, long long objectID, bool unlock) {
   const std::uint64_t id =
       objectID == 0 ? table.currentObjectID : static_cast<std::uint64_t>(objectID);
+  if (!table.wideIds() && objectID > 0xFFFFFFFF) {
+    constexpr std::int64_t kById = -1;
+    return reportError(&metaData, Own::keyNotFound, table.cName(), nullptr, objectID, kById);
+  }
   if (UInt64AVLTree* node = find(table.lockedObjects, id); node != nullptr) {
     if (!unlock) return {};
     remove(node, table.lockedObjects);
