@@ -242,7 +242,8 @@ class ZELTA_API CZELTA {
   static unsigned long long Version();
 
   /// Stores the text of the last failure, or "No error message". The text belongs to the handle and
-  /// lives until the next operation on it. Always returns 0.
+  /// lives until the next operation on it. `message` may be null: nothing is stored then. Always
+  /// returns 0.
   unsigned long long GetErrorMessage(const char16_t** message);
 
   // -- Databases ------------------------------------------------------------------------------

@@ -22,6 +22,7 @@ CZELTA& CZELTA::operator=(const CZELTA& other) = default;
 unsigned long long CZELTA::Version() { return 0x0004'0005'0009'0000; }
 
 unsigned long long CZELTA::GetErrorMessage(const char16_t** message) {
+  if (message == nullptr) return 0;
   if (metaData_ == nullptr) {
     *message = u"Database is not initialised";
   } else {

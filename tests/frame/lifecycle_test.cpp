@@ -200,6 +200,7 @@ TEST_F(Lifecycle, AHandleWithoutMemoryAnswersWithAWordAlone) {
   const char16_t* text = nullptr;
   EXPECT_EQ(handle.GetErrorMessage(&text), 0u);
   EXPECT_EQ(plainText(text), "Database is not initialised");
+  EXPECT_EQ(handle.GetErrorMessage(nullptr), 0u);
   long long value = 0;
   unsigned int number = 0;
   EXPECT_EQ(handle.CreateDatabase(u"/x/y"), ownCode(59));
@@ -221,6 +222,7 @@ TEST_F(Lifecycle, AFailureTextLivesUntilTheNextCall) {
   CZELTA handle;
   EXPECT_EQ(messageOf(handle), "No error message");
   EXPECT_EQ(handle.BeginTransaction(CZELTA::TransactionRead, 0), ownCode(3));
+  EXPECT_EQ(handle.GetErrorMessage(nullptr), 0u);
   const std::string text = messageOf(handle);
   EXPECT_EQ(text,
             "A vaild database and transaction must be open before this operation can complete.");
