@@ -369,8 +369,11 @@ class ZELTA_API CZELTA {
   // -- Objects --------------------------------------------------------------------------------
 
   /// Adds the object in the table's buffer. `objectID` 0 asks for an ID, any other value for just
-  /// that one. Fails with own code 37 if a unique key exists, 36 if the ID is in use, 45, 46, 66 if
-  /// the object is malformed.
+  /// that one. The table file has a place for each ID up to the highest one in use: an ID far above
+  /// the others costs 12 bytes for each one below it, from the commit on and until the IDs at the
+  /// top are deleted (an ID of a thousand million: 12 GB). Fails with own code 37 if a unique key
+  /// exists, 36 if the ID is in use, 7 if it is negative or wider than the table's IDs, 45, 46, 66
+  /// if the object is malformed.
   unsigned long long AddObject(unsigned int table, Object* object, long long objectID);
 
   /// Stores the changed object of the buffer, which must have been read with a lock or added in
