@@ -47,7 +47,7 @@ struct MetaData {
   std::u16string directoryPath;      ///< the path up to and including the last separator
   std::u16string baseName;           ///< file name of the control file without its extension
   char16_t* errorMessage = nullptr;  ///< owned (malloc); null when no failure text is pending
-  std::array<ScratchBuffer, 7> scratch;
+  std::array<ScratchBuffer, 7> scratch{{ScratchBuffer(kZeroTail)}};  ///< see Scratch::object
   std::uint32_t transactionWord = 0;  ///< 0 none, 1 exclusive, else the transaction's number
   std::uint64_t slotPosition =
       0;  ///< slot in the control file; 32 in an exclusive one; 0 when read-only

@@ -10,11 +10,17 @@
 
 namespace zelta {
 
+/// Bytes of zero that stand behind an object that applications see: a damaged text ends there for
+/// one that trusts its terminator, and so does a wide text at an odd address.
+inline constexpr std::uint64_t kZeroTail = 8;
+
 /// Owns malloc'd memory, so that two buffers can change places. Contents are lost when it has to
 /// grow.
 class ScratchBuffer {
  public:
   ScratchBuffer() = default;
+  /// With `tail` more bytes behind those that are asked for, which no size counts.
+  explicit ScratchBuffer(std::uint64_t tail) : tail_(tail) {}
   ~ScratchBuffer() { std::free(data_); }
   ScratchBuffer(const ScratchBuffer&) = delete;
   ScratchBuffer& operator=(const ScratchBuffer&) = delete;
@@ -32,7 +38,7 @@ class ScratchBuffer {
   /// Exactly `size` fresh bytes of zero.
   char* replaceZeroed(std::uint64_t size) {
     release();
-    data_ = static_cast<char*>(std::calloc(size == 0 ? 1 : size, 1));
+    data_ = static_cast<char*>(std::calloc(allocated(size), 1));
     if (data_ == nullptr) throw std::bad_alloc();
     size_ = size;
     return data_;
@@ -45,20 +51,25 @@ class ScratchBuffer {
   void swap(ScratchBuffer& other) noexcept {
     std::swap(data_, other.data_);
     std::swap(size_, other.size_);
+    std::swap(tail_, other.tail_);
   }
   [[nodiscard]] char* data() const { return data_; }
   [[nodiscard]] std::uint64_t size() const { return size_; }
 
  private:
+  [[nodiscard]] std::uint64_t allocated(std::uint64_t size) const {
+    return size + tail_ == 0 ? 1 : size + tail_;
+  }
   void grow(std::uint64_t size) {
     release();
-    data_ = static_cast<char*>(std::malloc(size == 0 ? 1 : size));
+    data_ = static_cast<char*>(std::malloc(allocated(size)));
     if (data_ == nullptr) throw std::bad_alloc();
     size_ = size;
   }
 
   char* data_ = nullptr;
   std::uint64_t size_ = 0;
+  std::uint64_t tail_ = 0;
 };
 
 }  // namespace zelta

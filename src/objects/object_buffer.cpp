@@ -49,15 +49,19 @@ void fillObject(const Table& table, CZELTA::Object* object) {
 }
 
 void reserveObject(Table& table, std::uint32_t length) {
-  const std::uint32_t lead = table.isFixed() ? kFixedLead : kVariableLead;
-  const std::uint64_t need = std::uint64_t{length} + lead;
+  const std::uint64_t need = std::uint64_t{length} + leadOf(table);
   if (!isSuitable(table.objectBuffer.size(), need) || table.objectBuffer.data() == nullptr) {
     forgetObject(table);
     table.objectBuffer.release();
     table.objectBuffer.reserveExactly(need);
   }
-  table.objectData = table.objectBuffer.data() + lead;
+  placeObject(table, length);
+}
+
+void placeObject(Table& table, std::uint32_t length) {
+  table.objectData = table.objectBuffer.data() + leadOf(table);
   table.objectLength = length;
+  std::memset(table.objectData + length, 0, kZeroTail);
 }
 
 Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size) {
@@ -65,8 +69,7 @@ Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::
   if (std::uint64_t{size} + table.minimumObjectSize > kLargestNew) {
     return reportSystemError(&metaData, code::kNoMemory);
   }
-  const std::uint32_t lead = table.isFixed() ? kFixedLead : kVariableLead;
-  const std::uint64_t need = std::uint64_t{size} + table.minimumObjectSize + lead;
+  const std::uint64_t need = std::uint64_t{size} + table.minimumObjectSize + leadOf(table);
   const bool kept = table.isFixed() ? table.objectBuffer.size() >= need
                                     : isSuitable(table.objectBuffer.size(), need);
   if (kept && table.objectBuffer.data() != nullptr) {
@@ -74,8 +77,7 @@ Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::
   } else {
     replaceBuffer(table, need);
   }
-  table.objectData = table.objectBuffer.data() + lead;
-  table.objectLength = table.minimumObjectSize + size;
+  placeObject(table, table.minimumObjectSize + size);
   table.currentObjectID = 0;
   table.releaseCurrentKeys();
   fillObject(table, object);

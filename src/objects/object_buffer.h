@@ -17,6 +17,10 @@ namespace zelta {
 inline constexpr std::uint32_t kVariableLead = 10;
 inline constexpr std::uint32_t kFixedLead = 6;
 
+[[nodiscard]] inline std::uint32_t leadOf(const Table& table) {
+  return table.isFixed() ? kFixedLead : kVariableLead;
+}
+
 Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size);
 Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
                         CZELTA::Object* object);
@@ -32,6 +36,10 @@ Result putVariableValues(MetaData& metaData, Table& table, const void* values,
 /// Makes the buffer hold an object of `length` bytes and points objectData at its place. The buffer
 /// is kept while it is at most twice too large; its contents are lost otherwise. Sets objectLength.
 void reserveObject(Table& table, std::uint32_t length);
+
+/// Makes what stands in the buffer, behind its lead, an object of `length` bytes, which the buffer
+/// has room for. Zeros follow it.
+void placeObject(Table& table, std::uint32_t length);
 
 /// Fills the public record from the object in the buffer.
 void fillObject(const Table& table, CZELTA::Object* object);

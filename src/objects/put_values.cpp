@@ -120,7 +120,7 @@ Result Replacement::grow(std::uint64_t length) {
   std::memcpy(saved, at + oldSize_, tail);
   putValues(at);
   std::memcpy(at + newSize_, saved, tail);
-  table_.objectLength = static_cast<std::uint32_t>(length);
+  placeObject(table_, static_cast<std::uint32_t>(length));
   return {};
 }
 
@@ -133,8 +133,7 @@ Result Replacement::rebuild(std::uint64_t length) {
   putValues(object + start_);
   std::memcpy(object + start_ + newSize_, table_.objectData + start_ + oldSize_, tail);
   scratch.swap(table_.objectBuffer);
-  table_.objectData = table_.objectBuffer.data() + kVariableLead;
-  table_.objectLength = static_cast<std::uint32_t>(length);
+  placeObject(table_, static_cast<std::uint32_t>(length));
   return {};
 }
 
@@ -146,7 +145,7 @@ Result Replacement::shrink(std::uint64_t length) {
   const std::uint64_t tail = table_.objectLength - start_ - oldSize_;
   putValues(at);
   if (newSize_ != oldSize_) std::memmove(at + newSize_, at + oldSize_, tail);
-  table_.objectLength = static_cast<std::uint32_t>(length);
+  placeObject(table_, static_cast<std::uint32_t>(length));
   return {};
 }
 
@@ -161,13 +160,12 @@ Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* objec
   if (need - kVariableLead > kLargestNew) return reportSystemError(&metaData, code::kNoMemory);
   const std::uint64_t capacity = table.objectBuffer.size();
   if (capacity < need || static_cast<std::uint32_t>(need * 2) < capacity) {
-    ScratchBuffer fresh;
+    ScratchBuffer fresh(kZeroTail);
     fresh.replaceZeroed(need);
     std::memcpy(fresh.data(), table.objectBuffer.data(), table.fixedAreaSize + kVariableLead);
     table.objectBuffer.swap(fresh);
-    table.objectData = table.objectBuffer.data() + kVariableLead;
   }
-  table.objectLength = table.minimumObjectSize + size;
+  placeObject(table, table.minimumObjectSize + size);
   std::memset(table.objectData + table.fixedAreaSize, 0, table.objectLength - table.fixedAreaSize);
   fillObject(table, object);
   return {};

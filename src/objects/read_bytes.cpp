@@ -20,8 +20,6 @@ constexpr std::uint64_t kSmallBuffer = 64 * 1024;
 constexpr std::uint64_t kSmallestGuess = 512;
 constexpr std::uint64_t kLargestGuess = 64 * 1024;
 
-std::uint32_t leadOf(const Table& table) { return table.isFixed() ? kFixedLead : kVariableLead; }
-
 Result failed(MetaData& metaData, const Table& table, SystemCode result,
               const char16_t* fileExtension) {
   return reportSystemError(&metaData, result, table.cName(), fileExtension);
@@ -60,11 +58,6 @@ void forgetObject(Table& table) {
   table.objectLength = 0;
 }
 
-void takeObject(Table& table, std::uint32_t length) {
-  table.objectData = table.objectBuffer.data() + leadOf(table);
-  table.objectLength = length;
-}
-
 Result readFixed(MetaData& metaData, Table& table, const TableHeader_tag& header,
                  std::uint64_t position) {
   if (header.endOfFile - position < table.fixedAreaSize) {
@@ -75,7 +68,7 @@ Result readFixed(MetaData& metaData, Table& table, const TableHeader_tag& header
                                        table.objectBuffer.data() + kFixedLead, table.fixedAreaSize);
   if (result != 0) return failed(metaData, table, result, extension::kTable);
   ZELTA_TRY(refusePlaceholder(metaData, table, position, table.objectBuffer.data() + kFixedLead));
-  takeObject(table, table.fixedAreaSize);
+  placeObject(table, table.fixedAreaSize);
   return {};
 }
 
@@ -112,7 +105,7 @@ Result readVariable(MetaData& metaData, Table& table, const TableHeader_tag& hea
                              std::int64_t{length} - done);
     if (result != 0) return failed(metaData, table, result, extension::kTable);
   }
-  takeObject(table, length);
+  placeObject(table, length);
   return {};
 }
 
@@ -164,7 +157,7 @@ Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& 
   forgetObject(table);
   makeRoom(table, length);
   ZELTA_TRY(readPending(metaData, table, found, table.objectBuffer.data() + leadOf(table), length));
-  takeObject(table, length);
+  placeObject(table, length);
   return {};
 }
 

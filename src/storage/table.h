@@ -83,8 +83,8 @@ class Table final : public UInt32AVLTree {
   std::uint32_t firstVariableField = 0xFFFFFFFF;
   bool searchInverted = false;  ///< `searchResults` holds the objects that do not match
   std::u16string name;
-  std::u16string directory;    ///< folder of the index file, with its separator
-  ScratchBuffer objectBuffer;  ///< capacity: its size()
+  std::u16string directory;               ///< folder of the index file, with its separator
+  ScratchBuffer objectBuffer{kZeroTail};  ///< capacity: its size(); zeros follow the object
   char* objectData =
       nullptr;  ///< the object, behind 10 bytes (6 in a fixed table); null: no buffer
   std::uint64_t currentObjectID = 0;
