@@ -128,8 +128,6 @@ namespace {
 
 /// What is read of a record before its length is known.
 constexpr std::uint32_t kFirstRead = 1024;
-/// Records above this size are allocated only if the file is long enough to hold them.
-constexpr std::uint32_t kTrustedSize = 1024 * 1024;
 
 /// Reads the committed objects of a table one by one.
 class TableScan {
@@ -179,8 +177,11 @@ Result TableScan::read(std::uint64_t objectID, const char** object, std::uint32_
 Result TableScan::readFixed(std::uint64_t position, const char** object, std::uint32_t* size) {
   *size = table_.fixedAreaSize;
   if (*size > header_.endOfFile - position) return damaged();
+  // The end in the header proves nothing, and the size is as large as the schema wants it.
+  SystemCode result = *size <= buffer_.size() ? 0 : requireBytes(table_.tableFile, position, *size);
+  if (result != 0) return systemFailure(result);
   char* bytes = buffer_.reserve(*size);
-  const SystemCode result = readBuffer(table_.tableFile, position, bytes, *size);
+  result = readBuffer(table_.tableFile, position, bytes, *size);
   if (result != 0) return systemFailure(result);
   std::uint16_t version = 0;
   std::memcpy(&version, bytes, sizeof(version));
@@ -214,16 +215,13 @@ Result TableScan::readVariable(std::uint64_t position, const char** object, std:
 }
 
 Result TableScan::readRest(std::uint64_t position, std::uint32_t have, std::uint64_t length) {
-  if (length > kTrustedSize) {
-    std::uint64_t fileLength = 0;
-    const SystemCode result = platform::fileSize(table_.tableFile, &fileLength);
-    if (result != 0) return systemFailure(result);
-    if (fileLength < length || position > fileLength - length) return damaged();
-  }
+  SystemCode result = requireBytes(table_.tableFile, position, length);
+  if (result == code::kEndOfFile) return damaged();
+  if (result != 0) return systemFailure(result);
   if (length > buffer_.size()) have = 0;
   char* bytes = buffer_.reserve(length);
-  const SystemCode result = readLargeBuffer(table_.tableFile, position + have, bytes + have,
-                                            static_cast<std::int64_t>(length - have));
+  result = readLargeBuffer(table_.tableFile, position + have, bytes + have,
+                           static_cast<std::int64_t>(length - have));
   return result == 0 ? Result{} : systemFailure(result);
 }
 

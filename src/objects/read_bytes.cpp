@@ -41,6 +41,13 @@ Result refusePlaceholder(MetaData& metaData, const Table& table, std::uint64_t p
   return badRecord(metaData, table, position, version);
 }
 
+/// Whether the file has the bytes for which a buffer would have to grow: a length that stands in a
+/// file must not become memory before it is proven.
+SystemCode requireBytesFor(const ScratchBuffer& buffer, std::uint64_t need, platform::File file,
+                           std::uint64_t position, std::uint64_t length) {
+  return need <= buffer.size() ? 0 : requireBytes(file, position, length);
+}
+
 /// Room for an object of `length` bytes. Returns whether the buffer's content is still there.
 bool makeRoom(Table& table, std::uint64_t length) {
   const std::uint64_t need = length + leadOf(table);
@@ -63,9 +70,13 @@ Result readFixed(MetaData& metaData, Table& table, const TableHeader_tag& header
   if (header.endOfFile - position < table.fixedAreaSize) {
     return badRecord(metaData, table, position, table.fixedAreaSize);
   }
+  SystemCode result =
+      requireBytesFor(table.objectBuffer, std::uint64_t{table.fixedAreaSize} + kFixedLead,
+                      table.tableFile, position, table.fixedAreaSize);
+  if (result != 0) return failed(metaData, table, result, extension::kTable);
   makeRoom(table, table.fixedAreaSize);
-  const SystemCode result = readBuffer(table.tableFile, position,
-                                       table.objectBuffer.data() + kFixedLead, table.fixedAreaSize);
+  result = readBuffer(table.tableFile, position, table.objectBuffer.data() + kFixedLead,
+                      table.fixedAreaSize);
   if (result != 0) return failed(metaData, table, result, extension::kTable);
   ZELTA_TRY(refusePlaceholder(metaData, table, position, table.objectBuffer.data() + kFixedLead));
   placeObject(table, table.fixedAreaSize);
@@ -98,6 +109,11 @@ Result readVariable(MetaData& metaData, Table& table, const TableHeader_tag& hea
     return badRecord(metaData, table, position + kLengthOffset, length);
   }
   std::uint32_t done = std::min(have - kRecordHead, length);
+  if (done < length) {
+    result = requireBytesFor(table.objectBuffer, std::uint64_t{length} + kVariableLead,
+                             table.tableFile, position + kRecordHead, length);
+    if (result != 0) return failed(metaData, table, result, extension::kTable);
+  }
   if (!makeRoom(table, length)) done = 0;
   if (done < length) {
     result = readLargeBuffer(table.tableFile, position + kRecordHead + done,
@@ -140,6 +156,14 @@ Result pendingLength(MetaData& metaData, const Table& table, const AtomicManager
   return inside ? Result() : badMemory(metaData, table);
 }
 
+/// Whether memory may be taken for the pending version: the end in the header proves nothing.
+Result requirePending(MetaData& metaData, const Table& table, const Located& found,
+                      const ScratchBuffer& buffer, std::uint64_t need, std::uint32_t length) {
+  const SystemCode result =
+      requireBytesFor(buffer, need, table.memoryFile, found.memoryPosition + 4, length);
+  return result == 0 ? Result() : failed(metaData, table, result, extension::kMemory);
+}
+
 Result readPending(MetaData& metaData, Table& table, const Located& found, char* object,
                    std::uint32_t length) {
   const SystemCode result =
@@ -155,6 +179,8 @@ Result readPendingObject(MetaData& metaData, Table& table, const AtomicManager& 
   std::uint32_t length = 0;
   ZELTA_TRY(pendingLength(metaData, table, manager, found, &length));
   forgetObject(table);
+  ZELTA_TRY(requirePending(metaData, table, found, table.objectBuffer,
+                           std::uint64_t{length} + leadOf(table), length));
   makeRoom(table, length);
   ZELTA_TRY(readPending(metaData, table, found, table.objectBuffer.data() + leadOf(table), length));
   placeObject(table, length);
@@ -166,7 +192,9 @@ Result readVersionAside(MetaData& metaData, Table& table, const AtomicManager& m
   std::uint32_t length = 0;
   if (found.memoryPosition != 0) {
     ZELTA_TRY(pendingLength(metaData, table, manager, found, &length));
-    char* bytes = metaData.scratchFor(Scratch::object).reserve(length);
+    ScratchBuffer& aside = metaData.scratchFor(Scratch::object);
+    ZELTA_TRY(requirePending(metaData, table, found, aside, length, length));
+    char* bytes = aside.reserve(length);
     ZELTA_TRY(readPending(metaData, table, found, bytes, length));
   } else {
     ZELTA_TRY(readCommittedAside(metaData, table, found.tablePosition, &length));
@@ -188,15 +216,17 @@ Result readCommittedAside(MetaData& metaData, Table& table, std::uint64_t positi
         readBuffer(table.tableFile, position + kLengthOffset, length, sizeof(*length));
     if (result != 0) return failed(metaData, table, result, extension::kTable);
     begin += kRecordHead;
-    std::uint64_t size = 0;
-    result = platform::fileSize(table.tableFile, &size);
-    if (result != 0) return failed(metaData, table, result, extension::kTable);
-    if (*length < table.minimumObjectSize || begin > size || *length > size - begin) {
+    result = requireBytes(table.tableFile, begin, *length);
+    if (*length < table.minimumObjectSize || result == code::kEndOfFile) {
       return badRecord(metaData, table, position + kLengthOffset, *length);
     }
+    if (result != 0) return failed(metaData, table, result, extension::kTable);
   }
-  char* object = metaData.scratchFor(Scratch::object).reserve(*length);
-  const SystemCode result = readLargeBuffer(table.tableFile, begin, object, *length);
+  ScratchBuffer& aside = metaData.scratchFor(Scratch::object);
+  SystemCode result = requireBytesFor(aside, *length, table.tableFile, begin, *length);
+  if (result != 0) return failed(metaData, table, result, extension::kTable);
+  char* object = aside.reserve(*length);
+  result = readLargeBuffer(table.tableFile, begin, object, *length);
   if (result != 0) return failed(metaData, table, result, extension::kTable);
   return refusePlaceholder(metaData, table, position, object);
 }

@@ -28,8 +28,6 @@ const char16_t* extensionOf(PageFile file) {
 constexpr std::uint32_t kNoPageSize = 4;
 /// What is read at once at most before a page's size is known.
 constexpr std::uint32_t kLargestGuess = 64 * 1024;
-/// Pages above this size are allocated only if the file is long enough to hold them.
-constexpr std::uint32_t kTrustedSize = 1024 * 1024;
 /// Pages of a sound file lie at multiples of this; only these are looked at where they are.
 constexpr std::uint64_t kPageAlignment = 8;
 /// What is kept of pages that were only read.
@@ -212,16 +210,12 @@ Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, Scratc
 
 Result AtomicManager::readRest(PageFile file, std::uint64_t position, std::uint32_t have,
                                std::uint32_t size, ScratchBuffer& scratch) {
-  if (size > kTrustedSize) {
-    std::uint64_t length = 0;
-    const SystemCode result = platform::fileSize(handle(file), &length);
-    if (result != 0) return failed(file, result);
-    if (length < size || position > length - size) return corrupted(file);
-  }
+  SystemCode result = requireBytes(handle(file), position, size);
+  if (result == code::kEndOfFile) return corrupted(file);
+  if (result != 0) return failed(file, result);
   if (size > scratch.size()) have = 0;
   char* bytes = scratch.reserve(size);
-  const SystemCode result =
-      readLargeBuffer(handle(file), position + have, bytes + have, std::int64_t{size} - have);
+  result = readLargeBuffer(handle(file), position + have, bytes + have, std::int64_t{size} - have);
   if (result != 0) return failed(file, result);
   return statedSize(bytes) == size ? Result{} : corrupted(file);
 }

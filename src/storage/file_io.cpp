@@ -85,6 +85,12 @@ SystemCode writeHeaderInOrder(platform::File file, std::uint64_t position, const
   return transferResult(result, transferred, length);
 }
 
+SystemCode requireBytes(platform::File file, std::uint64_t position, std::uint64_t length) {
+  std::uint64_t size = 0;
+  if (const SystemCode result = platform::fileSize(file, &size); result != 0) return result;
+  return position <= size && length <= size - position ? 0 : code::kEndOfFile;
+}
+
 SystemCode truncateFile(platform::File file, std::uint64_t length) {
   SystemCode result = platform::setFileSize(file, length);
   for (int retry = 0; result == code::kUserMappedFile && retry < kTruncateRetries; ++retry) {

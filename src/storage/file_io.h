@@ -22,6 +22,10 @@ namespace zelta {
 /// For a header that bears to be found with its first fields new and the others old.
 [[nodiscard]] SystemCode writeHeaderInOrder(platform::File file, std::uint64_t position,
                                             const void* buffer, std::uint32_t length);
+/// To be asked before memory is taken for a length that stands in a file: 0 if the file has these
+/// bytes, 38 if it ends before.
+[[nodiscard]] SystemCode requireBytes(platform::File file, std::uint64_t position,
+                                      std::uint64_t length);
 /// Cuts the file; tries again while another process keeps it mapped.
 [[nodiscard]] SystemCode truncateFile(platform::File file, std::uint64_t length);
 
