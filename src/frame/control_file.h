@@ -87,6 +87,9 @@ struct DirectoryEntry {
   std::u16string indexPath;  ///< folder of the index file; empty: the database's
 };
 
+/// Whether a table may have this name: it leads into no other folder, and serves on every platform.
+[[nodiscard]] bool isTableName(const std::u16string& name);
+
 /// The folder of the table's index file, as it is to be opened.
 [[nodiscard]] std::u16string indexFolder(const MetaData& metaData, const DirectoryEntry& entry);
 
@@ -96,7 +99,7 @@ class TableDirectory {
   /// Reads and checks the directory that `header` describes (own code 54 for a damaged one).
   Result read(MetaData& metaData, const ControlHeader_tag& header);
   /// Takes the bytes of a directory: an entry area of `directorySize` 16-bit units, then
-  /// `tableCount` index records. False if they are malformed.
+  /// `tableCount` index records. False if they are malformed, or name what no table may be named.
   [[nodiscard]] bool parse(const char* bytes, std::size_t length, std::uint32_t tableCount,
                            std::uint32_t directorySize);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "frame/control_file.h"
 #include "platform/clock.h"
@@ -64,6 +65,14 @@ int compareNames(const std::u16string& a, const std::u16string& b) {
   return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
 }
 
+bool isTableName(const std::u16string& name) {
+  if (name.empty()) return false;
+  return std::none_of(name.begin(), name.end(), [](char16_t c) {
+    return c < 0x20 || c == 0x7F ||
+           std::u16string_view(u"\\/:*?\"<>|").find(c) != std::u16string_view::npos;
+  });
+}
+
 std::u16string indexFolder(const MetaData& metaData, const DirectoryEntry& entry) {
   return entry.indexPath.empty() ? metaData.directoryPath : withOwnSeparators(entry.indexPath);
 }
@@ -86,7 +95,7 @@ bool TableDirectory::parse(const char* bytes, std::size_t length, std::uint32_t 
         !readText(bytes, directorySize, position, entry.indexPath)) {
       return false;
     }
-    if (entry.name.empty()) return false;
+    if (!isTableName(entry.name)) return false;
     entries_.push_back(std::move(entry));
   }
   if (position != directorySize) return false;

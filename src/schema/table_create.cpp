@@ -21,15 +21,6 @@ namespace {
 
 bool isSeparator(char16_t c) { return c == u'\\' || c == u'/'; }
 
-/// A name must not lead out of the folder, and must be good on every platform.
-bool isGoodName(const std::u16string& name) {
-  if (name.empty()) return false;
-  return std::none_of(name.begin(), name.end(), [](char16_t c) {
-    return c < 0x20 || c == 0x7F ||
-           std::u16string_view(u"\\/:*?\"<>|").find(c) != std::u16string_view::npos;
-  });
-}
-
 /// A folder with a separator at its end; empty stays empty.
 std::u16string normalFolder(const char16_t* folder) {
   std::u16string out = withOwnSeparators(folder == nullptr ? u"" : folder);
@@ -166,7 +157,7 @@ Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
                     const TableDirectory& directory, Draft& draft) {
   draft.entry = {schema.tableId, schema.lockOrder, schema.tableName,
                  normalFolder(schema.tablePath)};
-  if (!isGoodName(draft.entry.name))
+  if (!isTableName(draft.entry.name))
     return reportError(&metaData, Own::tableName, schema.tableName);
   ZELTA_TRY(assignNumbers(metaData, directory, draft.entry));
   const std::u16string path = databasePath(metaData, draft.entry.name, extension::kTable);
@@ -248,7 +239,7 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
                 std::uint32_t tableId, const char16_t* directory, std::uint32_t lockOrder,
                 bool log) {
   DirectoryEntry entry{tableId, lockOrder, tableNameOf(fileName), normalFolder(directory)};
-  if (!isGoodName(entry.name)) return reportError(&metaData, Own::tableName, fileName);
+  if (!isTableName(entry.name)) return reportError(&metaData, Own::tableName, fileName);
   if (log) ZELTA_TRY(requireCarriedOut(metaData));
   MutexGuard database;
   ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));

@@ -117,6 +117,7 @@ Result replaySchemaSection(MetaData& metaData, UInt32AVLTree*& tables, EntryRead
     return removeTable(metaData, tables, section.tableId, operation == DirectoryChange::removeFiles,
                        false);
   }
+  if (!isTableName(body.entry.name)) return EntryReader::malformed();
   if (operation == DirectoryChange::create) return createFromRecord(metaData, tables, body);
   const DirectoryEntry& entry = body.entry;
   return addTable(metaData, tables, entry.name.c_str(), entry.tableId, entry.indexPath.c_str(),

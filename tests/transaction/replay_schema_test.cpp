@@ -142,6 +142,21 @@ TEST_F(ReplaySchema, Every_cut_of_a_body_is_refused) {
   }
 }
 
+TEST_F(ReplaySchema, A_name_that_leads_out_of_the_folder_is_refused) {
+  remove(false, false);
+  for (const std::u16string name : {u"../Goods", u"v\\Goods", u"v/../Goods"}) {
+    DirectoryEntry entry{7, 70, name, {}};
+    TableDirectory single;
+    single.insert(entry);
+    const std::string body = single.bytes().substr(0, std::size_t{single.entryUnits()} * 2);
+    for (const DirectoryChange change : {DirectoryChange::add, DirectoryChange::create}) {
+      enter(change, body);
+      EXPECT_TRUE(replay().is(Own::logEntry)) << session.error();
+      EXPECT_FALSE(hasTable());
+    }
+  }
+}
+
 TEST_F(ReplaySchema, What_cannot_be_replayed_is_refused) {
   enter(DirectoryChange::changeSchema, std::string(8, '\1') + std::string(4, '\0'));
   EXPECT_TRUE(replay().is(Own::logEntry)) << "a body of another table";
