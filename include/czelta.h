@@ -308,16 +308,19 @@ class ZELTA_API CZELTA {
   // -- Tables ---------------------------------------------------------------------------------
 
   /// Enters an existing table file, which lies in the database's folder, as a table. `table` and
-  /// `lockOrder` 0 ask for assignment; `directory`, the folder of the index file, may be null.
-  /// Needs an exclusive transaction. Fails with own codes 9, 10, 11 when name, ID or order are in
-  /// use, own codes 22 and 55 for a foreign or damaged file.
+  /// `lockOrder` 0 ask for assignment; `directory`, the folder of the index file, may be null. An
+  /// index file that lies there need not fit the table: it is built anew, by the first transaction
+  /// that may write and uses an index. Needs an exclusive transaction. Fails with own codes 9, 10,
+  /// 11 when name, ID or order are in use, own codes 22 and 55 for a foreign or damaged file,
+  /// Windows code 80 if what bears the name of the index file is none.
   unsigned long long AddTable(const char16_t* fileName, unsigned int table,
                               const char16_t* directory, unsigned int lockOrder);
 
   /// Creates a table and leaves it open. `table`, which may be null, receives its ID. The schema's
   /// records must be writable: derived members (offsets, sizes, key lengths) are filled in. Needs
   /// an exclusive transaction. Fails with own codes 9, 10, 11 when name, ID or order are in use,
-  /// own codes 12 to 20, 26, 42, 61 for a broken rule of the schema.
+  /// own codes 12 to 20, 26, 42, 61 for a broken rule of the schema, Windows code 80 if the table's
+  /// file exists, or what bears the name of its index file is none.
   unsigned long long CreateTable(const Schema* schema, unsigned int* table);
 
   /// Opens a table for this transaction; does nothing if it is open. Own code 30: no such table.
@@ -326,8 +329,9 @@ class ZELTA_API CZELTA {
   /// Closes a table, unless the transaction has locks or changes in it: then it stays open.
   unsigned long long CloseTable(unsigned int table);
 
-  /// Takes a table out of the database, and with `deleteFiles` deletes its files. Needs an
-  /// exclusive transaction. Own code 10: no such table; 30: there are no tables at all.
+  /// Takes a table out of the database, and with `deleteFiles` deletes its files; what bears the
+  /// name of its table or index file and is none stays. Needs an exclusive transaction. Own code
+  /// 10: no such table; 30: there are no tables at all.
   unsigned long long RemoveTable(unsigned int table, bool deleteFiles);
 
   /// Copies the schema of an open table into a buffer of the caller's. With `schema` null, `*size`
@@ -340,6 +344,9 @@ class ZELTA_API CZELTA {
                                     const unsigned int* fieldMap, Parameter parameter);
 
   // -- The object buffer ------------------------------------------------------------------------
+  //
+  // Behind the object in the buffer stand 8 bytes of zero: a text in a damaged file that has lost
+  // its terminator ends there.
 
   /// Makes an empty object in the table's buffer, with `size` bytes (zeroes) beyond the smallest
   /// form of its variable fields. `object` may be null.

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "frame/own_files.h"
 #include "frame/upcalls.h"
 #include "storage/file_io.h"
 
@@ -86,8 +87,10 @@ std::string entryBytes(const DirectoryEntry& entry) {
   return single.bytes().substr(0, std::size_t{single.entryUnits()} * 2);
 }
 
-void deleteQuietly(const std::u16string& path) {
-  static_cast<void>(platform::deleteFile(path.c_str()));
+/// Deletes table file and index file. What cannot be deleted, or is none, stays.
+void deleteFiles(const MetaData& metaData, const DirectoryEntry& entry) {
+  deleteOwnFile(databasePath(metaData, entry.name, extension::kTable), extension::kTable);
+  deleteOwnFile(indexFolder(metaData, entry) + entry.name + extension::kIndex, extension::kIndex);
 }
 
 /// Writes a directory over the old one and takes its numbers over; the header itself follows when
@@ -127,8 +130,7 @@ Result rollBackFiles(MetaData& metaData, const ControlHeader_tag& header,
   if (entry == nullptr) {
     return reportError(&metaData, Own::tableNotFound, nullptr, nullptr, header.changeTable);
   }
-  deleteQuietly(databasePath(metaData, entry->name, extension::kTable));
-  deleteQuietly(indexFolder(metaData, *entry) + entry->name + extension::kIndex);
+  deleteFiles(metaData, *entry);
   return {};
 }
 
@@ -141,9 +143,9 @@ Result completeRemoval(MetaData& metaData, ControlHeader_tag& header, PendingIma
   }
   ZELTA_TRY(logChange(metaData, header, {}, log));
   if (header.changeOperation == static_cast<std::uint16_t>(DirectoryChange::removeFiles)) {
-    deleteQuietly(databasePath(metaData, entry->name, extension::kTable));
-    deleteQuietly(databasePath(metaData, entry->name, extension::kMemory));
-    deleteQuietly(indexFolder(metaData, *entry) + entry->name + extension::kIndex);
+    deleteFiles(metaData, *entry);
+    const std::u16string memory = databasePath(metaData, entry->name, extension::kMemory);
+    static_cast<void>(platform::deleteFile(memory.c_str()));
   }
   image.directory.remove(header.changeTable);
   const std::string bytes = image.directory.bytes();

@@ -7,6 +7,7 @@
 #include "frame/control_file.h"
 #include "frame/kept_error.h"
 #include "frame/mutex_guard.h"
+#include "frame/own_files.h"
 #include "schema/schema_copy.h"
 #include "schema/stored_schema.h"
 #include "schema/table_lifecycle.h"
@@ -62,11 +63,16 @@ Result assignNumbers(MetaData& metaData, const TableDirectory& directory, Direct
   return {};
 }
 
-/// What a former table of the name left must not be taken for the new one's.
-void deleteStale(const MetaData& metaData, const Table& table) {
-  static_cast<void>(
-      platform::deleteFile(databasePath(metaData, table.name, extension::kMemory).c_str()));
-  static_cast<void>(platform::deleteFile(indexPath(table).c_str()));
+/// What a former table of the name left, or what came along with a table's file, must not be taken
+/// for this table's: its index file is built anew. What is no index file stands in the way of one.
+Result discardStale(MetaData& metaData, const Table& table, bool indexes) {
+  const std::u16string index = indexPath(table);
+  const SystemCode kept = discardOwnFile(index, extension::kIndex);
+  if (indexes) ZELTA_TRY(reportSystemError(&metaData, kept, index.c_str()));
+  const std::u16string memory = databasePath(metaData, table.name, extension::kMemory);
+  const SystemCode failure = platform::deleteFile(memory.c_str());
+  if (failure == code::kFileNotFound || failure == code::kPathNotFound) return {};
+  return reportSystemError(&metaData, failure, memory.c_str());
 }
 
 /// Writes header, schema and room for the first slots.
@@ -131,7 +137,7 @@ Result makeFile(MetaData& metaData, Table& table, TableMutexGuard& guard, NewTab
   const TableHeader_tag header =
       newTableHeader(draft.sizes, static_cast<std::uint32_t>(draft.block.size()));
   ZELTA_TRY(writeTableFile(metaData, table, header, draft.block));
-  deleteStale(metaData, table);
+  ZELTA_TRY(discardStale(metaData, table, draft.copy.schema->indexCount != 0));
   takeSchema(table, std::move(draft.copy), draft.sizes, header.slotBase, draft.entry);
   return {};
 }
@@ -253,8 +259,7 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
   TableMutexGuard guard;
   ZELTA_TRY(acquireTableMutex(metaData, *table, guard));
   ZELTA_TRY(loadTable(metaData, *table, entry, true));
-  static_cast<void>(
-      platform::deleteFile(databasePath(metaData, table->name, extension::kMemory).c_str()));
+  ZELTA_TRY(discardStale(metaData, *table, table->indexCount != 0));
   TableDirectory next = tableDirectory;
   next.insert(entry);
   if (const Result result = writeDirectoryIntent(
