@@ -89,8 +89,9 @@ std::string entryBytes(const DirectoryEntry& entry) {
 
 /// Deletes table file and index file. What cannot be deleted, or is none, stays.
 void deleteFiles(const MetaData& metaData, const DirectoryEntry& entry) {
-  deleteOwnFile(databasePath(metaData, entry.name, extension::kTable), extension::kTable);
-  deleteOwnFile(indexFolder(metaData, entry) + entry.name + extension::kIndex, extension::kIndex);
+  deleteOwnFile(metaData, databasePath(metaData, entry.name, extension::kTable), extension::kTable);
+  deleteOwnFile(metaData, indexFolder(metaData, entry) + entry.name + extension::kIndex,
+                extension::kIndex);
 }
 
 /// Writes a directory over the old one and takes its numbers over; the header itself follows when

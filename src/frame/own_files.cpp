@@ -20,10 +20,12 @@ std::string_view magicOf(const char16_t* fileExtension) {
 }
 
 /// Opens a file if it is of the kind. `*out` stays none if the file is missing.
-SystemCode openOwn(const std::u16string& path, const char16_t* fileExtension, platform::File* out) {
+SystemCode openOwn(const MetaData& metaData, const std::u16string& path,
+                   const char16_t* fileExtension, platform::File* out) {
   *out = platform::File::none;
   platform::File opened = platform::File::none;
-  SystemCode failure = openDatabaseFile(path.c_str(), platform::Disposition::openExisting, &opened);
+  SystemCode failure =
+      openDatabaseFile(metaData, path.c_str(), platform::Disposition::openExisting, &opened);
   if (failure == code::kFileNotFound || failure == code::kPathNotFound) return 0;
   if (failure != 0) return failure;
   FileGuard file(opened);
@@ -42,9 +44,11 @@ SystemCode openOwn(const std::u16string& path, const char16_t* fileExtension, pl
 
 }  // namespace
 
-SystemCode deleteOwnFile(const std::u16string& path, const char16_t* fileExtension) {
+SystemCode deleteOwnFile(const MetaData& metaData, const std::u16string& path,
+                         const char16_t* fileExtension) {
   platform::File file = platform::File::none;
-  if (const SystemCode failure = openOwn(path, fileExtension, &file); failure != 0) return failure;
+  if (const SystemCode failure = openOwn(metaData, path, fileExtension, &file); failure != 0)
+    return failure;
   if (file == platform::File::none) return 0;
   platform::closeFile(file);
   return platform::deleteFile(path.c_str());
@@ -62,9 +66,10 @@ SystemCode emptyForGood(platform::File file, SystemCode kept) {
 
 }  // namespace
 
-SystemCode discardOwnFile(const std::u16string& path, const char16_t* fileExtension) {
+SystemCode discardOwnFile(const MetaData& metaData, const std::u16string& path,
+                          const char16_t* fileExtension) {
   platform::File opened = platform::File::none;
-  if (const SystemCode failure = openOwn(path, fileExtension, &opened); failure != 0) {
+  if (const SystemCode failure = openOwn(metaData, path, fileExtension, &opened); failure != 0) {
     return failure;
   }
   if (opened == platform::File::none) return 0;

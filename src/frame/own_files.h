@@ -17,10 +17,12 @@ namespace zelta {
 /// before its beginning was written counts as of that kind.
 
 /// Deletes the file.
-SystemCode deleteOwnFile(const std::u16string& path, const char16_t* fileExtension);
+SystemCode deleteOwnFile(const MetaData& metaData, const std::u16string& path,
+                         const char16_t* fileExtension);
 /// Makes sure that the file's content is never met again, not even after a loss of power: the file
 /// is deleted, or is empty where it cannot be.
-[[nodiscard]] SystemCode discardOwnFile(const std::u16string& path, const char16_t* fileExtension);
+[[nodiscard]] SystemCode discardOwnFile(const MetaData& metaData, const std::u16string& path,
+                                        const char16_t* fileExtension);
 
 }  // namespace zelta
 

@@ -67,7 +67,7 @@ Result assignNumbers(MetaData& metaData, const TableDirectory& directory, Direct
 /// for this table's: its index file is built anew. What is no index file stands in the way of one.
 Result discardStale(MetaData& metaData, const Table& table, bool indexes) {
   const std::u16string index = indexPath(table);
-  const SystemCode kept = discardOwnFile(index, extension::kIndex);
+  const SystemCode kept = discardOwnFile(metaData, index, extension::kIndex);
   if (indexes) ZELTA_TRY(reportSystemError(&metaData, kept, index.c_str()));
   const std::u16string memory = databasePath(metaData, table.name, extension::kMemory);
   const SystemCode failure = platform::deleteFile(memory.c_str());

@@ -1,21 +1,9 @@
-// Files and byte-range locks by open-file-description locks.
+// Files. Their locks are in word_locks.h; a read that may meet a locked word first asks whether
+// another handle holds it (readLockable). In this order: asked after the read, a lock that went
+// away meanwhile would let bytes pass that were read while it stood.
 //
-// POSIX record locks will not do: they belong to the process, so that two handles of one process do
-// not exclude each other, and any close of the file drops them all. F_OFD locks belong to the open
-// file, as a handle's locks should. What they lack is made up for here:
-//  - They are advisory. A read that may meet a locked word first asks whether another handle holds
-//  it
-//    (readLockable). In this order: asked after the read, a lock that went away meanwhile would let
-//    bytes pass that were read while it stood.
-//  - A second lock of a range through one handle succeeds. The handle keeps the set of what it
-//  holds.
-//  - The kernel keeps the locks of a file in a list, so that scattered locks cost more with each
-//  one held.
-//    Words that are locked in large numbers have theirs side by side, far behind any file's end,
-//    where the kernel joins neighbours.
-//  - A forked child shares the open file and would keep its locks alive behind its parent's death.
-//  A fork
-//    handler closes all files in the child; operations on an inherited handle fail with code 6.
+// A forked child shares the open file and would keep its locks alive behind its parent's death. A
+// fork handler closes all files in the child; operations on an inherited handle fail with code 6.
 //
 // While nobody else can cut a file (beginStable), its first part is read and written through a
 // mapping, at the cost of a copy instead of a system call. The rules that keep this from ending in
@@ -46,11 +34,10 @@
 #include <new>
 #include <set>
 #include <string>
-#include <unordered_set>
 #include <utility>
 
-#include "platform/posix/lock_area.h"
 #include "platform/posix/posix_internal.h"
+#include "platform/posix/word_locks.h"
 #include "platform/text.h"
 
 namespace zelta::platform {
@@ -59,40 +46,26 @@ using namespace posix;
 
 namespace {
 
-/// Where the locks of numbered words lie.
-constexpr std::uint64_t kOrdinalBase = std::uint64_t{1} << 62;
-/// Locked by whoever needs the file to keep its length.
-constexpr LockWord kLengthByte{kOrdinalBase - 8};
-/// Tests can be built against the locks of other systems: these lie on the very words, and let
-/// nobody else read or write them.
-#ifdef ZELTA_STRICT_LOCKS
-constexpr bool kStrictLocks = true;
-#else
-constexpr bool kStrictLocks = false;
-#endif
 /// Reads by a system call after which a reader maps the file, or looks how far it has grown.
 constexpr std::uint32_t kReadsBeforeLook = 12;
 
 struct FileRecord {
-  int fd;
-  std::string path;
-  std::unordered_set<std::uint64_t> held;  ///< places of the locks that the handle holds
-  char* window = nullptr;                  ///< mapping of the file's first bytes
+  explicit FileRecord(std::string p) : path(std::move(p)) {}
+  int fd = -1;
+  const std::string path;
+  WordLocks locks;
+  char* window = nullptr;  ///< mapping of the file's first bytes
   std::uint64_t windowSize = 0;
   std::uint64_t readable = 0;  ///< bytes that can be touched
   std::uint64_t writable = 0;
   std::uint64_t readWindow = 0;  ///< not 0: served reads are wanted, of so many bytes
   std::uint32_t plainReads = 0;  ///< of these bytes by a system call, since the last look
-  bool keepsLength = false;      ///< holds its share of kLengthByte
+  bool keepsLength = false;      ///< holds its share of the file's length
   std::uint64_t size = 0;        ///< of the file, in a stable time
   bool stable = false;
   bool holes = false;          ///< the file has or may have some
   bool resized = false;        ///< by this handle, in a stable time
   std::uint64_t version = 0;   ///< of `size` and `holes`; 0: they are not known
-  LockArea* area = nullptr;    ///< where its locks lie, if not on itself
-  RecordUse* use = nullptr;    ///< its record there, from the first look at a lock on
-  int lockFd = -1;             ///< lent by the area, from the first lock on
-  bool underAllNames = false;  ///< its words are locked on itself too
   FileRecord* next = nullptr;  ///< all open files, for the fork handler
   FileRecord* previous = nullptr;
 };
@@ -252,110 +225,6 @@ void noteChange(FileRecord* record, std::uint64_t size, bool hole) {
   if (record->stable) noteSize(record, size, hole || record->holes);
 }
 
-std::uint64_t placeOf(LockWord word) {
-  if (kStrictLocks) return word.position;
-  return word.ordinal == 0 ? word.position : kOrdinalBase + (word.ordinal & (kOrdinalBase - 1));
-}
-
-/// Makes the record's locks ready to be looked at.
-SystemCode findLocks(FileRecord* record) {
-  if (record->area == nullptr || record->use != nullptr) return 0;
-  return useRecord(record->area, record->path.substr(record->path.rfind('/') + 1), &record->use);
-}
-
-/// The open file that the record's locks belong to.
-SystemCode lockingFile(FileRecord* record, int* fd) {
-  *fd = record->fd;
-  if (record->area == nullptr) return 0;
-  if (record->lockFd < 0) {
-    if (const SystemCode failure = lendLockFile(record->area, &record->lockFd); failure != 0) {
-      return failure;
-    }
-  }
-  *fd = record->lockFd;
-  return 0;
-}
-
-/// Where a word's lock lies, once findLocks() has succeeded.
-std::uint64_t startOf(const FileRecord* record, LockWord word) {
-  constexpr std::uint64_t kHalf = kRegion / 2;  // for words, and for numbered ones
-  const std::uint64_t place = placeOf(word);
-  if (record->use == nullptr) return place;
-  return regionOf(*record->use) + (place & (kHalf - 1)) +
-         (kStrictLocks || word.ordinal == 0 ? 0 : kHalf);
-}
-
-struct flock rangeOf(std::uint64_t start, LockWord word, short type) {
-  struct flock range {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = static_cast<off_t>(start);
-  range.l_len = kStrictLocks || word.ordinal == 0 ? 4 : 1;
-  return range;
-}
-
-/// An open file to ask for others' locks through.
-int askingFd(const FileRecord* record) {
-  if (record->area == nullptr) return record->fd;
-  return record->lockFd >= 0 ? record->lockFd : askingFile(record->area);
-}
-
-SystemCode lockRange(int fd, struct flock range) {
-  while (fcntl(fd, F_OFD_SETLK, &range) != 0) {
-    if (errno == EINTR) continue;
-    return errno == EACCES ? code::kLockViolation : lastCode();
-  }
-  return 0;
-}
-
-/// Whether another handle has locked a word of the file itself, under whatever name it was opened.
-/// A lock that a mere reader can place does not count.
-SystemCode askUnderAllNames(FileRecord* record, LockWord word) {
-  struct flock range = rangeOf(placeOf(word), word, F_RDLCK);
-  if (fcntl(record->fd, F_OFD_GETLK, &range) != 0) return lastCode();
-  return range.l_type == F_UNLCK ? 0 : code::kLockViolation;
-}
-
-SystemCode lockUnderAllNames(FileRecord* record, LockWord word, short type) {
-  const SystemCode failure = lockRange(record->fd, rangeOf(placeOf(word), word, type));
-  return failure == code::kLockViolation ? askUnderAllNames(record, word) : failure;
-}
-
-/// Locks or unlocks a word without waiting.
-SystemCode setLock(FileRecord* record, LockWord word, short type) {
-  int fd = -1;
-  SystemCode failure = findLocks(record);
-  if (failure == 0) failure = lockingFile(record, &fd);
-  if (failure == 0) failure = lockRange(fd, rangeOf(startOf(record, word), word, type));
-  if (failure != 0 || !record->underAllNames) return failure;
-  failure = lockUnderAllNames(record, word, type);
-  if (failure != 0) {
-    static_cast<void>(lockRange(fd, rangeOf(startOf(record, word), word, F_UNLCK)));
-  }
-  return failure;
-}
-
-/// Whether the build has others' locks stand in the way of a read or a write.
-bool isRefused([[maybe_unused]] FileRecord* record, [[maybe_unused]] std::uint64_t position,
-               [[maybe_unused]] std::uint32_t length) {
-#ifdef ZELTA_STRICT_LOCKS
-  if (length == 0 || findLocks(record) != 0) return false;
-  struct flock range = rangeOf(startOf(record, {position}), {position}, F_RDLCK);
-  range.l_len = length;
-  return fcntl(askingFd(record), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
-#else
-  return false;
-#endif
-}
-
-/// Gives up what the record has of its lock area, locks included.
-void leaveLocks(FileRecord* record) {
-  if (record->area == nullptr) return;
-  if (record->lockFd >= 0) giveLockFileBack(record->area, record->lockFd);
-  if (record->use != nullptr) leaveRecord(record->use);
-  releaseArea(record->area);
-}
-
 bool mapWindow(FileRecord* record, std::uint64_t window) {
   if (record->window != nullptr) return true;
   void* memory = mmap(nullptr, window, PROT_READ | PROT_WRITE, MAP_SHARED, record->fd, 0);
@@ -365,16 +234,11 @@ bool mapWindow(FileRecord* record, std::uint64_t window) {
   return true;
 }
 
-/// What cannot be had for want of memory is not had.
-bool lockLength(FileRecord* record, short type) noexcept {
+bool lockLength(FileRecord* record, short type) {
 #ifdef ZELTA_FAULTS
   countCall();
 #endif
-  try {
-    return setLock(record, kLengthByte, type) == 0;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  return record->locks.setLength(type);
 }
 
 /// A reader has read by system calls for a while: maps the file, or learns how long it is now.
@@ -398,7 +262,7 @@ SystemCode readRecord(FileRecord* record, std::uint64_t position, void* buffer,
   if (asked.code != 0) return asked.code;
   if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
 #endif
-  if (isRefused(record, position, length)) return code::kLockViolation;
+  if (record->locks.refuse(position, length)) return code::kLockViolation;
   if (length <= record->readable && position <= record->readable - length) {
     std::memcpy(buffer, record->window + position, length);
     *transferred = length;
@@ -463,7 +327,7 @@ SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
   *out = File::none;
   const std::string path = pathOf(name);
   ZELTA_ASK(open, path, static_cast<std::uint64_t>(disposition));
-  auto record = std::make_unique<FileRecord>(FileRecord{-1, path, {}});
+  auto record = std::make_unique<FileRecord>(path);
   Opened opened{path};
   opened.fd = openPath(path, disposition, &opened.created);
   if (opened.fd < 0) return nameFailure(path);
@@ -474,6 +338,7 @@ SystemCode openFile(const char16_t* name, Disposition disposition, File* out) {
   }
   if (opened.created) folderChanged(path);
   record->fd = std::exchange(opened.fd, -1);
+  record->locks.open(record->fd, record->path);
   enter(record.get());
   *out = static_cast<File>(reinterpret_cast<std::uintptr_t>(record.release()));
   return 0;
@@ -485,33 +350,18 @@ SystemCode closeFile(File file) {
   SystemCode result = 0;
   leave(record);
   if (record->window != nullptr) munmap(record->window, record->windowSize);
-  if (record->fd >= 0) {
-    // A child that was forked before its handler ran may share the open file: unlock by name.
-    if ((record->area == nullptr || record->underAllNames) &&
-        (!record->held.empty() || record->keepsLength)) {
-      struct flock all {};
-      all.l_type = F_UNLCK;
-      all.l_whence = SEEK_SET;
-      fcntl(record->fd, F_OFD_SETLK, &all);
-    }
-    if (close(record->fd) != 0) result = lastCode();
-    leaveLocks(record);
-  }
+  record->locks.close(record->fd < 0);
+  if (record->fd >= 0 && close(record->fd) != 0) result = lastCode();
   delete record;
   return result;
 }
 
 void bindLocks(File file, LockFile lockFile) {
-  FileRecord* record = usable(file);
-  if (record == nullptr || record->area != nullptr || lockFile == LockFile::none) return;
-  record->area = areaOf(lockFile);
-  holdArea(record->area);
+  if (FileRecord* record = usable(file); record != nullptr) record->locks.bind(areaOf(lockFile));
 }
 
 void lockUnderAllNames(File file) {
-  if (FileRecord* record = usable(file); record != nullptr) {
-    record->underAllNames = record->area != nullptr;
-  }
+  if (FileRecord* record = usable(file); record != nullptr) record->locks.bindUnderAllNames();
 }
 
 SystemCode readFile(File file, std::uint64_t position, void* buffer, std::uint32_t length,
@@ -538,7 +388,7 @@ SystemCode writeRecord(File file, std::uint64_t position, const void* buffer, st
   if (asked.code != 0 && asked.cut >= length) return asked.code;
   if (asked.cut < length) length = static_cast<std::uint32_t>(asked.cut);
 #endif
-  if (isRefused(record, position, length)) return code::kLockViolation;
+  if (record->locks.refuse(position, length)) return code::kLockViolation;
   SystemCode result = 0;
   const bool inWindow = length <= record->writable && position <= record->writable - length;
   if (inWindow && (inOrder || position >= kHeaders)) {
@@ -617,7 +467,7 @@ SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length, con
   uncountCall();
   if (asked.cut < length) return 0;
 #endif
-  if (isRefused(record, position, length)) return code::kLockViolation;
+  if (record->locks.refuse(position, length)) return code::kLockViolation;
   *bytes = record->window + position;
   return 0;
 }
@@ -748,23 +598,14 @@ SystemCode lockWord(File file, LockWord word) {
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(lock, record->path, word.position, 4);
-  int fd = -1;
-  SystemCode failure = findLocks(record);  // what memory may be wanting for
-  if (failure == 0) failure = lockingFile(record, &fd);
-  if (failure != 0) return failure;
-  const auto [place, added] = record->held.insert(placeOf(word));
-  if (!added) return code::kLockViolation;
-  failure = setLock(record, word, F_WRLCK);
-  if (failure != 0) record->held.erase(place);
-  return failure;
+  return record->locks.lock(word);
 }
 
 SystemCode unlockWord(File file, LockWord word) {
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(unlock, record->path, word.position, 4);
-  if (record->held.erase(placeOf(word)) == 0) return code::kNotLocked;
-  return setLock(record, word, F_UNLCK);
+  return record->locks.unlock(word);
 }
 
 SystemCode readLockable(File file, LockWord word, std::uint64_t position, void* buffer,
@@ -772,15 +613,7 @@ SystemCode readLockable(File file, LockWord word, std::uint64_t position, void* 
   *transferred = 0;
   FileRecord* record = usable(file);
   if (record == nullptr) return code::kInvalidHandle;
-  if (record->held.find(placeOf(word)) == record->held.end()) {
-    if (const SystemCode failure = findLocks(record); failure != 0) return failure;
-    struct flock range = rangeOf(startOf(record, word), word, F_WRLCK);
-    if (fcntl(askingFd(record), F_OFD_GETLK, &range) != 0) return lastCode();
-    if (range.l_type != F_UNLCK) return code::kLockViolation;
-    if (record->underAllNames) {
-      if (const SystemCode failure = askUnderAllNames(record, word); failure != 0) return failure;
-    }
-  }
+  if (const SystemCode failure = record->locks.askFor(word); failure != 0) return failure;
   return readRecord(record, position, buffer, length, transferred);
 }
 
