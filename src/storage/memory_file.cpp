@@ -208,6 +208,7 @@ class Flush {
   MemoryFileHeader_tag& header_;
   const MemoryRecord* record_;
   HeaderImage image_;
+  std::uint64_t length_ = 0;  ///< of the file before
   bool intentWritten_ = false;
 };
 
@@ -240,6 +241,9 @@ Result Flush::settle(Result failure, bool uncertainBefore) {
 
 /// Settles the free chain and the new end, and adds up what the journal will hold.
 Result Flush::prepare() {
+  // Behind a damaged end there would be a hole.
+  ZELTA_TRY(outcome(platform::fileSize(manager_.memoryFile, &length_)));
+  if (length_ < header_.endOfFile) return corrupted(manager_);
   clearIntent(header_);
   header_.journalBase = header_.endOfFile;
   const std::uint64_t oldEnd = manager_.memoryEndOfFile;
@@ -307,10 +311,8 @@ Result Flush::writeJournal() {
   for (const FreeBlock* node = manager_.memoryFreeList; node != nullptr; node = node->nextNode) {
     if (node->dirty != 0) put(node, kFreeEntrySize);
   }
-  std::uint64_t length = 0;
-  if (result == 0) result = platform::fileSize(manager_.memoryFile, &length);
   if (result == 0) result = writer.finish();
-  if (result == 0 && position > length) reserveAhead(writer, position);
+  if (result == 0 && position > length_) reserveAhead(writer, position);
   return outcome(result);
 }
 

@@ -73,6 +73,15 @@ Result readTableHeader(MetaData& metaData, const char16_t* tableName, platform::
   return isPlausible(header) ? Result{} : reportDamagedTable(metaData, tableName, 0, 0);
 }
 
+Result requireWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
+                    const TableHeader_tag& header) {
+  std::uint64_t size = 0;
+  if (const SystemCode failure = platform::fileSize(file, &size); failure != 0) {
+    return reportTable(metaData, tableName, failure);
+  }
+  return header.endOfFile <= size ? Result{} : reportDamagedTable(metaData, tableName, 0, 0);
+}
+
 // -- Slots ----------------------------------------------------------------------------------------
 
 namespace {

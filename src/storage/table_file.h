@@ -89,6 +89,11 @@ static_assert(sizeof(EditEntry_tag) == 40);
 Result readTableHeader(MetaData& metaData, const char16_t* tableName, platform::File file,
                        TableHeader_tag& header, bool mayRecover);
 
+/// Own code 55 if the file ends before the end that its header tells: what is written behind that
+/// would leave a hole of any size. The caller owns the table's mutex.
+Result requireWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
+                    const TableHeader_tag& header);
+
 [[nodiscard]] constexpr std::uint64_t slotPosition(std::uint32_t slotBase, std::uint64_t objectID) {
   return slotBase + kObjectSlotSize * objectID;
 }

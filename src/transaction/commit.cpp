@@ -299,6 +299,16 @@ Result clearTheWay(MetaData& metaData, UInt32AVLTree*& tables) {
   return reportError(&metaData, Own::transactionLocked);
 }
 
+/// A table that could not take its edits over must be found before they are decided.
+Result requireWholeTable(MetaData& metaData, Table& table) {
+  TableMutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
+  TableHeader_tag header;
+  ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, header, true));
+  ZELTA_TRY(requireWhole(metaData, table.cName(), table.tableFile, header));
+  return guard.release();
+}
+
 }  // namespace
 
 std::vector<Table*> tablesInOrder(UInt32AVLTree* tables) {
@@ -331,6 +341,9 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
   }
   ZELTA_TRY(requireCarriedOut(metaData));
   ZELTA_TRY(clearTheWay(metaData, tables));
+  for (Table* table : all) {
+    if (table->hasEdits()) ZELTA_TRY(requireWholeTable(metaData, *table));
+  }
   Reserved entry;
   EnteredTables entered(edited);
   ZELTA_TRY(reserveEntry(metaData, size + kHeadSize, entry));

@@ -21,6 +21,7 @@ EditPlan::~EditPlan() {
 }
 
 Result EditPlan::make(const PendingImages& images) {
+  ZELTA_TRY(requireWhole(metaData_, table_.cName(), table_.tableFile, old_));
   const std::uint64_t greatest = images.added.empty() ? 0 : images.added.back().objectID;
   ZELTA_TRY(placeSlotArea(greatest));
   ZELTA_TRY(planFreeIDs(images));

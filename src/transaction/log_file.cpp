@@ -16,7 +16,12 @@ Result allocateLogBlock(MetaData& metaData, platform::File file, Change& change,
   const std::uint64_t smallest = smallestBlock(change.header);
   ZELTA_TRY(allocateWideBlock(metaData, file, change.freeList, change.freeHead, length, position,
                               blockLength, smallest));
-  if (*position != 0) return {};
+  if (*position != 0) {
+    const std::uint64_t end = change.header.endOfLog;
+    const bool inside =
+        *position >= kHeaderSize && *position <= end && *blockLength <= end - *position;
+    return inside ? Result{} : logIsBroken(metaData);
+  }
   *position = change.end;
   *blockLength = wideBlockNeed(length, smallest);
   change.end += *blockLength;

@@ -80,9 +80,37 @@ Result forEachNode(MetaData& metaData, platform::File file, const LogHeader_tag&
   return {};
 }
 
+/// The free blocks of a copy area.
+struct FreeBlocks {
+  FreeBlocks() = default;
+  ~FreeBlocks() { dropFreeChunks(chunks); }
+  FreeBlocks(const FreeBlocks&) = delete;
+  FreeBlocks& operator=(const FreeBlocks&) = delete;
+
+  /// Reads them. `*good` becomes false if one does not lie in the log that the change leaves.
+  Result read(MetaData& metaData, platform::File file, const LogHeader_tag& header, bool* good) {
+    const std::uint64_t start =
+        copyAreaStart(header) + std::uint64_t{header.nodeCount} * sizeof(NodeRecord_tag);
+    ZELTA_TRY(readFreeBlockJournal(metaData, file, start, header.freeCount, chunks));
+    const std::uint64_t end = header.intentStart;
+    for (const FreeBlockChunk* chunk = chunks; chunk != nullptr; chunk = chunk->nextChunk) {
+      for (std::uint32_t i = 0; i < chunk->used; ++i) {
+        const FreeBlockChunk::Entry& block = chunk->entries[i];
+        if (block.position < kHeaderSize || block.position > end ||
+            block.size > end - block.position) {
+          *good = false;
+        }
+      }
+    }
+    return {};
+  }
+
+  FreeBlockChunk* chunks = nullptr;
+};
+
 /// Whether copies and intent agree with the checksum.
 Result verifyIntent(MetaData& metaData, platform::File file, const LogHeader_tag& header,
-                    bool* good) {
+                    FreeBlocks& freeBlocks, bool* good) {
   std::uint64_t checksum = headerChecksum(header);
   std::array<char, 4096> bytes;
   for (std::uint64_t position = copyAreaStart(header); position < header.intentEnd;) {
@@ -95,6 +123,7 @@ Result verifyIntent(MetaData& metaData, platform::File file, const LogHeader_tag
   }
   *good = checksum == header.intentChecksum;
   if (!*good) return {};
+  ZELTA_TRY(freeBlocks.read(metaData, file, header, good));
   return forEachNode(metaData, file, header, [&](const NodeRecord_tag& record) {
     if (record.position < kHeaderSize || record.position > header.intentStart ||
         header.intentStart - record.position < kNodeSize) {
@@ -129,18 +158,12 @@ void takeNewValues(LogHeader_tag& header) {
 }
 
 /// Carries out a pending change from its copies.
-Result repeatIntent(MetaData& metaData, platform::File file, LogHeader_tag& header) {
+Result repeatIntent(MetaData& metaData, platform::File file, LogHeader_tag& header,
+                    const FreeBlocks& freeBlocks) {
   ZELTA_TRY(forEachNode(metaData, file, header, [&](const NodeRecord_tag& record) {
     return writeNode(metaData, file, record);
   }));
-  struct Chunks {
-    ~Chunks() { dropFreeChunks(first); }
-    FreeBlockChunk* first = nullptr;
-  } chunks;
-  const std::uint64_t entries =
-      copyAreaStart(header) + std::uint64_t{header.nodeCount} * sizeof(NodeRecord_tag);
-  ZELTA_TRY(readFreeBlockJournal(metaData, file, entries, header.freeCount, chunks.first));
-  ZELTA_TRY(applyWideBlockChunks(metaData, file, chunks.first));
+  ZELTA_TRY(applyWideBlockChunks(metaData, file, freeBlocks.chunks));
   ZELTA_TRY(writeEntryHead(metaData, file, header));
   takeNewValues(header);
   ZELTA_TRY(flush(metaData, file));
@@ -152,8 +175,9 @@ Result finishIntent(MetaData& metaData, platform::File file, LogHeader_tag& head
   // A log that was empty has no old end: nothing in it is worth a repetition.
   const std::uint64_t target = header.oldEnd != 0 ? header.oldEnd : header.endOfLog;
   bool good = intentIsSound(header, fileSize);
-  if (good) ZELTA_TRY(verifyIntent(metaData, file, header, &good));
-  if (good) return repeatIntent(metaData, file, header);
+  FreeBlocks freeBlocks;
+  if (good) ZELTA_TRY(verifyIntent(metaData, file, header, freeBlocks, &good));
+  if (good) return repeatIntent(metaData, file, header, freeBlocks);
   if (target > fileSize || (target != 0 && target < kHeaderSize)) return logIsBroken(metaData);
   ZELTA_TRY(flush(metaData, file));
   return settle(metaData, file, header, target);

@@ -96,7 +96,10 @@ Result EditPlan::allocate(std::uint64_t length, std::uint64_t* position, std::ui
   const auto wanted = static_cast<std::uint32_t>(length + kRecordFraming);
   ZELTA_TRY(allocateBlock(metaData_, table_.tableFile, freeList, next.freeHead, wanted, position,
                           size, old_.defaultObjectSize, next.objectAreaStart));
-  if (*position != 0) return {};
+  if (*position != 0) {
+    const bool inside = *position <= old_.endOfFile && *size <= old_.endOfFile - *position;
+    return inside ? Result{} : reportError(&metaData_, Own::freeList);
+  }
   *size = static_cast<std::uint32_t>(blockNeed(wanted, old_.defaultObjectSize));
   *position = next.endOfFile;
   next.endOfFile += *size;

@@ -1,0 +1,186 @@
+// Ends and sizes that a damaged file tells: nothing is written behind them, so that no file grows.
+
+#include "storage/memory_file.h"
+#include "storage/table_file.h"
+#include "support/edit_session.h"
+#include "transaction/log_fixture.h"
+
+namespace zelta {
+namespace {
+
+using testing::add;
+using testing::adds;
+using testing::EditSession;
+using testing::erase;
+using testing::FreshFolder;
+using testing::LogTest;
+using testing::numberAt;
+
+constexpr std::uint64_t kFar = std::uint64_t{1} << 31;
+
+std::uint64_t sizeOf(const FreshFolder& folder, const char* name) {
+  return std::filesystem::file_size(folder.path() / name);
+}
+
+/// Changes bytes of a file that others may have open.
+void patch(const FreshFolder& folder, const char* name, std::uint64_t position, const void* bytes,
+           std::int64_t length) {
+  platform::File file = platform::File::none;
+  ASSERT_EQ(
+      platform::openFile(folder.file(name).c_str(), platform::Disposition::openExisting, &file),
+      0u);
+  EXPECT_EQ(writeBuffer(file, position, bytes, length), 0u);
+  platform::closeFile(file);
+}
+
+class FalseEnd : public ::testing::TestWithParam<testing::TableForm> {
+ protected:
+  void SetUp() override {
+    EditSession session(folder, GetParam());
+    session.makeTable();
+    ASSERT_TRUE(session.enter().ok()) << session.error();
+    ASSERT_TRUE(session.carryOut(adds(1, 20)).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.carryOut({erase(3), erase(4), erase(5)}).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.end().ok()) << session.error();
+  }
+  FreshFolder folder;
+};
+
+TEST_P(FalseEnd, OfATableIs55BeforeACommitIsDecided) {
+  const std::uint64_t end = kFar;
+  const std::uint64_t size = sizeOf(folder, "T.zlt");
+  const std::string before = folder.bytes("T.zlt");
+  patch(folder, "T.zlt", offsetof(TableHeader_tag, endOfFile), &end, 8);
+  EditSession session(folder, GetParam());
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  ASSERT_TRUE(session.carryOut(adds(101, 130)).ok()) << session.error();
+  EXPECT_TRUE(session.commit().is(Own::tableFile));
+  EXPECT_EQ(session.error(), "Table T has become corrupted.");
+  EXPECT_EQ(sizeOf(folder, "T.zlt"), size);
+  // The transaction stands, and commits once the table is mended.
+  patch(folder, "T.zlt", 0, before.data(), static_cast<std::int64_t>(before.size()));
+  EXPECT_TRUE(session.commit().ok()) << session.error();
+  std::string damage;
+  EXPECT_EQ(session.readAll(&damage).size(), 17u + 30u);
+  EXPECT_EQ(damage, "");
+  EXPECT_TRUE(session.end().ok()) << session.error();
+}
+
+TEST_P(FalseEnd, OfAMemoryFileIs58) {
+  EditSession session(folder, GetParam());
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  ASSERT_TRUE(session.carryOut(adds(101, 101)).ok()) << session.error();
+  const std::string before = folder.bytes("T.zlm");
+  const std::uint64_t end = kFar;
+  const std::uint64_t size = sizeOf(folder, "T.zlm");
+  patch(folder, "T.zlm", offsetof(MemoryFileHeader_tag, endOfFile), &end, 8);
+  EXPECT_TRUE(session.add({999, ""}, 999).is(Own::memoryFile)) << session.error();
+  EXPECT_EQ(sizeOf(folder, "T.zlm"), size);
+  patch(folder, "T.zlm", 0, before.data(), static_cast<std::int64_t>(before.size()));
+  EXPECT_TRUE(session.end().ok()) << session.error();
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, FalseEnd, ::testing::ValuesIn(testing::kForms),
+                         [](const auto& state) {
+                           std::string name = state.param.name;
+                           std::replace(name.begin(), name.end(), ' ', '_');
+                           return name;
+                         });
+
+TEST(FalseFreeBlock, OfATableLeavesTheFileAsLongAsItWas) {
+  FreshFolder folder;
+  const testing::TableForm& form = testing::kForms[4];
+  {
+    EditSession session(folder, form);
+    session.makeTable();
+    ASSERT_TRUE(session.enter().ok());
+    ASSERT_TRUE(session.carryOut(adds(1, 20, 400)).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.carryOut({erase(3), erase(4)}).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.end().ok()) << session.error();
+  }
+  const auto head =
+      numberAt<std::uint64_t>(folder.bytes("T.zlt"), offsetof(TableHeader_tag, freeHead));
+  ASSERT_NE(head, 0u);
+  const std::uint32_t size = 0x7FFFFFF0;
+  patch(folder, "T.zlt", head, &size, 4);
+  const std::uint64_t length = sizeOf(folder, "T.zlt");
+  EditSession session(folder, form);
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  ASSERT_TRUE(session.carryOut({add(30, 30, 100)}).ok()) << session.error();
+  EXPECT_TRUE(session.commit().ok()) << "it stands in the log";
+  EXPECT_NE(session.error(), "");
+  clearError(session.metaData);
+  EXPECT_LE(sizeOf(folder, "T.zlt"), length + 4096);
+  EXPECT_TRUE(session.end().ok());
+}
+
+/// Entries of a log in the single form, of which the one in the middle was removed.
+class FalseLog : public LogTest {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(prepare().ok());
+    for (const std::uint32_t number : {7u, 8u, 9u}) ASSERT_NE(append(number, 400), 0u);
+  }
+};
+
+TEST_F(FalseLog, FreeBlockIs56) {
+  ASSERT_TRUE(removeLogEntry(metaData, 8, 0).ok());
+  const auto free = numberAt<std::uint64_t>(folder.bytes("shop.zll"), 16);
+  ASSERT_NE(free, 0u);
+  const std::uint64_t size = kFar;
+  patch(folder, "shop.zll", free, &size, 8);
+  const std::uint64_t length = sizeOf(folder, "shop.zll");
+  EXPECT_EQ(append(10, 400), 0u);
+  EXPECT_TRUE(last.is(Own::logFile));
+  EXPECT_EQ(sizeOf(folder, "shop.zll"), length);
+}
+
+TEST_F(FalseLog, FreeBlockOfAnIntentIsRolledBack) {
+  const std::string before = folder.bytes("shop.zll");
+  {
+    const testing::StopAfter stop(3);  // behind intent, copies and flush
+    ASSERT_TRUE(removeLogEntry(metaData, 8, 0).failed());
+  }
+  const std::string pending = folder.bytes("shop.zll");
+  LogHeader_tag intent;
+  std::memcpy(&intent, pending.data(), sizeof intent);
+  ASSERT_NE(intent.intentStart, 0u);
+  ASSERT_EQ(intent.freeCount, 1u);
+  const std::uint64_t block =
+      std::max(intent.intentStart, intent.oldEnd) + std::uint64_t{intent.nodeCount} * 328;
+  const auto position = numberAt<std::uint64_t>(pending, block);
+  patch(folder, "shop.zll", block, &kFar, 8);
+  const std::uint64_t sum = intent.intentChecksum ^ position ^ kFar;
+  patch(folder, "shop.zll", offsetof(LogHeader_tag, intentChecksum), &sum, 8);
+  std::uint64_t longest = 0;
+  class Longest : public platform::faults::Hook {
+   public:
+    explicit Longest(std::uint64_t& end) : end_(end) { platform::faults::install(this); }
+    ~Longest() override { platform::faults::install(nullptr); }
+    platform::faults::Verdict before(const platform::faults::Event& event) override {
+      if (event.call == platform::faults::Call::write) {
+        end_ = std::max(end_, event.position + event.length);
+      }
+      return {};
+    }
+
+   private:
+    std::uint64_t& end_;
+  };
+  {
+    const Longest hook(longest);
+    reopen();
+    ASSERT_TRUE(prepare().ok());
+    ASSERT_TRUE(readLogHeader(metaData, metaData.logFile, logHeader, true).ok());
+  }
+  EXPECT_LE(longest, pending.size());
+  EXPECT_EQ(raw().entries.size(), 3u) << "as before the removal";
+  EXPECT_EQ(folder.bytes("shop.zll"), before);
+}
+
+}  // namespace
+}  // namespace zelta
