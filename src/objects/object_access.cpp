@@ -8,6 +8,7 @@
 #include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
 #include "platform/clock.h"
+#include "transaction/decided_commit.h"
 #include "transaction/frame.h"
 
 namespace zelta {
@@ -72,6 +73,10 @@ Result ObjectAccess::run() {
       mutex_.release().ignore();
     }
     if (result.failed() && readAgain(result)) continue;
+    if (waitsForDecided(result)) {
+      ZELTA_TRY(waitOrFail(Outcome::blockedByTransaction));
+      continue;
+    }
     if (result.failed() && !result.isLocked()) return result;
     if (result.isLocked() && outcome == Outcome::done) outcome = Outcome::blockedByTransaction;
     if (outcome == Outcome::done) return {};
@@ -83,6 +88,22 @@ Result ObjectAccess::run() {
     }
     ZELTA_TRY(waitOrFail(outcome));
   }
+}
+
+/// Whether a key leads to no object because the commit that brings it is decided, has reached the
+/// index, and could not be carried out in the table: its transaction must end before somebody else
+/// can do so. The object is as good as locked meanwhile.
+bool ObjectAccess::waitsForDecided(Result result) {
+  if (!result.is(Own::indexInconsistent) || settled_) return false;
+  if (decidedBy_ == 0) {
+    const KeptError kept(metaData_);
+    decidedBy_ = findDecidedCommit(metaData_, table_, blockedID_);
+  }
+  if (decidedBy_ == 0) return false;
+  clearError(metaData_);
+  blockedBy_ = decidedBy_;
+  if (idleAsks_ != 0) --idleAsks_;  // each pass asks whether it has ended
+  return true;
 }
 
 Result ObjectAccess::openPass(TableHeader_tag& header) {

@@ -71,6 +71,7 @@ class ObjectAccess {
   [[nodiscard]] bool disturbed() const;
   [[nodiscard]] bool mayBeTorn(Result result) const;
   bool readAgain(Result result);
+  bool waitsForDecided(Result result);
 
   TableMutexGuard mutex_;
   std::uint32_t entry_ = 0;
@@ -82,6 +83,7 @@ class ObjectAccess {
   bool watching_ = true;       ///< it makes sure that nobody changes what it reads
   std::uint32_t changes_ = 0;  ///< count of changes at the beginning of the pass
   std::uint32_t tornRounds_ = 0;
+  std::uint32_t decidedBy_ = 0;  ///< whose decided commit this access waits for
   std::uint32_t repairs_ = 0;
   // Who keeps the object from this access
   std::uint64_t blockedID_ = 0;

@@ -29,32 +29,12 @@ class LaterEntries {
  private:
   Result visitEntry(platform::File file, std::uint64_t position);
   Result visitSections(EntryReader& reader, std::uint32_t count);
-  Result verify(platform::File file, const LogEntryHead_tag& head, std::uint64_t position,
-                bool* good);
 
   MetaData& metaData_;
   std::uint32_t tableId_;
   std::uint32_t idSize_;
   std::set<std::uint64_t>& objects_;
 };
-
-Result LaterEntries::verify(platform::File file, const LogEntryHead_tag& head,
-                            std::uint64_t position, bool* good) {
-  constexpr std::uint32_t kPiece = 64 * 1024;
-  char* bytes = metaData_.scratchFor(Scratch::transfer).reserve(kPiece);
-  std::uint64_t sum = 0;
-  const std::uint64_t end = position + head.blockLength;
-  for (std::uint64_t at = position + sizeof head; at < end;) {
-    const auto length = static_cast<std::uint32_t>(end - at < kPiece ? end - at : kPiece);
-    if (const SystemCode failure = readBuffer(file, at, bytes, length); failure != 0) {
-      return reportLogError(metaData_, failure);
-    }
-    xorChecksum64(sum, bytes, length);
-    at += length;
-  }
-  *good = sum == head.checksum;
-  return {};
-}
 
 Result LaterEntries::visitSections(EntryReader& reader, std::uint32_t count) {
   for (std::uint32_t i = 0; i < count && !objects_.empty(); ++i) {
@@ -86,9 +66,8 @@ Result LaterEntries::visitEntry(platform::File file, std::uint64_t position) {
   if (failure == code::kLockViolation) return {};
   if (failure != 0) return reportLogError(metaData_, failure);
   if (read < sizeof head) return logIsBroken(metaData_);
-  if (head.sectionCount == 0) return {};
   bool good = false;
-  ZELTA_TRY(verify(file, head, position, &good));
+  ZELTA_TRY(verifyLogEntry(metaData_, file, head, position, &good));
   if (!good) return {};
   EntryReader reader(metaData_, file, head, position);
   const Result result = visitSections(reader, head.sectionCount);

@@ -267,6 +267,33 @@ SystemCode completeLogEntry(platform::File file, std::uint64_t position,
   return failure != 0 ? failure : platform::flushFile(file);
 }
 
+Result verifyLogEntry(MetaData& metaData, platform::File file, const LogEntryHead_tag& head,
+                      std::uint64_t position, bool* complete) {
+  constexpr std::uint32_t kPiece = 64 * 1024;
+  *complete = false;
+  std::uint64_t size = 0;
+  if (const SystemCode failure = platform::fileSize(file, &size); failure != 0) {
+    return reportLogError(metaData, failure);
+  }
+  const std::uint64_t end = position + head.blockLength;
+  if (!head.isEntry() || head.sectionCount == 0 || head.blockLength < sizeof head || end > size ||
+      end < position) {
+    return {};
+  }
+  char* bytes = metaData.scratchFor(Scratch::transfer).reserve(kPiece);
+  std::uint64_t sum = 0;
+  for (std::uint64_t at = position + sizeof head; at < end;) {
+    const auto length = static_cast<std::uint32_t>(std::min<std::uint64_t>(end - at, kPiece));
+    if (const SystemCode failure = readBuffer(file, at, bytes, length); failure != 0) {
+      return reportLogError(metaData, failure);
+    }
+    xorChecksum64(sum, bytes, length);
+    at += length;
+  }
+  *complete = sum == head.checksum;
+  return {};
+}
+
 Result appendLogEntry(MetaData& metaData, platform::File file, LogHeader_tag& logHeader,
                       std::uint32_t number, std::uint64_t length, std::uint64_t* position,
                       LogEntryHead_tag* entryHead, std::uint64_t expected) {
@@ -322,7 +349,7 @@ Result findLogEntry(MetaData& metaData, const ControlHeader_tag* header, std::ui
     header = &own;
   }
   LogMutexGuard mutex;
-  ZELTA_TRY(mutex.acquire(metaData, kLogMutexWait));
+  if (metaData.mayWrite()) ZELTA_TRY(mutex.acquire(metaData, kLogMutexWait));
   if ((header->logFlags & 1) != 0) {
     return findInNumbered(metaData, header->firstLogFile, header->lastLogFile, number, logHeader,
                           out, position);

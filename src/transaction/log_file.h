@@ -138,13 +138,19 @@ Result appendLogEntry(MetaData& metaData, platform::File file, LogHeader_tag& lo
 [[nodiscard]] SystemCode completeLogEntry(platform::File file, std::uint64_t position,
                                           const LogEntryHead_tag& head);
 
+/// Whether an entry is complete: it lies in the file, has sections, and its checksum holds. One
+/// without sections was never completed, whatever its checksum.
+Result verifyLogEntry(MetaData& metaData, platform::File file, const LogEntryHead_tag& head,
+                      std::uint64_t position, bool* complete);
+
 /// Takes the entry at `position` out of `logFile`; 0: the last one of the number. Own code 33: not
 /// found. Waits for logMutex itself.
 Result removeLogEntry(MetaData& metaData, std::uint32_t number, std::uint64_t position);
 
 /// Finds the last entry of a number. `*position` 0: there is none. In the single form `*out` is
 /// `logFile`; in the numbered form it is a handle that the caller closes. `header` null: its log
-/// words are read from the control file. Waits for logMutex itself.
+/// words are read from the control file. Waits for logMutex itself, unless the transaction may not
+/// write: such a one waits for nobody, and may meet a change halfway, which is a failure.
 Result findLogEntry(MetaData& metaData, const ControlHeader_tag* header, std::uint32_t number,
                     LogHeader_tag& logHeader, platform::File* out, std::uint64_t* position);
 

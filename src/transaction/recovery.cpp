@@ -74,35 +74,10 @@ Result readHead(MetaData& metaData, FoundEntry& entry) {
   }
 }
 
-/// An entry without sections was never completed, whatever its checksum.
-Result verify(MetaData& metaData, FoundEntry& entry) {
-  constexpr std::uint32_t kPiece = 64 * 1024;
-  constexpr std::uint64_t kHead = sizeof(LogEntryHead_tag);
-  std::uint64_t size = 0;
-  if (const SystemCode failure = platform::fileSize(entry.file, &size); failure != 0) {
-    return reportLog(metaData, failure);
-  }
-  const std::uint64_t end = entry.position + entry.head.blockLength;
-  if (!entry.head.isEntry() || entry.head.sectionCount == 0 || entry.head.blockLength < kHead ||
-      end > size || end < entry.position) {
-    return {};
-  }
-  char* bytes = metaData.scratchFor(Scratch::transfer).reserve(kPiece);
-  std::uint64_t sum = 0;
-  for (std::uint64_t at = entry.position + kHead; at < end;) {
-    const auto length = static_cast<std::uint32_t>(end - at < kPiece ? end - at : kPiece);
-    ZELTA_TRY(reportLog(metaData, readBuffer(entry.file, at, bytes, length)));
-    xorChecksum64(sum, bytes, length);
-    at += length;
-  }
-  entry.committed = sum == entry.head.checksum;
-  return {};
-}
-
 Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
                          FoundEntry& entry) {
   ZELTA_TRY(readHead(metaData, entry));
-  ZELTA_TRY(verify(metaData, entry));
+  ZELTA_TRY(verifyLogEntry(metaData, entry.file, entry.head, entry.position, &entry.committed));
   if (entry.committed) {
     ZELTA_TRY(replayLogEntry(metaData, tables, entry.file, entry.head, entry.position));
   }

@@ -1,0 +1,111 @@
+#include "transaction/decided_commit.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "frame/control_file.h"
+#include "storage/file_io.h"
+#include "storage/table.h"
+#include "transaction/log_file.h"
+#include "transaction/log_section.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::uint32_t kExclusive = 1;
+
+class DecidedSearch {
+ public:
+  DecidedSearch(MetaData& metaData, const Table& table, std::uint64_t objectID)
+      : metaData_(metaData), table_(table), objectID_(objectID) {}
+
+  Result run(std::uint32_t* number);
+
+ private:
+  Result isBrought(std::uint32_t number, const ControlHeader_tag& header, bool* brought);
+  Result isInSections(EntryReader& reader, std::uint32_t sections, bool* found);
+
+  MetaData& metaData_;
+  const Table& table_;
+  std::uint64_t objectID_;
+};
+
+Result DecidedSearch::isInSections(EntryReader& reader, std::uint32_t sections, bool* found) {
+  for (std::uint32_t i = 0; i < sections && !*found; ++i) {
+    const char* bytes = nullptr;
+    LogTableSection_tag section;
+    ZELTA_TRY(reader.take(sizeof section, &bytes));
+    std::memcpy(&section, bytes, sizeof section);
+    if (std::memcmp(section.magic, "ZELD", 4) != 0) return {};  // changes of the directory
+    const bool same = section.tableId == table_.id();
+    TableSection contents;
+    ZELTA_TRY(readTableSection(reader, section, same ? table_.idSize() : 0, contents));
+    *found = same && std::any_of(contents.images.begin(), contents.images.end(),
+                                 [this](auto& image) { return image.objectID == objectID_; });
+  }
+  return {};
+}
+
+Result DecidedSearch::isBrought(std::uint32_t number, const ControlHeader_tag& header,
+                                bool* brought) {
+  LogHeader_tag logHeader;
+  platform::File file = platform::File::none;
+  std::uint64_t position = 0;
+  ZELTA_TRY(findLogEntry(metaData_, &header, number, logHeader, &file, &position));
+  if (position == 0) return {};
+  const FileGuard guard(file == metaData_.logFile ? platform::File::none : file);
+  LogEntryHead_tag head{};
+  std::uint32_t count = 0;
+  // A head that is locked, or cut short, is that of an entry in the making.
+  if (platform::readLockable(file, logEntryLock(position), position, &head, sizeof head, &count) !=
+          0 ||
+      count != sizeof head) {
+    return {};
+  }
+  bool complete = false;
+  ZELTA_TRY(verifyLogEntry(metaData_, file, head, position, &complete));
+  if (!complete) return {};
+  EntryReader reader(metaData_, file, head, position);
+  return isInSections(reader, head.sectionCount, brought);
+}
+
+Result DecidedSearch::run(std::uint32_t* number) {
+  const auto report = [this](SystemCode failure) {
+    return reportSystemError(&metaData_, failure, metaData_.baseName.c_str(), extension::kControl);
+  };
+  ControlHeader_tag header{};
+  std::uint32_t exclusive = 0;
+  std::uint64_t size = 0;
+  ZELTA_TRY(report(readBuffer(metaData_.controlFile, 0, &header, kExclusiveWord)));
+  ZELTA_TRY(report(readBuffer(metaData_.controlFile, offsetof(ControlHeader_tag, exclusiveState),
+                              &exclusive, sizeof exclusive)));
+  ZELTA_TRY(report(platform::fileSize(metaData_.controlFile, &size)));
+  const auto ask = [&](std::uint32_t candidate, bool* brought) {
+    *brought = false;
+    if (candidate == metaData_.transactionWord) return Result{};
+    return isBrought(candidate, header, brought);
+  };
+  bool brought = false;
+  if (exclusive != 0) ZELTA_TRY(ask(kExclusive, &brought));
+  if (brought) *number = kExclusive;
+  for (std::uint64_t slot = header.directoryEnd; !brought && slot + kSlotSize <= size;
+       slot += kSlotSize) {
+    std::uint32_t candidate = 0;
+    ZELTA_TRY(report(readBuffer(metaData_.controlFile, slot, &candidate, sizeof candidate)));
+    if (candidate < kFirstSlotNumber) continue;
+    ZELTA_TRY(ask(candidate, &brought));
+    if (brought) *number = candidate;
+  }
+  return {};
+}
+
+}  // namespace
+
+std::uint32_t findDecidedCommit(MetaData& metaData, const Table& table, std::uint64_t objectID) {
+  std::uint32_t number = 0;
+  DecidedSearch(metaData, table, objectID).run(&number).ignore();
+  return number;
+}
+
+}  // namespace zelta
