@@ -1,5 +1,5 @@
-// Makes the seeds of the targets that work on files: databases of all forms, and what processes
-// leave that die at a call which changes files. The argument is the folder for them.
+// Makes the seeds of all targets: databases of all forms, and what processes leave that die at a
+// call which changes files; calls at random. The argument is the folder for them.
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -87,12 +87,7 @@ bool inChild(const std::function<void()>& work) {
 }
 
 void must(CZELTA& handle, unsigned long long word) {
-  if (word == 0) return;
-  const char16_t* text = nullptr;
-  handle.GetErrorMessage(&text);
-  std::string narrow;
-  for (; *text != 0; ++text) narrow += static_cast<char>(*text);
-  found("a seed cannot be made: " + narrow);
+  zelta::fuzz::must(handle, word, "a seed cannot be made");
 }
 
 /// A handle of the seeds' database.
@@ -167,6 +162,8 @@ class SeedMaker {
   void makeForm(Form form);
   void makeRotation();
   void makeDirectoryChanges();
+  /// Calls of the whole interface at random, for the target that has no files.
+  void makeCalls();
   std::string steering();
 
   std::filesystem::path folder_;
@@ -196,7 +193,7 @@ std::string SeedMaker::steering() {
 void SeedMaker::keep(const std::string& name, Archive archive) {
   archive.steering = steering();
   const std::string bytes = pack(archive);
-  std::ofstream(folder_ / name, std::ios::binary | std::ios::trunc) << bytes;
+  std::ofstream(folder_ / "databases" / name, std::ios::binary | std::ios::trunc) << bytes;
   ++count_;
 }
 
@@ -358,10 +355,22 @@ void SeedMaker::makeDirectoryChanges() {
   }
 }
 
+void SeedMaker::makeCalls() {
+  for (unsigned i = 0; i < 60; ++i) {
+    std::string bytes(1, static_cast<char>(i));
+    for (unsigned left = 120 + random_() % 600; left != 0; --left) {
+      bytes += static_cast<char>(random_() % 256);
+    }
+    std::ofstream(folder_ / "calls" / std::to_string(i), std::ios::binary) << bytes;
+    ++count_;
+  }
+}
+
 void SeedMaker::make() {
   for (const Form form : kForms) makeForm(form);
   makeRotation();
   makeDirectoryChanges();
+  makeCalls();
 }
 
 }  // namespace
@@ -371,9 +380,11 @@ int main(int count, char** arguments) {
     std::fputs("usage: make_seeds FOLDER\n", stderr);
     return 2;
   }
-  std::filesystem::create_directories(arguments[1]);
+  const std::filesystem::path folder = arguments[1];
+  for (const char* part : {"databases", "calls"})
+    std::filesystem::create_directories(folder / part);
   World::get();
-  SeedMaker maker(arguments[1]);
+  SeedMaker maker(folder);
   maker.make();
   std::printf("%u seeds\n", maker.count());
   return 0;

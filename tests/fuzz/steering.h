@@ -27,8 +27,8 @@ class Steering {
     return static_cast<Number>(value);
   }
   /// A number below `n`, which is at most 65536.
-  std::uint32_t below(std::uint32_t n) {
-    return (n <= 256 ? std::uint32_t{byte()} : number<std::uint16_t>()) % n;
+  std::uint32_t below(std::size_t n) {
+    return static_cast<std::uint32_t>((n <= 256 ? byte() : number<std::uint16_t>()) % n);
   }
   template <class Value, std::size_t n>
   const Value& pick(const Value (&values)[n]) {
