@@ -89,7 +89,10 @@ class Caller {
   void newObject(Steering& steering);
   void variableField(Steering& steering);
   void putValues(Steering& steering);
-  void addContentCall(Steering& steering);
+  bool add(unsigned int table, const std::string& content, long long id);
+  void addOne(Steering& steering);
+  void addMany(Steering& steering);
+  void eraseMany(Steering& steering);
   void addBuffer(Steering& steering);
   void rewrite(Steering& steering);
   void read(Steering& steering);
@@ -174,7 +177,9 @@ void Caller::call(Steering& steering) {
       {&Caller::newObject, "newObject", 1},
       {&Caller::variableField, "variableField", 1},
       {&Caller::putValues, "putValues", 2},
-      {&Caller::addContentCall, "addContentCall", 5},
+      {&Caller::addOne, "addOne", 5},
+      {&Caller::addMany, "addMany", 3},
+      {&Caller::eraseMany, "eraseMany", 1},
       {&Caller::addBuffer, "addBuffer", 1},
       {&Caller::rewrite, "rewrite", 3},
       {&Caller::read, "read", 2},
@@ -184,7 +189,7 @@ void Caller::call(Steering& steering) {
       {&Caller::restore, "restore", 1},
       {&Caller::search, "search", 1},
   };
-  constexpr unsigned kWeights = 48;
+  constexpr unsigned kWeights = 52;
   std::uint32_t choice = steering.below(kWeights);
   const Entry* entry = kCalls;
   for (; choice >= entry->weight; ++entry) choice -= entry->weight;
@@ -424,19 +429,50 @@ long long someID(Steering& steering) {
   return steering.once(32) ? steering.pick(kFar) : 1 + steering.below(24);
 }
 
-void Caller::addContentCall(Steering& steering) {
-  const unsigned int table = someTable(steering);
+/// Whether there was a buffer for it.
+bool Caller::add(unsigned int table, const std::string& content, long long id) {
   const Form form = formOf(table);
-  static constexpr std::size_t kLengths[] = {0, 3, 15, 15, 40, 200, 3000};
-  const std::size_t length = steering.pick(kLengths);
-  const std::string content = contentOf(form, steering.below(60), length);
   CZELTA::Object object{};
-  if (ask([&] { return handle().NewObject(table, &object, 0); }) != 0) return;
-  if (ask([&] { return putContent(handle(), table, form, content, object); }) != 0) return;
-  const long long id = steering.once(4) ? 1 + steering.below(300) : 0;
-  if (ask([&] { return handle().AddObject(table, &object, id); }) != 0) return;
+  if (ask([&] { return handle().NewObject(table, &object, 0); }) != 0) return false;
+  if (ask([&] { return putContent(handle(), table, form, content, object); }) != 0) return true;
+  if (ask([&] { return handle().AddObject(table, &object, id); }) != 0) return true;
   expect(object.objectID > 0 && (id == 0 || object.objectID == id), "an object with another ID");
   model_.put(now_, table, object.objectID, bytesOf(object));
+  return true;
+}
+
+void Caller::addOne(Steering& steering) {
+  const unsigned int table = someTable(steering);
+  static constexpr std::size_t kLengths[] = {0, 3, 15, 15, 40, 200, 3000};
+  const std::size_t length = steering.pick(kLengths);
+  const std::string content = contentOf(formOf(table), steering.below(60), length);
+  const long long id = steering.once(4) ? 1 + steering.below(300) : 0;
+  add(table, content, id);
+}
+
+/// Enough to give trees another level.
+void Caller::addMany(Steering& steering) {
+  const unsigned int table = someTable(steering);
+  const std::uint32_t first = steering.below(200);
+  const std::uint32_t count = steering.below(48);
+  const std::size_t length = steering.below(160);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (!add(table, contentOf(formOf(table), first + i, length), 0)) return;
+  }
+}
+
+void Caller::eraseMany(Steering& steering) {
+  const unsigned int table = someTable(steering);
+  const std::uint32_t count = steering.below(48);
+  const auto mode = steering.flag() ? CZELTA::ReadFirst : CZELTA::ReadLast;
+  const unsigned index = steering.below(3);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    CZELTA::Object object{};
+    const auto word =
+        ask([&] { return handle().DeleteObject(table, mode, &object, index, nullptr, nullptr); });
+    if (word != 0) return;
+    model_.erase(now_, table, object.objectID);
+  }
 }
 
 /// Whatever the buffer holds.

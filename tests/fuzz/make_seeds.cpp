@@ -161,6 +161,8 @@ class SeedMaker {
   Archive filled(Form form, bool kept, bool folder);
   void makeForm(Form form);
   void makeRotation();
+  /// Trees of several levels in all files.
+  void makeDeepTrees();
   void makeDirectoryChanges();
   /// Calls of the whole interface at random, for the target that has no files.
   void makeCalls();
@@ -328,6 +330,42 @@ void SeedMaker::makeRotation() {
   }
 }
 
+void SeedMaker::makeDeepTrees() {
+  constexpr std::size_t kLongKey = 110;
+  const auto enter = [](Seed& seed) {
+    seed.open();
+    seed.enter();
+  };
+  const Archive keys = after(filled(Form::variable, false, false), [&](Seed& seed) {
+    enter(seed);
+    seed.add(Form::variable, 100, 139, kLongKey);
+    seed.commit();
+  });
+  const auto thin = [&](Seed& seed) {
+    for (long long id = 12; id < 44; id += 1 + id % 2) seed.erase(id);
+    seed.add(Form::variable, 200, 209, kLongKey);
+  };
+  keep("deep", keys);
+  deaths(
+      "deep-commit", keys, 6,
+      [&](Seed& seed) {
+        enter(seed);
+        thin(seed);
+      },
+      [](Seed& seed) { seed.commit(); });
+  deaths("deep-add", keys, 3, enter, thin);
+  const auto addMany = [](Seed& seed) { seed.add(Form::fixed, 100, 230); };
+  const Archive few = filled(Form::fixed, true, false);
+  deaths("many-add", few, 6, enter, addMany);
+  keep("many-commits", after(few, [&](Seed& seed) {
+         enter(seed);
+         for (std::uint32_t i = 100; i < 140; ++i) {
+           seed.add(Form::fixed, i, i);
+           seed.commit();
+         }
+       }));
+}
+
 void SeedMaker::makeDirectoryChanges() {
   const Archive empty = after({}, [](Seed& seed) { seed.create(); });
   keep("empty", empty);
@@ -369,6 +407,7 @@ void SeedMaker::makeCalls() {
 void SeedMaker::make() {
   for (const Form form : kForms) makeForm(form);
   makeRotation();
+  makeDeepTrees();
   makeDirectoryChanges();
   makeCalls();
 }
