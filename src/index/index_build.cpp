@@ -231,24 +231,38 @@ bool TableScan::hasID(const char* object, std::uint64_t objectID) const {
   return stored == objectID;
 }
 
+/// Reads the next object for a build, and remembers one that waits for its content.
+Result readForBuild(Table& table, TableScan& scan, std::uint64_t objectID, const char** object,
+                    std::uint32_t* size) {
+  const Result result = scan.read(objectID, object, size);
+  table.buildWaitsFor = result.isLocked() ? objectID : 0;
+  return result;
+}
+
 }  // namespace
 
 Result buildIndexFile(MetaData& metaData, Table& table, const TableHeader_tag* tableHeader,
                       IndexFileHeader_tag& header, AtomicManager& manager) {
-  AtomicManager own(metaData, table);
-  IndexFileHeader_tag fresh{};
-  IndexBuild build(metaData, table, fresh, own);
   TableHeader_tag read{};
   if (tableHeader == nullptr) {
     ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, read, true));
     tableHeader = &read;
   }
-  ZELTA_TRY(build.start());
   TableScan scan(metaData, table, *tableHeader);
+  if (table.buildWaitsFor != 0 && table.buildWaitsFor <= tableHeader->highestID) {
+    // Who waits for the object comes here again and again; all before it was read for nothing once.
+    const char* object = nullptr;
+    std::uint32_t size = 0;
+    ZELTA_TRY(readForBuild(table, scan, table.buildWaitsFor, &object, &size));
+  }
+  AtomicManager own(metaData, table);
+  IndexFileHeader_tag fresh{};
+  IndexBuild build(metaData, table, fresh, own);
+  ZELTA_TRY(build.start());
   for (std::uint64_t objectID = 1; objectID <= tableHeader->highestID; ++objectID) {
     const char* object = nullptr;
     std::uint32_t size = 0;
-    ZELTA_TRY(scan.read(objectID, &object, &size));
+    ZELTA_TRY(readForBuild(table, scan, objectID, &object, &size));
     if (object != nullptr) ZELTA_TRY(build.add(object, size, objectID));
   }
   ZELTA_TRY(build.finish());

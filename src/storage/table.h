@@ -95,6 +95,8 @@ class Table final : public UInt32AVLTree {
   std::uint64_t keySourceID = 0;  ///< its ID; 0: there is none
   platform::File tableFile = platform::File::none;
   platform::File indexFile = platform::File::none;
+  /// The object whose missing content stopped the building of the index file; 0: none has.
+  std::uint64_t buildWaitsFor = 0;
   platform::File memoryFile = platform::File::none;
   platform::Mutex tableMutex = platform::Mutex::none;
   /// A count of changes that stayed odd too long to wait for its end again; 0: none.
