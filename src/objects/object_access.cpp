@@ -103,6 +103,7 @@ bool ObjectAccess::waitsForDecided(Result result) {
   clearError(metaData_);
   blockedBy_ = decidedBy_;
   if (idleAsks_ != 0) --idleAsks_;  // each pass asks whether it has ended
+  repairs_ = 0;                     // the wait has an end of its own
   return true;
 }
 
