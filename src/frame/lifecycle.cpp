@@ -104,7 +104,7 @@ void closeAll(MetaData& metaData) {
     *mutex = platform::Mutex::none;
   }
   platform::closeLockFile(metaData.lockFile);
-  metaData.lockFile = platform::LockFile::none;
+  metaData.lockFile = platform::LocksFile::none;
   metaData.directoryPath.clear();
   metaData.baseName.clear();
   metaData.transactionWord = 0;

@@ -35,7 +35,7 @@ struct MetaData {
   MetaData(const MetaData&) = delete;
   MetaData& operator=(const MetaData&) = delete;
 
-  platform::LockFile lockFile = platform::LockFile::none;  ///< holds the mutexes and the locks
+  platform::LocksFile lockFile = platform::LocksFile::none;  ///< holds the mutexes and the locks
   platform::Mutex databaseMutex =
       platform::Mutex::none;                         ///< guards control file and slots, briefly
   platform::Mutex logMutex = platform::Mutex::none;  ///< guards header, tree and chain of the log

@@ -29,7 +29,7 @@ enum class Disposition : std::uint32_t { createNew = 1, openExisting = 3, openAl
 /// From now on the locks of the file's words lie on the lock file, where nobody can place any who
 /// may not write the file. All handles of a file must be bound alike, before the first lock. It
 /// changes nothing where locks stop reads.
-void bindLocks(File file, LockFile lockFile);
+void bindLocks(File file, LocksFile lockFile);
 /// Locks words of a bound file on the file itself too, so that they are met by whoever has it open
 /// under another name, with another lock file.
 void lockUnderAllNames(File file);

@@ -15,16 +15,17 @@
 namespace zelta::platform {
 
 /// A use of a lock file. 0: none.
-enum class LockFile : std::uintptr_t { none = 0 };
+enum class LocksFile : std::uintptr_t { none = 0 };
 
 /// Opens the lock file `name`, and makes it if there is none, for all who may write the file
 /// `guarded`. Codes: 5 the caller may not write that file, or what stands under the name was made
 /// by somebody who may not; 32 processes that cannot tell each other's death use it; 258 somebody
 /// keeps it from being opened.
-[[nodiscard]] SystemCode openLockFile(const char16_t* name, const char16_t* guarded, LockFile* out);
+[[nodiscard]] SystemCode openLockFile(const char16_t* name, const char16_t* guarded,
+                                      LocksFile* out);
 
 /// Mutexes and files that use the lock file keep it.
-void closeLockFile(LockFile lockFile);
+void closeLockFile(LocksFile lockFile);
 
 }  // namespace zelta::platform
 

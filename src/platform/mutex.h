@@ -19,7 +19,7 @@ inline constexpr std::uint32_t kForever = 0xFFFFFFFF;
 /// Opens the mutex of this name among those of the lock file, and makes it if there is none. It is
 /// not owned yet. Names differ in what follows their last separator, as those of files in one
 /// folder do.
-[[nodiscard]] SystemCode createMutex(LockFile lockFile, const char16_t* name, Mutex* out);
+[[nodiscard]] SystemCode createMutex(LocksFile lockFile, const char16_t* name, Mutex* out);
 
 /// Closes the handle. A mutex that some thread still owns stays that thread's.
 void closeMutex(Mutex mutex);

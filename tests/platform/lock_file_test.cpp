@@ -15,21 +15,21 @@
 namespace zelta::testing {
 namespace {
 
-using platform::LockFile;
+using platform::LocksFile;
 
 constexpr off_t kGuardByte = off_t{1} << 32;
 
 class LockFiles : public Mutexes {
  protected:
-  [[nodiscard]] SystemCode open(LockFile* out) const {
+  [[nodiscard]] SystemCode open(LocksFile* out) const {
     return platform::openLockFile(folder.file("the.zlk").c_str(), folder.file("the.zlc").c_str(),
                                   out);
   }
   /// What opening it comes to, alone and for a moment.
   [[nodiscard]] SystemCode opened() const {
-    LockFile locks = LockFile::none;
+    LocksFile locks = LocksFile::none;
     const SystemCode code = open(&locks);
-    EXPECT_EQ(code == 0, locks != LockFile::none);
+    EXPECT_EQ(code == 0, locks != LocksFile::none);
     platform::closeLockFile(locks);
     return code;
   }
@@ -185,7 +185,7 @@ TEST_F(LockFiles, DoNotGrowWithNamesThatNobodyUsesAnyMore) {
 }
 
 TEST_F(LockFiles, TakeNoWordOfOneFileForAnothers) {
-  LockFile locks = LockFile::none;
+  LocksFile locks = LocksFile::none;
   ASSERT_EQ(open(&locks), 0u);
   const OpenedFile one(folder.file("one"));
   const OpenedFile again(folder.file("one"));
@@ -214,7 +214,7 @@ TEST_F(LockFiles, TakeNoWordOfOneFileForAnothers) {
 }
 
 TEST_F(LockFiles, GiveUpTheLocksOfAHandleThatIsClosed) {
-  LockFile locks = LockFile::none;
+  LocksFile locks = LocksFile::none;
   ASSERT_EQ(open(&locks), 0u);
   const OpenedFile lasting(folder.file("one"));
   platform::bindLocks(lasting, locks);
@@ -276,7 +276,7 @@ class LockFilesOfUsers : public LockFiles {
   [[nodiscard]] int as(uid_t user, gid_t group, const std::vector<gid_t>& groups = {}) const {
     ChildProcess child([&](const Line&) {
       if (!become(user, group, groups)) return 900;
-      LockFile locks = LockFile::none;
+      LocksFile locks = LocksFile::none;
       if (const SystemCode code = open(&locks); code != 0) return static_cast<int>(code);
       Mutex mutex = Mutex::none;
       if (const SystemCode code = platform::createMutex(locks, name.c_str(), &mutex); code != 0) {

@@ -46,7 +46,7 @@ class Handle {
   operator Mutex() const { return mutex_; }
 
  private:
-  platform::LockFile lockFile_ = platform::LockFile::none;
+  platform::LocksFile lockFile_ = platform::LocksFile::none;
   Mutex mutex_ = Mutex::none;
 };
 

@@ -49,7 +49,7 @@ TEST_F(Mutexes, TakeNamesOfEveryAlphabetAsLongAsThoseOfFiles) {
   }
   const Handle mutex(name);
   Mutex none = Mutex::none;
-  platform::LockFile locks = platform::LockFile::none;
+  platform::LocksFile locks = platform::LocksFile::none;
   ASSERT_EQ(platform::openLockFile(beside(name, u"the.zlk").c_str(),
                                    beside(name, u"the.zlc").c_str(), &locks),
             0u);

@@ -91,10 +91,10 @@ class OpenedLockFile {
   ~OpenedLockFile() { platform::closeLockFile(file_); }
   OpenedLockFile(const OpenedLockFile&) = delete;
   OpenedLockFile& operator=(const OpenedLockFile&) = delete;
-  operator platform::LockFile() const { return file_; }
+  operator platform::LocksFile() const { return file_; }
 
  private:
-  platform::LockFile file_ = platform::LockFile::none;
+  platform::LocksFile file_ = platform::LocksFile::none;
 };
 
 /// Lets a number of changing calls (writes, truncations, flushes) pass and fails all later ones,

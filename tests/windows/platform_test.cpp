@@ -237,7 +237,7 @@ TEST(WindowsLocks, LieBehindTheEndAndFarOut) {
 class Held {
  public:
   explicit Held(const std::u16string& name) {
-    EXPECT_EQ(platform::createMutex(platform::LockFile::none, name.c_str(), &mutex_), 0u);
+    EXPECT_EQ(platform::createMutex(platform::LocksFile::none, name.c_str(), &mutex_), 0u);
   }
   ~Held() { platform::closeMutex(mutex_); }
   Held(const Held&) = delete;
@@ -335,7 +335,7 @@ TEST_F(WindowsMutexes, CountOnWhenASemaphoreIsFull) {
 
 TEST_F(WindowsMutexes, AreClaimedByAHandle) {
   Mutex first = Mutex::none;
-  ASSERT_EQ(platform::createMutex(platform::LockFile::none, name().c_str(), &first), 0u);
+  ASSERT_EQ(platform::createMutex(platform::LocksFile::none, name().c_str(), &first), 0u);
   const Held second(name());
   EXPECT_EQ(platform::claimMutex(first), 0u);
   EXPECT_EQ(platform::claimMutex(first), 0u);

@@ -356,7 +356,7 @@ SystemCode closeFile(File file) {
   return result;
 }
 
-void bindLocks(File file, LockFile lockFile) {
+void bindLocks(File file, LocksFile lockFile) {
   if (FileRecord* record = usable(file); record != nullptr) record->locks.bind(areaOf(lockFile));
 }
 

@@ -539,7 +539,7 @@ void release(LockArea* area) {
 
 }  // namespace
 
-LockArea* areaOf(LockFile lockFile) {
+LockArea* areaOf(LocksFile lockFile) {
   return reinterpret_cast<LockArea*>(static_cast<std::uintptr_t>(lockFile));
 }
 
@@ -587,8 +587,8 @@ off_t claimByteOf(const RecordUse& use) { return kFirstClaimByte + use.index; }
 
 using namespace posix;
 
-SystemCode openLockFile(const char16_t* name, const char16_t* guarded, LockFile* out) {
-  *out = LockFile::none;
+SystemCode openLockFile(const char16_t* name, const char16_t* guarded, LocksFile* out) {
+  *out = LocksFile::none;
   const std::string path = pathOf(name);
   ZELTA_ASK(mutexCreate, path);
   registerForkHandler();
@@ -611,12 +611,12 @@ SystemCode openLockFile(const char16_t* name, const char16_t* guarded, LockFile*
     }
     area = made.release();
   }
-  *out = static_cast<LockFile>(reinterpret_cast<std::uintptr_t>(area));
+  *out = static_cast<LocksFile>(reinterpret_cast<std::uintptr_t>(area));
   return 0;
 }
 
-void closeLockFile(LockFile lockFile) {
-  if (lockFile != LockFile::none) releaseArea(areaOf(lockFile));
+void closeLockFile(LocksFile lockFile) {
+  if (lockFile != LocksFile::none) releaseArea(areaOf(lockFile));
 }
 
 }  // namespace zelta::platform

@@ -61,7 +61,7 @@ struct RecordUse {
   std::atomic<int> owned{0};  ///< how often threads of this process own the mutex
 };
 
-[[nodiscard]] LockArea* areaOf(LockFile lockFile);
+[[nodiscard]] LockArea* areaOf(LocksFile lockFile);
 /// One more user within this process.
 void holdArea(LockArea* area);
 void releaseArea(LockArea* area);

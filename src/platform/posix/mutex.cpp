@@ -98,11 +98,11 @@ void waitForEnd(pid_t process) {
 
 }  // namespace
 
-SystemCode createMutex(LockFile lockFile, const char16_t* name, Mutex* out) {
+SystemCode createMutex(LocksFile lockFile, const char16_t* name, Mutex* out) {
   *out = Mutex::none;
   const std::string text = pathOf(name);
   ZELTA_ASK(mutexCreate, text);
-  if (lockFile == LockFile::none) return code::kInvalidHandle;
+  if (lockFile == LocksFile::none) return code::kInvalidHandle;
   auto handle = std::make_unique<Handle>();
   const SystemCode failure = useRecord(areaOf(lockFile), lastPartOf(text), &handle->use);
   if (failure != 0) return failure;

@@ -162,7 +162,7 @@ SystemCode closeFile(File file) {
   return result;
 }
 
-void bindLocks(File /*file*/, LockFile /*lockFile*/) {}
+void bindLocks(File /*file*/, LocksFile /*lockFile*/) {}
 void lockUnderAllNames(File /*file*/) {}
 
 SystemCode readFile(File file, std::uint64_t position, void* buffer, std::uint32_t length,

@@ -155,14 +155,14 @@ std::wstring systemName(const char16_t* name) {
 }  // namespace
 
 // The system has a place for named mutexes of its own.
-SystemCode openLockFile(const char16_t* /*name*/, const char16_t* /*guarded*/, LockFile* out) {
-  *out = static_cast<LockFile>(1);
+SystemCode openLockFile(const char16_t* /*name*/, const char16_t* /*guarded*/, LocksFile* out) {
+  *out = static_cast<LocksFile>(1);
   return 0;
 }
 
-void closeLockFile(LockFile /*lockFile*/) {}
+void closeLockFile(LocksFile /*lockFile*/) {}
 
-SystemCode createMutex(LockFile /*lockFile*/, const char16_t* name, Mutex* out) {
+SystemCode createMutex(LocksFile /*lockFile*/, const char16_t* name, Mutex* out) {
   *out = Mutex::none;
   ZELTA_ASK(mutexCreate, narrow(name));
   SECURITY_ATTRIBUTES* attributes = nullptr;
