@@ -30,7 +30,10 @@ void CommitModel::put(std::size_t handle, unsigned int table, long long id,
 }
 
 void CommitModel::erase(std::size_t handle, unsigned int table, long long id) {
-  if (knows(handle, table)) pending_[handle][table][id] = std::nullopt;
+  if (!knows(handle, table)) return;
+  // What was added in the same transaction is nobody's again.
+  if (tables_[table].count(id) == 0) return restore(handle, table, id);
+  pending_[handle][table][id] = std::nullopt;
 }
 
 void CommitModel::restore(std::size_t handle, unsigned int table, long long id) {
