@@ -58,6 +58,39 @@ TEST_F(LogDamage, OfAChangeUnderWayIsPendingWork) {
   expectFound(kFile, 56, '\1', kThere, kRemains);
 }
 
+/// Counts the files that are opened, or tried.
+class OpenCalls : public platform::faults::Hook {
+ public:
+  OpenCalls() { platform::faults::install(this); }
+  ~OpenCalls() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    if (event.call == platform::faults::Call::open) ++count;
+    return {};
+  }
+  int count = 0;
+};
+
+/// Of 65536 numbers the files that there are.
+TEST_F(LogDamage, OfTheNumbersInTheControlFileCostsNoSearch) {
+  constexpr std::uint64_t kFirst = 28;
+  constexpr std::uint64_t kLast = 30;
+  makeLog();
+  folder.write("db.0fA3.zll", folder.bytes(kFile));  // another number stands in it
+  folder.write("db.fff.zll", "");
+  folder.write("db.xfff.zll", "");
+  for (const std::uint16_t first : {std::uint16_t{0}, std::uint16_t{0x0FA3}}) {
+    put("db.zlc", kFirst, first);
+    put("db.zlc", kLast, static_cast<std::uint16_t>(first - 1));
+    const OpenCalls calls;
+    EXPECT_EQ(findings().find("db.0000.zll"), std::string::npos);
+    EXPECT_LT(calls.count, 10);
+  }
+  put("db.zlc", kFirst, std::uint16_t{0x0FA0});
+  put("db.zlc", kLast, std::uint16_t{0x0FFF});
+  folder.write("db.0fa3.zll", folder.bytes(kFile));
+  EXPECT_NE(findings().find("db.0fa3.zll at 6"), std::string::npos) << findings();
+}
+
 TEST_F(LogDamage, OfNodes) {
   makeLog();
   expectFound(kFile, root, std::uint64_t{300});
