@@ -33,6 +33,8 @@ class ControlCheck {
   void checkOrder();
   void checkRecords();
   void checkSlots();
+  bool isImpossible(std::uint64_t slot);
+  [[nodiscard]] static std::uint32_t stateOf(std::uint32_t number) { return number == 0 ? 0 : 1; }
   [[nodiscard]] std::uint64_t entryEnd() const { return kHeader + kUnit * units_; }
 
   Findings& findings_;
@@ -201,6 +203,12 @@ void ControlCheck::checkRecords() {
   }
 }
 
+/// A transaction may have ended since its slot was read in part, around its lock.
+bool ControlCheck::isImpossible(std::uint64_t slot) {
+  std::uint32_t words[2] = {};
+  return file_.readNow(slot, words, sizeof words) == 0 && words[1] != stateOf(words[0]);
+}
+
 void ControlCheck::checkSlots() {
   std::uint64_t at = std::max(end_, kHeader);
   for (; at <= file_.size() && file_.size() - at >= kSlot && !findings_.full(); at += kSlot) {
@@ -210,7 +218,7 @@ void ControlCheck::checkSlots() {
       findings_.pending(file_, at, "slot of transaction " + text(number));
       if (number == 1) findings_.damage(file_, at, "the exclusive transaction has no slot");
     }
-    if (state != (number == 0 ? 0u : 1u) && !file_.isLocked(at + 4)) {
+    if (state != stateOf(number) && isImpossible(at)) {
       findings_.damage(file_, at + 4, "slot in an impossible state");
     } else if (number == 0 && file_.size() - at < 2 * kSlot) {
       findings_.remains(file_, at, "free slot at the end of the file");

@@ -58,9 +58,13 @@ const char* CheckFile::view(std::uint64_t offset, std::uint64_t length) {
   return window_.data();
 }
 
+SystemCode CheckFile::readNow(std::uint64_t offset, void* bytes, std::uint32_t length) {
+  return readBuffer(file_, offset, bytes, length);
+}
+
 bool CheckFile::isLocked(std::uint64_t offset) {
   char word[kWord];
-  return readLargeBuffer(file_, offset, word, sizeof word) == code::kLockViolation;
+  return readNow(offset, word, sizeof word) == code::kLockViolation;
 }
 
 std::uint64_t CheckFile::firstNonzero(std::uint64_t from, std::uint64_t to) {

@@ -43,6 +43,8 @@ class CheckFile {
   }
   /// Whether a word cannot be read since somebody has locked it.
   [[nodiscard]] bool isLocked(std::uint64_t offset);
+  /// Reads what is there now, around nothing: a code, 33 if somebody has locked a part of it.
+  [[nodiscard]] SystemCode readNow(std::uint64_t offset, void* bytes, std::uint32_t length);
   /// The first byte in [from, to) that is not zero; `to` if there is none.
   [[nodiscard]] std::uint64_t firstNonzero(std::uint64_t from, std::uint64_t to);
 

@@ -63,5 +63,55 @@ TEST_F(UnreadableWords, OfOpenTransactionsAreNoDamage) {
   ASSERT_DONE(handle, handle.EndTransaction());
 }
 
+/// Lets nobody read the only slot's lock. Once the checker has read around it, the transaction
+/// ends.
+class SlotThatGoes : public platform::faults::Hook {
+ public:
+  SlotThatGoes(const FreshFolder& folder, std::uint64_t slot) : folder_(folder), slot_(slot) {
+    platform::faults::install(this);
+  }
+  ~SlotThatGoes() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    platform::faults::Verdict verdict;
+    const bool touches = event.position < slot_ + 8 && event.position + event.length > slot_ + 4;
+    if (event.call != platform::faults::Call::read || !event.name.ends_with(".zlc") || !touches) {
+      return verdict;
+    }
+    if (bytesRefused < 4) {
+      verdict.code = code::kLockViolation;
+      if (event.length == 1) ++bytesRefused;
+    } else {
+      std::string bytes = folder_.bytes("shop.zlc");
+      bytes.replace(slot_, 8, 8, '\0');
+      folder_.write("shop.zlc", bytes);
+    }
+    return verdict;
+  }
+  int bytesRefused = 0;
+
+ private:
+  const FreshFolder& folder_;
+  std::uint64_t slot_;
+};
+
+TEST_F(UnreadableWords, OfATransactionThatEndsMeanwhileAreNoDamage) {
+  makeTables();
+  CZELTA handle;
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionShared, 10000));
+  const std::string open = findingsOf(path());
+  {
+    const SlotThatGoes slot(folder, folder.bytes("shop.zlc").size() - 8);
+    EXPECT_EQ(findingsOf(path()), open);
+    EXPECT_EQ(slot.bytesRefused, 4);
+  }
+  // A slot that stays as it is, with a state that there is not, is damage.
+  std::string bytes = folder.bytes("shop.zlc");
+  bytes[bytes.size() - 4] = 7;
+  folder.write("shop.zlc", bytes);
+  EXPECT_NE(findingsOf(path()).find("slot in an impossible state"), std::string::npos);
+  ASSERT_DONE(handle, handle.EndTransaction());
+}
+
 }  // namespace
 }  // namespace zelta::testing
