@@ -16,9 +16,11 @@ using check::Findings;
 /// Everything that the control file leads to.
 void checkFiles(Findings& findings, const std::u16string& folder, const std::u16string& baseName,
                 const ControlFacts& facts) {
+  const auto pending = facts.usable ? check::findPending(folder, baseName, facts)
+                                    : std::vector<check::PendingSection>{};
   for (const check::DirectoryTable& table : facts.tables) {
     if (findings.full()) return;
-    check::checkTable(findings, folder, table);
+    check::checkTable(findings, folder, table, pending);
   }
   if (facts.usable && !findings.full()) check::checkLogs(findings, folder, baseName, facts);
 }

@@ -95,6 +95,7 @@ void ControlCheck::checkIntent() {
   const auto state = file_.number<std::uint32_t>(36);
   if (state != 0) {
     findings_.pending(file_, 36, "an exclusive transaction did not end (" + text(state) + ")");
+    facts_.openNumbers.push_back(1);
   }
   if (const std::uint64_t at = file_.firstNonzero(40, kHeader); at != kHeader) {
     if (file_.number<std::uint32_t>(48) != 0) {
@@ -216,6 +217,7 @@ void ControlCheck::checkSlots() {
     const auto state = file_.number<std::uint32_t>(at + 4);
     if (number != 0) {
       findings_.pending(file_, at, "slot of transaction " + text(number));
+      facts_.openNumbers.push_back(number);
       if (number == 1) findings_.damage(file_, at, "the exclusive transaction has no slot");
     }
     if (state != stateOf(number) && isImpossible(at)) {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstring>
 
 #include "check/check_internal.h"
 #include "platform/codes.h"
@@ -53,9 +54,55 @@ const char* CheckFile::view(std::uint64_t offset, std::uint64_t length) {
   }
   held_ = 0;
   start_ = offset;
-  if (!readOpenParts(offset, window_.data(), wanted)) return nullptr;
+  if (!read(offset, window_.data(), wanted)) return nullptr;
   held_ = wanted;
   return window_.data();
+}
+
+bool CheckFile::read(std::uint64_t offset, char* bytes, std::uint64_t length) {
+  if (!readOpenParts(offset, bytes, length)) return false;
+  if (!overlays_) return true;
+  const std::uint64_t end = offset + length;
+  for (auto piece = overlays_->lower_bound(offset / kOverlaid * kOverlaid);
+       piece != overlays_->end() && piece->first < end; ++piece) {
+    const std::uint64_t from = std::max(offset, piece->first);
+    const std::uint64_t to = std::min(end, piece->first + kOverlaid);
+    std::memcpy(bytes + (from - offset), piece->second.data() + (from - piece->first), to - from);
+  }
+  return true;
+}
+
+bool CheckFile::overlay(std::uint64_t offset, const void* bytes, std::uint64_t length) {
+  if (offset > size_ || length > size_ - offset) return false;
+  if (!overlays_) overlays_ = std::make_shared<Overlays>();
+  const char* next = static_cast<const char*>(bytes);
+  for (std::uint64_t at = offset, end = offset + length; at < end;) {
+    const std::uint64_t start = at / kOverlaid * kOverlaid;
+    const auto [piece, added] = overlays_->try_emplace(start);
+    if (added && !readOpenParts(start, piece->second.data(), std::min(kOverlaid, size_ - start))) {
+      overlays_->erase(piece);
+      return false;
+    }
+    const std::uint64_t some = std::min(end, start + kOverlaid) - at;
+    std::memcpy(piece->second.data() + (at - start), next, some);
+    at += some;
+    next += some;
+  }
+  held_ = 0;
+  return true;
+}
+
+bool CheckFile::cut(std::uint64_t size) {
+  if (size > size_) return false;
+  size_ = size;
+  held_ = 0;
+  return true;
+}
+
+void CheckFile::seeAs(const CheckFile& other) {
+  overlays_ = other.overlays_;
+  size_ = std::min(size_, other.size_);
+  held_ = 0;
 }
 
 SystemCode CheckFile::readNow(std::uint64_t offset, void* bytes, std::uint32_t length) {

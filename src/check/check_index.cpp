@@ -22,10 +22,6 @@ std::uint64_t expectedPageSize(const Table& table) {
   return size;
 }
 
-bool before(const KeyTrace& a, const KeyTrace& b) {
-  return a.hash != b.hash ? a.hash < b.hash : a.objectID < b.objectID;
-}
-
 }  // namespace
 
 void TableCheck::checkIndexFile() {
@@ -39,7 +35,9 @@ void TableCheck::checkIndexFile() {
     return;
   }
   if (file.size() == 0) return;
-  if (checkIndexHeader(file)) checkIndexTrees(file);
+  if (!checkIndexHeader(file)) return;
+  checkIndexTrees(file);
+  checkCommits(file);
 }
 
 bool TableCheck::checkIndexHeader(CheckFile& file) {
@@ -56,24 +54,24 @@ bool TableCheck::checkIndexHeader(CheckFile& file) {
     return wrong(4, "unknown version");
   }
   if (load<std::uint32_t>(header, 8) != n) return wrong(8, "another number of indexes");
-  indexEnd_ = load<std::uint64_t>(header, 24);
-  const auto newEnd = load<std::uint64_t>(header, 48);
   const std::uint64_t unit = expectedPageSize(table_);
   if (load<std::uint32_t>(header, 12) != unit) {
     return wrong(12, "page unit does not follow from the schema");
   }
   pageSize_ = static_cast<std::uint32_t>(unit);
   firstPage_ = (((n + 1) * 16 + 79) / unit + 1) * unit;
-  if (newEnd != 0) {
-    findings_.pending(file, 48, "a commit or a build was cut off");
-    if (load<std::uint64_t>(header, 40) == 0) return false;
-  } else if (const std::uint64_t at = file.firstNonzero(kCommit, kHeader); at != kHeader) {
+  const Change change = seeIndexChange(file, table_.indexCount);
+  if (change != Change::none) findings_.pending(file, 48, "a commit or a build was cut off");
+  if (change == Change::abandoned) return false;
+  if (change == Change::impossible) return wrong(48, "the commit cannot be finished");
+  indexEnd_ = file.number<std::uint64_t>(24);
+  if (const std::uint64_t at = file.firstNonzero(kCommit, kHeader); at != kHeader) {
     findings_.remains(file, at, "rest of a commit without its end");
   }
   if (indexEnd_ > file.size()) return wrong(24, "pages end behind the file");
   if (indexEnd_ < firstPage_) return wrong(24, "pages end ahead of the first one");
   const std::uint64_t live = kHeader + 8 * n;
-  if (const std::uint64_t at = file.firstNonzero(kHeader, live); newEnd == 0 && at != live) {
+  if (const std::uint64_t at = file.firstNonzero(kHeader, live); at != live) {
     findings_.remains(file, at, "root of a commit that is not under way");
   }
   const std::uint64_t rootsEnd = live + 8 * n;
@@ -111,7 +109,7 @@ void TableCheck::checkIndexTrees(CheckFile& file) {
 bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
                                 std::vector<Extent>& extents) {
   const std::uint64_t rootOffset = kHeader + 8 * (std::uint64_t{table_.indexCount} + index);
-  std::vector<KeyTrace> entries;
+  KeyTraces entries;
   bool complete = false;
   switch (table_.index(index).indexKind) {
     case CZELTA::BPlusTree: {
@@ -133,49 +131,6 @@ bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
   ++findings_.counts.indexes;
   if (complete && recordsComplete_) compareKeys(file, index, rootOffset, entries);
   return complete;
-}
-
-/// Every key of an object has an entry, and every entry an object with its key, or one whose
-/// content is still to come.
-void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
-                             std::vector<KeyTrace>& entries) {
-  constexpr std::uint64_t kNamed = 10;  // more of a kind are only counted
-  std::vector<KeyTrace>& keys = keys_[index];
-  std::sort(placeholders_.begin(), placeholders_.end());
-  std::sort(keys.begin(), keys.end(), before);
-  std::sort(entries.begin(), entries.end(), before);
-  std::uint64_t missing = 0;
-  std::uint64_t foreign = 0;
-  const std::string name = "index " + text(index) + ": ";
-  auto key = keys.begin();
-  auto entry = entries.begin();
-  while (key != keys.end() || entry != entries.end()) {
-    if (entry == entries.end() || (key != keys.end() && before(*key, *entry))) {
-      if (missing++ < kNamed) {
-        findings_.damage(file_, key->offset,
-                         name + "key of object " + text(key->objectID) + " is missing");
-      }
-      ++key;
-    } else if (key == keys.end() || before(*entry, *key)) {
-      const bool toCome =
-          std::binary_search(placeholders_.begin(), placeholders_.end(), entry->objectID);
-      if (!toCome && foreign++ < kNamed) {
-        findings_.damage(file, entry->offset,
-                         name + "object " + text(entry->objectID) + " has no such key");
-      }
-      ++entry;
-    } else {
-      ++findings_.counts.keys;
-      ++key;
-      ++entry;
-    }
-  }
-  if (missing > kNamed || foreign > kNamed) {
-    findings_.damage(
-        file, rootOffset,
-        name + text(missing) + " keys are missing, " + text(foreign) + " belong to no object");
-  }
-  std::vector<KeyTrace>().swap(keys);
 }
 
 }  // namespace zelta::check

@@ -4,9 +4,12 @@
 #ifndef ZELTA_CHECK_CHECK_INTERNAL_H
 #define ZELTA_CHECK_CHECK_INTERNAL_H
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -48,13 +51,26 @@ class CheckFile {
   /// The first byte in [from, to) that is not zero; `to` if there is none.
   [[nodiscard]] std::uint64_t firstNonzero(std::uint64_t from, std::uint64_t to);
 
+  /// From now on the file is seen with these bytes at `offset`. False if they are not all in it.
+  [[nodiscard]] bool overlay(std::uint64_t offset, const void* bytes, std::uint64_t length);
+  /// From now on the file is seen to end there. False if it is shorter.
+  [[nodiscard]] bool cut(std::uint64_t size);
+  /// The same file is seen as through the other.
+  void seeAs(const CheckFile& other);
+
  private:
+  static constexpr std::uint64_t kOverlaid = 4096;
+  using Overlays = std::map<std::uint64_t, std::array<char, kOverlaid>>;
+
+  /// Reads with all that is laid over.
+  bool read(std::uint64_t offset, char* bytes, std::uint64_t length);
   /// Words that open transactions have locked, which some systems let nobody read, count as zero.
   bool readOpenParts(std::uint64_t offset, char* bytes, std::uint64_t length);
 
   platform::File file_ = platform::File::none;
   SystemCode failure_ = 0;
   std::uint64_t size_ = 0;
+  std::shared_ptr<Overlays> overlays_;  ///< pieces by position; null if nothing is laid over
   std::string name_;
   std::vector<char> window_;
   std::uint64_t start_ = 0;
@@ -112,6 +128,24 @@ void checkFreeChain(Findings& findings, CheckFile& file, std::uint64_t headOffse
 
 /// Folds bytes into the 8 bytes of a checksum, as if the stream began here.
 [[nodiscard]] std::uint64_t foldBytes(const char* bytes, std::uint64_t length);
+/// The same for a part of a file. False if it cannot be read.
+[[nodiscard]] bool foldBytes(CheckFile& file, std::uint64_t from, std::uint64_t to,
+                             std::uint64_t* sum);
+
+// -- Changes that were cut off ----------------------------------------------------------------
+
+enum class Change {
+  none,
+  dropped,     ///< it was never complete
+  carriedOut,  ///< it will be, whoever comes next
+  abandoned,   ///< an index file was being built
+  impossible   ///< it makes no sense
+};
+
+/// Changes the view of a file with a change under way to what the next writer will make of it.
+[[nodiscard]] Change seeTableChange(CheckFile& file);
+[[nodiscard]] Change seeIndexChange(CheckFile& file, std::uint32_t indexCount);
+[[nodiscard]] Change seeLogChange(CheckFile& file);
 
 // -- Trees of keys ----------------------------------------------------------------------------
 
@@ -156,11 +190,32 @@ struct ControlFacts {
   bool keepsLogs = false;
   std::uint16_t firstLog = 0;
   std::uint16_t lastLog = 0;
-  bool usable = false;  ///< the header could be read
+  std::vector<std::uint32_t> openNumbers;  ///< of transactions that did not end
+  bool usable = false;                     ///< the header could be read
 };
 
+/// A table's section in the log entry of a transaction that has committed and did not end.
+struct PendingSection {
+  std::shared_ptr<CheckFile> log;
+  std::uint32_t number;  ///< of the transaction
+  std::uint32_t tableID;
+  std::uint64_t at;   ///< of its head
+  std::uint64_t end;  ///< of the entry
+};
+[[nodiscard]] std::vector<PendingSection> findPending(const std::u16string& folder,
+                                                      const std::u16string& baseName,
+                                                      const ControlFacts& facts);
+
+[[nodiscard]] std::u16string logName(const std::u16string& baseName);
+[[nodiscard]] std::u16string logName(const std::u16string& baseName, std::uint16_t number);
+/// Bytes behind the head of a section of table edits, which ends within `end`. False if they do not
+/// come out even.
+[[nodiscard]] bool measureEdits(CheckFile& file, std::uint64_t at, std::uint64_t end,
+                                std::uint64_t* size);
+
 void checkControl(Findings& findings, CheckFile& file, ControlFacts& facts);
-void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry);
+void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
+                const std::vector<PendingSection>& pending);
 void checkLogs(Findings& findings, const std::u16string& folder, const std::u16string& baseName,
                const ControlFacts& facts);
 

@@ -51,8 +51,6 @@ class LogCheck {
   void checkLeaf(const Level& level);
   void checkEntry(std::uint64_t position, std::uint64_t linkOffset, std::uint32_t number);
   void checkBody(std::uint64_t position, std::uint64_t length, std::uint32_t sections);
-  bool checkEdits(std::uint64_t at, std::uint64_t end, std::uint64_t* size);
-  bool checkImages(std::uint64_t at, std::uint64_t end);
   void walkChain();
 
   Findings& findings_;
@@ -87,7 +85,8 @@ bool LogCheck::checkHeader(bool numbered, std::uint16_t number) {
   end_ = load<std::uint64_t>(header, 24);
   if (load<std::uint64_t>(header, 48) != 0) {
     findings_.pending(file_, 48, "a change of the log is under way");
-    return false;
+    if (seeLogChange(file_) == Change::impossible) return fail(48, "the change makes no sense");
+    return checkHeader(numbered, number);
   }
   if (const std::uint64_t at = file_.firstNonzero(kIntent, kHeader); at != kHeader) {
     findings_.remains(file_, at, "rest of an intent without its start");
@@ -217,14 +216,9 @@ void LogCheck::checkEntry(std::uint64_t position, std::uint64_t linkOffset, std:
 
 void LogCheck::checkBody(std::uint64_t position, std::uint64_t length, std::uint32_t sections) {
   const std::uint64_t end = position + length;
-  constexpr std::uint64_t kPiece = 64 * 1024;
   std::uint64_t sum = 0;
-  for (std::uint64_t at = position + kEntryHead; at < end;) {
-    const std::uint64_t piece = std::min(kPiece, end - at);
-    const char* bytes = file_.view(at, piece);
-    if (bytes == nullptr) return static_cast<void>(fail(at, "entry cannot be read"));
-    sum ^= foldBytes(bytes, piece);
-    at += piece;
+  if (!foldBytes(file_, position + kEntryHead, end, &sum)) {
+    return static_cast<void>(fail(position, "entry cannot be read"));
   }
   if (sum != file_.number<std::uint64_t>(position + 24)) {
     // In the numbered form nobody takes such an entry out.
@@ -237,7 +231,9 @@ void LogCheck::checkBody(std::uint64_t position, std::uint64_t length, std::uint
     if (head == nullptr) return static_cast<void>(fail(at, "no room for another section"));
     std::uint64_t size = 0;
     if (std::memcmp(head, "ZELD", 4) == 0) {
-      if (!checkEdits(at, end, &size)) return;
+      if (!measureEdits(file_, at, end, &size)) {
+        return static_cast<void>(fail(at + 8, "deleted IDs and images do not come out even"));
+      }
     } else if (std::memcmp(head, "ZELS", 4) == 0) {
       size = load<std::uint64_t>(head, 16);
       if (size > end - at - kSectionHead) {
@@ -251,39 +247,6 @@ void LogCheck::checkBody(std::uint64_t position, std::uint64_t length, std::uint
   if (const std::uint64_t used = file_.firstNonzero(at, end); used != end) {
     fail(used, "bytes behind the sections are not zero");
   }
-}
-
-/// The IDs have 4 or 8 bytes: with one of the two the images must come out even. If they do so with
-/// both, a section or zeros behind them decide.
-bool LogCheck::checkEdits(std::uint64_t at, std::uint64_t end, std::uint64_t* size) {
-  const auto deleted = file_.number<std::uint64_t>(at + 8);
-  const auto bytes = file_.number<std::uint64_t>(at + 16);
-  const std::uint64_t start = at + kSectionHead;
-  bool even = false;
-  for (const std::uint64_t width : {std::uint64_t{4}, std::uint64_t{8}}) {
-    if (deleted > (end - start) / width || bytes > end - start - deleted * width) continue;
-    const std::uint64_t images = start + deleted * width;
-    const std::uint64_t next = images + bytes;
-    if (!checkImages(images, next)) continue;
-    constexpr std::uint32_t kEdits = 0x444C455A;
-    constexpr std::uint32_t kSchema = 0x534C455A;
-    const std::uint32_t mark = next == end ? 0 : file_.number<std::uint32_t>(next);
-    const bool fits = mark == kEdits || mark == kSchema || file_.firstNonzero(next, end) == end;
-    if (!even || fits) *size = deleted * width + bytes;
-    if (fits) return true;
-    even = true;
-  }
-  return even || fail(at + 8, "deleted IDs and images do not come out even");
-}
-
-bool LogCheck::checkImages(std::uint64_t at, std::uint64_t end) {
-  while (at < end) {
-    if (end - at < 4) return false;
-    const std::uint64_t size = (file_.number<std::uint32_t>(at) + std::uint64_t{7}) / 4 * 4;
-    if (size > end - at) return false;
-    at += size;
-  }
-  return true;
 }
 
 // -- Free space -------------------------------------------------------------------------------
@@ -380,14 +343,53 @@ void checkLog(Findings& findings, const std::u16string& path, bool numbered, std
   LogCheck(findings, file).run(numbered, number);
 }
 
+bool imagesComeOutEven(CheckFile& file, std::uint64_t at, std::uint64_t end) {
+  while (at < end) {
+    if (end - at < 4) return false;
+    const std::uint64_t size = (file.number<std::uint32_t>(at) + std::uint64_t{7}) / 4 * 4;
+    if (size > end - at) return false;
+    at += size;
+  }
+  return true;
+}
+
 }  // namespace
+
+/// The IDs have 4 or 8 bytes: with one of the two the images must come out even. If they do so with
+/// both, a section or zeros behind them decide.
+bool measureEdits(CheckFile& file, std::uint64_t at, std::uint64_t end, std::uint64_t* size) {
+  const auto deleted = file.number<std::uint64_t>(at + 8);
+  const auto bytes = file.number<std::uint64_t>(at + 16);
+  const std::uint64_t start = at + kSectionHead;
+  bool even = false;
+  for (const std::uint64_t width : {std::uint64_t{4}, std::uint64_t{8}}) {
+    if (deleted > (end - start) / width || bytes > end - start - deleted * width) continue;
+    const std::uint64_t images = start + deleted * width;
+    const std::uint64_t next = images + bytes;
+    if (!imagesComeOutEven(file, images, next)) continue;
+    constexpr std::uint32_t kEdits = 0x444C455A;
+    constexpr std::uint32_t kSchema = 0x534C455A;
+    const std::uint32_t mark = next == end ? 0 : file.number<std::uint32_t>(next);
+    const bool fits = mark == kEdits || mark == kSchema || file.firstNonzero(next, end) == end;
+    if (!even || fits) *size = deleted * width + bytes;
+    if (fits) return true;
+    even = true;
+  }
+  return even;
+}
+
+std::u16string logName(const std::u16string& baseName) { return baseName + u".zll"; }
+
+std::u16string logName(const std::u16string& baseName, std::uint16_t number) {
+  return baseName + u"." + fourHexDigits(number) + u".zll";
+}
 
 void checkLogs(Findings& findings, const std::u16string& folder, const std::u16string& baseName,
                const ControlFacts& facts) {
-  if (!facts.keepsLogs) return checkLog(findings, folder + baseName + u".zll", false, 0);
+  if (!facts.keepsLogs) return checkLog(findings, folder + logName(baseName), false, 0);
   for (const std::uint16_t number : logNumbers(folder, facts)) {
     if (findings.full()) return;
-    checkLog(findings, folder + baseName + u"." + fourHexDigits(number) + u".zll", true, number);
+    checkLog(findings, folder + logName(baseName, number), true, number);
   }
 }
 

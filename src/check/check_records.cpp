@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "check/check_table.h"
-#include "index/keys.h"
 
 namespace zelta::check {
 
@@ -22,6 +21,7 @@ constexpr std::uint64_t kLeastBlock = 20;
 void TableCheck::checkObjects() {
   recordsComplete_ = facts_.fixed() ? walkFixed() : walkVariable();
   checkSlots();
+  takeNewKeys();
 }
 
 // -- Records ----------------------------------------------------------------------------------
@@ -107,20 +107,17 @@ void TableCheck::walkFree(std::uint64_t position) {
 
 void TableCheck::checkRecord(std::uint64_t position, std::uint64_t objectOffset,
                              std::uint64_t length) {
-  if (length < facts_.headerSize) {
-    // A placeholder has no length, but version and ID behind it.
-    const bool placeholder =
-        length == 0 && file_.number<std::uint16_t>(objectOffset) == kPlaceholder;
-    if (!placeholder) return findings_.damage(file_, objectOffset - 4, "object without version");
-    return takePlaceholder(objectOffset);
+  // A placeholder has no length, but version and ID behind it.
+  const auto version = file_.number<std::uint16_t>(objectOffset);
+  const bool placeholder = version == kPlaceholder && (length == 0 || length >= facts_.headerSize);
+  if (length < facts_.headerSize && !placeholder) {
+    return findings_.damage(file_, objectOffset - 4, "object without version");
   }
-  const char* object = file_.view(objectOffset, length);
-  if (object == nullptr) return findings_.damage(file_, objectOffset, "object cannot be read");
-  const auto version = load<std::uint16_t>(object, 0);
-  if (version == kPlaceholder) return takePlaceholder(objectOffset);
   if (version == 0) findings_.damage(file_, objectOffset, "object was never stored: version 0");
   std::uint64_t id = 0;
-  std::memcpy(&id, object + 2, facts_.headerSize - 2);
+  const char* bytes = file_.view(objectOffset + 2, facts_.headerSize - 2);
+  if (bytes == nullptr) return findings_.damage(file_, objectOffset, "object cannot be read");
+  std::memcpy(&id, bytes, facts_.headerSize - 2);
   if (id == 0 || id > facts_.highestID) {
     return findings_.damage(file_, objectOffset + 2, "object of impossible ID " + text(id));
   }
@@ -129,6 +126,9 @@ void TableCheck::checkRecord(std::uint64_t position, std::uint64_t objectOffset,
                             "slot of object " + text(id) + " does not lead to its record");
   }
   ++findings_.counts.objects;
+  if (placeholder) return checkPlaceholder(id, objectOffset);
+  const char* object = file_.view(objectOffset, length);
+  if (object == nullptr) return findings_.damage(file_, objectOffset, "object cannot be read");
   const ObjectForm form{table_.schema, facts_.headerSize, facts_.fixedAreaSize};
   if (const auto fault = findFault(form, object, length)) {
     return findings_.damage(file_, objectOffset + fault->offset,
@@ -137,13 +137,15 @@ void TableCheck::checkRecord(std::uint64_t position, std::uint64_t objectOffset,
   takeKeys(id, position, object, static_cast<std::uint32_t>(length));
 }
 
-void TableCheck::takePlaceholder(std::uint64_t objectOffset) {
+/// The index file was changed before the table file: it has the keys of what is to come.
+void TableCheck::checkPlaceholder(std::uint64_t id, std::uint64_t objectOffset) {
+  const PendingCommit* commit = commitOf(id);
+  if (commit == nullptr || commit->images.count(id) == 0) {
+    return findings_.damage(file_, objectOffset,
+                            "content of object " + text(id) + " is in no entry of the log");
+  }
   findings_.pending(file_, objectOffset, "content is still to come from the log");
-  const char* bytes = file_.view(objectOffset + 2, facts_.headerSize - 2);
-  if (bytes == nullptr) return;
-  std::uint64_t id = 0;
-  std::memcpy(&id, bytes, facts_.headerSize - 2);
-  placeholders_.push_back(id);
+  takeImageKeys(*commit, id, objectOffset);
 }
 
 // -- Slots ------------------------------------------------------------------------------------
@@ -213,44 +215,6 @@ void TableCheck::checkUsedSlot(std::uint64_t id, std::uint64_t position) {
   if (bytes != nullptr) std::memcpy(&stored, bytes, facts_.headerSize - 2);
   if (stored != id) {
     findings_.damage(file_, at, "slot " + text(id) + " leads to object " + text(stored));
-  }
-}
-
-// -- Keys -------------------------------------------------------------------------------------
-
-std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words) {
-  constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
-  std::uint64_t hash = words;
-  for (std::uint32_t i = 0; i < words; ++i) {
-    hash = (hash ^ key[i]) * kFactor;
-    hash ^= hash >> 29;
-  }
-  return hash;
-}
-
-void TableCheck::takeKeys(std::uint64_t id, std::uint64_t position, const char* object,
-                          std::uint32_t length) {
-  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    if (table_.index(i).indexKind == CZELTA::BPlusTree) {
-      takeIndexKeys(i, id, position, object, length);
-    }
-  }
-}
-
-void TableCheck::takeIndexKeys(std::uint32_t index, std::uint64_t id, std::uint64_t position,
-                               const char* object, std::uint32_t length) {
-  for (std::uint32_t entry = 0;; ++entry) {
-    std::uint32_t* key = nullptr;
-    const Result made = extractKey(metaData_, table_, index, entry, &key, object, length);
-    if (made.failed() || (key == nullptr && entry == 0 && !table_.multiEntry(index))) {
-      findings_.damage(file_, position,
-                       "object " + text(id) + " has no key in index " + text(index));
-    }
-    if (key == nullptr) return;
-    const KeyShape shape = table_.keyShape(index);
-    keys_[index].push_back({hashKey(key, shape.variable() ? key[0] : shape.words), id, position});
-    table_.indexStates[index].keyPool.release(shape, key);
-    if (!table_.multiEntry(index)) return;
   }
 }
 

@@ -18,12 +18,13 @@ constexpr std::uint64_t kSlot = 12;
 }  // namespace
 
 TableCheck::TableCheck(Findings& findings, const std::u16string& folder,
-                       const DirectoryTable& entry)
+                       const DirectoryTable& entry, const std::vector<PendingSection>& pending)
     : findings_(findings),
       entry_(entry),
       folder_(folder),
       file_(folder + entry.name + extension::kTable),
-      slots_(folder + entry.name + extension::kTable) {}
+      slots_(folder + entry.name + extension::kTable),
+      pending_(pending) {}
 
 void TableCheck::run() {
   if (!file_.isOpen() || !slots_.isOpen()) {
@@ -31,8 +32,8 @@ void TableCheck::run() {
     return;
   }
   if (!checkHeader()) return;
-  checkCommit();
   if (!checkSchema()) return;
+  takePending();
   ++findings_.counts.tables;
   keys_.resize(table_.indexCount);
   checkObjects();
@@ -54,6 +55,9 @@ bool TableCheck::checkHeader() {
     findings_.damage(file_, 4, "unknown version");
     return false;
   }
+  if (!checkCommit()) return false;
+  header = file_.view(0, kHeader);
+  if (header == nullptr) return false;
   facts_.slotBase = load<std::uint32_t>(header, 8);
   facts_.schemaSize = load<std::uint32_t>(header, 12);
   facts_.headerSize = load<std::uint32_t>(header, 16);
@@ -92,14 +96,32 @@ bool TableCheck::checkNumbers() {
   return true;
 }
 
-void TableCheck::checkCommit() {
-  const std::uint64_t at = file_.firstNonzero(kCommit, kHeader);
-  if (at == kHeader) return;
+/// False if there is no telling what the table will be.
+bool TableCheck::checkCommit() {
   constexpr std::uint64_t kCommitEnd = 88;
-  if (file_.number<std::uint64_t>(kCommitEnd) != 0) {
-    findings_.pending(file_, kCommitEnd, "a commit was cut off");
-  } else {
+  const Change change = seeTableChange(file_);
+  slots_.seeAs(file_);
+  if (change != Change::none) findings_.pending(file_, kCommitEnd, "a commit was cut off");
+  if (change == Change::impossible) {
+    findings_.damage(file_, kCommitEnd, "the commit cannot be finished");
+    return false;
+  }
+  if (const std::uint64_t at = file_.firstNonzero(kCommit, kHeader); at != kHeader) {
     findings_.remains(file_, at, "rest of a commit without its end");
+  }
+  return true;
+}
+
+/// What the log still has for this table.
+void TableCheck::takePending() {
+  for (const PendingSection& section : pending_) {
+    if (section.tableID != entry_.id) continue;
+    PendingCommit commit;
+    if (readPending(section, facts_.headerSize - 2, commit)) {
+      commits_.push_back(std::move(commit));
+    } else {
+      findings_.damage(*section.log, section.at, "section does not fit its table");
+    }
   }
 }
 
@@ -159,8 +181,9 @@ bool TableCheck::compareSizes(const std::string& block, const CZELTA::Schema& sc
   return false;
 }
 
-void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry) {
-  TableCheck(findings, folder, entry).run();
+void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
+                const std::vector<PendingSection>& pending) {
+  TableCheck(findings, folder, entry, pending).run();
 }
 
 }  // namespace zelta::check

@@ -10,6 +10,7 @@
 
 #include "check/check_internal.h"
 #include "check/check_object.h"
+#include "check/check_pending.h"
 #include "frame/metadata.h"
 #include "storage/table.h"
 
@@ -20,7 +21,12 @@ struct KeyTrace {
   std::uint64_t hash;
   std::uint64_t objectID;
   std::uint64_t offset;  ///< of the record in the table file, or of the key in the index file
+  /// Of an object that a commit is still to change, the place of that among them, from 1 on: the
+  /// index may have the key or not.
+  std::uint32_t commit = 0;
+  bool comes = false;  ///< with that commit; otherwise it goes
 };
+using KeyTraces = std::vector<KeyTrace>;
 
 [[nodiscard]] std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words);
 
@@ -43,7 +49,8 @@ struct TableFacts {
 
 class TableCheck {
  public:
-  TableCheck(Findings& findings, const std::u16string& folder, const DirectoryTable& entry);
+  TableCheck(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
+             const std::vector<PendingSection>& pending);
 
   void run();
 
@@ -51,7 +58,8 @@ class TableCheck {
   // check_table.cpp
   bool checkHeader();
   bool checkNumbers();
-  void checkCommit();
+  bool checkCommit();
+  void takePending();
   bool checkSchema();
   bool compareSizes(const std::string& block, const CZELTA::Schema& schema);
   // check_records.cpp
@@ -64,17 +72,25 @@ class TableCheck {
   bool walkBlock(std::uint64_t position, std::uint64_t* size);
   void walkFree(std::uint64_t position);
   void checkRecord(std::uint64_t position, std::uint64_t objectOffset, std::uint64_t length);
-  void takePlaceholder(std::uint64_t objectOffset);
+  void checkPlaceholder(std::uint64_t id, std::uint64_t objectOffset);
+  // check_keys.cpp
   void takeKeys(std::uint64_t id, std::uint64_t position, const char* object, std::uint32_t length);
-  void takeIndexKeys(std::uint32_t index, std::uint64_t id, std::uint64_t position,
-                     const char* object, std::uint32_t length);
+  void takeImageKeys(const PendingCommit& commit, std::uint64_t id, std::uint64_t position);
+  void takeNewKeys();
+  KeyTraces keysOf(std::uint32_t index, std::uint64_t id, std::uint64_t position,
+                   const char* object, std::uint32_t length);
+  [[nodiscard]] const char* viewImage(const PendingCommit& commit, std::uint64_t id);
+  void addChanged(std::uint32_t index, const KeyTraces& from, const KeyTraces& without,
+                  const PendingCommit& commit, bool comes);
+  [[nodiscard]] const PendingCommit* commitOf(std::uint64_t id);
+  void compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
+                   KeyTraces& entries);
+  void checkCommits(const CheckFile& file);
   // check_index.cpp
   void checkIndexFile();
   bool checkIndexHeader(CheckFile& file);
   void checkIndexTrees(CheckFile& file);
   bool checkIndexTree(CheckFile& file, std::uint32_t index, std::vector<Extent>& extents);
-  void compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
-                   std::vector<KeyTrace>& entries);
   [[nodiscard]] TreePlace treePlace(std::uint32_t index) const;
   // check_memory.cpp
   void checkMemoryFile();
@@ -88,12 +104,13 @@ class TableCheck {
   TableFacts facts_;
   MetaData metaData_;
   Table table_{0};
-  std::vector<std::uint64_t> records_;       ///< positions of records, ascending
-  std::vector<std::uint64_t> placeholders_;  ///< IDs of objects whose content is still in the log
+  const std::vector<PendingSection>& pending_;
+  std::vector<PendingCommit> commits_;  ///< still to be carried out
+  std::vector<std::uint64_t> records_;  ///< positions of records, ascending
   bool recordsComplete_ = false;
   std::uint64_t nextFree_ = 0;  ///< free block that the walk must meet next
   std::uint64_t nextFreeOffset_ = 0;
-  std::vector<std::vector<KeyTrace>> keys_;  ///< by index
+  std::vector<KeyTraces> keys_;  ///< by index
   std::uint64_t firstPage_ = 0;
   std::uint32_t pageSize_ = 0;
   std::uint64_t indexEnd_ = 0;

@@ -135,6 +135,66 @@ TEST_P(Placeholder, IsWorkToBeDoneToTheCheckerButNoDamage) {
   expectRead(writer, 2, 22, kNoLock);
 }
 
+/// The same to the checker, with bytes of the files changed: what it finds.
+class SpoiltPlaceholder : public Placeholder {
+ protected:
+  void TearDown() override {
+    expectRead(writer, 2, 22, kNoLock);
+    Placeholder::TearDown();
+  }
+  /// Where the version word of an object's record stands.
+  [[nodiscard]] std::uint64_t objectAt(std::uint64_t id) const {
+    const std::string table = folder.bytes("T.zlt");
+    const auto slots = numberAt<std::uint32_t>(table, 8);
+    return numberAt<std::uint64_t>(table, slots + 12 * id) + (GetParam() ? 8 : 0);
+  }
+  template <class Number>
+  std::string findingsWith(const std::string& file, std::uint64_t offset, Number value) {
+    const std::string sound = folder.bytes(file);
+    std::string bytes = sound;
+    std::memcpy(bytes.data() + offset, &value, sizeof value);
+    folder.write(file, bytes);
+    const std::string found = findingsOf(path());
+    folder.write(file, sound);
+    return found;
+  }
+  static bool has(const std::string& findings, const std::string& what) {
+    return findings.find(what) != std::string::npos;
+  }
+};
+
+TEST_P(SpoiltPlaceholder, IsBelievedOnlyIfItsSlotLeadsThere) {
+  const std::uint64_t id = objectAt(4) + 2;
+  for (const std::uint32_t other : {2u, 3u}) {
+    const std::string found = findingsWith("T.zlt", id, other);
+    EXPECT_TRUE(
+        has(found, "slot of object " + std::to_string(other) + " does not lead to its record"))
+        << found;
+    EXPECT_TRUE(has(found, "index 0: object 4 has no such key")) << found;
+  }
+  EXPECT_TRUE(has(findingsWith("T.zlt", id, 700u), "object of impossible ID 700"));
+}
+
+TEST_P(SpoiltPlaceholder, ExplainsNoKeyButItsOwn) {
+  // The keys 10, 22, 30 and 44 stand one after the other in the only leaf.
+  constexpr std::uint64_t kThird = 1024 + 24 + 2 * 4;
+  ASSERT_EQ(numberAt<std::uint32_t>(folder.bytes("T.zli"), kThird + 4), 44u);
+  const std::string found = findingsWith("T.zli", kThird + 4, 45u);
+  EXPECT_TRUE(has(found, "index 0: object 4 has no such key")) << found;
+  EXPECT_TRUE(has(found, "index 0: key of object 4 is missing")) << found;
+}
+
+TEST_P(SpoiltPlaceholder, NeedsTheMarkOfItsTransactionAndTheEntryInTheLog) {
+  const std::string table = folder.bytes("T.zlt");
+  const std::uint64_t mark = numberAt<std::uint32_t>(table, 8) + 12 * 4 + 8;
+  EXPECT_TRUE(has(findingsWith("T.zlt", mark, 0u), "content of object 4 is in no entry"));
+  const std::string log = folder.bytes("shop.zll");
+  const auto entry = numberAt<std::uint64_t>(log, numberAt<std::uint64_t>(log, 8) + 112);
+  const std::string found = findingsWith("shop.zll", entry + 16, 0u);
+  EXPECT_TRUE(has(found, "content of object 2 is in no entry")) << found;
+  EXPECT_TRUE(has(found, "content of object 4 is in no entry")) << found;
+}
+
 /// The index file is gone, and the build of a new one stops at the first placeholder.
 class PlaceholderWithoutIndex : public Placeholder {
  protected:
@@ -169,6 +229,7 @@ std::string nameOfTable(const ::testing::TestParamInfo<bool>& variable) {
   return variable.param ? "variable" : "fixed";
 }
 INSTANTIATE_TEST_SUITE_P(Tables, Placeholder, ::testing::Bool(), nameOfTable);
+INSTANTIATE_TEST_SUITE_P(Tables, SpoiltPlaceholder, ::testing::Bool(), nameOfTable);
 INSTANTIATE_TEST_SUITE_P(Tables, PlaceholderWithoutIndex, ::testing::Bool(), nameOfTable);
 
 }  // namespace

@@ -1,0 +1,193 @@
+// The keys that the objects of a table have, and what commits that are still to be carried out
+// change of them, against those of its indexes.
+//
+// A commit changes the index file in one step, and then the table file in another. So of the keys
+// that it takes away or brings the index file has all changes or none; which, nobody knows before.
+
+#include <algorithm>
+#include <iterator>
+
+#include "check/check_table.h"
+#include "index/keys.h"
+
+namespace zelta::check {
+
+namespace {
+
+bool before(const KeyTrace& a, const KeyTrace& b) {
+  return a.hash != b.hash ? a.hash < b.hash : a.objectID < b.objectID;
+}
+
+}  // namespace
+
+std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words) {
+  constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
+  std::uint64_t hash = words;
+  for (std::uint32_t i = 0; i < words; ++i) {
+    hash = (hash ^ key[i]) * kFactor;
+    hash ^= hash >> 29;
+  }
+  return hash;
+}
+
+// -- What the index should have ---------------------------------------------------------------
+
+KeyTraces TableCheck::keysOf(std::uint32_t index, std::uint64_t id, std::uint64_t position,
+                             const char* object, std::uint32_t length) {
+  KeyTraces keys;
+  if (table_.index(index).indexKind != CZELTA::BPlusTree) return keys;
+  for (std::uint32_t entry = 0;; ++entry) {
+    std::uint32_t* key = nullptr;
+    const Result made = extractKey(metaData_, table_, index, entry, &key, object, length);
+    if (made.failed() || (key == nullptr && entry == 0 && !table_.multiEntry(index))) {
+      findings_.damage(file_, position,
+                       "object " + text(id) + " has no key in index " + text(index));
+    }
+    if (key == nullptr) return keys;
+    const KeyShape shape = table_.keyShape(index);
+    keys.push_back({hashKey(key, shape.variable() ? key[0] : shape.words), id, position});
+    table_.indexStates[index].keyPool.release(shape, key);
+    if (!table_.multiEntry(index)) return keys;
+  }
+}
+
+/// The commit that is still to change an object that is there: whose mark stands in its slot.
+const PendingCommit* TableCheck::commitOf(std::uint64_t id) {
+  if (commits_.empty()) return nullptr;
+  const auto stamp = slots_.number<std::uint32_t>(facts_.slot(id) + 8);
+  const auto found = std::find_if(commits_.begin(), commits_.end(), [&](const PendingCommit& c) {
+    return c.number == stamp && (c.images.count(id) != 0 || c.deleted.count(id) != 0);
+  });
+  return found == commits_.end() ? nullptr : &*found;
+}
+
+/// The bytes of an image, good until the log is looked at again; null if they are no object.
+const char* TableCheck::viewImage(const PendingCommit& commit, std::uint64_t id) {
+  const PendingCommit::Image image = commit.images.at(id);
+  const char* object = commit.log->view(image.position, image.length);
+  const ObjectForm form{table_.schema, facts_.headerSize, facts_.fixedAreaSize};
+  if (object != nullptr && !findFault(form, object, image.length)) return object;
+  findings_.damage(*commit.log, image.position, "object " + text(id) + " cannot be brought in");
+  return nullptr;
+}
+
+void TableCheck::takeKeys(std::uint64_t id, std::uint64_t position, const char* object,
+                          std::uint32_t length) {
+  const PendingCommit* commit = commitOf(id);
+  const bool rewritten = commit != nullptr && commit->images.count(id) != 0;
+  const char* image = rewritten ? viewImage(*commit, id) : nullptr;
+  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    KeyTraces old = keysOf(i, id, position, object, length);
+    if (commit == nullptr) {
+      keys_[i].insert(keys_[i].end(), old.begin(), old.end());
+      continue;
+    }
+    KeyTraces later;
+    if (image != nullptr) {
+      later = keysOf(i, id, position, image, commit->images.at(id).length);
+    }
+    std::sort(old.begin(), old.end(), before);
+    std::sort(later.begin(), later.end(), before);
+    std::set_intersection(old.begin(), old.end(), later.begin(), later.end(),
+                          std::back_inserter(keys_[i]), before);
+    addChanged(i, old, later, *commit, false);
+    addChanged(i, later, old, *commit, true);
+  }
+}
+
+void TableCheck::addChanged(std::uint32_t index, const KeyTraces& from, const KeyTraces& without,
+                            const PendingCommit& commit, bool comes) {
+  KeyTraces changed;
+  std::set_difference(from.begin(), from.end(), without.begin(), without.end(),
+                      std::back_inserter(changed), before);
+  for (KeyTrace& key : changed) {
+    key.commit = static_cast<std::uint32_t>(&commit - commits_.data()) + 1;
+    key.comes = comes;
+    keys_[index].push_back(key);
+  }
+}
+
+/// Of an object whose place is there already.
+void TableCheck::takeImageKeys(const PendingCommit& commit, std::uint64_t id,
+                               std::uint64_t position) {
+  const char* image = viewImage(commit, id);
+  if (image == nullptr) return;
+  for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    const KeyTraces keys = keysOf(i, id, position, image, commit.images.at(id).length);
+    keys_[i].insert(keys_[i].end(), keys.begin(), keys.end());
+  }
+}
+
+/// Of objects that have no place yet.
+void TableCheck::takeNewKeys() {
+  constexpr std::uint64_t kFree = std::uint64_t{1} << 63;
+  for (const PendingCommit& commit : commits_) {
+    for (const auto& [id, place] : commit.images) {
+      const bool there =
+          id <= facts_.highestID && (slots_.number<std::uint64_t>(facts_.slot(id)) & kFree) == 0;
+      const char* image = there ? nullptr : viewImage(commit, id);
+      for (std::uint32_t i = 0; image != nullptr && i < table_.indexCount; ++i) {
+        addChanged(i, keysOf(i, id, facts_.slot(id), image, place.length), {}, commit, true);
+      }
+    }
+  }
+}
+
+// -- What it has ------------------------------------------------------------------------------
+
+/// Every key of an object has an entry, and every entry an object with its key.
+void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
+                             KeyTraces& entries) {
+  constexpr std::uint64_t kNamed = 10;  // more of a kind are only counted
+  KeyTraces& keys = keys_[index];
+  std::sort(keys.begin(), keys.end(), before);
+  std::sort(entries.begin(), entries.end(), before);
+  std::uint64_t missing = 0;
+  std::uint64_t foreign = 0;
+  std::uint64_t ahead = 0;
+  const std::string name = "index " + text(index) + ": ";
+  auto key = keys.begin();
+  auto entry = entries.begin();
+  while (key != keys.end() || entry != entries.end()) {
+    const bool lacking = entry == entries.end() || (key != keys.end() && before(*key, *entry));
+    const bool alone = !lacking && (key == keys.end() || before(*entry, *key));
+    if (alone) {
+      if (foreign++ < kNamed) {
+        findings_.damage(file, entry->offset,
+                         name + "object " + text(entry->objectID) + " has no such key");
+      }
+    } else if (key->commit != 0) {
+      PendingCommit& commit = commits_[key->commit - 1];
+      const bool changed = key->comes != lacking;
+      (changed ? commit.keysAhead : commit.keysBehind) = true;
+      if (changed) ++ahead;
+    } else if (lacking && missing++ < kNamed) {
+      findings_.damage(file_, key->offset,
+                       name + "key of object " + text(key->objectID) + " is missing");
+    }
+    if (!lacking && !alone) ++findings_.counts.keys;
+    if (!alone) ++key;
+    if (!lacking) ++entry;
+  }
+  if (missing > kNamed || foreign > kNamed) {
+    findings_.damage(
+        file, rootOffset,
+        name + text(missing) + " keys are missing, " + text(foreign) + " belong to no object");
+  }
+  if (ahead != 0) {
+    findings_.pending(file, rootOffset,
+                      name + text(ahead) + " keys are changed, the objects are still to follow");
+  }
+  KeyTraces().swap(keys);
+}
+
+void TableCheck::checkCommits(const CheckFile& file) {
+  for (const PendingCommit& commit : commits_) {
+    if (!commit.keysAhead || !commit.keysBehind) continue;
+    findings_.damage(file, 0,
+                     "of the keys that transaction " + text(commit.number) +
+                         " changes some are changed and some are not");
+  }
+}
+
+}  // namespace zelta::check

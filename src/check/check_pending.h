@@ -1,0 +1,36 @@
+// Commits that are decided and still to be carried out.
+
+#ifndef ZELTA_CHECK_CHECK_PENDING_H
+#define ZELTA_CHECK_CHECK_PENDING_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "check/check_internal.h"
+
+namespace zelta::check {
+
+/// What such a commit brings to one table, as the section of a log entry has it.
+struct PendingCommit {
+  struct Image {
+    std::uint64_t position;  ///< of the object in the log
+    std::uint32_t length;
+  };
+  std::shared_ptr<CheckFile> log;
+  std::uint32_t number = 0;  ///< of the transaction
+  std::map<std::uint64_t, Image> images;
+  std::set<std::uint64_t> deleted;
+  bool keysAhead = false;   ///< the index file has something of it
+  bool keysBehind = false;  ///< it lacks something of it
+};
+
+/// False if the section makes no sense for IDs of so many bytes.
+[[nodiscard]] bool readPending(const PendingSection& section, std::uint64_t idBytes,
+                               PendingCommit& out);
+
+}  // namespace zelta::check
+
+#endif  // ZELTA_CHECK_CHECK_PENDING_H
