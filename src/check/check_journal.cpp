@@ -127,6 +127,9 @@ bool TableChange::isSummedUp() {
 
 Change TableChange::run() {
   if (!read() || header_.commitEnd == 0) return Change::none;
+  constexpr std::uint32_t kNarrow = 6;
+  constexpr std::uint32_t kWide = 10;
+  if (header_.headerSize != kNarrow && header_.headerSize != kWide) return Change::impossible;
   if (header_.journalEnd > file_.size()) return drop();
   if (!isSummedUp()) return header_.journalBase != 0 ? drop() : Change::impossible;
   const std::uint64_t start = header_.journalEnd - journal_.size();
