@@ -208,6 +208,10 @@ struct PendingSection {
 
 [[nodiscard]] std::u16string logName(const std::u16string& baseName);
 [[nodiscard]] std::u16string logName(const std::u16string& baseName, std::uint16_t number);
+/// The numbers of the log files that there are, the oldest first; those of the range go round. What
+/// the control file says of the range may be damaged: only what the folder holds is looked for.
+[[nodiscard]] std::vector<std::uint16_t> logNumbers(const std::u16string& folder,
+                                                    const ControlFacts& facts);
 /// Bytes behind the head of a section of table edits, which ends within `end`. False if they do not
 /// come out even.
 [[nodiscard]] bool measureEdits(CheckFile& file, std::uint64_t at, std::uint64_t end,

@@ -140,10 +140,11 @@ std::vector<PendingSection> findPending(const std::u16string& folder,
     search.visit(folder + logName(baseName));
     return std::move(search.sections);
   }
-  for (std::uint16_t number = facts.lastLog;; --number) {
-    search.visit(folder + logName(baseName, number));
-    if (number == facts.firstLog || search.done()) return std::move(search.sections);
+  const std::vector<std::uint16_t> numbers = logNumbers(folder, facts);
+  for (auto number = numbers.rbegin(); number != numbers.rend() && !search.done(); ++number) {
+    search.visit(folder + logName(baseName, *number));
   }
+  return std::move(search.sections);
 }
 
 bool readPending(const PendingSection& section, std::uint64_t idBytes, PendingCommit& out) {
