@@ -256,8 +256,10 @@ class ZELTA_API CZELTA {
 
   /// Opens a database, and repairs what a dead process left behind. Waits up to 600 s for a process
   /// that keeps everybody out.
-  /// Fails with Windows code 2 or 3 if file or folder is missing, own code 2 if it does not lie on
-  /// a local disk, own codes 21 and 54 for a foreign or damaged control file.
+  /// Fails with Windows code 2 or 3 if file or folder is missing, 5 if the caller may not read and
+  /// write file and folder, 32 while processes of another PID name space have it open, 258 if the
+  /// wait was in vain; own code 2 if it does not lie on a local disk, own codes 21 and 54 for a
+  /// foreign or damaged control file.
   unsigned long long OpenDatabase(const char16_t* path);
 
   /// Ends any transaction without committing, and closes the database. Always succeeds.
