@@ -51,6 +51,21 @@ Result PageJournal::entryAt(std::uint64_t& position, std::uint64_t* target, std:
   return {};
 }
 
+/// Whether the free blocks lie where pages do.
+Result PageJournal::checkFreeChain(std::uint64_t position, bool* sound) {
+  for (std::uint32_t left = place_.freeEntries; left != 0; --left) {
+    FreeBlockChunk::Entry entry;
+    ZELTA_TRY(report(readBuffer(file_, position, &entry, sizeof entry)));
+    if (entry.position < place_.firstPage || entry.position > place_.fileEnd ||
+        entry.size > place_.fileEnd - entry.position) {
+      *sound = false;
+      return {};
+    }
+    position += sizeof entry;
+  }
+  return {};
+}
+
 Result PageJournal::check(bool* sound) {
   std::uint64_t position = place_.start;
   for (std::uint32_t i = 0; i < place_.pages; ++i) {
@@ -60,7 +75,7 @@ Result PageJournal::check(bool* sound) {
     if (!*sound) return {};
   }
   *sound = place_.end - position == std::uint64_t{place_.freeEntries} * kFreeEntrySize;
-  return {};
+  return *sound ? checkFreeChain(position, sound) : Result{};
 }
 
 Result PageJournal::copyPage(std::uint64_t from, std::uint64_t to, std::uint32_t size) {

@@ -42,6 +42,7 @@ class PageJournal {
   /// Reads the head of a page entry and moves behind it; `*sound` false: it can't be one.
   Result entryAt(std::uint64_t& position, std::uint64_t* target, std::uint32_t* size, bool* sound);
   Result copyPage(std::uint64_t from, std::uint64_t to, std::uint32_t size);
+  Result checkFreeChain(std::uint64_t position, bool* sound);
   Result applyFreeChain(std::uint64_t position);
 
   MetaData& metaData_;

@@ -1,5 +1,7 @@
 // Ends and sizes that a damaged file tells: nothing is written behind them, so that no file grows.
 
+#include "storage/free_space.h"
+#include "storage/index_header.h"
 #include "storage/memory_file.h"
 #include "storage/table_file.h"
 #include "support/edit_session.h"
@@ -116,6 +118,90 @@ TEST(FalseFreeBlock, OfATableLeavesTheFileAsLongAsItWas) {
   clearError(session.metaData);
   EXPECT_LE(sizeOf(folder, "T.zlt"), length + 4096);
   EXPECT_TRUE(session.end().ok());
+}
+
+/// A journal that stands in a file, with no entry but one of a free block that lies far behind all
+/// there is, and a sum that is right. `header` tells of it already.
+template <class Header>
+std::string withFarBlock(std::string bytes, Header& header, std::uint32_t roots,
+                         std::uint64_t Header::* sumField) {
+  const std::size_t live = bytes.size();
+  FreeBlockChunk::Entry entry{};
+  entry.position = kFar;
+  entry.size = 64;
+  entry.dirty = 1;
+  bytes.append(reinterpret_cast<const char*>(&entry), sizeof entry);
+  std::memcpy(bytes.data() + sizeof header, bytes.data() + sizeof header + 8 * roots, 8 * roots);
+  constexpr std::size_t kSummed = 64;
+  std::uint64_t sum = 0;
+  xorChecksum64(sum, reinterpret_cast<const char*>(&header) + kSummed, sizeof header - kSummed);
+  xorChecksum64(sum, bytes.data() + sizeof header, 8 * roots);
+  xorChecksum64(sum, bytes.data() + live, sizeof entry);
+  header.*sumField = sum;
+  std::memcpy(bytes.data(), &header, sizeof header);
+  return bytes;
+}
+
+TEST(FalseJournal, OfAnIndexFileIsRolledBack) {
+  FreshFolder folder;
+  const testing::TableForm& form = testing::kForms[0];
+  {
+    EditSession session(folder, form);
+    session.makeTable();
+    ASSERT_TRUE(session.enter().ok());
+    ASSERT_TRUE(session.carryOut(adds(1, 20)).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.end().ok()) << session.error();
+  }
+  const std::string before = folder.bytes("T.zli");
+  IndexFileHeader_tag header;
+  std::memcpy(&header, before.data(), sizeof header);
+  ASSERT_EQ(header.fileEnd, before.size());
+  header.rollbackEnd = header.fileEnd;
+  header.newFileEnd = header.fileEnd;
+  header.journalEnd = header.fileEnd + sizeof(FreeBlockChunk::Entry);
+  header.newFreeListHead = kFar;
+  header.journalFreeRecords = 1;
+  folder.write("T.zli", withFarBlock(before, header, 1, &IndexFileHeader_tag::journalSum));
+  EditSession session(folder, form);
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  std::string damage;
+  EXPECT_EQ(session.readAll(&damage).size(), 20u);
+  EXPECT_EQ(damage, "");
+  EXPECT_EQ(sizeOf(folder, "T.zli"), before.size());
+  EXPECT_TRUE(folder.bytes("T.zli") == before);
+  EXPECT_TRUE(session.end().ok()) << session.error();
+}
+
+TEST(FalseJournal, OfAMemoryFileIsDropped) {
+  FreshFolder folder;
+  const testing::TableForm& form = testing::kForms[0];
+  EditSession session(folder, form);
+  session.makeTable();
+  ASSERT_TRUE(session.enter().ok());
+  ASSERT_TRUE(session.carryOut(adds(1, 20)).ok()) << session.error();
+  ASSERT_TRUE(session.commit().ok()) << session.error();
+  std::string before = folder.bytes("T.zlm");
+  MemoryFileHeader_tag header;
+  ASSERT_GE(before.size(), sizeof header);
+  std::memcpy(&header, before.data(), sizeof header);
+  ASSERT_GE(before.size(), header.endOfFile);
+  before.resize(header.endOfFile);
+  header.journalBase = header.endOfFile;
+  header.newEndOfFile = header.endOfFile;
+  header.journalEnd = header.endOfFile + sizeof(FreeBlockChunk::Entry);
+  header.newFreeHead = kFar;
+  header.freeEntryCount = 1;
+  const std::string spoilt =
+      withFarBlock(before, header, 2, &MemoryFileHeader_tag::journalChecksum);
+  patch(folder, "T.zlm", 0, spoilt.data(), static_cast<std::int64_t>(spoilt.size()));
+  ASSERT_TRUE(session.carryOut({add(101, 101)}).ok()) << session.error();
+  EXPECT_LT(sizeOf(folder, "T.zlm"), kFar);
+  ASSERT_TRUE(session.commit().ok()) << session.error();
+  std::string damage;
+  EXPECT_EQ(session.readAll(&damage).size(), 21u);
+  EXPECT_EQ(damage, "");
+  EXPECT_TRUE(session.end().ok()) << session.error();
 }
 
 /// Entries of a log in the single form, of which the one in the middle was removed.
