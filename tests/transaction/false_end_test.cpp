@@ -120,6 +120,43 @@ TEST(FalseFreeBlock, OfATableLeavesTheFileAsLongAsItWas) {
   EXPECT_TRUE(session.end().ok());
 }
 
+/// One that is joined with a neighbour is no reason to cut off what lies behind it.
+TEST(FalseFreeBlock, OfATableLeavesTheObjectsBehindIt) {
+  FreshFolder folder;
+  const testing::TableForm& form = testing::kForms[4];
+  {
+    EditSession session(folder, form);
+    session.makeTable();
+    ASSERT_TRUE(session.enter().ok());
+    ASSERT_TRUE(session.carryOut(adds(1, 20, 400)).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.carryOut({erase(3), erase(4)}).ok()) << session.error();
+    ASSERT_TRUE(session.commit().ok()) << session.error();
+    ASSERT_TRUE(session.end().ok()) << session.error();
+  }
+  const std::string before = folder.bytes("T.zlt");
+  const auto head = numberAt<std::uint64_t>(before, offsetof(TableHeader_tag, freeHead));
+  ASSERT_NE(head, 0u);
+  const std::uint32_t size = 0x7FFFFFF0;
+  patch(folder, "T.zlt", head, &size, 4);
+  const std::uint64_t length = sizeOf(folder, "T.zlt");
+  EditSession session(folder, form);
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  ASSERT_TRUE(session.carryOut({erase(2)}).ok()) << session.error();
+  EXPECT_TRUE(session.commit().ok()) << "it stands in the log";
+  EXPECT_NE(session.error(), "");
+  clearError(session.metaData);
+  EXPECT_EQ(sizeOf(folder, "T.zlt"), length);
+  EXPECT_TRUE(session.end().ok());
+  // Once the block is mended the commit is carried out.
+  patch(folder, "T.zlt", head, before.data() + head, 4);
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  std::string damage;
+  EXPECT_EQ(session.readAll(&damage).size(), 17u);
+  EXPECT_EQ(damage, "");
+  EXPECT_TRUE(session.end().ok()) << session.error();
+}
+
 /// A journal that stands in a file, with no entry but one of a free block that lies far behind all
 /// there is, and a sum that is right. `header` tells of it already.
 template <class Header>
