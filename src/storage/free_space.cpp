@@ -243,7 +243,7 @@ Result merge(MetaData& metaData, platform::File file, std::uint64_t& head, std::
   Place run = joinNeighbours(chain);
   const FreeBlock* last = run.at;
   while (last != nullptr && last->nextNode != nullptr) last = last->nextNode;
-  // A block that leads out of the file does not end it: what lies behind its position may be in use.
+  // A block that leads out of the file does not end it: what lies behind it may be in use.
   if (last != nullptr && endOf(*last) > endOfFile) return chainIsBroken(metaData);
   if (last != nullptr && endOf(*last) == endOfFile) {
     *outEnd = run.at->position;

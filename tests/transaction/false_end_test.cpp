@@ -161,7 +161,7 @@ TEST(FalseFreeBlock, OfATableLeavesTheObjectsBehindIt) {
 /// there is, and a sum that is right. `header` tells of it already.
 template <class Header>
 std::string withFarBlock(std::string bytes, Header& header, std::uint32_t roots,
-                         std::uint64_t Header::* sumField) {
+                         std::uint64_t Header::*sumField) {
   const std::size_t live = bytes.size();
   FreeBlockChunk::Entry entry{};
   entry.position = kFar;
