@@ -9,7 +9,7 @@
 
 namespace zelta {
 
-struct Table;
+class Table;
 
 /// The number of another transaction that has a slot and whose last entry in the log is complete
 /// and brings an object of this ID to the table; 0: none is found. Once such an entry stands, a
