@@ -3,7 +3,11 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -230,6 +234,61 @@ TEST_F(LockFiles, GiveUpTheLocksOfAHandleThatIsClosed) {
   EXPECT_EQ(platform::lockWord(lasting, {0}), 0u);
   EXPECT_LE(openFilesOf(file()), 20) << "those that were lent are used again, or closed";
   platform::closeLockFile(locks);
+}
+
+/// Makes a process that shares the caller's open files until it is killed, as each new process does
+/// for a moment: the handlers of a fork have not run in it.
+pid_t sharer() {
+  const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+  while (child == 0) pause();
+  return child;
+}
+
+void end(pid_t child) {
+  EXPECT_EQ(kill(child, SIGKILL), 0);
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+TEST_F(LockFiles, GiveUpLocksThatANewProcessSharesYet) {
+  LocksFile locks = LocksFile::none;
+  ASSERT_EQ(open(&locks), 0u);
+  const OpenedFile lasting(folder.file("one"));
+  platform::bindLocks(lasting, locks);
+  constexpr std::uint64_t kFiles = 40;
+  std::vector<std::unique_ptr<OpenedFile>> passing;
+  for (std::uint64_t word = 0; word < kFiles; ++word) {
+    passing.push_back(std::make_unique<OpenedFile>(folder.file("one")));
+    platform::bindLocks(*passing.back(), locks);
+    ASSERT_EQ(platform::lockWord(*passing.back(), {word * 8}), 0u);
+  }
+  const pid_t child = sharer();
+  ASSERT_GT(child, 0);
+  passing.clear();
+  for (std::uint64_t word = 0; word < kFiles; ++word) {
+    EXPECT_EQ(platform::lockWord(lasting, {word * 8}), 0u) << word;
+  }
+  platform::closeLockFile(locks);
+  end(child);
+}
+
+TEST_F(LockFiles, AreRemovedThoughANewProcessSharesThemYet) {
+  LocksFile locks = LocksFile::none;
+  ASSERT_EQ(open(&locks), 0u);
+  const ChildProcess other([&](const Line& line) {
+    LocksFile mine = LocksFile::none;
+    if (open(&mine) != 0) return 1;
+    const pid_t child = sharer();
+    platform::closeLockFile(mine);
+    line.say('y');
+    line.hear();
+    end(child);
+    return 0;
+  });
+  ASSERT_TRUE(other.hears('y'));
+  platform::closeLockFile(locks);
+  EXPECT_FALSE(hasFile());
+  other.tell('g');
+  EXPECT_TRUE(other.line().hear() == 0);
 }
 
 // -- Who may use it -------------------------------------------------------------------------------

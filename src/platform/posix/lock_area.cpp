@@ -182,6 +182,15 @@ SystemCode lockByte(int fd, off_t byte, short type) {
   return 0;
 }
 
+/// Gives up the locks of an open file by name. To close it may not do, since a process that was
+/// forked a moment ago can share it yet.
+bool dropLocks(int fd) {
+  struct flock all {};
+  all.l_type = F_UNLCK;
+  all.l_whence = SEEK_SET;
+  return fcntl(fd, F_OFD_SETLK, &all) == 0;
+}
+
 // -- Joining and leaving --------------------------------------------------------------------------
 
 constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
@@ -312,7 +321,10 @@ void LockArea::closeFile() {
   pages_ = 0;
   for (const int fd : spare_) close(fd);
   spare_.clear();
-  if (fd_ >= 0) close(fd_);
+  if (fd_ >= 0) {
+    static_cast<void>(dropLocks(fd_));
+    close(fd_);
+  }
   fd_ = -1;
 }
 
@@ -485,10 +497,7 @@ SystemCode LockArea::lend(int* fd) {
 
 void LockArea::giveBack(int fd) {
   if (lent_.erase(fd) == 0) return;  // closed in a forked child
-  struct flock all {};
-  all.l_type = F_UNLCK;
-  all.l_whence = SEEK_SET;
-  if (spare_.size() == spare_.capacity() || fcntl(fd, F_OFD_SETLK, &all) != 0) {
+  if (!dropLocks(fd) || spare_.size() == spare_.capacity()) {
     close(fd);
   } else {
     spare_.push_back(fd);
