@@ -151,6 +151,16 @@ TEST_F(LockFiles, RefuseWhatIsNoFile) {
   EXPECT_TRUE(hasFile());
 }
 
+TEST_F(LockFiles, AreRemovedThoughAThreadEndedAsAnOwner) {
+  {
+    const Handle mutex(name);
+    inThread([&] { ASSERT_EQ(waited(mutex, 0), kGained); });
+    EXPECT_EQ(waited(mutex, 0), kGainedFromTheDead);
+    EXPECT_EQ(platform::releaseMutex(mutex), 0u);
+  }
+  EXPECT_FALSE(hasFile());
+}
+
 TEST_F(LockFiles, HoldMutexesOfManyNames) {
   constexpr int kNames = 200;
   std::vector<std::unique_ptr<Handle>> all;

@@ -130,6 +130,7 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
     waitForEnd(record.owner);
     if ((record.changes.load() & 1) != 0) record.changes.fetch_add(1);
     ++record.lengths;
+    use->owned = 0;  // a thread of this process may have died with it
     if (abandoned != nullptr) *abandoned = true;
   } else if (result != 0) {
     return codeOf(result);
