@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -149,6 +151,42 @@ TEST_F(LockFiles, RefuseWhatIsNoFile) {
   ASSERT_EQ(mkfifo(file().c_str(), 0666), 0);
   EXPECT_EQ(opened(), code::kAccessDenied);
   EXPECT_TRUE(hasFile());
+}
+
+TEST_F(LockFiles, AreCompleteAndInUseAsSoonAsTheyHaveTheirName) {
+  constexpr int kRounds = 300;
+  ASSERT_EQ(chmod((folder.path() / "the.zlc").c_str(), 0666), 0);
+  const mode_t former = umask(077);
+  std::atomic<bool> done{false};
+  std::atomic<int> seen{0};
+  std::thread watcher([&] {
+    while (!done) {
+      const int fd = ::open(file().c_str(), O_RDWR | O_CLOEXEC);
+      if (fd < 0) continue;
+      struct stat info {};
+      struct stat named {};
+      struct flock users {};
+      users.l_type = F_WRLCK;
+      users.l_start = kGuardByte + 1;
+      users.l_len = 1;
+      EXPECT_EQ(fcntl(fd, F_OFD_GETLK, &users), 0);
+      EXPECT_EQ(fstat(fd, &info), 0);
+      // The last user gives up the name first.
+      if (lstat(file().c_str(), &named) == 0 && named.st_ino == info.st_ino) {
+        ++seen;
+        EXPECT_NE(users.l_type, F_UNLCK);
+        EXPECT_GE(info.st_size, 4096);
+        EXPECT_EQ(info.st_mode & 0777u, 0666u);
+      }
+      close(fd);
+    }
+  });
+  for (int i = 0; (i < kRounds || seen == 0) && !HasFailure(); ++i) {
+    EXPECT_EQ(opened(), 0u);
+  }
+  done = true;
+  watcher.join();
+  umask(former);
 }
 
 TEST_F(LockFiles, AreRemovedThoughAThreadEndedAsAnOwner) {
@@ -324,6 +362,37 @@ TEST_F(LockFiles, AreForThoseWhoCanWriteTheGuardedFile) {
 TEST_F(LockFiles, NeedTheGuardedFile) {
   std::filesystem::remove(folder.path() / "the.zlc");
   EXPECT_EQ(opened(), code::kFileNotFound);
+  EXPECT_FALSE(hasFile());
+}
+
+/// Without /proc no file can be given a name when it is complete.
+TEST_F(LockFiles, AreMadeInPlaceToo) {
+  if (!isAdministrator()) return;
+  const std::string guarded = (folder.path() / "the.zlc").string();
+  ASSERT_EQ(chmod(guarded.c_str(), 0666), 0);
+  const auto inside = [&](const std::function<int(const Line&)>& work) {
+    return [this, work](const Line& line) {
+      umask(077);
+      return chroot(folder.path().c_str()) == 0 ? work(line) : 90;
+    };
+  };
+  const auto opening = [](LocksFile* out) {
+    return platform::openLockFile(u"/the.zlk", u"/the.zlc", out);
+  };
+  ChildProcess first(inside([&](const Line& line) {
+    LocksFile locks = LocksFile::none;
+    if (const SystemCode code = opening(&locks); code != 0) return static_cast<int>(code);
+    line.say('y');
+    line.hear();
+    platform::closeLockFile(locks);
+    return 0;
+  }));
+  ASSERT_TRUE(first.hears('y'));
+  EXPECT_EQ(modeOf(file()), 0666u);
+  EXPECT_EQ(opened(), code::kSharingViolation) << "the other does not know its name space";
+  EXPECT_TRUE(hasFile()) << "it has a user";
+  first.tell('g');
+  EXPECT_EQ(first.wait(), 0);
   EXPECT_FALSE(hasFile());
 }
 

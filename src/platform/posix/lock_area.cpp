@@ -126,7 +126,9 @@ class LockArea {
   int references = 1;
 
  private:
-  SystemCode open(const Writers& writers, const Deadline& maker, bool* made);
+  SystemCode open(const Writers& writers, const Deadline& maker);
+  SystemCode make(const Writers& writers);
+  SystemCode makeInPlace(const Writers& writers);
   SystemCode lockGuard(Deadline& end);
   /// Holds the guard's byte until the end of the scope, unless it could not be had.
   struct Guard {
@@ -142,6 +144,8 @@ class LockArea {
     LockArea& area_;
   };
   [[nodiscard]] bool isNamed() const;
+  [[nodiscard]] bool isAlone();
+  SystemCode enterOrRemove(const Writers& writers);
   SystemCode enter(const Writers& writers);
   SystemCode begin(const Writers& writers);
   SystemCode begin(RecordUse& use);
@@ -157,8 +161,12 @@ class LockArea {
   static constexpr int kMostIdle = 64;
   static constexpr std::size_t kMostSpare = 16;
 
+  /// Where the open file comes from. One that was made in place can have users before its maker.
+  enum class Made { byOthers, inPlace, complete };
+
   const std::string path_;
   int fd_ = -1;
+  Made made_ = Made::byOthers;
   dev_t device_ = 0;
   ino_t inode_ = 0;
   std::vector<Mapped> mapped_;
@@ -197,28 +205,52 @@ constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 /// Opens the file, or makes it. `fd_` -1 without a failure: it came or went meanwhile, or its maker
 /// has yet to let others in.
-SystemCode LockArea::open(const Writers& writers, const Deadline& maker, bool* made) {
-  *made = false;
+SystemCode LockArea::open(const Writers& writers, const Deadline& maker) {
+  made_ = Made::byOthers;
   fd_ = ::open(path_.c_str(), kFlags);
   if (fd_ < 0) {
     if (errno == EACCES && !maker.passed()) return 0;
     if (errno == ELOOP) return code::kAccessDenied;  // a symbolic link
     if (errno != ENOENT) return lastCode();
-    fd_ = ::open(path_.c_str(), kFlags | O_CREAT | O_EXCL, writers.mode());
-    if (fd_ < 0) return errno == EEXIST ? 0 : lastCode();
-    *made = true;
-    try {
-      writers.admitTo(fd_);
-    } catch (...) {
-      unlink(path_.c_str());
-      throw;
-    }
+    if (const SystemCode failure = make(writers); failure != 0 || fd_ < 0) return failure;
   }
   struct stat info {};
   if (fstat(fd_, &info) != 0) return lastCode();
   if (!writers.accountFor(info)) return code::kAccessDenied;
   device_ = info.st_dev;
   inode_ = info.st_ino;
+  return 0;
+}
+
+/// Makes the file, which gets its name when all can use it and its maker does: who is killed on the
+/// way leaves nothing, and nobody meets half of it. `fd_` -1: somebody else was faster.
+SystemCode LockArea::make(const Writers& writers) {
+  const std::string folder = path_.substr(0, path_.rfind('/') + 1);
+  fd_ = ::open(folder.empty() ? "." : folder.c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
+  if (fd_ < 0) return makeInPlace(writers);
+  SystemCode failure = begin(writers);
+  if (failure == 0) failure = lockByte(fd_, kUsersByte, F_RDLCK);
+  if (failure != 0) return failure;
+  const std::string itself = "/proc/self/fd/" + std::to_string(fd_);
+  if (linkat(AT_FDCWD, itself.c_str(), AT_FDCWD, path_.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+    made_ = Made::complete;
+    return 0;
+  }
+  const bool late = errno == EEXIST;
+  closeFile();
+  return late ? 0 : makeInPlace(writers);
+}
+
+/// For a file system that has no files without names.
+SystemCode LockArea::makeInPlace(const Writers& writers) {
+  fd_ = ::open(path_.c_str(), kFlags | O_CREAT | O_EXCL, writers.mode());
+  if (fd_ < 0) return errno == EEXIST ? 0 : lastCode();
+  made_ = Made::inPlace;
+  try {
+    writers.admitTo(fd_);
+  } catch (const std::bad_alloc&) {
+    // Its first user tries again.
+  }
   return 0;
 }
 
@@ -241,8 +273,8 @@ SystemCode LockArea::join(const Writers& writers) {
   const Deadline maker(kMakerPatience);
   Deadline end(kGuardPatience);
   while (!end.passed()) {
-    bool made = false;
-    if (const SystemCode failure = open(writers, maker, &made); failure != 0) return failure;
+    if (const SystemCode failure = open(writers, maker); failure != 0) return failure;
+    if (made_ == Made::complete) return 0;
     if (fd_ < 0) {
       end.pause();
       continue;
@@ -250,19 +282,26 @@ SystemCode LockArea::join(const Writers& writers) {
     {
       const Guard guard(*this, end);
       if (guard.failure != 0) return guard.failure;
-      if (isNamed()) {
-        SystemCode failure = code::kNoMemory;
-        try {
-          failure = enter(writers);
-        } catch (const std::bad_alloc&) {
-        }
-        if (failure != 0 && made) unlink(path_.c_str());  // nobody has joined it meanwhile
-        return failure;
-      }
+      if (isNamed()) return enterOrRemove(writers);
     }
     closeFile();  // it was removed meanwhile
   }
   return code::kTimeout;
+}
+
+/// Under the guard: whether it has no other user.
+bool LockArea::isAlone() { return lockByte(fd_, kUsersByte, F_WRLCK) == 0; }
+
+/// Under the guard.
+SystemCode LockArea::enterOrRemove(const Writers& writers) {
+  SystemCode failure = code::kNoMemory;
+  try {
+    failure = enter(writers);
+  } catch (const std::bad_alloc&) {
+  }
+  // Somebody else may use what this process made.
+  if (failure != 0 && made_ == Made::inPlace && isAlone()) unlink(path_.c_str());
+  return failure;
 }
 
 /// Under the guard.
@@ -294,7 +333,10 @@ SystemCode LockArea::begin(const Writers& writers) {
 /// Extends the file, so that no touch of its pages can meet a full disk.
 SystemCode LockArea::grow(std::uint32_t pages) {
   const auto start = static_cast<off_t>(pages_ * kPage);
-  const int error = posix_fallocate(fd_, start, static_cast<off_t>(pages * kPage));
+  int error = EINTR;
+  while (error == EINTR) {
+    error = posix_fallocate(fd_, start, static_cast<off_t>(pages * kPage));
+  }
   return error != 0 ? codeOf(error) : mapPages();
 }
 
@@ -330,7 +372,7 @@ void LockArea::closeFile() {
 
 void LockArea::leave() {
   Deadline end(kGuardPatience);
-  if (lockGuard(end) == 0 && lockByte(fd_, kUsersByte, F_WRLCK) == 0 && isNamed()) {
+  if (lockGuard(end) == 0 && isAlone() && isNamed()) {
     unlink(path_.c_str());
   }
   closeFile();
