@@ -153,6 +153,32 @@ TEST_F(LockFiles, RefuseWhatIsNoFile) {
   EXPECT_TRUE(hasFile());
 }
 
+TEST_F(LockFiles, LeaveAFileAloneThatBearsTheirNameToo) {
+  folder.write("victim", "content");
+  const std::string victim = (folder.path() / "victim").string();
+  ASSERT_EQ(chmod(victim.c_str(), 0640), 0);
+  std::filesystem::create_hard_link(victim, file());
+  expectAMutex();
+  EXPECT_FALSE(hasFile());
+  EXPECT_EQ(folder.bytes("victim"), "content");
+  EXPECT_EQ(modeOf(victim), 0640u);
+}
+
+TEST_F(LockFiles, AreUsedOnUnderASecondName) {
+  const std::string second = (folder.path() / "second").string();
+  {
+    const Handle mutex(name);
+    std::filesystem::create_hard_link(file(), second);
+    ASSERT_EQ(waited(mutex, 0), kGained);
+    EXPECT_EQ(elsewhere(), code::kTimeout);
+    EXPECT_EQ(platform::releaseMutex(mutex), 0u);
+  }
+  EXPECT_FALSE(hasFile());
+  std::filesystem::create_hard_link(second, file());
+  expectAMutex();
+  EXPECT_FALSE(hasFile());
+}
+
 TEST_F(LockFiles, AreCompleteAndInUseAsSoonAsTheyHaveTheirName) {
   constexpr int kRounds = 300;
   ASSERT_EQ(chmod((folder.path() / "the.zlc").c_str(), 0666), 0);

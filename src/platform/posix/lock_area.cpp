@@ -144,6 +144,7 @@ class LockArea {
     LockArea& area_;
   };
   [[nodiscard]] bool isNamed() const;
+  [[nodiscard]] bool giveNameUp();
   [[nodiscard]] bool isAlone();
   SystemCode enterOrRemove(const Writers& writers);
   SystemCode enter(const Writers& writers);
@@ -282,11 +283,19 @@ SystemCode LockArea::join(const Writers& writers) {
     {
       const Guard guard(*this, end);
       if (guard.failure != 0) return guard.failure;
-      if (isNamed()) return enterOrRemove(writers);
+      if (isNamed() && !giveNameUp()) return enterOrRemove(writers);
     }
     closeFile();  // it was removed meanwhile
   }
   return code::kTimeout;
+}
+
+/// Under the guard. A file with a second name may be somebody's own that was linked here to be made
+/// anew, or taken away. If it has no users it loses this name and stays as it is.
+bool LockArea::giveNameUp() {
+  struct stat info {};
+  return made_ == Made::byOthers && fstat(fd_, &info) == 0 && info.st_nlink > 1 && isAlone() &&
+         unlink(path_.c_str()) == 0;
 }
 
 /// Under the guard: whether it has no other user.
@@ -322,6 +331,9 @@ SystemCode LockArea::enter(const Writers& writers) {
 
 /// Makes the file as it is at first, for it has no users.
 SystemCode LockArea::begin(const Writers& writers) {
+  struct stat info {};
+  if (fstat(fd_, &info) != 0) return lastCode();
+  if (info.st_nlink > 1) return code::kAccessDenied;  // and its name could not be given up
   writers.admitTo(fd_);
   if (ftruncate(fd_, 0) != 0) return lastCode();
   if (const SystemCode failure = grow(1); failure != 0) return failure;
