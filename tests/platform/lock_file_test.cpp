@@ -7,12 +7,15 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "platform/mutex_fixture.h"
@@ -509,6 +512,59 @@ TEST_F(LockFilesOfUsers, AreSharedByAGroup) {
     EXPECT_TRUE(hasFile());
     EXPECT_EQ(as(second, second, {kTeam}), 0) << "what was left is taken over";
     if (hasFile()) std::filesystem::remove(file());
+  }
+}
+
+/// An entry of an access list, as the kernel takes it.
+struct ListEntry {
+  std::uint16_t tag;
+  std::uint16_t permissions;
+  std::uint32_t id;
+};
+constexpr std::uint32_t kNoId = 0xFFFFFFFF;
+
+/// False where the file system has no access lists.
+bool setList(const std::string& path, const char* list, const std::vector<ListEntry>& entries) {
+  std::string bytes{2, 0, 0, 0};
+  bytes.append(reinterpret_cast<const char*>(entries.data()), entries.size() * sizeof(ListEntry));
+  const bool set = setxattr(path.c_str(), list, bytes.data(), bytes.size(), 0) == 0;
+  EXPECT_TRUE(set || errno == EOPNOTSUPP) << errno;
+  return set;
+}
+
+TEST_F(LockFilesOfUsers, AreSharedByThoseOnTheAccessList) {
+  if (!isAdministrator()) return;
+  constexpr uid_t kCarol = 60003;
+  constexpr gid_t kStaff = 60011;
+  constexpr uid_t kDave = 60004;
+  give(".", kAlice, kTeam, 0777);
+  // The group of the file may read, and the folder would give a new file to Dave.
+  const std::string guarded = (folder.path() / "the.zlc").string();
+  const std::vector<ListEntry> writers = {{1, 6, kNoId}, {2, 6, kBob},   {2, 4, kDave},
+                                          {4, 4, kNoId}, {8, 6, kStaff}, {16, 6, kNoId},
+                                          {32, 4, kNoId}};
+  const std::vector<ListEntry> forNewFiles = {
+      {1, 7, kNoId}, {2, 7, kDave}, {4, 7, kNoId}, {16, 7, kNoId}, {32, 7, kNoId}};
+  if (!setList(guarded, "system.posix_acl_access", writers)) return;
+  ASSERT_TRUE(setList(folder.path(), "system.posix_acl_default", forNewFiles));
+  using Who = std::tuple<uid_t, gid_t, std::vector<gid_t>>;
+  const std::vector<Who> all = {{kAlice, kAlice, {}}, {kBob, kBob, {}}, {kCarol, kCarol, {kStaff}}};
+  for (const auto& [first, group, groups] : all) {
+    ChildProcess one(ownerAs(first, group, groups));
+    ASSERT_TRUE(one.hears('y')) << first;
+    for (const auto& [second, itsGroup, itsGroups] : all) {
+      EXPECT_EQ(as(second, itsGroup, itsGroups), kHeld) << first << " and " << second;
+    }
+    EXPECT_EQ(elsewhere(), code::kTimeout) << first;
+    ChildProcess stranger([&](const Line&) {
+      if (!become(kDave, kDave, {kTeam})) return 9;
+      return ::open(file().c_str(), O_RDONLY) < 0 ? 0 : 1;
+    });
+    EXPECT_EQ(stranger.wait(), 0) << first;
+    one.kill();
+    EXPECT_EQ(as(kDave, kDave), static_cast<int>(code::kAccessDenied));
+    EXPECT_EQ(opened(), 0u);
+    EXPECT_FALSE(hasFile());
   }
 }
 
