@@ -14,6 +14,9 @@
 //   claim        one for each record; see claimMutex()
 //   words        a region for each record
 //
+// Its maker gives the file its name when it is complete and in use, where the file system has files
+// without names. A file that has other names too is nobody's lock file, unless it has users.
+//
 // A handle that takes locks does so through an open file of its own, since that is what locks
 // belong to. Such files are lent and given back, as opening one costs as much as several locks.
 //
