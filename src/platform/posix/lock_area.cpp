@@ -159,7 +159,7 @@ class LockArea {
   void freeIdleRecords();
 
   /// Uses that no handle has are kept for the next one, so many at most.
-  static constexpr int kMostIdle = 64;
+  static constexpr int kMostIdle = 256;
   static constexpr std::size_t kMostSpare = 16;
 
   /// Where the open file comes from. One that was made in place can have users before its maker.

@@ -144,9 +144,13 @@ SystemCode releaseMutex(Mutex mutex) {
   RecordUse* use = usableUse(mutex);
   if (use == nullptr) return code::kInvalidHandle;
   ZELTA_ASK(mutexRelease, use->name);
+  const std::int32_t owner = use->record->owner;
   if (use->owned == 1) use->record->owner = 0;
   const int result = pthread_mutex_unlock(&use->record->mutex);
-  if (result == EPERM) return code::kNotOwner;
+  if (result == EPERM) {
+    if (use->owned == 1) use->record->owner = owner;  // another thread of this process has it
+    return code::kNotOwner;
+  }
   if (result != 0) return codeOf(result);
   --use->owned;
   return 0;
