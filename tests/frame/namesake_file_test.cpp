@@ -54,7 +54,8 @@ TEST_F(NamesakeFile, OfAnIndexGoesIfItIsOne) {
 TEST_F(NamesakeFile, StandsInTheWayOfANewTable) {
   folder.write("keys/stock.zli", "A stranger's notes.");
   EXPECT_EQ(handle.CreateTable(&small.schema, nullptr), systemCode(80));
-  EXPECT_EQ(messageOf(handle), "Unable to create \"" + (folder.path() / "keys/stock.zli").string() +
+  EXPECT_EQ(messageOf(handle), "Unable to create \"" +
+                                   (folder.path() / "keys" / "stock.zli").string() +
                                    "\",\nFile already exists.");
   EXPECT_EQ(folder.bytes("keys/stock.zli"), "A stranger's notes.");
   EXPECT_FALSE(folder.has("stock.zlt"));
