@@ -15,11 +15,12 @@ trap 'rm -rf "$folder"' EXIT
 on_linux() { "$linux_program" "$1" "$folder/$2/shop.zlc"; }
 on_windows() { "$wine" "$windows_program" "$1" "Z:${folder//\//\\}\\$2\\shop.zlc" | tr -d '\r'; }
 
-# The memory file holds nothing that outlives the last closer.
+# The memory file and the lock file, which only one of the platforms makes, hold nothing that outlives
+# the last closer.
 same() {
   local names
-  names=$(cd "$folder/$1" && ls | grep -v '\.zlm$')
-  [ "$names" = "$(cd "$folder/$2" && ls | grep -v '\.zlm$')" ] || { echo "$1 and $2 have other files"; ls -l "$folder/$1" "$folder/$2"; exit 1; }
+  names=$(cd "$folder/$1" && ls | grep -v '\.zl[mk]$')
+  [ "$names" = "$(cd "$folder/$2" && ls | grep -v '\.zl[mk]$')" ] || { echo "$1 and $2 have other files"; ls -l "$folder/$1" "$folder/$2"; exit 1; }
   for name in $names; do
     cmp "$folder/$1/$name" "$folder/$2/$name" || { echo "$1 and $2 differ"; exit 1; }
   done
