@@ -3,8 +3,8 @@
 
 #include "check/check_internal.h"
 #include "platform/codes.h"
+#include "platform/file_io.h"
 #include "platform/text.h"
-#include "storage/file_io.h"
 
 namespace zelta::check {
 

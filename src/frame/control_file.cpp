@@ -7,7 +7,7 @@
 #include "frame/directory_change.h"
 #include "frame/upcalls.h"
 #include "platform/clock.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 
 namespace zelta {
 

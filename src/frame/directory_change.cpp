@@ -13,7 +13,7 @@
 
 #include "frame/own_files.h"
 #include "frame/upcalls.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 
 namespace zelta {
 

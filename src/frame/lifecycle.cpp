@@ -8,8 +8,8 @@
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
 #include "frame/upcalls.h"
+#include "platform/file_io.h"
 #include "platform/text.h"
-#include "storage/file_io.h"
 
 namespace zelta {
 

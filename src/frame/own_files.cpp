@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "frame/control_file.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 
 namespace zelta {
 

@@ -6,8 +6,8 @@
 
 #include "frame/control_file.h"
 #include "platform/clock.h"
+#include "platform/file_io.h"
 #include "platform/text.h"
-#include "storage/file_io.h"
 
 namespace zelta {
 

@@ -9,8 +9,9 @@
 #include "index/index_file_layout.h"
 #include "index/keys.h"
 #include "index/kinds.h"
+#include "platform/file_io.h"
+#include "schema/object_view.h"
 #include "storage/atomic_manager.h"
-#include "storage/file_io.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -19,24 +20,6 @@ using index_file::abandonFile;
 using index_file::clearIntent;
 using index_file::failed;
 using index_file::HeaderImage;
-
-namespace {
-
-/// Gives a key back to its pool.
-class KeyGuard {
- public:
-  KeyGuard(Table& table, std::uint32_t index) : table_(table), index_(index) {}
-  ~KeyGuard() { table_.indexStates[index_].keyPool.release(table_.keyShape(index_), key); }
-  KeyGuard(const KeyGuard&) = delete;
-  KeyGuard& operator=(const KeyGuard&) = delete;
-  std::uint32_t* key = nullptr;
-
- private:
-  Table& table_;
-  std::uint32_t index_;
-};
-
-}  // namespace
 
 IndexBuild::IndexBuild(MetaData& metaData, Table& table, IndexFileHeader_tag& header,
                        AtomicManager& manager)
@@ -77,13 +60,15 @@ Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
     RowPlaces rows;
     for (std::uint32_t entry = 0;; ++entry) {
-      KeyGuard key(table_, i);
-      ZELTA_TRY(extractKey(metaData_, table_, i, entry, &key.key, object, objectSize, &rows));
-      if (key.key == nullptr) {
+      std::uint32_t* made = nullptr;
+      ZELTA_TRY(extractKey(metaData_, table_, i, entry, &made, object, objectSize, &rows));
+      if (made == nullptr) {
         if (entry != 0 || table_.multiEntry(i)) break;
         return reportError(&metaData_, Own::noObject, table_.cName());
       }
-      ZELTA_TRY(insertEntry(metaData_, table_, file, manager_, i, key.key, objectID));
+      PooledKey key;
+      key.take(table_.keyPool(i), table_.keyShape(i), made);
+      ZELTA_TRY(insertEntry(metaData_, table_, file, manager_, i, key.get(), objectID));
       if (!table_.multiEntry(i)) break;
     }
   }

@@ -11,10 +11,10 @@
 #include "index/bplus_tree.h"
 #include "index/index_file_layout.h"
 #include "index/kinds.h"
+#include "platform/file_io.h"
 #include "storage/atomic_manager.h"
 #include "storage/atomic_manager_writer.h"
 #include "storage/avl_detail.h"
-#include "storage/file_io.h"
 #include "storage/table.h"
 
 namespace zelta {

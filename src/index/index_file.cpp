@@ -6,8 +6,8 @@
 
 #include "frame/control_file.h"
 #include "index/index_file_layout.h"
+#include "platform/file_io.h"
 #include "storage/atomic_manager.h"
-#include "storage/file_io.h"
 #include "storage/table.h"
 
 namespace zelta {

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "index/index_file_layout.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/page_journal.h"
 
 namespace zelta::index_file {

@@ -6,6 +6,7 @@
 #include "index/key_text.h"
 #include "index/key_writer.h"
 #include "schema/data_types.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 

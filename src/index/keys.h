@@ -5,7 +5,8 @@
 
 #include <cstdint>
 
-#include "objects/object_buffer.h"
+#include "frame/metadata.h"
+#include "schema/object_view.h"
 #include "storage/table.h"
 
 namespace zelta {

@@ -1,7 +1,7 @@
 #include "index/search.h"
 
 #include "index/keys.h"
-#include "objects/current_keys.h"
+#include "storage/key_pool.h"
 
 namespace zelta {
 
@@ -30,7 +30,7 @@ Result searchTree(MetaData& metaData, Table& table, std::uint32_t index, const v
   std::uint32_t* made = nullptr;
   ZELTA_TRY(buildSearchKey(metaData, table, index - 1, key, &made));
   PooledKey searchKey;
-  searchKey.take(table, index - 1, made);
+  searchKey.take(table.keyPool(index - 1), table.keyShape(index - 1), made);
   return unavailable(metaData);
 }
 

@@ -9,9 +9,9 @@
 #include "objects/current_keys.h"
 #include "objects/key_changes.h"
 #include "objects/object_buffer.h"
+#include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "storage/memory_file.h"
-#include "transaction/frame.h"
 
 namespace zelta {
 

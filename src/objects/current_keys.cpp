@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "index/keys.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 
@@ -35,7 +36,7 @@ Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const 
     ZELTA_TRY(extractKey(metaData, table, index, number, &made, object, length, &rows));
     if (made == nullptr) break;
     PooledKey key;
-    key.take(table, index, made);
+    key.take(table.keyPool(index), shape, made);
     ObjectKeyNode* node = table.nodePool.take();
     node->key = key.release();
     node->objectID = objectID;

@@ -17,38 +17,6 @@ struct ObjectBytes {
   std::uint32_t length = 0;
 };
 
-/// A key from an index's pool, which goes back there.
-class PooledKey {
- public:
-  PooledKey() = default;
-  ~PooledKey() { reset(); }
-  PooledKey(const PooledKey&) = delete;
-  PooledKey& operator=(const PooledKey&) = delete;
-
-  void take(Table& table, std::uint32_t index, std::uint32_t* key) {
-    reset();
-    table_ = &table;
-    index_ = index;
-    key_ = key;
-  }
-  void copy(Table& table, std::uint32_t index, const std::uint32_t* key) {
-    take(table, index, table.indexStates[index].keyPool.copy(table.keyShape(index), key));
-  }
-  void reset() {
-    if (key_ != nullptr)
-      table_->indexStates[index_].keyPool.release(table_->keyShape(index_), key_);
-    key_ = nullptr;
-  }
-  [[nodiscard]] const std::uint32_t* get() const { return key_; }
-  /// Gives the key up to whoever keeps it from now on.
-  [[nodiscard]] std::uint32_t* release() { return std::exchange(key_, nullptr); }
-
- private:
-  Table* table_ = nullptr;
-  std::uint32_t index_ = 0;
-  std::uint32_t* key_ = nullptr;
-};
-
 /// How the object in the buffer was found: by which key of which index (from 0).
 struct MatchedKey {
   std::uint32_t index = 0;

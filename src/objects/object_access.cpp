@@ -7,9 +7,9 @@
 #include "objects/lock_position.h"
 #include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
+#include "objects/upcalls.h"
 #include "platform/clock.h"
-#include "transaction/decided_commit.h"
-#include "transaction/frame.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 
@@ -247,7 +247,7 @@ Result ObjectAccess::advance(const Located& found, ObjectBytes object) {
   std::uint32_t* made = nullptr;
   ZELTA_TRY(extractKey(metaData_, table_, index, 0, &made, object.data, object.length));
   PooledKey first;
-  first.take(table_, index, made);
+  first.take(table_.keyPool(index), table_.keyShape(index), made);
   advanceLockPosition(metaData_, table_, found.objectID, first.get());
   return {};
 }
@@ -272,7 +272,7 @@ Result ObjectAccess::isAhead(bool* ahead) {
   std::uint32_t* made = nullptr;
   ZELTA_TRY(extractKey(metaData_, table_, index, 0, &made, object, length));
   PooledKey key;
-  key.take(table_, index, made);
+  key.take(table_.keyPool(index), table_.keyShape(index), made);
   *ahead = isAheadOfLockPosition(metaData_, table_, key.get());
   return {};
 }
@@ -359,7 +359,8 @@ Result makeSearchKey(ReadRequest& request, PooledKey& searchKey) {
   if (!request.byTree() || request.key == nullptr) return {};
   std::uint32_t* made = nullptr;
   ZELTA_TRY(buildSearchKey(request.metaData, request.table, request.index - 1, request.key, &made));
-  searchKey.take(request.table, request.index - 1, made);
+  const std::uint32_t index = request.index - 1;
+  searchKey.take(request.table.keyPool(index), request.table.keyShape(index), made);
   request.searchKey = made;
   return {};
 }

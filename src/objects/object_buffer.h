@@ -44,36 +44,6 @@ void placeObject(Table& table, std::uint32_t length);
 /// Fills the public record from the object in the buffer.
 void fillObject(const Table& table, CZELTA::Object* object);
 
-/// The ID in an object's bytes.
-[[nodiscard]] std::uint64_t objectIdOf(const Table& table, const char* object);
-
-/// Address of a field in an object; `object` null: the buffer. Null if the object does not hold the
-/// field. A position right at the end of the object counts as held.
-[[nodiscard]] const char* fieldAddress(const Table& table, std::uint32_t field, const char* object,
-                                       std::uint32_t length);
-/// Where the rows of sub-records stand that were looked for last, so that the row behind one is a
-/// single step away. It belongs to one object, whose bytes do not change meanwhile.
-class RowPlaces {
- public:
-  struct Place {
-    std::uint32_t field = 0;
-    std::uint32_t row = 0;
-    const char* at = nullptr;  ///< start of the row; null: nothing is known
-    std::uint64_t left = 0;    ///< bytes from there to the end of all rows
-  };
-  /// The place of a field, which may be an empty one that was used for another field before.
-  Place& of(std::uint32_t field);
-
- private:
-  std::array<Place, 4> places_;  ///< an index that uses more fields is rare, and only slower
-};
-
-/// The same for a sub-field of a row. `places` may be null.
-[[nodiscard]] const char* subFieldAddress(const Table& table, std::uint32_t field,
-                                          std::uint32_t subField, std::uint32_t subRecord,
-                                          const char* object, std::uint32_t length,
-                                          RowPlaces* places = nullptr);
-
 /// Proves that an object's variable part parses exactly to its end.
 Result validateObject(MetaData& metaData, const Table& table, const char* object,
                       std::uint32_t length);

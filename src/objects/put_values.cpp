@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "objects/object_buffer.h"
-#include "objects/variable_walk.h"
 #include "platform/memory.h"
 #include "schema/data_types.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 

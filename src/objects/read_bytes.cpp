@@ -6,7 +6,8 @@
 #include "index/bplus_tree.h"
 #include "index/kinds.h"
 #include "objects/object_buffer.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 

@@ -1,7 +1,7 @@
 #include "objects/read_wait.h"
 
 #include "platform/clock.h"
-#include "transaction/frame.h"
+#include "platform/deadline.h"
 
 namespace zelta {
 
@@ -21,7 +21,7 @@ LockWait::LockWait(CZELTA::Mode flags)
 
 bool LockWait::again() {
   if (quick_) return count_++ < kQuickTries;
-  return !deadlinePassed(platform::tickCount(), deadline_);
+  return !platform::deadlinePassed(platform::tickCount(), deadline_);
 }
 
 void LockWait::extend() {

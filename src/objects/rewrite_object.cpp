@@ -9,9 +9,9 @@
 #include "objects/locate.h"
 #include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
+#include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "storage/memory_file.h"
-#include "transaction/frame.h"
 
 namespace zelta {
 

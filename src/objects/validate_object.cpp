@@ -5,8 +5,8 @@
 #include <string>
 
 #include "objects/object_buffer.h"
-#include "objects/variable_walk.h"
 #include "schema/data_types.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 

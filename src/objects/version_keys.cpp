@@ -4,6 +4,7 @@
 
 #include "index/keys.h"
 #include "index/kinds.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 
@@ -36,7 +37,7 @@ Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
       return reportError(&metaData_, Own::unclassified, table_.cName(), nullptr, index);
     }
     PooledKey owned;
-    owned.take(table_, index, key);
+    owned.take(table_.keyPool(index), table_.keyShape(index), key);
     entries_.add({key, index});
     static_cast<void>(owned.release());
   }

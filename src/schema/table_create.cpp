@@ -8,12 +8,12 @@
 #include "frame/kept_error.h"
 #include "frame/mutex_guard.h"
 #include "frame/own_files.h"
+#include "platform/file_io.h"
 #include "schema/schema_copy.h"
 #include "schema/stored_schema.h"
 #include "schema/table_lifecycle.h"
 #include "schema/table_load.h"
 #include "schema/validate.h"
-#include "storage/file_io.h"
 #include "storage/table_recovery.h"
 
 namespace zelta {

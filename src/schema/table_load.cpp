@@ -5,8 +5,8 @@
 
 #include "frame/lifecycle.h"
 #include "frame/mutex_guard.h"
+#include "platform/file_io.h"
 #include "schema/stored_schema.h"
-#include "storage/file_io.h"
 #include "storage/table_recovery.h"
 
 namespace zelta {

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "platform/file_io.h"
 #include "storage/atomic_manager_writer.h"
-#include "storage/file_io.h"
 #include "storage/index_header.h"
 
 namespace zelta {

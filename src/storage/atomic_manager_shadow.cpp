@@ -7,9 +7,9 @@
 #include <memory>
 #include <new>
 
+#include "platform/file_io.h"
 #include "storage/atomic_manager.h"
 #include "storage/atomic_manager_writer.h"
-#include "storage/file_io.h"
 
 namespace zelta {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 
 namespace zelta {
 

@@ -3,7 +3,7 @@
 #ifndef ZELTA_STORAGE_FREE_SPACE_DETAIL_H
 #define ZELTA_STORAGE_FREE_SPACE_DETAIL_H
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/free_space.h"
 
 namespace zelta::free_space {

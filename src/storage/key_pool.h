@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "storage/avl_tree.h"
 
@@ -45,6 +46,38 @@ class KeyPool {
   std::array<std::uint32_t*, 16> slots_{};  ///< the first `used_` are filled
   std::size_t used_ = 0;
   bool variable_ = false;  ///< which form the slots hold; settled by the first release
+};
+
+/// A key from an index's pool, which goes back there.
+class PooledKey {
+ public:
+  PooledKey() = default;
+  ~PooledKey() { reset(); }
+  PooledKey(const PooledKey&) = delete;
+  PooledKey& operator=(const PooledKey&) = delete;
+
+  /// Takes over a key of the pool, which may be null. The pool outlives this.
+  void take(KeyPool& pool, KeyShape shape, std::uint32_t* key) {
+    reset();
+    pool_ = &pool;
+    shape_ = shape;
+    key_ = key;
+  }
+  void copy(KeyPool& pool, KeyShape shape, const std::uint32_t* key) {
+    take(pool, shape, pool.copy(shape, key));
+  }
+  void reset() {
+    if (key_ != nullptr) pool_->release(shape_, key_);
+    key_ = nullptr;
+  }
+  [[nodiscard]] const std::uint32_t* get() const { return key_; }
+  /// Gives the key up to whoever keeps it from now on.
+  [[nodiscard]] std::uint32_t* release() { return std::exchange(key_, nullptr); }
+
+ private:
+  KeyPool* pool_ = nullptr;
+  KeyShape shape_;
+  std::uint32_t* key_ = nullptr;
 };
 
 /// Spare nodes of one table.

@@ -8,9 +8,9 @@
 
 #include "frame/control_file.h"
 #include "frame/exhausted_memory.h"
+#include "platform/file_io.h"
 #include "storage/atomic_manager.h"
 #include "storage/atomic_manager_writer.h"
-#include "storage/file_io.h"
 #include "storage/memory_file_layout.h"
 
 namespace zelta {

@@ -1,6 +1,6 @@
 #include "storage/memory_file_map.h"
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/memory_file_layout.h"
 
 namespace zelta {

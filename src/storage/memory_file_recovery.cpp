@@ -3,8 +3,8 @@
 
 #include <cstring>
 
+#include "platform/file_io.h"
 #include "storage/atomic_manager.h"
-#include "storage/file_io.h"
 #include "storage/memory_file_layout.h"
 #include "storage/page_journal.h"
 

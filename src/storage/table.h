@@ -56,6 +56,7 @@ class Table final : public UInt32AVLTree {
   [[nodiscard]] KeyShape keyShape(std::uint32_t i) const {
     return KeyShape{(index(i).indexFlags & CZELTA::IndexVariableKey) != 0 ? 0 : index(i).keyWords};
   }
+  [[nodiscard]] KeyPool& keyPool(std::uint32_t i) const { return indexStates[i].keyPool; }
   [[nodiscard]] bool multiEntry(std::uint32_t i) const {
     return (index(i).indexFlags & CZELTA::IndexMultiEntry) != 0;
   }

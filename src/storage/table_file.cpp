@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "platform/clock.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/table_recovery.h"
 
 namespace zelta {

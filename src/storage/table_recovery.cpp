@@ -18,7 +18,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/free_space.h"
 
 namespace zelta {

@@ -2,7 +2,8 @@
 
 #include "frame/mutex_guard.h"
 #include "platform/clock.h"
-#include "storage/file_io.h"
+#include "platform/deadline.h"
+#include "platform/file_io.h"
 #include "transaction/frame.h"
 #include "transaction/frame_internal.h"
 
@@ -35,8 +36,8 @@ class BeginAttempt {
 
  private:
   Result waitForDatabase() {
-    const SystemCode failure =
-        platform::waitMutex(metaData_.databaseMutex, timeLeft(platform::tickCount(), deadline_));
+    const SystemCode failure = platform::waitMutex(
+        metaData_.databaseMutex, platform::timeLeft(platform::tickCount(), deadline_));
     if (failure != 0) return reportControlFile(metaData_, failure);
     owned_.adopt(metaData_.databaseMutex);
     return {};
@@ -74,7 +75,7 @@ Result BeginAttempt::run(Outcome* outcome) {
   const SystemCode locked = platform::lockWord(metaData_.controlFile, {kExclusiveWord});
   if (locked == code::kLockViolation) {
     static_cast<void>(owned_.release());
-    return timeLeft(platform::tickCount(), deadline_) == 0
+    return platform::timeLeft(platform::tickCount(), deadline_) == 0
                ? reportError(&metaData_, Own::databaseLocked)
                : Result{};
   }
@@ -141,7 +142,7 @@ Result BeginAttempt::keepOthersOut(const ControlHeader_tag& header, Outcome* out
       return {};
     }
     if (liveCount == 0) break;
-    if (deadlinePassed(platform::tickCount(), deadline_)) {
+    if (platform::deadlinePassed(platform::tickCount(), deadline_)) {
       return reportError(&metaData_, Own::databaseLocked);
     }
     // The lock stays, so that no new writer begins meanwhile.

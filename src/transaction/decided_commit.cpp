@@ -1,10 +1,10 @@
-#include "transaction/decided_commit.h"
+#include "objects/upcalls.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "frame/control_file.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/table.h"
 #include "transaction/log_file.h"
 #include "transaction/log_section.h"

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "frame/metadata.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 
 namespace zelta {
 

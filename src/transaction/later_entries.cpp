@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "frame/control_file.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "transaction/log_file_internal.h"
 #include "transaction/log_section.h"
 

@@ -5,8 +5,8 @@
 
 #include <vector>
 
+#include "platform/file_io.h"
 #include "platform/mutex.h"
-#include "storage/file_io.h"
 #include "storage/free_space.h"
 #include "transaction/log_file.h"
 

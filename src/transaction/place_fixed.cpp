@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/table_recovery.h"
 #include "transaction/edit_plan.h"
 

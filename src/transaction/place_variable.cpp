@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "storage/table_recovery.h"
 #include "transaction/edit_plan.h"
 

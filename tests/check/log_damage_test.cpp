@@ -1,7 +1,7 @@
 // Damaged log and memory files.
 
 #include "check/damage_fixture.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "transaction/log_file.h"
 
 namespace zelta::testing {

@@ -4,7 +4,7 @@
 
 #include "crash/commit_trial.h"
 #include "frame/mutex_guard.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "transaction/log_file.h"
 
 namespace zelta::testing {

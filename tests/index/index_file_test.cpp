@@ -6,7 +6,7 @@
 #include "index/bplus_tree.h"
 #include "index/keys.h"
 #include "index/kinds.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {

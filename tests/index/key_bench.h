@@ -36,7 +36,7 @@ class KeyBench : public BufferTable {
     std::uint32_t* made = nullptr;
     const Result result = extractKey(metaData, table, index, entry, &made, exact.data(),
                                      static_cast<std::uint32_t>(exact.size()));
-    key.take(table, index, made);
+    key.take(table.keyPool(index), table.keyShape(index), made);
     return result;
   }
   /// The payload in hexadecimal digits; "none" without a key, else the failure's code.
@@ -51,7 +51,7 @@ class KeyBench : public BufferTable {
     std::uint32_t* made = nullptr;
     const Result result = buildSearchKey(metaData, table, index, exact.data(), &made);
     PooledKey key;
-    key.take(table, index, made);
+    key.take(table.keyPool(index), table.keyShape(index), made);
     if (result.failed()) return std::to_string(result.code());
     return key.get() == nullptr ? "none" : digits(payload(key.get(), index));
   }

@@ -168,7 +168,7 @@ TEST(Keys, OfTheObjectInTheBuffer) {
   std::uint32_t* key = nullptr;
   ASSERT_TRUE(extractKey(t.metaData, t.table, 0, 0, &key, nullptr, 0).ok());
   PooledKey owner;
-  owner.take(t.table, 0, key);
+  owner.take(t.table.keyPool(0), t.table.keyShape(0), key);
   EXPECT_EQ(*key, 0x0A0B0C0Du);
 }
 
@@ -227,7 +227,7 @@ void expectBoth(KeyBench& t, const std::string& value, const std::vector<std::in
   const std::vector<char> exact(value.begin(), value.end());
   std::uint32_t* made = nullptr;
   ASSERT_TRUE(buildSearchKey(t.metaData, t.table, 0, exact.data(), &made).ok());
-  key.take(t.table, 0, made);
+  key.take(t.table.keyPool(0), t.table.keyShape(0), made);
   EXPECT_EQ(words(t, key.get()), expected);
 }
 

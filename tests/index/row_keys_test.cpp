@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "index/key_bench.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 namespace {
@@ -22,7 +23,7 @@ std::vector<std::string> allKeys(KeyBench& bench, const std::string& object, boo
                     .ok())
         << bench.error();
     PooledKey key;
-    key.take(bench.table, 0, made);
+    key.take(bench.table.keyPool(0), bench.table.keyShape(0), made);
     if (made == nullptr) return keys;
     keys.push_back(bench.payload(made));
   }

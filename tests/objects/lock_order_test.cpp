@@ -8,7 +8,7 @@
 
 #include "objects/lock_position.h"
 #include "objects/read_wait.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "support/object_handle.h"
 
 namespace zelta::testing {

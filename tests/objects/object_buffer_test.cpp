@@ -7,6 +7,7 @@
 #include <limits>
 #include <random>
 
+#include "schema/object_view.h"
 #include "support/buffer_table.h"
 
 namespace zelta {

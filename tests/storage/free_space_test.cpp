@@ -4,7 +4,7 @@
 #include <map>
 #include <vector>
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "support/storage_fixture.h"
 
 namespace zelta {

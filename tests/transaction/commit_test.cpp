@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "frame/parameters.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "transaction/commit_bench.h"
 
 namespace zelta::testing {

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "support/storage_fixture.h"
 #include "transaction/log_file.h"
 

@@ -4,7 +4,7 @@
 
 #include "frame/parameters.h"
 #include "frame/upcalls.h"
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 #include "support/edit_session.h"
 #include "transaction/log_file.h"
 #include "transaction/replay.h"

@@ -1,4 +1,4 @@
-#include "storage/file_io.h"
+#include "platform/file_io.h"
 
 #include "support/storage_fixture.h"
 

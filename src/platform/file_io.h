@@ -1,8 +1,8 @@
 // Reading and writing files, and the checksums that guard journals. Routines return 0 or a Windows
 // code and report nothing; the caller adds the names.
 
-#ifndef ZELTA_STORAGE_FILE_IO_H
-#define ZELTA_STORAGE_FILE_IO_H
+#ifndef ZELTA_PLATFORM_FILE_IO_H
+#define ZELTA_PLATFORM_FILE_IO_H
 
 #include <cstdint>
 
@@ -57,4 +57,4 @@ class FileGuard {
 
 }  // namespace zelta
 
-#endif  // ZELTA_STORAGE_FILE_IO_H
+#endif  // ZELTA_PLATFORM_FILE_IO_H

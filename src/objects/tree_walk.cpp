@@ -96,13 +96,13 @@ Result TreeWalk::run() {
   ZELTA_TRY(seekPending(mode, key));
   if (pendingIsNearer()) {
     out_.objectID = pending_.objectID();
-    out_.key.copy(table_, index_, pending_.key());
+    out_.key.copy(table_.keyPool(index_), shape_, pending_.key());
     out_.foreignKey = !own(out_.objectID);
     return {};
   }
   if (!committed_.valid()) return request_.notFound();
   out_.objectID = committed_.objectID();
-  out_.key.copy(table_, index_, committed_.key());
+  out_.key.copy(table_.keyPool(index_), shape_, committed_.key());
   ObjectKeyNode* replaced = table_.indexStates[index_].replacedKeys;
   if (replaced == nullptr) return {};
   if (const ObjectKeyNode* node = find(replaced, shape_, committed_.key(), 0)) {

@@ -1,0 +1,33 @@
+// What work on objects needs from the floor of transactions above it: each function is defined
+// there. Other transactions stand in its way, living or dead, and it asks for them here.
+
+#ifndef ZELTA_OBJECTS_UPCALLS_H
+#define ZELTA_OBJECTS_UPCALLS_H
+
+#include <cstdint>
+
+#include "frame/metadata.h"
+
+namespace zelta {
+
+class Table;
+
+/// Asks whether a writing transaction lives (`number` 0: whether any has died) and repairs it if it
+/// is dead. Success: it is out of the way, try again. Code 33: it lives. No table's mutex may be
+/// held. Defined in transaction/frame.cpp.
+Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number);
+
+/// Repairs all dead transactions. Code 33: one of them cannot be repaired now. No table's mutex may
+/// be held. `*repaired` (may be null): there was one. Defined in transaction/frame.cpp.
+Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired = nullptr);
+
+/// The number of another transaction that has a slot and whose last entry in the log is complete
+/// and brings an object of this ID to the table; 0: none is found. Once such an entry stands, a
+/// table may lack what its index has already. What cannot be read proves nothing. No table's mutex
+/// may be held. Defined in transaction/decided_commit.cpp.
+[[nodiscard]] std::uint32_t findDecidedCommit(MetaData& metaData, const Table& table,
+                                              std::uint64_t objectID);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_UPCALLS_H
