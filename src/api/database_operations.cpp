@@ -3,8 +3,9 @@
 #include "api/operation.h"
 #include "frame/lifecycle.h"
 #include "frame/parameters.h"
+#include "frame/upcalls.h"
+#include "transaction/begin.h"
 #include "transaction/commit.h"
-#include "transaction/frame.h"
 
 using namespace zelta;
 

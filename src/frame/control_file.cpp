@@ -5,21 +5,22 @@
 #include <cstring>
 
 #include "frame/directory_change.h"
+#include "frame/slots.h"
 #include "frame/upcalls.h"
 #include "platform/clock.h"
 #include "platform/file_io.h"
 
 namespace zelta {
 
-namespace {
-
-constexpr std::uint32_t kIntentStart = offsetof(ControlHeader_tag, oldEnd);
-
-/// A handle without a database has no name to tell.
-Result reportControl(MetaData& metaData, SystemCode failure) {
+Result reportControlFile(MetaData& metaData, SystemCode failure) {
+  // A handle without a database has no name to tell.
   const char16_t* name = metaData.isOpen() ? metaData.baseName.c_str() : nullptr;
   return reportSystemError(&metaData, failure, name, extension::kControl);
 }
+
+namespace {
+
+constexpr std::uint32_t kIntentStart = offsetof(ControlHeader_tag, oldEnd);
 
 Result reportDamaged(MetaData& metaData) {
   return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
@@ -42,7 +43,7 @@ SystemCode readPatiently(platform::File file, std::uint32_t from, char* out, std
 SystemCode readHeaderBytes(MetaData& metaData, ControlHeader_tag& header) {
   char* bytes = reinterpret_cast<char*>(&header);
   std::memset(bytes, 0, sizeof header);
-  if (metaData.slotPosition == 0) {
+  if (!metaData.mayWrite()) {
     return readPatiently(metaData.controlFile, 0, bytes, kExclusiveWord);
   }
   if (metaData.transactionWord == 1) {
@@ -82,7 +83,7 @@ bool isConsistent(const ControlHeader_tag& header) {
 
 Result readAndComplete(MetaData& metaData, ControlHeader_tag& header) {
   if (const SystemCode failure = readHeaderBytes(metaData, header); failure != 0) {
-    return reportControl(metaData, failure);
+    return reportControlFile(metaData, failure);
   }
   ZELTA_TRY(checkHeader(metaData, header));
   if (header.minorVersion == 1) return upgradeControlFile(metaData, header);
@@ -120,7 +121,7 @@ Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header) {
     ZELTA_TRY(readAndComplete(metaData, header));
     std::uint64_t size = 0;
     if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
-      return reportControl(metaData, failure);
+      return reportControlFile(metaData, failure);
     }
     if (isConsistent(header) && header.directoryEnd <= size) return {};
     // A reader holds no lock: it may have come in the middle of a write.
@@ -138,10 +139,9 @@ class OpenerScope {
  public:
   explicit OpenerScope(MetaData& metaData) : metaData_(metaData) {}
   ~OpenerScope() {
-    metaData_.transactionWord = 0;
-    metaData_.slotPosition = 0;
+    metaData_.leaveTransaction();
     if (!succeeded_) platform::unclaimMutex(metaData_.openerMutex);
-    platform::unlockWord(metaData_.controlFile, {kExclusiveWord});
+    Slot::exclusive(metaData_.controlFile).unlockOwner();
   }
   OpenerScope(const OpenerScope&) = delete;
   OpenerScope& operator=(const OpenerScope&) = delete;
@@ -155,19 +155,17 @@ class OpenerScope {
 /// Whether some slot's owner lives.
 Result findLiveSlot(MetaData& metaData, std::uint32_t directoryEnd, bool* live) {
   *live = false;
-  std::uint64_t size = 0;
-  if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
-    return reportControl(metaData, failure);
-  }
-  if (size < directoryEnd) return reportDamaged(metaData);
-  for (std::uint64_t slot = directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
-    const SystemCode failure = platform::lockWord(metaData.controlFile, {slot + 4});
+  SlotWalk walk(metaData.controlFile);
+  ZELTA_TRY(reportControlFile(metaData, walk.begin(directoryEnd)));
+  if (walk.fileSize() < directoryEnd) return reportDamaged(metaData);
+  while (walk.next()) {
+    const SystemCode failure = walk.slot().lockOwner();
     if (failure == code::kLockViolation) {
       *live = true;
       return {};
     }
-    if (failure != 0) return reportControl(metaData, failure);
-    platform::unlockWord(metaData.controlFile, {slot + 4});
+    if (failure != 0) return reportControlFile(metaData, failure);
+    walk.slot().unlockOwner();
   }
   return {};
 }
@@ -194,32 +192,26 @@ Result recoverExclusive(MetaData& metaData, UInt32AVLTree*& tables, ControlHeade
   std::uint32_t state = 0;
   if (const SystemCode failure = readBuffer(metaData.controlFile, kState, &state, 4);
       failure != 0) {
-    return reportControl(metaData, failure);
+    return reportControlFile(metaData, failure);
   }
   if (state == 0) return {};
-  ZELTA_TRY(recoverTransaction(metaData, tables, 1, kExclusiveWord, &header));
+  ZELTA_TRY(recoverCommitted(metaData, tables, kExclusiveNumber, header));
   state = 0;
   SystemCode failure = writeBuffer(metaData.controlFile, kState, &state, 4);
   if (failure == 0) failure = platform::flushFile(metaData.controlFile);
-  if (failure != 0) return reportControl(metaData, failure);
+  if (failure != 0) return reportControlFile(metaData, failure);
   return refreshControlHeader(metaData, header);  // a replayed change moves the directory's end
 }
 
 Result recoverSlots(MetaData& metaData, UInt32AVLTree*& tables, const ControlHeader_tag& header) {
-  std::uint64_t size = 0;
-  if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
-    return reportControl(metaData, failure);
-  }
-  for (std::uint64_t slot = header.directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
+  SlotWalk walk(metaData.controlFile);
+  ZELTA_TRY(reportControlFile(metaData, walk.begin(header.directoryEnd)));
+  while (walk.next()) {
     std::uint32_t number = 0;
-    if (const SystemCode failure = readBuffer(metaData.controlFile, slot, &number, 4);
-        failure != 0) {
-      return reportControl(metaData, failure);
-    }
-    if (number < kFirstSlotNumber) continue;
-    ZELTA_TRY(recoverTransaction(metaData, tables, number, slot, &header));
+    ZELTA_TRY(reportControlFile(metaData, walk.slot().readNumber(&number)));
+    if (number >= kFirstSlotNumber) ZELTA_TRY(recoverCommitted(metaData, tables, number, header));
   }
-  return reportControl(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
+  return reportControlFile(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
 }
 
 Result repairAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
@@ -236,19 +228,19 @@ Result repairAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
 }  // namespace
 
 Result recoverAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
-  const SystemCode failure = platform::lockWord(metaData.controlFile, {kExclusiveWord});
+  const SystemCode failure = Slot::exclusive(metaData.controlFile).lockOwner();
   if (failure == code::kLockViolation)
     return {};  // an exclusive transaction is at work: somebody lives
-  if (failure != 0) return reportControl(metaData, failure);
+  if (failure != 0) return reportControlFile(metaData, failure);
   OpenerScope scope(metaData);
   const SystemCode claimed = platform::claimMutex(metaData.openerMutex);
   if (claimed == code::kTimeout) {
     scope.succeed();  // somebody else opened first
     return {};
   }
-  if (claimed != 0) return reportControl(metaData, claimed);
-  metaData.transactionWord = 1;
-  metaData.slotPosition = 1;
+  if (claimed != 0) return reportControlFile(metaData, claimed);
+  metaData.transactionWord = kExclusiveNumber;
+  metaData.access = Access::repair;
   const Result result = repairAtOpen(metaData, tables);
   if (result.failed()) {
     destroyTables(metaData, tables);

@@ -50,11 +50,7 @@ static_assert(offsetof(ControlHeader_tag, changeOperation) == 56);
 
 /// Position of the directory, and end of a control file without tables.
 inline constexpr std::uint32_t kControlHeaderSize = sizeof(ControlHeader_tag);
-/// A transaction slot: the number and a state word of 1; the second word is the lock of its owner.
-inline constexpr std::uint32_t kSlotSize = 8;
-/// Numbers of transactions that have a slot begin here; what is below it in a slot names none.
-inline constexpr std::uint32_t kFirstSlotNumber = 2;
-/// Position of the word that an exclusive transaction locks, and of its "slot".
+/// Position of the word that an exclusive transaction locks, and of its place (see Slot).
 inline constexpr std::uint32_t kExclusiveWord = offsetof(ControlHeader_tag, lastTransaction);
 
 /// Operations of a directory change, as the intent and the log name them.
@@ -68,6 +64,9 @@ enum class DirectoryChange : std::uint16_t {
   changeSchema = 39,  ///< put the files of a schema change in place
   upgrade = 43        ///< the directory moves behind the longer header of version 1.2
 };
+
+/// A failed call on the control file; success for 0.
+Result reportControlFile(MetaData& metaData, SystemCode failure);
 
 /// Refuses work that must wait until what the transaction committed before is carried out: Windows
 /// code 1117 after `leaveSlot`. Another log entry would hide the one that is to be replayed. The

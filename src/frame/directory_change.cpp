@@ -12,6 +12,7 @@
 #include <string>
 
 #include "frame/own_files.h"
+#include "frame/slots.h"
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 
@@ -28,18 +29,14 @@ const char* bytesOf(const ControlHeader_tag& header) {
   return reinterpret_cast<const char*>(&header);
 }
 
-Result reportControl(MetaData& metaData, SystemCode failure) {
-  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
-}
-
 Result writeControl(MetaData& metaData, std::uint64_t position, const void* data,
                     std::size_t length) {
-  return reportControl(metaData, writeBuffer(metaData.controlFile, position, data,
-                                             static_cast<std::int64_t>(length)));
+  return reportControlFile(metaData, writeBuffer(metaData.controlFile, position, data,
+                                                 static_cast<std::int64_t>(length)));
 }
 
 Result flushControl(MetaData& metaData) {
-  return reportControl(metaData, platform::flushFile(metaData.controlFile));
+  return reportControlFile(metaData, platform::flushFile(metaData.controlFile));
 }
 
 std::uint32_t imagePosition(const ControlHeader_tag& header) {
@@ -67,7 +64,7 @@ Result readImage(MetaData& metaData, const ControlHeader_tag& header, PendingIma
   *complete = false;
   std::uint64_t size = 0;
   if (const SystemCode failure = platform::fileSize(metaData.controlFile, &size); failure != 0) {
-    return reportControl(metaData, failure);
+    return reportControlFile(metaData, failure);
   }
   const std::uint32_t start = imagePosition(header);
   if (header.imageEnd > size || header.imageEnd < start) return {};
@@ -75,7 +72,7 @@ Result readImage(MetaData& metaData, const ControlHeader_tag& header, PendingIma
   char* bytes = metaData.scratchFor(Scratch::image).reserve(image.length);
   const SystemCode failure = readLargeBuffer(metaData.controlFile, start, bytes, image.length);
   if (failure == code::kEndOfFile || failure == code::kNoAccess) return {};
-  if (failure != 0) return reportControl(metaData, failure);
+  if (failure != 0) return reportControlFile(metaData, failure);
   image.bytes = bytes;
   *complete = checksumOf(header, bytes, image.length) == header.changeChecksum;
   return {};
@@ -223,7 +220,7 @@ Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::ui
   if (target == 0) return {};
   // The file must never be cut inside its directory, nor grow, whatever a damaged intent says.
   std::uint64_t size = 0;
-  ZELTA_TRY(reportControl(metaData, platform::fileSize(metaData.controlFile, &size)));
+  ZELTA_TRY(reportControlFile(metaData, platform::fileSize(metaData.controlFile, &size)));
   if (target != header.directoryEnd || target > size) {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   }
@@ -236,7 +233,7 @@ Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::ui
   ZELTA_TRY(writeControl(metaData, kIntentStart, bytesOf(header) + kIntentStart,
                          sizeof header - kIntentStart));
   ZELTA_TRY(flushControl(metaData));
-  return reportControl(metaData, truncateFile(metaData.controlFile, target));
+  return reportControlFile(metaData, truncateFile(metaData.controlFile, target));
 }
 
 Result writeState(MetaData& metaData, std::uint32_t state) {
@@ -244,7 +241,7 @@ Result writeState(MetaData& metaData, std::uint32_t state) {
 }
 
 Result readWholeHeader(MetaData& metaData, ControlHeader_tag& header) {
-  return reportControl(metaData, readBuffer(metaData.controlFile, 0, &header, sizeof header));
+  return reportControlFile(metaData, readBuffer(metaData.controlFile, 0, &header, sizeof header));
 }
 
 }  // namespace
@@ -317,7 +314,7 @@ Result cancelDirectoryIntent(MetaData& metaData, const ControlHeader_tag& header
   ZELTA_TRY(
       writeControl(metaData, kStateStart, bytesOf(old) + kStateStart, sizeof old - kStateStart));
   ZELTA_TRY(flushControl(metaData));
-  return reportControl(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
+  return reportControlFile(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
 }
 
 Result completeDirectoryChange(MetaData& metaData, ControlHeader_tag& header, bool log) {
@@ -347,8 +344,8 @@ Result findUnfinishedImage(MetaData& metaData, std::uint32_t directoryEnd, std::
   const std::uint64_t length = size - directoryEnd;
   if (length < kLeast || length > kGap + (directoryEnd - kOldHeaderSize)) return {};
   char* bytes = metaData.scratchFor(Scratch::record).reserve(length);
-  ZELTA_TRY(reportControl(metaData, readLargeBuffer(metaData.controlFile, directoryEnd, bytes,
-                                                    static_cast<std::int64_t>(length))));
+  ZELTA_TRY(reportControlFile(metaData, readLargeBuffer(metaData.controlFile, directoryEnd, bytes,
+                                                        static_cast<std::int64_t>(length))));
   constexpr char kZeros[kGap] = {};
   *found = std::memcmp(bytes, kZeros, kGap) == 0 &&
            std::memcmp(bytes + kGap, directory, static_cast<std::size_t>(length - kGap)) == 0;
@@ -356,17 +353,16 @@ Result findUnfinishedImage(MetaData& metaData, std::uint32_t directoryEnd, std::
 }
 
 /// A file with unrepaired work is refused.
-Result refuseDeadSlots(MetaData& metaData, std::uint32_t directoryEnd, std::uint64_t size) {
-  for (std::uint64_t slot = directoryEnd; slot + kSlotSize <= size; slot += kSlotSize) {
+Result refuseDeadSlots(MetaData& metaData, std::uint32_t directoryEnd) {
+  SlotWalk walk(metaData.controlFile);
+  ZELTA_TRY(reportControlFile(metaData, walk.begin(directoryEnd)));
+  while (walk.next()) {
     std::uint32_t number = 0;
-    if (const SystemCode failure = readBuffer(metaData.controlFile, slot, &number, 4);
-        failure != 0) {
-      return reportControl(metaData, failure);
-    }
+    ZELTA_TRY(reportControlFile(metaData, walk.slot().readNumber(&number)));
     if (number == 0) continue;
-    const SystemCode locked = platform::lockWord(metaData.controlFile, {slot + 4});
+    const SystemCode locked = walk.slot().lockOwner();
     if (locked == code::kLockViolation) continue;
-    if (locked == 0) platform::unlockWord(metaData.controlFile, {slot + 4});
+    if (locked == 0) walk.slot().unlockOwner();
     return reportError(&metaData, Own::controlVersion, nullptr, nullptr, 1, 1);
   }
   return {};
@@ -375,7 +371,7 @@ Result refuseDeadSlots(MetaData& metaData, std::uint32_t directoryEnd, std::uint
 }  // namespace
 
 Result upgradeControlFile(MetaData& metaData, ControlHeader_tag& header) {
-  if (metaData.transactionWord != 1 || !metaData.mayWrite()) {
+  if (metaData.transactionWord != kExclusiveNumber || !metaData.mayWrite()) {
     return reportSystemError(&metaData, code::kTooManyFiles, metaData.baseName.c_str(),
                              extension::kControl);
   }
@@ -384,18 +380,18 @@ Result upgradeControlFile(MetaData& metaData, ControlHeader_tag& header) {
   const std::uint32_t oldEnd = header.directoryEnd;
   constexpr std::uint64_t kIndexRecordSize = 8;
   std::uint64_t size = 0;
-  ZELTA_TRY(reportControl(metaData, platform::fileSize(metaData.controlFile, &size)));
+  ZELTA_TRY(reportControlFile(metaData, platform::fileSize(metaData.controlFile, &size)));
   if (oldEnd > size || oldEnd != kOldHeaderSize + std::uint64_t{header.directorySize} * 2 +
                                      header.tableCount * kIndexRecordSize) {
     return reportError(&metaData, Own::controlFile, metaData.baseName.c_str(), extension::kControl);
   }
   const std::uint32_t length = oldEnd - kOldHeaderSize;
   char* bytes = metaData.scratchFor(Scratch::image).reserve(length);
-  ZELTA_TRY(reportControl(metaData,
-                          readLargeBuffer(metaData.controlFile, kOldHeaderSize, bytes, length)));
+  ZELTA_TRY(reportControlFile(
+      metaData, readLargeBuffer(metaData.controlFile, kOldHeaderSize, bytes, length)));
   bool unfinished = false;
   ZELTA_TRY(findUnfinishedImage(metaData, oldEnd, size, bytes, &unfinished));
-  if (!unfinished) ZELTA_TRY(refuseDeadSlots(metaData, oldEnd, size));
+  if (!unfinished) ZELTA_TRY(refuseDeadSlots(metaData, oldEnd));
 
   ControlHeader_tag next = header;
   std::memset(reinterpret_cast<char*>(&next) + kOldCountersStart, 0,
@@ -421,7 +417,7 @@ Result upgradeControlFile(MetaData& metaData, ControlHeader_tag& header) {
   ZELTA_TRY(writeControl(metaData, 0, &next, sizeof next));
   ZELTA_TRY(flushControl(metaData));
   header = next;
-  return reportControl(metaData, truncateFile(metaData.controlFile, next.directoryEnd));
+  return reportControlFile(metaData, truncateFile(metaData.controlFile, next.directoryEnd));
 }
 
 }  // namespace zelta

@@ -7,6 +7,7 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
+#include "frame/slots.h"
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "platform/text.h"
@@ -107,8 +108,7 @@ void closeAll(MetaData& metaData) {
   metaData.lockFile = platform::LocksFile::none;
   metaData.directoryPath.clear();
   metaData.baseName.clear();
-  metaData.transactionWord = 0;
-  metaData.slotPosition = 0;
+  metaData.leaveTransaction();
   metaData.ownerThread = 0;
 }
 
@@ -226,7 +226,7 @@ void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables) {
   }
   destroyTables(metaData, tables);
   // An exclusive reader owns the database's mutex until it ends, which may have failed.
-  if (metaData.transactionWord == 1 && metaData.slotPosition == 0) {
+  if (metaData.transactionWord == kExclusiveNumber && !metaData.mayWrite()) {
     static_cast<void>(platform::releaseMutex(metaData.databaseMutex));
   }
   closeAll(metaData);

@@ -29,6 +29,13 @@ enum class Scratch : std::size_t {
   image = 6       ///< the image of a new directory
 };
 
+/// What a handle may do to the database at this moment.
+enum class Access {
+  read,    ///< look at what is committed; also: no transaction
+  repair,  ///< complete what others have left: the first opener, and a begin that has no place yet
+  write    ///< the running transaction has a place and may change tables
+};
+
 struct MetaData {
   MetaData() = default;
   ~MetaData();
@@ -49,8 +56,8 @@ struct MetaData {
   char16_t* errorMessage = nullptr;  ///< owned (malloc); null when no failure text is pending
   std::array<ScratchBuffer, 7> scratch{{ScratchBuffer(kZeroTail)}};  ///< see Scratch::object
   std::uint32_t transactionWord = 0;  ///< 0 none, 1 exclusive, else the transaction's number
-  std::uint64_t slotPosition =
-      0;  ///< slot in the control file; 32 in an exclusive one; 0 when read-only
+  std::uint64_t slotPosition = 0;  ///< the transaction's place in the control file; 0: it has none
+  Access access = Access::read;
   std::uint32_t slotAreaStart = 0;  ///< end of the directory when the transaction began
   std::uint32_t lockOrderReached =
       0;  ///< highest lock order of a table in which an object was locked
@@ -65,7 +72,22 @@ struct MetaData {
     return scratch[static_cast<std::size_t>(role)];
   }
   [[nodiscard]] bool isOpen() const { return controlFile != platform::File::none; }
-  [[nodiscard]] bool mayWrite() const { return slotPosition != 0; }
+  [[nodiscard]] bool mayWrite() const { return access != Access::read; }
+
+  /// The transaction of this number runs from now on; it has its place in the control file.
+  void enterTransaction(std::uint32_t number, std::uint64_t position) {
+    transactionWord = number;
+    slotPosition = position;
+    access = Access::write;
+  }
+  /// A transaction that only reads; it has no place.
+  void enterReading(std::uint32_t number) {
+    transactionWord = number;
+    slotPosition = 0;
+    access = Access::read;
+  }
+  /// No transaction runs.
+  void leaveTransaction() { enterReading(0); }
 };
 
 /// Frees the pending failure text.

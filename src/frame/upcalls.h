@@ -12,12 +12,12 @@ namespace zelta {
 
 struct UInt32AVLTree;
 
-/// Decides what becomes of a transaction whose process died: replays its log entry, or removes its
-/// traces. `slot` is its position in the control file (32 for number 1). With `header` given (at
-/// open) the caller clears memory files and slot itself. Tables that it opens are closed again.
-/// Defined in transaction/recovery.cpp.
-Result recoverTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
-                          std::uint64_t slot, const ControlHeader_tag* header);
+/// Carries out the log entry of a transaction whose process died, if it is complete, and takes it
+/// out of the log. For the first opener, who clears memory files and slots itself. `header` as it
+/// stands in the control file. Tables that it opens are closed again. Defined in
+/// transaction/recovery.cpp.
+Result recoverCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                        const ControlHeader_tag& header);
 
 /// Enters a schema record under number 1 in the log, unless an equal one is the last there. `body`
 /// as it shall stand in the record. Called for databases that keep numbered log files. `header`
@@ -31,7 +31,7 @@ Result logSchemaChange(MetaData& metaData, ControlHeader_tag& header, DirectoryC
 Result setLogForm(MetaData& metaData, ControlHeader_tag& header, bool keep);
 
 /// Ends the transaction of a handle: aborts, destroys all tables, gives the slot back. Defined in
-/// transaction/frame.cpp.
+/// transaction/end.cpp.
 Result endTransaction(MetaData& metaData, UInt32AVLTree*& tables);
 
 /// Destroys the tables of a handle. Defined in storage/table.cpp.

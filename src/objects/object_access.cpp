@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "frame/kept_error.h"
+#include "frame/slots.h"
 #include "index/keys.h"
 #include "objects/lock_position.h"
 #include "objects/object_buffer.h"

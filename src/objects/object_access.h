@@ -14,9 +14,6 @@
 
 namespace zelta {
 
-/// The number of every exclusive transaction.
-inline constexpr std::uint32_t kExclusiveNumber = 1;
-
 class ObjectAccess {
  public:
   ObjectAccess(UInt32AVLTree*& tables, ReadRequest request, CZELTA::Mode flags)

@@ -1,11 +1,12 @@
-// Beginning transactions.
+#include "transaction/begin.h"
 
 #include "frame/mutex_guard.h"
+#include "frame/upcalls.h"
 #include "platform/clock.h"
 #include "platform/deadline.h"
 #include "platform/file_io.h"
-#include "transaction/frame.h"
-#include "transaction/frame_internal.h"
+#include "transaction/recovery.h"
+#include "transaction/slots.h"
 
 namespace zelta {
 
@@ -21,7 +22,7 @@ class BeginAttempt {
       : metaData_(metaData), mode_(mode), deadline_(deadline) {}
   ~BeginAttempt() {
     unlockExclusive();
-    if (!begun_) metaData_.slotPosition = 0;
+    if (!begun_) metaData_.leaveTransaction();
   }
   BeginAttempt(const BeginAttempt&) = delete;
   BeginAttempt& operator=(const BeginAttempt&) = delete;
@@ -31,7 +32,7 @@ class BeginAttempt {
   /// After the outcome `dead`: repairs whom it has met. The database's mutex is held all the time,
   /// as nobody else can tell a dead one whose word is locked by its repairer from one alive.
   Result repair(UInt32AVLTree*& tables) {
-    return RepairScope(metaData_, deadNumber_, deadPosition_).run(tables);
+    return RepairScope(metaData_, deadNumber_, deadSlot_).run(tables);
   }
 
  private:
@@ -44,27 +45,26 @@ class BeginAttempt {
   }
   void unlockExclusive() {
     if (!exclusive_) return;
-    platform::unlockWord(metaData_.controlFile, {kExclusiveWord});
+    Slot::exclusive(metaData_.controlFile).unlockOwner();
     exclusive_ = false;
   }
-  void noteDead(std::uint32_t number, std::uint64_t position, Outcome* outcome) {
+  void noteDead(std::uint32_t number, const Slot& slot, Outcome* outcome) {
     deadNumber_ = number;
-    deadPosition_ = position;
+    deadSlot_ = slot;
     *outcome = Outcome::dead;
   }
   Result begin(Outcome* outcome);
   Result keepOthersOut(const ControlHeader_tag& header, Outcome* outcome);
-  Result scanSlots(const ControlHeader_tag& header, std::uint32_t* liveCount);
   Result enterExclusive();
   Result takeSlot(const ControlHeader_tag& header, std::uint32_t lastTransaction, Outcome* outcome);
-  Result writeSlot(std::uint32_t number, std::uint64_t position);
+  Result writeSlot(std::uint32_t number, const Slot& slot);
 
   MetaData& metaData_;
   CZELTA::Mode mode_;
   std::uint32_t deadline_;
   MutexGuard owned_;
   std::uint32_t deadNumber_ = 0;  ///< whom to repair; its owner's word is locked
-  std::uint64_t deadPosition_ = 0;
+  Slot deadSlot_;
   bool exclusive_ = false;  ///< bytes 32 to 35 are locked
   bool begun_ = false;
 };
@@ -72,7 +72,7 @@ class BeginAttempt {
 Result BeginAttempt::run(Outcome* outcome) {
   *outcome = Outcome::busy;
   ZELTA_TRY(waitForDatabase());
-  const SystemCode locked = platform::lockWord(metaData_.controlFile, {kExclusiveWord});
+  const SystemCode locked = Slot::exclusive(metaData_.controlFile).lockOwner();
   if (locked == code::kLockViolation) {
     static_cast<void>(owned_.release());
     return platform::timeLeft(platform::tickCount(), deadline_) == 0
@@ -86,8 +86,7 @@ Result BeginAttempt::run(Outcome* outcome) {
   if (mode_ == CZELTA::TransactionExclusiveRead) {
     owned_.keep();
   } else if (const SystemCode failure = owned_.release(); failure != 0) {
-    unlockOwnerWord(metaData_, metaData_.transactionWord, metaData_.slotPosition);
-    metaData_.transactionWord = 0;
+    Slot(metaData_.controlFile, metaData_.slotPosition).unlockOwner();
     return reportControlFile(metaData_, failure);
   }
   metaData_.ownerThread = platform::currentThread();
@@ -96,7 +95,7 @@ Result BeginAttempt::run(Outcome* outcome) {
 }
 
 Result BeginAttempt::begin(Outcome* outcome) {
-  metaData_.slotPosition = 1;  // gives the right to complete a change of the directory
+  metaData_.access = Access::repair;  // of a change of the directory
   ControlHeader_tag header;
   ZELTA_TRY(refreshControlHeader(metaData_, header));
   metaData_.slotAreaStart = header.directoryEnd;
@@ -116,32 +115,23 @@ Result BeginAttempt::begin(Outcome* outcome) {
     }
     ZELTA_TRY(reportControlFile(metaData_, failure));
     exclusive_ = false;  // kept for the repair
-    noteDead(1, kExclusiveWord, outcome);
+    noteDead(kExclusiveNumber, Slot::exclusive(metaData_.controlFile), outcome);
     return {};
   }
   return mode_ == CZELTA::TransactionShared ? takeSlot(header, words.lastTransaction, outcome)
                                             : keepOthersOut(header, outcome);
 }
 
-/// Counts live slots; stops at a dead one with its word locked. The file is cut behind the last
-/// live one.
-Result BeginAttempt::scanSlots(const ControlHeader_tag& header, std::uint32_t* liveCount) {
-  std::uint64_t position = 0;
-  ZELTA_TRY(findFreeSlot(metaData_, header, &position, liveCount, &deadNumber_, false));
-  deadPosition_ = position;
-  return {};
-}
-
 Result BeginAttempt::keepOthersOut(const ControlHeader_tag& header, Outcome* outcome) {
   for (;;) {
-    std::uint32_t liveCount = 0;
-    ZELTA_TRY(scanSlots(header, &liveCount));
-    if (deadNumber_ != 0) {
+    SlotScan scan;
+    ZELTA_TRY(scanSlots(metaData_, header, false, scan));
+    if (scan.deadNumber != 0) {
       unlockExclusive();
-      *outcome = Outcome::dead;
+      noteDead(scan.deadNumber, scan.slot, outcome);
       return {};
     }
-    if (liveCount == 0) break;
+    if (scan.liveCount == 0) break;
     if (platform::deadlinePassed(platform::tickCount(), deadline_)) {
       return reportError(&metaData_, Own::databaseLocked);
     }
@@ -158,47 +148,40 @@ Result BeginAttempt::keepOthersOut(const ControlHeader_tag& header, Outcome* out
 Result BeginAttempt::enterExclusive() {
   if (mode_ == CZELTA::TransactionExclusiveRead) {
     unlockExclusive();
-    metaData_.transactionWord = 1;
-    metaData_.slotPosition = 0;
+    metaData_.enterReading(kExclusiveNumber);
     return {};
   }
-  constexpr std::uint32_t kAtWork[2] = {1, 1};
-  ZELTA_TRY(reportControlFile(
-      metaData_, writeBuffer(metaData_.controlFile, kExclusiveWord, kAtWork, sizeof kAtWork)));
-  metaData_.transactionWord = 1;
-  metaData_.slotPosition = kExclusiveWord;
+  const Slot place = Slot::exclusive(metaData_.controlFile);
+  ZELTA_TRY(reportControlFile(metaData_, place.enter(kExclusiveNumber)));
+  metaData_.enterTransaction(kExclusiveNumber, kExclusiveWord);
   exclusive_ = false;  // the transaction's own from now on
   return {};
 }
 
 Result BeginAttempt::takeSlot(const ControlHeader_tag& header, std::uint32_t lastTransaction,
                               Outcome* outcome) {
-  std::uint32_t liveCount = 0;
-  std::uint64_t position = 0;
-  ZELTA_TRY(findFreeSlot(metaData_, header, &position, &liveCount, &deadNumber_, true));
-  if (deadNumber_ != 0) {
-    deadPosition_ = position;
+  SlotScan scan;
+  ZELTA_TRY(scanSlots(metaData_, header, true, scan));
+  if (scan.deadNumber != 0) {
     unlockExclusive();
-    *outcome = Outcome::dead;
+    noteDead(scan.deadNumber, scan.slot, outcome);
     return {};
   }
   std::uint32_t number = lastTransaction + 1;
-  if (number <= 1 || number == 0xFFFFFFFF) number = 2;
-  if (const Result written = writeSlot(number, position); written.failed()) {
-    platform::unlockWord(metaData_.controlFile, {position + 4});
+  if (number < kFirstSlotNumber || number == 0xFFFFFFFF) number = kFirstSlotNumber;
+  if (const Result written = writeSlot(number, scan.slot); written.failed()) {
+    scan.slot.unlockOwner();
     return written;
   }
   unlockExclusive();
-  metaData_.transactionWord = number;
-  metaData_.slotPosition = position;
+  metaData_.enterTransaction(number, scan.slot.position());
   *outcome = Outcome::begun;
   return {};
 }
 
-Result BeginAttempt::writeSlot(std::uint32_t number, std::uint64_t position) {
+Result BeginAttempt::writeSlot(std::uint32_t number, const Slot& slot) {
   SystemCode failure = writeBuffer(metaData_.controlFile, kExclusiveWord, &number, sizeof number);
-  const std::uint32_t slot[2] = {number, 1};
-  if (failure == 0) failure = writeBuffer(metaData_.controlFile, position, slot, sizeof slot);
+  if (failure == 0) failure = slot.enter(number);
   return reportControlFile(metaData_, failure);
 }
 
@@ -210,8 +193,7 @@ Result beginTransaction(MetaData& metaData, UInt32AVLTree*& tables, CZELTA::Mode
   destroyTables(metaData, tables);  // left by a commit that failed
   metaData.leaveSlot = false;
   if (mode == CZELTA::TransactionRead) {
-    metaData.transactionWord = 2;
-    metaData.slotPosition = 0;
+    metaData.enterReading(kFirstSlotNumber);
     metaData.ownerThread = platform::currentThread();
     return {};
   }

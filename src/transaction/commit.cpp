@@ -11,6 +11,7 @@
 #include "frame/control_file.h"
 #include "frame/exhausted_memory.h"
 #include "frame/mutex_guard.h"
+#include "frame/slots.h"
 #include "objects/lock_position.h"
 #include "objects/upcalls.h"
 #include "platform/file_io.h"
@@ -18,7 +19,6 @@
 #include "storage/memory_file.h"
 #include "storage/table_file.h"
 #include "storage/table_recovery.h"
-#include "transaction/frame.h"
 #include "transaction/image_reader.h"
 #include "transaction/log_file.h"
 #include "transaction/table_commit.h"
@@ -208,13 +208,8 @@ void giveTransactionUp(MetaData& metaData, const std::vector<Table*>& tables) {
     }
   }
   dropLockPosition(metaData);
-  if (metaData.transactionWord > 1) {
-    platform::unlockWord(metaData.controlFile, {metaData.slotPosition + 4});
-  } else {
-    platform::unlockWord(metaData.controlFile, {kExclusiveWord});
-  }
-  metaData.transactionWord = 0;
-  metaData.slotPosition = 0;
+  Slot(metaData.controlFile, metaData.slotPosition).unlockOwner();
+  metaData.leaveTransaction();
 }
 
 /// All locks of a table that has no edits.

@@ -1,9 +1,11 @@
+// Commits that are decided and not carried out yet.
+
 #include "objects/upcalls.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "frame/control_file.h"
+#include "frame/slots.h"
 #include "platform/file_io.h"
 #include "storage/table.h"
 #include "transaction/log_file.h"
@@ -12,8 +14,6 @@
 namespace zelta {
 
 namespace {
-
-constexpr std::uint32_t kExclusive = 1;
 
 class DecidedSearch {
  public:
@@ -76,23 +76,22 @@ Result DecidedSearch::run(std::uint32_t* number) {
   };
   ControlHeader_tag header{};
   std::uint32_t exclusive = 0;
-  std::uint64_t size = 0;
   ZELTA_TRY(report(readBuffer(metaData_.controlFile, 0, &header, kExclusiveWord)));
   ZELTA_TRY(report(readBuffer(metaData_.controlFile, offsetof(ControlHeader_tag, exclusiveState),
                               &exclusive, sizeof exclusive)));
-  ZELTA_TRY(report(platform::fileSize(metaData_.controlFile, &size)));
+  SlotWalk walk(metaData_.controlFile);
+  ZELTA_TRY(report(walk.begin(header.directoryEnd)));
   const auto ask = [&](std::uint32_t candidate, bool* brought) {
     *brought = false;
     if (candidate == metaData_.transactionWord) return Result{};
     return isBrought(candidate, header, brought);
   };
   bool brought = false;
-  if (exclusive != 0) ZELTA_TRY(ask(kExclusive, &brought));
-  if (brought) *number = kExclusive;
-  for (std::uint64_t slot = header.directoryEnd; !brought && slot + kSlotSize <= size;
-       slot += kSlotSize) {
+  if (exclusive != 0) ZELTA_TRY(ask(kExclusiveNumber, &brought));
+  if (brought) *number = kExclusiveNumber;
+  while (!brought && walk.next()) {
     std::uint32_t candidate = 0;
-    ZELTA_TRY(report(readBuffer(metaData_.controlFile, slot, &candidate, sizeof candidate)));
+    ZELTA_TRY(report(walk.slot().readNumber(&candidate)));
     if (candidate < kFirstSlotNumber) continue;
     ZELTA_TRY(ask(candidate, &brought));
     if (brought) *number = candidate;

@@ -1,4 +1,4 @@
-// What becomes of a transaction whose process died.
+#include "transaction/recovery.h"
 
 #include <cstring>
 #include <memory>
@@ -7,14 +7,15 @@
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
 #include "frame/upcalls.h"
+#include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "platform/file_io.h"
 #include "schema/table_lifecycle.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
-#include "transaction/frame.h"
 #include "transaction/log_file.h"
 #include "transaction/replay.h"
+#include "transaction/slots.h"
 #include "transaction/traces.h"
 #include "transaction/transaction_tables.h"
 
@@ -86,8 +87,8 @@ Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32
   return removed.is(Own::logEntryNotFound) ? Result{} : removed;
 }
 
-Result settleLog(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
-                 const ControlHeader_tag* header) {
+Result replayFromLog(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                     const ControlHeader_tag* header) {
   LogHeader_tag logHeader{};
   FoundEntry entry;
   ZELTA_TRY(findLogEntry(metaData, header, number, logHeader, &entry.file, &entry.position));
@@ -156,13 +157,59 @@ Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t n
 
 }  // namespace
 
-Result recoverTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
-                          std::uint64_t slot, const ControlHeader_tag* header) {
+Result recoverCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+                        const ControlHeader_tag& header) {
   const OpenedTables opened(tables);
-  ZELTA_TRY(settleLog(metaData, tables, number, header));
-  if (header != nullptr) return {};  // the first opener clears memory files and slots itself
-  ZELTA_TRY(dropAllTraces(metaData, tables, number));
-  return releaseSlot(metaData, number, slot);
+  return replayFromLog(metaData, tables, number, &header);
+}
+
+RepairScope::RepairScope(MetaData& metaData, std::uint32_t number, const Slot& slot)
+    : metaData_(metaData),
+      number_(number),
+      slot_(slot),
+      ownNumber_(metaData.transactionWord),
+      ownAccess_(metaData.access) {
+  metaData.transactionWord = kExclusiveNumber;
+  if (ownNumber_ == 0) metaData.access = Access::repair;  // a begin, which has no place yet
+}
+
+RepairScope::~RepairScope() {
+  metaData_.transactionWord = ownNumber_;
+  metaData_.access = ownAccess_;
+  if (!repaired_) slot_.unlockOwner();
+}
+
+Result RepairScope::run(UInt32AVLTree*& tables) {
+  const OpenedTables opened(tables);
+  ZELTA_TRY(replayFromLog(metaData_, tables, number_, nullptr));
+  ZELTA_TRY(dropAllTraces(metaData_, tables, number_));
+  ZELTA_TRY(releaseSlot(metaData_, slot_));
+  repaired_ = true;
+  return {};
+}
+
+Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
+  MutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kLongWait));
+  Slot slot;
+  std::uint32_t found = 0;
+  ZELTA_TRY(lockDeadTransaction(metaData, number, slot, &found));
+  if (slot.isNone()) return {};
+  return RepairScope(metaData, found, slot).run(tables);
+}
+
+Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired) {
+  if (repaired != nullptr) *repaired = false;
+  for (;;) {
+    MutexGuard guard;
+    ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kLongWait));
+    Slot slot;
+    std::uint32_t found = 0;
+    ZELTA_TRY(lockDeadTransaction(metaData, 0, slot, &found));
+    if (slot.isNone()) return {};
+    ZELTA_TRY(RepairScope(metaData, found, slot).run(tables));
+    if (repaired != nullptr) *repaired = true;
+  }
 }
 
 }  // namespace zelta

@@ -9,14 +9,15 @@
 #include <thread>
 
 #include "frame/lifecycle.h"
+#include "frame/upcalls.h"
 #include "objects/delete_object.h"
 #include "schema/table_lifecycle.h"
 #include "storage/table_file.h"
 #include "support/buffer_table.h"
 #include "support/check_database.h"
 #include "support/paged_table.h"
+#include "transaction/begin.h"
 #include "transaction/commit.h"
-#include "transaction/frame.h"
 
 namespace zelta {
 namespace {

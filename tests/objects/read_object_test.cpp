@@ -1,4 +1,5 @@
 #include "objects/read_object.h"
+#include "frame/upcalls.h"
 
 #include <gtest/gtest.h>
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "frame/lifecycle.h"
+#include "frame/upcalls.h"
 #include "objects/add_object.h"
 #include "objects/delete_object.h"
 #include "objects/object_buffer.h"
@@ -25,8 +26,8 @@
 #include "schema/table_lifecycle.h"
 #include "support/buffer_table.h"
 #include "support/storage_fixture.h"
+#include "transaction/begin.h"
 #include "transaction/commit.h"
-#include "transaction/frame.h"
 
 namespace zelta::testing {
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "frame/lifecycle.h"
+#include "frame/upcalls.h"
 #include "objects/add_object.h"
 #include "objects/delete_object.h"
 #include "objects/object_buffer.h"
@@ -24,8 +25,8 @@
 #include "support/check_database.h"
 #include "support/paged_table.h"
 #include "support/storage_fixture.h"
+#include "transaction/begin.h"
 #include "transaction/commit.h"
-#include "transaction/frame.h"
 
 namespace zelta::testing {
 

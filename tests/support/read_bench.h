@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "frame/control_file.h"
 #include "frame/lifecycle.h"
 #include "index/bplus_tree.h"
 #include "index/index_file.h"
@@ -22,7 +23,7 @@
 #include "storage/table.h"
 #include "storage/table_file.h"
 #include "support/storage_fixture.h"
-#include "transaction/frame.h"
+#include "transaction/begin.h"
 
 namespace zelta::testing {
 

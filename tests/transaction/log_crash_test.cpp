@@ -185,7 +185,7 @@ TEST_F(PendingIntent, IsFinishedByTheNextOne) {
 
 TEST_F(PendingIntent, IsLeftAloneByAReader) {
   load(pending);
-  metaData.slotPosition = 0;
+  metaData.access = Access::read;
   EXPECT_EQ(find(20), 0u);
   EXPECT_TRUE(last.is(Own::notWritable));
   EXPECT_TRUE(folder.bytes("shop.zll") == pending);

@@ -94,7 +94,7 @@ class LogTest : public ::testing::Test {
   LogTest() {
     metaData.directoryPath = (folder.path().u16string() + platform::kSeparator);
     metaData.baseName = u"shop";
-    metaData.slotPosition = 76;
+    metaData.access = Access::write;
     const std::u16string name = folder.file("shop.log-mutex");
     const OpenedLockFile locks(folder);
     EXPECT_EQ(platform::createMutex(locks, name.c_str(), &metaData.logMutex), 0u);

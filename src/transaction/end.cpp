@@ -1,0 +1,37 @@
+// Ending transactions.
+
+#include "frame/upcalls.h"
+#include "transaction/commit.h"
+#include "transaction/slots.h"
+
+namespace zelta {
+
+namespace {
+
+/// What a transaction holds in the control file.
+Result giveUpPlace(MetaData& metaData) {
+  if (metaData.transactionWord == 0) return {};
+  if (!metaData.mayWrite()) {
+    if (metaData.transactionWord != kExclusiveNumber) return {};
+    return reportControlFile(metaData, platform::releaseMutex(metaData.databaseMutex));
+  }
+  const Slot slot(metaData.controlFile, metaData.slotPosition);
+  if (metaData.leaveSlot) {
+    slot.unlockOwner();
+    return {};
+  }
+  return releaseSlot(metaData, slot);
+}
+
+}  // namespace
+
+Result endTransaction(MetaData& metaData, UInt32AVLTree*& tables) {
+  ZELTA_TRY(abortTransaction(metaData, tables, true));
+  destroyTables(metaData, tables);
+  const Result result = giveUpPlace(metaData);
+  metaData.leaveTransaction();
+  metaData.leaveSlot = false;
+  return result;
+}
+
+}  // namespace zelta
