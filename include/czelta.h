@@ -6,17 +6,15 @@
 //  - The database must lie on a local disk. Paths need a folder part.
 //  - A handle must not be used on the other side of a fork: operations there fail with code 6.
 //  - Every operation returns a result word: 0 is success. The low 32 bits are a code; the high 32
-//  bits
-//    say whose code it is: 1 for the library's own, 2 for the codes of the Windows API, which stand
-//    for failures of the operating system on every platform.
+//    bits say whose code it is: 1 for the library's own, 2 for the codes of the Windows API, which
+//    stand for failures of the operating system on every platform.
 //  - GetErrorMessage() has the failure as a text, until the next call on the handle.
 //  - All texts are zero-terminated UTF-16 (const char16_t*), apart from the contents of 8-bit
-//  fields.
+//    fields.
 //  - Object data is reached through pointers into the table's buffer (see Object). They are valid
-//  until
-//    the next operation that replaces the buffer, and never beyond EndTransaction().
+//    until the next operation that replaces the buffer, and never beyond EndTransaction().
 //  - A process that dies leaves nothing to clean up by hand: whoever comes next repairs what it
-//  finds.
+//    finds.
 //
 // Records and enumerations are part of the binary interface; their layout is checked below.
 
@@ -39,9 +37,9 @@
 #define ZELTA_API
 #endif
 
+// An anonymous struct is an extension that all compilers have.
 #if defined(__GNUC__)
-#define ZELTA_EXTENSION \
-  __extension__  // an anonymous struct is an extension that all compilers have
+#define ZELTA_EXTENSION __extension__
 #else
 #define ZELTA_EXTENSION
 #endif

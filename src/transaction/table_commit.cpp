@@ -3,7 +3,7 @@
 //  1. The index file takes the keys over, in its own atomic step.
 //  2. The edits of the table file are planned, and written behind its end as a journal.
 //  3. One write of the intent into the header, and a flush: from here on the commit is finished,
-//  whoever does it.
+//     whoever does it.
 //  4. Moves of records, and if there are any the mark that they are done.
 //  5. New contents, slots and links, cleared slots, free blocks; a flush.
 //  6. The header with the new numbers and without the intent; a flush; the file is cut.

@@ -1,10 +1,10 @@
 // Named mutexes are the system's own. Beside each stand named objects under names derived from its
 // own, which like it vanish with the last handle:
 //  - Two semaphores are the count of changes. A semaphore is the one object of the system that
-//  keeps a number for several processes and that any user may create for all of them; shared
-//  memory takes a privilege.
+//    keeps a number for several processes and that any user may create for all of them; shared
+//    memory takes a privilege.
 //  - A mutex that only exists while some handle has claimed the first one. The claim is a handle's,
-//  while the ownership of a mutex is a thread's.
+//    while the ownership of a mutex is a thread's.
 
 #include "platform/mutex.h"
 
