@@ -5,6 +5,7 @@
 
 #include "platform/file_io.h"
 #include "storage/table_recovery.h"
+#include "transaction/joined_writer.h"
 
 namespace zelta {
 
