@@ -19,76 +19,15 @@
 #include "storage/memory_file.h"
 #include "storage/table_file.h"
 #include "storage/table_recovery.h"
+#include "transaction/entry_writer.h"
 #include "transaction/image_reader.h"
-#include "transaction/log_file.h"
+#include "transaction/log_rotation.h"
 #include "transaction/table_commit.h"
 #include "transaction/transaction_tables.h"
 
 namespace zelta {
 
 namespace {
-
-constexpr std::uint32_t kHeadSize = sizeof(LogEntryHead_tag);
-
-/// The body of a log entry on its way into the file, with its checksum.
-class EntryWriter {
- public:
-  EntryWriter(MetaData& metaData, std::uint64_t position, const LogEntryHead_tag& head)
-      : metaData_(metaData),
-        entry_(position),
-        head_(head),
-        next_(position + kHeadSize),
-        buffer_(metaData.scratchFor(Scratch::image).reserve(kCapacity)) {}
-
-  Result write(const void* data, std::uint64_t length) {
-    const char* bytes = static_cast<const char*>(data);
-    while (length > 0) {
-      const std::uint64_t piece = std::min(length, kCapacity - used_);
-      if (bytes != nullptr) {
-        std::memcpy(buffer_ + used_, bytes, piece);
-        bytes += piece;
-      } else {
-        std::memset(buffer_ + used_, 0, piece);
-      }
-      used_ += piece;
-      length -= piece;
-      if (used_ == kCapacity) ZELTA_TRY(flush());
-    }
-    return {};
-  }
-  /// Fills the block, then writes what makes the entry complete, and flushes the log.
-  Result finish(std::uint32_t sections) {
-    const std::uint64_t written = next_ + used_ - entry_;
-    if (written > head_.blockLength) return reportError(&metaData_, Own::logFile);
-    ZELTA_TRY(write(nullptr, head_.blockLength - written));
-    ZELTA_TRY(flush());
-    head_.sectionCount = sections;
-    head_.checksum = sum_;
-    return report(completeLogEntry(metaData_.logFile, entry_, head_));
-  }
-
- private:
-  Result report(SystemCode failure) {
-    return reportSystemError(&metaData_, failure, metaData_.baseName.c_str(), extension::kLog);
-  }
-  Result flush() {
-    xorChecksum64(sum_, buffer_, used_);  // every piece but the last is a multiple of 8
-    const SystemCode failure =
-        writeBuffer(metaData_.logFile, next_, buffer_, static_cast<std::int64_t>(used_));
-    next_ += used_;
-    used_ = 0;
-    return report(failure);
-  }
-
-  static constexpr std::uint64_t kCapacity = 256 * 1024;
-  MetaData& metaData_;
-  std::uint64_t entry_;
-  LogEntryHead_tag head_;
-  std::uint64_t next_;  ///< where the buffer goes
-  char* buffer_;
-  std::uint64_t used_ = 0;
-  std::uint64_t sum_ = 0;
-};
 
 std::uint64_t sectionSize(const Table& table) {
   return sizeof(LogTableSection_tag) + std::uint64_t{table.deletedCount} * table.idSize() +
@@ -155,45 +94,35 @@ Result writeSection(MetaData& metaData, Table& table, EntryWriter& out) {
   return guard.release();
 }
 
-/// An entry that is reserved in the log.
-struct Reserved {
-  std::uint64_t position = 0;
-  LogEntryHead_tag head{};
-  bool single = false;  ///< the entry goes once it is applied
-};
-
 /// Reserves the entry and locks it. The order of entries is that in which transactions come here.
-Result reserveEntry(MetaData& metaData, std::uint64_t size, Reserved& out) {
+Result reserveEntry(LogFile& log, std::uint64_t size, LogEntry* entry) {
+  MetaData& metaData = log.metaData();
+  const auto reportControl = [&](SystemCode failure) {
+    return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+  };
   MutexGuard database;
-  MutexGuard log;
   ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
-  ControlHeader_tag header{};
-  SystemCode failure = readBuffer(metaData.controlFile, 0, &header, kExclusiveWord);
-  if (failure != 0) {
-    return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
-  }
-  LogHeader_tag logHeader{};
-  ZELTA_TRY(prepareLogFile(metaData, header, logHeader));
-  failure = platform::flushFile(metaData.controlFile);
-  if (failure != 0) {
-    return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
-  }
-  ZELTA_TRY(log.acquire(metaData, metaData.logMutex, kLongWait));
+  ControlHeader_tag control{};
+  ZELTA_TRY(reportControl(readBuffer(metaData.controlFile, 0, &control, kExclusiveWord)));
+  ZELTA_TRY(prepareLogFile(control, log));
+  ZELTA_TRY(reportControl(platform::flushFile(metaData.controlFile)));
+  ZELTA_TRY(log.lock(kLongWait, extension::kControl));
   static_cast<void>(database.release());
-  ZELTA_TRY(appendLogEntry(metaData, metaData.logFile, logHeader, metaData.transactionWord, size,
-                           &out.position, &out.head, 0));
-  out.single = logHeader.isSingle();
-  failure = platform::lockWord(metaData.logFile, logEntryLock(out.position));
-  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kLog);
+  Result result = log.append(metaData.transactionWord, size, entry);
+  if (result.ok()) {
+    result = log.report(platform::lockWord(log.handle(), logEntryLock(entry->position)));
+  }
+  log.unlock();
+  return result;
 }
 
-Result writeBody(MetaData& metaData, const std::vector<Table*>& tables, const Reserved& entry) {
-  EntryWriter out(metaData, entry.position, entry.head);
+Result writeBody(const LogFile& log, const LogEntry& entry, const std::vector<Table*>& tables) {
+  EntryWriter out(log, entry);
   std::uint32_t sections = 0;
   for (Table* table : tables) {
     if (!table->hasEdits()) continue;
     ++sections;
-    ZELTA_TRY(writeSection(metaData, *table, out));
+    ZELTA_TRY(writeSection(log.metaData(), *table, out));
   }
   return out.finish(sections);
 }
@@ -226,13 +155,6 @@ void dropResults(Table& table) {
   table.searchInverted = false;
 }
 
-/// Makes an entry incomplete, so that nobody applies it.
-SystemCode retireEntry(MetaData& metaData, const Reserved& entry) {
-  constexpr std::uint32_t kIncomplete = 0;
-  return writeBuffer(metaData.logFile, entry.position + offsetof(LogEntryHead_tag, sectionCount),
-                     &kIncomplete, sizeof kIncomplete);
-}
-
 /// The mutexes of the tables that a commit is entering.
 class EnteredTables {
  public:
@@ -257,8 +179,10 @@ class EnteredTables {
 /// An entry that goes once it is applied goes before the mutex of any of its tables does: else
 /// another transaction could delete what this one has brought, and its entry, the only trace of
 /// that, could go before this one. Should this process die then, the replay would bring it back.
-void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool releaseLocks,
-                     const Reserved& entry, EnteredTables& entered) {
+void applyEverywhere(const LogFile& log, const LogEntry& entry, const std::vector<Table*>& tables,
+                     bool releaseLocks, EnteredTables& entered) {
+  MetaData& metaData = log.metaData();
+  const bool single = log.header().isSingle();
   Result applied;
   for (Table* table : tables) {
     if (!table->hasEdits()) {
@@ -268,18 +192,16 @@ void applyEverywhere(MetaData& metaData, const std::vector<Table*>& tables, bool
     applied.keepFirst(reportingMemory(metaData, [&] {
       return applyTableCommit(metaData, *table, releaseLocks, entered.next());
     }));
-    if (!entry.single) applied.keepFirst(entered.release());
+    if (!single) applied.keepFirst(entered.release());
   }
   if (releaseLocks) dropLockPosition(metaData);
   SystemCode retired = 0;
-  if (applied.ok() && entry.single) retired = retireEntry(metaData, entry);
+  if (applied.ok() && single) retired = log.retireEntry(entry.position);
   applied.keepFirst(entered.release());
-  if (retired != 0) {
-    reportSystemError(&metaData, retired, metaData.baseName.c_str(), extension::kLog).ignore();
-  }
+  if (retired != 0) log.report(retired).ignore();
   if (applied.failed() || retired != 0) {
     metaData.leaveSlot = true;
-  } else if (entry.single) {
+  } else if (single) {
     reportingMemory(metaData, [&] {
       return removeLogEntry(metaData, metaData.transactionWord, entry.position);
     }).ignore();
@@ -340,20 +262,21 @@ Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releas
   for (Table* table : all) {
     if (table->hasEdits()) ZELTA_TRY(requireWholeTable(metaData, *table));
   }
-  Reserved entry;
+  LogFile log(metaData);
+  LogEntry entry;
   EnteredTables entered(edited);
-  ZELTA_TRY(reserveEntry(metaData, size + kHeadSize, entry));
-  const Result written = reportingMemory(metaData, [&] { return writeBody(metaData, all, entry); });
+  ZELTA_TRY(reserveEntry(log, size + sizeof entry.head, &entry));
+  const Result written = reportingMemory(metaData, [&] { return writeBody(log, entry, all); });
   // What is reported as failed must not be carried out by the next one, if that can be helped: the
   // entry may be whole, and only its flush have failed.
-  if (written.failed()) static_cast<void>(retireEntry(metaData, entry));
-  platform::unlockWord(metaData.logFile, logEntryLock(entry.position));
+  if (written.failed()) static_cast<void>(log.retireEntry(entry.position));
+  platform::unlockWord(log.handle(), logEntryLock(entry.position));
   if (written.failed()) {
     giveTransactionUp(metaData, all);
     return written;
   }
   clearError(metaData);  // of what was got over
-  applyEverywhere(metaData, all, releaseLocks, entry, entered);
+  applyEverywhere(log, entry, all, releaseLocks, entered);
   return {};
 }
 

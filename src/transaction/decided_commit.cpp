@@ -3,13 +3,12 @@
 #include "objects/upcalls.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "frame/slots.h"
 #include "platform/file_io.h"
 #include "storage/table.h"
-#include "transaction/log_file.h"
-#include "transaction/log_section.h"
+#include "transaction/log_entries.h"
+#include "transaction/log_search.h"
 
 namespace zelta {
 
@@ -24,20 +23,20 @@ class DecidedSearch {
 
  private:
   Result isBrought(std::uint32_t number, const ControlHeader_tag& header, bool* brought);
-  Result isInSections(EntryReader& reader, std::uint32_t sections, bool* found);
+  Result isInSections(EntryReader& reader, bool* found);
 
   MetaData& metaData_;
   const Table& table_;
   std::uint64_t objectID_;
 };
 
-Result DecidedSearch::isInSections(EntryReader& reader, std::uint32_t sections, bool* found) {
-  for (std::uint32_t i = 0; i < sections && !*found; ++i) {
-    const char* bytes = nullptr;
+Result DecidedSearch::isInSections(EntryReader& reader, bool* found) {
+  *found = false;
+  while (!*found) {
     LogTableSection_tag section;
-    ZELTA_TRY(reader.take(sizeof section, &bytes));
-    std::memcpy(&section, bytes, sizeof section);
-    if (std::memcmp(section.magic, "ZELD", 4) != 0) return {};  // changes of the directory
+    bool more = false;
+    ZELTA_TRY(reader.nextSection(&section, &more));
+    if (!more || !section.isTableEdit()) break;  // what follows are changes of the directory
     const bool same = section.tableId == table_.id();
     TableSection contents;
     ZELTA_TRY(readTableSection(reader, section, same ? table_.idSize() : 0, contents));
@@ -49,25 +48,17 @@ Result DecidedSearch::isInSections(EntryReader& reader, std::uint32_t sections, 
 
 Result DecidedSearch::isBrought(std::uint32_t number, const ControlHeader_tag& header,
                                 bool* brought) {
-  LogHeader_tag logHeader;
-  platform::File file = platform::File::none;
-  std::uint64_t position = 0;
-  ZELTA_TRY(findLogEntry(metaData_, &header, number, logHeader, &file, &position));
-  if (position == 0) return {};
-  const FileGuard guard(file == metaData_.logFile ? platform::File::none : file);
-  LogEntryHead_tag head{};
-  std::uint32_t count = 0;
+  LogFile log(metaData_);
+  LogEntry entry;
+  ZELTA_TRY(findLogEntry(&header, number, log, &entry.position));
+  if (entry.position == 0) return {};
   // A head that is locked, or cut short, is that of an entry in the making.
-  if (platform::readLockable(file, logEntryLock(position), position, &head, sizeof head, &count) !=
-          0 ||
-      count != sizeof head) {
-    return {};
-  }
+  if (log.readHead(entry.position, &entry.head) != 0) return {};
   bool complete = false;
-  ZELTA_TRY(verifyLogEntry(metaData_, file, head, position, &complete));
+  ZELTA_TRY(log.verifyEntry(entry, &complete));
   if (!complete) return {};
-  EntryReader reader(metaData_, file, head, position);
-  return isInSections(reader, head.sectionCount, brought);
+  EntryReader reader(log, entry);
+  return isInSections(reader, brought);
 }
 
 Result DecidedSearch::run(std::uint32_t* number) {

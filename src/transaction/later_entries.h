@@ -6,18 +6,17 @@
 #include <cstdint>
 #include <set>
 
-#include "frame/metadata.h"
 #include "transaction/log_file.h"
 
 namespace zelta {
 
-/// Takes those IDs out of `objects` that a complete entry behind the one at `position` names for
-/// the same table, and all of them if the table itself was changed later: what the entry at
-/// `position` did to them was applied long ago, and must not be done again. Numbered files only:
-/// the single form keeps no entry that was applied.
-Result dropKnownLater(MetaData& metaData, platform::File file, const LogEntryHead_tag& head,
-                      std::uint64_t position, std::uint32_t tableId, std::uint32_t idSize,
-                      std::set<std::uint64_t>& objects);
+/// Takes those IDs out of `objects` that a complete entry behind `entry` names for the same table,
+/// and all of them if the table itself was changed later: what `entry` did to them was applied long
+/// ago, and must not be done again. Numbered files only: the single form keeps no entry that was
+/// applied. `log` has the file of the entry; its header is read anew, under logMutex. IDs have
+/// `idSize` bytes.
+Result dropKnownLater(LogFile& log, const LogEntry& entry, std::uint32_t tableId,
+                      std::uint32_t idSize, std::set<std::uint64_t>& objects);
 
 }  // namespace zelta
 

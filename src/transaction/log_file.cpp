@@ -2,363 +2,386 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 
-#include "transaction/log_file_internal.h"
+#include "frame/control_file.h"
+#include "platform/file_io.h"
+#include "storage/free_space.h"
+#include "transaction/log_change.h"
+#include "transaction/log_intent.h"
+#include "transaction/log_tree.h"
 
 namespace zelta {
-
-using namespace log_file;
-
-namespace log_file {
-
-Result allocateLogBlock(MetaData& metaData, platform::File file, Change& change,
-                        std::uint64_t length, std::uint64_t* position, std::uint64_t* blockLength) {
-  const std::uint64_t smallest = smallestBlock(change.header);
-  ZELTA_TRY(allocateWideBlock(metaData, file, change.freeList, change.freeHead, length, position,
-                              blockLength, smallest));
-  if (*position != 0) {
-    const std::uint64_t end = change.header.endOfLog;
-    const bool inside =
-        *position >= kHeaderSize && *position <= end && *blockLength <= end - *position;
-    return inside ? Result{} : logIsBroken(metaData);
-  }
-  *position = change.end;
-  *blockLength = wideBlockNeed(length, smallest);
-  change.end += *blockLength;
-  return {};
-}
-
-}  // namespace log_file
 
 namespace {
 
 /// No entry comes near this; sums of positions and lengths below it do not wrap.
 constexpr std::uint64_t kLengthLimit = std::uint64_t{1} << 62;
 
+/// Of an entry that is reserved and has no body yet.
 LogEntryHead_tag newHead(std::uint32_t number, std::uint64_t blockLength) {
   return {blockLength, {'Z', 'E', 'L', 'L'}, number, 0, 0, 0};
 }
 
-Result positionDiffers(MetaData& metaData, const LogHeader_tag& header, std::uint64_t expected) {
-  return reportError(&metaData, Own::logPosition, metaData.baseName.c_str(), extension::kLog,
-                     static_cast<std::int64_t>(expected), header.fileNumber);
+/// The header's positions must lie in the log, and the log in the file.
+bool headerIsSound(const LogHeader_tag& header, std::uint64_t fileSize) {
+  const std::uint64_t end = header.endOfLog;
+  if (end == 0) return header.rootPosition == 0 && header.freeHead == 0;
+  const auto holds = [end](std::uint64_t position, std::uint64_t length) {
+    return position == 0 || liesInLog(position, length, end);
+  };
+  return end >= kLogHeaderSize && end <= fileSize && holds(header.rootPosition, kLogNodeSize) &&
+         holds(header.freeHead, kWideBlockHead);
 }
 
-Result checksumBody(MetaData& metaData, platform::File file, std::uint64_t position,
-                    std::uint64_t length, std::uint64_t* checksum) {
-  std::array<char, 4096> bytes;
-  *checksum = 0;
-  while (length != 0) {
-    const auto some = static_cast<std::uint32_t>(std::min<std::uint64_t>(length, bytes.size()));
-    const SystemCode result = readBuffer(file, position, bytes.data(), some);
-    if (result != 0) return reportLogError(metaData, result);
-    xorChecksum64(*checksum, bytes.data(), some);
-    position += some;
-    length -= some;
+void clearIntent(LogHeader_tag& header) {
+  std::memset(reinterpret_cast<char*>(&header) + kLogIntentStart, 0,
+              kLogHeaderSize - kLogIntentStart);
+}
+
+}  // namespace
+
+// -- Which file -----------------------------------------------------------------------------------
+
+void LogFile::close() {
+  if (opened_) platform::closeFile(file_);
+  opened_ = false;
+  file_ = platform::File::none;
+}
+
+void LogFile::useCurrent() {
+  close();
+  file_ = metaData_.logFile;
+}
+
+void LogFile::closeCurrent() {
+  close();
+  platform::closeFile(metaData_.logFile);
+  metaData_.logFile = platform::File::none;
+}
+
+void LogFile::makeCurrent(platform::File file, const LogHeader_tag& header) {
+  closeCurrent();
+  metaData_.logFile = file;
+  file_ = file;
+  header_ = header;
+}
+
+Result LogFile::open(const std::u16string& path) {
+  close();
+  platform::File file = platform::File::none;
+  const SystemCode failure =
+      openDatabaseFile(metaData_, path.c_str(), platform::Disposition::openExisting, &file);
+  if (failure == code::kFileNotFound || failure == code::kPathNotFound) return {};
+  if (failure != 0) return report(failure);
+  file_ = file;
+  opened_ = true;
+  return {};
+}
+
+// -- The mutex ------------------------------------------------------------------------------------
+
+Result LogFile::lock(std::uint32_t milliseconds, const char16_t* reportedAs) {
+  assert(!locked());
+  const SystemCode failure = platform::waitMutex(metaData_.logMutex, milliseconds);
+  if (failure == 0) mutex_.adopt(metaData_.logMutex);
+  return reportSystemError(&metaData_, failure, metaData_.baseName.c_str(), reportedAs);
+}
+
+void LogFile::unlock() { static_cast<void>(mutex_.release()); }
+
+// -- Bytes ----------------------------------------------------------------------------------------
+
+Result LogFile::report(SystemCode code) const {
+  return reportSystemError(&metaData_, code, metaData_.baseName.c_str(), extension::kLog);
+}
+
+Result LogFile::broken() const {
+  return reportError(&metaData_, Own::logFile, metaData_.baseName.c_str(), extension::kLog);
+}
+
+Result LogFile::read(std::uint64_t position, void* bytes, std::uint32_t length) const {
+  return report(readBuffer(file_, position, bytes, length));
+}
+
+Result LogFile::write(std::uint64_t position, const void* bytes, std::uint64_t length) const {
+  return report(writeBuffer(file_, position, bytes, static_cast<std::int64_t>(length)));
+}
+
+Result LogFile::flush() const { return report(platform::flushFile(file_)); }
+
+Result LogFile::addChecksum(std::uint64_t position, std::uint64_t end, std::span<char> buffer,
+                            std::uint64_t& checksum) const {
+  assert(buffer.size() % sizeof checksum == 0);
+  while (position < end) {
+    const auto length =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(end - position, buffer.size()));
+    ZELTA_TRY(read(position, buffer.data(), length));
+    xorChecksum64(checksum, buffer.data(), length);
+    position += length;
   }
   return {};
 }
 
-/// Looks for the very entry at the place where it is expected. `*found`: it stands there, not
-/// complete yet. Code 38: it is complete.
-Result findExpected(MetaData& metaData, platform::File file, const LogHeader_tag& header,
-                    std::uint64_t expected, std::uint32_t number, std::uint64_t length,
-                    LogEntryHead_tag* head, bool* found) {
-  *found = false;
-  if (expected < kFirstEntry || header.endOfLog - expected < sizeof(*head)) return {};
+// -- The header -----------------------------------------------------------------------------------
+
+Result LogFile::readRawHeader(bool* blank) {
+  header_ = LogHeader_tag{};
+  *blank = false;
   std::uint32_t count = 0;
-  SystemCode result =
-      platform::readLockable(file, logEntryLock(expected), expected, head, sizeof(*head), &count);
-  if (result != 0) return reportLogError(metaData, result);
-  if (count != sizeof(*head) || !head->isEntry() || head->number != number ||
-      head->blockLength != length || header.endOfLog - expected < length) {
+  const SystemCode failure = readBuffer(file_, 0, &header_, kLogHeaderSize, &count);
+  if (failure != 0 && failure != code::kEndOfFile) return report(failure);
+  if (count == kLogHeaderSize) {
+    // A power failure can leave the length of a new file and not its bytes.
+    static constexpr LogHeader_tag kZeros{};
+    if (std::memcmp(&header_, &kZeros, kLogHeaderSize) != 0) return {};
+    std::uint64_t size = 0;
+    ZELTA_TRY(report(platform::fileSize(file_, &size)));
+    *blank = size == kLogHeaderSize;
     return {};
   }
-  if (head->sectionCount != 0) {
-    std::uint64_t checksum = 0;
-    ZELTA_TRY(
-        checksumBody(metaData, file, expected + sizeof(*head), length - sizeof(*head), &checksum));
-    if (checksum == head->checksum) {
-      return reportError(&metaData, Own::logEntryExists, metaData.baseName.c_str(), extension::kLog,
-                         number);
-    }
+  *blank = true;
+  header_ = LogHeader_tag{};
+  return {};
+}
+
+Result LogFile::readHeader(bool mayRepair) {
+  assert(!mayRepair || locked());
+  ZELTA_TRY(read(0, &header_, kLogHeaderSize));
+  if (!header_.isSingle() && !header_.isNumbered()) return broken();
+  if (header_.majorVersion != 1 || header_.minorVersion != 0) {
+    return reportError(&metaData_, Own::logVersion, metaData_.baseName.c_str(), extension::kLog,
+                       header_.majorVersion, header_.minorVersion);
   }
+  std::uint64_t size = 0;
+  ZELTA_TRY(report(platform::fileSize(file_, &size)));
+  if (header_.intentStart != 0) {
+    if (!mayRepair) return reportError(&metaData_, Own::notWritable);
+    ZELTA_TRY(finishLogIntent(*this, size));
+    ZELTA_TRY(report(platform::fileSize(file_, &size)));
+  }
+  clearIntent(header_);
+  return headerIsSound(header_, size) ? Result() : broken();
+}
+
+Result LogFile::readHeaderLocked() {
+  ZELTA_TRY(lock(kLogMutexWait));
+  const Result result = readHeader(true);
+  unlock();
+  return result;
+}
+
+Result LogFile::writeHeader() {
+  return write(kLogMutableStart, reinterpret_cast<const char*>(&header_) + kLogMutableStart,
+               kLogHeaderSize - kLogMutableStart);
+}
+
+Result LogFile::endChange(std::uint64_t end) {
+  assert(locked());
+  clearIntent(header_);
+  header_.endOfLog = end;
+  ZELTA_TRY(writeHeader());
+  ZELTA_TRY(flush());
+  // A file begun by rotation says 0 for its end, but keeps its header.
+  return report(truncateFile(file_, std::max(end, kLogHeaderSize)));
+}
+
+// -- Entries --------------------------------------------------------------------------------------
+
+SystemCode LogFile::readHead(std::uint64_t position, LogEntryHead_tag* head) const {
+  std::uint32_t count = 0;
+  const SystemCode failure =
+      platform::readLockable(file_, logEntryLock(position), position, head, sizeof *head, &count);
+  if (failure != 0) return failure;
+  return count == sizeof *head ? 0 : code::kEndOfFile;
+}
+
+Result LogFile::verifyEntry(const LogEntry& entry, bool* complete) const {
+  constexpr std::uint32_t kPiece = 64 * 1024;
+  *complete = false;
+  std::uint64_t size = 0;
+  ZELTA_TRY(report(platform::fileSize(file_, &size)));
+  const LogEntryHead_tag& head = entry.head;
+  if (!head.isEntry() || head.sectionCount == 0 || head.blockLength < sizeof head ||
+      entry.end() > size || entry.end() < entry.position) {
+    return {};
+  }
+  char* buffer = metaData_.scratchFor(Scratch::transfer).reserve(kPiece);
+  std::uint64_t sum = 0;
+  ZELTA_TRY(addChecksum(entry.body(), entry.end(), {buffer, kPiece}, sum));
+  *complete = sum == head.checksum;
+  return {};
+}
+
+SystemCode LogFile::completeEntry(const LogEntry& entry) const {
+  // The body first: a loss of power could leave the head on the disk without some sectors of the
+  // body, and the checksum does not miss words that cancel each other out, as IDs in a row do. What
+  // lies in one sector with the head goes down with it.
+  constexpr std::uint64_t kSector = 512;
+  if (entry.position / kSector != (entry.end() - 1) / kSector) {
+    if (const SystemCode failure = platform::flushFile(file_); failure != 0) return failure;
+  }
+  constexpr std::uint32_t kFrom = offsetof(LogEntryHead_tag, magic);
+  const SystemCode failure =
+      writeBuffer(file_, entry.position + kFrom, reinterpret_cast<const char*>(&entry.head) + kFrom,
+                  sizeof entry.head - kFrom);
+  return failure != 0 ? failure : platform::flushFile(file_);
+}
+
+SystemCode LogFile::retireEntry(std::uint64_t position) const {
+  constexpr std::uint32_t kIncomplete = 0;
+  return writeBuffer(file_, position + offsetof(LogEntryHead_tag, sectionCount), &kIncomplete,
+                     sizeof kIncomplete);
+}
+
+Result LogFile::find(std::uint32_t number, std::uint64_t* position) {
+  *position = 0;
+  bool blank = false;
+  ZELTA_TRY(readRawHeader(&blank));
+  if (blank) return {};  // a file that has no header yet holds no entry
+  ZELTA_TRY(readHeader(metaData_.mayWrite()));
+  LogPath path(*this);
+  std::uint32_t slot = 0;
+  ZELTA_TRY(path.locate(number, 0, &slot));
+  if (path.isEmpty()) return {};
+  const std::uint64_t found = path.leaf().node.values[slot];
+  // The caller reads a whole head there.
+  if (found != 0 && !liesInLog(found, sizeof(LogEntryHead_tag), header_.endOfLog)) return broken();
+  *position = found;
+  return {};
+}
+
+// -- Appending ------------------------------------------------------------------------------------
+
+Result LogFile::positionDiffers(std::uint64_t expected) const {
+  return reportError(&metaData_, Own::logPosition, metaData_.baseName.c_str(), extension::kLog,
+                     static_cast<std::int64_t>(expected), header_.fileNumber);
+}
+
+/// Looks for the very entry at the place where it is expected. `*found`: it stands there, not
+/// complete yet, and `entry` is it. Code 38: it is complete.
+Result LogFile::findExpected(std::uint64_t expected, LogEntry* entry, bool* found) const {
+  *found = false;
+  LogEntry there{expected, {}};
+  if (expected < kLogFirstEntry || !liesInLog(expected, sizeof there.head, header_.endOfLog)) {
+    return {};
+  }
+  const SystemCode failure = readHead(expected, &there.head);
+  if (failure == code::kEndOfFile) return {};
+  ZELTA_TRY(report(failure));
+  if (!there.head.isEntry() || there.head.number != entry->head.number ||
+      there.head.blockLength != entry->head.blockLength ||
+      header_.endOfLog - expected < there.head.blockLength) {
+    return {};
+  }
+  bool complete = false;
+  ZELTA_TRY(verifyEntry(there, &complete));
+  if (complete) {
+    return reportError(&metaData_, Own::logEntryExists, metaData_.baseName.c_str(), extension::kLog,
+                       there.head.number);
+  }
+  *entry = there;
   *found = true;
   return {};
 }
 
 /// The first entry of a log. Nothing leads to the new leaf until the header says so, so there is
 /// no need of an intent.
-Result appendFirst(MetaData& metaData, platform::File file, LogHeader_tag& header,
-                   const LogEntryHead_tag& head) {
+Result LogFile::appendFirst(const LogEntryHead_tag& head) {
   struct {
     LogNode_tag root;
     LogEntryHead_tag head;
-  } first{{kNodeSize, NodeType::leaf, 1, {head.number}, {kFirstEntry}}, head};
-  static_assert(sizeof(first) == kFirstEntry + sizeof(head) - kFirstRoot);
-  const std::uint64_t end = kFirstEntry + head.blockLength;
-  SystemCode result = writeBuffer(file, kFirstRoot, &first, sizeof(first));
+  } first{{kLogNodeSize, LogNodeType::leaf, 1, {head.number}, {kLogFirstEntry}}, head};
+  static_assert(sizeof(first) == kLogFirstEntry + sizeof(head) - kLogFirstRoot);
+  const std::uint64_t end = kLogFirstEntry + head.blockLength;
+  ZELTA_TRY(write(kLogFirstRoot, &first, sizeof(first)));
   // The file is never shorter than its log; stale bytes behind it go.
-  if (result == 0) result = truncateFile(file, end);
-  if (result == 0) result = platform::flushFile(file);
-  if (result != 0) return reportLogError(metaData, result);
-  header.rootPosition = kFirstRoot;
-  header.freeHead = 0;
-  header.endOfLog = end;
-  return writeMutable(metaData, file, header);
+  ZELTA_TRY(report(truncateFile(file_, end)));
+  ZELTA_TRY(flush());
+  header_.rootPosition = kLogFirstRoot;
+  header_.freeHead = 0;
+  header_.endOfLog = end;
+  return writeHeader();
 }
 
 /// An entry in a log that has others.
-Result appendNext(MetaData& metaData, platform::File file, LogHeader_tag& header,
-                  std::uint64_t expected, std::uint64_t* position, LogEntryHead_tag* head) {
-  TreePath path;
-  ZELTA_TRY(descend(metaData, file, header, head->number, path));
-  Change change(header);
-  change.end = header.endOfLog;
-  ZELTA_TRY(
-      allocateLogBlock(metaData, file, change, head->blockLength, position, &head->blockLength));
-  if (expected != 0 && expected != *position) return positionDiffers(metaData, header, expected);
-  ZELTA_TRY(insertKey(metaData, file, change, path, head->number, *position));
-  header.oldEnd = header.endOfLog;
-  header.newEntryPosition = *position;
-  header.newEntryLength = head->blockLength;
-  header.newEntryNumber = head->number;
-  return carryOut(metaData, file, change);
+Result LogFile::appendNext(std::uint64_t expected, LogEntry* entry) {
+  LogPath path(*this);
+  ZELTA_TRY(path.descend(entry->head.number));
+  LogChange change(*this);
+  ZELTA_TRY(change.allocate(entry->head.blockLength, &entry->position, &entry->head.blockLength));
+  if (expected != 0 && expected != entry->position) return positionDiffers(expected);
+  ZELTA_TRY(change.insertKey(path, entry->head.number, entry->position));
+  return change.carryOut(entry);
 }
 
-struct Extents {
-  ~Extents() { destroyAll(tree); }
-  void add(std::uint64_t position, std::uint64_t size) {
-    auto* node = new FreeExtentNode;
-    node->position = position;
-    node->size = size;
-    insert(node, tree);
-  }
-  FreeExtentNode* tree = nullptr;
-};
-
-/// Takes the last entry out of a log. The header alone says that it is empty, in one write.
-Result empty(MetaData& metaData, platform::File file, LogHeader_tag& header) {
-  header.rootPosition = 0;
-  header.freeHead = 0;
-  return settle(metaData, file, header, kHeaderSize);
-}
-
-Result removeLocked(MetaData& metaData, platform::File file, LogHeader_tag& header,
-                    std::uint32_t number, std::uint64_t position) {
-  TreePath path;
-  std::uint32_t slot = 0;
-  ZELTA_TRY(locate(metaData, file, header, number, position, path, &slot));
-  if (path.depth == 0) {
-    return reportError(&metaData, Own::logEntryNotFound, nullptr, nullptr, number);
-  }
-  Change change(header);
-  Extents extents;
-  const std::uint64_t entry = path.leaf().node.values[slot];
-  LogEntryHead_tag head{};
-  if (entry < kHeaderSize || entry > header.endOfLog || header.endOfLog - entry < sizeof(head)) {
-    return logIsBroken(metaData);
-  }
-  const SystemCode result = readBuffer(file, entry, &head, sizeof(head));
-  if (result != 0) return reportLogError(metaData, result);
-  if (!head.isEntry() || head.number != number || head.blockLength < sizeof(head) ||
-      head.blockLength % kWideGranule != 0 || header.endOfLog - entry < head.blockLength) {
-    return logIsBroken(metaData);
-  }
-  removeKey(change, path, slot, extents.tree);
-  if (change.root == 0) return empty(metaData, file, header);
-  extents.add(entry, head.blockLength);
-  ZELTA_TRY(mergeWideExtents(metaData, file, change.freeHead, header.endOfLog, extents.tree,
-                             change.freeList, &change.end, nullptr, nullptr));
-  header.oldEnd = header.endOfLog;
-  return carryOut(metaData, file, change);
-}
-
-/// A file that has no header yet holds no entry.
-Result readHeaderIfAny(MetaData& metaData, platform::File file, LogHeader_tag& header,
-                       bool* blank) {
-  ZELTA_TRY(readRawHeader(metaData, file, header, blank));
-  if (*blank) return {};
-  return readLogHeader(metaData, file, header, metaData.mayWrite());
-}
-
-/// Looks for a number in one file.
-Result findInFile(MetaData& metaData, platform::File file, std::uint32_t number,
-                  LogHeader_tag& header, std::uint64_t* position) {
-  *position = 0;
-  bool blank = false;
-  ZELTA_TRY(readHeaderIfAny(metaData, file, header, &blank));
-  if (blank) return {};
-  TreePath path;
-  std::uint32_t slot = 0;
-  ZELTA_TRY(locate(metaData, file, header, number, 0, path, &slot));
-  if (path.depth != 0) *position = path.leaf().node.values[slot];
-  // The caller reads a whole head there.
-  if (*position != 0 && (*position < kHeaderSize || *position > header.endOfLog ||
-                         header.endOfLog - *position < sizeof(LogEntryHead_tag))) {
-    *position = 0;
-    return logIsBroken(metaData);
-  }
-  return {};
-}
-
-bool isMissing(SystemCode result) {
-  return result == code::kFileNotFound || result == code::kPathNotFound;
-}
-
-/// Opens the single file if need be. A missing one leaves `logFile` as none.
-Result openSingle(MetaData& metaData) {
-  const std::u16string name = singleLogName(metaData);
-  if (metaData.logFile != platform::File::none) {
-    LogHeader_tag header;
-    bool blank = false;
-    if (platform::isNamed(metaData.logFile, name.c_str())) {
-      ZELTA_TRY(readRawHeader(metaData, metaData.logFile, header, &blank));
-      if (blank || header.isSingle()) return {};
-    }
-    platform::closeFile(metaData.logFile);
-    metaData.logFile = platform::File::none;
-  }
-  platform::File file = platform::File::none;
-  const SystemCode result =
-      openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &file);
-  if (isMissing(result)) return {};
-  if (result != 0) return reportLogError(metaData, result);
-  metaData.logFile = file;
-  return {};
-}
-
-Result findInNumbered(MetaData& metaData, std::uint16_t first, std::uint16_t last,
-                      std::uint32_t number, LogHeader_tag& header, platform::File* out,
-                      std::uint64_t* position) {
-  const std::vector<std::uint16_t> files = numbersInUse(metaData, first, last);
-  for (auto i = files.rbegin(); i != files.rend(); ++i) {
-    const std::u16string name = numberedLogName(metaData, *i);
-    platform::File opened = platform::File::none;
-    const SystemCode result =
-        openDatabaseFile(metaData, name.c_str(), platform::Disposition::openExisting, &opened);
-    if (isMissing(result)) continue;
-    if (result != 0) return reportLogError(metaData, result);
-    FileGuard file(opened);
-    ZELTA_TRY(findInFile(metaData, file.get(), number, header, position));
-    if (*position != 0) {
-      *out = file.release();
-      return {};
-    }
-  }
-  return {};
-}
-
-}  // namespace
-
-SystemCode completeLogEntry(platform::File file, std::uint64_t position,
-                            const LogEntryHead_tag& head) {
-  // The body first: a loss of power could leave the head on the disk without some sectors of the
-  // body, and the checksum does not miss words that cancel each other out, as IDs in a row do. What
-  // lies in one sector with the head goes down with it.
-  constexpr std::uint64_t kSector = 512;
-  const std::uint64_t end = position + head.blockLength;
-  if (position / kSector != (end - 1) / kSector) {
-    if (const SystemCode failure = platform::flushFile(file); failure != 0) return failure;
-  }
-  constexpr std::uint32_t kFrom = offsetof(LogEntryHead_tag, magic);
-  const SystemCode failure = writeBuffer(
-      file, position + kFrom, reinterpret_cast<const char*>(&head) + kFrom, sizeof head - kFrom);
-  return failure != 0 ? failure : platform::flushFile(file);
-}
-
-Result verifyLogEntry(MetaData& metaData, platform::File file, const LogEntryHead_tag& head,
-                      std::uint64_t position, bool* complete) {
-  constexpr std::uint32_t kPiece = 64 * 1024;
-  *complete = false;
-  std::uint64_t size = 0;
-  if (const SystemCode failure = platform::fileSize(file, &size); failure != 0) {
-    return reportLogError(metaData, failure);
-  }
-  const std::uint64_t end = position + head.blockLength;
-  if (!head.isEntry() || head.sectionCount == 0 || head.blockLength < sizeof head || end > size ||
-      end < position) {
-    return {};
-  }
-  char* bytes = metaData.scratchFor(Scratch::transfer).reserve(kPiece);
-  std::uint64_t sum = 0;
-  for (std::uint64_t at = position + sizeof head; at < end;) {
-    const auto length = static_cast<std::uint32_t>(std::min<std::uint64_t>(end - at, kPiece));
-    if (const SystemCode failure = readBuffer(file, at, bytes, length); failure != 0) {
-      return reportLogError(metaData, failure);
-    }
-    xorChecksum64(sum, bytes, length);
-    at += length;
-  }
-  *complete = sum == head.checksum;
-  return {};
-}
-
-Result appendLogEntry(MetaData& metaData, platform::File file, LogHeader_tag& logHeader,
-                      std::uint32_t number, std::uint64_t length, std::uint64_t* position,
-                      LogEntryHead_tag* entryHead, std::uint64_t expected) {
-  *position = 0;
-  ZELTA_TRY(readLogHeader(metaData, file, logHeader, true));
+Result LogFile::append(std::uint32_t number, std::uint64_t length, LogEntry* entry,
+                       std::uint64_t expected) {
+  assert(locked());
+  *entry = {};
+  ZELTA_TRY(readHeader(true));
   if (length < sizeof(LogEntryHead_tag) || length > kLengthLimit) {
-    return reportError(&metaData, Own::logEntry);
+    return reportError(&metaData_, Own::logEntry);
   }
-  const std::uint64_t need = wideBlockNeed(length, smallestBlock(logHeader));
-  if (logHeader.rootPosition == 0) {
-    if (expected != 0 && expected != kFirstEntry) {
-      return positionDiffers(metaData, logHeader, expected);
-    }
-    *entryHead = newHead(number, need);
-    ZELTA_TRY(appendFirst(metaData, file, logHeader, *entryHead));
-    *position = kFirstEntry;
-    return {};
+  entry->head = newHead(number, wideBlockNeed(length, smallestBlock(header_)));
+  if (header_.rootPosition == 0) {
+    if (expected != 0 && expected != kLogFirstEntry) return positionDiffers(expected);
+    entry->position = kLogFirstEntry;
+    return appendFirst(entry->head);
   }
-  if (expected != 0 && expected < logHeader.endOfLog) {
+  if (expected != 0 && expected < header_.endOfLog) {
     bool found = false;
-    ZELTA_TRY(findExpected(metaData, file, logHeader, expected, number, need, entryHead, &found));
-    if (found) {
-      *position = expected;
-      return {};
-    }
+    ZELTA_TRY(findExpected(expected, entry, &found));
+    if (found) return {};
   }
-  *entryHead = newHead(number, need);
-  return appendNext(metaData, file, logHeader, expected, position, entryHead);
+  return appendNext(expected, entry);
+}
+
+// -- Removing -------------------------------------------------------------------------------------
+
+Result LogFile::makeEmpty() {
+  header_.rootPosition = 0;
+  header_.freeHead = 0;
+  return endChange(kLogHeaderSize);
+}
+
+/// The head of an entry whose block is to be free: its length must be right.
+Result LogFile::readRemoved(std::uint32_t number, LogEntry* entry) const {
+  LogEntryHead_tag& head = entry->head;
+  if (!liesInLog(entry->position, sizeof head, header_.endOfLog)) return broken();
+  ZELTA_TRY(read(entry->position, &head, sizeof head));
+  const bool good = head.isEntry() && head.number == number && head.blockLength >= sizeof head &&
+                    head.blockLength % kWideGranule == 0 &&
+                    header_.endOfLog - entry->position >= head.blockLength;
+  return good ? Result{} : broken();
+}
+
+Result LogFile::remove(std::uint32_t number, std::uint64_t position) {
+  assert(locked());
+  ZELTA_TRY(readHeader(true));
+  LogPath path(*this);
+  std::uint32_t slot = 0;
+  ZELTA_TRY(path.locate(number, position, &slot));
+  if (path.isEmpty()) {
+    return reportError(&metaData_, Own::logEntryNotFound, nullptr, nullptr, number);
+  }
+  LogEntry entry{path.leaf().node.values[slot], {}};
+  ZELTA_TRY(readRemoved(number, &entry));
+  LogChange change(*this);
+  change.removeKey(path, slot);
+  if (change.leavesNothing()) return makeEmpty();
+  change.release(entry.position, entry.head.blockLength);
+  ZELTA_TRY(change.mergeReleased());
+  return change.carryOut(nullptr);
 }
 
 Result removeLogEntry(MetaData& metaData, std::uint32_t number, std::uint64_t position) {
   if (metaData.logFile == platform::File::none) {
     return reportError(&metaData, Own::logEntryNotFound, nullptr, nullptr, number);
   }
-  LogMutexGuard mutex;
-  ZELTA_TRY(mutex.acquire(metaData, kLogMutexWait));
-  LogHeader_tag header;
-  ZELTA_TRY(readLogHeader(metaData, metaData.logFile, header, true));
-  return removeLocked(metaData, metaData.logFile, header, number, position);
-}
-
-Result findLogEntry(MetaData& metaData, const ControlHeader_tag* header, std::uint32_t number,
-                    LogHeader_tag& logHeader, platform::File* out, std::uint64_t* position) {
-  *out = platform::File::none;
-  *position = 0;
-  logHeader = LogHeader_tag{};
-  ControlHeader_tag own{};
-  if (header == nullptr) {
-    const SystemCode result = readBuffer(metaData.controlFile, 0, &own, kExclusiveWord);
-    if (result != 0) {
-      return reportSystemError(&metaData, result, metaData.baseName.c_str(), extension::kControl);
-    }
-    header = &own;
-  }
-  LogMutexGuard mutex;
-  if (metaData.mayWrite()) ZELTA_TRY(mutex.acquire(metaData, kLogMutexWait));
-  if ((header->logFlags & 1) != 0) {
-    return findInNumbered(metaData, header->firstLogFile, header->lastLogFile, number, logHeader,
-                          out, position);
-  }
-  ZELTA_TRY(openSingle(metaData));
-  if (metaData.logFile == platform::File::none) return {};
-  ZELTA_TRY(findInFile(metaData, metaData.logFile, number, logHeader, position));
-  if (*position != 0) *out = metaData.logFile;
-  return {};
+  LogFile log(metaData, metaData.logFile);
+  ZELTA_TRY(log.lock(kLogMutexWait));
+  return log.remove(number, position);
 }
 
 }  // namespace zelta

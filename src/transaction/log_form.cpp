@@ -13,11 +13,11 @@
 #include <cstring>
 
 #include "frame/upcalls.h"
-#include "transaction/log_file_internal.h"
+#include "platform/file_io.h"
+#include "transaction/log_names.h"
+#include "transaction/log_rotation.h"
 
 namespace zelta {
-
-using namespace log_file;
 
 namespace {
 
@@ -52,8 +52,8 @@ Result keepFiles(MetaData& metaData, ControlHeader_tag& header) {
     ZELTA_TRY(writePart(metaData, header, kNumbers, kNumbersEnd));
     ZELTA_TRY(reportControl(metaData, platform::flushFile(metaData.controlFile)));
   }
-  LogHeader_tag logHeader;
-  ZELTA_TRY(emptyLogFile(metaData, 0, logHeader));
+  LogFile log(metaData);
+  ZELTA_TRY(emptyLogFile(0, log));
   header.logFlags |= kKeepsFiles;
   header.firstLogFile = 0;
   header.lastLogFile = 0;

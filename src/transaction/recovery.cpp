@@ -13,7 +13,7 @@
 #include "schema/table_lifecycle.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
-#include "transaction/log_file.h"
+#include "transaction/log_search.h"
 #include "transaction/replay.h"
 #include "transaction/slots.h"
 #include "transaction/traces.h"
@@ -46,56 +46,32 @@ class OpenedTables {
   std::vector<std::uint32_t> before_;
 };
 
-/// A log entry of the dead transaction.
-struct FoundEntry {
-  platform::File file = platform::File::none;
-  std::uint64_t position = 0;
-  LogEntryHead_tag head{};
-  bool single = false;
-  bool committed = false;
-};
-
-Result reportLog(MetaData& metaData, SystemCode failure) {
-  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kLog);
-}
-
 /// A head that is locked belongs to a writer that still lives.
-Result readHead(MetaData& metaData, FoundEntry& entry) {
+Result waitForHead(const LogFile& log, LogEntry* entry) {
   constexpr int kAttempts = 250;
   constexpr int kQuick = 150;
   for (int attempt = 0;; ++attempt) {
-    std::uint32_t count = 0;
-    SystemCode failure =
-        platform::readLockable(entry.file, logEntryLock(entry.position), entry.position,
-                               &entry.head, sizeof entry.head, &count);
-    if (failure == 0 && count != sizeof entry.head) failure = code::kEndOfFile;
-    if (failure != code::kLockViolation || attempt == kAttempts)
-      return reportLog(metaData, failure);
+    const SystemCode failure = log.readHead(entry->position, &entry->head);
+    if (failure != code::kLockViolation || attempt == kAttempts) return log.report(failure);
     platform::sleepMilliseconds(attempt < kQuick ? 0 : 10);
   }
 }
 
+/// Replays the last entry of the dead transaction's number, if it is complete: the transaction was
+/// committed. In the single form the entry goes then, complete or not.
 Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
-                         FoundEntry& entry) {
-  ZELTA_TRY(readHead(metaData, entry));
-  ZELTA_TRY(verifyLogEntry(metaData, entry.file, entry.head, entry.position, &entry.committed));
-  if (entry.committed) {
-    ZELTA_TRY(replayLogEntry(metaData, tables, entry.file, entry.head, entry.position));
-  }
-  if (!entry.single) return {};
+                         const ControlHeader_tag* control) {
+  LogFile log(metaData);
+  LogEntry entry;
+  ZELTA_TRY(findLogEntry(control, number, log, &entry.position));
+  if (entry.position == 0) return {};
+  ZELTA_TRY(waitForHead(log, &entry));
+  bool committed = false;
+  ZELTA_TRY(log.verifyEntry(entry, &committed));
+  if (committed) ZELTA_TRY(replayLogEntry(log, entry, tables));
+  if (!log.header().isSingle()) return {};
   const Result removed = removeLogEntry(metaData, number, entry.position);
   return removed.is(Own::logEntryNotFound) ? Result{} : removed;
-}
-
-Result replayFromLog(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
-                     const ControlHeader_tag* header) {
-  LogHeader_tag logHeader{};
-  FoundEntry entry;
-  ZELTA_TRY(findLogEntry(metaData, header, number, logHeader, &entry.file, &entry.position));
-  if (entry.position == 0) return {};
-  entry.single = logHeader.isSingle();
-  const FileGuard numbered(entry.single ? platform::File::none : entry.file);
-  return replayIfCommitted(metaData, tables, number, entry);
 }
 
 /// The traces of a number in one table's memory file.
@@ -160,7 +136,7 @@ Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t n
 Result recoverCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
                         const ControlHeader_tag& header) {
   const OpenedTables opened(tables);
-  return replayFromLog(metaData, tables, number, &header);
+  return replayIfCommitted(metaData, tables, number, &header);
 }
 
 RepairScope::RepairScope(MetaData& metaData, std::uint32_t number, const Slot& slot)
@@ -181,7 +157,7 @@ RepairScope::~RepairScope() {
 
 Result RepairScope::run(UInt32AVLTree*& tables) {
   const OpenedTables opened(tables);
-  ZELTA_TRY(replayFromLog(metaData_, tables, number_, nullptr));
+  ZELTA_TRY(replayIfCommitted(metaData_, tables, number_, nullptr));
   ZELTA_TRY(dropAllTraces(metaData_, tables, number_));
   ZELTA_TRY(releaseSlot(metaData_, slot_));
   repaired_ = true;

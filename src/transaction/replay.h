@@ -9,11 +9,10 @@
 
 namespace zelta {
 
-/// Brings a complete entry at `position` of a log file into tables and indexes. Doing it again
-/// changes nothing. Tables that it opens stay open. Own code 69: the entry makes no sense; 59: a
-/// section of an unknown kind; 8: a change of a table's schema.
-Result replayLogEntry(MetaData& metaData, UInt32AVLTree*& tables, platform::File file,
-                      const LogEntryHead_tag& head, std::uint64_t position);
+/// Brings a complete entry of a log file into tables and indexes. Doing it again changes nothing.
+/// Tables that it opens stay open. Own code 69: the entry makes no sense; 59: a section of an
+/// unknown kind; 8: a change of a table's schema.
+Result replayLogEntry(LogFile& log, const LogEntry& entry, UInt32AVLTree*& tables);
 
 }  // namespace zelta
 

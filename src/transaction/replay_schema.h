@@ -4,7 +4,7 @@
 #define ZELTA_TRANSACTION_REPLAY_SCHEMA_H
 
 #include "storage/table.h"
-#include "transaction/log_section.h"
+#include "transaction/log_entries.h"
 
 namespace zelta {
 

@@ -34,12 +34,13 @@ struct IdSet {
 
 class TableReplay {
  public:
-  TableReplay(MetaData& metaData, Table& table, const ReplayedEntry& entry, EntryReader& reader)
-      : metaData_(metaData),
+  TableReplay(const ReplayedEntry& replayed, EntryReader& reader, Table& table)
+      : metaData_(replayed.log.metaData()),
         table_(table),
-        entry_(entry),
+        replayed_(replayed),
         reader_(reader),
-        manager_(metaData, table) {}
+        number_(replayed.entry.head.number),
+        manager_(metaData_, table) {}
 
   Result run(const TableSection& section);
 
@@ -58,8 +59,9 @@ class TableReplay {
 
   MetaData& metaData_;
   Table& table_;
-  const ReplayedEntry& entry_;
+  const ReplayedEntry& replayed_;
   EntryReader& reader_;
+  std::uint32_t number_;  ///< of the transaction
   AtomicManager manager_;
   TableHeader_tag header_{};
   IndexFileHeader_tag indexHeader_{};
@@ -99,8 +101,7 @@ Result TableReplay::takeNew(const std::vector<PendingObject>& candidates) {
   if (candidates.empty()) return {};
   std::set<std::uint64_t> missing;
   for (const PendingObject& image : candidates) missing.insert(missing.end(), image.objectID);
-  ZELTA_TRY(dropKnownLater(metaData_, entry_.file, entry_.head, entry_.position, table_.id(),
-                           table_.idSize(), missing));
+  ZELTA_TRY(dropKnownLater(replayed_.log, replayed_.entry, table_.id(), table_.idSize(), missing));
   for (const PendingObject& image : candidates) {
     if (missing.count(image.objectID) != 0) images_.added.push_back(image);
   }
@@ -109,7 +110,7 @@ Result TableReplay::takeNew(const std::vector<PendingObject>& candidates) {
 
 Result TableReplay::decide(const TableSection& section) {
   const auto stamped = [&](const ObjectSlot& slot) {
-    return !slot.isFree() && slot.transaction == entry_.head.number;
+    return !slot.isFree() && slot.transaction == number_;
   };
   for (const std::uint64_t id : section.deleted) {
     ObjectSlot slot{};
@@ -227,15 +228,15 @@ Result TableReplay::run(const TableSection& section) {
   EditPlan plan(metaData_, table_, header_, {deleted_.root, edited_.root});
   plan.replaying = true;
   ZELTA_TRY(plan.make(images_));
-  ZELTA_TRY(executePlan(metaData_, table_, header_, plan, reader_.images, entry_.head.number));
+  ZELTA_TRY(executePlan(metaData_, table_, header_, plan, reader_.images, number_));
   return guard.release();
 }
 
 }  // namespace
 
-Result replayTableSection(MetaData& metaData, Table& table, const ReplayedEntry& entry,
-                          EntryReader& reader, const TableSection& section) {
-  return TableReplay(metaData, table, entry, reader).run(section);
+Result replayTableSection(const ReplayedEntry& replayed, EntryReader& reader, Table& table,
+                          const TableSection& section) {
+  return TableReplay(replayed, reader, table).run(section);
 }
 
 }  // namespace zelta

@@ -4,22 +4,21 @@
 #define ZELTA_TRANSACTION_REPLAY_TABLE_H
 
 #include "storage/table.h"
-#include "transaction/log_section.h"
+#include "transaction/log_entries.h"
 
 namespace zelta {
 
 /// The entry that is replayed.
 struct ReplayedEntry {
-  platform::File file;
-  const LogEntryHead_tag& head;
-  std::uint64_t position;
+  LogFile& log;
+  const LogEntry& entry;
 };
 
 /// Brings a section into the files of a table, as far as it is not there yet. What was done before
 /// is told by the slots: a deleted or rewritten object carries the transaction's stamp until its
 /// new state stands in the table file.
-Result replayTableSection(MetaData& metaData, Table& table, const ReplayedEntry& entry,
-                          EntryReader& reader, const TableSection& section);
+Result replayTableSection(const ReplayedEntry& replayed, EntryReader& reader, Table& table,
+                          const TableSection& section);
 
 }  // namespace zelta
 

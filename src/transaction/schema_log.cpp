@@ -4,11 +4,11 @@
 #include <string>
 
 #include "frame/upcalls.h"
-#include "transaction/log_file_internal.h"
+#include "platform/file_io.h"
+#include "transaction/log_rotation.h"
+#include "transaction/log_search.h"
 
 namespace zelta {
-
-using namespace log_file;
 
 namespace {
 
@@ -25,54 +25,45 @@ std::string sectionBytes(DirectoryChange operation, std::uint32_t table, const s
   return bytes;
 }
 
-/// Whether the entry at `position` is complete and holds just this record.
-Result isLogged(MetaData& metaData, platform::File file, const LogHeader_tag& header,
-                std::uint64_t position, const std::string& section, bool* logged) {
+/// Whether an entry is complete and holds just this record.
+Result isLogged(const LogFile& log, LogEntry entry, const std::string& section, bool* logged) {
   *logged = false;
-  LogEntryHead_tag head{};
-  SystemCode result = readBuffer(file, position, &head, sizeof(head));
-  if (result != 0) return reportLogError(metaData, result);
-  // An incomplete entry has no sections; a block much longer than the record holds another one.
-  if (!head.isEntry() || head.number != kSchemaNumber || head.sectionCount != 1 ||
-      head.blockLength < sizeof(head) + section.size() ||
-      head.blockLength - sizeof(head) - section.size() > 2 * kNodeSize ||
-      header.endOfLog - position < head.blockLength) {
+  LogEntryHead_tag& head = entry.head;
+  ZELTA_TRY(log.read(entry.position, &head, sizeof head));
+  // A block much longer than the record holds another one.
+  if (head.number != kSchemaNumber || head.sectionCount != 1 ||
+      head.blockLength < sizeof head + section.size() ||
+      head.blockLength - sizeof head - section.size() > 2 * kLogNodeSize ||
+      log.header().endOfLog - entry.position < head.blockLength) {
     return {};
   }
-  std::string bytes(head.blockLength - sizeof(head), '\0');
-  result = readLargeBuffer(file, position + sizeof(head), bytes.data(),
-                           static_cast<std::int64_t>(bytes.size()));
-  if (result == code::kEndOfFile) return {};
-  if (result != 0) return reportLogError(metaData, result);
-  std::uint64_t checksum = 0;
-  xorChecksum64(checksum, bytes.data(), bytes.size());
-  *logged = checksum == head.checksum && bytes.compare(0, section.size(), section) == 0;
+  bool complete = false;
+  ZELTA_TRY(log.verifyEntry(entry, &complete));
+  if (!complete) return {};
+  std::string bytes(section.size(), '\0');
+  ZELTA_TRY(log.report(readLargeBuffer(log.handle(), entry.body(), bytes.data(),
+                                       static_cast<std::int64_t>(bytes.size()))));
+  *logged = bytes == section;
   return {};
 }
 
-Result alreadyLogged(MetaData& metaData, const ControlHeader_tag& header,
+Result alreadyLogged(MetaData& metaData, const ControlHeader_tag& control,
                      const std::string& section, bool* logged) {
   *logged = false;
-  LogHeader_tag logHeader;
-  platform::File found = platform::File::none;
-  std::uint64_t position = 0;
-  ZELTA_TRY(findLogEntry(metaData, &header, kSchemaNumber, logHeader, &found, &position));
-  if (position == 0) return {};
-  const FileGuard file(found == metaData.logFile ? platform::File::none : found);
-  return isLogged(metaData, found, logHeader, position, section, logged);
+  LogFile log(metaData);
+  LogEntry entry;
+  ZELTA_TRY(findLogEntry(&control, kSchemaNumber, log, &entry.position));
+  return entry.position == 0 ? Result{} : isLogged(log, entry, section, logged);
 }
 
 /// Fills a reserved entry.
-Result fillEntry(MetaData& metaData, std::uint64_t position, LogEntryHead_tag head,
-                 const std::string& section) {
+Result fillEntry(const LogFile& log, LogEntry entry, const std::string& section) {
   std::string body = section;
-  body.resize(head.blockLength - sizeof(head));
-  head.sectionCount = 1;
-  xorChecksum64(head.checksum, body.data(), body.size());
-  SystemCode result = writeBuffer(metaData.logFile, position + sizeof(head), body.data(),
-                                  static_cast<std::int64_t>(body.size()));
-  if (result == 0) result = completeLogEntry(metaData.logFile, position, head);
-  return result == 0 ? Result() : reportLogError(metaData, result);
+  body.resize(entry.head.blockLength - sizeof entry.head);
+  entry.head.sectionCount = 1;
+  xorChecksum64(entry.head.checksum, body.data(), body.size());
+  ZELTA_TRY(log.write(entry.body(), body.data(), body.size()));
+  return log.report(log.completeEntry(entry));
 }
 
 }  // namespace
@@ -83,19 +74,14 @@ Result logSchemaChange(MetaData& metaData, ControlHeader_tag& header, DirectoryC
   bool logged = false;
   ZELTA_TRY(alreadyLogged(metaData, header, section, &logged));
   if (logged) return {};
-  LogHeader_tag logHeader;
-  ZELTA_TRY(prepareLogFile(metaData, header, logHeader));
-  const SystemCode result = platform::flushFile(metaData.controlFile);
-  if (result != 0) {
-    return reportSystemError(&metaData, result, metaData.baseName.c_str(), extension::kControl);
-  }
-  LogMutexGuard mutex;
-  ZELTA_TRY(mutex.acquire(metaData, platform::kForever));
-  std::uint64_t position = 0;
-  LogEntryHead_tag head;
-  ZELTA_TRY(appendLogEntry(metaData, metaData.logFile, logHeader, kSchemaNumber,
-                           kBodyStart + body.size(), &position, &head, 0));
-  return fillEntry(metaData, position, head, section);
+  LogFile log(metaData);
+  ZELTA_TRY(prepareLogFile(header, log));
+  const SystemCode failure = platform::flushFile(metaData.controlFile);
+  ZELTA_TRY(reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl));
+  ZELTA_TRY(log.lock(platform::kForever));
+  LogEntry entry;
+  ZELTA_TRY(log.append(kSchemaNumber, kBodyStart + body.size(), &entry));
+  return fillEntry(log, entry, section);
 }
 
 }  // namespace zelta

@@ -5,7 +5,7 @@
 #include "crash/commit_trial.h"
 #include "frame/mutex_guard.h"
 #include "platform/file_io.h"
-#include "transaction/log_file.h"
+#include "transaction/log_rotation.h"
 
 namespace zelta::testing {
 namespace {
@@ -16,18 +16,16 @@ class EntryInTheMaking {
   explicit EntryInTheMaking(EditSession& maker) : maker_(maker) {
     MetaData& metaData = maker.metaData;
     MutexGuard database;
-    MutexGuard log;
     constexpr std::uint32_t kWait = 10000;
     EXPECT_TRUE(database.acquire(metaData, metaData.databaseMutex, kWait).ok());
     ControlHeader_tag header{};
     EXPECT_EQ(readBuffer(metaData.controlFile, 0, &header, kExclusiveWord), 0u);
-    LogHeader_tag logHeader{};
-    EXPECT_TRUE(prepareLogFile(metaData, header, logHeader).ok());
-    EXPECT_TRUE(log.acquire(metaData, metaData.logMutex, kWait).ok());
-    LogEntryHead_tag head{};
-    EXPECT_TRUE(appendLogEntry(metaData, metaData.logFile, logHeader, metaData.transactionWord, 200,
-                               &position, &head, 0)
-                    .ok());
+    LogFile log(metaData);
+    EXPECT_TRUE(prepareLogFile(header, log).ok());
+    EXPECT_TRUE(log.lock(kWait).ok());
+    LogEntry entry;
+    EXPECT_TRUE(log.append(metaData.transactionWord, 200, &entry).ok());
+    position = entry.position;
     EXPECT_EQ(platform::lockWord(metaData.logFile, logEntryLock(position)), 0u);
   }
   void remove() {

@@ -298,7 +298,7 @@ TEST_F(FalseLog, FreeBlockOfAnIntentIsRolledBack) {
     const Longest hook(longest);
     reopen();
     ASSERT_TRUE(prepare().ok());
-    ASSERT_TRUE(readLogHeader(metaData, metaData.logFile, logHeader, true).ok());
+    ASSERT_TRUE(readHeader().ok());
   }
   EXPECT_LE(longest, pending.size());
   EXPECT_EQ(raw().entries.size(), 3u) << "as before the removal";

@@ -49,15 +49,15 @@ class LogCrash : public LogTest {
       ASSERT_TRUE(prepare().ok());
       {
         const StopAfter stop(calls);
-        readLogHeader(metaData, metaData.logFile, logHeader, true).ignore();
+        readHeader().ignore();
         cameThrough = !stop.stopped;
       }
-      const Result result = readLogHeader(metaData, metaData.logFile, logHeader, true);
+      const Result result = readHeader();
       ASSERT_TRUE(result.ok()) << result.code();
       // Copies behind the log's end may stay when the death came just before they were cut off.
       std::string bytes = folder.bytes("shop.zll");
-      ASSERT_GE(bytes.size(), logHeader.endOfLog);
-      bytes.resize(logHeader.endOfLog);
+      ASSERT_GE(bytes.size(), logFile.header().endOfLog);
+      bytes.resize(logFile.header().endOfLog);
       if (calls == 0) repaired = bytes;
       ASSERT_TRUE(bytes == repaired) << "a repair that was cut off ends elsewhere";
       check(raw());
@@ -228,8 +228,8 @@ TEST_F(PendingIntent, InAnEmptyLogGoesBackToTheHeader) {
   const std::uint64_t zero = 0;
   for (const std::size_t at : {8u, 24u, 32u}) std::memcpy(bytes.data() + at, &zero, 8);
   load(bytes);
-  ASSERT_TRUE(readLogHeader(metaData, metaData.logFile, logHeader, true).ok());
-  EXPECT_EQ(logHeader.endOfLog, 0u);
+  ASSERT_TRUE(readHeader().ok());
+  EXPECT_EQ(logFile.header().endOfLog, 0u);
   EXPECT_EQ(folder.bytes("shop.zll").size(), 112u);
   EXPECT_EQ(append(3, 40), 432u);
 }

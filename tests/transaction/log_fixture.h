@@ -14,7 +14,8 @@
 
 #include "platform/file_io.h"
 #include "support/storage_fixture.h"
-#include "transaction/log_file.h"
+#include "transaction/log_rotation.h"
+#include "transaction/log_search.h"
 
 namespace zelta::testing {
 
@@ -113,13 +114,21 @@ class LogTest : public ::testing::Test {
   void writeControl() {
     ASSERT_EQ(writeBuffer(metaData.controlFile, 0, &header, sizeof(header)), 0u);
   }
-  Result prepare() { return prepareLogFile(metaData, header, logHeader); }
+  Result prepare() { return prepareLogFile(header, logFile); }
+  /// Reads the header of the file in use, and repairs what is pending.
+  Result readHeader() {
+    logFile.useCurrent();
+    return logFile.readHeaderLocked();
+  }
   /// Appends an entry and gives its position; 0 if that failed.
   std::uint64_t append(std::uint32_t number, std::uint64_t length, std::uint64_t expected = 0) {
-    std::uint64_t position = 77;
-    last = appendLogEntry(metaData, metaData.logFile, logHeader, number, length, &position, &head,
-                          expected);
-    return last.ok() ? position : 0;
+    LogEntry entry;
+    logFile.useCurrent();
+    EXPECT_TRUE(logFile.lock(kLogMutexWait).ok());
+    last = logFile.append(number, length, &entry, expected);
+    logFile.unlock();
+    head = entry.head;
+    return last.ok() ? entry.position : 0;
   }
   /// Appends an entry and fills it with one section of a text.
   std::uint64_t appendComplete(std::uint32_t number, const std::string& body) {
@@ -139,10 +148,10 @@ class LogTest : public ::testing::Test {
               0u);
   }
   std::uint64_t find(std::uint32_t number) {
-    platform::File file = platform::File::none;
+    LogFile found(metaData);
     std::uint64_t position = 77;
-    last = findLogEntry(metaData, &header, number, logHeader, &file, &position);
-    if (file != metaData.logFile) platform::closeFile(file);
+    last = findLogEntry(&header, number, found, &position);
+    logFile.header() = found.header();
     return position;
   }
   /// A handle that was never opened before, as after the death of this one.
@@ -158,7 +167,7 @@ class LogTest : public ::testing::Test {
   FreshFolder folder;
   MetaData metaData;
   ControlHeader_tag header{};
-  LogHeader_tag logHeader{};
+  LogFile logFile{metaData};
   LogEntryHead_tag head{};
   Result last;
 };

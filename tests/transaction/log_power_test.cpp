@@ -83,9 +83,9 @@ class LogPower : public LogTest {
       reopen();
       folder.write(name, state);
       ASSERT_TRUE(prepare().ok());
-      const Result result = readLogHeader(metaData, metaData.logFile, logHeader, true);
+      const Result result = readHeader();
       ASSERT_TRUE(result.ok()) << result.code();
-      const RawLog log = raw(name, logHeader.isSingle() ? "ZELL" : "ZELO");
+      const RawLog log = raw(name, logFile.header().isSingle() ? "ZELL" : "ZELO");
       const std::string bytes = folder.bytes(name);
       std::set<std::uint64_t> complete;
       for (const auto& [number, position] : log.entries) {

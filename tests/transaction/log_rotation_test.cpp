@@ -67,7 +67,7 @@ TEST_F(NumberedLog, TheEntryThatPassesTheSizeStaysAndTheNextCommitRotates) {
   ASSERT_TRUE(prepare().ok());
   EXPECT_EQ(header.lastLogFile, 1u);
   EXPECT_EQ(header.firstLogFile, 0u);
-  EXPECT_EQ(logHeader.fileNumber, 1u);
+  EXPECT_EQ(logFile.header().fileNumber, 1u);
   const std::string bytes = folder.bytes(name(1));
   EXPECT_EQ(bytes.size(), 112u);
   EXPECT_EQ(numberAt<std::uint64_t>(bytes, 24), 0u) << "until its first entry";
@@ -188,11 +188,11 @@ TEST_F(NumberedLog, AHandleOfAnotherFileIsDropped) {
   const platform::File old = metaData.logFile;
   header.lastLogFile = 4;
   ASSERT_TRUE(prepare().ok());
-  EXPECT_EQ(logHeader.fileNumber, 4u);
+  EXPECT_EQ(logFile.header().fileNumber, 4u);
   static_cast<void>(old);
   header.logFlags = 0;
   ASSERT_TRUE(prepare().ok());
-  EXPECT_TRUE(logHeader.isSingle());
+  EXPECT_TRUE(logFile.header().isSingle());
   // The same number again, but another file.
   header.logFlags = 1;
   ASSERT_TRUE(prepare().ok());
@@ -219,20 +219,18 @@ TEST_F(NumberedLog, TheLookUpWalksFromTheLastFileToTheFirst) {
   ASSERT_TRUE(prepare().ok());
   append(8, 40);
   writeControl();
-  platform::File file = platform::File::none;
+  LogFile found(metaData);
   std::uint64_t position = 0;
-  ASSERT_TRUE(findLogEntry(metaData, &header, 8, logHeader, &file, &position).ok());
+  ASSERT_TRUE(findLogEntry(&header, 8, found, &position).ok());
   EXPECT_EQ(position, 432u);
-  EXPECT_EQ(logHeader.fileNumber, 1u);
-  EXPECT_NE(file, metaData.logFile) << "a handle of its own, which may be closed";
-  platform::closeFile(file);
-  ASSERT_TRUE(findLogEntry(metaData, nullptr, 7, logHeader, &file, &position).ok());
+  EXPECT_EQ(found.header().fileNumber, 1u);
+  EXPECT_NE(found.handle(), metaData.logFile) << "a handle of its own, which may be closed";
+  ASSERT_TRUE(findLogEntry(nullptr, 7, found, &position).ok());
   EXPECT_EQ(position, 432u);
-  EXPECT_EQ(logHeader.fileNumber, 0xFFFEu);
-  platform::closeFile(file);
-  ASSERT_TRUE(findLogEntry(metaData, nullptr, 9, logHeader, &file, &position).ok());
+  EXPECT_EQ(found.header().fileNumber, 0xFFFEu);
+  ASSERT_TRUE(findLogEntry(nullptr, 9, found, &position).ok());
   EXPECT_EQ(position, 0u);
-  EXPECT_EQ(file, platform::File::none);
+  EXPECT_FALSE(found.isOpen());
 }
 
 /// Counts the tries to open or delete a log file, and lets folders be unreadable.
@@ -282,7 +280,7 @@ class NearlyAllNumbers : public NumberedLog, public ::testing::WithParamInterfac
 TEST_P(NearlyAllNumbers, TheLookUpOpensWhatIsThere) {
   const Tries tries(GetParam());
   EXPECT_EQ(find(7), 432u);
-  EXPECT_EQ(logHeader.fileNumber, 0xFFFEu);
+  EXPECT_EQ(logFile.header().fileNumber, 0xFFFEu);
   EXPECT_EQ(find(8), 432u);
   EXPECT_LE(tries.count, GetParam() ? 200 : kFew);
   EXPECT_EQ(find(9), 0u);
@@ -320,10 +318,11 @@ TEST_P(NearlyAllNumbers, LaterEntriesAreSoughtInWhatIsThere) {
                                platform::Disposition::openExisting, &file),
             0u);
   const FileGuard guard(file);
-  head = LogEntryHead_tag{40, {'Z', 'E', 'L', 'L'}, 7, 0, 0, 0};
+  LogFile searched(metaData, file);
+  const LogEntry entry{432, {40, {'Z', 'E', 'L', 'L'}, 7, 0, 0, 0}};
   std::set<std::uint64_t> objects = {1};
   const Tries tries(GetParam());
-  EXPECT_TRUE(dropKnownLater(metaData, file, head, 432, 1, 4, objects).ok());
+  EXPECT_TRUE(dropKnownLater(searched, entry, 1, 4, objects).ok());
   EXPECT_EQ(objects.size(), 1u);
   expectFew(tries);
 }
@@ -342,7 +341,7 @@ TEST_F(NumberedLog, AFirstAppendThatDiesLeavesAFileThatCanBeUsed) {
     reopen();
     header.lastLogFile = 1;
     ASSERT_TRUE(prepare().ok());
-    ASSERT_TRUE(readLogHeader(metaData, metaData.logFile, logHeader, true).ok());
+    ASSERT_TRUE(readHeader().ok());
   }
   EXPECT_EQ(append(2, 400), 432u);
   EXPECT_EQ(raw(name(1), "ZELO").entries.size(), 1u);

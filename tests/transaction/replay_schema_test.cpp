@@ -6,7 +6,7 @@
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "support/edit_session.h"
-#include "transaction/log_file.h"
+#include "transaction/log_search.h"
 #include "transaction/replay.h"
 
 namespace zelta::testing {
@@ -47,17 +47,13 @@ class ReplaySchema : public ::testing::Test {
   Result replay() {
     clearError(session.metaData);
     ControlHeader_tag header;
-    LogHeader_tag logHeader;
-    platform::File file = platform::File::none;
-    std::uint64_t position = 0;
+    LogFile log(session.metaData);
+    LogEntry entry;
     ZELTA_TRY(refreshControlHeader(session.metaData, header));
-    ZELTA_TRY(findLogEntry(session.metaData, &header, 1, logHeader, &file, &position));
-    EXPECT_NE(position, 0u);
-    LogEntryHead_tag head;
-    EXPECT_EQ(readBuffer(file, position, &head, sizeof head), 0u);
-    const Result result = replayLogEntry(session.metaData, session.tables, file, head, position);
-    platform::closeFile(file);
-    return result;
+    ZELTA_TRY(findLogEntry(&header, 1, log, &entry.position));
+    EXPECT_NE(entry.position, 0u);
+    EXPECT_EQ(readBuffer(log.handle(), entry.position, &entry.head, sizeof entry.head), 0u);
+    return replayLogEntry(log, entry, session.tables);
   }
   bool hasTable() {
     ControlHeader_tag header;

@@ -1,10 +1,9 @@
-// Names of log files, and which of them there are.
+#include "transaction/log_names.h"
 
 #include <algorithm>
 #include <string_view>
 
 #include "platform/folder.h"
-#include "transaction/log_file.h"
 
 namespace zelta {
 

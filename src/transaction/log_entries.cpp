@@ -1,6 +1,8 @@
-#include "transaction/log_section.h"
+#include "transaction/log_entries.h"
 
 #include <cstring>
+
+#include "storage/free_space.h"
 
 namespace zelta {
 
@@ -53,6 +55,64 @@ Result readImages(EntryReader& reader, std::uint64_t size, std::uint32_t idSize,
 }
 
 }  // namespace
+
+// -- Entries --------------------------------------------------------------------------------------
+
+/// An entry that is in the making, or not complete, is none.
+Result LogEntryWalk::readIfComplete(std::uint64_t position, LogEntry* entry) const {
+  LogEntry found{position, {}};
+  const SystemCode failure = log_.readHead(position, &found.head);
+  if (failure == code::kLockViolation) return {};
+  if (failure == code::kEndOfFile) return log_.broken();
+  ZELTA_TRY(log_.report(failure));
+  bool complete = false;
+  ZELTA_TRY(log_.verifyEntry(found, &complete));
+  if (complete) *entry = found;
+  return {};
+}
+
+Result LogEntryWalk::next(LogEntry* entry) {
+  const std::uint64_t end = log_.header().endOfLog;
+  *entry = {};
+  while (entry->position == 0 && next_ < end) {
+    LogEntryHead_tag head{};
+    if (end - next_ < sizeof head) return log_.broken();
+    // The word behind may be locked.
+    ZELTA_TRY(log_.read(next_, &head, offsetof(LogEntryHead_tag, checksum)));
+    if (head.blockLength < sizeof head || head.blockLength > end - next_) return log_.broken();
+    // Nodes of the tree and free blocks lie between the entries.
+    if (head.isEntry() && head.sectionCount != kFreeMarker) {
+      ZELTA_TRY(readIfComplete(next_, entry));
+    }
+    next_ += head.blockLength;
+  }
+  return {};
+}
+
+// -- Sections -------------------------------------------------------------------------------------
+
+Result EntryReader::nextSection(LogTableSection_tag* section, bool* found) {
+  *found = sections_ != 0;
+  if (!*found) return {};
+  --sections_;
+  const char* bytes = nullptr;
+  ZELTA_TRY(take(sizeof *section, &bytes));
+  std::memcpy(section, bytes, sizeof *section);
+  return {};
+}
+
+Result EntryReader::take(std::uint32_t length, const char** bytes) {
+  if (length > left()) return malformed();
+  ZELTA_TRY(images.read(next_, length, bytes));
+  next_ += length;
+  return {};
+}
+
+Result EntryReader::skip(std::uint64_t length) {
+  if (length > left()) return malformed();
+  next_ += length;
+  return {};
+}
 
 Result readTableSection(EntryReader& reader, const LogTableSection_tag& head, std::uint32_t idSize,
                         TableSection& out) {
