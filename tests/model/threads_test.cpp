@@ -261,6 +261,8 @@ TEST_P(ThreadsOf, FourLeaveWhatTheyCommitted) {
   std::vector<int> lines(4, -1);
   for (unsigned i = 0; i < lines.size(); ++i) {
     writers.push_back(std::make_unique<Writer>(i, seed + i, GetParam(), 60, ledger));
+  }
+  for (unsigned i = 0; i < lines.size(); ++i) {
     threads.emplace_back([&, i] { lines[i] = writers[i]->run(path, transactions); });
   }
   for (std::thread& thread : threads) thread.join();
