@@ -9,7 +9,7 @@
 
 #include "check/check_internal.h"
 #include "storage/free_space.h"
-#include "storage/index_header.h"
+#include "storage/paged_file.h"
 #include "storage/table_file.h"
 
 namespace zelta::check {
@@ -238,7 +238,7 @@ class IndexChange {
 
  private:
   [[nodiscard]] std::uint64_t start() const {
-    return std::max(header_.newFileEnd, header_.rollbackEnd);
+    return std::max(header_.newEndOfFile, header_.journalBase);
   }
   bool isSummedUp();
   bool putPages(std::uint64_t* at);
@@ -256,58 +256,59 @@ Change IndexChange::run() {
   const char* bytes = file_.view(0, sizeof header_);
   if (bytes == nullptr) return Change::none;
   std::memcpy(&header_, bytes, sizeof header_);
-  if (header_.newFileEnd == 0) return Change::none;
+  if (header_.newEndOfFile == 0) return Change::none;
   if (header_.journalEnd == 0) return Change::abandoned;
   bool carry = header_.journalEnd <= file_.size();
-  if (carry && header_.rollbackEnd == 0) {  // applied already
-    return finish(header_.newFileEnd) ? Change::carriedOut : Change::impossible;
+  if (carry && header_.journalBase == 0) {  // applied already
+    return finish(header_.newEndOfFile) ? Change::carriedOut : Change::impossible;
   }
   carry = carry && isSummedUp();
   if (carry) return carryOut() ? Change::carriedOut : Change::impossible;
-  if (header_.rollbackEnd != 0 && header_.rollbackEnd != header_.fileEnd) return Change::impossible;
-  return finish(header_.fileEnd) ? Change::dropped : Change::impossible;
+  if (header_.journalBase != 0 && header_.journalBase != header_.endOfFile)
+    return Change::impossible;
+  return finish(header_.endOfFile) ? Change::dropped : Change::impossible;
 }
 
 bool IndexChange::isSummedUp() {
-  constexpr std::size_t kSummed = offsetof(IndexFileHeader_tag, newFreeListHead);
+  constexpr std::size_t kSummed = offsetof(PagedFileHeader, newFreeHead);
   if (header_.journalEnd < start()) return false;
   const char* bytes = file_.view(kSummed, sizeof header_ - kSummed + roots_);
   if (bytes == nullptr) return false;
   const std::uint64_t sum = foldBytes(bytes, sizeof header_ - kSummed + roots_);
   if (!applier_.copyOfJournal(start(), header_.journalEnd, journal_)) return false;
-  return (sum ^ foldBytes(journal_.data(), journal_.size())) == header_.journalSum;
+  return (sum ^ foldBytes(journal_.data(), journal_.size())) == header_.journalChecksum;
 }
 
 /// A page entry: its position, and the page, which begins with its size.
 bool IndexChange::putPages(std::uint64_t* at) {
-  for (std::uint32_t i = 0; i < header_.journalPages; ++i) {
+  for (std::uint32_t i = 0; i < header_.pageEntryCount; ++i) {
     if (journal_.size() - *at < 12) return false;
     const auto target = load<std::uint64_t>(journal_.data(), *at);
     const auto size = load<std::uint32_t>(journal_.data(), *at + 8);
     *at += 8;
-    if (size > journal_.size() - *at || target >= header_.newFileEnd ||
-        size > header_.newFileEnd - target) {
+    if (size > journal_.size() - *at || target >= header_.newEndOfFile ||
+        size > header_.newEndOfFile - target) {
       return false;
     }
     if (!applier_.put(target, journal_.data() + *at, size)) return false;
     *at += size;
   }
-  return journal_.size() - *at == std::uint64_t{header_.journalFreeRecords} * kFreeEntrySize;
+  return journal_.size() - *at == std::uint64_t{header_.freeEntryCount} * kFreeEntrySize;
 }
 
 bool IndexChange::carryOut() {
   std::uint64_t at = 0;
   if (!putPages(&at)) return false;
-  if (!applyFreeBlocks(applier_, journal_, at, header_.journalFreeRecords, false)) return false;
+  if (!applyFreeBlocks(applier_, journal_, at, header_.freeEntryCount, false)) return false;
   if (!applier_.copy(sizeof header_, sizeof header_ + roots_, roots_)) return false;
-  header_.freeListHead = header_.newFreeListHead;
-  return finish(header_.newFileEnd);
+  header_.freeHead = header_.newFreeHead;
+  return finish(header_.newEndOfFile);
 }
 
 bool IndexChange::finish(std::uint64_t end) {
-  constexpr std::size_t kChain = offsetof(IndexFileHeader_tag, freeListHead);
-  constexpr std::size_t kIntent = offsetof(IndexFileHeader_tag, rollbackEnd);
-  header_.fileEnd = end;
+  constexpr std::size_t kChain = offsetof(PagedFileHeader, freeHead);
+  constexpr std::size_t kIntent = offsetof(PagedFileHeader, journalBase);
+  header_.endOfFile = end;
   char* bytes = reinterpret_cast<char*>(&header_);
   std::memset(bytes + kIntent, 0, sizeof header_ - kIntent);
   return applier_.put(kChain, bytes + kChain, sizeof header_ - kChain) &&

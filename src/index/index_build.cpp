@@ -1,12 +1,11 @@
-// Building an index file from the objects of its table.
+#include "index/index_build.h"
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 
 #include "czelta.h"
 #include "index/bplus_tree.h"
-#include "index/index_file_layout.h"
+#include "index/index_file.h"
 #include "index/keys.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
@@ -16,39 +15,29 @@
 
 namespace zelta {
 
-using index_file::abandonFile;
-using index_file::clearIntent;
-using index_file::failed;
-using index_file::HeaderImage;
-
-IndexBuild::IndexBuild(MetaData& metaData, Table& table, IndexFileHeader_tag& header,
-                       AtomicManager& manager)
-    : metaData_(metaData), table_(table), header_(header), manager_(manager) {}
+IndexBuild::IndexBuild(AtomicManager& manager, IndexFileHeader_tag& header)
+    : metaData_(manager.metaData), table_(manager.table), manager_(manager), header_(header) {}
 
 IndexBuild::~IndexBuild() {
-  if (!finished_) abandonFile(table_);
+  if (!finished_) abandonIndexFile(table_);
 }
 
 Result IndexBuild::start() {
   ZELTA_TRY(checkIndexKinds(metaData_, table_));
-  header_ = {};
-  std::memcpy(header_.magic, index_file::kMagic, sizeof(header_.magic));
-  header_.majorVersion = index_file::kMajorVersion;
-  header_.minorVersion = index_file::kMinorVersion;
-  header_.indexCount = table_.indexCount;
-  header_.pageSize = indexPageSize(table_, &firstPage_);
-  if (header_.pageSize == 0) return failed(metaData_, table_, code::kNoMemory);
+  const std::uint32_t pageSize = indexPageSize(table_, &firstPage_);
+  static_cast<PagedFileHeader&>(header_) = newPagedHeader(kIndexForm, table_, pageSize);
+  if (pageSize == 0) return manager_.failed(PageFile::index, code::kNoMemory);
   // A journal without an end is how a repair knows that a build died.
-  header_.newFileEnd = firstPage_;
-  HeaderImage image(table_.indexCount);
+  header_.newEndOfFile = firstPage_;
+  PagedHeaderImage image(kIndexForm, table_.indexCount);
   std::memset(image.bytes(), 0, image.size());
   image.putHeader(header_);
   SystemCode result = writeBuffer(table_.indexFile, 0, image.bytes(), image.size());
   // What is left up to the first page stays a hole.
   if (result == 0) result = truncateFile(table_.indexFile, firstPage_);
-  if (result != 0) return failed(metaData_, table_, result);
+  if (result != 0) return manager_.failed(PageFile::index, result);
   IndexFileHeader_tag working = header_;
-  working.fileEnd = firstPage_;
+  working.endOfFile = firstPage_;
   std::fill_n(manager_.indexRoots(), table_.indexCount, std::uint64_t{0});
   manager_.attach(table_.indexFile, &working, platform::File::none, nullptr);
   manager_.holdIndexPages();
@@ -85,29 +74,35 @@ Result IndexBuild::finish() {
     return reportError(&metaData_, Own::freeList);
   }
   ZELTA_TRY(applyFreeBlocks(metaData_, table_.indexFile, manager_.indexFreeList, false));
-  HeaderImage image(table_.indexCount);
-  header_.freeListHead = manager_.indexFreeHead;
-  header_.fileEnd = end;
+  PagedHeaderImage image(kIndexForm, table_.indexCount);
+  header_.freeHead = manager_.indexFreeHead;
+  header_.endOfFile = end;
   clearIntent(header_);
   image.putHeader(header_);
-  SystemCode result = writeBuffer(table_.indexFile, image.liveStart(), manager_.indexRoots(),
+  SystemCode result = writeBuffer(table_.indexFile, image.rootsStart(), manager_.indexRoots(),
                                   static_cast<std::int64_t>(image.rootBytes()));
   if (result == 0) result = truncateFile(table_.indexFile, end);
   if (result == 0) result = platform::flushFile(table_.indexFile);
-  const std::uint64_t start = index_file::kChainStart;
+  constexpr std::uint64_t kStart = PagedHeaderImage::kChainStart;
   if (result == 0) {
-    result = writeBuffer(table_.indexFile, start, image.bytes() + start,
-                         static_cast<std::int64_t>(sizeof(header_) - start));
+    result = writeBuffer(table_.indexFile, kStart, image.bytes() + kStart,
+                         static_cast<std::int64_t>(sizeof(header_) - kStart));
   }
   if (result == 0) result = platform::flushFile(table_.indexFile);
-  if (result != 0) return failed(metaData_, table_, result);
+  if (result != 0) return manager_.failed(PageFile::index, result);
   finished_ = true;
   manager_.dropIndexChanges();
   manager_.indexEndOfFile = end;
   return {};
 }
 
-namespace index_file {
+void abandonIndexFile(Table& table) {
+  if (table.indexFile == platform::File::none) return;
+  // Should the cut fail, the header still says that no commit was under way, but a build.
+  static_cast<void>(truncateFile(table.indexFile, 0));
+  platform::closeFile(table.indexFile);
+  table.indexFile = platform::File::none;
+}
 
 namespace {
 
@@ -226,8 +221,10 @@ Result readForBuild(Table& table, TableScan& scan, std::uint64_t objectID, const
 
 }  // namespace
 
-Result buildIndexFile(MetaData& metaData, Table& table, const TableHeader_tag* tableHeader,
-                      IndexFileHeader_tag& header, AtomicManager& manager) {
+Result buildIndexFile(AtomicManager& manager, const TableHeader_tag* tableHeader,
+                      IndexFileHeader_tag& header) {
+  MetaData& metaData = manager.metaData;
+  Table& table = manager.table;
   TableHeader_tag read{};
   if (tableHeader == nullptr) {
     ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, read, true));
@@ -242,7 +239,7 @@ Result buildIndexFile(MetaData& metaData, Table& table, const TableHeader_tag* t
   }
   AtomicManager own(metaData, table);
   IndexFileHeader_tag fresh{};
-  IndexBuild build(metaData, table, fresh, own);
+  IndexBuild build(own, fresh);
   ZELTA_TRY(build.start());
   for (std::uint64_t objectID = 1; objectID <= tableHeader->highestID; ++objectID) {
     const char* object = nullptr;
@@ -255,7 +252,5 @@ Result buildIndexFile(MetaData& metaData, Table& table, const TableHeader_tag* t
   std::copy_n(own.indexRoots(), table.indexCount, manager.indexRoots());
   return {};
 }
-
-}  // namespace index_file
 
 }  // namespace zelta

@@ -1,56 +1,18 @@
 #include "index/index_file.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 #include "frame/control_file.h"
-#include "index/index_file_layout.h"
+#include "index/index_build.h"
 #include "platform/file_io.h"
 #include "storage/atomic_manager.h"
+#include "storage/paged_repair.h"
 #include "storage/table.h"
 
 namespace zelta {
 
-namespace index_file {
-
-Result failed(MetaData& metaData, const Table& table, SystemCode code) {
-  return reportSystemError(&metaData, code, table.cName(), extension::kIndex);
-}
-
-Result corrupted(MetaData& metaData, const Table& table) {
-  return reportError(&metaData, Own::indexFile, table.cName(), extension::kIndex);
-}
-
-void clearIntent(IndexFileHeader_tag& header) {
-  header.rollbackEnd = 0;
-  header.journalEnd = 0;
-  header.newFileEnd = 0;
-  header.journalSum = 0;
-  header.newFreeListHead = 0;
-  header.journalPages = 0;
-  header.journalFreeRecords = 0;
-}
-
-void abandonFile(Table& table) {
-  if (table.indexFile == platform::File::none) return;
-  // Should the cut fail, the header still says that no commit was under way, but a build.
-  static_cast<void>(truncateFile(table.indexFile, 0));
-  platform::closeFile(table.indexFile);
-  table.indexFile = platform::File::none;
-}
-
-}  // namespace index_file
-
 namespace {
-
-using index_file::corrupted;
-using index_file::failed;
-using index_file::HeaderImage;
-
-constexpr std::uint32_t kSmallestPageSize = 64;
-constexpr std::uint64_t kLargestPageSize = std::uint64_t{1} << 31;
-constexpr std::uint64_t kPositionLimit = std::uint64_t{1} << 62;
 
 void closeHandle(Table& table) {
   platform::closeFile(table.indexFile);
@@ -94,37 +56,35 @@ bool isUnfinishedStart(const char* bytes, std::uint32_t have) {
     return std::all_of(bytes, bytes + sizeof(IndexFileHeader_tag),
                        [](char byte) { return byte == 0; });
   }
-  return std::memcmp(bytes, index_file::kMagic,
-                     std::min<std::size_t>(have, sizeof(index_file::kMagic))) == 0;
+  return std::memcmp(bytes, kIndexForm.magic,
+                     std::min<std::size_t>(have, sizeof(kIndexForm.magic))) == 0;
 }
 
-Result checkHeader(MetaData& metaData, const Table& table, const IndexFileHeader_tag& header) {
-  if (std::memcmp(header.magic, index_file::kMagic, sizeof(header.magic)) != 0 ||
-      header.indexCount != table.indexCount) {
-    return corrupted(metaData, table);
+Result checkHeader(const AtomicManager& manager, const IndexFileHeader_tag& header) {
+  const Table& table = manager.table;
+  if (!hasMagic(kIndexForm, header) || header.indexCount != table.indexCount) {
+    return manager.corrupted(PageFile::index);
   }
-  if (header.majorVersion != index_file::kMajorVersion ||
-      header.minorVersion != index_file::kMinorVersion) {
-    return reportError(&metaData, Own::indexVersion, table.cName(), extension::kIndex,
+  if (!hasVersion(kIndexForm, header)) {
+    return reportError(&manager.metaData, Own::indexVersion, table.cName(), extension::kIndex,
                        header.majorVersion, header.minorVersion);
   }
-  if (!std::has_single_bit(header.pageSize) || header.pageSize < kSmallestPageSize ||
-      header.fileEnd > kPositionLimit || header.newFileEnd > kPositionLimit) {
-    return corrupted(metaData, table);
+  if (!pageSizeIsSound(header) || header.endOfFile > kPagedFileLimit ||
+      header.newEndOfFile > kPagedFileLimit) {
+    return manager.corrupted(PageFile::index);
   }
   return {};
 }
 
-Result takeRoots(MetaData& metaData, const Table& table, const IndexFileHeader_tag& header,
-                 HeaderImage& image, AtomicManager& manager) {
-  const std::uint64_t first = indexHeaderSize(table.indexCount);
-  if (header.fileEnd < first) return corrupted(metaData, table);
-  std::memcpy(manager.indexRoots(), image.bytes() + image.liveStart(), image.rootBytes());
-  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    const std::uint64_t root = manager.indexRoot(i);
-    if (root != 0 && (root < first || root >= header.fileEnd)) return corrupted(metaData, table);
+Result takeRoots(const IndexFileHeader_tag& header, PagedHeaderImage& image,
+                 AtomicManager& manager) {
+  if (header.endOfFile < kIndexForm.headerSize(manager.indexCount)) {
+    return manager.corrupted(PageFile::index);
   }
-  return {};
+  std::memcpy(manager.indexRoots(), image.roots(), image.rootBytes());
+  return rootsAreSound(kIndexForm, header, manager.indexRoots())
+             ? Result{}
+             : manager.corrupted(PageFile::index);
 }
 
 /// One attempt to bring the file into a state in which its header can be taken.
@@ -132,13 +92,12 @@ class Opening {
  public:
   enum class Outcome { done, again };
 
-  Opening(MetaData& metaData, Table& table, IndexFileHeader_tag& header, AtomicManager& manager,
-          bool exclusive, bool mustExist)
-      : metaData_(metaData),
-        table_(table),
+  Opening(AtomicManager& manager, IndexFileHeader_tag& header, bool exclusive, bool mustExist)
+      : metaData_(manager.metaData),
+        table_(manager.table),
         header_(header),
         manager_(manager),
-        image_(table.indexCount),
+        image_(kIndexForm, manager.indexCount),
         exclusive_(exclusive),
         mustExist_(mustExist) {}
 
@@ -152,7 +111,7 @@ class Opening {
   Table& table_;
   IndexFileHeader_tag& header_;
   AtomicManager& manager_;
-  HeaderImage image_;
+  PagedHeaderImage image_;
   bool exclusive_;
   bool mustExist_;
 };
@@ -164,19 +123,19 @@ Result Opening::attempt(const TableHeader_tag* tableHeader, Outcome* outcome) {
   if (table_.indexFile == platform::File::none) return {};
   std::uint32_t have = 0;
   const SystemCode result = readBuffer(table_.indexFile, 0, image_.bytes(), image_.size(), &have);
-  if (result != 0 && result != code::kEndOfFile) return failed(metaData_, table_, result);
+  if (result != 0 && result != code::kEndOfFile) return manager_.failed(PageFile::index, result);
   if (have == 0) return empty(tableHeader);
   if (exclusive_ && isUnfinishedStart(image_.bytes(), have)) {
-    index_file::abandonFile(table_);
+    abandonIndexFile(table_);
     *outcome = Outcome::again;
     return {};
   }
-  if (have < sizeof(header_)) return failed(metaData_, table_, code::kEndOfFile);
+  if (have < sizeof(header_)) return manager_.failed(PageFile::index, code::kEndOfFile);
   std::memcpy(&header_, image_.bytes(), sizeof(header_));
-  ZELTA_TRY(checkHeader(metaData_, table_, header_));
-  if (header_.newFileEnd != 0) return repair(outcome);
-  if (have < image_.size()) return failed(metaData_, table_, code::kEndOfFile);
-  return takeRoots(metaData_, table_, header_, image_, manager_);
+  ZELTA_TRY(checkHeader(manager_, header_));
+  if (header_.newEndOfFile != 0) return repair(outcome);
+  if (have < image_.size()) return manager_.failed(PageFile::index, code::kEndOfFile);
+  return takeRoots(header_, image_, manager_);
 }
 
 Result Opening::empty(const TableHeader_tag* tableHeader) {
@@ -187,16 +146,18 @@ Result Opening::empty(const TableHeader_tag* tableHeader) {
   if (!exclusive_) {
     return reportError(&metaData_, Own::notExclusive, table_.cName(), extension::kIndex);
   }
-  return index_file::buildIndexFile(metaData_, table_, tableHeader, header_, manager_);
+  return buildIndexFile(manager_, tableHeader, header_);
 }
 
 Result Opening::repair(Outcome* outcome) {
   if (!exclusive_) {
     return reportError(&metaData_, Own::notWritable, table_.cName(), extension::kIndex);
   }
-  bool abandoned = false;
   *outcome = Outcome::again;
-  return index_file::repairIndexFile(metaData_, table_, header_, image_, &abandoned);
+  auto repaired = PagedRepair::dropped;
+  ZELTA_TRY(repairPagedFile(kIndexForm, manager_, header_, image_, &repaired));
+  if (repaired == PagedRepair::unfinishedBuild) abandonIndexFile(table_);
+  return {};
 }
 
 }  // namespace
@@ -209,30 +170,25 @@ std::u16string indexFilePath(const MetaData& metaData, const Table& table) {
 std::uint32_t indexPageSize(const Table& table, std::uint64_t* firstPage) {
   const std::uint64_t count = table.indexCount;
   if (count == 0) return 0;
-  std::uint64_t words = 0;
-  for (std::uint32_t i = 0; i < table.indexCount; ++i) words += table.index(i).keyWords;
-  const std::uint64_t share = table.wideIds() ? 400 : 200;
-  const std::uint64_t least = std::max(16 * count + 80, ((words + 2) * share + 20) / count);
-  const std::uint64_t size = std::max<std::uint64_t>(std::bit_ceil(least), kSmallestPageSize);
-  if (size > kLargestPageSize) return 0;
+  const std::uint32_t size = newPageSize(kIndexForm, table, table.wideIds() ? 400 : 200);
+  if (size == 0) return 0;
   if (firstPage != nullptr) *firstPage = (((count + 1) * 16 + 79) / size + 1) * size;
-  return static_cast<std::uint32_t>(size);
+  return size;
 }
 
-Result openIndexFile(MetaData& metaData, Table& table, const TableHeader_tag* tableHeader,
-                     IndexFileHeader_tag& header, AtomicManager& manager, bool exclusive,
-                     bool mustExist) {
+Result openIndexFile(AtomicManager& manager, IndexFileHeader_tag& header,
+                     const TableHeader_tag* tableHeader, bool exclusive, bool mustExist) {
   header = {};
-  std::fill_n(manager.indexRoots(), table.indexCount, std::uint64_t{0});
-  if (table.indexCount == 0) return {};
-  Opening opening(metaData, table, header, manager, exclusive, mustExist);
+  std::fill_n(manager.indexRoots(), manager.indexCount, std::uint64_t{0});
+  if (manager.indexCount == 0) return {};
+  Opening opening(manager, header, exclusive, mustExist);
   // A repair leaves a sound header or an empty file; what is still broken after that stays so.
   for (int attempts = 0; attempts < 4; ++attempts) {
     auto outcome = Opening::Outcome::done;
     ZELTA_TRY(opening.attempt(tableHeader, &outcome));
     if (outcome == Opening::Outcome::done) return {};
   }
-  return corrupted(metaData, table);
+  return manager.corrupted(PageFile::index);
 }
 
 Result readSizedPage(MetaData& metaData, platform::File file, std::uint64_t position,

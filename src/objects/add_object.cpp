@@ -12,6 +12,7 @@
 #include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_store.h"
 
 namespace zelta {
 
@@ -78,8 +79,7 @@ Result Addition::pass() {
   TableHeader_tag header;
   ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
   IndexFileHeader_tag indexHeader;
-  if (const Result opened =
-          openIndexFile(metaData_, table_, &header, indexHeader, manager_, true, true);
+  if (const Result opened = openIndexFile(manager_, indexHeader, &header, true, true);
       opened.failed()) {
     lookForDead_ = opened.isLocked();  // an object waits for its content from the log
     return opened;

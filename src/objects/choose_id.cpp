@@ -1,6 +1,6 @@
 #include "objects/choose_id.h"
 
-#include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
 #include "storage/table_recovery.h"
 
 namespace zelta {

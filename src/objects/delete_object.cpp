@@ -7,7 +7,7 @@
 #include "objects/object_access.h"
 #include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
-#include "storage/memory_file.h"
+#include "storage/memory_file_remove.h"
 
 namespace zelta {
 

@@ -1,5 +1,9 @@
 #include "objects/locate.h"
 
+#include "index/index_file.h"
+#include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
+
 namespace zelta {
 
 Result ReadFiles::attach(const TableHeader_tag& header, bool writer, bool withIndexes) {
@@ -7,7 +11,7 @@ Result ReadFiles::attach(const TableHeader_tag& header, bool writer, bool withIn
   const bool readIndexes = withIndexes && table.indexCount != 0;
   if (writer) ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, manager, true));
   if (readIndexes) {
-    ZELTA_TRY(openIndexFile(manager.metaData, table, &header, indexHeader, manager, writer, true));
+    ZELTA_TRY(openIndexFile(manager, indexHeader, &header, writer, true));
   }
   manager.attach(
       readIndexes ? table.indexFile : platform::File::none, readIndexes ? &indexHeader : nullptr,

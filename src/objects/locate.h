@@ -8,10 +8,9 @@
 #include <utility>
 
 #include "czelta.h"
-#include "index/index_file.h"
 #include "objects/current_keys.h"
 #include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
+#include "storage/paged_file.h"
 #include "storage/table.h"
 #include "storage/table_file.h"
 

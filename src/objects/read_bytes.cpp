@@ -8,6 +8,8 @@
 #include "objects/object_buffer.h"
 #include "platform/file_io.h"
 #include "schema/object_view.h"
+#include "storage/memory_file_map.h"
+#include "storage/memory_file_remove.h"
 
 namespace zelta {
 
@@ -246,7 +248,7 @@ Result dropTransactionEntries(MetaData& metaData, Table& table, ReadFiles& files
     ~IdSet() { destroyAll(ids); }
     UInt64AVLTree* ids = nullptr;
   } entries;
-  ZELTA_TRY(collectTransaction(files.manager, number, entries.ids, nullptr));
+  ZELTA_TRY(collectTransaction(files.manager, number, &entries.ids, nullptr));
   if (entries.ids != nullptr) {
     for (std::uint32_t i = 0; i < table.indexCount; ++i) {
       if (table.listKind(i)) continue;

@@ -8,6 +8,7 @@
 #include "objects/locate.h"
 #include "objects/read_bytes.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_remove.h"
 #include "storage/table_file.h"
 
 namespace zelta {

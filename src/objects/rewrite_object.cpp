@@ -12,6 +12,7 @@
 #include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_store.h"
 
 namespace zelta {
 
@@ -111,7 +112,7 @@ Result Rewriting::pass() {
   KeyTrees trees{manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, 0}};
   if (!sameKeys(table_, before_, after_)) {
     IndexFileHeader_tag indexHeader;
-    ZELTA_TRY(openIndexFile(metaData_, table_, &header, indexHeader, manager_, true, true));
+    ZELTA_TRY(openIndexFile(manager_, indexHeader, &header, true, true));
     manager_.attach(table_.indexFile, &indexHeader, table_.memoryFile, &memoryHeader);
     trees.committed.pageSize = indexHeader.pageSize;
     ZELTA_TRY(changes_.plan(trees, objectID_, before_, found.memoryPosition != 0, after_,

@@ -7,7 +7,6 @@
 
 #include "platform/file_io.h"
 #include "storage/atomic_manager_writer.h"
-#include "storage/index_header.h"
 
 namespace zelta {
 
@@ -20,10 +19,6 @@ std::uint32_t statedSize(const char* page) {
   return size;
 }
 
-const char16_t* extensionOf(PageFile file) {
-  return file == PageFile::memory ? extension::kMemory : extension::kIndex;
-}
-
 /// Sizes up to this belong to no page: they leave no room for a kind.
 constexpr std::uint32_t kNoPageSize = 4;
 /// What is read at once at most before a page's size is known.
@@ -34,15 +29,6 @@ constexpr std::uint64_t kPageAlignment = 8;
 constexpr std::uint64_t kUnchangedLimit = 2 * 1024 * 1024;
 
 }  // namespace
-
-Result reportPages(MetaData& metaData, const Table& table, PageFile file, SystemCode failure) {
-  return reportSystemError(&metaData, failure, table.cName(), extensionOf(file));
-}
-
-Result reportDamagedPages(MetaData& metaData, const Table& table, PageFile file) {
-  return reportError(&metaData, file == PageFile::memory ? Own::memoryFile : Own::indexFile,
-                     table.cName(), extensionOf(file));
-}
 
 AtomicManager::AtomicManager(MetaData& theMetaData, Table& theTable)
     : metaData(theMetaData), table(theTable), indexCount(theTable.indexCount) {
@@ -66,8 +52,8 @@ void AtomicManager::attach(platform::File index, const IndexFileHeader_tag* inde
   holdIndexPages_ = false;
   indexFile = index;
   memoryFile = memory;
-  indexFreeHead = indexHeader != nullptr ? indexHeader->freeListHead : 0;
-  indexEndOfFile = indexHeader != nullptr ? indexHeader->fileEnd : 0;
+  indexFreeHead = indexHeader != nullptr ? indexHeader->freeHead : 0;
+  indexEndOfFile = indexHeader != nullptr ? indexHeader->endOfFile : 0;
   indexPageSize_ = indexHeader != nullptr ? indexHeader->pageSize : 0;
   memoryFreeHead = memoryHeader != nullptr ? memoryHeader->freeHead : 0;
   memoryEndOfFile = memoryHeader != nullptr ? memoryHeader->endOfFile : 0;
@@ -111,9 +97,18 @@ AtomicManager::Page* AtomicManager::unchangedPage(PageFile file, std::uint64_t p
 }
 
 bool AtomicManager::inside(PageFile file, std::uint64_t position, std::uint64_t size) const {
-  const std::uint64_t first =
-      file == PageFile::memory ? memoryHeaderSize(indexCount) : indexHeaderSize(indexCount);
-  return position >= first && position < end(file) && size <= end(file) - position;
+  const std::uint64_t end = endOfFile(file);
+  return position >= formOf(file).headerSize(indexCount) && position < end &&
+         size <= end - position;
+}
+
+Result AtomicManager::corrupted(PageFile file) const {
+  const PagedForm& form = formOf(file);
+  return reportError(&metaData, form.damage, table.cName(), form.extension);
+}
+
+Result AtomicManager::failed(PageFile file, SystemCode code) const {
+  return reportSystemError(&metaData, code, table.cName(), formOf(file).extension);
 }
 
 // -- Reading --------------------------------------------------------------------------------------
@@ -193,7 +188,7 @@ Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, Scratc
   if (!inside(file, position, kNoPageSize + 1)) return corrupted(file);
   const std::uint32_t unit = file == PageFile::memory ? memoryPageSize_ : indexPageSize_;
   const std::uint64_t guess = std::min<std::uint64_t>(
-      std::clamp<std::uint32_t>(unit, 64, kLargestGuess), end(file) - position);
+      std::clamp<std::uint32_t>(unit, 64, kLargestGuess), endOfFile(file) - position);
   char* bytes = scratch.reserve(guess);
   std::uint32_t have = 0;
   const SystemCode result =
@@ -202,7 +197,7 @@ Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, Scratc
   if (have < sizeof(*size)) return failed(file, code::kEndOfFile);
   *size = statedSize(bytes);
   if (*size <= kNoPageSize) {
-    return reportError(&metaData, Own::indexFile, table.cName(), extensionOf(file));
+    return reportError(&metaData, Own::indexFile, table.cName(), formOf(file).extension);
   }
   if (!inside(file, position, *size)) return corrupted(file);
   return *size <= have ? Result{} : readRest(file, position, have, *size, scratch);

@@ -10,19 +10,10 @@
 #include <memory>
 
 #include "storage/free_space.h"
-#include "storage/memory_file.h"
+#include "storage/paged_file.h"
 #include "storage/table.h"
 
 namespace zelta {
-
-struct IndexFileHeader_tag;
-
-/// Which of a table's two paged files.
-enum class PageFile { index, memory };
-
-/// Reports a failed call on one of them, or that it is damaged.
-Result reportPages(MetaData& metaData, const Table& table, PageFile file, SystemCode failure);
-Result reportDamagedPages(MetaData& metaData, const Table& table, PageFile file);
 
 class AtomicManager {
  public:
@@ -85,7 +76,6 @@ class AtomicManager {
   /// From now on released space of the memory file waits apart until the next flush, which merges
   /// it in one pass; for steps that release much and take little.
   void deferMemoryReleases() { deferReleases_ = true; }
-  [[nodiscard]] FreeExtentNode* releasedMemory() const { return releasedMemory_; }
   /// Forgets changed pages, free lists and released space of the memory file, after a flush.
   void dropMemoryChanges();
   /// The memory roots as the file has them.
@@ -99,12 +89,54 @@ class AtomicManager {
   void holdIndexPages() { holdIndexPages_ = true; }
   /// Writes held index pages where they belong, if there is no memory file.
   Result writeHeldIndexPages();
-  /// Bytes of a changed index page, from memory or its shadow.
-  Result changedIndexPage(Page& page, const char** bytes, ScratchBuffer& scratch);
   /// Forgets changed index pages, shadows and the free list of the index file, after a flush.
   void dropIndexChanges();
   /// The bound of what holdIndexPages() keeps.
   std::uint64_t heldIndexLimit = 8 * 1024 * 1024;
+
+  // -- For a flush of either file -----------------------------------------------------------------
+
+  [[nodiscard]] platform::File handle(PageFile file) const {
+    return file == PageFile::memory ? memoryFile : indexFile;
+  }
+  /// Pages that were changed and not yet flushed, by position.
+  [[nodiscard]] UInt64AVLTree* changedPages(PageFile file) const {
+    return file == PageFile::memory ? pages : shadowPages;
+  }
+  [[nodiscard]] std::uint32_t changedPageCount(PageFile file) const {
+    return file == PageFile::memory ? pageCount : shadowPageCount;
+  }
+  /// The bytes of one: its own, or those of its shadow in `scratch`.
+  Result changedBytes(Page& page, const char** bytes, ScratchBuffer& scratch);
+  [[nodiscard]] std::uint64_t* roots(PageFile file) {
+    return file == PageFile::memory ? memoryRoots() : indexRoots();
+  }
+  /// The roots as the file has them; null if that is not known.
+  [[nodiscard]] const std::uint64_t* savedRoots(PageFile file) {
+    return file == PageFile::memory ? savedMemoryRoots() : nullptr;
+  }
+  [[nodiscard]] std::uint64_t& freeHead(PageFile file) {
+    return file == PageFile::memory ? memoryFreeHead : indexFreeHead;
+  }
+  [[nodiscard]] FreeBlock*& freeList(PageFile file) {
+    return file == PageFile::memory ? memoryFreeList : indexFreeList;
+  }
+  /// Extents that wait for the next flush to become free.
+  [[nodiscard]] FreeExtentNode* releasedExtents(PageFile file) const {
+    return file == PageFile::memory ? releasedMemory_ : nullptr;
+  }
+  [[nodiscard]] std::uint64_t endOfFile(PageFile file) const {
+    return file == PageFile::memory ? memoryEndOfFile : indexEndOfFile;
+  }
+
+  // -- Checks and reports, in the name of either file ---------------------------------------------
+
+  /// Whether a page or record of this size can lie there.
+  [[nodiscard]] bool inside(PageFile file, std::uint64_t position, std::uint64_t size) const;
+  /// Reports wrong content.
+  Result corrupted(PageFile file) const;
+  /// Reports a failed call; code 0 is none.
+  Result failed(PageFile file, SystemCode code) const;
 
   // State, as the owners of the two files need it
   MetaData& metaData;
@@ -134,19 +166,8 @@ class AtomicManager {
   [[nodiscard]] UInt64AVLTree*& unchangedTree(PageFile file) {
     return unchanged_[file == PageFile::memory ? 1 : 0];
   }
-  [[nodiscard]] platform::File handle(PageFile file) const {
-    return file == PageFile::memory ? memoryFile : indexFile;
-  }
-  [[nodiscard]] std::uint64_t end(PageFile file) const {
-    return file == PageFile::memory ? memoryEndOfFile : indexEndOfFile;
-  }
-  Result corrupted(PageFile file) const { return reportDamagedPages(metaData, table, file); }
-  Result failed(PageFile file, SystemCode code) const {
-    return reportPages(metaData, table, file, code);
-  }
 
   Result viewFilePage(PageFile file, std::uint64_t position, const char** page);
-  [[nodiscard]] bool inside(PageFile file, std::uint64_t position, std::uint64_t size) const;
   Result readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
                       std::uint32_t* size);
   Result readRest(PageFile file, std::uint64_t position, std::uint32_t have, std::uint32_t size,

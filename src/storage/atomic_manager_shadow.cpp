@@ -159,7 +159,7 @@ Result AtomicManager::writeHeldIndexPages() {
   return {};
 }
 
-Result AtomicManager::changedIndexPage(Page& page, const char** bytes, ScratchBuffer& scratch) {
+Result AtomicManager::changedBytes(Page& page, const char** bytes, ScratchBuffer& scratch) {
   *bytes = page.bytes;
   if (page.bytes != nullptr) return {};
   char* copy = scratch.reserve(page.size);

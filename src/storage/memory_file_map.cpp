@@ -1,115 +1,10 @@
 #include "storage/memory_file_map.h"
 
+#include <cstring>
 #include "platform/file_io.h"
-#include "storage/memory_file_layout.h"
+#include "storage/memory_file_pages.h"
 
 namespace zelta {
-
-namespace memory_file {
-
-namespace {
-
-bool mapPageIsSound(const char* bytes) {
-  MapLeaf_tag head;
-  std::memcpy(&head, bytes, offsetof(MapLeaf_tag, previous));
-  if (head.size != kMapPageSize) return false;
-  if (head.kind == kMapLeafKind) return head.count != 0 && head.count <= kMapLeafEntries;
-  return head.kind == kMapInnerKind && head.count <= kMapInnerKeys;
-}
-
-}  // namespace
-
-Result holdMapPage(AtomicManager& manager, std::uint64_t position, Page** page) {
-  ZELTA_TRY(manager.holdMemoryPage(position, kMapPageSize, page));
-  return mapPageIsSound((*page)->bytes) ? Result{} : corrupted(manager);
-}
-
-Result viewMapPage(AtomicManager& manager, std::uint64_t position, const char** bytes) {
-  ZELTA_TRY(manager.viewMemoryPage(position, kMapPageSize, bytes));
-  return mapPageIsSound(*bytes) ? Result{} : corrupted(manager);
-}
-
-Result readBlockSize(AtomicManager& manager, const PendingObject& object, std::uint32_t* size) {
-  if (!plausible(manager, object.position, sizeof(*size))) return corrupted(manager);
-  const SystemCode result = readBuffer(manager.memoryFile, object.position, size, sizeof(*size));
-  if (result != 0) return failed(manager, result);
-  if (*size < kMinimumBlock || *size % kBlockGranule != 0 ||
-      *size < std::uint64_t{object.length} + sizeof(*size) ||
-      !plausible(manager, object.position, *size)) {
-    return corrupted(manager);
-  }
-  return {};
-}
-
-Result findPath(AtomicManager& manager, std::uint64_t objectID, bool holdAll, MapPath& path) {
-  path.depth = 0;
-  std::uint64_t position = manager.memoryRoot(0);
-  while (position != 0) {
-    if (path.depth == kMaxDepth) return corrupted(manager);
-    MapPath::Step& step = path.steps[path.depth++];
-    step = {position, nullptr, 0};
-    const char* bytes = nullptr;
-    ZELTA_TRY(viewMapPage(manager, position, &bytes));
-    const bool leaf = isLeaf(bytes);
-    if (leaf || holdAll) {
-      ZELTA_TRY(holdMapPage(manager, position, &step.page));
-      bytes = step.page->bytes;
-    }
-    if (leaf) {
-      step.slot = entryFor(leafOf(bytes), objectID);
-      return {};
-    }
-    const MapInner_tag& inner = innerOf(bytes);
-    step.slot = childFor(inner, objectID);
-    position = inner.children[step.slot];
-    if (position == 0) return corrupted(manager);
-  }
-  return {};
-}
-
-void dropChild(MapInner_tag& inner, std::uint32_t slot) {
-  closeGap(inner.keys, inner.count, slot == 0 ? 0 : slot - 1);
-  closeGap(inner.children, inner.count + 1u, slot);
-  --inner.count;
-}
-
-Result unlinkLeaf(AtomicManager& manager, const MapLeaf_tag& leaf) {
-  const std::uint64_t previous = leaf.previous;
-  const std::uint64_t next = leaf.next;
-  Page* page = nullptr;
-  if (previous != 0) {
-    ZELTA_TRY(holdMapPage(manager, previous, &page));
-    if (!isLeaf(*page)) return corrupted(manager);
-    manager.markChanged(page);
-    leafOf(*page).next = next;
-  }
-  if (next != 0) {
-    ZELTA_TRY(holdMapPage(manager, next, &page));
-    if (!isLeaf(*page)) return corrupted(manager);
-    manager.markChanged(page);
-    leafOf(*page).previous = previous;
-  }
-  return {};
-}
-
-Result freeMapPage(AtomicManager& manager, std::uint64_t position) {
-  return manager.freePage(PageFile::memory, position, kMapPageSize);
-}
-
-Result lowerRoot(AtomicManager& manager) {
-  for (std::uint32_t i = 0; manager.memoryRoot(0) != 0; ++i) {
-    if (i > kMaxDepth) return corrupted(manager);
-    Page* page = nullptr;
-    ZELTA_TRY(holdMapPage(manager, manager.memoryRoot(0), &page));
-    if (isLeaf(*page) || innerOf(*page).count != 0) return {};
-    const std::uint64_t child = innerOf(*page).children[0];
-    ZELTA_TRY(freeMapPage(manager, manager.memoryRoot(0)));
-    manager.memoryRoot(0) = child;
-  }
-  return {};
-}
-
-}  // namespace memory_file
 
 namespace {
 
@@ -203,9 +98,9 @@ Result PendingObjectWalk::next(PendingObject* out, bool* found) {
   return {};
 }
 
-Result memory_file::scanTransaction(AtomicManager& manager, std::uint32_t number,
-                                    UInt64AVLTree** ids, bool* sole) {
-  *sole = true;
+Result collectTransaction(AtomicManager& manager, std::uint32_t number, UInt64AVLTree** ids,
+                          bool* sole) {
+  if (sole != nullptr) *sole = true;
   PendingObjectWalk walk(manager);
   for (;;) {
     PendingObject object;
@@ -213,20 +108,12 @@ Result memory_file::scanTransaction(AtomicManager& manager, std::uint32_t number
     ZELTA_TRY(walk.next(&object, &found));
     if (!found) return {};
     if (object.transaction != number) {
-      *sole = false;
+      if (sole != nullptr) *sole = false;
       if (ids == nullptr) return {};
     } else if (ids != nullptr) {
       new UInt64AVLTree(*ids, object.objectID);
     }
   }
-}
-
-Result collectTransaction(AtomicManager& manager, std::uint32_t number, UInt64AVLTree*& ids,
-                          bool* sole) {
-  bool isSole = false;
-  ZELTA_TRY(memory_file::scanTransaction(manager, number, &ids, &isSole));
-  if (sole != nullptr) *sole = isSole;
-  return {};
 }
 
 }  // namespace zelta

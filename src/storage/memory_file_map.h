@@ -1,110 +1,104 @@
-// The object map on held pages: paths, lookups and the small changes of pages that storing and
-// removing have in common.
+// The object map of a memory file: a B+Tree from object ID to the pending version of an object.
+// Looking into it; the changes are in storage/memory_file_store.h and storage/memory_file_remove.h.
 
 #ifndef ZELTA_STORAGE_MEMORY_FILE_MAP_H
 #define ZELTA_STORAGE_MEMORY_FILE_MAP_H
 
-#include <algorithm>
-#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
 
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
+#include "frame/metadata.h"
+#include "storage/avl_tree.h"
 
-namespace zelta::memory_file {
+namespace zelta {
 
-/// No map is deeper: each level but the root has at least a dozen children when it is made, and
-/// thinning out never makes a map deeper.
-inline constexpr std::uint32_t kMaxDepth = 24;
+class AtomicManager;
 
-using Page = AtomicManager::Page;
+/// Pages of the object map.
+inline constexpr std::uint32_t kMapPageSize = 2040;
+inline constexpr std::uint16_t kMapLeafKind = 27753;
+inline constexpr std::uint16_t kMapInnerKind = 28265;
+inline constexpr std::uint32_t kMapLeafEntries = 84;
+inline constexpr std::uint32_t kMapInnerKeys = 126;
 
-[[nodiscard]] inline bool isLeaf(const Page& page) {
-  return reinterpret_cast<const MapLeaf_tag*>(page.bytes)->kind == kMapLeafKind;
-}
-[[nodiscard]] inline MapLeaf_tag& leafOf(Page& page) {
-  return *reinterpret_cast<MapLeaf_tag*>(page.bytes);
-}
-[[nodiscard]] inline MapInner_tag& innerOf(Page& page) {
-  return *reinterpret_cast<MapInner_tag*>(page.bytes);
-}
-
-/// Number of the first entry with an ID not below `objectID`.
-[[nodiscard]] inline std::uint32_t entryFor(const MapLeaf_tag& leaf, std::uint64_t objectID) {
-  return static_cast<std::uint32_t>(
-      std::lower_bound(leaf.objectIDs, leaf.objectIDs + leaf.count, objectID) - leaf.objectIDs);
-}
-/// Number of the child that holds an ID: one equal to key i belongs to child i + 1.
-[[nodiscard]] inline std::uint32_t childFor(const MapInner_tag& inner, std::uint64_t objectID) {
-  return static_cast<std::uint32_t>(
-      std::upper_bound(inner.keys, inner.keys + inner.count, objectID) - inner.keys);
-}
-
-/// Opens a gap of one element, or closes it.
-template <class T>
-void openGap(T* array, std::uint32_t count, std::uint32_t at) {
-  std::memmove(array + at + 1, array + at, (count - at) * sizeof(T));
-}
-template <class T>
-void closeGap(T* array, std::uint32_t count, std::uint32_t at) {
-  std::memmove(array + at, array + at + 1, (count - at - 1) * sizeof(T));
-}
-/// Copies elements between the arrays of two pages.
-template <class T>
-void copyItems(T* to, const T* from, std::uint32_t count) {
-  std::memcpy(to, from, count * sizeof(T));
-}
-
-/// A page of the map, held and checked; own error 58 if it is none.
-Result holdMapPage(AtomicManager& manager, std::uint64_t position, Page** page);
-/// Its bytes, checked, to look at until the manager is used again.
-Result viewMapPage(AtomicManager& manager, std::uint64_t position, const char** bytes);
-
-[[nodiscard]] inline bool isLeaf(const char* bytes) {
-  return reinterpret_cast<const MapLeaf_tag*>(bytes)->kind == kMapLeafKind;
-}
-[[nodiscard]] inline const MapLeaf_tag& leafOf(const char* bytes) {
-  return *reinterpret_cast<const MapLeaf_tag*>(bytes);
-}
-[[nodiscard]] inline const MapInner_tag& innerOf(const char* bytes) {
-  return *reinterpret_cast<const MapInner_tag*>(bytes);
-}
-/// A record's block size, read and checked.
-Result readBlockSize(AtomicManager& manager, const PendingObject& object, std::uint32_t* size);
-
-[[nodiscard]] inline PendingObject entryOf(const MapLeaf_tag& leaf, std::uint32_t i) {
-  return {leaf.objectIDs[i], leaf.positions[i], leaf.lengths[i], leaf.transactions[i]};
-}
-
-/// The way from the root to a leaf.
-struct MapPath {
-  struct Step {
-    std::uint64_t position;
-    Page* page;          ///< null where it is not held
-    std::uint32_t slot;  ///< child taken; in the leaf the entry
-  };
-  std::array<Step, kMaxDepth> steps;  ///< the first `depth` are filled
-  std::uint32_t depth = 0;            ///< 0: the map is empty
-
-  [[nodiscard]] Step& leaf() { return steps[depth - 1]; }
+struct MapLeaf_tag {
+  std::uint32_t size;                           ///< kMapPageSize
+  std::uint16_t kind;                           ///< kMapLeafKind
+  std::uint16_t count;                          ///< entries in use
+  std::uint64_t previous;                       ///< position of the leaf before, 0 at the start
+  std::uint64_t next;                           ///< position of the leaf behind, 0 at the end
+  std::uint64_t objectIDs[kMapLeafEntries];     ///< ascending
+  std::uint32_t transactions[kMapLeafEntries];  ///< who wrote the entry
+  std::uint32_t lengths[kMapLeafEntries];       ///< bytes of the object
+  std::uint64_t positions[kMapLeafEntries];     ///< of the object's record in this file
 };
-/// Descends to where an ID stands or would stand. The leaf is held, and with `holdAll` the inner
-/// pages are too.
-Result findPath(AtomicManager& manager, std::uint64_t objectID, bool holdAll, MapPath& path);
+static_assert(sizeof(MapLeaf_tag) == kMapPageSize);
+static_assert(offsetof(MapLeaf_tag, objectIDs) == 24);
+static_assert(offsetof(MapLeaf_tag, transactions) == 696);
+static_assert(offsetof(MapLeaf_tag, lengths) == 1032);
+static_assert(offsetof(MapLeaf_tag, positions) == 1368);
 
-/// Drops child `slot` of an inner page, and the key beside it. The page must have another child.
-void dropChild(MapInner_tag& inner, std::uint32_t slot);
-/// Takes a leaf out of the chain of leaves.
-Result unlinkLeaf(AtomicManager& manager, const MapLeaf_tag& leaf);
-Result freeMapPage(AtomicManager& manager, std::uint64_t position);
-/// Collects a transaction's IDs, and tells whether nobody else has an entry. With `ids` null only
-/// that is asked.
-Result scanTransaction(AtomicManager& manager, std::uint32_t number, UInt64AVLTree** ids,
-                       bool* sole);
-/// While the root is an inner page with a single child, that child becomes the root.
-Result lowerRoot(AtomicManager& manager);
+struct MapInner_tag {
+  std::uint32_t size;                         ///< kMapPageSize
+  std::uint16_t kind;                         ///< kMapInnerKind
+  std::uint16_t count;                        ///< keys in use
+  std::uint32_t reserved[2];                  ///< unused
+  std::uint64_t keys[kMapInnerKeys];          ///< ascending
+  std::uint64_t children[kMapInnerKeys + 1];  ///< child i holds the IDs below key i
+};
+static_assert(sizeof(MapInner_tag) == kMapPageSize);
+static_assert(offsetof(MapInner_tag, keys) == 16);
+static_assert(offsetof(MapInner_tag, children) == 1024);
 
-}  // namespace zelta::memory_file
+/// An entry of the object map. The record at `position` is a 32-bit word with its block's size,
+/// then the object's `length` bytes.
+struct PendingObject {
+  std::uint64_t objectID = 0;
+  std::uint64_t position = 0;
+  std::uint32_t length = 0;
+  std::uint32_t transaction = 0;
+};
+
+/// Bytes of an object's image in the log, as they are counted in Table::pendingBytes.
+[[nodiscard]] constexpr std::uint64_t pendingImageBytes(std::uint32_t length) {
+  return (std::uint64_t{length} + 7) & ~std::uint64_t{3};
+}
+
+/// Looks an ID up in the map.
+Result findPendingObject(AtomicManager& manager, std::uint64_t objectID, PendingObject* out,
+                         bool* found);
+
+/// The greatest ID in the map; 0 for an empty one.
+Result lastPendingID(AtomicManager& manager, std::uint64_t* objectID);
+
+/// Collects the IDs of a transaction's entries, so that its keys can be taken out before it is
+/// removed. `*sole` (may be null): no other transaction has an entry. With `ids` null only that is
+/// asked, and the walk ends once it is known.
+Result collectTransaction(AtomicManager& manager, std::uint32_t number, UInt64AVLTree** ids,
+                          bool* sole);
+
+/// A walk over the entries of the map in ascending order of ID. It holds a copy of one leaf, so
+/// that the manager may be used meanwhile, as long as the map is not changed.
+class PendingObjectWalk {
+ public:
+  explicit PendingObjectWalk(AtomicManager& manager) : manager_(manager) {}
+  PendingObjectWalk(const PendingObjectWalk&) = delete;
+  PendingObjectWalk& operator=(const PendingObjectWalk&) = delete;
+
+  /// The next entry; `*found` false at the end.
+  Result next(PendingObject* out, bool* found);
+
+ private:
+  Result firstLeaf();
+  Result takeLeaf(std::uint64_t position);
+
+  AtomicManager& manager_;
+  MapLeaf_tag leaf_{};
+  std::uint32_t index_ = 0;
+  std::uint64_t lastID_ = 0;
+  bool started_ = false;
+};
+
+}  // namespace zelta
 
 #endif  // ZELTA_STORAGE_MEMORY_FILE_MAP_H

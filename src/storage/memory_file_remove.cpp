@@ -1,11 +1,9 @@
-// Taking one object out of the map, and taking out all that a transaction has there.
+#include "storage/memory_file_remove.h"
 
 #include <cstring>
-#include <limits>
-#include <memory>
+#include <utility>
 
-#include "storage/memory_file_layout.h"
-#include "storage/memory_file_map.h"
+#include "storage/memory_file_pages.h"
 
 namespace zelta {
 
@@ -379,15 +377,15 @@ Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, T
   bool sole = false;
   // Without anybody else's entries nothing remains of the file but its header.
   if (!pendingKeysLeft(manager)) {
-    ZELTA_TRY(memory_file::scanTransaction(
-        manager, number, removedIDs != nullptr ? &removed.root() : nullptr, &sole));
+    ZELTA_TRY(collectTransaction(manager, number, removedIDs != nullptr ? &removed.root() : nullptr,
+                                 &sole));
   }
   if (sole) {
     manager.dropMemoryChanges();
     manager.dropUnchanged();
     manager.memoryRoot(0) = 0;
     manager.memoryFreeHead = 0;
-    manager.memoryEndOfFile = memoryHeaderSize(manager.indexCount);
+    manager.memoryEndOfFile = kMemoryForm.headerSize(manager.indexCount);
   } else {
     destroyAll(removed.root());
     manager.deferMemoryReleases();

@@ -1,9 +1,9 @@
-// Entering an object into the map.
+#include "storage/memory_file_store.h"
 
 #include <cstring>
 
-#include "storage/memory_file_layout.h"
-#include "storage/memory_file_map.h"
+#include "storage/memory_file_pages.h"
+#include "storage/paged_flush.h"
 
 namespace zelta {
 
@@ -72,8 +72,7 @@ Result Store::enter() {
 Result Store::takeBlock() {
   const std::uint64_t request = recordRequest(entry_.length);
   if (request > 0xFFFFFFE0) {
-    return reportSystemError(&manager_.metaData, code::kNoMemory, manager_.table.cName(),
-                             extension::kMemory);
+    return manager_.failed(PageFile::memory, code::kNoMemory);
   }
   return manager_.takeSpace(PageFile::memory, static_cast<std::uint32_t>(request), &entry_.position,
                             &blockSize_);
@@ -230,8 +229,8 @@ Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& 
   const std::uint32_t blockSize = store.blockSize();
   char* bytes = objectBytes - sizeof(blockSize);
   std::memcpy(bytes, &blockSize, sizeof(blockSize));
-  const MemoryRecord record{bytes, std::uint64_t{length} + sizeof(blockSize),
-                            store.entry().position};
+  const PagedRecord record{bytes, std::uint64_t{length} + sizeof(blockSize),
+                           store.entry().position};
   ZELTA_TRY(flushMemoryPages(manager, header, &record, false));
   table.pendingBytes += pendingImageBytes(length) - store.oldImageBytes();
   return {};

@@ -6,6 +6,8 @@
 #include "objects/lock_position.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
+#include "storage/memory_file_remove.h"
 #include "storage/table_file.h"
 #include "transaction/commit.h"
 #include "transaction/traces.h"
@@ -32,7 +34,7 @@ Result dropUncertainKeys(MetaData& metaData, Table& table, AtomicManager& manage
     ~IdSet() { destroyAll(ids); }
     UInt64AVLTree* ids = nullptr;
   } found;
-  ZELTA_TRY(collectTransaction(manager, metaData.transactionWord, found.ids, nullptr));
+  ZELTA_TRY(collectTransaction(manager, metaData.transactionWord, &found.ids, nullptr));
   return dropPendingKeys(metaData, table, manager, header, found.ids, nullptr);
 }
 

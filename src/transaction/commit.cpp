@@ -17,6 +17,7 @@
 #include "platform/file_io.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
 #include "storage/table_file.h"
 #include "storage/table_recovery.h"
 #include "transaction/entry_writer.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "storage/free_space.h"
-#include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
 #include "storage/table.h"
 #include "storage/table_file.h"
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
 #include "transaction/image_reader.h"
 #include "transaction/log_file.h"
 

@@ -13,6 +13,9 @@
 #include "schema/table_lifecycle.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
+#include "storage/memory_file_remove.h"
+#include "transaction/log_file.h"
 #include "transaction/log_search.h"
 #include "transaction/replay.h"
 #include "transaction/slots.h"
@@ -82,7 +85,7 @@ Result dropTraces(MetaData& metaData, Table& table, std::uint32_t number) {
   MemoryFileHeader_tag header;
   ZELTA_TRY(attachMemoryFile(table, header, manager));
   UInt64AVLTree* objects = nullptr;
-  Result result = collectTransaction(manager, number, objects, nullptr);
+  Result result = collectTransaction(manager, number, &objects, nullptr);
   if (result.ok() && objects != nullptr) {
     result = dropPendingKeys(metaData, table, manager, header, objects, nullptr);
     if (result.ok()) result = removeTransaction(manager, header, table, number, nullptr);

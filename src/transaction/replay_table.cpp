@@ -7,12 +7,14 @@
 #include <cstring>
 #include <set>
 
+#include "index/index_commit.h"
 #include "index/index_file.h"
 #include "index/kinds.h"
 #include "objects/read_bytes.h"
 #include "objects/version_keys.h"
 #include "platform/file_io.h"
 #include "storage/atomic_manager.h"
+#include "storage/memory_file.h"
 #include "storage/table_recovery.h"
 #include "transaction/edit_plan.h"
 #include "transaction/later_entries.h"
@@ -196,7 +198,7 @@ Result TableReplay::applyKeys() {
     ZELTA_TRY(readNew(image, &after));
     ZELTA_TRY(exchange(image.objectID, {}, after));
   }
-  return flushIndexFile(metaData_, table_, indexHeader_, manager_);
+  return flushIndexFile(manager_, indexHeader_);
 }
 
 // -- The whole ------------------------------------------------------------------------------------
@@ -204,8 +206,7 @@ Result TableReplay::applyKeys() {
 /// An index file that is missing cannot be built while contents are missing in the table; whoever
 /// opens it next builds it.
 Result TableReplay::openIndex(bool* there) {
-  const Result opened =
-      openIndexFile(metaData_, table_, &header_, indexHeader_, manager_, true, true);
+  const Result opened = openIndexFile(manager_, indexHeader_, &header_, true, true);
   *there = opened.ok();
   if (opened.failed()) return opened.isLocked() ? Result{} : opened;
   ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader_, manager_, true));

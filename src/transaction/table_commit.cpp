@@ -15,9 +15,12 @@
 #include "transaction/table_commit.h"
 
 #include "frame/exhausted_memory.h"
+#include "index/index_commit.h"
 #include "index/index_file.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_map.h"
+#include "storage/memory_file_remove.h"
 #include "transaction/edit_plan.h"
 #include "transaction/image_reader.h"
 #include "transaction/plan_execution.h"
@@ -44,12 +47,11 @@ Result commitFiles(MetaData& metaData, Table& table) {
   TableHeader_tag header;
   ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, header, true));
   IndexFileHeader_tag indexHeader;
-  ZELTA_TRY(openIndexFile(metaData, table, &header, indexHeader, manager, true, true));
+  ZELTA_TRY(openIndexFile(manager, indexHeader, &header, true, true));
   MemoryFileHeader_tag memoryHeader;
   ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, manager, true));
   manager.attach(table.indexFile, &indexHeader, table.memoryFile, &memoryHeader);
-  ZELTA_TRY(commitIndexes(metaData, table, header, indexHeader, manager, table.addedObjects,
-                          table.editedObjects, true));
+  ZELTA_TRY(commitIndexes(manager, indexHeader, table.addedObjects, table.editedObjects, true));
   PendingImages images;
   ZELTA_TRY(collectImages(metaData, table, manager, images));
   EditPlan plan(metaData, table, header, {table.deletedObjects, table.editedObjects});

@@ -4,9 +4,13 @@
 #include <random>
 
 #include "index/bplus_tree.h"
+#include "index/index_commit.h"
 #include "index/keys.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
+#include "storage/memory_file.h"
+#include "storage/memory_file_remove.h"
+#include "storage/memory_file_store.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {
@@ -63,8 +67,7 @@ class IndexSession {
  public:
   explicit IndexSession(IndexedTable& owner, bool exclusive = true, bool mustExist = true)
       : owner_(owner), manager(owner.metaData, *owner.table) {
-    result = openIndexFile(owner.metaData, *owner.table, &owner.header, header, manager, exclusive,
-                           mustExist);
+    result = openIndexFile(manager, header, &owner.header, exclusive, mustExist);
     if (result.ok() && exclusive) {
       result = readMemoryFileHeader(*owner.table, memoryHeader, manager, true);
     }
@@ -88,8 +91,7 @@ class IndexSession {
                        objectID);
   }
   Result commit(UInt64AVLTree* objects) {
-    ZELTA_TRY(commitIndexes(owner_.metaData, *owner_.table, owner_.header, header, manager, objects,
-                            nullptr, true));
+    ZELTA_TRY(commitIndexes(manager, header, objects, nullptr, true));
     return removeTransaction(manager, memoryHeader, *owner_.table, owner_.metaData.transactionWord,
                              nullptr);
   }
@@ -318,8 +320,7 @@ TEST(IndexFile, A_build_that_died_anywhere_is_done_again) {
         StopAfter stop(calls, cut);
         AtomicManager manager(owner.metaData, *owner.table);
         IndexFileHeader_tag header{};
-        openIndexFile(owner.metaData, *owner.table, &owner.header, header, manager, true, true)
-            .ignore();
+        openIndexFile(manager, header, &owner.header, true, true).ignore();
         stopped = stop.stopped;
       }
       owner.anew();
@@ -423,11 +424,9 @@ TEST(IndexCommit, Without_flush_nothing_reaches_the_index_file) {
   ids.add(1);
   const std::string before = owner.folder.bytes("T.zli");
   IndexSession session(owner);
-  ASSERT_TRUE(commitIndexes(owner.metaData, *owner.table, owner.header, session.header,
-                            session.manager, ids.root, nullptr, false)
-                  .ok());
+  ASSERT_TRUE(commitIndexes(session.manager, session.header, ids.root, nullptr, false).ok());
   EXPECT_EQ(owner.folder.bytes("T.zli"), before);
-  ASSERT_TRUE(flushIndexFile(owner.metaData, *owner.table, session.header, session.manager).ok());
+  ASSERT_TRUE(flushIndexFile(session.manager, session.header).ok());
   EXPECT_EQ(IndexSession(owner).keys(0), (Keys{{5, 1}}));
 }
 
@@ -436,9 +435,7 @@ TEST(IndexCommit, A_commit_with_nothing_to_change_writes_nothing) {
   commitTens(owner, 5);
   IndexSession session(owner);
   const std::uint64_t before = platform::faults::systemCalls();
-  ASSERT_TRUE(commitIndexes(owner.metaData, *owner.table, owner.header, session.header,
-                            session.manager, nullptr, nullptr, true)
-                  .ok());
+  ASSERT_TRUE(commitIndexes(session.manager, session.header, nullptr, nullptr, true).ok());
   EXPECT_EQ(platform::faults::systemCalls(), before);
 }
 
@@ -521,8 +518,7 @@ class CommitScene {
     for (std::uint32_t id = 100; id < 300; ++id) {
       remember(*owner.table, cursor.removedKeys, id * 10, id, 0);
     }
-    return commitIndexes(owner.metaData, *owner.table, owner.header, session.header,
-                         session.manager, added.root, nullptr, true);
+    return commitIndexes(session.manager, session.header, added.root, nullptr, true);
   }
   IndexedTable owner{1};
   IdTree added;

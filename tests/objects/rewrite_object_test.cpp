@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "storage/memory_file_map.h"
 #include "support/object_handle.h"
 
 namespace zelta::testing {

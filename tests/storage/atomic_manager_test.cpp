@@ -1,4 +1,5 @@
 #include "platform/file_io.h"
+#include "storage/memory_file.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {
@@ -25,7 +26,7 @@ class Pages : public ::testing::Test {
     std::string bytes(1024, '\0');
     for (char filling = 'a'; filling < 'a' + 10; ++filling) bytes += page(kPage, filling);
     owner.folder.write("T.zli", bytes);
-    indexHeader.fileEnd = bytes.size();
+    indexHeader.endOfFile = bytes.size();
     indexHeader.pageSize = kPage;
     EXPECT_EQ(platform::openFile(owner.folder.file("T.zli").c_str(),
                                  platform::Disposition::openExisting, &owner.table->indexFile),
@@ -124,7 +125,7 @@ TEST_F(Pages, Positions_outside_the_file_are_reported) {
     EXPECT_TRUE(manager.freePage(PageFile::index, position, kPage).failed());
   }
   // An end that the header only claims to have does not make memory be taken.
-  indexHeader.fileEnd = std::uint64_t{1} << 60;
+  indexHeader.endOfFile = std::uint64_t{1} << 60;
   const std::uint32_t size = 0xFFFFFFF0;
   std::string bytes = owner.folder.bytes("T.zli");
   std::memcpy(bytes.data() + at(2), &size, sizeof(size));

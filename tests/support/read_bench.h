@@ -20,6 +20,7 @@
 #include "index/index_file.h"
 #include "objects/read_object.h"
 #include "storage/memory_file.h"
+#include "storage/memory_file_store.h"
 #include "storage/table.h"
 #include "storage/table_file.h"
 #include "support/storage_fixture.h"
@@ -130,7 +131,7 @@ class ReadHandle {
     ASSERT_TRUE(mutex.acquire(metaData, *table, 1000).ok());
     ASSERT_TRUE(readTableHeader(metaData, u"T", table->tableFile, header, true).ok());
     ASSERT_TRUE(readMemoryFileHeader(*table, memory, manager, true).ok());
-    ASSERT_TRUE(openIndexFile(metaData, *table, &header, index, manager, true, true).ok());
+    ASSERT_TRUE(openIndexFile(manager, index, &header, true, true).ok());
     manager.attach(table->indexFile, &index, table->memoryFile, &memory);
     if (added) {
       ASSERT_TRUE(bplusInsert(metaData, *table, {PageFile::memory, memory.pageSize}, manager, 0,

@@ -15,8 +15,7 @@
 #include <vector>
 
 #include "index/bplus_tree.h"
-#include "index/index_file.h"
-#include "storage/memory_file.h"
+#include "storage/paged_file.h"
 #include "support/storage_fixture.h"
 
 namespace zelta::testing {
@@ -54,9 +53,9 @@ class TreeBench {
     open("T.zli", &table.indexFile);
     open("T.zlm", &table.memoryFile);
     indexHeader.pageSize = form.pageSize;
-    indexHeader.fileEnd = 1024;
+    indexHeader.endOfFile = 1024;
     memoryHeader.pageSize = form.pageSize;
-    memoryHeader.endOfFile = memoryHeaderSize(indexes);
+    memoryHeader.endOfFile = kMemoryForm.headerSize(indexes);
     manager = std::make_unique<AtomicManager>(metaData, table);
     attach();
   }

@@ -1,8 +1,7 @@
 // Ends and sizes that a damaged file tells: nothing is written behind them, so that no file grows.
 
 #include "storage/free_space.h"
-#include "storage/index_header.h"
-#include "storage/memory_file.h"
+#include "storage/paged_file.h"
 #include "storage/table_file.h"
 #include "support/edit_session.h"
 #include "transaction/log_fixture.h"
@@ -159,9 +158,7 @@ TEST(FalseFreeBlock, OfATableLeavesTheObjectsBehindIt) {
 
 /// A journal that stands in a file, with no entry but one of a free block that lies far behind all
 /// there is, and a sum that is right. `header` tells of it already.
-template <class Header>
-std::string withFarBlock(std::string bytes, Header& header, std::uint32_t roots,
-                         std::uint64_t Header::*sumField) {
+std::string withFarBlock(std::string bytes, PagedFileHeader& header, std::uint32_t roots) {
   const std::size_t live = bytes.size();
   FreeBlockChunk::Entry entry{};
   entry.position = kFar;
@@ -174,7 +171,7 @@ std::string withFarBlock(std::string bytes, Header& header, std::uint32_t roots,
   xorChecksum64(sum, reinterpret_cast<const char*>(&header) + kSummed, sizeof header - kSummed);
   xorChecksum64(sum, bytes.data() + sizeof header, 8 * roots);
   xorChecksum64(sum, bytes.data() + live, sizeof entry);
-  header.*sumField = sum;
+  header.journalChecksum = sum;
   std::memcpy(bytes.data(), &header, sizeof header);
   return bytes;
 }
@@ -193,13 +190,13 @@ TEST(FalseJournal, OfAnIndexFileIsRolledBack) {
   const std::string before = folder.bytes("T.zli");
   IndexFileHeader_tag header;
   std::memcpy(&header, before.data(), sizeof header);
-  ASSERT_EQ(header.fileEnd, before.size());
-  header.rollbackEnd = header.fileEnd;
-  header.newFileEnd = header.fileEnd;
-  header.journalEnd = header.fileEnd + sizeof(FreeBlockChunk::Entry);
-  header.newFreeListHead = kFar;
-  header.journalFreeRecords = 1;
-  folder.write("T.zli", withFarBlock(before, header, 1, &IndexFileHeader_tag::journalSum));
+  ASSERT_EQ(header.endOfFile, before.size());
+  header.journalBase = header.endOfFile;
+  header.newEndOfFile = header.endOfFile;
+  header.journalEnd = header.endOfFile + sizeof(FreeBlockChunk::Entry);
+  header.newFreeHead = kFar;
+  header.freeEntryCount = 1;
+  folder.write("T.zli", withFarBlock(before, header, 1));
   EditSession session(folder, form);
   ASSERT_TRUE(session.enter().ok()) << session.error();
   std::string damage;
@@ -229,8 +226,7 @@ TEST(FalseJournal, OfAMemoryFileIsDropped) {
   header.journalEnd = header.endOfFile + sizeof(FreeBlockChunk::Entry);
   header.newFreeHead = kFar;
   header.freeEntryCount = 1;
-  const std::string spoilt =
-      withFarBlock(before, header, 2, &MemoryFileHeader_tag::journalChecksum);
+  const std::string spoilt = withFarBlock(before, header, 2);
   patch(folder, "T.zlm", 0, spoilt.data(), static_cast<std::int64_t>(spoilt.size()));
   ASSERT_TRUE(session.carryOut({add(101, 101)}).ok()) << session.error();
   EXPECT_LT(sizeOf(folder, "T.zlm"), kFar);

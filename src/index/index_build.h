@@ -1,0 +1,53 @@
+// Building an index file from the objects of its table. The header comes first, with a journal that
+// has no end: whoever finds that gives the file up and builds again.
+
+#ifndef ZELTA_INDEX_INDEX_BUILD_H
+#define ZELTA_INDEX_INDEX_BUILD_H
+
+#include <cstdint>
+
+#include "frame/metadata.h"
+#include "storage/paged_file.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+class AtomicManager;
+
+/// Builds the file of the manager's table, which is open and empty, and gives its roots to the
+/// manager. `tableHeader` may be null, it is read then.
+Result buildIndexFile(AtomicManager& manager, const TableHeader_tag* tableHeader,
+                      IndexFileHeader_tag& header);
+
+/// Empties the file and closes it.
+void abandonIndexFile(Table& table);
+
+/// Makes an index file out of objects that come one by one, in ascending order of ID. Without
+/// finish() the file is left empty and is closed.
+class IndexBuild {
+ public:
+  /// `manager` is for this alone: it is attached to the file.
+  IndexBuild(AtomicManager& manager, IndexFileHeader_tag& header);
+  ~IndexBuild();
+  IndexBuild(const IndexBuild&) = delete;
+  IndexBuild& operator=(const IndexBuild&) = delete;
+
+  /// Writes the header into the empty file that the table has open.
+  Result start();
+  /// Enters an object in all indexes.
+  Result add(const char* object, std::uint32_t objectSize, std::uint64_t objectID);
+  /// Completes the file.
+  Result finish();
+
+ private:
+  MetaData& metaData_;
+  Table& table_;
+  AtomicManager& manager_;
+  IndexFileHeader_tag& header_;
+  std::uint64_t firstPage_ = 0;
+  bool finished_ = false;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_INDEX_INDEX_BUILD_H

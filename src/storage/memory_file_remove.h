@@ -1,0 +1,25 @@
+// Taking one object out of the map of a memory file, and taking out all that a transaction has
+// there.
+
+#ifndef ZELTA_STORAGE_MEMORY_FILE_REMOVE_H
+#define ZELTA_STORAGE_MEMORY_FILE_REMOVE_H
+
+#include <cstdint>
+
+#include "storage/avl_tree.h"
+#include "storage/memory_file.h"
+
+namespace zelta {
+
+/// Takes an object out of the map and flushes. Keeps Table::pendingBytes. Own error 31: not there.
+Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
+                    std::uint64_t objectID);
+
+/// Takes all entries of a transaction out of the map and flushes, the pending key pages that were
+/// changed before included. `*removedIDs` (may be null) receives their IDs. The file is cut back.
+Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
+                         std::uint32_t number, UInt64AVLTree** removedIDs);
+
+}  // namespace zelta
+
+#endif  // ZELTA_STORAGE_MEMORY_FILE_REMOVE_H
