@@ -114,7 +114,7 @@ CurrentKeysChange::~CurrentKeysChange() {
 void CurrentKeysChange::takeOut() {
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
     const IndexCursor& cursor = table_.indexStates[i];
-    if (!table_.listKind(i)) places_.add({cursor.currentKey, cursor.currentKeys, i});
+    if (!table_.listKind(i)) places_.push_back({cursor.currentKey, cursor.currentKeys, i});
   }
   made_ = true;
   for (const Place& place : places_) {

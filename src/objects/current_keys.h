@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "objects/short_list.h"
+#include "objects/small_vector.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -54,7 +54,7 @@ class CurrentKeysChange {
   void putBack() noexcept;
 
   Table& table_;
-  ShortList<Place> places_;
+  SmallVector<Place> places_;
   std::uint32_t sourceLength_ = 0;
   std::uint64_t sourceID_ = 0;
   bool made_ = false;

@@ -18,12 +18,12 @@ void KeyChanges::releaseNode(const Change& change) noexcept {
 }
 
 void KeyChanges::add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node) {
-  Change& change = changes_.add({nullptr, node, entry.index, step});
+  Change& change = changes_.push_back({nullptr, node, entry.index, step});
   change.key = entry.release();  // not before there is a place for it
 }
 
 void KeyChanges::noteRemoved(VersionKeys::Entry& entry) {
-  Change& change = changes_.add({nullptr, nullptr, entry.index, Step::noteRemoved});
+  Change& change = changes_.push_back({nullptr, nullptr, entry.index, Step::noteRemoved});
   change.node = table_.nodePool.take();
   change.node->key = entry.release();
   change.node->objectID = objectID_;

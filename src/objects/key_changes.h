@@ -78,7 +78,7 @@ class KeyChanges {
   MetaData& metaData_;
   Table& table_;
   std::uint64_t objectID_ = 0;
-  ShortList<Change> changes_;
+  SmallVector<Change> changes_;
   bool heldByOthers_ = false;
 };
 

@@ -112,7 +112,7 @@ Result locateObject(const ReadRequest& request, const TableHeader_tag& header, R
   } else {
     ZELTA_TRY(walkResults(request, header, out));
   }
-  if (!request.writer || out.foreignKey) return {};
+  if (!request.writer || out.pendingElsewhere) return {};
   return findPendingVersion(request, files->manager, out);
 }
 

@@ -89,12 +89,12 @@ struct Located {
   std::uint64_t tablePosition = 0;   ///< record of the committed version; 0: only pending
   std::uint64_t memoryPosition = 0;  ///< record of this transaction's pending version; 0: none
   std::uint32_t memoryLength = 0;
-  std::uint32_t blocker = 0;     ///< another transaction that has left its mark on the object
-  bool blockerHasEntry = false;  ///< the mark is an entry in the memory file
-  bool locked = false;           ///< another handle has the object locked
-  bool foreignKey = false;       ///< the nearest key is pending in another transaction
-  PooledKey key;                 ///< that led here
-  NewLock newLock;               ///< on the object, unless this transaction had it before
+  std::uint32_t blocker = 0;      ///< another transaction that has left its mark on the object
+  bool blockerHasEntry = false;   ///< the mark is an entry in the memory file
+  bool locked = false;            ///< another handle has the object locked
+  bool pendingElsewhere = false;  ///< the nearest key is pending in another transaction
+  PooledKey key;                  ///< that led here
+  NewLock newLock;                ///< on the object, unless this transaction had it before
 };
 
 /// The files of a table as a read needs them, opened and attached when they are.

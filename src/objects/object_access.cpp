@@ -145,7 +145,7 @@ Result ObjectAccess::pass(Outcome* outcome) {
     return askForDead(0, Outcome::again, found, outcome);
   }
   ZELTA_TRY(result);
-  if (found.foreignKey) {
+  if (found.pendingElsewhere) {
     return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
                        static_cast<std::int64_t>(found.objectID));
   }
@@ -165,7 +165,7 @@ Result ObjectAccess::pass(Outcome* outcome) {
 bool ObjectAccess::mayBeTrace(Result result, const Located& found) const {
   if (!request_.writer || settled_) return false;
   const bool broken = result.is(Own::indexInconsistent) || result.is(Own::tableFile);
-  const std::uint32_t asks = broken ? 2 : found.foreignKey ? 1 : 0;
+  const std::uint32_t asks = broken ? 2 : found.pendingElsewhere ? 1 : 0;
   return idleAsks_ < asks;
 }
 

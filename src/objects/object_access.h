@@ -10,7 +10,7 @@
 #include "czelta.h"
 #include "objects/current_keys.h"
 #include "objects/locate.h"
-#include "objects/read_wait.h"
+#include "objects/lock_wait.h"
 
 namespace zelta {
 

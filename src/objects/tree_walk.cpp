@@ -97,7 +97,7 @@ Result TreeWalk::run() {
   if (pendingIsNearer()) {
     out_.objectID = pending_.objectID();
     out_.key.copy(table_.keyPool(index_), shape_, pending_.key());
-    out_.foreignKey = !own(out_.objectID);
+    out_.pendingElsewhere = !own(out_.objectID);
     return {};
   }
   if (!committed_.valid()) return request_.notFound();
@@ -116,7 +116,7 @@ Result TreeWalk::run() {
 Result walkTree(const ReadRequest& request, const TableHeader_tag& header, ReadFiles& files,
                 Located& out) {
   ZELTA_TRY(TreeWalk(request, files, out).run());
-  if (out.foreignKey || find(request.table.addedObjects, out.objectID) != nullptr) return {};
+  if (out.pendingElsewhere || find(request.table.addedObjects, out.objectID) != nullptr) return {};
   SlotState state = SlotState::free;
   if (out.objectID != 0 && out.objectID <= header.highestID) {
     ZELTA_TRY(inspectSlot(request, header, out, &state));

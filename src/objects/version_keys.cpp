@@ -38,7 +38,7 @@ Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
     }
     PooledKey owned;
     owned.take(table_.keyPool(index), table_.keyShape(index), key);
-    entries_.add({key, index});
+    entries_.push_back({key, index});
     static_cast<void>(owned.release());
   }
   if (entries_.size() - start < 2) return {};

@@ -8,7 +8,7 @@
 
 #include "index/bplus_tree.h"
 #include "objects/current_keys.h"
-#include "objects/short_list.h"
+#include "objects/small_vector.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -43,7 +43,7 @@ class VersionKeys {
 
   MetaData& metaData_;
   Table& table_;
-  ShortList<Entry> entries_;
+  SmallVector<Entry> entries_;
 };
 
 /// The order of entries in VersionKeys: -1, 0 or 1.

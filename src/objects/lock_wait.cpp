@@ -1,4 +1,4 @@
-#include "objects/read_wait.h"
+#include "objects/lock_wait.h"
 
 #include "platform/clock.h"
 #include "platform/deadline.h"

@@ -1,7 +1,7 @@
 // How long a read tries to gain a lock.
 
-#ifndef ZELTA_OBJECTS_READ_WAIT_H
-#define ZELTA_OBJECTS_READ_WAIT_H
+#ifndef ZELTA_OBJECTS_LOCK_WAIT_H
+#define ZELTA_OBJECTS_LOCK_WAIT_H
 
 #include <cstdint>
 
@@ -35,4 +35,4 @@ class LockWait {
 
 }  // namespace zelta
 
-#endif  // ZELTA_OBJECTS_READ_WAIT_H
+#endif  // ZELTA_OBJECTS_LOCK_WAIT_H

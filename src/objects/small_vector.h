@@ -1,7 +1,7 @@
-// A list that does without the heap while it is short.
+// A vector that does without the heap while it is small.
 
-#ifndef ZELTA_OBJECTS_SHORT_LIST_H
-#define ZELTA_OBJECTS_SHORT_LIST_H
+#ifndef ZELTA_OBJECTS_SMALL_VECTOR_H
+#define ZELTA_OBJECTS_SMALL_VECTOR_H
 
 #include <array>
 #include <cstddef>
@@ -11,12 +11,12 @@
 namespace zelta {
 
 template <typename Item>
-class ShortList {
+class SmallVector {
   static_assert(std::is_trivially_copyable_v<Item>);
 
  public:
-  /// May throw std::bad_alloc; the list is as it was then.
-  Item& add(const Item& item) {
+  /// May throw std::bad_alloc; the vector is as it was then.
+  Item& push_back(const Item& item) {
     if (count_ < kInline) return first_[count_++] = item;
     if (count_ == kInline) more_.assign(first_.begin(), first_.end());
     more_.push_back(item);
@@ -40,4 +40,4 @@ class ShortList {
 
 }  // namespace zelta
 
-#endif  // ZELTA_OBJECTS_SHORT_LIST_H
+#endif  // ZELTA_OBJECTS_SMALL_VECTOR_H
