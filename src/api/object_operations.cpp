@@ -100,8 +100,9 @@ namespace {
 
 /// Whether a read has the key that its mode needs. Only a mode without flags is asked here: what a
 /// key that is missing means beside flags depends on the way to the object.
-bool hasKey(CZELTA::Mode mode, const void* key) {
-  return key != nullptr || mode < CZELTA::ReadEqual || mode > CZELTA::ReadGreaterEqual;
+bool hasKey(const ObjectQuery& query) {
+  return query.key != nullptr || query.mode < CZELTA::ReadEqual ||
+         query.mode > CZELTA::ReadGreaterEqual;
 }
 
 }  // namespace
@@ -113,12 +114,9 @@ struct Request {
   MetaData& metaData;
   UInt32AVLTree*& tables;
   unsigned int table;
-  CZELTA::Mode mode;
+  ObjectQuery query;
   CZELTA::Object* object;
-  unsigned int index;
-  const void* key;
   unsigned int* entry;
-  IdWidth width;  ///< of the ID at `key`, if it is one
 };
 
 unsigned long long read(Request request) {
@@ -128,13 +126,13 @@ unsigned long long read(Request request) {
   Table* open = nullptr;
   StateCheck check(metaData);
   check.transaction().ownThread();
-  if (!check.failed() && !metaData.mayWrite()) request.mode = request.mode | CZELTA::ReadNoLock;
-  if (check.parameter(hasKey(request.mode, request.key)).failed()) return check.word();
+  ObjectQuery& query = request.query;
+  if (!check.failed() && !metaData.mayWrite()) query.mode = query.mode | CZELTA::ReadNoLock;
+  if (check.parameter(hasKey(query)).failed()) return check.word();
   if (request.entry != nullptr) *request.entry = 0;
   if (check.table(request.tables, request.table, open).failed()) return check.word();
   return perform(metaData, false, [&] {
-    return readObject(metaData, request.tables, *open, request.mode, request.object, request.index,
-                      request.key, request.entry, request.width);
+    return readObject(metaData, request.tables, *open, query, request.object, request.entry);
   });
 }
 
@@ -143,13 +141,13 @@ unsigned long long erase(const Request& request) {
   clearError(metaData);
   Table* open = nullptr;
   StateCheck check(metaData);
-  check.transaction().ownThread().parameter((request.mode & CZELTA::ReadNoLock) == 0);
-  if (check.parameter(hasKey(request.mode, request.key)).mayWrite().failed()) return check.word();
+  check.transaction().ownThread().parameter((request.query.mode & CZELTA::ReadNoLock) == 0);
+  if (check.parameter(hasKey(request.query)).mayWrite().failed()) return check.word();
   if (request.entry != nullptr) *request.entry = 0;
   if (check.table(request.tables, request.table, open).failed()) return check.word();
   return perform(metaData, false, [&] {
-    return deleteObject(metaData, request.tables, *open, request.mode, request.object,
-                        request.index, request.key, request.entry, request.width);
+    return deleteObject(metaData, request.tables, *open, request.query, request.object,
+                        request.entry);
   });
 }
 
@@ -157,7 +155,7 @@ unsigned long long erase(const Request& request) {
 
 unsigned long long CZELTA::ReadObject(unsigned int table, Mode mode, Object* object,
                                       unsigned int index, const void* key, unsigned int* entry) {
-  return read({*metaData_, tables_, table, mode, object, index, key, entry, IdWidth::asTable});
+  return read({*metaData_, tables_, table, {mode, index, key}, object, entry});
 }
 
 unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Object* object) {
@@ -166,18 +164,22 @@ unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Ob
 
 unsigned long long CZELTA::ReadObject(unsigned int table, long long objectID, Mode mode,
                                       Object* object) {
-  return read({*metaData_, tables_, table, mode | ReadEqual, object, 0, &objectID, nullptr,
-               IdWidth::whole});
+  return read({*metaData_,
+               tables_,
+               table,
+               {mode | ReadEqual, 0, &objectID, IdWidth::whole},
+               object,
+               nullptr});
 }
 
 unsigned long long CZELTA::DeleteObject(unsigned int table, Mode mode, Object* object,
                                         unsigned int index, const void* key, unsigned int* entry) {
-  return erase({*metaData_, tables_, table, mode, object, index, key, entry, IdWidth::asTable});
+  return erase({*metaData_, tables_, table, {mode, index, key}, object, entry});
 }
 
 unsigned long long CZELTA::DeleteObject(unsigned int table, long long objectID, Object* object) {
   return erase(
-      {*metaData_, tables_, table, ReadEqual, object, 0, &objectID, nullptr, IdWidth::whole});
+      {*metaData_, tables_, table, {ReadEqual, 0, &objectID, IdWidth::whole}, object, nullptr});
 }
 
 unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, const void* key,

@@ -4,6 +4,7 @@
 
 #include "index/kinds.h"
 #include "objects/key_changes.h"
+#include "objects/lock_position.h"
 #include "objects/object_access.h"
 #include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
@@ -15,8 +16,8 @@ namespace {
 
 class Deletion final : public ObjectAccess {
  public:
-  Deletion(UInt32AVLTree*& tables, const ReadRequest& request, CZELTA::Mode flags)
-      : ObjectAccess(tables, request, flags),
+  Deletion(UInt32AVLTree*& tables, const ReadRequest& request)
+      : ObjectAccess(tables, request),
         before_(request.metaData, request.table),
         none_(request.metaData, request.table),
         changes_(request.metaData, request.table),
@@ -70,7 +71,7 @@ Result Deletion::work(const TableHeader_tag& header, Located& found) {
       changes_.plan(trees, found.objectID, before_, pending, none_, KeyChanges::Source::tested));
   // All that can fail for want of memory comes before the files are changed.
   ZELTA_TRY(moveCursors(found, object));
-  ZELTA_TRY(advance(found, object));
+  ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
   if (pending) {
     ZELTA_TRY(changes_.enter(trees));
     ZELTA_TRY(removeObject(files_->manager, files_->memoryHeader, table_, found.objectID));
@@ -99,35 +100,26 @@ void Deletion::record(std::uint64_t objectID) {
   }
 }
 
-/// Whether a request by ID means the current object.
-bool meansCurrent(const Table& table, std::uint32_t index, const void* key, IdWidth width) {
-  if (index != 0) return false;
-  std::uint64_t id = 0;
-  if (key != nullptr) std::memcpy(&id, key, idBytes(table, width));
-  return id == 0;
+/// Whether a query by ID means the current object.
+bool meansCurrent(const Table& table, const ObjectQuery& query) {
+  return query.index == 0 && (query.key == nullptr || idAt(table, query.key, query.width) == 0);
 }
 
 }  // namespace
 
-Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
-                    CZELTA::Object* object, std::uint32_t index, const void* key,
-                    std::uint32_t* entry, IdWidth width) {
+Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, ObjectQuery query,
+                    CZELTA::Object* object, std::uint32_t* entry) {
   if (entry != nullptr) *entry = 0;
-  ReadRequest request{metaData, table, withoutFlags(mode), false, true, index, key, nullptr};
   const std::uint64_t current = table.currentObjectID;
-  if (meansCurrent(table, index, key, width)) {
+  if (meansCurrent(table, query)) {
     if (current == 0) return reportError(&metaData, Own::noObject);
-    request.mode = CZELTA::ReadEqual;
-    request.key = &current;
-    width = IdWidth::whole;
+    query = {flagsOf(query.mode) | CZELTA::ReadEqual, 0, &current, IdWidth::whole};
   }
-  ZELTA_TRY(checkRequest(request));
+  ReadRequest request(metaData, table, query, false);
+  ZELTA_TRY(request.check());
   ZELTA_TRY(checkIndexKinds(metaData, table));
-  std::uint64_t id = 0;
-  holdKey(request, width, id);
-  PooledKey searchKey;
-  ZELTA_TRY(makeSearchKey(request, searchKey));
-  Deletion deletion(tables, request, mode);
+  ZELTA_TRY(request.takeKey());
+  Deletion deletion(tables, request);
   ZELTA_TRY(deletion.run());
   if (entry != nullptr) *entry = deletion.entry();
   fillObject(table, object);

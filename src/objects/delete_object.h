@@ -6,17 +6,16 @@
 #include <cstdint>
 
 #include "czelta.h"
-#include "objects/locate.h"
+#include "objects/read_request.h"
 
 namespace zelta {
 
-/// Deletes the object that mode, index and key mean, as readObject() finds it; index 0 without a
-/// key, or with an ID of 0: the table's current object. It stays in the buffer, is the current one
-/// afterwards, and fills `object` (may be null). `entry` may be null. The caller has made sure of a
-/// transaction that may write, its thread and the table.
-Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
-                    CZELTA::Object* object, std::uint32_t index, const void* key,
-                    std::uint32_t* entry, IdWidth width = IdWidth::asTable);
+/// Deletes the object that a query means, as readObject() finds it; index 0 without a key, or with
+/// an ID of 0: the table's current object. It stays in the buffer, is the current one afterwards,
+/// and fills `object` (may be null). `entry` may be null. The caller has made sure of a transaction
+/// that may write, its thread and the table.
+Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, ObjectQuery query,
+                    CZELTA::Object* object, std::uint32_t* entry);
 
 }  // namespace zelta
 

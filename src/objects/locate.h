@@ -9,46 +9,13 @@
 
 #include "czelta.h"
 #include "objects/current_keys.h"
+#include "objects/read_request.h"
 #include "storage/atomic_manager.h"
 #include "storage/paged_file.h"
 #include "storage/table.h"
 #include "storage/table_file.h"
 
 namespace zelta {
-
-/// How wide an ID is that a caller points at. Only one that is given as a whole can be wider than
-/// the table's IDs are: no object has it.
-enum class IdWidth { asTable, whole };
-[[nodiscard]] inline std::size_t idBytes(const Table& table, IdWidth width) {
-  return width == IdWidth::whole ? sizeof(std::uint64_t) : table.idSize();
-}
-
-/// What a read asks for.
-struct ReadRequest {
-  MetaData& metaData;
-  Table& table;
-  CZELTA::Mode mode;               ///< without flags
-  bool noLock;                     ///< sees committed versions of others' objects and never waits
-  bool writer;                     ///< the transaction may write, and has the table's mutex now
-  std::uint32_t index;             ///< counted from 1; 0: by object ID
-  const void* key;                 ///< as the caller gave it; by ID or results: its 64-bit ID
-  const std::uint32_t* searchKey;  ///< made from `key` for a B+Tree
-
-  [[nodiscard]] bool byTree() const {
-    return index != 0 && table.index(index - 1).indexKind == CZELTA::BPlusTree;
-  }
-  [[nodiscard]] bool byResults() const { return index != 0 && !byTree(); }
-  /// Modes that go on upward from where they begin.
-  [[nodiscard]] bool upward() const {
-    return mode == CZELTA::ReadFirst || mode == CZELTA::ReadNext || mode == CZELTA::ReadGreater ||
-           mode == CZELTA::ReadGreaterEqual;
-  }
-  /// "Not found", with the ID if one was asked for.
-  Result notFound(std::uint64_t objectID = 0) const {
-    return reportError(&metaData, Own::keyNotFound, table.cName(), nullptr,
-                       static_cast<std::int64_t>(objectID), std::int64_t{index} - 1);
-  }
-};
 
 /// A lock on an object that is given back unless it is kept.
 class NewLock {

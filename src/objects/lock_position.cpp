@@ -1,8 +1,11 @@
 #include "objects/lock_position.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include "index/keys.h"
 
 namespace zelta {
 
@@ -70,6 +73,40 @@ bool isAheadOfLockPosition(const MetaData& metaData, const Table& table, const s
   std::uint32_t index = 0;
   if (!lockingIndex(table, &index) || key == nullptr) return true;
   return further(table, compareKeys(table.keyShape(index), key, metaData.lockKey));
+}
+
+bool comparesLockKeys(const MetaData& metaData, const Table& table) {
+  std::uint32_t index = 0;
+  return metaData.lockOrderReached == table.tableLockOrder && metaData.lockKey != nullptr &&
+         lockingIndex(table, &index);
+}
+
+Result makeLockKey(MetaData& metaData, Table& table, ObjectBytes object, PooledKey& key) {
+  std::uint32_t index = 0;
+  const bool ordered = lockingIndex(table, &index);
+  assert(ordered);
+  if (!ordered) return {};
+  std::uint32_t* made = nullptr;
+  ZELTA_TRY(extractKey(metaData, table, index, 0, &made, object.data, object.length));
+  key.take(table.keyPool(index), table.keyShape(index), made);
+  return {};
+}
+
+Result noteObjectLock(MetaData& metaData, Table& table, std::uint64_t objectID,
+                      ObjectBytes object) {
+  std::uint32_t index = 0;
+  const std::uint32_t* key = nullptr;
+  PooledKey first;
+  if (lockingIndex(table, &index)) {
+    if (table.multiEntry(index)) {
+      ZELTA_TRY(makeLockKey(metaData, table, object, first));
+      key = first.get();
+    } else {
+      ZELTA_TRY(currentKey(metaData, table, index, &key));
+    }
+  }
+  advanceLockPosition(metaData, table, objectID, key);
+  return {};
 }
 
 void dropLockPosition(MetaData& metaData) {

@@ -1,5 +1,11 @@
-// Finding an object and making it this transaction's own: passes under the table's mutex, and waits
-// for others between them.
+// Finding an object and doing something with it, in passes. A writer makes a pass under the table's
+// mutex and may lock the object; a reader takes neither, its pass is a section of a seqlock.
+//
+//   pass -- done ----> the object is the table's current one
+//   pass -- failed --> the result goes to the caller
+//   pass -- torn ----> pause, pass: a commit went on beside a reader
+//   pass -- again ---> pass: what a dead transaction has left is out of the way, or was looked for
+//   pass -- blocked -> wait without the mutex, pass; at the end of the wait own code 27 or 67
 
 #ifndef ZELTA_OBJECTS_OBJECT_ACCESS_H
 #define ZELTA_OBJECTS_OBJECT_ACCESS_H
@@ -11,18 +17,54 @@
 #include "objects/current_keys.h"
 #include "objects/locate.h"
 #include "objects/lock_wait.h"
+#include "objects/read_request.h"
+#include "storage/seqlock_reader.h"
 
 namespace zelta {
 
+/// How a pass ended. Each end but `failed` leaves no text.
+class PassEnd {
+ public:
+  enum class Kind { done, failed, again, blockedByLock, blockedByTransaction };
+
+  /// Of a step that may fail. Code 33: blocked by a transaction whose number nobody knows.
+  PassEnd(Result result)
+      : kind_(result.ok()         ? Kind::done
+              : result.isLocked() ? Kind::blockedByTransaction
+                                  : Kind::failed),
+        result_(result) {}
+  static PassEnd again() { return {Kind::again, 0}; }
+  /// By the lock of an object.
+  static PassEnd blockedByLock() { return {Kind::blockedByLock, 0}; }
+  /// By a transaction; 0: which one is not known.
+  static PassEnd blockedBy(std::uint32_t transaction) {
+    return {Kind::blockedByTransaction, transaction};
+  }
+
+  [[nodiscard]] Kind kind() const { return kind_; }
+  [[nodiscard]] bool is(Kind kind) const { return kind_ == kind; }
+  [[nodiscard]] Result result() const { return result_; }
+  [[nodiscard]] std::uint32_t transaction() const { return transaction_; }
+
+ private:
+  PassEnd(Kind kind, std::uint32_t transaction) : kind_(kind), transaction_(transaction) {}
+
+  Kind kind_;
+  std::uint32_t transaction_ = 0;
+  Result result_;
+};
+
 class ObjectAccess {
  public:
-  ObjectAccess(UInt32AVLTree*& tables, ReadRequest request, CZELTA::Mode flags)
+  /// The request outlives the access.
+  ObjectAccess(UInt32AVLTree*& tables, const ReadRequest& request)
       : metaData_(request.metaData),
         tables_(tables),
         table_(request.table),
         request_(request),
-        wait_(flags),
-        startID_(request.table.currentObjectID) {}
+        startID_(request.table.currentObjectID),
+        wait_(request.flags),
+        seqlock_(request.table) {}
   virtual ~ObjectAccess() = default;
   ObjectAccess(const ObjectAccess&) = delete;
   ObjectAccess& operator=(const ObjectAccess&) = delete;
@@ -38,65 +80,47 @@ class ObjectAccess {
   /// `found.newLock` keeps the lock if it is told so.
   virtual Result work(const TableHeader_tag& header, Located& found) = 0;
 
+  /// The end of what a pass reads: no other pass follows. Code 33, for a reader: what it has read
+  /// is torn.
   Result releaseMutex();
-  /// Makes a version of the object the one that walks go on from.
+  /// Makes a version of the object the one that walks go on from. No other pass follows.
   Result moveCursors(Located& found, ObjectBytes object);
-  /// Takes note of the object's lock, once the cursors stand on this version of it.
-  Result advance(const Located& found, ObjectBytes object);
 
   MetaData& metaData_;
   UInt32AVLTree*& tables_;
   Table& table_;
-  ReadRequest request_;
+  const ReadRequest& request_;
   std::optional<ReadFiles> files_;
-  LockWait wait_;
   const std::uint64_t startID_;  ///< object that every pass sets out from
 
  private:
-  enum class Outcome { done, again, blockedByTransaction, objectLocked };
-
-  Result pass(Outcome* outcome);
+  PassEnd pass();
   Result openPass(TableHeader_tag& header);
-  [[nodiscard]] bool mayBeTrace(Result result, const Located& found) const;
-  Result meetBlocker(const TableHeader_tag& header, Located& found, Outcome* outcome);
-  Result dropTraces(const TableHeader_tag& header, const Located& found, Outcome* outcome);
-  Result askForDead(std::uint32_t number, Outcome blocked, Located& found, Outcome* outcome);
+  PassEnd locate(const TableHeader_tag& header, Located& found);
   Result finishPass(const TableHeader_tag& header, Located& found);
-  Result waitOrFail(Outcome outcome);
-  Result isAhead(bool* ahead);
-  [[nodiscard]] bool watch();
-  [[nodiscard]] bool disturbed() const;
-  [[nodiscard]] bool mayBeTorn(Result result) const;
-  bool readAgain(Result result);
+  [[nodiscard]] bool looksTorn(Result result) const;
+  [[nodiscard]] bool mayBeStale(Result result, const Located& found) const;
+  PassEnd meetBlocker(const TableHeader_tag& header, Located& found);
+  PassEnd dropStaleEntries(const TableHeader_tag& header, const Located& found);
+  PassEnd repairDead(PassEnd blocked, Located& found);
   bool waitsForDecided(Result result);
+  Result waitOrFail(const PassEnd& blocked);
+  Result isAhead(bool* ahead);
 
   TableMutexGuard mutex_;
+  LockWait wait_;
+  SeqlockReader seqlock_;  ///< used by readers alone
   std::uint32_t entry_ = 0;
-  std::uint32_t endedTransaction_ = 0;  ///< known to live no more
-  std::uint32_t idleAsks_ = 0;          ///< times that a trace was met, and nobody was dead
   bool headerRead_ = false;             ///< the pass got past the table's header
-  bool settled_ = false;                ///< the cursors may have moved: there is no way back
-  // A reader without the mutex
-  bool watching_ = true;       ///< it makes sure that nobody changes what it reads
-  std::uint32_t changes_ = 0;  ///< count of changes at the beginning of the pass
-  std::uint32_t tornRounds_ = 0;
-  std::uint32_t decidedBy_ = 0;  ///< whose decided commit this access waits for
-  std::uint32_t repairs_ = 0;
-  // Who keeps the object from this access
-  std::uint64_t blockedID_ = 0;
-  std::uint64_t blockedPosition_ = 0;
-  std::uint32_t blockedBy_ = 0;
+  bool final_ = false;                  ///< the cursors may have moved: no other pass can follow
+  std::uint32_t repairs_ = 0;           ///< passes that ended with `again`
+  std::uint32_t staleAsks_ = 0;         ///< times that something stale was met, and nobody was dead
+  std::uint32_t endedTransaction_ = 0;  ///< known to live no more
+  std::uint32_t decidedBy_ = 0;         ///< whose decided commit this access waits for
+  // The object that the last pass met, as far as it got
+  std::uint64_t metID_ = 0;
+  std::uint64_t metPosition_ = 0;
 };
-
-[[nodiscard]] CZELTA::Mode withoutFlags(CZELTA::Mode mode);
-/// Copies the ID that a request begins at into `id`, `width` being that of the ID at `key`, and has
-/// the request begin there, at 64 bits. Where the caller has it may be the table's buffer: a pass
-/// fills that, and may give its memory back, before another one begins.
-void holdKey(ReadRequest& request, IdWidth width, std::uint64_t& id);
-/// What can be refused of a request before any file is looked at.
-Result checkRequest(const ReadRequest& request);
-/// Makes the key to look for if the request goes through a B+Tree and has one. `searchKey` owns it.
-Result makeSearchKey(ReadRequest& request, PooledKey& searchKey);
 
 }  // namespace zelta
 

@@ -1,5 +1,6 @@
 #include "objects/read_object.h"
 
+#include "objects/lock_position.h"
 #include "objects/object_access.h"
 #include "objects/object_buffer.h"
 #include "objects/read_bytes.h"
@@ -23,7 +24,7 @@ class Read final : public ObjectAccess {
     ZELTA_TRY(releaseMutex());
     const ObjectBytes object{table_.objectData, table_.objectLength};
     ZELTA_TRY(moveCursors(found, object));
-    if (!request_.noLock) ZELTA_TRY(advance(found, object));
+    if (!request_.noLock) ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
     found.newLock.keep();
     return {};
   }
@@ -31,20 +32,15 @@ class Read final : public ObjectAccess {
 
 }  // namespace
 
-Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
-                  CZELTA::Object* object, std::uint32_t index, const void* key,
-                  std::uint32_t* entry, IdWidth width) {
+Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
+                  const ObjectQuery& query, CZELTA::Object* object, std::uint32_t* entry) {
   if (object != nullptr) *object = CZELTA::Object{};
   if (entry != nullptr) *entry = 0;
-  const bool writer = metaData.mayWrite();
-  const bool noLock = !writer || (mode & CZELTA::ReadNoLock) != 0;
-  ReadRequest request{metaData, table, withoutFlags(mode), noLock, writer, index, key, nullptr};
-  ZELTA_TRY(checkRequest(request));
-  std::uint64_t id = 0;
-  holdKey(request, width, id);
-  PooledKey searchKey;
-  ZELTA_TRY(makeSearchKey(request, searchKey));
-  Read read(tables, request, mode);
+  const bool noLock = !metaData.mayWrite() || (query.mode & CZELTA::ReadNoLock) != 0;
+  ReadRequest request(metaData, table, query, noLock);
+  ZELTA_TRY(request.check());
+  ZELTA_TRY(request.takeKey());
+  Read read(tables, request);
   ZELTA_TRY(read.run());
   if (entry != nullptr) *entry = read.entry();
   fillObject(table, object);

@@ -6,17 +6,16 @@
 #include <cstdint>
 
 #include "czelta.h"
-#include "objects/locate.h"
+#include "objects/read_request.h"
 
 namespace zelta {
 
-/// Reads the object that mode, index (0: object IDs, else counted from 1) and key mean, locks it
-/// unless the mode has ReadNoLock or the transaction cannot write, and makes it the current one.
-/// The caller has made sure of a transaction, its thread and the table. `object` and `entry` may
-/// be null.
-Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Mode mode,
-                  CZELTA::Object* object, std::uint32_t index, const void* key,
-                  std::uint32_t* entry, IdWidth width = IdWidth::asTable);
+/// Reads the object that a query means, locks it unless the mode has ReadNoLock or the transaction
+/// cannot write, and makes it the current one. The caller has made sure of a transaction, its
+/// thread and the table. `object`, which is filled, and `entry`, which receives the number of the
+/// entry whose key matched, may be null.
+Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
+                  const ObjectQuery& query, CZELTA::Object* object, std::uint32_t* entry);
 
 }  // namespace zelta
 

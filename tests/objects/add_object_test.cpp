@@ -250,8 +250,8 @@ TEST_F(AddObject, ByAListOfFreeIDsThatIsDamagedIsError47) {
   for (int i = 0; i < 6; ++i) one->added(number(0));
   one->commit();
   for (std::uint64_t id : {3u, 5u}) {
-    ASSERT_TRUE(deleteObject(one->metaData, one->tables, one->table(), CZELTA::ReadEqual, nullptr,
-                             0, &id, nullptr)
+    ASSERT_TRUE(deleteObject(one->metaData, one->tables, one->table(), {CZELTA::ReadEqual, 0, &id},
+                             nullptr, nullptr)
                     .ok());
   }
   one->commit();
@@ -379,8 +379,8 @@ TEST_F(AddObject, AMissingKeyIsError39) {
 
 /// Deletes an object, whose one key is what the transaction has given up then.
 ObjectKeyNode* giveUp(Handle& handle, std::uint64_t id) {
-  EXPECT_EQ(deleteObject(handle.metaData, handle.tables, handle.table(), CZELTA::ReadEqual, nullptr,
-                         0, &id, nullptr)
+  EXPECT_EQ(deleteObject(handle.metaData, handle.tables, handle.table(),
+                         {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr)
                 .word(),
             0u)
       << handle.error();

@@ -150,8 +150,8 @@ TEST(ReadById, NullObjectOnlyMovesTheCursor) {
   ReadHandle& handle = bench.first();
   handle.begin(CZELTA::TransactionRead);
   std::uint64_t id = 4;
-  ASSERT_TRUE(readObject(handle.metaData, handle.tables, *handle.table, CZELTA::ReadEqual, nullptr,
-                         0, &id, nullptr)
+  ASSERT_TRUE(readObject(handle.metaData, handle.tables, *handle.table, {CZELTA::ReadEqual, 0, &id},
+                         nullptr, nullptr)
                   .ok());
   ASSERT_TRUE(handle.read(CZELTA::ReadNext).ok());
   EXPECT_EQ(handle.object.objectID, 5);

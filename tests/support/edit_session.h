@@ -147,7 +147,7 @@ class EditSession {
   }
   Result erase(std::uint64_t id) {
     clearError(metaData);
-    return deleteObject(metaData, tables, table(), CZELTA::ReadEqual, nullptr, 0, &id, nullptr);
+    return deleteObject(metaData, tables, table(), {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr);
   }
   Result carryOut(const std::vector<EditStep>& steps) {
     for (const EditStep& step : steps) {
@@ -215,7 +215,7 @@ class EditSession {
   Result fetch(CZELTA::Mode mode, std::uint32_t index, const void* key, Content* out,
                std::uint64_t* id = nullptr) {
     clearError(metaData);
-    ZELTA_TRY(readObject(metaData, tables, table(), mode, nullptr, index, key, nullptr));
+    ZELTA_TRY(readObject(metaData, tables, table(), {mode, index, key}, nullptr, nullptr));
     const char* data = table().objectData + table().headerSize();
     if (out != nullptr) {
       std::memcpy(&out->number, data, 4);

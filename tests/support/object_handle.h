@@ -85,8 +85,9 @@ class ObjectHandle {
     return find(CZELTA::ReadEqual | flags, 0, &id);
   }
   Result find(CZELTA::Mode mode, std::uint32_t index, const void* key = nullptr) {
-    return quiet(
-        [&] { return readObject(metaData, tables, table(), mode, &object, index, key, &entry); });
+    return quiet([&] {
+      return readObject(metaData, tables, table(), {mode, index, key}, &object, &entry);
+    });
   }
   /// Reads by a key of 32 bits.
   Result findNumber(std::uint32_t key, std::uint32_t index = 1,
@@ -117,8 +118,9 @@ class ObjectHandle {
     return erase(CZELTA::ReadEqual | flags, 0, &id);
   }
   Result erase(CZELTA::Mode mode, std::uint32_t index, const void* key) {
-    return quiet(
-        [&] { return deleteObject(metaData, tables, table(), mode, &object, index, key, &entry); });
+    return quiet([&] {
+      return deleteObject(metaData, tables, table(), {mode, index, key}, &object, &entry);
+    });
   }
   Result restore(long long id, bool unlock = false) {
     return quiet([&] { return restoreObject(metaData, table(), id, unlock); });

@@ -104,7 +104,7 @@ class ReadHandle {
 
   Result read(CZELTA::Mode mode, std::uint32_t index = 0, const void* key = nullptr) {
     clearError(metaData);
-    return readObject(metaData, tables, *table, mode, &object, index, key, &entry);
+    return readObject(metaData, tables, *table, {mode, index, key}, &object, &entry);
   }
   Result readId(std::uint64_t id, CZELTA::Mode flags = CZELTA::Mode{}) {
     return read(CZELTA::ReadEqual | flags, 0, &id);

@@ -146,7 +146,7 @@ TEST(Commit, Kept_locks_keep_others_away_from_what_was_added) {
   ASSERT_TRUE(one.commit(false).ok()) << one.error();
   const std::uint64_t id = 1;
   EXPECT_TRUE(readObject(two.metaData, two.tables, two.table(),
-                         CZELTA::ReadEqual | CZELTA::ReadNoWait, nullptr, 0, &id, nullptr)
+                         {CZELTA::ReadEqual | CZELTA::ReadNoWait, 0, &id}, nullptr, nullptr)
                   .is(Own::objectLocked));
   ASSERT_TRUE(one.commit(true).ok());
   EXPECT_TRUE(two.read(1).ok()) << two.error();
