@@ -10,6 +10,7 @@
 #include "index/kinds.h"
 #include "platform/file_io.h"
 #include "schema/object_view.h"
+#include "schema/record_reader.h"
 #include "storage/atomic_manager.h"
 #include "storage/table.h"
 
@@ -106,8 +107,8 @@ void abandonIndexFile(Table& table) {
 
 namespace {
 
-/// What is read of a record before its length is known.
-constexpr std::uint32_t kFirstRead = 1024;
+/// What is taken to be an object's size before its length is known.
+constexpr std::uint32_t kExpected = 1024 - kRecordHead;
 
 /// Reads the committed objects of a table one by one.
 class TableScan {
@@ -116,105 +117,51 @@ class TableScan {
       : metaData_(metaData),
         table_(table),
         header_(header),
-        buffer_(metaData.scratchFor(Scratch::object)) {}
+        reader_(RecordReader::aside(metaData, table)) {}
 
-  /// Reads the object of an ID; `*object` null if the ID is free.
-  Result read(std::uint64_t objectID, const char** object, std::uint32_t* size);
+  /// Reads the object of an ID; none if the ID is free. Code 33: its content is still to come from
+  /// the log, and whoever lets the replay finish asks again.
+  Result read(std::uint64_t objectID, ObjectBytes* object);
 
  private:
-  [[nodiscard]] Result systemFailure(SystemCode result) const {
-    return reportSystemError(&metaData_, result, table_.cName(), extension::kTable);
-  }
   [[nodiscard]] Result damaged() const {
     return reportError(&metaData_, Own::tableFile, table_.cName(), extension::kTable);
   }
-  Result readFixed(std::uint64_t position, const char** object, std::uint32_t* size);
-  Result readVariable(std::uint64_t position, const char** object, std::uint32_t* size);
-  Result readRest(std::uint64_t position, std::uint32_t have, std::uint64_t length);
-  [[nodiscard]] bool hasID(const char* object, std::uint64_t objectID) const;
 
   MetaData& metaData_;
   Table& table_;
   const TableHeader_tag& header_;
-  ScratchBuffer& buffer_;
+  RecordReader reader_;
 };
 
-Result TableScan::read(std::uint64_t objectID, const char** object, std::uint32_t* size) {
-  *object = nullptr;
+Result TableScan::read(std::uint64_t objectID, ObjectBytes* object) {
+  *object = {};
   ObjectSlot slot{};
   const SystemCode result = readSlotPosition(table_.tableFile, header_.slotBase, objectID, &slot);
-  if (result != 0) return systemFailure(result);
+  if (result != 0) {
+    return reportSystemError(&metaData_, result, table_.cName(), extension::kTable);
+  }
   if (slot.isFree()) return {};
   if (slot.position < header_.objectAreaStart || slot.position >= header_.endOfFile) {
     return damaged();
   }
-  ZELTA_TRY(table_.isFixed() ? readFixed(slot.position, object, size)
-                             : readVariable(slot.position, object, size));
-  if (*size < table_.headerSize() || !hasID(*object, objectID)) return damaged();
-  return {};
-}
-
-Result TableScan::readFixed(std::uint64_t position, const char** object, std::uint32_t* size) {
-  *size = table_.fixedAreaSize;
-  if (*size > header_.endOfFile - position) return damaged();
-  // The end in the header proves nothing, and the size is as large as the schema wants it.
-  SystemCode result = *size <= buffer_.size() ? 0 : requireBytes(table_.tableFile, position, *size);
-  if (result != 0) return systemFailure(result);
-  char* bytes = buffer_.reserve(*size);
-  result = readBuffer(table_.tableFile, position, bytes, *size);
-  if (result != 0) return systemFailure(result);
-  std::uint16_t version = 0;
-  std::memcpy(&version, bytes, sizeof(version));
-  // The content is still to come from the log: whoever lets the replay finish asks again.
-  if (version == kPlaceholderVersion) return Result::locked();
-  *object = bytes;
-  return {};
-}
-
-Result TableScan::readVariable(std::uint64_t position, const char** object, std::uint32_t* size) {
-  const auto guess =
-      static_cast<std::uint32_t>(std::min<std::uint64_t>(kFirstRead, header_.endOfFile - position));
-  buffer_.reserve(kFirstRead);
-  std::uint32_t have = 0;
-  const SystemCode result = readBuffer(table_.tableFile, position, buffer_.data(), guess, &have);
-  if (result != 0) return systemFailure(result);
-  std::uint32_t head[2] = {0, 0};
-  static_assert(sizeof(head) == kRecordHead);
-  if (have < sizeof(head)) return damaged();
-  std::memcpy(head, buffer_.data(), sizeof(head));
-  *size = head[1];
-  if (*size == 0) return Result::locked();
-  const std::uint64_t length = std::uint64_t{*size} + kRecordHead;
-  if (*size == kFreeMarker || head[0] < std::uint64_t{*size} + kRecordFraming ||
-      head[0] > header_.endOfFile - position) {
-    return damaged();
+  const RecordRules rules{header_.endOfFile, table_.headerSize(), true};
+  const RecordFault fault = reader_.fetch(objectID, slot.position, rules, kExpected, object);
+  switch (fault.kind) {
+    case RecordFault::Kind::none:
+      return {};
+    case RecordFault::Kind::placeholder:
+      return Result::locked();
+    case RecordFault::Kind::system:
+      return reader_.report(fault);
+    default:
+      return damaged();
   }
-  if (length > have) ZELTA_TRY(readRest(position, have, length));
-  *object = buffer_.data() + kRecordHead;
-  return {};
-}
-
-Result TableScan::readRest(std::uint64_t position, std::uint32_t have, std::uint64_t length) {
-  SystemCode result = requireBytes(table_.tableFile, position, length);
-  if (result == code::kEndOfFile) return damaged();
-  if (result != 0) return systemFailure(result);
-  if (length > buffer_.size()) have = 0;
-  char* bytes = buffer_.reserve(length);
-  result = readLargeBuffer(table_.tableFile, position + have, bytes + have,
-                           static_cast<std::int64_t>(length - have));
-  return result == 0 ? Result{} : systemFailure(result);
-}
-
-bool TableScan::hasID(const char* object, std::uint64_t objectID) const {
-  std::uint64_t stored = 0;
-  std::memcpy(&stored, object + sizeof(std::uint16_t), table_.idSize());
-  return stored == objectID;
 }
 
 /// Reads the next object for a build, and remembers one that waits for its content.
-Result readForBuild(Table& table, TableScan& scan, std::uint64_t objectID, const char** object,
-                    std::uint32_t* size) {
-  const Result result = scan.read(objectID, object, size);
+Result readForBuild(Table& table, TableScan& scan, std::uint64_t objectID, ObjectBytes* object) {
+  const Result result = scan.read(objectID, object);
   table.buildWaitsFor = result.isLocked() ? objectID : 0;
   return result;
 }
@@ -233,19 +180,17 @@ Result buildIndexFile(AtomicManager& manager, const TableHeader_tag* tableHeader
   TableScan scan(metaData, table, *tableHeader);
   if (table.buildWaitsFor != 0 && table.buildWaitsFor <= tableHeader->highestID) {
     // Who waits for the object comes here again and again; all before it was read for nothing once.
-    const char* object = nullptr;
-    std::uint32_t size = 0;
-    ZELTA_TRY(readForBuild(table, scan, table.buildWaitsFor, &object, &size));
+    ObjectBytes object;
+    ZELTA_TRY(readForBuild(table, scan, table.buildWaitsFor, &object));
   }
   AtomicManager own(metaData, table);
   IndexFileHeader_tag fresh{};
   IndexBuild build(own, fresh);
   ZELTA_TRY(build.start());
   for (std::uint64_t objectID = 1; objectID <= tableHeader->highestID; ++objectID) {
-    const char* object = nullptr;
-    std::uint32_t size = 0;
-    ZELTA_TRY(readForBuild(table, scan, objectID, &object, &size));
-    if (object != nullptr) ZELTA_TRY(build.add(object, size, objectID));
+    ObjectBytes object;
+    ZELTA_TRY(readForBuild(table, scan, objectID, &object));
+    if (object.data != nullptr) ZELTA_TRY(build.add(object.data, object.length, objectID));
   }
   ZELTA_TRY(build.finish());
   header = fresh;

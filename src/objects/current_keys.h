@@ -7,15 +7,10 @@
 #include <utility>
 
 #include "objects/small_vector.h"
+#include "schema/record_reader.h"
 #include "storage/table.h"
 
 namespace zelta {
-
-/// A version of an object: its bytes, which begin with the version word. Null: there is none.
-struct ObjectBytes {
-  const char* data = nullptr;
-  std::uint32_t length = 0;
-};
 
 /// How the object in the buffer was found: by which key of which index (from 0).
 struct MatchedKey {

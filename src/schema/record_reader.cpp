@@ -1,0 +1,164 @@
+#include "schema/record_reader.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+
+#include "platform/file_io.h"
+#include "schema/object_view.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+namespace {
+
+using Kind = RecordFault::Kind;
+
+/// A record's length word, which follows the size of its block.
+constexpr std::uint32_t kLengthOffset = 4;
+/// The object's place in a record of the memory file, behind the size of its block.
+constexpr std::uint32_t kPendingHead = 4;
+/// A tight buffer of up to this size stays even if an object needs much less.
+constexpr std::uint64_t kSmallBuffer = 64 * 1024;
+/// Least and most that is read of an object before its length is known.
+constexpr std::uint64_t kSmallestGuess = 512;
+constexpr std::uint64_t kLargestGuess = 64 * 1024;
+
+RecordFault failed(SystemCode code) { return {Kind::system, 0, 0, code}; }
+
+}  // namespace
+
+bool RecordBuffer::makeRoom(std::uint64_t length) {
+  const std::uint64_t need = length + lead;
+  if (!tight) {
+    const bool kept = holds(length);
+    bytes.reserve(need);
+    return kept;
+  }
+  const bool small = bytes.size() <= kSmallBuffer || bytes.size() <= need * 2;
+  if (holds(length) && small) return true;
+  bytes.release();
+  bytes.reserveExactly(need);
+  return false;
+}
+
+RecordReader RecordReader::aside(MetaData& metaData, const Table& table) {
+  return {metaData, table, {metaData.scratchFor(Scratch::object), kRecordHead, false}};
+}
+
+// -- Committed objects ----------------------------------------------------------------------------
+
+RecordFault RecordReader::fetch(std::uint64_t objectID, std::uint64_t position,
+                                const RecordRules& rules, std::uint64_t expected,
+                                ObjectBytes* object) {
+  assert(rules.shortest >= table_.headerSize());
+  *object = {};
+  ObjectBytes found;
+  const RecordFault fault = table_.isFixed() ? fetchFixed(position, rules, &found)
+                                             : fetchVariable(position, rules, expected, &found);
+  if (!fault.is(Kind::none)) return fault;
+  if (objectIdOf(table_, found.data) != objectID) return {Kind::otherObject, position, objectID};
+  *object = found;
+  return {};
+}
+
+RecordFault RecordReader::fetchFixed(std::uint64_t position, const RecordRules& rules,
+                                     ObjectBytes* object) {
+  const std::uint32_t length = table_.fixedAreaSize;
+  if (rules.end - position < length) return {Kind::malformed, position, length};
+  if (const SystemCode code = fetchRest(table_.tableFile, position, 0, length); code != 0) {
+    return failed(code);
+  }
+  std::uint16_t version = 0;
+  std::memcpy(&version, buffer_.object(), sizeof version);
+  if (version == kPlaceholderVersion) return {Kind::placeholder, position, version};
+  *object = {buffer_.object(), length};
+  return {};
+}
+
+/// Reads record head and object together. The record lands so that the object in it comes to stand
+/// where it belongs.
+RecordFault RecordReader::fetchVariable(std::uint64_t position, const RecordRules& rules,
+                                        std::uint64_t expected, ObjectBytes* object) {
+  assert(buffer_.lead >= kRecordHead);
+  const std::uint64_t lengthAt = position + kLengthOffset;
+  const std::uint64_t rest = rules.end - position;
+  if (rest < kRecordFraming) return {Kind::malformed, lengthAt, 0};
+  const std::uint64_t guess =
+      std::min({std::max(expected, kSmallestGuess), kLargestGuess, rest - kRecordHead});
+  if (!buffer_.holds(guess)) buffer_.makeRoom(guess);
+  char* record = buffer_.object() - kRecordHead;
+  std::uint32_t have = 0;
+  SystemCode code = readBuffer(table_.tableFile, position, record,
+                               static_cast<std::uint32_t>(guess + kRecordHead), &have);
+  if (code != 0) return failed(code);
+  if (have < kRecordHead) return {Kind::cutShort, lengthAt, 0};
+  std::uint32_t head[2];
+  static_assert(sizeof head == kRecordHead);
+  std::memcpy(head, record, sizeof head);
+  const auto [block, length] = head;
+  if (length == 0) return {Kind::placeholder, lengthAt, 0};
+  const bool blockFits = block >= std::uint64_t{length} + kRecordFraming && block <= rest;
+  if (length < rules.shortest || length > rest - kRecordFraming ||
+      (rules.wholeBlock && !blockFits)) {
+    return {Kind::malformed, lengthAt, length};
+  }
+  code = fetchRest(table_.tableFile, position + kRecordHead, std::min(have - kRecordHead, length),
+                   length);
+  if (code == code::kEndOfFile) {
+    // A length that nothing else vouches for is to blame.
+    const bool vouched = rules.end != RecordRules::kUnknown;
+    return {vouched ? Kind::cutShort : Kind::malformed, lengthAt, length};
+  }
+  if (code != 0) return failed(code);
+  *object = {buffer_.object(), length};
+  return {};
+}
+
+/// Reads what the buffer lacks of an object whose first `have` bytes are there.
+SystemCode RecordReader::fetchRest(platform::File file, std::uint64_t position, std::uint32_t have,
+                                   std::uint32_t length) {
+  if (have < length && !buffer_.holds(length)) {
+    if (const SystemCode code = requireBytes(file, position, length); code != 0) return code;
+  }
+  if (!buffer_.makeRoom(length)) have = 0;
+  return readLargeBuffer(file, position + have, buffer_.object() + have,
+                         std::int64_t{length} - have);
+}
+
+Result RecordReader::report(const RecordFault& fault) const {
+  switch (fault.kind) {
+    case Kind::none:
+      return {};
+    case Kind::system:
+    case Kind::cutShort:
+      return reportSystemError(&metaData_, fault.is(Kind::cutShort) ? code::kEndOfFile : fault.code,
+                               table_.cName(), extension::kTable);
+    default:
+      return reportError(&metaData_, Own::tableFile, table_.cName(), extension::kTable,
+                         static_cast<std::int64_t>(fault.position),
+                         static_cast<std::int64_t>(fault.value));
+  }
+}
+
+// -- Pending objects ------------------------------------------------------------------------------
+
+Result RecordReader::readPending(const PendingObject& pending, std::uint64_t end,
+                                 ObjectBytes* object) {
+  *object = {};
+  const auto malformed = [this] {
+    return reportError(&metaData_, Own::memoryFile, table_.cName(), extension::kMemory);
+  };
+  const std::uint32_t length = table_.isFixed() ? table_.fixedAreaSize : pending.length;
+  if (length < table_.minimumObjectSize || pending.position > end ||
+      end - pending.position < std::uint64_t{length} + kPendingHead) {
+    return malformed();
+  }
+  const SystemCode code = fetchRest(table_.memoryFile, pending.position + kPendingHead, 0, length);
+  if (code != 0) return reportSystemError(&metaData_, code, table_.cName(), extension::kMemory);
+  if (objectIdOf(table_, buffer_.object()) != pending.objectID) return malformed();
+  *object = {buffer_.object(), length};
+  return {};
+}
+
+}  // namespace zelta

@@ -1,0 +1,96 @@
+// Bringing an object's bytes from a table file or a memory file into memory. No length that stands
+// in a file becomes memory before the file is known to have as many bytes.
+
+#ifndef ZELTA_SCHEMA_RECORD_READER_H
+#define ZELTA_SCHEMA_RECORD_READER_H
+
+#include <cstdint>
+
+#include "storage/memory_file.h"
+#include "storage/table.h"
+
+namespace zelta {
+
+/// A version of an object: its bytes, which begin with the version word. Null: there is none.
+struct ObjectBytes {
+  const char* data = nullptr;
+  std::uint32_t length = 0;
+};
+
+/// The memory that objects are read into, one after the other.
+struct RecordBuffer {
+  ScratchBuffer& bytes;
+  std::uint32_t lead;  ///< bytes ahead of the object; in a variable table at least kRecordHead
+  bool tight;          ///< gives memory back when it is much larger than an object needs
+
+  [[nodiscard]] char* object() const { return bytes.data() + lead; }
+  [[nodiscard]] bool holds(std::uint64_t length) const {
+    return bytes.data() != nullptr && bytes.size() >= length + lead;
+  }
+  /// Room for an object. False: what the buffer held is lost. Throws std::bad_alloc.
+  bool makeRoom(std::uint64_t length);
+};
+
+/// What a committed record is measured by.
+struct RecordRules {
+  static constexpr std::uint64_t kUnknown = ~std::uint64_t{0};
+
+  std::uint64_t end = kUnknown;  ///< of the object area; unknown: the file's end alone counts
+  std::uint32_t shortest;        ///< bytes that an object has at least
+  bool wholeBlock = false;       ///< the size of the record's block must fit as well
+};
+
+/// Why a record's object is not at hand.
+struct RecordFault {
+  enum class Kind {
+    none,
+    placeholder,  ///< the content is still to come from the log
+    malformed,    ///< what the record says cannot be: `value`
+    cutShort,     ///< the file ends before the record does, whose object has `value` bytes
+    otherObject,  ///< the object has another ID than the one that is wanted: `value`
+    system        ///< a call failed: `code`
+  };
+
+  Kind kind = Kind::none;
+  std::uint64_t position = 0;  ///< of the word in question
+  std::uint64_t value = 0;
+  SystemCode code = 0;
+
+  [[nodiscard]] bool is(Kind other) const { return kind == other; }
+};
+
+/// Reads one object after the other. The bytes of one are good until the next one is read, by any
+/// reader with this buffer.
+class RecordReader {
+ public:
+  RecordReader(MetaData& metaData, const Table& table, RecordBuffer buffer)
+      : metaData_(metaData), table_(table), buffer_(buffer) {}
+  /// A reader into the handle's buffer for second versions of objects (Scratch::object).
+  static RecordReader aside(MetaData& metaData, const Table& table);
+
+  /// Reads a committed object, as a rule in one piece, and reports nothing. `expected`: how many
+  /// bytes it may have.
+  RecordFault fetch(std::uint64_t objectID, std::uint64_t position, const RecordRules& rules,
+                    std::uint64_t expected, ObjectBytes* object);
+  /// The failure that a fault is to a reader: own code 55, also of a placeholder, or the system's.
+  Result report(const RecordFault& fault) const;
+
+  /// Reads a pending object. `end`: of the memory file, as its header states it. Own code 58: the
+  /// entry of the object map cannot be.
+  Result readPending(const PendingObject& pending, std::uint64_t end, ObjectBytes* object);
+
+ private:
+  RecordFault fetchFixed(std::uint64_t position, const RecordRules& rules, ObjectBytes* object);
+  RecordFault fetchVariable(std::uint64_t position, const RecordRules& rules,
+                            std::uint64_t expected, ObjectBytes* object);
+  SystemCode fetchRest(platform::File file, std::uint64_t position, std::uint32_t have,
+                       std::uint32_t length);
+
+  MetaData& metaData_;
+  const Table& table_;
+  RecordBuffer buffer_;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_SCHEMA_RECORD_READER_H
