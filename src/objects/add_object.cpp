@@ -3,13 +3,14 @@
 #include <cstring>
 #include <memory>
 
-#include "index/index_file.h"
 #include "index/kinds.h"
 #include "objects/choose_id.h"
 #include "objects/current_keys.h"
 #include "objects/key_changes.h"
 #include "objects/object_buffer.h"
+#include "objects/table_access.h"
 #include "objects/upcalls.h"
+#include "objects/write_retry.h"
 #include "platform/clock.h"
 #include "storage/memory_file.h"
 #include "storage/memory_file_store.h"
@@ -18,9 +19,7 @@ namespace zelta {
 
 namespace {
 
-constexpr std::uint32_t kMutexWait = 30000;  // ms
-constexpr int kMaximumPasses = 500;
-constexpr int kQuickPasses = 250;
+constexpr WriteRetry::Limits kRetries{500, 250};
 
 class Addition {
  public:
@@ -29,78 +28,63 @@ class Addition {
         tables_(tables),
         table_(table),
         wantedID_(wantedID),
-        manager_(metaData, table),
+        access_(metaData, table),
+        retry_(tables, access_, kRetries),
         none_(metaData, table),
         keys_(metaData, table),
         changes_(metaData, table) {}
 
   Result run() {
-    for (;;) {
-      blocker_ = 0;
-      lookForDead_ = false;
-      const Result result = pass();
-      const bool keyHeld = result.is(Own::keyExists) && changes_.heldByOthers();
-      changes_.clear();
-      if (keyHeld && !askedForDead_) {
-        ZELTA_TRY(askForDead());
-        continue;
-      }
-      if (!result.isLocked()) return result;
-      ZELTA_TRY(wait());
-    }
+    return retry_.run(
+        changes_, [this] { return pass(); }, [this] { return wait(); });
   }
 
  private:
   Result pass();
-  Result chooseID(const TableHeader_tag& header);
-  Result store(MemoryFileHeader_tag& header, KeyTrees& trees);
+  Result chooseID();
+  Result store(KeyTrees& trees);
   Result wait();
-  Result askForDead();
+  Result waitForBlocker();
 
   MetaData& metaData_;
   UInt32AVLTree*& tables_;
   Table& table_;
   std::uint64_t wantedID_;
   std::uint64_t objectID_ = 0;
-  AtomicManager manager_;
+  TableAccess access_;
+  WriteRetry retry_;
   VersionKeys none_;  ///< of the version before
   VersionKeys keys_;
   KeyChanges changes_;
   std::uint32_t blocker_ = 0;  ///< who has marked the slot of the wanted ID
   std::uint32_t cleared_ = 0;  ///< a blocker that turned out to be no more
-  bool lookForDead_ = false;
-  bool askedForDead_ = false;  ///< a key was held by another transaction before
-  int passes_ = 0;
+  bool indexWaits_ = false;    ///< an object that the index needs waits for its content
 };
 
 Result Addition::pass() {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData_, table_, kMutexWait));
-  TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
-  IndexFileHeader_tag indexHeader;
-  if (const Result opened = openIndexFile(manager_, indexHeader, &header, true, true);
-      opened.failed()) {
-    lookForDead_ = opened.isLocked();  // an object waits for its content from the log
+  blocker_ = 0;
+  indexWaits_ = false;
+  ZELTA_TRY(access_.acquire(kTableMutexWait));
+  ZELTA_TRY(access_.readHeader());
+  if (const Result opened = access_.openIndex(); opened.failed()) {
+    indexWaits_ = opened.isLocked();
     return opened;
   }
-  MemoryFileHeader_tag memoryHeader;
-  ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader, manager_, true));
-  manager_.attach(table_.indexFile, &indexHeader, table_.memoryFile, &memoryHeader);
-  ZELTA_TRY(chooseID(header));
-  KeyTrees trees{
-      manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, indexHeader.pageSize}};
+  ZELTA_TRY(access_.openMemory());
+  ZELTA_TRY(chooseID());
+  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
   ZELTA_TRY(keys_.make({table_.objectData, table_.objectLength}));
   ZELTA_TRY(changes_.plan(trees, objectID_, none_, false, keys_, KeyChanges::Source::tested));
-  ZELTA_TRY(store(memoryHeader, trees));
-  return guard.release();
+  ZELTA_TRY(store(trees));
+  return access_.release();
 }
 
-Result Addition::chooseID(const TableHeader_tag& header) {
+Result Addition::chooseID() {
+  const TableHeader_tag& header = access_.header;
   if (wantedID_ == 0) {
-    ZELTA_TRY(chooseFreeID(metaData_, table_, header, manager_, &objectID_));
+    ZELTA_TRY(chooseFreeID(metaData_, table_, header, access_.manager(), &objectID_));
   } else {
-    ZELTA_TRY(testFreeID(metaData_, table_, header, manager_, wantedID_, &blocker_));
+    ZELTA_TRY(testFreeID(metaData_, table_, header, access_.manager(), wantedID_, &blocker_));
     objectID_ = wantedID_;
   }
   constexpr std::uint16_t kFirstVersion = 1;
@@ -109,14 +93,14 @@ Result Addition::chooseID(const TableHeader_tag& header) {
   return {};
 }
 
-Result Addition::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
+Result Addition::store(KeyTrees& trees) {
   // All that can fail for want of memory comes before the object is stored.
   auto node = std::make_unique<UInt64AVLTree>();
   ZELTA_TRY(changes_.enter(trees));
   ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_,
                                {table_.objectData, table_.objectLength}, {}, nullptr));
-  if (const Result stored =
-          storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_);
+  if (const Result stored = storeObject(access_.manager(), access_.memoryHeader, table_,
+                                        table_.objectData, table_.objectLength, objectID_);
       stored.failed()) {
     table_.releaseCurrentKeys();
     return stored;
@@ -128,36 +112,27 @@ Result Addition::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
   return {};
 }
 
-/// Who holds what is wanted may have died without anybody having noticed yet.
-Result Addition::askForDead() {
-  askedForDead_ = true;
-  clearError(metaData_);
-  const Result result = clearDeadTransaction(metaData_, tables_, 0);
-  return result.isLocked() ? Result{} : result;
+/// Something is locked: lets its owner go on, or repairs what a dead one left.
+Result Addition::wait() {
+  if (blocker_ != 0) return waitForBlocker();
+  if (indexWaits_) ZELTA_TRY(retry_.repairDead());
+  return retry_.pause(wantedID_);
 }
 
-/// Something is locked: lets its owner go on, or repairs what a dead one left. No mutex is held.
-Result Addition::wait() {
-  if (blocker_ != 0) {
-    if (blocker_ == cleared_) {
-      return reportError(&metaData_, Own::idExists, table_.cName(), nullptr,
-                         static_cast<std::int64_t>(wantedID_));
-    }
-    const Result result = clearDeadTransaction(metaData_, tables_, blocker_);
-    if (result.isLocked()) {
-      platform::sleepMilliseconds(10);
-      return {};
-    }
-    cleared_ = blocker_;
-    return result;
-  }
-  if (lookForDead_) ZELTA_TRY(askForDead());
-  if (++passes_ >= kMaximumPasses) {
-    return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
+/// The slot of the wanted ID bears a mark. Whoever has made it may still give the ID up.
+Result Addition::waitForBlocker() {
+  if (blocker_ == cleared_) {
+    return reportError(&metaData_, Own::idExists, table_.cName(), nullptr,
                        static_cast<std::int64_t>(wantedID_));
   }
-  platform::sleepMilliseconds(passes_ < kQuickPasses ? 0 : 10);
-  return {};
+  const Result result = clearDeadTransaction(metaData_, tables_, blocker_);
+  if (result.isLocked()) {
+    constexpr std::uint32_t kPause = 10;  // ms
+    platform::sleepMilliseconds(kPause);
+    return {};
+  }
+  cleared_ = blocker_;
+  return result;
 }
 
 }  // namespace

@@ -7,7 +7,8 @@
 #include "objects/lock_position.h"
 #include "objects/object_access.h"
 #include "objects/object_buffer.h"
-#include "objects/read_bytes.h"
+#include "objects/read_version.h"
+#include "storage/memory_file.h"
 #include "storage/memory_file_remove.h"
 
 namespace zelta {
@@ -24,7 +25,7 @@ class Deletion final : public ObjectAccess {
         startIsOurs_(isOurs(request.table)) {}
 
  protected:
-  Result work(const TableHeader_tag& header, Located& found) override;
+  Result work(Located& found) override;
 
  private:
   static bool isOurs(const Table& table) {
@@ -33,7 +34,7 @@ class Deletion final : public ObjectAccess {
            (find(table.lockedObjects, id) != nullptr || find(table.editedObjects, id) != nullptr ||
             find(table.addedObjects, id) != nullptr);
   }
-  Result readVersion(const TableHeader_tag& header, const Located& found, ObjectBytes* object);
+  Result readOld(const Located& found, ObjectBytes* object);
   void record(std::uint64_t objectID);
 
   VersionKeys before_;
@@ -44,29 +45,22 @@ class Deletion final : public ObjectAccess {
 
 /// The version that goes: into the buffer, unless the object is there. What the caller may have
 /// changed in the buffer since it was stored has no part in the indexes.
-Result Deletion::readVersion(const TableHeader_tag& header, const Located& found,
-                             ObjectBytes* object) {
+Result Deletion::readOld(const Located& found, ObjectBytes* object) {
   if (startIsOurs_ && found.objectID == startID_) {
-    return readVersionAside(metaData_, table_, files_->manager, found, object);
+    return readVersionAside(access_, found, object);
   }
   startIsOurs_ = false;
-  if (found.memoryPosition != 0) {
-    ZELTA_TRY(readPendingObject(metaData_, table_, files_->manager, found));
-  } else {
-    ZELTA_TRY(readCommittedObject(metaData_, table_, header, found.objectID, found.tablePosition));
-  }
+  ZELTA_TRY(readVersion(access_, found));
   *object = {table_.objectData, table_.objectLength};
   return {};
 }
 
-Result Deletion::work(const TableHeader_tag& header, Located& found) {
+Result Deletion::work(Located& found) {
   ObjectBytes object;
-  ZELTA_TRY(readVersion(header, found, &object));
+  ZELTA_TRY(readOld(found, &object));
   ZELTA_TRY(before_.make(object));
-  const bool pending = found.memoryPosition != 0;
-  KeyTrees trees{files_->manager,
-                 {PageFile::memory, files_->memoryHeader.pageSize},
-                 {PageFile::index, files_->indexHeader.pageSize}};
+  const bool pending = found.isPending();
+  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
   ZELTA_TRY(
       changes_.plan(trees, found.objectID, before_, pending, none_, KeyChanges::Source::tested));
   // All that can fail for want of memory comes before the files are changed.
@@ -74,7 +68,7 @@ Result Deletion::work(const TableHeader_tag& header, Located& found) {
   ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
   if (pending) {
     ZELTA_TRY(changes_.enter(trees));
-    ZELTA_TRY(removeObject(files_->manager, files_->memoryHeader, table_, found.objectID));
+    ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, table_, found.objectID));
   }
   found.newLock.keep();
   changes_.finish();

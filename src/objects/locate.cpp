@@ -1,23 +1,10 @@
 #include "objects/locate.h"
 
-#include "index/index_file.h"
-#include "storage/memory_file.h"
+#include <cassert>
+
 #include "storage/memory_file_map.h"
 
 namespace zelta {
-
-Result ReadFiles::attach(const TableHeader_tag& header, bool writer, bool withIndexes) {
-  Table& table = manager.table;
-  const bool readIndexes = withIndexes && table.indexCount != 0;
-  if (writer) ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, manager, true));
-  if (readIndexes) {
-    ZELTA_TRY(openIndexFile(manager, indexHeader, &header, writer, true));
-  }
-  manager.attach(
-      readIndexes ? table.indexFile : platform::File::none, readIndexes ? &indexHeader : nullptr,
-      writer ? table.memoryFile : platform::File::none, writer ? &memoryHeader : nullptr);
-  return {};
-}
 
 namespace {
 
@@ -28,10 +15,6 @@ Result checkPosition(MetaData& metaData, const Table& table, const TableHeader_t
   return reportError(&metaData, Own::tableFile, table.cName(), extension::kTable,
                      static_cast<std::int64_t>(position));
 }
-
-}  // namespace
-
-namespace {
 
 /// Whether this transaction has the object locked. Those that it has deleted are never met.
 bool isLockedHere(const Table& table, std::uint64_t objectID) {
@@ -84,8 +67,7 @@ Result findPendingVersion(const ReadRequest& request, AtomicManager& manager, Lo
   ZELTA_TRY(findPendingObject(manager, out.objectID, &pending, &found));
   if (own) {
     if (found && pending.transaction == request.metaData.transactionWord) {
-      out.memoryPosition = pending.position;
-      out.memoryLength = pending.length;
+      out.pending = pending;
       out.blocker = 0;
       return {};
     }
@@ -101,42 +83,45 @@ Result findPendingVersion(const ReadRequest& request, AtomicManager& manager, Lo
 
 }  // namespace
 
-Result locateObject(const ReadRequest& request, const TableHeader_tag& header, ReadFiles* files,
-                    Located& out) {
+Result locateObject(const ReadRequest& request, TableAccess& access, Located& out) {
+  assert(access.owned() == request.writer);
   if (request.index == 0) {
-    ZELTA_TRY(walkIds(request, header, false, out));
+    ZELTA_TRY(walkIds(request, access.header, false, out));
   } else if (request.byTree()) {
-    ZELTA_TRY(walkTree(request, header, *files, out));
+    ZELTA_TRY(walkTree(request, access, out));
   } else if (request.table.searchInverted) {
-    ZELTA_TRY(walkIds(request, header, true, out));
+    ZELTA_TRY(walkIds(request, access.header, true, out));
   } else {
-    ZELTA_TRY(walkResults(request, header, out));
+    ZELTA_TRY(walkResults(request, access.header, out));
   }
   if (!request.writer || out.pendingElsewhere) return {};
-  return findPendingVersion(request, files->manager, out);
+  return findPendingVersion(request, access.manager(), out);
 }
 
-Result locateVersions(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                      AtomicManager& manager, std::uint64_t objectID, Located& out) {
+Result locateVersions(TableAccess& access, std::uint64_t objectID, Located& out) {
+  assert(access.owned());
+  MetaData& metaData = access.metaData;
+  const Table& table = access.table;
   out.objectID = objectID;
   const bool added = find(table.addedObjects, objectID) != nullptr;
   if (!added) {
     ObjectSlot slot{};
-    const SystemCode result = readSlotPosition(table.tableFile, header.slotBase, objectID, &slot);
+    const SystemCode result =
+        readSlotPosition(table.tableFile, access.header.slotBase, objectID, &slot);
     if (result != 0) return reportSystemError(&metaData, result, table.cName(), extension::kTable);
-    ZELTA_TRY(checkPosition(metaData, table, header, slot.position));  // a free slot is far above
+    // A free slot is far above.
+    ZELTA_TRY(checkPosition(metaData, table, access.header, slot.position));
     out.tablePosition = slot.position;
   }
   if (!added && find(table.editedObjects, objectID) == nullptr) return {};
-  PendingObject pending;
   bool found = false;
-  ZELTA_TRY(findPendingObject(manager, objectID, &pending, &found));
+  PendingObject pending;
+  ZELTA_TRY(findPendingObject(access.manager(), objectID, &pending, &found));
   if (!found || pending.transaction != metaData.transactionWord) {
     return reportError(&metaData, Own::objectNotFound, table.cName(), extension::kMemory,
                        static_cast<std::int64_t>(objectID));
   }
-  out.memoryPosition = pending.position;
-  out.memoryLength = pending.length;
+  out.pending = pending;
   return {};
 }
 

@@ -10,7 +10,9 @@
 #include "czelta.h"
 #include "objects/current_keys.h"
 #include "objects/read_request.h"
+#include "objects/table_access.h"
 #include "storage/atomic_manager.h"
+#include "storage/memory_file.h"
 #include "storage/paged_file.h"
 #include "storage/table.h"
 #include "storage/table_file.h"
@@ -53,46 +55,32 @@ class NewLock {
 /// What was found.
 struct Located {
   std::uint64_t objectID = 0;
-  std::uint64_t tablePosition = 0;   ///< record of the committed version; 0: only pending
-  std::uint64_t memoryPosition = 0;  ///< record of this transaction's pending version; 0: none
-  std::uint32_t memoryLength = 0;
-  std::uint32_t blocker = 0;      ///< another transaction that has left its mark on the object
-  bool blockerHasEntry = false;   ///< the mark is an entry in the memory file
-  bool locked = false;            ///< another handle has the object locked
-  bool pendingElsewhere = false;  ///< the nearest key is pending in another transaction
-  PooledKey key;                  ///< that led here
-  NewLock newLock;                ///< on the object, unless this transaction had it before
+  std::uint64_t tablePosition = 0;  ///< record of the committed version; 0: only pending
+  PendingObject pending;            ///< this transaction's pending version; position 0: none
+  std::uint32_t blocker = 0;        ///< another transaction that has left its mark on the object
+  bool blockerHasEntry = false;     ///< the mark is an entry in the memory file
+  bool locked = false;              ///< another handle has the object locked
+  bool pendingElsewhere = false;    ///< the nearest key is pending in another transaction
+  PooledKey key;                    ///< that led here
+  NewLock newLock;                  ///< on the object, unless this transaction had it before
+
+  [[nodiscard]] bool isPending() const { return pending.position != 0; }
 };
 
-/// The files of a table as a read needs them, opened and attached when they are.
-class ReadFiles {
- public:
-  ReadFiles(MetaData& metaData, Table& table) : manager(metaData, table) {}
+/// Finds the object. The access has its header; under the mutex its memory file is open, and for a
+/// request by tree its index file. Code 33: something is locked, see `Located::locked`; nothing is
+/// reported for it.
+Result locateObject(const ReadRequest& request, TableAccess& access, Located& out);
 
-  /// Opens the memory file (only writers have one) and with `withIndexes` the index file, and
-  /// reads their headers.
-  Result attach(const TableHeader_tag& header, bool writer, bool withIndexes);
-
-  AtomicManager manager;
-  MemoryFileHeader_tag memoryHeader{};
-  IndexFileHeader_tag indexHeader{};
-};
-
-/// Finds the object. `files` is null for a reader that goes by object ID. Code 33: something is
-/// locked, see `Located::locked`; nothing is reported for it.
-Result locateObject(const ReadRequest& request, const TableHeader_tag& header, ReadFiles* files,
-                    Located& out);
-
-/// Finds both versions of an object that this transaction has locked, changed or added.
-Result locateVersions(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                      AtomicManager& manager, std::uint64_t objectID, Located& out);
+/// Finds both versions of an object that this transaction has locked, changed or added. Under the
+/// mutex, with the memory file open.
+Result locateVersions(TableAccess& access, std::uint64_t objectID, Located& out);
 
 /// The roads of locateObject(). They fill `out` up to the object's slot.
 Result walkIds(const ReadRequest& request, const TableHeader_tag& header, bool inverted,
                Located& out);
 Result walkResults(const ReadRequest& request, const TableHeader_tag& header, Located& out);
-Result walkTree(const ReadRequest& request, const TableHeader_tag& header, ReadFiles& files,
-                Located& out);
+Result walkTree(const ReadRequest& request, TableAccess& access, Located& out);
 
 /// What a slot says of an object.
 enum class SlotState { inUse, free, locked };

@@ -5,16 +5,14 @@
 #include "frame/kept_error.h"
 #include "frame/slots.h"
 #include "objects/lock_position.h"
-#include "objects/object_buffer.h"
-#include "objects/read_bytes.h"
+#include "objects/read_version.h"
+#include "objects/stale_entries.h"
 #include "objects/upcalls.h"
-#include "schema/object_view.h"
 
 namespace zelta {
 
 namespace {
 
-constexpr std::uint32_t kMutexWait = 30000;  // ms
 /// Passes that an access may begin anew because it met and repaired remains of dead transactions.
 constexpr std::uint32_t kMaximumRepairs = 1000;
 
@@ -25,10 +23,7 @@ constexpr std::uint32_t kMaximumRepairs = 1000;
 Result ObjectAccess::run() {
   for (;;) {
     PassEnd end = pass();
-    if (mutex_.held()) {
-      const KeptError kept(metaData_);
-      mutex_.release().ignore();
-    }
+    access_.leave();
     if (!end.is(PassEnd::Kind::done) && looksTorn(end.result()) && seqlock_.retry()) {
       clearError(metaData_);
       continue;
@@ -81,7 +76,7 @@ bool ObjectAccess::waitsForDecided(Result result) {
 }
 
 Result ObjectAccess::waitOrFail(const PassEnd& blocked) {
-  assert(!mutex_.held());
+  assert(!access_.owned());
   const bool byLock = blocked.is(PassEnd::Kind::blockedByLock);
   bool mayGoOn = wait_.again();
   if (!mayGoOn && wait_.mayExtend()) {
@@ -106,10 +101,8 @@ Result ObjectAccess::waitOrFail(const PassEnd& blocked) {
 Result ObjectAccess::isAhead(bool* ahead) {
   *ahead = isAheadOfLockPosition(metaData_, table_, nullptr);
   if (!comparesLockKeys(metaData_, table_)) return {};
-  std::uint32_t length = 0;
-  const Result read = readCommittedAside(metaData_, table_, metPosition_, &length);
-  const ObjectBytes object{metaData_.scratchFor(Scratch::object).data(), length};
-  if (read.failed() || objectIdOf(table_, object.data) != metID_) {
+  ObjectBytes object;
+  if (readCommittedAside(metaData_, table_, metID_, metPosition_, &object).failed()) {
     clearError(metaData_);
     return {};
   }
@@ -122,39 +115,37 @@ Result ObjectAccess::isAhead(bool* ahead) {
 // -- A pass ---------------------------------------------------------------------------------------
 
 PassEnd ObjectAccess::pass() {
-  TableHeader_tag header{};
   table_.currentObjectID = startID_;
   headerRead_ = false;
   final_ = false;
   metID_ = 0;
   metPosition_ = 0;
   Located found;
-  if (const Result opened = openPass(header); opened.failed()) {
+  if (const Result opened = openPass(); opened.failed()) {
     // To a writer: an object waits for its content from the log, and an index for the object.
     const PassEnd end = opened;
     return request_.writer && opened.isLocked() ? repairDead(end, found) : end;
   }
-  const PassEnd located = locate(header, found);
+  const PassEnd located = locate(found);
   if (!located.is(PassEnd::Kind::done)) return located;
-  const Result end = finishPass(header, found);
+  const Result end = finishPass(found);
   if (!mayBeStale(end, found)) return end;
   clearError(metaData_);
   return repairDead(PassEnd::again(), found);
 }
 
-Result ObjectAccess::openPass(TableHeader_tag& header) {
-  if (request_.writer) ZELTA_TRY(mutex_.acquire(metaData_, table_, kMutexWait));
+Result ObjectAccess::openPass() {
+  if (request_.writer) ZELTA_TRY(access_.acquire(kTableMutexWait));
   if (!request_.writer && !seqlock_.begin()) return Result::locked();
-  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, request_.writer));
+  ZELTA_TRY(access_.readHeader());
   headerRead_ = true;
-  if (!request_.writer && !request_.byTree()) return {};
-  if (!files_) files_.emplace(metaData_, table_);
-  return files_->attach(header, request_.writer, request_.byTree());
+  if (request_.writer) ZELTA_TRY(access_.openMemory());
+  return request_.byTree() ? access_.openIndex() : Result{};
 }
 
 /// Finds the object. `done`: nobody keeps it from this access.
-PassEnd ObjectAccess::locate(const TableHeader_tag& header, Located& found) {
-  const Result result = locateObject(request_, header, files_ ? &*files_ : nullptr, found);
+PassEnd ObjectAccess::locate(Located& found) {
+  const Result result = locateObject(request_, access_, found);
   metID_ = found.objectID;
   metPosition_ = found.tablePosition;
   if (result.isLocked()) {
@@ -172,13 +163,13 @@ PassEnd ObjectAccess::locate(const TableHeader_tag& header, Located& found) {
                        static_cast<std::int64_t>(found.objectID));
   }
   if (found.blocker == 0 || request_.noLock) return Result{};
-  return meetBlocker(header, found);
+  return meetBlocker(found);
 }
 
-Result ObjectAccess::finishPass(const TableHeader_tag& header, Located& found) {
-  assert(mutex_.held() == request_.writer);
+Result ObjectAccess::finishPass(Located& found) {
+  assert(access_.owned() == request_.writer);
   table_.currentObjectID = 0;
-  ZELTA_TRY(work(header, found));
+  ZELTA_TRY(work(found));
   table_.currentObjectID = found.objectID;
   return {};
 }
@@ -186,7 +177,7 @@ Result ObjectAccess::finishPass(const TableHeader_tag& header, Located& found) {
 Result ObjectAccess::releaseMutex() {
   if (!request_.writer && seqlock_.torn()) return Result::locked();
   final_ = true;  // the keys that the walk set out from are given up now
-  return mutex_.release();
+  return access_.release();
 }
 
 Result ObjectAccess::moveCursors(Located& found, ObjectBytes object) {
@@ -209,20 +200,20 @@ bool ObjectAccess::mayBeStale(Result result, const Located& found) const {
 }
 
 /// Another transaction has left its mark on an object that nobody has locked.
-PassEnd ObjectAccess::meetBlocker(const TableHeader_tag& header, Located& found) {
+PassEnd ObjectAccess::meetBlocker(Located& found) {
   if (found.blocker == kExclusiveNumber || found.blocker == endedTransaction_) {
-    return dropStaleEntries(header, found);
+    return dropStaleEntries(found);
   }
   return repairDead(PassEnd::blockedBy(found.blocker), found);
 }
 
 /// The transaction is gone and will not come back for its mark.
-PassEnd ObjectAccess::dropStaleEntries(const TableHeader_tag& header, const Located& found) {
+PassEnd ObjectAccess::dropStaleEntries(const Located& found) {
   if (!found.blockerHasEntry) {
     if (found.blocker == kExclusiveNumber) return Result{};
-    return eraseSlotTransaction(metaData_, table_, header.slotBase, found.objectID);
+    return eraseSlotTransaction(access_, found.objectID);
   }
-  ZELTA_TRY(dropTransactionEntries(metaData_, table_, *files_, found.blocker));
+  ZELTA_TRY(dropTransactionEntries(access_, found.blocker));
   return PassEnd::again();
 }
 
@@ -233,7 +224,7 @@ PassEnd ObjectAccess::dropStaleEntries(const TableHeader_tag& header, const Loca
 PassEnd ObjectAccess::repairDead(PassEnd blocked, Located& found) {
   assert(request_.writer);
   found.newLock.giveBack();
-  ZELTA_TRY(mutex_.release());
+  ZELTA_TRY(access_.release());
   const std::uint32_t number = blocked.transaction();
   bool repaired = false;
   const Result result = number == 0 ? clearAllDead(metaData_, tables_, &repaired)

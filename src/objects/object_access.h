@@ -11,13 +11,13 @@
 #define ZELTA_OBJECTS_OBJECT_ACCESS_H
 
 #include <cstdint>
-#include <optional>
 
 #include "czelta.h"
 #include "objects/current_keys.h"
 #include "objects/locate.h"
 #include "objects/lock_wait.h"
 #include "objects/read_request.h"
+#include "objects/table_access.h"
 #include "storage/seqlock_reader.h"
 
 namespace zelta {
@@ -62,6 +62,7 @@ class ObjectAccess {
         tables_(tables),
         table_(request.table),
         request_(request),
+        access_(request.metaData, request.table),
         startID_(request.table.currentObjectID),
         wait_(request.flags),
         seqlock_(request.table) {}
@@ -78,7 +79,7 @@ class ObjectAccess {
  protected:
   /// What is done with the object, under the mutex if the transaction may write. It is locked then;
   /// `found.newLock` keeps the lock if it is told so.
-  virtual Result work(const TableHeader_tag& header, Located& found) = 0;
+  virtual Result work(Located& found) = 0;
 
   /// The end of what a pass reads: no other pass follows. Code 33, for a reader: what it has read
   /// is torn.
@@ -90,24 +91,23 @@ class ObjectAccess {
   UInt32AVLTree*& tables_;
   Table& table_;
   const ReadRequest& request_;
-  std::optional<ReadFiles> files_;
+  TableAccess access_;
   const std::uint64_t startID_;  ///< object that every pass sets out from
 
  private:
   PassEnd pass();
-  Result openPass(TableHeader_tag& header);
-  PassEnd locate(const TableHeader_tag& header, Located& found);
-  Result finishPass(const TableHeader_tag& header, Located& found);
+  Result openPass();
+  PassEnd locate(Located& found);
+  Result finishPass(Located& found);
   [[nodiscard]] bool looksTorn(Result result) const;
   [[nodiscard]] bool mayBeStale(Result result, const Located& found) const;
-  PassEnd meetBlocker(const TableHeader_tag& header, Located& found);
-  PassEnd dropStaleEntries(const TableHeader_tag& header, const Located& found);
+  PassEnd meetBlocker(Located& found);
+  PassEnd dropStaleEntries(const Located& found);
   PassEnd repairDead(PassEnd blocked, Located& found);
   bool waitsForDecided(Result result);
   Result waitOrFail(const PassEnd& blocked);
   Result isAhead(bool* ahead);
 
-  TableMutexGuard mutex_;
   LockWait wait_;
   SeqlockReader seqlock_;  ///< used by readers alone
   std::uint32_t entry_ = 0;

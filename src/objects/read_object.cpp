@@ -3,7 +3,7 @@
 #include "objects/lock_position.h"
 #include "objects/object_access.h"
 #include "objects/object_buffer.h"
-#include "objects/read_bytes.h"
+#include "objects/read_version.h"
 
 namespace zelta {
 
@@ -14,13 +14,8 @@ class Read final : public ObjectAccess {
   using ObjectAccess::ObjectAccess;
 
  protected:
-  Result work(const TableHeader_tag& header, Located& found) override {
-    if (found.memoryPosition != 0) {
-      ZELTA_TRY(readPendingObject(metaData_, table_, files_->manager, found));
-    } else {
-      ZELTA_TRY(
-          readCommittedObject(metaData_, table_, header, found.objectID, found.tablePosition));
-    }
+  Result work(Located& found) override {
+    ZELTA_TRY(readVersion(access_, found));
     ZELTA_TRY(releaseMutex());
     const ObjectBytes object{table_.objectData, table_.objectLength};
     ZELTA_TRY(moveCursors(found, object));

@@ -6,7 +6,7 @@
 #include "objects/current_keys.h"
 #include "objects/key_changes.h"
 #include "objects/locate.h"
-#include "objects/read_bytes.h"
+#include "objects/read_version.h"
 #include "storage/memory_file.h"
 #include "storage/memory_file_remove.h"
 #include "storage/table_file.h"
@@ -25,7 +25,7 @@ class Restoration {
         table_(table),
         objectID_(objectID),
         unlock_(unlock),
-        manager_(metaData, table),
+        access_(metaData, table),
         pendingKeys_(metaData, table),
         committedKeys_(metaData, table),
         changes_(metaData, table) {}
@@ -34,14 +34,14 @@ class Restoration {
   Result run(UInt64AVLTree*& changed);
 
  private:
-  Result readVersions(const TableHeader_tag& header, bool added);
+  Result readVersions(bool added);
   void record(UInt64AVLTree*& changed, bool added);
 
   MetaData& metaData_;
   Table& table_;
   const std::uint64_t objectID_;
   const bool unlock_;
-  AtomicManager manager_;
+  TableAccess access_;
   VersionKeys pendingKeys_;
   VersionKeys committedKeys_;
   KeyChanges changes_;
@@ -50,32 +50,26 @@ class Restoration {
 };
 
 /// Makes the keys of both versions, the committed one last: its bytes stay at hand.
-Result Restoration::readVersions(const TableHeader_tag& header, bool added) {
-  ZELTA_TRY(locateVersions(metaData_, table_, header, manager_, objectID_, found_));
-  if (found_.memoryPosition != 0) {
+Result Restoration::readVersions(bool added) {
+  ZELTA_TRY(locateVersions(access_, objectID_, found_));
+  if (found_.isPending()) {
     ObjectBytes pending;
-    ZELTA_TRY(readVersionAside(metaData_, table_, manager_, found_, &pending));
+    ZELTA_TRY(readVersionAside(access_, found_, &pending));
     ZELTA_TRY(pendingKeys_.make(pending));
   }
   if (added) return {};
-  Located slot;
-  slot.objectID = objectID_;
-  slot.tablePosition = found_.tablePosition;
-  ZELTA_TRY(readVersionAside(metaData_, table_, manager_, slot, &committed_));
+  ZELTA_TRY(readCommittedAside(metaData_, table_, objectID_, found_.tablePosition, &committed_));
   return committedKeys_.make(committed_);
 }
 
 Result Restoration::run(UInt64AVLTree*& changed) {
   const bool added = &changed == &table_.addedObjects;
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData_, table_, kMutexWait));
-  TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
-  MemoryFileHeader_tag memoryHeader;
-  ZELTA_TRY(attachMemoryFile(table_, memoryHeader, manager_));
-  ZELTA_TRY(readVersions(header, added));
-  KeyTrees trees{manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, 0}};
-  const bool pending = found_.memoryPosition != 0;
+  ZELTA_TRY(access_.acquire(kMutexWait));
+  ZELTA_TRY(access_.readHeader());
+  ZELTA_TRY(access_.openMemory());
+  ZELTA_TRY(readVersions(added));
+  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
+  const bool pending = found_.isPending();
   ZELTA_TRY(changes_.plan(trees, objectID_, pendingKeys_, pending, committedKeys_,
                           KeyChanges::Source::committed));
   // All that can fail for want of memory comes before the files are changed.
@@ -85,12 +79,12 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   }
   if (pending) {
     ZELTA_TRY(changes_.enter(trees));
-    ZELTA_TRY(removeObject(manager_, memoryHeader, table_, objectID_));
+    ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, table_, objectID_));
   }
   keys.keep();
   changes_.finish();
   record(changed, added);
-  return guard.release();
+  return access_.release();
 }
 
 void Restoration::record(UInt64AVLTree*& changed, bool added) {

@@ -2,15 +2,14 @@
 
 #include <cstring>
 
-#include "index/index_file.h"
 #include "index/kinds.h"
 #include "objects/current_keys.h"
 #include "objects/key_changes.h"
 #include "objects/locate.h"
 #include "objects/object_buffer.h"
-#include "objects/read_bytes.h"
-#include "objects/upcalls.h"
-#include "platform/clock.h"
+#include "objects/read_version.h"
+#include "objects/table_access.h"
+#include "objects/write_retry.h"
 #include "storage/memory_file.h"
 #include "storage/memory_file_store.h"
 
@@ -18,9 +17,7 @@ namespace zelta {
 
 namespace {
 
-constexpr std::uint32_t kMutexWait = 30000;  // ms
-constexpr int kMaximumPasses = 150;
-constexpr std::uint32_t kPause = 10;  // ms
+constexpr WriteRetry::Limits kRetries{150, 0};
 constexpr std::uint16_t kLastVersion = 65534;
 
 /// Raises the version word of the object in the buffer, and puts it back unless told otherwise.
@@ -47,89 +44,64 @@ class Rewriting {
  public:
   Rewriting(MetaData& metaData, UInt32AVLTree*& tables, Table& table)
       : metaData_(metaData),
-        tables_(tables),
         table_(table),
         objectID_(table.currentObjectID),
-        manager_(metaData, table),
+        access_(metaData, table),
+        retry_(tables, access_, kRetries),
         before_(metaData, table),
         after_(metaData, table),
         changes_(metaData, table) {}
 
-  Result run();
+  Result run() {
+    return retry_.run(
+        changes_, [this] { return pass(); }, [this] { return wait(); });
+  }
 
  private:
   Result pass();
-  Result store(MemoryFileHeader_tag& header, KeyTrees& trees);
-  Result askForDead();
+  Result store(KeyTrees& trees);
+  Result wait();
 
   MetaData& metaData_;
-  UInt32AVLTree*& tables_;
   Table& table_;
   const std::uint64_t objectID_;
-  AtomicManager manager_;
+  TableAccess access_;
+  WriteRetry retry_;
   VersionKeys before_;
   VersionKeys after_;
   KeyChanges changes_;
 };
 
-Result Rewriting::run() {
-  bool askedForDead = false;
-  for (int passes = 0;;) {
-    const Result result = pass();
-    const bool keyHeld = result.is(Own::keyExists) && changes_.heldByOthers();
-    changes_.clear();
-    if (keyHeld && !askedForDead) {
-      askedForDead = true;
-      clearError(metaData_);
-      ZELTA_TRY(askForDead());
-      continue;
-    }
-    if (!result.isLocked()) return result;
-    if (++passes == kMaximumPasses) {
-      return reportError(&metaData_, Own::objectLocked, table_.cName(), nullptr,
-                         static_cast<std::int64_t>(objectID_));
-    }
-    ZELTA_TRY(askForDead());
-    platform::sleepMilliseconds(kPause);
-  }
-}
-
 Result Rewriting::pass() {
   // The changes take keys out of it.
   ZELTA_TRY(after_.make({table_.objectData, table_.objectLength}));
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData_, table_, kMutexWait));
-  TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header, true));
-  MemoryFileHeader_tag memoryHeader;
-  ZELTA_TRY(attachMemoryFile(table_, memoryHeader, manager_));
+  ZELTA_TRY(access_.acquire(kTableMutexWait));
+  ZELTA_TRY(access_.readHeader());
+  ZELTA_TRY(access_.openMemory());
   Located found;
   ObjectBytes old;
-  ZELTA_TRY(locateVersions(metaData_, table_, header, manager_, objectID_, found));
-  ZELTA_TRY(readVersionAside(metaData_, table_, manager_, found, &old));
+  ZELTA_TRY(locateVersions(access_, objectID_, found));
+  ZELTA_TRY(readVersionAside(access_, found, &old));
   ZELTA_TRY(before_.make(old));
-
-  KeyTrees trees{manager_, {PageFile::memory, memoryHeader.pageSize}, {PageFile::index, 0}};
-  if (!sameKeys(table_, before_, after_)) {
-    IndexFileHeader_tag indexHeader;
-    ZELTA_TRY(openIndexFile(manager_, indexHeader, &header, true, true));
-    manager_.attach(table_.indexFile, &indexHeader, table_.memoryFile, &memoryHeader);
-    trees.committed.pageSize = indexHeader.pageSize;
-    ZELTA_TRY(changes_.plan(trees, objectID_, before_, found.memoryPosition != 0, after_,
+  const bool newKeys = !sameKeys(table_, before_, after_);
+  if (newKeys) ZELTA_TRY(access_.openIndex());
+  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
+  if (newKeys) {
+    ZELTA_TRY(changes_.plan(trees, objectID_, before_, found.isPending(), after_,
                             KeyChanges::Source::tested));
   }
-  ZELTA_TRY(store(memoryHeader, trees));
-  return guard.release();
+  ZELTA_TRY(store(trees));
+  return access_.release();
 }
 
-Result Rewriting::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
+Result Rewriting::store(KeyTrees& trees) {
   ZELTA_TRY(changes_.enter(trees));
   // All that can fail for want of memory comes before the object is stored.
   CurrentKeysChange keys(table_);
   ZELTA_TRY(keys.make(metaData_, objectID_, {table_.objectData, table_.objectLength}));
   RaisedVersion version(table_.objectData);
-  ZELTA_TRY(
-      storeObject(manager_, header, table_, table_.objectData, table_.objectLength, objectID_));
+  ZELTA_TRY(storeObject(access_.manager(), access_.memoryHeader, table_, table_.objectData,
+                        table_.objectLength, objectID_));
   version.keep();
   keys.keep();
   if (UInt64AVLTree* node = find(table_.lockedObjects, objectID_); node != nullptr) {
@@ -140,10 +112,10 @@ Result Rewriting::store(MemoryFileHeader_tag& header, KeyTrees& trees) {
   return {};
 }
 
-/// Who holds what is wanted may have died without anybody having noticed yet. No mutex is held.
-Result Rewriting::askForDead() {
-  const Result result = clearDeadTransaction(metaData_, tables_, 0);
-  return result.isLocked() ? Result{} : result;
+/// Something is locked, and its owner may be dead.
+Result Rewriting::wait() {
+  ZELTA_TRY(retry_.pause(objectID_));
+  return retry_.repairDead();
 }
 
 /// Whether the current object is this transaction's to rewrite.

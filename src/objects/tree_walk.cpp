@@ -11,15 +11,15 @@ namespace {
 
 class TreeWalk {
  public:
-  TreeWalk(const ReadRequest& request, ReadFiles& files, Located& out)
+  TreeWalk(const ReadRequest& request, TableAccess& access, Located& out)
       : request_(request),
         table_(request.table),
         index_(request.index - 1),
         shape_(table_.keyShape(index_)),
-        committed_(request.metaData, table_, {PageFile::index, files.indexHeader.pageSize},
-                   files.manager, index_, table_.pageBuffers[0]),
-        pending_(request.metaData, table_, {PageFile::memory, files.memoryHeader.pageSize},
-                 files.manager, index_, table_.pageBuffers[1]),
+        committed_(request.metaData, table_, access.committedTrees(), access.manager(), index_,
+                   table_.pageBuffers[0]),
+        pending_(request.metaData, table_, access.pendingTrees(), access.manager(), index_,
+                 table_.pageBuffers[1]),
         out_(out) {}
 
   Result run();
@@ -113,13 +113,12 @@ Result TreeWalk::run() {
 
 }  // namespace
 
-Result walkTree(const ReadRequest& request, const TableHeader_tag& header, ReadFiles& files,
-                Located& out) {
-  ZELTA_TRY(TreeWalk(request, files, out).run());
+Result walkTree(const ReadRequest& request, TableAccess& access, Located& out) {
+  ZELTA_TRY(TreeWalk(request, access, out).run());
   if (out.pendingElsewhere || find(request.table.addedObjects, out.objectID) != nullptr) return {};
   SlotState state = SlotState::free;
-  if (out.objectID != 0 && out.objectID <= header.highestID) {
-    ZELTA_TRY(inspectSlot(request, header, out, &state));
+  if (out.objectID != 0 && out.objectID <= access.header.highestID) {
+    ZELTA_TRY(inspectSlot(request, access.header, out, &state));
   }
   if (state == SlotState::locked) return Result::locked();
   if (state == SlotState::inUse) return {};

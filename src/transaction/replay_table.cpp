@@ -10,9 +10,9 @@
 #include "index/index_commit.h"
 #include "index/index_file.h"
 #include "index/kinds.h"
-#include "objects/read_bytes.h"
 #include "objects/version_keys.h"
 #include "platform/file_io.h"
+#include "schema/record_reader.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
 #include "storage/table_recovery.h"
@@ -151,26 +151,19 @@ Result TableReplay::readOld(std::uint64_t id, ObjectBytes* object) {
   ObjectSlot slot{};
   ZELTA_TRY(reportTable(metaData_, table_.cName(),
                         readSlotPosition(table_.tableFile, header_.slotBase, id, &slot)));
-  const std::uint32_t lead = table_.isFixed() ? 0 : kRecordHead;
+  const auto damaged = [&] {
+    return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
+  };
   if (slot.isFree() || slot.position < header_.objectAreaStart ||
       slot.position >= header_.endOfFile) {
-    return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
+    return damaged();
   }
-  std::uint16_t version = 0;
-  ZELTA_TRY(
-      reportTable(metaData_, table_.cName(),
-                  readBuffer(table_.tableFile, slot.position + lead, &version, sizeof version)));
-  if (version == kPlaceholderVersion) return {};
-  std::uint32_t length = 0;
-  ZELTA_TRY(readCommittedAside(metaData_, table_, slot.position, &length));
-  const char* bytes = metaData_.scratchFor(Scratch::object).data();
-  std::uint64_t stored = 0;
-  std::memcpy(&stored, bytes + sizeof version, table_.idSize());
-  if (stored != id) {
-    return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
-  }
-  *object = {bytes, length};
-  return {};
+  RecordReader reader = RecordReader::aside(metaData_, table_);
+  const RecordRules rules{RecordRules::kUnknown, table_.minimumObjectSize};
+  const RecordFault fault =
+      reader.fetch(id, slot.position, rules, header_.defaultObjectSize, object);
+  if (fault.is(RecordFault::Kind::placeholder)) return {};
+  return fault.is(RecordFault::Kind::otherObject) ? damaged() : reader.report(fault);
 }
 
 Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {

@@ -1,0 +1,91 @@
+// The files of a table as one operation works on them.
+//
+// A pass of an operation goes acquire() -> readHeader() -> openMemory(), openIndex() -> work ->
+// release(). All that is opened belongs to this pass: another one begins with acquire() and reads
+// all headers anew, as others may have changed the files in between. Who opens a file under the
+// mutex repairs what a dead process has left in it.
+
+#ifndef ZELTA_OBJECTS_TABLE_ACCESS_H
+#define ZELTA_OBJECTS_TABLE_ACCESS_H
+
+#include <cassert>
+#include <cstdint>
+#include <optional>
+
+#include "index/bplus_tree.h"
+#include "storage/atomic_manager.h"
+#include "storage/memory_file.h"
+#include "storage/paged_file.h"
+#include "storage/table.h"
+#include "storage/table_file.h"
+
+namespace zelta {
+
+/// How long an operation on objects waits for a table's mutex.
+inline constexpr std::uint32_t kTableMutexWait = 30000;  // ms
+
+class TableAccess {
+ public:
+  TableAccess(MetaData& metaDataIn, Table& tableIn)
+      : metaData(metaDataIn), table(tableIn), mutex_(ownMutex_) {}
+  /// Within a pass of the caller's, who owns the table's mutex by `owned` and releases it.
+  TableAccess(MetaData& metaDataIn, Table& tableIn, TableMutexGuard& owned)
+      : metaData(metaDataIn), table(tableIn), mutex_(owned) {
+    assert(owned.held());
+  }
+  TableAccess(const TableAccess&) = delete;
+  TableAccess& operator=(const TableAccess&) = delete;
+
+  /// Waits for the table's mutex. Without it the files are open for reading alone: there is no
+  /// repair, and no memory file.
+  Result acquire(std::uint32_t milliseconds);
+  /// To be called under the mutex before committed state is changed.
+  void announceChange();
+  Result release() { return mutex_.release(); }
+  /// Releases the mutex if it is owned still. What led here counts: a failure leaves no text.
+  void leave();
+  [[nodiscard]] bool owned() const { return mutex_.held(); }
+
+  Result readHeader();
+  /// Opens the memory file, whose pages the manager has from now on. Pages that it held are gone.
+  Result openMemory();
+  /// The same for the index file. After readHeader(). Code 33: the file must be built, and an
+  /// object waits for its content from the log.
+  Result openIndex();
+
+  /// The pages of the files that are open. After openMemory() or openIndex().
+  [[nodiscard]] AtomicManager& manager() {
+    assert(manager_);
+    return *manager_;
+  }
+  [[nodiscard]] const AtomicManager& manager() const {
+    assert(manager_);
+    return *manager_;
+  }
+  [[nodiscard]] TreeFile pendingTrees() const {
+    return {PageFile::memory, memoryOpen_ ? memoryHeader.pageSize : 0};
+  }
+  [[nodiscard]] TreeFile committedTrees() const {
+    return {PageFile::index, indexOpen_ ? indexHeader.pageSize : 0};
+  }
+
+  MetaData& metaData;
+  Table& table;
+  TableHeader_tag header{};
+  MemoryFileHeader_tag memoryHeader{};
+  IndexFileHeader_tag indexHeader{};
+
+ private:
+  AtomicManager& needManager();
+  void attach();
+
+  TableMutexGuard ownMutex_;
+  TableMutexGuard& mutex_;
+  std::optional<AtomicManager> manager_;  ///< a reader by ID does without it
+  bool memoryOpen_ = false;
+  bool indexOpen_ = false;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_TABLE_ACCESS_H
