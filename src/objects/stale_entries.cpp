@@ -26,7 +26,7 @@ Result dropTransactionEntries(TableAccess& access, std::uint32_t number) {
   } entries;
   Table& table = access.table;
   AtomicManager& manager = access.manager();
-  ZELTA_TRY(collectTransaction(manager, number, entries.ids, nullptr));
+  ZELTA_TRY(collectTransaction(manager, number, &entries.ids, nullptr));
   if (entries.ids != nullptr) {
     for (std::uint32_t i = 0; i < table.indexCount; ++i) {
       if (table.listKind(i)) continue;
