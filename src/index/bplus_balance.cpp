@@ -57,10 +57,10 @@ Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BP
     const std::uint64_t previous = left.previous();
     const std::uint64_t next = right.next();
     if (keepLeft) {
-      ZELTA_TRY(walk.relink(0, 0, next, pair.leftPosition, kSpareBuffer));
+      ZELTA_TRY(walk.relink(0, 0, next, pair.leftPosition, PageRole::spare));
       left.setNext(next);
     } else {
-      ZELTA_TRY(walk.relink(previous, pair.rightPosition, 0, 0, kSpareBuffer));
+      ZELTA_TRY(walk.relink(previous, pair.rightPosition, 0, 0, PageRole::spare));
       right.setPrevious(previous);
     }
   }
@@ -84,7 +84,7 @@ Result collapseRoot(BPlusWalk& walk, bool* collapsed) {
   BPlusNode node;
   *collapsed = false;
   const std::uint64_t position = walk.root();
-  ZELTA_TRY(walk.load(position, node, kNodeBuffer));
+  ZELTA_TRY(walk.load(position, node, PageRole::node));
   if (node.leaf() || node.count() != 0) return {};
   *collapsed = true;
   walk.root() = node.child(0);
@@ -123,7 +123,8 @@ Result Removal::run(const std::uint32_t* key, std::uint64_t objectID) {
   ZELTA_TRY(walk_.descend(key, path_, leaf));
   level_ = path_.last();
   const BPlusNode::Place place = leaf.lower(key);
-  if (!place.equal || leaf.objectID(place.number) != objectID) return walk_.keyMissing(objectID);
+  if (!place.equal || leaf.objectID(place.number) != objectID)
+    return walk_.tree.keyMissing(objectID);
   return leaf.count() > 1 ? removeEntry(leaf, place.number) : removeLeaf(leaf);
 }
 
@@ -143,11 +144,11 @@ Result Removal::removeLeaf(BPlusNode& leaf) {
   const std::uint64_t previous = leaf.previous();
   const std::uint64_t next = leaf.next();
   const std::uint32_t size = leaf.size();
-  ZELTA_TRY(walk_.relink(previous, next, next, previous, kSiblingBuffer));
+  ZELTA_TRY(walk_.relink(previous, next, next, previous, PageRole::sibling));
   ZELTA_TRY(walk_.free(position, size));
   if (next != 0 && path_.equalLevel != BPlusPath::kMaximumDepth) {
     BPlusNode following;
-    ZELTA_TRY(walk_.loadLeaf(next, following, kNodeBuffer));
+    ZELTA_TRY(walk_.loadLeaf(next, following, PageRole::node));
     separator_.assign(walk_.shape, following.key(0));
     ZELTA_TRY(
         walk_.replaceSeparator(path_, path_.equalLevel, path_.equalSeparator, separator_.get()));
@@ -178,7 +179,7 @@ Result Removal::settle(bool vanished) {
 Result Removal::dropChild(bool* vanished) {
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   BPlusNode parent;
-  ZELTA_TRY(walk_.load(up.position, parent, kParentBuffer));
+  ZELTA_TRY(walk_.load(up.position, parent, PageRole::parent));
   if (parent.leaf() || up.child > parent.count()) return walk_.corrupted();
   *vanished = parent.count() == 0;
   if (*vanished) return walk_.free(up.position, parent.size());
@@ -192,10 +193,10 @@ Result Removal::balance(bool* joined) {
   *joined = false;
   ZELTA_TRY(walk_.look(path_.steps[level_].position, node));
   if (!node.fillBelow(kThin)) return {};
-  ZELTA_TRY(walk_.load(path_.steps[level_].position, node, kNodeBuffer));
+  ZELTA_TRY(walk_.load(path_.steps[level_].position, node, PageRole::node));
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   BPlusNode parent;
-  ZELTA_TRY(walk_.load(up.position, parent, kParentBuffer));
+  ZELTA_TRY(walk_.load(up.position, parent, PageRole::parent));
   if (parent.leaf() || up.child > parent.count()) return walk_.corrupted();
   if (!(walk_.shape.variable && node.leaf() && node.count() >= kManyKeys)) {
     if (up.child < parent.count()) ZELTA_TRY(tryJoin(parent, up.child, node, true, joined));
@@ -212,7 +213,7 @@ Result Removal::tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node
   BPlusNode sibling;
   const std::uint64_t position = path_.steps[level_].position;
   const std::uint64_t siblingPosition = parent.child(nodeIsLeft ? number + 1 : number);
-  ZELTA_TRY(walk_.load(siblingPosition, sibling, kSiblingBuffer));
+  ZELTA_TRY(walk_.load(siblingPosition, sibling, PageRole::sibling));
   const BPlusPair pair = nodeIsLeft ? BPlusPair{&node, position, &sibling, siblingPosition}
                                     : BPlusPair{&sibling, siblingPosition, &node, position};
   return joinChildren(walk_, parent, number, pair, joined);
@@ -226,7 +227,7 @@ Result Removal::share(BPlusNode& parent, BPlusNode& node) {
   const std::uint32_t number = nodeIsLeft ? up.child : up.child - 1;
   const std::uint64_t siblingPosition = parent.child(nodeIsLeft ? number + 1 : number);
   BPlusNode sibling;
-  ZELTA_TRY(walk_.load(siblingPosition, sibling, kSiblingBuffer));
+  ZELTA_TRY(walk_.load(siblingPosition, sibling, PageRole::sibling));
   if (sibling.leaf() != node.leaf() || siblingPosition == position) return walk_.corrupted();
   const BPlusPair pair = nodeIsLeft ? BPlusPair{&node, position, &sibling, siblingPosition}
                                     : BPlusPair{&sibling, siblingPosition, &node, position};
@@ -298,9 +299,8 @@ Result Removal::moveLeft(BPlusPair pair, const std::uint32_t* separator, std::ui
 
 }  // namespace
 
-Result bplusRemove(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID) {
-  BPlusWalk walk(metaData, table, file, manager, index, BPlusWalk::Purpose::search);
+Result bplusRemove(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
+  BPlusWalk walk(tree, BPlusWalk::Purpose::search);
   return Removal(walk).run(key, objectID);
 }
 

@@ -37,8 +37,7 @@ Result Insertion::run(const std::uint32_t* key, std::uint64_t objectID) {
   ZELTA_TRY(walk_.descend(key, path_, leaf));
   const BPlusNode::Place place = leaf.lower(key);
   if (place.equal) {
-    return reportError(&walk_.metaData, Own::keyExists, walk_.table.cName(), nullptr,
-                       static_cast<std::int64_t>(leaf.objectID(place.number)), walk_.index);
+    return walk_.tree.keyExists(leaf.objectID(place.number));
   }
   if (leaf.fits(walk_.shape.words(key))) {
     leaf.insert(place.number, place.offset, key, objectID);
@@ -53,8 +52,8 @@ Result Insertion::plantRoot(const std::uint32_t* key, std::uint64_t objectID) {
   BPlusNode leaf;
   std::uint64_t position = 0;
   const std::uint64_t bytes =
-      bplusFirstNodeBytes(walk_.shape, walk_.file.pageSize, walk_.shape.words(key));
-  ZELTA_TRY(walk_.allocate(bytes, true, leaf, &position, kNodeBuffer));
+      bplusFirstNodeBytes(walk_.shape, walk_.tree.pageSize(), walk_.shape.words(key));
+  ZELTA_TRY(walk_.allocate(bytes, true, PageRole::node, leaf, &position));
   leaf.append(key, objectID);
   ZELTA_TRY(walk_.store(position, leaf));
   walk_.root() = position;
@@ -67,7 +66,7 @@ Result Insertion::climb(BPlusNode& node, BPlusPending pending) {
     ZELTA_TRY(split(node, path_.steps[level].position, pending));
     if (level == 0) return raiseRoot();
     const BPlusPath::Step& up = path_.steps[level - 1];
-    ZELTA_TRY(walk_.load(up.position, node, kNodeBuffer));
+    ZELTA_TRY(walk_.load(up.position, node, PageRole::node));
     if (node.leaf() || up.child > node.count()) return walk_.corrupted();
     node.setPointer(up.child, lower_);
     pending = {up.child, separators_[turn_].get(), upper_};
@@ -76,7 +75,7 @@ Result Insertion::climb(BPlusNode& node, BPlusPending pending) {
       if (!walk_.shape.variable || node.count() >= 2) continue;
       // There is nothing to divide yet.
       const std::uint64_t missing = node.entryBytes(words) - node.freeBytes() + 4;
-      ZELTA_TRY(walk_.growBranch(path_, level - 1, node, kNodeBuffer, missing));
+      ZELTA_TRY(walk_.growBranch(path_, level - 1, node, PageRole::node, missing));
     }
     node.insert(pending.number, node.keyOffset(pending.number), pending.key, pending.pointer);
     return walk_.store(up.position, node);
@@ -84,11 +83,11 @@ Result Insertion::climb(BPlusNode& node, BPlusPending pending) {
 }
 
 Result Insertion::split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending) {
-  const BPlusSplit plan = planSplit(node, pending, edge_, walk_.file.pageSize);
+  const BPlusSplit plan = planSplit(node, pending, edge_, walk_.tree.pageSize());
   if (!plan.possible) return walk_.corrupted();
   BPlusNode fresh;
   std::uint64_t freshPosition = 0;
-  ZELTA_TRY(walk_.allocate(plan.newBytes, node.leaf(), fresh, &freshPosition, kSiblingBuffer));
+  ZELTA_TRY(walk_.allocate(plan.newBytes, node.leaf(), PageRole::sibling, fresh, &freshPosition));
   const BPlusNode old = walk_.copyAside(node);
   node.clear();
   BPlusNode& lower = plan.newIsLower ? fresh : node;
@@ -118,22 +117,22 @@ Result Insertion::linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode
     fresh.setPrevious(previous);
     fresh.setNext(position);
     node.setPrevious(freshPosition);
-    return walk_.relink(previous, freshPosition, 0, 0, kParentBuffer);
+    return walk_.relink(previous, freshPosition, 0, 0, PageRole::parent);
   }
   const std::uint64_t next = node.next();
   fresh.setPrevious(position);
   fresh.setNext(next);
   node.setNext(freshPosition);
-  return walk_.relink(0, 0, next, freshPosition, kParentBuffer);
+  return walk_.relink(0, 0, next, freshPosition, PageRole::parent);
 }
 
 Result Insertion::raiseRoot() {
   const std::uint32_t* separator = separators_[turn_].get();
   const std::uint64_t bytes =
-      bplusFirstNodeBytes(walk_.shape, walk_.file.pageSize, walk_.shape.words(separator));
+      bplusFirstNodeBytes(walk_.shape, walk_.tree.pageSize(), walk_.shape.words(separator));
   BPlusNode branch;
   std::uint64_t position = 0;
-  ZELTA_TRY(walk_.allocate(bytes, false, branch, &position, kNodeBuffer));
+  ZELTA_TRY(walk_.allocate(bytes, false, PageRole::node, branch, &position));
   branch.setPointer(0, lower_);
   branch.append(separator, upper_);
   ZELTA_TRY(walk_.store(position, branch));
@@ -143,9 +142,8 @@ Result Insertion::raiseRoot() {
 
 }  // namespace
 
-Result bplusInsert(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID) {
-  BPlusWalk walk(metaData, table, file, manager, index, BPlusWalk::Purpose::insert);
+Result bplusInsert(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
+  BPlusWalk walk(tree, BPlusWalk::Purpose::insert);
   return Insertion(walk).run(key, objectID);
 }
 

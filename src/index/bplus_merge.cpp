@@ -8,24 +8,10 @@ namespace zelta {
 
 namespace {
 
-/// Visits a tree of which the shape is not trusted: no deeper than trees can be, and no more nodes
-/// than the file has room for.
-class VisitLimit {
- public:
-  VisitLimit(const BPlusWalk& walk)
-      : nodesLeft_(walk.endOfFile() / (walk.file.pageSize == 0 ? 1 : walk.file.pageSize) + 1) {}
-  [[nodiscard]] bool enter(std::uint32_t depth) {
-    return depth < BPlusPath::kMaximumDepth && nodesLeft_-- != 0;
-  }
-
- private:
-  std::uint64_t nodesLeft_;
-};
-
 class Merge {
  public:
-  Merge(BPlusWalk& walk, const TreeFile* committed, UInt64AVLTree* a, UInt64AVLTree* b)
-      : walk_(walk), limit_(walk), committed_(committed), a_(a), b_(b) {}
+  Merge(BPlusWalk& walk, const ObjectSets& objects, const IndexTree* committed)
+      : walk_(walk), bound_(walk.tree), objects_(objects), committed_(committed) {}
 
   Result run();
 
@@ -37,15 +23,11 @@ class Merge {
                      BPlusKeyCopy& first);
   Result separate(std::uint64_t position, std::uint32_t number, const std::uint32_t* key);
   Result joinAll(std::uint64_t position);
-  [[nodiscard]] bool chosen(std::uint64_t objectID) const {
-    return find(b_, objectID) != nullptr || find(a_, objectID) != nullptr;
-  }
 
   BPlusWalk& walk_;
-  VisitLimit limit_;
-  const TreeFile* committed_;
-  UInt64AVLTree* a_;
-  UInt64AVLTree* b_;
+  VisitBound bound_;
+  const ObjectSets& objects_;
+  const IndexTree* committed_;
   bool changed_ = false;
 };
 
@@ -66,9 +48,9 @@ Result Merge::run() {
 
 Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied,
                     BPlusKeyCopy& first) {
-  if (!limit_.enter(depth)) return walk_.corrupted();
+  if (!bound_.enter(depth)) return walk_.corrupted();
   BPlusNode node;
-  ZELTA_TRY(walk_.load(position, node, kNodeBuffer));
+  ZELTA_TRY(walk_.load(position, node, PageRole::node));
   if (!node.leaf()) return mergeBranch(position, depth, emptied, first);
   ZELTA_TRY(mergeLeaf(position, node, emptied));
   if (!*emptied) first.assign(walk_.shape, node.key(0));
@@ -77,7 +59,7 @@ Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied,
 
 Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) {
   std::uint32_t first = 0;
-  while (first < leaf.count() && !chosen(leaf.objectID(first))) ++first;
+  while (first < leaf.count() && !objects_.contain(leaf.objectID(first))) ++first;
   if (first == leaf.count()) return {};
   changed_ = true;
   // The page is held from here on, so that its keys stay where they are while others are entered.
@@ -87,19 +69,19 @@ Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) 
     for (std::uint32_t i = first; i < leaf.count(); ++i) {
       const std::uint32_t* key = leaf.keyAt(offset);
       offset += walk_.shape.words(key) * 4;
-      if (!chosen(leaf.objectID(i))) continue;
-      ZELTA_TRY(bplusInsert(walk_.metaData, walk_.table, *committed_, walk_.manager, walk_.index,
-                            key, leaf.objectID(i)));
+      if (!objects_.contain(leaf.objectID(i))) continue;
+      ZELTA_TRY(bplusInsert(*committed_, key, leaf.objectID(i)));
     }
   }
   const BPlusNode old = walk_.copyAside(leaf);
   leaf.truncate(first);
   for (std::uint32_t i = first; i < old.count(); ++i) {
-    if (!chosen(old.objectID(i))) leaf.append(old, i, i + 1);
+    if (!objects_.contain(old.objectID(i))) leaf.append(old, i, i + 1);
   }
   if (leaf.count() != 0) return walk_.store(position, leaf);
   *emptied = true;
-  ZELTA_TRY(walk_.relink(old.previous(), old.next(), old.next(), old.previous(), kSiblingBuffer));
+  ZELTA_TRY(
+      walk_.relink(old.previous(), old.next(), old.next(), old.previous(), PageRole::sibling));
   return walk_.free(position, old.size());
 }
 
@@ -109,7 +91,7 @@ Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emp
   BPlusKeyCopy firstOfChild;
   bool changedBelow = false;
   for (std::uint32_t i = 0;;) {
-    ZELTA_TRY(walk_.load(position, branch, kNodeBuffer));
+    ZELTA_TRY(walk_.load(position, branch, PageRole::node));
     if (branch.leaf()) return walk_.corrupted();
     if (i > branch.count()) break;
     bool childEmptied = false;
@@ -122,7 +104,7 @@ Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emp
       ++i;
       continue;
     }
-    ZELTA_TRY(walk_.load(position, branch, kNodeBuffer));
+    ZELTA_TRY(walk_.load(position, branch, PageRole::node));
     if (branch.leaf() || i > branch.count()) return walk_.corrupted();
     if (branch.count() == 0) {
       *emptied = true;
@@ -138,7 +120,7 @@ Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emp
 /// longer one, that which was there stays, and separates as well: pages are only given back here.
 Result Merge::separate(std::uint64_t position, std::uint32_t number, const std::uint32_t* key) {
   BPlusNode branch;
-  ZELTA_TRY(walk_.load(position, branch, kParentBuffer));
+  ZELTA_TRY(walk_.load(position, branch, PageRole::parent));
   if (branch.leaf() || number >= branch.count()) return walk_.corrupted();
   if (walk_.shape.compare(branch.key(number), key) == 0) return {};
   return branch.replaceKey(number, key) ? walk_.store(position, branch) : Result();
@@ -148,12 +130,12 @@ Result Merge::separate(std::uint64_t position, std::uint32_t number, const std::
 Result Merge::joinAll(std::uint64_t position) {
   for (std::uint32_t i = 0;;) {
     BPlusNode branch;
-    ZELTA_TRY(walk_.load(position, branch, kParentBuffer));
+    ZELTA_TRY(walk_.load(position, branch, PageRole::parent));
     if (i >= branch.count()) return {};
     BPlusNode left;
     BPlusNode right;
-    ZELTA_TRY(walk_.load(branch.child(i), left, kNodeBuffer));
-    ZELTA_TRY(walk_.load(branch.child(i + 1), right, kSiblingBuffer));
+    ZELTA_TRY(walk_.load(branch.child(i), left, PageRole::node));
+    ZELTA_TRY(walk_.load(branch.child(i + 1), right, PageRole::sibling));
     bool joined = false;
     ZELTA_TRY(joinChildren(walk_, branch, i, {&left, branch.child(i), &right, branch.child(i + 1)},
                            &joined));
@@ -165,38 +147,33 @@ Result Merge::joinAll(std::uint64_t position) {
   }
 }
 
-Result dropNode(BPlusWalk& walk, VisitLimit& limit, std::uint64_t position, std::uint32_t depth) {
-  if (!limit.enter(depth)) return walk.corrupted();
+Result dropNode(BPlusWalk& walk, VisitBound& bound, std::uint64_t position, std::uint32_t depth) {
+  if (!bound.enter(depth)) return walk.corrupted();
   BPlusNode node;
-  ZELTA_TRY(walk.load(position, node, kNodeBuffer));
+  ZELTA_TRY(walk.load(position, node, PageRole::node));
   const std::uint32_t size = node.size();
   const std::uint32_t children = node.leaf() ? 0 : node.count() + 1;
   for (std::uint32_t i = 0; i < children; ++i) {
-    if (i != 0) ZELTA_TRY(walk.load(position, node, kNodeBuffer));
+    if (i != 0) ZELTA_TRY(walk.load(position, node, PageRole::node));
     if (i > node.count()) return walk.corrupted();
-    ZELTA_TRY(dropNode(walk, limit, node.child(i), depth + 1));
+    ZELTA_TRY(dropNode(walk, bound, node.child(i), depth + 1));
   }
   return walk.free(position, size);
 }
 
 }  // namespace
 
-Result bplusMerge(MetaData& metaData, Table& table, const TreeFile* committed,
-                  std::uint32_t memoryPageSize, AtomicManager& manager, std::uint32_t index,
-                  UInt64AVLTree* committedA, UInt64AVLTree* committedB) {
-  BPlusWalk walk(metaData, table, {PageFile::memory, memoryPageSize}, manager, index,
-                 BPlusWalk::Purpose::merge);
-  return Merge(walk, committed, committedA, committedB).run();
+Result bplusMerge(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed) {
+  BPlusWalk walk(pending, BPlusWalk::Purpose::merge);
+  return Merge(walk, objects, committed).run();
 }
 
-Result bplusDropTree(MetaData& metaData, Table& table, AtomicManager& manager, PageFile file,
-                     std::uint32_t index) {
-  BPlusWalk walk(metaData, table, {file, kMinimumBlock}, manager, index,
-                 BPlusWalk::Purpose::search);
-  if (walk.root() == 0) return {};
-  VisitLimit limit(walk);
-  ZELTA_TRY(dropNode(walk, limit, walk.root(), 0));
-  walk.root() = 0;
+Result bplusDropTree(const IndexTree& tree) {
+  BPlusWalk walk(tree, BPlusWalk::Purpose::search);
+  if (tree.root() == 0) return {};
+  VisitBound bound(tree);
+  ZELTA_TRY(dropNode(walk, bound, tree.root(), 0));
+  tree.root() = 0;
   return {};
 }
 

@@ -24,8 +24,9 @@ int BPlusShape::compare(const std::uint32_t* a, const std::uint32_t* b) const {
   return a[0] < b[0] ? -1 : 1;
 }
 
-BPlusNode::State BPlusNode::attach(char* bytes, const BPlusShape& shape, bool walk) {
-  bytes_ = bytes;
+BPlusNode::State BPlusNode::attach(TreePage page, const BPlusShape& shape, bool walk) {
+  const char* bytes = page.bytes();
+  page_ = page;
   shape_ = shape;
   std::uint16_t tag = 0;
   std::uint16_t entries = 0;
@@ -65,11 +66,11 @@ BPlusNode::State BPlusNode::walkKeys() const {
   return offset == keyEnd_ ? State::sound : State::badFreeWords;
 }
 
-void BPlusNode::format(char* bytes, std::uint32_t size, bool leaf, const BPlusShape& shape) {
+void BPlusNode::format(TreePage page, std::uint32_t size, bool leaf, const BPlusShape& shape) {
   const std::uint16_t tag = leaf ? kLeafTag : kBranchTag;
-  std::memcpy(bytes, &size, 4);
-  std::memcpy(bytes + 4, &tag, 2);
-  bytes_ = bytes;
+  page_ = page;
+  std::memcpy(bytes(), &size, 4);
+  std::memcpy(bytes() + 4, &tag, 2);
   size_ = size;
   leaf_ = leaf;
   shape_ = shape;
@@ -81,10 +82,10 @@ void BPlusNode::changeCounts(std::uint32_t entries, std::uint32_t keyEnd) {
   keyEnd_ = keyEnd;
   freeBytes_ = size_ - keyEnd - shape_.pointerBytes(leaf_) * pointerCount();
   const auto stored = static_cast<std::uint16_t>(entries);
-  std::memcpy(bytes_ + 6, &stored, 2);
+  std::memcpy(bytes() + 6, &stored, 2);
   if (!shape_.variable) return;
   const std::uint32_t freeWords = freeBytes_ / 4;
-  std::memcpy(bytes_ + shape_.head(leaf_) - 4, &freeWords, 4);
+  std::memcpy(bytes() + shape_.head(leaf_) - 4, &freeWords, 4);
 }
 
 // -- Keys -----------------------------------------------------------------------------------------
@@ -189,8 +190,8 @@ void BPlusNode::insert(std::uint32_t number, std::uint32_t offset, const std::ui
   const std::uint32_t width = shape_.pointerBytes(leaf_);
   const std::uint32_t place = number + (leaf_ ? 0u : 1u);
   const std::uint32_t pointers = pointerCount();
-  std::memmove(bytes_ + offset + keyBytes, bytes_ + offset, keyEnd_ - offset);
-  std::memcpy(bytes_ + offset, key, keyBytes);
+  std::memmove(bytes() + offset + keyBytes, bytes() + offset, keyEnd_ - offset);
+  std::memcpy(bytes() + offset, key, keyBytes);
   if (place < pointers) {
     char* lowest = pointerAt(pointers - 1);
     std::memmove(lowest - width, lowest, std::size_t{width} * (pointers - place));
@@ -204,8 +205,8 @@ void BPlusNode::erase(std::uint32_t number, std::uint32_t pointerNumber) {
   const std::uint32_t keyBytes = shape_.words(keyAt(offset)) * 4;
   const std::uint32_t width = shape_.pointerBytes(leaf_);
   const std::uint32_t pointers = pointerCount();
-  std::memmove(bytes_ + offset, bytes_ + offset + keyBytes, keyEnd_ - offset - keyBytes);
-  std::memset(bytes_ + keyEnd_ - keyBytes, 0, keyBytes);
+  std::memmove(bytes() + offset, bytes() + offset + keyBytes, keyEnd_ - offset - keyBytes);
+  std::memset(bytes() + keyEnd_ - keyBytes, 0, keyBytes);
   char* lowest = pointerAt(pointers - 1);
   std::memmove(lowest + width, lowest, std::size_t{width} * (pointers - 1 - pointerNumber));
   std::memset(lowest, 0, width);
@@ -218,9 +219,10 @@ bool BPlusNode::replaceKey(std::uint32_t number, const std::uint32_t* key) {
   const std::uint64_t newBytes = std::uint64_t{shape_.words(key)} * 4;
   if (newBytes > std::uint64_t{oldBytes} + freeBytes_) return false;
   const auto newEnd = static_cast<std::uint32_t>(keyEnd_ - oldBytes + newBytes);
-  std::memmove(bytes_ + offset + newBytes, bytes_ + offset + oldBytes, keyEnd_ - offset - oldBytes);
-  std::memcpy(bytes_ + offset, key, newBytes);
-  if (newEnd < keyEnd_) std::memset(bytes_ + newEnd, 0, keyEnd_ - newEnd);
+  std::memmove(bytes() + offset + newBytes, bytes() + offset + oldBytes,
+               keyEnd_ - offset - oldBytes);
+  std::memcpy(bytes() + offset, key, newBytes);
+  if (newEnd < keyEnd_) std::memset(bytes() + newEnd, 0, keyEnd_ - newEnd);
   changeCounts(count_, newEnd);
   return true;
 }
@@ -229,7 +231,7 @@ void BPlusNode::append(const BPlusNode& source, std::uint32_t from, std::uint32_
   if (from >= to) return;
   const std::uint32_t begin = source.keyOffset(from);
   const std::uint32_t keyBytes = source.keyOffset(to) - begin;
-  std::memcpy(bytes_ + keyEnd_, source.bytes_ + begin, keyBytes);
+  std::memcpy(bytes() + keyEnd_, source.bytes() + begin, keyBytes);
   const std::uint32_t shift = leaf_ ? 0u : 1u;
   std::memcpy(pointerAt(count_ + (to - from) - 1 + shift), source.pointerAt(to - 1 + shift),
               std::size_t{shape_.pointerBytes(leaf_)} * (to - from));
@@ -242,7 +244,7 @@ void BPlusNode::append(const std::uint32_t* key, std::uint64_t pointer) {
 
 void BPlusNode::truncate(std::uint32_t entries) {
   const std::uint32_t end = keyOffset(entries);
-  std::memset(bytes_ + end, 0, keyEnd_ - end);
+  std::memset(bytes() + end, 0, keyEnd_ - end);
   char* lowest = pointerAt(pointerCount() - 1);
   std::memset(lowest, 0, std::size_t{shape_.pointerBytes(leaf_)} * (count_ - entries));
   changeCounts(entries, end);
@@ -250,7 +252,7 @@ void BPlusNode::truncate(std::uint32_t entries) {
 
 void BPlusNode::clear() {
   const std::uint32_t links = leaf_ ? 24u : 8u;
-  std::memset(bytes_ + links, 0, size_ - links);
+  std::memset(bytes() + links, 0, size_ - links);
   changeCounts(0, shape_.head(leaf_));
 }
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "storage/avl_tree.h"
+#include "index/tree/tree_pages.h"
 
 namespace zelta {
 
@@ -15,25 +15,18 @@ inline constexpr std::uint16_t kBranchTag = 0x6E69;
 inline constexpr std::uint16_t kLeafTag = 0x6C69;
 
 /// What the nodes of a tree have in common.
-struct BPlusShape {
-  bool variable = false;
-  std::uint32_t keyWords = 0;  ///< length of a fixed key; of a variable one only an expectation
-  std::uint32_t idBytes = 4;   ///< width of an object ID
-
+struct BPlusShape : TreeShape {
   [[nodiscard]] std::uint32_t head(bool leaf) const {
     return (leaf ? 24u : 8u) + (variable ? 4u : 0u);
   }
   [[nodiscard]] std::uint32_t pointerBytes(bool leaf) const { return leaf ? idBytes : 8u; }
   /// Bytes that a node needs apart from keys with their pointers: a branch has a first child.
   [[nodiscard]] std::uint32_t frame(bool leaf) const { return head(leaf) + (leaf ? 0u : 8u); }
-  [[nodiscard]] std::uint32_t words(const std::uint32_t* key) const {
-    return variable ? key[0] : keyWords;
-  }
   /// Below 0, 0 or above 0.
   [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const;
 };
 
-/// A view of a node's bytes. Before anything else is asked, attach() must have found them sound.
+/// A node in a page. Before anything else is asked, attach() must have found them sound.
 class BPlusNode {
  public:
   enum class State {
@@ -45,16 +38,17 @@ class BPlusNode {
   };
 
   BPlusNode() = default;
-  /// Takes the node that begins at `bytes` with its length. With `walk` the lengths of all variable
+  /// Takes the node in a page. With `walk` the lengths of all variable
   /// keys are followed; without it search() and keyOffset() may find them broken.
-  [[nodiscard]] State attach(char* bytes, const BPlusShape& shape, bool walk);
-  /// Makes an empty node of bytes that are zero.
-  void format(char* bytes, std::uint32_t size, bool leaf, const BPlusShape& shape);
+  [[nodiscard]] State attach(TreePage page, const BPlusShape& shape, bool walk);
+  /// Makes an empty node of a page whose bytes are zero.
+  void format(TreePage page, std::uint32_t size, bool leaf, const BPlusShape& shape);
 
-  /// Follows the node to a copy of its bytes.
-  void moveTo(char* bytes) { bytes_ = bytes; }
+  /// Follows the node to a copy of its page.
+  void moveTo(TreePage page) { page_ = page; }
 
-  [[nodiscard]] char* bytes() const { return bytes_; }
+  [[nodiscard]] const TreePage& page() const { return page_; }
+  [[nodiscard]] char* bytes() const { return page_.bytes(); }
   [[nodiscard]] std::uint32_t size() const { return size_; }
   [[nodiscard]] std::uint32_t count() const { return count_; }
   [[nodiscard]] bool leaf() const { return leaf_; }
@@ -66,7 +60,7 @@ class BPlusNode {
   /// broken.
   [[nodiscard]] std::uint32_t keyOffset(std::uint32_t number) const;
   [[nodiscard]] const std::uint32_t* keyAt(std::uint32_t offset) const {
-    return reinterpret_cast<const std::uint32_t*>(bytes_ + offset);
+    return reinterpret_cast<const std::uint32_t*>(bytes() + offset);
   }
   [[nodiscard]] const std::uint32_t* key(std::uint32_t number) const {
     return keyAt(keyOffset(number));
@@ -91,8 +85,8 @@ class BPlusNode {
   void setPointer(std::uint32_t number, std::uint64_t value);
   [[nodiscard]] std::uint64_t previous() const { return link(8); }
   [[nodiscard]] std::uint64_t next() const { return link(16); }
-  void setPrevious(std::uint64_t position) { std::memcpy(bytes_ + 8, &position, 8); }
-  void setNext(std::uint64_t position) { std::memcpy(bytes_ + 16, &position, 8); }
+  void setPrevious(std::uint64_t position) { std::memcpy(bytes() + 8, &position, 8); }
+  void setNext(std::uint64_t position) { std::memcpy(bytes() + 16, &position, 8); }
 
   // -- Room -----------------------------------------------------------------------------------
 
@@ -135,11 +129,11 @@ class BPlusNode {
  private:
   [[nodiscard]] std::uint64_t link(std::uint32_t offset) const {
     std::uint64_t position;
-    std::memcpy(&position, bytes_ + offset, 8);
+    std::memcpy(&position, bytes() + offset, 8);
     return position;
   }
   [[nodiscard]] char* pointerAt(std::uint32_t number) const {
-    return bytes_ + size_ - std::uint64_t{shape_.pointerBytes(leaf_)} * (number + 1);
+    return bytes() + size_ - std::uint64_t{shape_.pointerBytes(leaf_)} * (number + 1);
   }
   [[nodiscard]] std::uint32_t pointerCount() const { return count_ + (leaf_ ? 0u : 1u); }
   [[nodiscard]] bool keyFits(std::uint32_t offset) const;
@@ -148,7 +142,7 @@ class BPlusNode {
   [[nodiscard]] Place searchVariable(Stop stop) const;
   void changeCounts(std::uint32_t count, std::uint32_t keyEnd);
 
-  char* bytes_ = nullptr;
+  TreePage page_;
   std::uint32_t size_ = 0;
   std::uint32_t count_ = 0;
   std::uint32_t keyEnd_ = 0;

@@ -4,53 +4,41 @@
 
 namespace zelta {
 
-Result bplusFind(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                 std::uint32_t index, const std::uint32_t* key, std::uint64_t* objectID) {
-  BPlusCursor cursor(metaData, table, file, manager, index, table.pageBuffers[kNodeBuffer]);
+Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID) {
+  BPlusCursor cursor(tree, PageRole::node);
   ZELTA_TRY(cursor.seek(CZELTA::ReadEqual, key));
   if (!cursor.valid()) return Result::own(Own::keyNotFound);
   *objectID = cursor.objectID();
   return {};
 }
 
-Result bplusReplaceId(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                      std::uint32_t index, const std::uint32_t* key, std::uint64_t oldId,
-                      std::uint64_t newId) {
-  BPlusWalk walk(metaData, table, file, manager, index, BPlusWalk::Purpose::search);
-  if (walk.root() == 0) return walk.keyMissing(oldId);
+Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
+                      std::uint64_t newID) {
+  BPlusWalk walk(tree, BPlusWalk::Purpose::search);
+  if (tree.root() == 0) return tree.keyMissing(oldID);
   BPlusPath path;
   BPlusNode leaf;
   ZELTA_TRY(walk.descend(key, path, leaf));
   const BPlusNode::Place place = leaf.lower(key);
-  if (!place.equal || leaf.objectID(place.number) != oldId) return walk.keyMissing(oldId);
-  leaf.setPointer(place.number, newId);
+  if (!place.equal || leaf.objectID(place.number) != oldID) return tree.keyMissing(oldID);
+  leaf.setPointer(place.number, newID);
   return walk.store(path.steps[path.last()].position, leaf);
 }
 
 // -- The cursor -----------------------------------------------------------------------------------
 
-BPlusCursor::BPlusCursor(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                         std::uint32_t index, ScratchBuffer& buffer)
-    : metaData_(metaData),
-      table_(table),
-      file_(file),
-      manager_(manager),
-      index_(index),
-      buffer_(buffer),
-      shape_(bplusShape(table, index)) {}
+BPlusCursor::BPlusCursor(const IndexTree& tree, PageRole role)
+    : pages_(tree, Own::bPlusTree), role_(role), shape_{tree.shape()} {}
 
 Result BPlusCursor::corrupted() {
   valid_ = false;
-  return reportError(&metaData_, Own::bPlusTree, table_.cName(), nullptr, index_);
+  return pages_.corrupted();
 }
 
 Result BPlusCursor::load(std::uint64_t position) {
-  const char* page = nullptr;
-  if (position == 0) return corrupted();
-  ZELTA_TRY(manager_.viewPage(file_.file, position, false, &page, buffer_));
-  // The cursor only reads what it looks at.
-  if (page == nullptr ||
-      node_.attach(const_cast<char*>(page), shape_, false) != BPlusNode::State::sound ||
+  TreePage page;
+  ZELTA_TRY(pages_.view(position, role_, &page));
+  if (node_.attach(page, shape_, false) != BPlusNode::State::sound ||
       (node_.leaf() && node_.count() == 0)) {
     return corrupted();
   }
@@ -68,8 +56,8 @@ Result BPlusCursor::place(std::uint32_t entry) {
 }
 
 Result BPlusCursor::descend(CZELTA::Mode mode, const std::uint32_t* pivot) {
-  std::uint64_t position = manager_.treeRoot(file_.file, index_);
-  for (std::uint32_t depth = 0; depth < BPlusPath::kMaximumDepth; ++depth) {
+  std::uint64_t position = pages_.tree().root();
+  for (std::uint32_t depth = 0; depth < IndexTree::kMaximumDepth; ++depth) {
     ZELTA_TRY(load(position));
     if (node_.leaf()) return {};
     std::uint32_t child = 0;
@@ -87,10 +75,8 @@ Result BPlusCursor::descend(CZELTA::Mode mode, const std::uint32_t* pivot) {
 
 Result BPlusCursor::seek(CZELTA::Mode mode, const std::uint32_t* pivot) {
   valid_ = false;
-  if (manager_.treeRoot(file_.file, index_) == 0) return {};
-  const std::uint64_t end =
-      file_.file == PageFile::memory ? manager_.memoryEndOfFile : manager_.indexEndOfFile;
-  leavesLeft_ = end / (file_.pageSize == 0 ? 1 : file_.pageSize) + 1;
+  if (pages_.tree().root() == 0) return {};
+  leavesLeft_ = pages_.tree().mostPages();
   ZELTA_TRY(descend(mode, pivot));
   if (mode == CZELTA::ReadFirst) return place(0);
   if (mode == CZELTA::ReadLast) return place(node_.count() - 1);

@@ -2,7 +2,7 @@
 // in the memory file the keys that running transactions have added. A key leads to one object; no
 // key stands in a tree twice.
 //
-// `index` counts from 0. Failures name the table.
+// Failures name the table and the index.
 
 #ifndef ZELTA_INDEX_BPLUS_TREE_H
 #define ZELTA_INDEX_BPLUS_TREE_H
@@ -11,50 +11,37 @@
 
 #include "czelta.h"
 #include "index/bplus_node.h"
-#include "storage/atomic_manager.h"
+#include "index/kind.h"
+#include "index/tree/tree_pages.h"
 
 namespace zelta {
 
-/// The file that a tree lies in, with the unit of its node sizes as that file's header states it.
-struct TreeFile {
-  PageFile file;
-  std::uint32_t pageSize;
-};
-
 /// Own code 37 if the key is there already.
-Result bplusInsert(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID);
+Result bplusInsert(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
 
 /// Own code 32 if the key is not there, or belongs to another object. An empty tree has nothing to
 /// remove: success.
-Result bplusRemove(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID);
+Result bplusRemove(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
 
 /// Own code 32, without a text, if the key is not there.
-Result bplusFind(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                 std::uint32_t index, const std::uint32_t* key, std::uint64_t* objectID);
+Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID);
 
-/// Gives an entry to another object. Own code 32 if the key is not there or is not `oldId`'s.
-Result bplusReplaceId(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                      std::uint32_t index, const std::uint32_t* key, std::uint64_t oldId,
-                      std::uint64_t newId);
+/// Gives an entry to another object. Own code 32 if the key is not there or is not `oldID`'s.
+Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
+                      std::uint64_t newID);
 
-/// Takes the entries of all objects in either set out of the memory tree, and enters them in the
-/// committed tree (null: just drops them).
-Result bplusMerge(MetaData& metaData, Table& table, const TreeFile* committed,
-                  std::uint32_t memoryPageSize, AtomicManager& manager, std::uint32_t index,
-                  UInt64AVLTree* committedA, UInt64AVLTree* committedB);
+/// Takes the entries of objects out of a pending tree, and enters them in the committed tree (null:
+/// just drops them).
+Result bplusMerge(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
 
 /// Frees all nodes of a tree; its root becomes 0.
-Result bplusDropTree(MetaData& metaData, Table& table, AtomicManager& manager, PageFile file,
-                     std::uint32_t index);
+Result bplusDropTree(const IndexTree& tree);
 
-/// Walks the entries of one tree in the order of their keys. The leaf at hand lies in `buffer`,
-/// which nobody else may use meanwhile; the tree must not be changed.
+/// Walks the entries of one tree in the order of their keys. The leaf at hand lies in the buffer of
+/// `role`, which nobody else may use meanwhile; the tree must not be changed.
 class BPlusCursor {
  public:
-  BPlusCursor(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-              std::uint32_t index, ScratchBuffer& buffer);
+  BPlusCursor(const IndexTree& tree, PageRole role);
 
   /// Goes to the entry that a read mode (ReadEqual to ReadLast, without flags) means; `pivot` is
   /// not used by ReadFirst and ReadLast. Without such an entry the cursor is not valid().
@@ -77,12 +64,8 @@ class BPlusCursor {
   Result enterNeighbour(bool up);
   Result place(std::uint32_t entry);
 
-  MetaData& metaData_;
-  Table& table_;
-  TreeFile file_;
-  AtomicManager& manager_;
-  std::uint32_t index_;
-  ScratchBuffer& buffer_;
+  TreePages pages_;
+  PageRole role_;
   BPlusShape shape_;
   BPlusNode node_;
   std::uint64_t position_ = 0;    ///< of the leaf

@@ -2,11 +2,6 @@
 
 namespace zelta {
 
-namespace {
-/// Upper limit of a node's size: sizes are counted in 32 bits.
-constexpr std::uint64_t kMaximumNode = 0x7FFFFFFF;
-}  // namespace
-
 void BPlusKeyCopy::assign(const BPlusShape& shape, const std::uint32_t* key) {
   const std::uint32_t words = shape.words(key);
   std::unique_ptr<std::uint32_t[]> large;
@@ -15,95 +10,60 @@ void BPlusKeyCopy::assign(const BPlusShape& shape, const std::uint32_t* key) {
   large_ = std::move(large);
 }
 
-BPlusShape bplusShape(const Table& table, std::uint32_t index) {
-  BPlusShape shape;
-  shape.variable = table.keyShape(index).variable();
-  shape.keyWords = table.index(index).keyWords;
-  shape.idBytes = table.idSize();
-  return shape;
-}
+BPlusWalk::BPlusWalk(const IndexTree& treeOf, Purpose purpose)
+    : tree(treeOf), shape{treeOf.shape()}, pages_(treeOf, Own::bPlusTree), purpose_(purpose) {}
 
-BPlusWalk::BPlusWalk(MetaData& metaDataOf, Table& tableOf, TreeFile fileOf,
-                     AtomicManager& managerOf, std::uint32_t indexOf, Purpose purposeOf)
-    : metaData(metaDataOf),
-      table(tableOf),
-      file(fileOf),
-      manager(managerOf),
-      index(indexOf),
-      shape(bplusShape(tableOf, indexOf)),
-      purpose(purposeOf) {}
-
-Result BPlusWalk::corrupted() {
-  return reportError(&metaData, Own::bPlusTree, table.cName(), nullptr, index);
-}
-
-Result BPlusWalk::keyMissing(std::uint64_t objectID) {
-  return reportError(&metaData, Own::keyNotFound, table.cName(), u".zlt",
-                     static_cast<std::int64_t>(objectID), index);
-}
-
-Result BPlusWalk::damaged(BPlusNode::State state, bool leaf) {
-  const char16_t* extensionOfFile =
-      file.file == PageFile::memory ? extension::kMemory : extension::kIndex;
-  if (state == BPlusNode::State::badKeys && purpose == Purpose::insert) {
-    return reportSystemError(&metaData, code::kFileCorrupt, table.cName(), extensionOfFile);
+Result BPlusWalk::damaged(BPlusNode::State state, bool leaf) const {
+  if (state == BPlusNode::State::badKeys && purpose_ == Purpose::insert) {
+    return tree.fileDamaged(code::kFileCorrupt);
   }
-  if (state == BPlusNode::State::badFreeWords && purpose == Purpose::merge) {
-    return reportSystemError(&metaData, code::kBufferTooSmall, table.cName(), extensionOfFile);
+  if (state == BPlusNode::State::badFreeWords && purpose_ == Purpose::merge) {
+    return tree.fileDamaged(code::kBufferTooSmall);
   }
   if (leaf && (state == BPlusNode::State::badKeys || state == BPlusNode::State::badFreeWords)) {
-    return reportError(&metaData, Own::variableLeaf, table.cName(), nullptr, index);
+    return tree.damaged(Own::variableLeaf);
   }
   return corrupted();
 }
 
-Result BPlusWalk::load(std::uint64_t position, BPlusNode& node, BPlusBuffer which) {
-  char* page = nullptr;
-  if (position == 0) return corrupted();
-  ZELTA_TRY(manager.readPage(file.file, position, &page, buffer(which)));
-  if (page == nullptr) return corrupted();
-  const BPlusNode::State state = node.attach(page, shape, true);
-  if (state != BPlusNode::State::sound) return damaged(state, node.leaf());
+Result BPlusWalk::attach(const TreePage& page, BPlusNode& node, bool walk) const {
+  const BPlusNode::State state = node.attach(page, shape, walk);
+  return state == BPlusNode::State::sound ? Result() : damaged(state, node.leaf());
+}
+
+Result BPlusWalk::load(std::uint64_t position, BPlusNode& node, PageRole role) {
+  TreePage page;
+  ZELTA_TRY(pages_.load(position, role, &page));
+  ZELTA_TRY(attach(page, node, true));
   if (node.leaf() && node.count() == 0) return corrupted();
   return {};
 }
 
 Result BPlusWalk::look(std::uint64_t position, BPlusNode& node) {
-  const char* page = nullptr;
-  if (position == 0) return corrupted();
-  ZELTA_TRY(manager.viewPage(file.file, position, true, &page, buffer(kNodeBuffer)));
-  if (page == nullptr) return corrupted();
-  const BPlusNode::State state = node.attach(const_cast<char*>(page), shape, false);
-  return state == BPlusNode::State::sound ? Result() : damaged(state, node.leaf());
+  TreePage page;
+  ZELTA_TRY(pages_.glance(position, &page));
+  return attach(page, node, false);
 }
 
-Result BPlusWalk::loadLeaf(std::uint64_t position, BPlusNode& node, BPlusBuffer which) {
-  ZELTA_TRY(load(position, node, which));
+Result BPlusWalk::loadLeaf(std::uint64_t position, BPlusNode& node, PageRole role) {
+  ZELTA_TRY(load(position, node, role));
   return node.leaf() ? Result() : corrupted();
 }
 
 Result BPlusWalk::store(std::uint64_t position, BPlusNode& node) {
-  char* held = nullptr;
-  ZELTA_TRY(manager.writePage(file.file, position, node.bytes(), &held));
-  if (held != nullptr && held != node.bytes()) {
-    const BPlusNode::State state = node.attach(held, shape, false);
-    if (state != BPlusNode::State::sound) return corrupted();
-  }
+  TreePage page = node.page();
+  bool moved = false;
+  ZELTA_TRY(pages_.store(position, &page, &moved));
+  if (moved && node.attach(page, shape, false) != BPlusNode::State::sound) return corrupted();
   return {};
 }
 
-Result BPlusWalk::allocate(std::uint64_t size, bool leaf, BPlusNode& node, std::uint64_t* position,
-                           BPlusBuffer which) {
-  if (size > kMaximumNode) return reportSystemError(&metaData, code::kNoMemory);
-  char* page = nullptr;
-  const auto bytes = static_cast<std::uint32_t>(size);
-  ZELTA_TRY(manager.allocatePage(file.file, bytes, &page, position, buffer(which)));
-  node.format(page, bytes, leaf, shape);
+Result BPlusWalk::allocate(std::uint64_t size, bool leaf, PageRole role, BPlusNode& node,
+                           std::uint64_t* position) {
+  TreePage page;
+  ZELTA_TRY(pages_.allocate(size, role, position, &page));
+  node.format(page, static_cast<std::uint32_t>(size), leaf, shape);
   return {};
-}
-
-Result BPlusWalk::free(std::uint64_t position, std::uint32_t size) {
-  return manager.freePage(file.file, position, size);
 }
 
 Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& leaf) {
@@ -114,10 +74,10 @@ Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& 
     ZELTA_TRY(look(position, leaf));
     BPlusPath::Step& step = path.steps[path.depth++];
     step = {position, 0};
-    if (leaf.leaf()) return load(position, leaf, kNodeBuffer);
+    if (leaf.leaf()) return load(position, leaf, PageRole::node);
     const BPlusNode::Place place = leaf.above(key);
     if (place.offset == 0) {
-      ZELTA_TRY(load(position, leaf, kNodeBuffer));
+      ZELTA_TRY(load(position, leaf, PageRole::node));
       return corrupted();
     }
     if (place.equal) {
@@ -130,22 +90,20 @@ Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& 
 }
 
 BPlusNode BPlusWalk::copyAside(const BPlusNode& node) {
-  char* copy = buffer(kSpareBuffer).reserve(node.size());
-  std::memcpy(copy, node.bytes(), node.size());
   BPlusNode result = node;
-  result.moveTo(copy);
+  result.moveTo(pages_.copyAside(node.bytes(), node.size()));
   return result;
 }
 
-Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node,
-                             BPlusBuffer which, std::uint64_t bytes) {
+Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, PageRole role,
+                             std::uint64_t bytes) {
   const BPlusNode old = copyAside(node);
   const std::uint64_t wanted = old.size() + bytes;
-  const std::uint64_t size = (wanted + file.pageSize - 1) / file.pageSize * file.pageSize;
+  const std::uint64_t size = (wanted + tree.pageSize() - 1) / tree.pageSize() * tree.pageSize();
   std::uint64_t& position = path.steps[level].position;
   // The old place goes first: if there is room behind it, the page grows where it is.
   ZELTA_TRY(free(position, old.size()));
-  ZELTA_TRY(allocate(size, false, node, &position, which));
+  ZELTA_TRY(allocate(size, false, role, node, &position));
   node.setPointer(0, old.child(0));
   node.append(old, 0, old.count());
   ZELTA_TRY(store(position, node));
@@ -155,7 +113,7 @@ Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& no
   }
   const BPlusPath::Step& up = path.steps[level - 1];
   BPlusNode parent;
-  ZELTA_TRY(load(up.position, parent, kSiblingBuffer));
+  ZELTA_TRY(load(up.position, parent, PageRole::sibling));
   if (parent.leaf() || up.child > parent.count()) return corrupted();
   parent.setPointer(up.child, position);
   return store(up.position, parent);
@@ -164,25 +122,26 @@ Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& no
 Result BPlusWalk::replaceSeparator(BPlusPath& path, std::uint32_t level, std::uint32_t number,
                                    const std::uint32_t* key) {
   BPlusNode branch;
-  ZELTA_TRY(load(path.steps[level].position, branch, kParentBuffer));
+  ZELTA_TRY(load(path.steps[level].position, branch, PageRole::parent));
   if (branch.leaf() || number >= branch.count()) return corrupted();
   if (!branch.replaceKey(number, key)) {
-    ZELTA_TRY(growBranch(path, level, branch, kParentBuffer, std::uint64_t{shape.words(key)} * 4));
+    ZELTA_TRY(
+        growBranch(path, level, branch, PageRole::parent, std::uint64_t{shape.words(key)} * 4));
     if (!branch.replaceKey(number, key)) return corrupted();
   }
   return store(path.steps[level].position, branch);
 }
 
 Result BPlusWalk::relink(std::uint64_t previous, std::uint64_t forPrevious, std::uint64_t next,
-                         std::uint64_t forNext, BPlusBuffer which) {
+                         std::uint64_t forNext, PageRole role) {
   BPlusNode leaf;
   if (previous != 0) {
-    ZELTA_TRY(loadLeaf(previous, leaf, which));
+    ZELTA_TRY(loadLeaf(previous, leaf, role));
     leaf.setNext(forPrevious);
     ZELTA_TRY(store(previous, leaf));
   }
   if (next == 0) return {};
-  ZELTA_TRY(loadLeaf(next, leaf, which));
+  ZELTA_TRY(loadLeaf(next, leaf, role));
   leaf.setPrevious(forNext);
   return store(next, leaf);
 }

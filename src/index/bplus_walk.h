@@ -24,8 +24,7 @@ class BPlusKeyCopy {
 
 /// The branches from the root down to a node, and the node itself.
 struct BPlusPath {
-  /// Far more levels than a tree in a real file can have; a cycle of links ends here.
-  static constexpr std::uint32_t kMaximumDepth = 48;
+  static constexpr std::uint32_t kMaximumDepth = IndexTree::kMaximumDepth;
   struct Step {
     std::uint64_t position;
     std::uint32_t child;  ///< number of the child that was followed
@@ -40,27 +39,23 @@ struct BPlusPath {
   [[nodiscard]] std::uint32_t last() const { return depth - 1; }
 };
 
-/// Buffers of the table by their use.
-enum BPlusBuffer : std::uint32_t { kNodeBuffer, kSiblingBuffer, kParentBuffer, kSpareBuffer };
-
 class BPlusWalk {
  public:
   /// Tells which code a damaged node is reported with.
   enum class Purpose { search, insert, merge };
 
-  BPlusWalk(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-            std::uint32_t index, Purpose purpose);
+  BPlusWalk(const IndexTree& tree, Purpose purpose);
 
-  Result load(std::uint64_t position, BPlusNode& node, BPlusBuffer buffer);
+  Result load(std::uint64_t position, BPlusNode& node, PageRole role);
   /// The same for a node that is only looked at, until the manager is used again. Variable keys may
   /// turn out broken.
   Result look(std::uint64_t position, BPlusNode& node);
-  Result loadLeaf(std::uint64_t position, BPlusNode& node, BPlusBuffer buffer);
+  Result loadLeaf(std::uint64_t position, BPlusNode& node, PageRole role);
   /// Puts a changed node; `node` leads to the page's own bytes afterwards, if there are such.
   Result store(std::uint64_t position, BPlusNode& node);
-  Result allocate(std::uint64_t size, bool leaf, BPlusNode& node, std::uint64_t* position,
-                  BPlusBuffer buffer);
-  Result free(std::uint64_t position, std::uint32_t size);
+  Result allocate(std::uint64_t size, bool leaf, PageRole role, BPlusNode& node,
+                  std::uint64_t* position);
+  Result free(std::uint64_t position, std::uint32_t size) { return pages_.free(position, size); }
   /// Follows `key` down to its leaf, which is loaded into the node buffer.
   Result descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& leaf);
 
@@ -68,7 +63,7 @@ class BPlusWalk {
   [[nodiscard]] BPlusNode copyAside(const BPlusNode& node);
   /// Moves a branch to a larger page, with room for `bytes` more at least, and puts the link to it
   /// right. Uses the sibling's and the spare buffer.
-  Result growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, BPlusBuffer buffer,
+  Result growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, PageRole role,
                     std::uint64_t bytes);
   /// Exchanges a separator for another key.
   Result replaceSeparator(BPlusPath& path, std::uint32_t level, std::uint32_t number,
@@ -76,30 +71,22 @@ class BPlusWalk {
   /// Links a leaf to its neighbours: they get `forPrevious` as their next and `forNext` as their
   /// previous leaf.
   Result relink(std::uint64_t previous, std::uint64_t forPrevious, std::uint64_t next,
-                std::uint64_t forNext, BPlusBuffer buffer);
+                std::uint64_t forNext, PageRole role);
 
-  Result corrupted();
-  Result keyMissing(std::uint64_t objectID);
+  Result corrupted() const { return pages_.corrupted(); }
 
-  [[nodiscard]] std::uint64_t& root() { return manager.treeRoot(file.file, index); }
-  [[nodiscard]] std::uint64_t endOfFile() const {
-    return file.file == PageFile::memory ? manager.memoryEndOfFile : manager.indexEndOfFile;
-  }
-  [[nodiscard]] ScratchBuffer& buffer(BPlusBuffer which) { return table.pageBuffers[which]; }
+  [[nodiscard]] std::uint64_t& root() const { return tree.root(); }
 
-  MetaData& metaData;
-  Table& table;
-  const TreeFile file;
-  AtomicManager& manager;
-  const std::uint32_t index;
+  const IndexTree tree;
   const BPlusShape shape;
-  const Purpose purpose;
 
  private:
-  Result damaged(BPlusNode::State state, bool leaf);
-};
+  Result attach(const TreePage& page, BPlusNode& node, bool walk) const;
+  Result damaged(BPlusNode::State state, bool leaf) const;
 
-[[nodiscard]] BPlusShape bplusShape(const Table& table, std::uint32_t index);
+  const TreePages pages_;
+  const Purpose purpose_;
+};
 
 /// Joins the children `left` and `left + 1` of a branch if the result is not too full. `*joined`
 /// tells; the parent, which has lost a child then, is not stored. Uses the spare buffer.

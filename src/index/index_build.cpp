@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "czelta.h"
-#include "index/bplus_tree.h"
 #include "index/index_file.h"
 #include "index/keys.h"
 #include "index/kinds.h"
@@ -46,8 +45,8 @@ Result IndexBuild::start() {
 }
 
 Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64_t objectID) {
-  const TreeFile file{PageFile::index, header_.pageSize};
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    const IndexTree tree(manager_, PageFile::index, i);
     RowPlaces rows;
     for (std::uint32_t entry = 0;; ++entry) {
       std::uint32_t* made = nullptr;
@@ -58,7 +57,7 @@ Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64
       }
       PooledKey key;
       key.take(table_.keyPool(i), table_.keyShape(i), made);
-      ZELTA_TRY(insertEntry(metaData_, table_, file, manager_, i, key.get(), objectID));
+      ZELTA_TRY(insertEntry(tree, key.get(), objectID));
       if (!table_.multiEntry(i)) break;
     }
   }

@@ -1,7 +1,6 @@
 #include "index/index_commit.h"
 
 #include "czelta.h"
-#include "index/bplus_tree.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
 #include "storage/atomic_manager.h"
@@ -15,25 +14,19 @@ namespace {
 
 /// Takes out and hands over what the transaction gave up in one index, and moves its pending keys
 /// into the committed tree.
-Result commitIndex(AtomicManager& manager, TreeFile committed, std::uint32_t index,
-                   UInt64AVLTree* committedA, UInt64AVLTree* committedB) {
-  MetaData& metaData = manager.metaData;
-  Table& table = manager.table;
-  IndexCursor& cursor = table.indexStates[index];
+Result commitIndex(AtomicManager& manager, std::uint32_t index, const ObjectSets& objects) {
+  const IndexTree committed(manager, PageFile::index, index);
+  const IndexTree pending(manager, PageFile::memory, index);
+  const IndexCursor& cursor = manager.table.indexStates[index];
   avl::Walk<ObjectKeyNode> removed(cursor.removedKeys);
   while (const ObjectKeyNode* node = removed.next()) {
-    ZELTA_TRY(removeEntry(metaData, table, committed, manager, index, node->key, node->objectID));
+    ZELTA_TRY(removeEntry(committed, node->key, node->objectID));
   }
-  if (table.index(index).indexKind == CZELTA::BPlusTree) {
-    avl::Walk<ObjectKeyNode> replaced(cursor.replacedKeys);
-    while (const ObjectKeyNode* node = replaced.next()) {
-      ZELTA_TRY(bplusReplaceId(metaData, table, committed, manager, index, node->key, node->extra,
-                               node->objectID));
-    }
+  avl::Walk<ObjectKeyNode> replaced(cursor.replacedKeys);
+  while (const ObjectKeyNode* node = replaced.next()) {
+    ZELTA_TRY(replaceHolder(committed, node->key, node->extra, node->objectID));
   }
-  if (manager.memoryRoot(index + 1) == 0) return {};
-  return mergeEntries(metaData, table, &committed, manager.pageSize, manager, index, committedA,
-                      committedB);
+  return pending.root() == 0 ? Result{} : mergeEntries(pending, objects, &committed);
 }
 
 }  // namespace
@@ -46,9 +39,8 @@ Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header, UInt64
   ZELTA_TRY(checkIndexKinds(manager.metaData, manager.table));
   manager.holdIndexPages();
   manager.deferMemoryReleases();
-  const TreeFile committed{PageFile::index, header.pageSize};
   for (std::uint32_t i = 0; i < indexCount; ++i) {
-    ZELTA_TRY(commitIndex(manager, committed, i, committedA, committedB));
+    ZELTA_TRY(commitIndex(manager, i, {committedA, committedB}));
   }
   return flush ? flushIndexFile(manager, header) : Result{};
 }

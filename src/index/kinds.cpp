@@ -21,6 +21,12 @@ bool isTree(const Table& table, std::uint32_t index) {
   return table.index(index).indexKind == CZELTA::BPlusTree;
 }
 
+bool isTree(const IndexTree& tree) { return isTree(tree.table(), tree.index()); }
+
+Result unservedKind(const IndexTree& tree) {
+  return unservedKind(tree.metaData(), tree.table(), tree.index());
+}
+
 }  // namespace
 
 Result checkIndexKinds(MetaData& metaData, const Table& table) {
@@ -30,50 +36,52 @@ Result checkIndexKinds(MetaData& metaData, const Table& table) {
   return {};
 }
 
-Result insertEntry(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
-                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID) {
-  if (!isTree(table, index)) return unservedKind(metaData, table, index);
-  return bplusInsert(metaData, table, file, manager, index, key, objectID);
+Result insertEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
+  if (!isTree(tree)) return unservedKind(tree);
+  return bplusInsert(tree, key, objectID);
 }
 
-Result removeEntry(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
-                   std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID) {
-  if (!isTree(table, index)) return unservedKind(metaData, table, index);
-  return bplusRemove(metaData, table, file, manager, index, key, objectID);
+Result removeEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
+  if (!isTree(tree)) return unservedKind(tree);
+  return bplusRemove(tree, key, objectID);
 }
 
 bool hasUniqueKeys(const Table& table, std::uint32_t index) { return isTree(table, index); }
 
-Result findHolder(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
-                  std::uint32_t index, const std::uint32_t* key, std::uint64_t* objectID) {
-  if (!isTree(table, index)) return unservedKind(metaData, table, index);
-  return bplusFind(metaData, table, file, manager, index, key, objectID);
+Result findHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID) {
+  if (!isTree(tree)) return unservedKind(tree);
+  return bplusFind(tree, key, objectID);
 }
 
-Result replaceHolder(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
-                     std::uint32_t index, const std::uint32_t* key, std::uint64_t oldID,
+Result replaceHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
                      std::uint64_t newID) {
-  if (!isTree(table, index)) return unservedKind(metaData, table, index);
-  return bplusReplaceId(metaData, table, file, manager, index, key, oldID, newID);
+  if (!isTree(tree)) return unservedKind(tree);
+  return bplusReplaceID(tree, key, oldID, newID);
 }
 
-Result holdsEntry(MetaData& metaData, Table& table, const TreeFile& file, AtomicManager& manager,
-                  std::uint32_t index, const std::uint32_t* key, std::uint64_t objectID,
+Result holdsEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
                   bool* holds) {
   *holds = false;
   std::uint64_t holder = 0;
-  const Result result = findHolder(metaData, table, file, manager, index, key, &holder);
+  const Result result = findHolder(tree, key, &holder);
   if (result.is(Own::keyNotFound)) return {};
   *holds = holder == objectID;
   return result;
 }
 
-Result mergeEntries(MetaData& metaData, Table& table, const TreeFile* committed,
-                    std::uint32_t memoryPageSize, AtomicManager& manager, std::uint32_t index,
-                    UInt64AVLTree* committedA, UInt64AVLTree* committedB) {
-  if (!isTree(table, index)) return unservedKind(metaData, table, index);
-  return bplusMerge(metaData, table, committed, memoryPageSize, manager, index, committedA,
-                    committedB);
+Result mergeEntries(const IndexTree& pending, const ObjectSets& objects,
+                    const IndexTree* committed) {
+  if (!isTree(pending)) return unservedKind(pending);
+  return bplusMerge(pending, objects, committed);
+}
+
+Result dropPendingKeys(AtomicManager& manager, const ObjectSets& objects) {
+  for (std::uint32_t i = 0; i < manager.indexCount; ++i) {
+    const IndexTree pending(manager, PageFile::memory, i);
+    if (manager.table.listKind(i) || pending.root() == 0) continue;
+    ZELTA_TRY(mergeEntries(pending, objects, nullptr));
+  }
+  return {};
 }
 
 }  // namespace zelta

@@ -42,7 +42,7 @@ class Addition {
  private:
   Result pass();
   Result chooseID();
-  Result store(KeyTrees& trees);
+  Result store();
   Result wait();
   Result waitForBlocker();
 
@@ -72,10 +72,10 @@ Result Addition::pass() {
   }
   ZELTA_TRY(access_.openMemory());
   ZELTA_TRY(chooseID());
-  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
   ZELTA_TRY(keys_.make({table_.objectData, table_.objectLength}));
-  ZELTA_TRY(changes_.plan(trees, objectID_, none_, false, keys_, KeyChanges::Source::tested));
-  ZELTA_TRY(store(trees));
+  ZELTA_TRY(
+      changes_.plan(access_.manager(), objectID_, none_, false, keys_, KeyChanges::Source::tested));
+  ZELTA_TRY(store());
   return access_.release();
 }
 
@@ -93,10 +93,10 @@ Result Addition::chooseID() {
   return {};
 }
 
-Result Addition::store(KeyTrees& trees) {
+Result Addition::store() {
   // All that can fail for want of memory comes before the object is stored.
   auto node = std::make_unique<UInt64AVLTree>();
-  ZELTA_TRY(changes_.enter(trees));
+  ZELTA_TRY(changes_.enter(access_.manager()));
   ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_,
                                {table_.objectData, table_.objectLength}, {}, nullptr));
   if (const Result stored = storeObject(access_.manager(), access_.memoryHeader, table_,

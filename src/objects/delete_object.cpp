@@ -60,14 +60,13 @@ Result Deletion::work(Located& found) {
   ZELTA_TRY(readOld(found, &object));
   ZELTA_TRY(before_.make(object));
   const bool pending = found.isPending();
-  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
-  ZELTA_TRY(
-      changes_.plan(trees, found.objectID, before_, pending, none_, KeyChanges::Source::tested));
+  ZELTA_TRY(changes_.plan(access_.manager(), found.objectID, before_, pending, none_,
+                          KeyChanges::Source::tested));
   // All that can fail for want of memory comes before the files are changed.
   ZELTA_TRY(moveCursors(found, object));
   ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
   if (pending) {
-    ZELTA_TRY(changes_.enter(trees));
+    ZELTA_TRY(changes_.enter(access_.manager()));
     ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, table_, found.objectID));
   }
   found.newLock.keep();

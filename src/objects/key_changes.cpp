@@ -34,14 +34,14 @@ Result KeyChanges::exists(std::uint32_t index, std::uint64_t holder) {
                      static_cast<std::int64_t>(holder), index);
 }
 
-Result KeyChanges::plan(KeyTrees& trees, std::uint64_t objectID, VersionKeys& before,
+Result KeyChanges::plan(AtomicManager& manager, std::uint64_t objectID, VersionKeys& before,
                         bool wasPending, VersionKeys& after, Source source) {
   clear();
   objectID_ = objectID;
   heldByOthers_ = false;
   if (source == Source::tested) ZELTA_TRY(checkRepeated(after));
   return forKeyDifferences(table_, before, after, [&](VersionKeys::Entry& entry, bool isNew) {
-    return isNew ? take(trees, entry, source) : giveUp(trees, entry, wasPending);
+    return isNew ? take(manager, entry, source) : giveUp(manager, entry, wasPending);
   });
 }
 
@@ -57,7 +57,7 @@ Result KeyChanges::checkRepeated(VersionKeys& after) {
   return {};
 }
 
-Result KeyChanges::giveUp(KeyTrees& trees, VersionKeys::Entry& entry, bool wasPending) {
+Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, bool wasPending) {
   IndexCursor& cursor = table_.indexStates[entry.index];
   const KeyShape shape = table_.keyShape(entry.index);
   if (ObjectKeyNode* node = find(cursor.replacedKeys, shape, entry.key, objectID_);
@@ -67,8 +67,8 @@ Result KeyChanges::giveUp(KeyTrees& trees, VersionKeys::Entry& entry, bool wasPe
   }
   if (wasPending) {
     bool pending = false;
-    ZELTA_TRY(holdsEntry(metaData_, table_, trees.pending, trees.manager, entry.index, entry.key,
-                         objectID_, &pending));
+    const IndexTree tree(manager, PageFile::memory, entry.index);
+    ZELTA_TRY(holdsEntry(tree, entry.key, objectID_, &pending));
     if (pending) {
       add(entry, Step::removePending, nullptr);
       return {};
@@ -80,7 +80,7 @@ Result KeyChanges::giveUp(KeyTrees& trees, VersionKeys::Entry& entry, bool wasPe
   return {};
 }
 
-Result KeyChanges::take(KeyTrees& trees, VersionKeys::Entry& entry, Source source) {
+Result KeyChanges::take(AtomicManager& manager, VersionKeys::Entry& entry, Source source) {
   ObjectKeyNode* own = find(table_.indexStates[entry.index].removedKeys,
                             table_.keyShape(entry.index), entry.key, objectID_);
   if (own != nullptr) {
@@ -88,21 +88,20 @@ Result KeyChanges::take(KeyTrees& trees, VersionKeys::Entry& entry, Source sourc
     return {};
   }
   if (source == Source::committed) return exists(entry.index, objectID_);
-  if (hasUniqueKeys(table_, entry.index)) return takeUnique(trees, entry);
+  if (hasUniqueKeys(table_, entry.index)) return takeUnique(manager, entry);
   add(entry, Step::insertPending, nullptr);
   return {};
 }
 
-Result KeyChanges::takeUnique(KeyTrees& trees, VersionKeys::Entry& entry) {
-  const auto look = [&](const TreeFile& file, std::uint64_t* holder, bool* found) {
-    const Result result =
-        findHolder(metaData_, table_, file, trees.manager, entry.index, entry.key, holder);
+Result KeyChanges::takeUnique(AtomicManager& manager, VersionKeys::Entry& entry) {
+  const auto look = [&](PageFile file, std::uint64_t* holder, bool* found) {
+    const Result result = findHolder({manager, file, entry.index}, entry.key, holder);
     *found = result.ok();
     return result.is(Own::keyNotFound) ? Result{} : result;
   };
   std::uint64_t holder = 0;
   bool found = false;
-  ZELTA_TRY(look(trees.committed, &holder, &found));
+  ZELTA_TRY(look(PageFile::index, &holder, &found));
   if (found) {
     // The committed tree still names who had the key before the transaction lent it on.
     const IndexCursor& cursor = table_.indexStates[entry.index];
@@ -116,7 +115,7 @@ Result KeyChanges::takeUnique(KeyTrees& trees, VersionKeys::Entry& entry) {
     add(entry, Step::takeOver, node);
     return {};
   }
-  ZELTA_TRY(look(trees.pending, &holder, &found));
+  ZELTA_TRY(look(PageFile::memory, &holder, &found));
   if (found) {
     heldByOthers_ = find(table_.addedObjects, holder) == nullptr &&
                     find(table_.editedObjects, holder) == nullptr;
@@ -126,16 +125,14 @@ Result KeyChanges::takeUnique(KeyTrees& trees, VersionKeys::Entry& entry) {
   return {};
 }
 
-Result KeyChanges::enter(KeyTrees& trees) {
+Result KeyChanges::enter(AtomicManager& manager) {
   for (const Change& change : changes_) {
     if (change.step != Step::removePending) continue;
-    ZELTA_TRY(removeEntry(metaData_, table_, trees.pending, trees.manager, change.index, change.key,
-                          objectID_));
+    ZELTA_TRY(removeEntry({manager, PageFile::memory, change.index}, change.key, objectID_));
   }
   for (const Change& change : changes_) {
     if (change.step != Step::insertPending) continue;
-    ZELTA_TRY(insertEntry(metaData_, table_, trees.pending, trees.manager, change.index, change.key,
-                          objectID_));
+    ZELTA_TRY(insertEntry({manager, PageFile::memory, change.index}, change.key, objectID_));
   }
   return {};
 }

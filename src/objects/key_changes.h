@@ -14,13 +14,6 @@
 
 namespace zelta {
 
-/// The trees that the changes of an operation reach.
-struct KeyTrees {
-  AtomicManager& manager;
-  TreeFile pending;
-  TreeFile committed;  ///< looked into only if keys are taken
-};
-
 /// The changes of one operation: planned first, with all that can fail for reasons of the caller's;
 /// then entered in the memory file's trees, which nobody sees before they are flushed; then noted
 /// in the cursors, which cannot fail.
@@ -38,12 +31,13 @@ class KeyChanges {
   KeyChanges& operator=(const KeyChanges&) = delete;
 
   /// Plans the way from the keys of one version to those of another. Takes keys that it needs out
-  /// of them. `wasPending`: the version before may have pending keys. Own code 37 if a new key is
-  /// another object's, or is there twice.
-  Result plan(KeyTrees& trees, std::uint64_t objectID, VersionKeys& before, bool wasPending,
+  /// of them. `wasPending`: the version before may have pending keys. The manager reaches the
+  /// memory file, and if keys are to be tested the index file. Own code 37 if a new key is another
+  /// object's, or is there twice.
+  Result plan(AtomicManager& manager, std::uint64_t objectID, VersionKeys& before, bool wasPending,
               VersionKeys& after, Source source);
   /// Enters the changes in the pending trees.
-  Result enter(KeyTrees& trees);
+  Result enter(AtomicManager& manager);
   /// Notes the changes in the cursors.
   void finish() noexcept;
   void clear() noexcept;
@@ -67,9 +61,9 @@ class KeyChanges {
   };
 
   Result checkRepeated(VersionKeys& after);
-  Result giveUp(KeyTrees& trees, VersionKeys::Entry& entry, bool wasPending);
-  Result take(KeyTrees& trees, VersionKeys::Entry& entry, Source source);
-  Result takeUnique(KeyTrees& trees, VersionKeys::Entry& entry);
+  Result giveUp(AtomicManager& manager, VersionKeys::Entry& entry, bool wasPending);
+  Result take(AtomicManager& manager, VersionKeys::Entry& entry, Source source);
+  Result takeUnique(AtomicManager& manager, VersionKeys::Entry& entry);
   Result exists(std::uint32_t index, std::uint64_t holder);
   void add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node);
   void noteRemoved(VersionKeys::Entry& entry);

@@ -68,9 +68,8 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   ZELTA_TRY(access_.readHeader());
   ZELTA_TRY(access_.openMemory());
   ZELTA_TRY(readVersions(added));
-  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
   const bool pending = found_.isPending();
-  ZELTA_TRY(changes_.plan(trees, objectID_, pendingKeys_, pending, committedKeys_,
+  ZELTA_TRY(changes_.plan(access_.manager(), objectID_, pendingKeys_, pending, committedKeys_,
                           KeyChanges::Source::committed));
   // All that can fail for want of memory comes before the files are changed.
   CurrentKeysChange keys(table_);
@@ -78,7 +77,7 @@ Result Restoration::run(UInt64AVLTree*& changed) {
     ZELTA_TRY(keys.make(metaData_, objectID_, committed_));
   }
   if (pending) {
-    ZELTA_TRY(changes_.enter(trees));
+    ZELTA_TRY(changes_.enter(access_.manager()));
     ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, table_, objectID_));
   }
   keys.keep();

@@ -59,7 +59,7 @@ class Rewriting {
 
  private:
   Result pass();
-  Result store(KeyTrees& trees);
+  Result store();
   Result wait();
 
   MetaData& metaData_;
@@ -85,17 +85,16 @@ Result Rewriting::pass() {
   ZELTA_TRY(before_.make(old));
   const bool newKeys = !sameKeys(table_, before_, after_);
   if (newKeys) ZELTA_TRY(access_.openIndex());
-  KeyTrees trees{access_.manager(), access_.pendingTrees(), access_.committedTrees()};
   if (newKeys) {
-    ZELTA_TRY(changes_.plan(trees, objectID_, before_, found.isPending(), after_,
+    ZELTA_TRY(changes_.plan(access_.manager(), objectID_, before_, found.isPending(), after_,
                             KeyChanges::Source::tested));
   }
-  ZELTA_TRY(store(trees));
+  ZELTA_TRY(store());
   return access_.release();
 }
 
-Result Rewriting::store(KeyTrees& trees) {
-  ZELTA_TRY(changes_.enter(trees));
+Result Rewriting::store() {
+  ZELTA_TRY(changes_.enter(access_.manager()));
   // All that can fail for want of memory comes before the object is stored.
   CurrentKeysChange keys(table_);
   ZELTA_TRY(keys.make(metaData_, objectID_, {table_.objectData, table_.objectLength}));

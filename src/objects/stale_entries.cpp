@@ -24,17 +24,10 @@ Result dropTransactionEntries(TableAccess& access, std::uint32_t number) {
     ~IdSet() { destroyAll(ids); }
     UInt64AVLTree* ids = nullptr;
   } entries;
-  Table& table = access.table;
   AtomicManager& manager = access.manager();
   ZELTA_TRY(collectTransaction(manager, number, &entries.ids, nullptr));
-  if (entries.ids != nullptr) {
-    for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-      if (table.listKind(i)) continue;
-      ZELTA_TRY(mergeEntries(access.metaData, table, nullptr, access.memoryHeader.pageSize, manager,
-                             i, entries.ids, nullptr));
-    }
-  }
-  return removeTransaction(manager, access.memoryHeader, table, number, nullptr);
+  if (entries.ids != nullptr) ZELTA_TRY(dropPendingKeys(manager, {entries.ids, nullptr}));
+  return removeTransaction(manager, access.memoryHeader, access.table, number, nullptr);
 }
 
 }  // namespace zelta

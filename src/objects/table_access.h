@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <optional>
 
-#include "index/bplus_tree.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
 #include "storage/paged_file.h"
@@ -61,12 +60,6 @@ class TableAccess {
   [[nodiscard]] const AtomicManager& manager() const {
     assert(manager_);
     return *manager_;
-  }
-  [[nodiscard]] TreeFile pendingTrees() const {
-    return {PageFile::memory, memoryOpen_ ? memoryHeader.pageSize : 0};
-  }
-  [[nodiscard]] TreeFile committedTrees() const {
-    return {PageFile::index, indexOpen_ ? indexHeader.pageSize : 0};
   }
 
   MetaData& metaData;

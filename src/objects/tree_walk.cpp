@@ -16,10 +16,8 @@ class TreeWalk {
         table_(request.table),
         index_(request.index - 1),
         shape_(table_.keyShape(index_)),
-        committed_(request.metaData, table_, access.committedTrees(), access.manager(), index_,
-                   table_.pageBuffers[0]),
-        pending_(request.metaData, table_, access.pendingTrees(), access.manager(), index_,
-                 table_.pageBuffers[1]),
+        committed_({access.manager(), PageFile::index, index_}, PageRole::node),
+        pending_({access.manager(), PageFile::memory, index_}, PageRole::sibling),
         out_(out) {}
 
   Result run();

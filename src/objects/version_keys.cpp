@@ -63,66 +63,49 @@ bool sameKeys(const Table& table, VersionKeys& a, VersionKeys& b) {
 
 namespace {
 
+/// The exchange may have been done before, or another object of the same commit may hold the key
+/// that it has given up: the tree ends as if it were done now.
 class Exchange {
  public:
-  Exchange(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-           std::uint64_t objectID, KeyExchange mode, bool* metBefore)
-      : metaData_(metaData),
-        table_(table),
-        file_(file),
-        manager_(manager),
-        objectID_(objectID),
-        mode_(mode),
-        metBefore_(metBefore) {}
+  Exchange(AtomicManager& manager, std::uint64_t objectID)
+      : manager_(manager), objectID_(objectID) {}
 
   Result takeOut(const VersionKeys::Entry& entry) {
-    const Result result =
-        removeEntry(metaData_, table_, file_, manager_, entry.index, entry.key, objectID_);
-    if (mode_ == KeyExchange::strict || !result.is(Own::keyNotFound)) return result;
-    meet();
+    const Result result = removeEntry(treeOf(entry), entry.key, objectID_);
+    if (!result.is(Own::keyNotFound)) return result;
+    clearError(manager_.metaData);
     return {};
   }
 
   Result enter(const VersionKeys::Entry& entry) {
-    const Result result =
-        insertEntry(metaData_, table_, file_, manager_, entry.index, entry.key, objectID_);
-    if (mode_ == KeyExchange::strict || !result.is(Own::keyExists)) return result;
+    const IndexTree tree = treeOf(entry);
+    const Result result = insertEntry(tree, entry.key, objectID_);
+    if (!result.is(Own::keyExists)) return result;
     std::uint64_t holder = objectID_;
-    ZELTA_TRY(findHolder(metaData_, table_, file_, manager_, entry.index, entry.key, &holder));
-    if (holder == objectID_) {
-      meet();
-      return {};
-    }
-    clearError(metaData_);
-    return replaceHolder(metaData_, table_, file_, manager_, entry.index, entry.key, holder,
-                         objectID_);
+    ZELTA_TRY(findHolder(tree, entry.key, &holder));
+    clearError(manager_.metaData);
+    return holder == objectID_ ? Result{} : replaceHolder(tree, entry.key, holder, objectID_);
   }
 
  private:
-  void meet() {
-    clearError(metaData_);
-    if (metBefore_ != nullptr) *metBefore_ = true;
+  [[nodiscard]] IndexTree treeOf(const VersionKeys::Entry& entry) const {
+    return {manager_, PageFile::index, entry.index};
   }
 
-  MetaData& metaData_;
-  Table& table_;
-  const TreeFile file_;
   AtomicManager& manager_;
   const std::uint64_t objectID_;
-  const KeyExchange mode_;
-  bool* metBefore_;
 };
 
 }  // namespace
 
-Result exchangeKeys(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                    std::uint64_t objectID, ObjectBytes before, ObjectBytes after, KeyExchange mode,
-                    bool* metBefore) {
-  VersionKeys old(metaData, table);
-  VersionKeys fresh(metaData, table);
+Result exchangeKeys(AtomicManager& manager, std::uint64_t objectID, ObjectBytes before,
+                    ObjectBytes after) {
+  Table& table = manager.table;
+  VersionKeys old(manager.metaData, table);
+  VersionKeys fresh(manager.metaData, table);
   ZELTA_TRY(old.make(before));
   ZELTA_TRY(fresh.make(after));
-  Exchange exchange(metaData, table, file, manager, objectID, mode, metBefore);
+  Exchange exchange(manager, objectID);
   ZELTA_TRY(forKeyDifferences(table, old, fresh, [&](const VersionKeys::Entry& entry, bool isNew) {
     return isNew ? Result{} : exchange.takeOut(entry);
   }));

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <utility>
 
-#include "index/bplus_tree.h"
 #include "objects/current_keys.h"
 #include "objects/small_vector.h"
+#include "storage/atomic_manager.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -80,20 +80,12 @@ Result forKeyDifferences(const Table& table, VersionKeys& before, VersionKeys& a
 /// Whether two versions have the same keys.
 [[nodiscard]] bool sameKeys(const Table& table, VersionKeys& a, VersionKeys& b);
 
-/// How exchangeKeys() takes a tree that does not stand as the old version says.
-enum class KeyExchange {
-  strict,   ///< as a failure: own code 32 for a key that is not there, 37 for one that is
-  repeated  ///< the exchange may have been done before, or another object of the same commit may
-            ///< hold the key that it has given up: the tree ends as if it were done now
-};
-
-/// Brings the trees of one file from the keys of one version of an object to those of another:
-/// takes out what only `before` has, enters what only `after` has, index by index. Either may be
-/// empty. The trees' roots and pages are reached through `manager`; lists are left alone.
-/// `*metBefore` (may be null) is set if a key turned out to be gone or entered already.
-Result exchangeKeys(MetaData& metaData, Table& table, TreeFile file, AtomicManager& manager,
-                    std::uint64_t objectID, ObjectBytes before, ObjectBytes after, KeyExchange mode,
-                    bool* metBefore);
+/// Brings the committed trees from the keys of one version of an object to those of another: takes
+/// out what only `before` has, enters what only `after` has, index by index. Either may be empty.
+/// What was done before stays so, and a key that another object of the same commit has given up is
+/// taken over from it. Lists are left alone.
+Result exchangeKeys(AtomicManager& manager, std::uint64_t objectID, ObjectBytes before,
+                    ObjectBytes after);
 
 }  // namespace zelta
 

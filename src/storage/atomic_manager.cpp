@@ -58,7 +58,6 @@ void AtomicManager::attach(platform::File index, const IndexFileHeader_tag* inde
   memoryFreeHead = memoryHeader != nullptr ? memoryHeader->freeHead : 0;
   memoryEndOfFile = memoryHeader != nullptr ? memoryHeader->endOfFile : 0;
   memoryPageSize_ = memoryHeader != nullptr ? memoryHeader->pageSize : 0;
-  pageSize = memoryHeader != nullptr ? memoryPageSize_ : indexPageSize_;
 }
 
 void AtomicManager::dropMemoryChanges() {
@@ -186,7 +185,7 @@ Result AtomicManager::viewFilePage(PageFile file, std::uint64_t position, const 
 Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
                                    std::uint32_t* size) {
   if (!inside(file, position, kNoPageSize + 1)) return corrupted(file);
-  const std::uint32_t unit = file == PageFile::memory ? memoryPageSize_ : indexPageSize_;
+  const std::uint32_t unit = pageSize(file);
   const std::uint64_t guess = std::min<std::uint64_t>(
       std::clamp<std::uint32_t>(unit, 64, kLargestGuess), endOfFile(file) - position);
   char* bytes = scratch.reserve(guess);

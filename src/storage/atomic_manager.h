@@ -44,6 +44,10 @@ class AtomicManager {
   Result allocatePage(PageFile file, std::uint32_t size, char** page, std::uint64_t* position,
                       ScratchBuffer& scratch);
   Result freePage(PageFile file, std::uint64_t position, std::uint32_t size);
+  /// The unit of page sizes in a file; 0 if its header was not given.
+  [[nodiscard]] std::uint32_t pageSize(PageFile file) const {
+    return file == PageFile::memory ? memoryPageSize_ : indexPageSize_;
+  }
 
   /// The memory file's roots: 0 the object map, i + 1 the pending keys of index i.
   [[nodiscard]] std::uint64_t& memoryRoot(std::uint32_t i) { return roots_[i]; }
@@ -125,6 +129,7 @@ class AtomicManager {
   [[nodiscard]] FreeExtentNode* releasedExtents(PageFile file) const {
     return file == PageFile::memory ? releasedMemory_ : nullptr;
   }
+  /// Behind the last page of a file.
   [[nodiscard]] std::uint64_t endOfFile(PageFile file) const {
     return file == PageFile::memory ? memoryEndOfFile : indexEndOfFile;
   }
@@ -146,9 +151,6 @@ class AtomicManager {
   std::uint32_t indexCount = 0;
   std::uint32_t shadowPageCount = 0;
   std::uint32_t pageCount = 0;
-  /// Of the memory file if its header was given, else of the index file. What a tree of either file
-  /// uses comes from that file's header.
-  std::uint32_t pageSize = 0;
   std::uint64_t indexFreeHead = 0;
   std::uint64_t memoryFreeHead = 0;
   std::uint64_t indexEndOfFile = 0;

@@ -11,6 +11,7 @@
 #include "frame/metadata.h"
 #include "storage/avl_tree.h"
 #include "storage/key_pool.h"
+#include "storage/page_buffer.h"
 #include "storage/page_pool.h"
 
 namespace zelta {
@@ -118,7 +119,7 @@ class Table final : public UInt32AVLTree {
   bool memoryUncertain = false;
   UInt64AVLTree* searchResults = nullptr;
   CZELTA::Schema* schema = nullptr;  ///< owned (malloc), one allocation
-  ScratchBuffer pageBuffers[4];      ///< pages of index trees while an operation works on them
+  PageBuffer pageBuffers[4];         ///< pages of index trees while an operation works on them
 };
 
 /// The table of a handle with this ID, or null.

@@ -10,32 +10,20 @@
 #include "storage/memory_file_remove.h"
 #include "storage/table_file.h"
 #include "transaction/commit.h"
-#include "transaction/traces.h"
 #include "transaction/transaction_tables.h"
 
 namespace zelta {
 
-Result dropPendingKeys(MetaData& metaData, Table& table, AtomicManager& manager,
-                       const MemoryFileHeader_tag& header, UInt64AVLTree* first,
-                       UInt64AVLTree* second) {
-  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    if (table.listKind(i) || manager.memoryRoot(i + 1) == 0) continue;
-    ZELTA_TRY(mergeEntries(metaData, table, nullptr, header.pageSize, manager, i, first, second));
-  }
-  return {};
-}
-
 namespace {
 
-/// The same for the keys of all objects that the file has under the transaction's number.
-Result dropUncertainKeys(MetaData& metaData, Table& table, AtomicManager& manager,
-                         const MemoryFileHeader_tag& header) {
+/// Takes out the pending keys of all objects that the file has under the transaction's number.
+Result dropUncertainKeys(AtomicManager& manager) {
   struct IdSet {
     ~IdSet() { destroyAll(ids); }
     UInt64AVLTree* ids = nullptr;
   } found;
-  ZELTA_TRY(collectTransaction(manager, metaData.transactionWord, &found.ids, nullptr));
-  return dropPendingKeys(metaData, table, manager, header, found.ids, nullptr);
+  ZELTA_TRY(collectTransaction(manager, manager.metaData.transactionWord, &found.ids, nullptr));
+  return dropPendingKeys(manager, {found.ids, nullptr});
 }
 
 /// Takes what the transaction has added and rewritten out of the memory file.
@@ -48,9 +36,8 @@ Result dropTraces(MetaData& metaData, Table& table) {
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
   ZELTA_TRY(attachMemoryFile(table, header, manager));
-  if (table.memoryUncertain) ZELTA_TRY(dropUncertainKeys(metaData, table, manager, header));
-  ZELTA_TRY(
-      dropPendingKeys(metaData, table, manager, header, table.addedObjects, table.editedObjects));
+  if (table.memoryUncertain) ZELTA_TRY(dropUncertainKeys(manager));
+  ZELTA_TRY(dropPendingKeys(manager, {table.addedObjects, table.editedObjects}));
   ZELTA_TRY(removeTransaction(manager, header, table, metaData.transactionWord, nullptr));
   table.memoryUncertain = false;
   return guard.release();

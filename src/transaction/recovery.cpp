@@ -7,6 +7,7 @@
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
 #include "frame/upcalls.h"
+#include "index/kinds.h"
 #include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "platform/file_io.h"
@@ -19,7 +20,6 @@
 #include "transaction/log_search.h"
 #include "transaction/replay.h"
 #include "transaction/slots.h"
-#include "transaction/traces.h"
 #include "transaction/transaction_tables.h"
 
 namespace zelta {
@@ -87,7 +87,7 @@ Result dropTraces(MetaData& metaData, Table& table, std::uint32_t number) {
   UInt64AVLTree* objects = nullptr;
   Result result = collectTransaction(manager, number, &objects, nullptr);
   if (result.ok() && objects != nullptr) {
-    result = dropPendingKeys(metaData, table, manager, header, objects, nullptr);
+    result = dropPendingKeys(manager, {objects, nullptr});
     if (result.ok()) result = removeTransaction(manager, header, table, number, nullptr);
   }
   destroyAll(objects);

@@ -139,9 +139,7 @@ Result TableReplay::decide(const TableSection& section) {
 
 /// Keys that are gone or there already are those of a former repair.
 Result TableReplay::exchange(std::uint64_t id, ObjectBytes before, ObjectBytes after) {
-  const TreeFile committed{PageFile::index, indexHeader_.pageSize};
-  return exchangeKeys(metaData_, table_, committed, manager_, id, before, after,
-                      KeyExchange::repeated, nullptr);
+  return exchangeKeys(manager_, id, before, after);
 }
 
 /// The committed version of an object; none if only a placeholder stands there: then the index file

@@ -30,11 +30,9 @@ TEST_P(BPlusTreeMerge, MovesTheChosenObjectsAndKeepsTheOthers) {
       (chosen ? committed : pending)[key] = i;
       if (chosen) new UInt64AVLTree(random() % 2 == 0 ? first : second, i);
     }
-    const TreeFile target = {PageFile::index, parameters.form.pageSize};
+    const IndexTree target(*bench.manager, PageFile::index, 0);
     bench.manager->shadowCursor = bench.manager->memoryEndOfFile;
-    ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, &target, parameters.form.pageSize,
-                           *bench.manager, 0, first, second)
-                    .ok());
+    ASSERT_TRUE(bplusMerge(bench.tree(), {first, second}, &target).ok());
     bench.check(pending);
     bench.form.file = PageFile::index;
     bench.check(committed);
@@ -51,7 +49,7 @@ TEST_P(BPlusTreeMerge, CommitsWithLittleMemoryKeepBothTrees) {
   TreeBench bench(parameters.form);
   TreeModel pending;
   TreeModel committed;
-  const TreeFile target = {PageFile::index, parameters.form.pageSize};
+  const IndexTree target(*bench.manager, PageFile::index, 0);
   // Index pages go to shadows behind the memory file, which goes on growing in front of them.
   bench.manager->heldIndexLimit = 3 * parameters.form.pageSize;
   bench.manager->holdIndexPages();
@@ -73,16 +71,12 @@ TEST_P(BPlusTreeMerge, CommitsWithLittleMemoryKeepBothTrees) {
       }
       entry = goes ? pending.erase(entry) : std::next(entry);
     }
-    ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, &target, parameters.form.pageSize,
-                           *bench.manager, 0, chosen, nullptr)
-                    .ok());
+    ASSERT_TRUE(bplusMerge(bench.tree(), {chosen, nullptr}, &target).ok());
     destroyAll(chosen);
     for (auto entry = committed.begin(); entry != committed.end();) {
       const bool goes = random() % 3 == 0;
       if (goes) {
-        ASSERT_TRUE(bplusRemove(bench.metaData, bench.table, target, *bench.manager, 0,
-                                bench.encode(entry->first).data(), entry->second)
-                        .ok());
+        ASSERT_TRUE(bplusRemove(target, bench.encode(entry->first).data(), entry->second).ok());
       }
       entry = goes ? committed.erase(entry) : std::next(entry);
     }
@@ -114,9 +108,7 @@ TEST_P(BPlusTreeMerge, MakesTheFirstKeysThatAreLeftTheSeparators) {
       }
     }
     ASSERT_EQ(bench.check(all).looseSeparators, 0u);
-    ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, parameters.form.pageSize,
-                           *bench.manager, 0, chosen, nullptr)
-                    .ok());
+    ASSERT_TRUE(bplusMerge(bench.tree(), {chosen, nullptr}, nullptr).ok());
     EXPECT_EQ(bench.check(pending).looseSeparators, 0u) << "one of " << left << " is left";
     destroyAll(chosen);
   }
@@ -137,9 +129,7 @@ TEST_P(BPlusTreeMerge, WithoutATargetDropsTheChosenObjects) {
       pending[key] = i;
     }
   }
-  ASSERT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, parameters.form.pageSize,
-                         *bench.manager, 0, chosen, nullptr)
-                  .ok());
+  ASSERT_TRUE(bplusMerge(bench.tree(), {chosen, nullptr}, nullptr).ok());
   bench.check(pending);
   destroyAll(chosen);
 }

@@ -258,15 +258,10 @@ TEST(BPlusTree, ReplacedIdStandsUnderItsKey) {
     model[number(i)] = i;
   }
   const Words key = bench.encode(number(50));
-  EXPECT_TRUE(bplusReplaceId(bench.metaData, bench.table, bench.file(), *bench.manager, 0,
-                             key.data(), 49, 500)
+  EXPECT_TRUE(bplusReplaceID(bench.tree(), key.data(), 49, 500).is(Own::keyNotFound));
+  EXPECT_TRUE(bplusReplaceID(bench.tree(), bench.encode(number(101)).data(), 101, 500)
                   .is(Own::keyNotFound));
-  EXPECT_TRUE(bplusReplaceId(bench.metaData, bench.table, bench.file(), *bench.manager, 0,
-                             bench.encode(number(101)).data(), 101, 500)
-                  .is(Own::keyNotFound));
-  ASSERT_TRUE(bplusReplaceId(bench.metaData, bench.table, bench.file(), *bench.manager, 0,
-                             key.data(), 50, 500)
-                  .ok());
+  ASSERT_TRUE(bplusReplaceID(bench.tree(), key.data(), 50, 500).ok());
   model[number(50)] = 500;
   bench.check(model);
 }
@@ -274,7 +269,7 @@ TEST(BPlusTree, ReplacedIdStandsUnderItsKey) {
 TEST(BPlusTree, DroppedTreeGivesAllItsSpaceBack) {
   TreeBench bench(variableForm());
   for (std::uint32_t i = 1; i <= 500; ++i) ASSERT_TRUE(bench.insert(number(i), i).ok());
-  ASSERT_TRUE(bplusDropTree(bench.metaData, bench.table, *bench.manager, PageFile::memory, 0).ok());
+  ASSERT_TRUE(bplusDropTree(bench.tree()).ok());
   EXPECT_EQ(bench.root(), 0u);
   EXPECT_EQ(bench.manager->pages, nullptr);
 }
@@ -343,8 +338,7 @@ TEST_P(BPlusTreeModel, CursorWalksAsAMapDoes) {
     ASSERT_TRUE(bench.insert(key, i).ok());
     model[key] = i;
   }
-  ScratchBuffer buffer;
-  BPlusCursor cursor(bench.metaData, bench.table, bench.file(), *bench.manager, 0, buffer);
+  BPlusCursor cursor(bench.tree(), PageRole::node);
   const auto expect = [&](CZELTA::Mode mode, const Words& pivot, TreeModel::iterator expected) {
     ASSERT_TRUE(cursor.seek(mode, bench.encode(pivot).data()).ok());
     ASSERT_EQ(cursor.valid(), expected != model.end()) << mode;
@@ -405,8 +399,7 @@ TEST(BPlusTreeDamage, EveryByteFlippedGivesACodeOrAnAnswerButNoHarm) {
           bench.damage(position, offset, &changed, 1);
           std::uint64_t id = 0;
           bench.find(number(60), &id).ignore();
-          ScratchBuffer buffer;
-          BPlusCursor cursor(bench.metaData, bench.table, bench.file(), *bench.manager, 0, buffer);
+          BPlusCursor cursor(bench.tree(), PageRole::node);
           for (const bool up : {true, false}) {
             Result result = cursor.seek(up ? CZELTA::ReadFirst : CZELTA::ReadLast, nullptr);
             std::uint32_t steps = 0;
@@ -454,10 +447,8 @@ TEST(BPlusTreeDamage, ChangesOfADamagedTreeGiveACode) {
     }
     UInt64AVLTree* all = nullptr;
     for (std::uint64_t id = 1; id < 1300; id += 2) new UInt64AVLTree(all, id);
-    bplusMerge(bench.metaData, bench.table, nullptr, bench.form.pageSize, *bench.manager, 0, all,
-               nullptr)
-        .ignore();
-    bplusDropTree(bench.metaData, bench.table, *bench.manager, PageFile::memory, 0).ignore();
+    bplusMerge(bench.tree(), {all, nullptr}, nullptr).ignore();
+    bplusDropTree(bench.tree()).ignore();
     destroyAll(all);
     clearError(bench.metaData);
   }
@@ -493,9 +484,7 @@ TEST(BPlusTreeDamage, WrongFreeWordsEndAMerge) {
   bench.damage(bench.root(), 24, &freeWords, 4);
   UInt64AVLTree* all = nullptr;
   new UInt64AVLTree(all, 1);
-  EXPECT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, bench.form.pageSize, *bench.manager,
-                         0, all, nullptr)
-                  .isSystem(code::kBufferTooSmall));
+  EXPECT_TRUE(bplusMerge(bench.tree(), {all, nullptr}, nullptr).isSystem(code::kBufferTooSmall));
   destroyAll(all);
   clearError(bench.metaData);
 }
@@ -514,9 +503,7 @@ TEST(BPlusTreeDamage, BranchThatLeadsToItselfEndsEveryOperation) {
   EXPECT_TRUE(bench.remove(number(1), 1).is(Own::bPlusTree));
   UInt64AVLTree* all = nullptr;
   new UInt64AVLTree(all, 1);
-  EXPECT_TRUE(bplusMerge(bench.metaData, bench.table, nullptr, bench.form.pageSize, *bench.manager,
-                         0, all, nullptr)
-                  .is(Own::bPlusTree));
+  EXPECT_TRUE(bplusMerge(bench.tree(), {all, nullptr}, nullptr).is(Own::bPlusTree));
   destroyAll(all);
   clearError(bench.metaData);
 }

@@ -77,14 +77,17 @@ class IndexSession {
                      exclusive ? &memoryHeader : nullptr);
     }
   }
-  [[nodiscard]] TreeFile committed() const { return {PageFile::index, header.pageSize}; }
-  [[nodiscard]] TreeFile pending() const { return {PageFile::memory, memoryHeader.pageSize}; }
+  [[nodiscard]] IndexTree committed(std::uint32_t index) {
+    return {manager, PageFile::index, index};
+  }
+  [[nodiscard]] IndexTree pending(std::uint32_t index) {
+    return {manager, PageFile::memory, index};
+  }
 
   /// Adds an object with its keys as an add does.
   Result add(std::uint64_t objectID, std::uint32_t number) {
     for (std::uint32_t i = 0; i < owner_.table->indexCount; ++i) {
-      ZELTA_TRY(
-          insertEntry(owner_.metaData, *owner_.table, pending(), manager, i, &number, objectID));
+      ZELTA_TRY(insertEntry(pending(i), &number, objectID));
     }
     std::string bytes = "size" + std::string(kObjectSize, 'o');
     return storeObject(manager, memoryHeader, *owner_.table, bytes.data() + 4, kObjectSize,
@@ -97,8 +100,7 @@ class IndexSession {
   }
   Keys keys(std::uint32_t index) {
     Keys found;
-    ScratchBuffer buffer;
-    BPlusCursor cursor(owner_.metaData, *owner_.table, committed(), manager, index, buffer);
+    BPlusCursor cursor(committed(index), PageRole::node);
     EXPECT_TRUE(cursor.seek(CZELTA::ReadFirst, nullptr).ok());
     while (cursor.valid()) {
       found[*cursor.key()] = cursor.objectID();
@@ -382,9 +384,7 @@ TEST(IndexCommit, Only_the_objects_named_are_committed) {
   EXPECT_EQ(session.keys(0).size(), 20u);
   std::uint64_t id = 0;
   const std::uint32_t foreign = 8;
-  EXPECT_TRUE(
-      bplusFind(owner.metaData, *owner.table, session.pending(), session.manager, 0, &foreign, &id)
-          .ok());
+  EXPECT_TRUE(bplusFind(session.pending(0), &foreign, &id).ok());
   EXPECT_EQ(id, 8u);
 }
 
@@ -643,9 +643,7 @@ TEST(IndexDamage, A_flipped_byte_in_the_header_never_crashes_or_hangs) {
           if (session.result.failed()) continue;
           std::uint64_t id = 0;
           for (std::uint32_t key = 0; key < 400; key += 7) {
-            bplusFind(scene.owner.metaData, *scene.owner.table, session.committed(),
-                      session.manager, 0, &key, &id)
-                .ignore();
+            bplusFind(session.committed(0), &key, &id).ignore();
           }
         }
         scene.commitIndexOnly(1 << 20).ignore();

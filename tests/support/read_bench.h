@@ -134,9 +134,7 @@ class ReadHandle {
     ASSERT_TRUE(openIndexFile(manager, index, &header, true, true).ok());
     manager.attach(table->indexFile, &index, table->memoryFile, &memory);
     if (added) {
-      ASSERT_TRUE(bplusInsert(metaData, *table, {PageFile::memory, memory.pageSize}, manager, 0,
-                              &row.number, id)
-                      .ok());
+      ASSERT_TRUE(bplusInsert({manager, PageFile::memory, 0}, &row.number, id).ok());
     }
     std::string image = std::string(4, '\0') + encode(form_, id, 1, row);
     ASSERT_TRUE(storeObject(manager, memory, *table, image.data() + 4,

@@ -71,9 +71,9 @@ class TreeBench {
                     memory ? &memoryHeader : nullptr);
   }
 
-  [[nodiscard]] TreeFile file() const { return {form.file, form.pageSize}; }
+  [[nodiscard]] IndexTree tree() const { return {*manager, form.file, 0}; }
   [[nodiscard]] BPlusShape shape() const {
-    return {form.variable, form.keyWords, form.wideIds ? 8u : 4u};
+    return {{form.variable, form.keyWords, form.wideIds ? 8u : 4u}};
   }
   [[nodiscard]] Words encode(const Words& words) const {
     Words key;
@@ -83,13 +83,13 @@ class TreeBench {
   }
 
   Result insert(const Words& words, std::uint64_t id) {
-    return bplusInsert(metaData, table, file(), *manager, 0, encode(words).data(), id);
+    return bplusInsert(tree(), encode(words).data(), id);
   }
   Result remove(const Words& words, std::uint64_t id) {
-    return bplusRemove(metaData, table, file(), *manager, 0, encode(words).data(), id);
+    return bplusRemove(tree(), encode(words).data(), id);
   }
   Result find(const Words& words, std::uint64_t* id) {
-    return bplusFind(metaData, table, file(), *manager, 0, encode(words).data(), id);
+    return bplusFind(tree(), encode(words).data(), id);
   }
   [[nodiscard]] std::uint64_t& root() { return manager->treeRoot(form.file, 0); }
 

@@ -1,0 +1,78 @@
+#include "index/tree/tree_pages.h"
+
+#include <cstring>
+
+namespace zelta {
+
+namespace {
+
+/// Upper limit of a page's size: sizes are counted in 32 bits.
+constexpr std::uint64_t kLargestPage = 0x7FFFFFFF;
+
+}  // namespace
+
+PageBuffer& TreePages::buffer(PageRole role) const {
+  return tree_.table().pageBuffers[static_cast<std::uint32_t>(role)];
+}
+
+Result TreePages::load(std::uint64_t position, PageRole role, TreePage* page) const {
+  if (position == 0) return corrupted();
+  PageBuffer& into = buffer(role);
+  char* bytes = nullptr;
+  ZELTA_TRY(tree_.manager().readPage(tree_.file(), position, &bytes, into.lease()));
+  if (bytes == nullptr) return corrupted();
+  *page = pageIn(bytes, into);
+  return {};
+}
+
+Result TreePages::view(std::uint64_t position, PageRole role, TreePage* page) const {
+  if (position == 0) return corrupted();
+  PageBuffer& into = buffer(role);
+  const char* bytes = nullptr;
+  ZELTA_TRY(tree_.manager().viewPage(tree_.file(), position, false, &bytes, into.lease()));
+  if (bytes == nullptr) return corrupted();
+  *page = pageIn(const_cast<char*>(bytes), into);
+  return {};
+}
+
+Result TreePages::glance(std::uint64_t position, TreePage* page) const {
+  if (position == 0) return corrupted();
+  PageBuffer& into = buffer(PageRole::node);
+  const char* bytes = nullptr;
+  ZELTA_TRY(tree_.manager().viewPage(tree_.file(), position, true, &bytes, into.lease()));
+  if (bytes == nullptr) return corrupted();
+  *page = pageIn(const_cast<char*>(bytes), into);
+  return {};
+}
+
+Result TreePages::store(std::uint64_t position, TreePage* page, bool* moved) const {
+  char* held = nullptr;
+  ZELTA_TRY(tree_.manager().writePage(tree_.file(), position, page->bytes(), &held));
+  *moved = held != nullptr && held != page->bytes();
+  if (*moved) *page = TreePage(held);
+  return {};
+}
+
+Result TreePages::allocate(std::uint64_t size, PageRole role, std::uint64_t* position,
+                           TreePage* page) const {
+  if (size > kLargestPage) return reportSystemError(&tree_.metaData(), code::kNoMemory);
+  PageBuffer& into = buffer(role);
+  char* bytes = nullptr;
+  ZELTA_TRY(tree_.manager().allocatePage(tree_.file(), static_cast<std::uint32_t>(size), &bytes,
+                                         position, into.lease()));
+  *page = pageIn(bytes, into);
+  return {};
+}
+
+Result TreePages::free(std::uint64_t position, std::uint32_t size) const {
+  return tree_.manager().freePage(tree_.file(), position, size);
+}
+
+TreePage TreePages::copyAside(const char* bytes, std::uint32_t size) const {
+  PageBuffer& aside = buffer(PageRole::spare);
+  char* copy = aside.lease().reserve(size);
+  std::memcpy(copy, bytes, size);
+  return TreePage(copy, &aside);
+}
+
+}  // namespace zelta
