@@ -12,6 +12,14 @@ Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t*
   return {};
 }
 
+Result bplusHolds(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                  bool* holds) {
+  std::uint64_t holder = 0;
+  const Result result = bplusFind(tree, key, &holder);
+  *holds = result.ok() && holder == objectID;
+  return result.is(Own::keyNotFound) ? Result{} : result;
+}
+
 Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
                       std::uint64_t newID) {
   BPlusWalk walk(tree, BPlusWalk::Purpose::search);

@@ -23,6 +23,10 @@ Result bplusInsert(const IndexTree& tree, const std::uint32_t* key, std::uint64_
 /// remove: success.
 Result bplusRemove(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
 
+/// Whether the key is there and belongs to the object.
+Result bplusHolds(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                  bool* holds);
+
 /// Own code 32, without a text, if the key is not there.
 Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID);
 
@@ -33,6 +37,10 @@ Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint
 /// Takes the entries of objects out of a pending tree, and enters them in the committed tree (null:
 /// just drops them).
 Result bplusMerge(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
+
+/// The kind of index that these trees make up.
+inline constexpr KeyKind kBPlusTree = {bplusInsert, bplusRemove, bplusHolds,
+                                       bplusMerge,  bplusFind,   bplusReplaceID};
 
 /// Frees all nodes of a tree; its root becomes 0.
 Result bplusDropTree(const IndexTree& tree);

@@ -1,10 +1,23 @@
-// What the operations of all kinds of index have in common.
+// What a kind of index is. There are two families.
+//
+// A kind with keys makes for each object one key, or with an index over sub-records one for each
+// row, and enters it with the object's ID: in the pending tree of the memory file when a
+// transaction adds or rewrites the object, in the committed tree of the index file when it commits.
+//
+// A kind of contents has a committed tree only. What a running transaction changes is found by
+// looking through its pending objects; at commit the tree follows the old and the new content of
+// every object that is added, rewritten or deleted.
+//
+// kinds.cpp has the table of them all. A kind is called once for an operation, not for a key.
 
 #ifndef ZELTA_INDEX_KIND_H
 #define ZELTA_INDEX_KIND_H
 
 #include <cstdint>
+#include <memory>
 
+#include "index/tree/index_tree.h"
+#include "schema/record_reader.h"
 #include "storage/avl_tree.h"
 
 namespace zelta {
@@ -17,6 +30,66 @@ struct ObjectSets {
   [[nodiscard]] bool contain(std::uint64_t objectID) const {
     return find(second, objectID) != nullptr || find(first, objectID) != nullptr;
   }
+};
+
+/// A kind with keys. All functions but the last two are there.
+struct KeyKind {
+  /// Enters a key of an object. Own code 37 if the tree cannot take it beside what it has.
+  Result (*insert)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
+  /// Takes a key of an object out. Own code 32 if it is not there; an empty tree has nothing to
+  /// remove: success.
+  Result (*remove)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
+  /// Whether the tree has this key for this object.
+  Result (*holds)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                  bool* holds);
+  /// Takes the entries of objects out of a pending tree, and enters them in the committed tree
+  /// (null: just drops them).
+  Result (*merge)(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
+
+  // Of a kind in which no two objects can have one key; null in any other.
+
+  /// Who has a key. Own code 32, without a text: nobody.
+  Result (*find)(const IndexTree& tree, const std::uint32_t* key,
+                 std::uint64_t* objectID) = nullptr;
+  /// Gives a key to another object. Own code 32 if the key is not there or is not `oldID`'s.
+  Result (*replaceID)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
+                      std::uint64_t newID) = nullptr;
+
+  [[nodiscard]] bool hasUniqueKeys() const { return find != nullptr; }
+};
+
+/// What becomes of the content of an object. Bytes begin with the version word; no `data`: the
+/// object is new, or is gone.
+struct ContentChange {
+  std::uint64_t objectID = 0;
+  ObjectBytes before;
+  ObjectBytes after;
+};
+
+/// Changes of many objects on their way into one committed tree, so that what they have in common
+/// can be done once for all of them.
+class ContentUpdate {
+ public:
+  ContentUpdate() = default;
+  ContentUpdate(const ContentUpdate&) = delete;
+  ContentUpdate& operator=(const ContentUpdate&) = delete;
+  virtual ~ContentUpdate() = default;
+
+  /// Takes a change, whose bytes are good during the call. No object comes twice.
+  virtual Result change(const ContentChange& change) = 0;
+  /// Brings what was not yet brought into the tree. Nothing comes after it.
+  virtual Result finish() = 0;
+};
+
+/// Whether the same changes may have been brought into a tree before.
+enum class ContentMode {
+  once,
+  repeated  ///< some or all: the tree ends as if they were brought in now
+};
+
+/// A kind of contents.
+struct ContentKind {
+  std::unique_ptr<ContentUpdate> (*begin)(const IndexTree& committed, ContentMode mode);
 };
 
 }  // namespace zelta

@@ -1,5 +1,7 @@
 #include "index/kinds.h"
 
+#include <cassert>
+
 #include "czelta.h"
 #include "index/bplus_tree.h"
 #include "storage/table.h"
@@ -8,7 +10,30 @@ namespace zelta {
 
 namespace {
 
-/// The answer for an index whose kind has no functions here.
+/// A kind is of one of the two families: the other pointer is null.
+struct Kind {
+  CZELTA::IndexKind number;
+  const KeyKind* keys;
+  const ContentKind* contents;
+};
+
+/// All kinds that there are.
+constexpr Kind kKinds[] = {
+    {CZELTA::BPlusTree, &kBPlusTree, nullptr},
+};
+
+constexpr Kind kNoKind = {CZELTA::BPlusTree, nullptr, nullptr};
+
+const Kind& kindOf(const Table& table, std::uint32_t index) {
+  for (const Kind& kind : kKinds) {
+    if (table.index(index).indexKind == kind.number) return kind;
+  }
+  return kNoKind;
+}
+
+const KeyKind* keyKindOf(const IndexTree& tree) { return kindOf(tree.table(), tree.index()).keys; }
+
+/// The answer for an index whose kind is not among them, or has no keys.
 Result unservedKind(MetaData& metaData, const Table& table, std::uint32_t index) {
   const auto kind = static_cast<std::uint32_t>(table.index(index).indexKind);
   if (kind > CZELTA::SpatialPattern) {
@@ -16,12 +41,6 @@ Result unservedKind(MetaData& metaData, const Table& table, std::uint32_t index)
   }
   return reportError(&metaData, Own::context, table.cName());
 }
-
-bool isTree(const Table& table, std::uint32_t index) {
-  return table.index(index).indexKind == CZELTA::BPlusTree;
-}
-
-bool isTree(const IndexTree& tree) { return isTree(tree.table(), tree.index()); }
 
 Result unservedKind(const IndexTree& tree) {
   return unservedKind(tree.metaData(), tree.table(), tree.index());
@@ -31,48 +50,57 @@ Result unservedKind(const IndexTree& tree) {
 
 Result checkIndexKinds(MetaData& metaData, const Table& table) {
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    if (!isTree(table, i)) return unservedKind(metaData, table, i);
+    const Kind& kind = kindOf(table, i);
+    if (kind.keys == nullptr && kind.contents == nullptr) return unservedKind(metaData, table, i);
   }
   return {};
 }
 
+const ContentKind* contentKind(const Table& table, std::uint32_t index) {
+  return kindOf(table, index).contents;
+}
+
 Result insertEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
-  if (!isTree(tree)) return unservedKind(tree);
-  return bplusInsert(tree, key, objectID);
+  const KeyKind* kind = keyKindOf(tree);
+  return kind == nullptr ? unservedKind(tree) : kind->insert(tree, key, objectID);
 }
 
 Result removeEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
-  if (!isTree(tree)) return unservedKind(tree);
-  return bplusRemove(tree, key, objectID);
+  const KeyKind* kind = keyKindOf(tree);
+  return kind == nullptr ? unservedKind(tree) : kind->remove(tree, key, objectID);
 }
 
-bool hasUniqueKeys(const Table& table, std::uint32_t index) { return isTree(table, index); }
+bool hasUniqueKeys(const Table& table, std::uint32_t index) {
+  const KeyKind* kind = kindOf(table, index).keys;
+  return kind != nullptr && kind->hasUniqueKeys();
+}
 
 Result findHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID) {
-  if (!isTree(tree)) return unservedKind(tree);
-  return bplusFind(tree, key, objectID);
+  const KeyKind* kind = keyKindOf(tree);
+  if (kind == nullptr) return unservedKind(tree);
+  assert(kind->hasUniqueKeys());
+  return kind->find(tree, key, objectID);
 }
 
 Result replaceHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
                      std::uint64_t newID) {
-  if (!isTree(tree)) return unservedKind(tree);
-  return bplusReplaceID(tree, key, oldID, newID);
+  const KeyKind* kind = keyKindOf(tree);
+  if (kind == nullptr) return unservedKind(tree);
+  assert(kind->hasUniqueKeys());
+  return kind->replaceID(tree, key, oldID, newID);
 }
 
 Result holdsEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
                   bool* holds) {
   *holds = false;
-  std::uint64_t holder = 0;
-  const Result result = findHolder(tree, key, &holder);
-  if (result.is(Own::keyNotFound)) return {};
-  *holds = holder == objectID;
-  return result;
+  const KeyKind* kind = keyKindOf(tree);
+  return kind == nullptr ? unservedKind(tree) : kind->holds(tree, key, objectID, holds);
 }
 
 Result mergeEntries(const IndexTree& pending, const ObjectSets& objects,
                     const IndexTree* committed) {
-  if (!isTree(pending)) return unservedKind(pending);
-  return bplusMerge(pending, objects, committed);
+  const KeyKind* kind = keyKindOf(pending);
+  return kind == nullptr ? unservedKind(pending) : kind->merge(pending, objects, committed);
 }
 
 Result dropPendingKeys(AtomicManager& manager, const ObjectSets& objects) {

@@ -1,5 +1,5 @@
-// The kinds of index, reached through one dispatch by `indexKind`. A kind that has no functions
-// here answers own error 8 and changes nothing.
+// The kinds of index, reached through one dispatch by `indexKind`. What is not there answers own
+// error 8, or 19 for a number that no kind has, and changes nothing.
 
 #ifndef ZELTA_INDEX_KINDS_H
 #define ZELTA_INDEX_KINDS_H
@@ -14,6 +14,12 @@ namespace zelta {
 /// Whether objects can be entered in every index of the table: own error 8 if not, 19 for an index
 /// of no known kind. Asked before the first object is touched.
 Result checkIndexKinds(MetaData& metaData, const Table& table);
+
+/// The functions of an index (from 0) that follows the contents of objects; null: it has keys, or
+/// its kind is not there.
+[[nodiscard]] const ContentKind* contentKind(const Table& table, std::uint32_t index);
+
+// -- Indexes with keys ----------------------------------------------------------------------------
 
 /// Enters a key of an object in an index's tree in one of the two files.
 Result insertEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
