@@ -41,11 +41,13 @@ Result IndexBuild::start() {
   std::fill_n(manager_.indexRoots(), table_.indexCount, std::uint64_t{0});
   manager_.attach(table_.indexFile, &working, platform::File::none, nullptr);
   manager_.holdIndexPages();
+  contents_.begin(manager_, ContentMode::once);
   return {};
 }
 
 Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64_t objectID) {
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
+    if (contentKind(table_, i) != nullptr) continue;
     const IndexTree tree(manager_, PageFile::index, i);
     RowPlaces rows;
     for (std::uint32_t entry = 0;; ++entry) {
@@ -61,10 +63,11 @@ Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64
       if (!table_.multiEntry(i)) break;
     }
   }
-  return {};
+  return contents_.change({objectID, {}, {object, objectSize}});
 }
 
 Result IndexBuild::finish() {
+  ZELTA_TRY(contents_.finish());
   ZELTA_TRY(manager_.writeHeldIndexPages());
   std::uint64_t end = 0;
   ZELTA_TRY(mergeFreeExtents(metaData_, table_.indexFile, manager_.indexFreeHead,

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "frame/metadata.h"
+#include "index/contents.h"
 #include "storage/paged_file.h"
 #include "storage/table_file.h"
 
@@ -44,6 +45,7 @@ class IndexBuild {
   Table& table_;
   AtomicManager& manager_;
   IndexFileHeader_tag& header_;
+  ContentUpdates contents_;
   std::uint64_t firstPage_ = 0;
   bool finished_ = false;
 };

@@ -14,7 +14,7 @@ namespace {
 
 /// Takes out and hands over what the transaction gave up in one index, and moves its pending keys
 /// into the committed tree.
-Result commitIndex(AtomicManager& manager, std::uint32_t index, const ObjectSets& objects) {
+Result commitKeys(AtomicManager& manager, std::uint32_t index, const ObjectSets& objects) {
   const IndexTree committed(manager, PageFile::index, index);
   const IndexTree pending(manager, PageFile::memory, index);
   const IndexCursor& cursor = manager.table.indexStates[index];
@@ -31,8 +31,8 @@ Result commitIndex(AtomicManager& manager, std::uint32_t index, const ObjectSets
 
 }  // namespace
 
-Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header, UInt64AVLTree* committedA,
-                     UInt64AVLTree* committedB, bool flush) {
+Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header,
+                     const TransactionObjects& objects, VersionSource& versions, bool flush) {
   const std::uint32_t indexCount = manager.indexCount;
   if (indexCount == 0) return {};
   // Asked first: a kind without functions must not leave the others half changed.
@@ -40,8 +40,13 @@ Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header, UInt64
   manager.holdIndexPages();
   manager.deferMemoryReleases();
   for (std::uint32_t i = 0; i < indexCount; ++i) {
-    ZELTA_TRY(commitIndex(manager, i, {committedA, committedB}));
+    const bool keys = contentKind(manager.table, i) == nullptr;
+    if (keys) ZELTA_TRY(commitKeys(manager, i, objects.pending()));
   }
+  ContentUpdates contents;
+  contents.begin(manager, ContentMode::once);
+  ZELTA_TRY(contents.changeAll(objects, versions));
+  ZELTA_TRY(contents.finish());
   return flush ? flushIndexFile(manager, header) : Result{};
 }
 

@@ -5,19 +5,20 @@
 #define ZELTA_INDEX_INDEX_COMMIT_H
 
 #include "frame/metadata.h"
-#include "storage/avl_tree.h"
+#include "index/contents.h"
 #include "storage/paged_file.h"
 
 namespace zelta {
 
 class AtomicManager;
 
-/// Brings a transaction's changes of one table into the index trees: what IndexCursor names in
-/// `removedKeys` and `replacedKeys`, and the pending keys of the objects in the two sets, which
-/// leave the pending trees. The memory file is not flushed: removeTransaction() does that later.
-/// With `flush` the changed index pages reach the index file, safe on the disk, before the return.
-Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header, UInt64AVLTree* committedA,
-                     UInt64AVLTree* committedB, bool flush);
+/// Brings a transaction's changes of one table into the committed trees: what IndexCursor names in
+/// `removedKeys` and `replacedKeys`, the pending keys of the objects, which leave the pending
+/// trees, and what changes in the objects' contents. The memory file is not flushed:
+/// removeTransaction() does that later. With `flush` the changed index pages reach the index file,
+/// safe on the disk, before the return.
+Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header,
+                     const TransactionObjects& objects, VersionSource& versions, bool flush);
 
 /// The journalled write of all changed index pages, the free chain and the roots; PagedFlush has
 /// its steps. What the pages needed of the memory file is cut off there.

@@ -19,6 +19,7 @@
 #include "transaction/edit_plan.h"
 #include "transaction/later_entries.h"
 #include "transaction/plan_execution.h"
+#include "transaction/version_reader.h"
 
 namespace zelta {
 
@@ -71,6 +72,7 @@ class TableReplay {
   IdSet deleted_;
   IdSet edited_;
   PendingImages images_;
+  ContentUpdates contents_;
 };
 
 // -- What is left to do ---------------------------------------------------------------------------
@@ -137,31 +139,15 @@ Result TableReplay::decide(const TableSection& section) {
 
 // -- Keys -----------------------------------------------------------------------------------------
 
-/// Keys that are gone or there already are those of a former repair.
+/// What is gone or there already is from a former repair. If only a placeholder stands for the
+/// version before, the index file has the new keys.
 Result TableReplay::exchange(std::uint64_t id, ObjectBytes before, ObjectBytes after) {
-  return exchangeKeys(manager_, id, before, after);
+  ZELTA_TRY(exchangeKeys(manager_, id, before, after));
+  return contents_.change({id, before, after});
 }
 
-/// The committed version of an object; none if only a placeholder stands there: then the index file
-/// has the new keys.
 Result TableReplay::readOld(std::uint64_t id, ObjectBytes* object) {
-  *object = {};
-  ObjectSlot slot{};
-  ZELTA_TRY(reportTable(metaData_, table_.cName(),
-                        readSlotPosition(table_.tableFile, header_.slotBase, id, &slot)));
-  const auto damaged = [&] {
-    return reportDamagedTable(metaData_, table_.cName(), static_cast<std::int64_t>(id), 0);
-  };
-  if (slot.isFree() || slot.position < header_.objectAreaStart ||
-      slot.position >= header_.endOfFile) {
-    return damaged();
-  }
-  RecordReader reader = RecordReader::aside(metaData_, table_);
-  const RecordRules rules{RecordRules::kUnknown, table_.minimumObjectSize};
-  const RecordFault fault =
-      reader.fetch(id, slot.position, rules, header_.defaultObjectSize, object);
-  if (fault.is(RecordFault::Kind::placeholder)) return {};
-  return fault.is(RecordFault::Kind::otherObject) ? damaged() : reader.report(fault);
+  return readCommittedVersion(metaData_, table_, header_, id, object);
 }
 
 Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
@@ -173,6 +159,7 @@ Result TableReplay::applyKeys() {
   if (table_.indexCount == 0) return {};
   ZELTA_TRY(checkIndexKinds(metaData_, table_));
   manager_.holdIndexPages();
+  contents_.begin(manager_, ContentMode::repeated);
   ObjectBytes before;
   ObjectBytes after;
   for (const UInt64AVLTree* node = findNext(deleted_.root, 0); node != nullptr;
@@ -189,6 +176,7 @@ Result TableReplay::applyKeys() {
     ZELTA_TRY(readNew(image, &after));
     ZELTA_TRY(exchange(image.objectID, {}, after));
   }
+  ZELTA_TRY(contents_.finish());
   return flushIndexFile(manager_, indexHeader_);
 }
 

@@ -24,6 +24,7 @@
 #include "transaction/edit_plan.h"
 #include "transaction/image_reader.h"
 #include "transaction/plan_execution.h"
+#include "transaction/version_reader.h"
 
 namespace zelta {
 
@@ -51,13 +52,16 @@ Result commitFiles(MetaData& metaData, Table& table) {
   MemoryFileHeader_tag memoryHeader;
   ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, manager, true));
   manager.attach(table.indexFile, &indexHeader, table.memoryFile, &memoryHeader);
-  ZELTA_TRY(commitIndexes(manager, indexHeader, table.addedObjects, table.editedObjects, true));
+  ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
+                     metaData.scratchFor(Scratch::record));
+  VersionReader versions(manager, header, reader);
+  ZELTA_TRY(commitIndexes(manager, indexHeader,
+                          {table.addedObjects, table.editedObjects, table.deletedObjects}, versions,
+                          true));
   PendingImages images;
   ZELTA_TRY(collectImages(metaData, table, manager, images));
   EditPlan plan(metaData, table, header, {table.deletedObjects, table.editedObjects});
   ZELTA_TRY(plan.make(images));
-  ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
-                     metaData.scratchFor(Scratch::record));
   ZELTA_TRY(executePlan(metaData, table, header, plan, reader, metaData.transactionWord));
   return removeTransaction(manager, memoryHeader, table, metaData.transactionWord, nullptr);
 }

@@ -62,6 +62,17 @@ class IndexedTable : public PagedTable {
   TableHeader_tag header{};
 };
 
+/// Indexes with keys ask for no version of an object.
+struct NoVersions final : VersionSource {
+  Result readBefore(std::uint64_t objectID, ObjectBytes* object) override {
+    return readAfter(objectID, object);
+  }
+  Result readAfter(std::uint64_t, ObjectBytes*) override {
+    ADD_FAILURE() << "a version is read";
+    return Result::own(Own::unclassified);
+  }
+};
+
 /// One call of an operation on both files.
 class IndexSession {
  public:
@@ -94,7 +105,7 @@ class IndexSession {
                        objectID);
   }
   Result commit(UInt64AVLTree* objects) {
-    ZELTA_TRY(commitIndexes(manager, header, objects, nullptr, true));
+    ZELTA_TRY(commitIndexes(manager, header, {objects, nullptr, nullptr}, noVersions, true));
     return removeTransaction(manager, memoryHeader, *owner_.table, owner_.metaData.transactionWord,
                              nullptr);
   }
@@ -116,6 +127,7 @@ class IndexSession {
   IndexedTable& owner_;
 
  public:
+  NoVersions noVersions;
   AtomicManager manager;
   IndexFileHeader_tag header{};
   MemoryFileHeader_tag memoryHeader{};
@@ -424,7 +436,9 @@ TEST(IndexCommit, Without_flush_nothing_reaches_the_index_file) {
   ids.add(1);
   const std::string before = owner.folder.bytes("T.zli");
   IndexSession session(owner);
-  ASSERT_TRUE(commitIndexes(session.manager, session.header, ids.root, nullptr, false).ok());
+  ASSERT_TRUE(commitIndexes(session.manager, session.header, {ids.root, nullptr, nullptr},
+                            session.noVersions, false)
+                  .ok());
   EXPECT_EQ(owner.folder.bytes("T.zli"), before);
   ASSERT_TRUE(flushIndexFile(session.manager, session.header).ok());
   EXPECT_EQ(IndexSession(owner).keys(0), (Keys{{5, 1}}));
@@ -435,7 +449,7 @@ TEST(IndexCommit, A_commit_with_nothing_to_change_writes_nothing) {
   commitTens(owner, 5);
   IndexSession session(owner);
   const std::uint64_t before = platform::faults::systemCalls();
-  ASSERT_TRUE(commitIndexes(session.manager, session.header, nullptr, nullptr, true).ok());
+  ASSERT_TRUE(commitIndexes(session.manager, session.header, {}, session.noVersions, true).ok());
   EXPECT_EQ(platform::faults::systemCalls(), before);
 }
 
@@ -518,7 +532,8 @@ class CommitScene {
     for (std::uint32_t id = 100; id < 300; ++id) {
       remember(*owner.table, cursor.removedKeys, id * 10, id, 0);
     }
-    return commitIndexes(session.manager, session.header, added.root, nullptr, true);
+    return commitIndexes(session.manager, session.header, {added.root, nullptr, nullptr},
+                         session.noVersions, true);
   }
   IndexedTable owner{1};
   IdTree added;
