@@ -109,25 +109,21 @@ void TableCheck::checkIndexTrees(CheckFile& file) {
 bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
                                 std::vector<Extent>& extents) {
   const std::uint64_t rootOffset = kHeader + 8 * (std::uint64_t{table_.indexCount} + index);
-  KeyTraces entries;
-  bool complete = false;
-  switch (table_.index(index).indexKind) {
-    case CZELTA::BPlusTree: {
-      TreePlace place = treePlace(index);
-      place.root = file.number<std::uint64_t>(rootOffset);
-      place.rootOffset = rootOffset;
-      place.from = firstPage_;
-      place.to = indexEnd_;
-      place.pageSize = pageSize_;
-      complete = checkBPlusTree(findings_, file, place, extents, [&](const TreeEntry& entry) {
-        entries.push_back({hashKey(entry.key, entry.words), entry.objectID, entry.offset});
-      });
-      break;
-    }
-    default:
-      ++findings_.counts.notChecked;
-      return false;
+  const KindCheck* kind = findKindCheck(table_, index);
+  if (kind == nullptr) {
+    ++findings_.counts.notChecked;
+    return false;
   }
+  TreePlace place = treePlace(index);
+  place.root = file.number<std::uint64_t>(rootOffset);
+  place.rootOffset = rootOffset;
+  place.from = firstPage_;
+  place.to = indexEnd_;
+  place.pageSize = pageSize_;
+  KeyTraces entries;
+  const bool complete = kind->walk(findings_, file, place, extents, [&](const TreeEntry& entry) {
+    entries.push_back({hashKey(entry.key, entry.words), entry.objectID, entry.offset});
+  });
   ++findings_.counts.indexes;
   if (complete && recordsComplete_) compareKeys(file, index, rootOffset, entries);
   return complete;

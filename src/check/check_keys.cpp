@@ -8,7 +8,6 @@
 #include <iterator>
 
 #include "check/check_table.h"
-#include "index/keys.h"
 
 namespace zelta::check {
 
@@ -20,35 +19,16 @@ bool before(const KeyTrace& a, const KeyTrace& b) {
 
 }  // namespace
 
-std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words) {
-  constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
-  std::uint64_t hash = words;
-  for (std::uint32_t i = 0; i < words; ++i) {
-    hash = (hash ^ key[i]) * kFactor;
-    hash ^= hash >> 29;
-  }
-  return hash;
-}
-
 // -- What the index should have ---------------------------------------------------------------
 
-KeyTraces TableCheck::keysOf(std::uint32_t index, std::uint64_t id, std::uint64_t position,
-                             const char* object, std::uint32_t length) {
+KeyTraces TableCheck::keysOf(std::uint32_t index, const TracedObject& object) {
   KeyTraces keys;
-  if (table_.index(index).indexKind != CZELTA::BPlusTree) return keys;
-  for (std::uint32_t entry = 0;; ++entry) {
-    std::uint32_t* key = nullptr;
-    const Result made = extractKey(metaData_, table_, index, entry, &key, object, length);
-    if (made.failed() || (key == nullptr && entry == 0 && !table_.multiEntry(index))) {
-      findings_.damage(file_, position,
-                       "object " + text(id) + " has no key in index " + text(index));
-    }
-    if (key == nullptr) return keys;
-    const KeyShape shape = table_.keyShape(index);
-    keys.push_back({hashKey(key, shape.variable() ? key[0] : shape.words), id, position});
-    table_.indexStates[index].keyPool.release(shape, key);
-    if (!table_.multiEntry(index)) return keys;
+  const KindCheck* kind = findKindCheck(table_, index);
+  if (kind != nullptr && !kind->trace(metaData_, table_, index, object, keys)) {
+    findings_.damage(file_, object.position,
+                     "object " + text(object.id) + " has no key in index " + text(index));
   }
+  return keys;
 }
 
 /// The commit that is still to change an object that is there: whose mark stands in its slot.
@@ -77,14 +57,14 @@ void TableCheck::takeKeys(std::uint64_t id, std::uint64_t position, const char* 
   const bool rewritten = commit != nullptr && commit->images.count(id) != 0;
   const char* image = rewritten ? viewImage(*commit, id) : nullptr;
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    KeyTraces old = keysOf(i, id, position, object, length);
+    KeyTraces old = keysOf(i, {id, position, object, length});
     if (commit == nullptr) {
       keys_[i].insert(keys_[i].end(), old.begin(), old.end());
       continue;
     }
     KeyTraces later;
     if (image != nullptr) {
-      later = keysOf(i, id, position, image, commit->images.at(id).length);
+      later = keysOf(i, {id, position, image, commit->images.at(id).length});
     }
     std::sort(old.begin(), old.end(), before);
     std::sort(later.begin(), later.end(), before);
@@ -113,7 +93,7 @@ void TableCheck::takeImageKeys(const PendingCommit& commit, std::uint64_t id,
   const char* image = viewImage(commit, id);
   if (image == nullptr) return;
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    const KeyTraces keys = keysOf(i, id, position, image, commit.images.at(id).length);
+    const KeyTraces keys = keysOf(i, {id, position, image, commit.images.at(id).length});
     keys_[i].insert(keys_[i].end(), keys.begin(), keys.end());
   }
 }
@@ -127,7 +107,7 @@ void TableCheck::takeNewKeys() {
           id <= facts_.highestID && (slots_.number<std::uint64_t>(facts_.slot(id)) & kFree) == 0;
       const char* image = there ? nullptr : viewImage(commit, id);
       for (std::uint32_t i = 0; image != nullptr && i < table_.indexCount; ++i) {
-        addChanged(i, keysOf(i, id, facts_.slot(id), image, place.length), {}, commit, true);
+        addChanged(i, keysOf(i, {id, facts_.slot(id), image, place.length}), {}, commit, true);
       }
     }
   }

@@ -209,7 +209,8 @@ void TableCheck::checkMemoryTrees(CheckFile& file) {
     TreePlace place = treePlace(i);
     place.root = file.number<std::uint64_t>(rootOffset);
     if (place.root == 0) continue;
-    if (table_.index(i).indexKind != CZELTA::BPlusTree) {
+    const KindCheck* kind = findKindCheck(table_, i);
+    if (kind == nullptr) {
       complete = false;
       continue;
     }
@@ -218,8 +219,8 @@ void TableCheck::checkMemoryTrees(CheckFile& file) {
     place.to = to;
     place.pageSize = unit;
     std::uint64_t keys = 0;
-    complete = checkBPlusTree(findings_, file, place, extents, [&](const TreeEntry&) { ++keys; }) &&
-               complete;
+    complete =
+        kind->walk(findings_, file, place, extents, [&](const TreeEntry&) { ++keys; }) && complete;
     findings_.pending(file, rootOffset,
                       text(keys) + " keys of open transactions in index " + text(i));
   }

@@ -9,26 +9,13 @@
 #include <vector>
 
 #include "check/check_internal.h"
+#include "check/check_kinds.h"
 #include "check/check_object.h"
 #include "check/check_pending.h"
 #include "frame/metadata.h"
 #include "storage/table.h"
 
 namespace zelta::check {
-
-/// A key that an object has, or an entry that an index has. Keys are compared by their hashes.
-struct KeyTrace {
-  std::uint64_t hash;
-  std::uint64_t objectID;
-  std::uint64_t offset;  ///< of the record in the table file, or of the key in the index file
-  /// Of an object that a commit is still to change, the place of that among them, from 1 on: the
-  /// index may have the key or not.
-  std::uint32_t commit = 0;
-  bool comes = false;  ///< with that commit; otherwise it goes
-};
-using KeyTraces = std::vector<KeyTrace>;
-
-[[nodiscard]] std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words);
 
 /// The numbers of a table file's header.
 struct TableFacts {
@@ -77,8 +64,7 @@ class TableCheck {
   void takeKeys(std::uint64_t id, std::uint64_t position, const char* object, std::uint32_t length);
   void takeImageKeys(const PendingCommit& commit, std::uint64_t id, std::uint64_t position);
   void takeNewKeys();
-  KeyTraces keysOf(std::uint32_t index, std::uint64_t id, std::uint64_t position,
-                   const char* object, std::uint32_t length);
+  KeyTraces keysOf(std::uint32_t index, const TracedObject& object);
   [[nodiscard]] const char* viewImage(const PendingCommit& commit, std::uint64_t id);
   void addChanged(std::uint32_t index, const KeyTraces& from, const KeyTraces& without,
                   const PendingCommit& commit, bool comes);
