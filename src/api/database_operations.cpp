@@ -4,6 +4,7 @@
 #include "frame/lifecycle.h"
 #include "frame/parameters.h"
 #include "frame/upcalls.h"
+#include "transaction/abort.h"
 #include "transaction/begin.h"
 #include "transaction/commit.h"
 

@@ -1,3 +1,5 @@
+#include "transaction/abort.h"
+
 #include <optional>
 
 #include "frame/kept_error.h"

@@ -1,10 +1,6 @@
-// Commit: the transaction's images go into the log as one entry with a checksum; that decides. Then
-// each table takes its edits over.
-
 #include "transaction/commit.h"
 
-#include <algorithm>
-#include <cstring>
+#include <cassert>
 #include <memory>
 #include <vector>
 
@@ -15,118 +11,17 @@
 #include "objects/lock_position.h"
 #include "objects/upcalls.h"
 #include "platform/file_io.h"
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
-#include "storage/memory_file_map.h"
 #include "storage/table_file.h"
 #include "storage/table_recovery.h"
 #include "transaction/entry_writer.h"
-#include "transaction/image_reader.h"
 #include "transaction/log_rotation.h"
+#include "transaction/section_writer.h"
 #include "transaction/table_commit.h"
 #include "transaction/transaction_tables.h"
 
 namespace zelta {
 
 namespace {
-
-std::uint64_t sectionSize(const Table& table) {
-  return sizeof(LogTableSection_tag) + std::uint64_t{table.deletedCount} * table.idSize() +
-         table.pendingBytes;
-}
-
-/// The images of what the transaction has added and rewritten, in the order of their IDs.
-Result writeImages(MetaData& metaData, Table& table, EntryWriter& out) {
-  AtomicManager manager(metaData, table);
-  MemoryFileHeader_tag header;
-  ZELTA_TRY(attachMemoryFile(table, header, manager));
-  PendingObjectWalk walk(manager);
-  ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
-                     metaData.scratchFor(Scratch::record));
-  std::uint64_t total = 0;
-  for (;;) {
-    PendingObject pending;
-    bool found = false;
-    ZELTA_TRY(walk.next(&pending, &found));
-    if (!found) break;
-    if (pending.transaction != metaData.transactionWord) continue;
-    const std::uint64_t size = logImageSize(pending.length);
-    total += size;
-    if (total > table.pendingBytes) break;
-    const char* bytes = nullptr;
-    ZELTA_TRY(reader.read(pending.position + 4, pending.length, &bytes));
-    ZELTA_TRY(out.write(&pending.length, sizeof pending.length));
-    ZELTA_TRY(out.write(bytes, pending.length));
-    ZELTA_TRY(out.write(nullptr, size - 4 - pending.length));
-  }
-  if (total == table.pendingBytes) return {};
-  return reportError(&metaData, Own::logFile, metaData.baseName.c_str(), extension::kLog,
-                     static_cast<std::int64_t>(table.pendingBytes),
-                     static_cast<std::int64_t>(total));
-}
-
-Result writeDeletedIDs(const Table& table, const UInt64AVLTree* node, EntryWriter& out) {
-  if (node == nullptr) return {};
-  ZELTA_TRY(writeDeletedIDs(table, node->left, out));
-  ZELTA_TRY(out.write(&node->key, table.idSize()));
-  return writeDeletedIDs(table, node->right, out);
-}
-
-Result writeSection(MetaData& metaData, Table& table, EntryWriter& out) {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
-  LogTableSection_tag section{};
-  std::memcpy(section.magic, "ZELD", 4);
-  section.tableId = table.id();
-  section.deletedCount = table.deletedCount;
-  section.imageBytes = table.pendingBytes;
-  ZELTA_TRY(out.write(&section, sizeof section));
-  ZELTA_TRY(writeDeletedIDs(table, table.deletedObjects, out));
-  for (UInt64AVLTree* objects : {table.deletedObjects, table.editedObjects}) {
-    ZELTA_TRY(stampTransactions(metaData, table.cName(), table.tableFile, table.slotBase, objects,
-                                metaData.transactionWord));
-  }
-  if (table.deletedObjects != nullptr || table.editedObjects != nullptr) {
-    ZELTA_TRY(reportTable(metaData, table.cName(), platform::flushFile(table.tableFile)));
-  }
-  if (table.addedObjects != nullptr || table.editedObjects != nullptr) {
-    ZELTA_TRY(writeImages(metaData, table, out));
-  }
-  return guard.release();
-}
-
-/// Reserves the entry and locks it. The order of entries is that in which transactions come here.
-Result reserveEntry(LogFile& log, std::uint64_t size, LogEntry* entry) {
-  MetaData& metaData = log.metaData();
-  const auto reportControl = [&](SystemCode failure) {
-    return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
-  };
-  MutexGuard database;
-  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
-  ControlHeader_tag control{};
-  ZELTA_TRY(reportControl(readBuffer(metaData.controlFile, 0, &control, kExclusiveWord)));
-  ZELTA_TRY(prepareLogFile(control, log));
-  ZELTA_TRY(reportControl(platform::flushFile(metaData.controlFile)));
-  ZELTA_TRY(log.lock(kLongWait, extension::kControl));
-  static_cast<void>(database.release());
-  Result result = log.append(metaData.transactionWord, size, entry);
-  if (result.ok()) {
-    result = log.report(platform::lockWord(log.handle(), logEntryLock(entry->position)));
-  }
-  log.unlock();
-  return result;
-}
-
-Result writeBody(const LogFile& log, const LogEntry& entry, const std::vector<Table*>& tables) {
-  EntryWriter out(log, entry);
-  std::uint32_t sections = 0;
-  for (Table* table : tables) {
-    if (!table->hasEdits()) continue;
-    ++sections;
-    ZELTA_TRY(writeSection(log.metaData(), *table, out));
-  }
-  return out.finish(sections);
-}
 
 /// The entry could not be written: the transaction is over, and its slot is left to whoever meets
 /// it next. Its objects are free for that one.
@@ -159,8 +54,10 @@ void dropResults(Table& table) {
 /// The mutexes of the tables that a commit is entering.
 class EnteredTables {
  public:
-  explicit EnteredTables(std::size_t count)
-      : many_(count > 1 ? std::make_unique<TableMutexGuard[]>(count) : nullptr) {}
+  /// Room for the mutexes of so many tables.
+  void reserve(std::size_t count) {
+    if (count > 1) many_ = std::make_unique<TableMutexGuard[]>(count);
+  }
   TableMutexGuard& next() { return many_ ? many_[used_++] : one_; }
   Result release() {
     if (!many_) return one_.release();
@@ -175,110 +72,215 @@ class EnteredTables {
   std::size_t used_ = 0;
 };
 
-/// Carries the decided transaction out. Whatever fails is left to be replayed.
-///
-/// An entry that goes once it is applied goes before the mutex of any of its tables does: else
-/// another transaction could delete what this one has brought, and its entry, the only trace of
-/// that, could go before this one. Should this process die then, the replay would bring it back.
-void applyEverywhere(const LogFile& log, const LogEntry& entry, const std::vector<Table*>& tables,
-                     bool releaseLocks, EnteredTables& entered) {
-  MetaData& metaData = log.metaData();
-  const bool single = log.header().isSingle();
+/// One commit. The numbers of the steps are those of docs/concurrency.md.
+class Commit {
+ public:
+  Commit(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks)
+      : metaData_(metaData),
+        open_(tables),
+        tables_(tablesInOrder(tables)),
+        releaseLocks_(releaseLocks),
+        log_(metaData) {}
+
+  Result run();
+
+ private:
+  Result requireCertainMemory() const;
+  void measureEdits();
+  void endWithoutEdits();
+  Result requireReady();
+  Result clearTheWay();
+  Result requireWholeTable(Table& table);
+  Result reserveEntry();
+  Result writeEntry();
+  Result writeBody(EntryWriter& out);
+  Result applyToTables();
+  void leaveLog(Result applied);
+
+  MetaData& metaData_;
+  UInt32AVLTree*& open_;
+  std::vector<Table*> tables_;  ///< of the handle, in the order of their IDs
+  bool releaseLocks_;
+  std::uint64_t bodySize_ = 0;
+  std::size_t editedTables_ = 0;
+  LogFile log_;
+  LogEntry entry_;
+  EnteredTables entered_;
+};
+
+Result Commit::requireCertainMemory() const {
+  for (const Table* table : tables_) {
+    if (!table->memoryUncertain) continue;
+    return reportError(&metaData_, Own::memoryFile, table->cName(), extension::kMemory);
+  }
+  return {};
+}
+
+void Commit::measureEdits() {
+  for (Table* table : tables_) {
+    dropResults(*table);
+    if (!table->hasEdits()) continue;
+    bodySize_ += sectionSize(*table);
+    ++editedTables_;
+  }
+}
+
+void Commit::endWithoutEdits() {
+  for (Table* table : tables_) releaseUnchanged(*table, releaseLocks_);
+  if (releaseLocks_) dropLockPosition(metaData_);
+}
+
+// -- Step 1 ---------------------------------------------------------------------------------------
+
+/// Before a commit all that is dead is repaired. What this transaction has changed, a dead one may
+/// have brought; the log must not bring it once more when this commit has left the log.
+Result Commit::clearTheWay() {
+  if (metaData_.transactionWord <= 1) return {};  // begins when all is repaired, and is alone
+  const Result result = clearAllDead(metaData_, open_);
+  if (!result.isLocked()) return result;
+  return reportError(&metaData_, Own::transactionLocked);
+}
+
+/// A table that could not take its edits over must be found before they are decided.
+Result Commit::requireWholeTable(Table& table) {
+  TableMutexGuard guard;
+  ZELTA_TRY(guard.acquire(metaData_, table, platform::kForever));
+  TableHeader_tag header;
+  ZELTA_TRY(readTableHeader(metaData_, table.cName(), table.tableFile, header, true));
+  ZELTA_TRY(requireWhole(metaData_, table.cName(), table.tableFile, header));
+  return guard.release();
+}
+
+Result Commit::requireReady() {
+  ZELTA_TRY(requireCarriedOut(metaData_));
+  ZELTA_TRY(clearTheWay());
+  for (Table* table : tables_) {
+    if (table->hasEdits()) ZELTA_TRY(requireWholeTable(*table));
+  }
+  entered_.reserve(editedTables_);  // behind the commit point no memory may be wanting for it
+  return {};
+}
+
+// -- Step 2 ---------------------------------------------------------------------------------------
+
+/// The order of entries is that in which transactions come here.
+Result Commit::reserveEntry() {
+  const auto reportControl = [this](SystemCode failure) {
+    return reportSystemError(&metaData_, failure, metaData_.baseName.c_str(), extension::kControl);
+  };
+  MutexGuard database;
+  ZELTA_TRY(database.acquire(metaData_, metaData_.databaseMutex, kLongWait));
+  ControlHeader_tag control{};
+  ZELTA_TRY(reportControl(readBuffer(metaData_.controlFile, 0, &control, kExclusiveWord)));
+  ZELTA_TRY(prepareLogFile(control, log_));
+  ZELTA_TRY(reportControl(platform::flushFile(metaData_.controlFile)));
+  ZELTA_TRY(log_.lock(kLongWait, extension::kControl));
+  static_cast<void>(database.release());
+  Result result = log_.append(metaData_.transactionWord, sizeof entry_.head + bodySize_, &entry_);
+  if (result.ok()) {
+    result = log_.report(platform::lockWord(log_.handle(), logEntryLock(entry_.position)));
+  }
+  log_.unlock();
+  return result;
+}
+
+// -- Steps 3 and 4 --------------------------------------------------------------------------------
+
+/// Step 3.
+Result Commit::writeBody(EntryWriter& out) {
+  for (Table* table : tables_) {
+    if (table->hasEdits()) ZELTA_TRY(writeSection(metaData_, *table, out));
+  }
+  return {};
+}
+
+Result Commit::writeEntry() {
+  const Result written = reportingMemory(metaData_, [this] {
+    EntryWriter out(log_, entry_);
+    ZELTA_TRY(writeBody(out));
+    // Step 4, the commit point of the transaction.
+    return out.finish(static_cast<std::uint32_t>(editedTables_));
+  });
+  // What is reported as failed must not be carried out by the next one, if that can be helped: the
+  // entry may be whole, and only its flush have failed.
+  if (written.failed()) static_cast<void>(log_.retireEntry(entry_.position));
+  platform::unlockWord(log_.handle(), logEntryLock(entry_.position));
+  return written;
+}
+
+// -- Steps 5 and 6 --------------------------------------------------------------------------------
+//
+// An entry that goes once it is applied goes before the mutex of any of its tables does: else
+// another transaction could delete what this one has brought, and its entry, the only trace of
+// that, could go before this one. Should this process die then, the replay would bring it back.
+
+/// Step 5: carries the decided transaction out. Whatever fails is left to be replayed.
+Result Commit::applyToTables() {
+  assert(entry_.position != 0 && !log_.locked());
   Result applied;
-  for (Table* table : tables) {
+  for (Table* table : tables_) {
     if (!table->hasEdits()) {
-      releaseUnchanged(*table, releaseLocks);
+      releaseUnchanged(*table, releaseLocks_);
       continue;
     }
-    applied.keepFirst(reportingMemory(metaData, [&] {
-      return applyTableCommit(metaData, *table, releaseLocks, entered.next());
+    applied.keepFirst(reportingMemory(metaData_, [&] {
+      return applyTableCommit(metaData_, *table, releaseLocks_, entered_.next());
     }));
-    if (!single) applied.keepFirst(entered.release());
+    if (!log_.header().isSingle()) applied.keepFirst(entered_.release());
   }
-  if (releaseLocks) dropLockPosition(metaData);
+  if (releaseLocks_) dropLockPosition(metaData_);
+  return applied;
+}
+
+/// Step 6.
+void Commit::leaveLog(Result applied) {
+  const bool goes = log_.header().isSingle();
   SystemCode retired = 0;
-  if (applied.ok() && single) retired = log.retireEntry(entry.position);
-  applied.keepFirst(entered.release());
-  if (retired != 0) log.report(retired).ignore();
+  if (applied.ok() && goes) retired = log_.retireEntry(entry_.position);
+  applied.keepFirst(entered_.release());
+  if (retired != 0) log_.report(retired).ignore();
   if (applied.failed() || retired != 0) {
-    metaData.leaveSlot = true;
-  } else if (single) {
-    reportingMemory(metaData, [&] {
-      return removeLogEntry(metaData, metaData.transactionWord, entry.position);
+    metaData_.leaveSlot = true;
+  } else if (goes) {
+    reportingMemory(metaData_, [this] {
+      return removeLogEntry(metaData_, metaData_.transactionWord, entry_.position);
     }).ignore();
   }
 }
 
-/// Before a commit all that is dead is repaired. What this transaction has changed, a dead one may
-/// have brought; the log must not bring it once more when this commit has left the log.
-Result clearTheWay(MetaData& metaData, UInt32AVLTree*& tables) {
-  if (metaData.transactionWord <= 1) return {};  // begins when all is repaired, and is alone
-  const Result result = clearAllDead(metaData, tables);
-  if (!result.isLocked()) return result;
-  return reportError(&metaData, Own::transactionLocked);
-}
-
-/// A table that could not take its edits over must be found before they are decided.
-Result requireWholeTable(MetaData& metaData, Table& table) {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
-  TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, header, true));
-  ZELTA_TRY(requireWhole(metaData, table.cName(), table.tableFile, header));
-  return guard.release();
+Result Commit::run() {
+  ZELTA_TRY(requireCertainMemory());
+  measureEdits();
+  if (editedTables_ == 0) {
+    endWithoutEdits();
+    return {};
+  }
+  ZELTA_TRY(requireReady());
+  ZELTA_TRY(reserveEntry());
+  const Result written = writeEntry();
+  if (written.failed()) {
+    giveTransactionUp(metaData_, tables_);
+    return written;
+  }
+  clearError(metaData_);  // of what was got over
+  leaveLog(applyToTables());
+  return {};
 }
 
 }  // namespace
 
-std::vector<Table*> tablesInOrder(UInt32AVLTree* tables) {
-  std::vector<UInt32AVLTree*> nodes(count(tables));
-  flatten(tables, nodes.data(), nodes.data() + nodes.size());
-  std::vector<Table*> out;
-  out.reserve(nodes.size());
-  for (UInt32AVLTree* node : nodes) out.push_back(static_cast<Table*>(node));
-  return out;
-}
-
+// Steps of a commit, numbered as in docs/concurrency.md:
+//
+//  1. What is dead is repaired, and the tables are looked at: requireReady().
+//  2. An entry is reserved in the log and locked: reserveEntry().
+//  3. Its body is written, and changed objects are stamped in their tables: writeBody().
+//  4. The commit point of the transaction: the entry's head makes it complete, and a flush brings
+//     it to the disk, in EntryWriter::finish(). Until then the transaction never was; from here on
+//     it is finished, whoever does it, and commitTransaction() reports success.
+//  5. Each table takes its edits over: applyTableCommit(), steps 5.1 to 5.8.
+//  6. The entry leaves the log, unless log files are kept: leaveLog().
 Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks) {
-  const std::vector<Table*> all = tablesInOrder(tables);
-  std::uint64_t size = 0;
-  for (const Table* table : all) {
-    if (!table->memoryUncertain) continue;
-    return reportError(&metaData, Own::memoryFile, table->cName(), extension::kMemory);
-  }
-  std::size_t edited = 0;
-  for (Table* table : all) {
-    dropResults(*table);
-    if (!table->hasEdits()) continue;
-    size += sectionSize(*table);
-    ++edited;
-  }
-  if (size == 0) {
-    for (Table* table : all) releaseUnchanged(*table, releaseLocks);
-    if (releaseLocks) dropLockPosition(metaData);
-    return {};
-  }
-  ZELTA_TRY(requireCarriedOut(metaData));
-  ZELTA_TRY(clearTheWay(metaData, tables));
-  for (Table* table : all) {
-    if (table->hasEdits()) ZELTA_TRY(requireWholeTable(metaData, *table));
-  }
-  LogFile log(metaData);
-  LogEntry entry;
-  EnteredTables entered(edited);
-  ZELTA_TRY(reserveEntry(log, size + sizeof entry.head, &entry));
-  const Result written = reportingMemory(metaData, [&] { return writeBody(log, entry, all); });
-  // What is reported as failed must not be carried out by the next one, if that can be helped: the
-  // entry may be whole, and only its flush have failed.
-  if (written.failed()) static_cast<void>(log.retireEntry(entry.position));
-  platform::unlockWord(log.handle(), logEntryLock(entry.position));
-  if (written.failed()) {
-    giveTransactionUp(metaData, all);
-    return written;
-  }
-  clearError(metaData);  // of what was got over
-  applyEverywhere(log, entry, all, releaseLocks, entered);
-  return {};
+  return Commit(metaData, tables, releaseLocks).run();
 }
 
 }  // namespace zelta

@@ -1,5 +1,5 @@
 // What a commit changes in a table file: every object's place before and after, the list of free
-// IDs, the free space. Planning reads, and changes nothing on disk.
+// IDs, the free space. Planning is step 5.2 of a commit: it reads, and changes nothing on disk.
 
 #ifndef ZELTA_TRANSACTION_EDIT_PLAN_H
 #define ZELTA_TRANSACTION_EDIT_PLAN_H

@@ -1,7 +1,7 @@
 // Ending transactions.
 
 #include "frame/upcalls.h"
-#include "transaction/commit.h"
+#include "transaction/abort.h"
 #include "transaction/slots.h"
 
 namespace zelta {

@@ -46,6 +46,7 @@ Result EntryWriter::finish(std::uint32_t sections) {
   ZELTA_TRY(writeOut());
   entry_.head.sectionCount = sections;
   entry_.head.checksum = sum_;
+  // The commit point.
   return log_.report(log_.completeEntry(entry_));
 }
 

@@ -16,7 +16,8 @@ class EntryWriter {
 
   /// The next bytes of the body. `data` null: zeros. The body may not be longer than the block.
   Result write(const void* data, std::uint64_t length);
-  /// Fills the block, then writes what makes the entry complete, and flushes the log.
+  /// Fills the block, then passes the commit point of the transaction: writes what makes the entry
+  /// complete, and flushes the log. After a failure the entry may be complete nevertheless.
   Result finish(std::uint32_t sections);
 
  private:

@@ -1,6 +1,7 @@
 #include "transaction/plan_execution.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/file_io.h"
@@ -11,7 +12,7 @@ namespace zelta {
 
 namespace {
 
-/// Carries a plan out.
+/// Carries a plan out. The numbers of the steps are those of table_commit.cpp.
 class PlanExecution {
  public:
   PlanExecution(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
@@ -25,17 +26,19 @@ class PlanExecution {
         transaction_(transaction) {}
 
   Result run() {
-    ZELTA_TRY(writeJournal());
-    ZELTA_TRY(applyMoves());
-    ZELTA_TRY(applyEdits());
+    ZELTA_TRY(writeJournal());     // 5.3
+    ZELTA_TRY(passCommitPoint());  // 5.4
+    ZELTA_TRY(applyMoves());       // 5.5
+    ZELTA_TRY(applyEdits());       // 5.6
     ZELTA_TRY(clearSlots());
     ZELTA_TRY(applyFreeBlocks(metaData_, file_, plan_.freeList, true));
-    return finish();
+    return finish();  // 5.7
   }
 
  private:
   Result report(SystemCode failure) { return reportTable(metaData_, table_.cName(), failure); }
   Result writeJournal();
+  Result passCommitPoint();
   Result applyMoves();
   Result applyEdits();
   Result writeObjects();
@@ -55,6 +58,8 @@ class PlanExecution {
   TableHeader_tag intent_{};
 };
 
+/// Step 5.3: the entries of all edits and free blocks go behind the file's end, and behind what is
+/// about to be allocated. No header leads there yet.
 Result PlanExecution::writeJournal() {
   std::uint32_t freeEntries = 0;
   for (const FreeBlock* block = plan_.freeList; block != nullptr; block = block->nextNode) {
@@ -90,14 +95,22 @@ Result PlanExecution::writeJournal() {
   intent_.journalChecksum = 0;
   xorChecksum32(intent_.journalChecksum, summedPart(intent_), kSummedPart);
   xorChecksum32(intent_.journalChecksum, journal, length);
+  return report(writeBuffer(file_, start, journal, static_cast<std::int64_t>(length)));
+}
+
+/// Step 5.4, the commit point of the table file. Before it, whoever reads the header finds the old
+/// table; once the intent and all of the journal that its checksum covers are on the disk, the new
+/// one.
+Result PlanExecution::passCommitPoint() {
+  assert(intent_.journalEnd >= intent_.journalBase);
   constexpr std::uint32_t kIntent = offsetof(TableHeader_tag, journalBase);
-  ZELTA_TRY(report(writeBuffer(file_, start, journal, static_cast<std::int64_t>(length))));
   ZELTA_TRY(report(writeBuffer(file_, kIntent, reinterpret_cast<const char*>(&intent_) + kIntent,
                                sizeof intent_ - kIntent)));
   return report(platform::flushFile(file_));
 }
 
-/// Moves must not be done again once other contents may have taken the places that they came from.
+/// Step 5.5. Moves must not be done again once other contents may have taken the places that they
+/// came from.
 Result PlanExecution::applyMoves() {
   for (const Edit& edit : plan_.moves) {
     ZELTA_TRY(applyMove(metaData_, table_.cName(), file_, old_, edit.entry));
@@ -117,6 +130,7 @@ Result PlanExecution::applyMoves() {
   return report(platform::flushFile(file_));
 }
 
+/// Step 5.6, but for cleared slots and free blocks.
 Result PlanExecution::applyEdits() {
   for (const Edit& edit : plan_.edits) {
     if (edit.entry.kind == EditKind::replaceObject) continue;
@@ -179,6 +193,7 @@ Result PlanExecution::clearSlots() {
   return zeroSlots(metaData_, table_.cName(), file_, old_.slotBase, plan_.next.highestID, end);
 }
 
+/// Step 5.7.
 Result PlanExecution::finish() {
   ZELTA_TRY(report(platform::flushFile(file_)));
   TableHeader_tag header = plan_.next;

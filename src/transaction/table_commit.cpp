@@ -1,18 +1,20 @@
-// A table's commit.
+// A table's part of a commit, in steps that docs/concurrency.md numbers so:
 //
-//  1. The index file takes the keys over, in its own atomic step.
-//  2. The edits of the table file are planned, and written behind its end as a journal.
-//  3. One write of the intent into the header, and a flush: from here on the commit is finished,
-//     whoever does it.
-//  4. Moves of records, and if there are any the mark that they are done.
-//  5. New contents, slots and links, cleared slots, free blocks; a flush.
-//  6. The header with the new numbers and without the intent; a flush; the file is cut.
-//  7. The transaction's traces leave the memory file.
+//  5.1 The index file takes the keys over, in its own atomic step: commitIndexes().
+//  5.2 The edits of the table file are planned: EditPlan::make(). Nothing is written.
+//  5.3 The journal of the plan is written behind the file's end: executePlan(), as all up to 5.7.
+//  5.4 The commit point of the table file: one write of the intent into the header, and a flush.
+//  5.5 Moves of records, and if there are any the mark that they are done.
+//  5.6 New contents, slots and links, cleared slots, free blocks; a flush.
+//  5.7 The header with the new numbers and without the intent; a flush; the file is cut.
+//  5.8 The transaction's images and keys leave the memory file.
 //
-// A death before 3 leaves the table as it was, with the index ahead of it: replay of the log bears
-// that. A death behind it is repaired by readTableHeader() and replay.
+// A death before 5.4 leaves the table as it was, with the index ahead of it: replay of the log
+// bears that. A death behind it is repaired by readTableHeader() and replay.
 
 #include "transaction/table_commit.h"
+
+#include <cassert>
 
 #include "frame/exhausted_memory.h"
 #include "index/index_commit.h"
@@ -55,14 +57,18 @@ Result commitFiles(MetaData& metaData, Table& table) {
   ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
                      metaData.scratchFor(Scratch::record));
   VersionReader versions(manager, header, reader);
+  // 5.1
   ZELTA_TRY(commitIndexes(manager, indexHeader,
                           {table.addedObjects, table.editedObjects, table.deletedObjects}, versions,
                           true));
+  // 5.2
   PendingImages images;
   ZELTA_TRY(collectImages(metaData, table, manager, images));
   EditPlan plan(metaData, table, header, {table.deletedObjects, table.editedObjects});
   ZELTA_TRY(plan.make(images));
+  // 5.3 to 5.7
   ZELTA_TRY(executePlan(metaData, table, header, plan, reader, metaData.transactionWord));
+  // 5.8
   return removeTransaction(manager, memoryHeader, table, metaData.transactionWord, nullptr);
 }
 
@@ -100,6 +106,7 @@ void emptySets(Table& table, bool releaseLocks) {
 
 Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
                         TableMutexGuard& guard) {
+  assert(!guard.held());
   Result result = guard.acquire(metaData, table, platform::kForever);
   guard.announceChange();
   if (result.ok()) {

@@ -7,8 +7,9 @@
 
 namespace zelta {
 
-/// Index file first, then the table file through its journal, then the traces in the memory file
-/// go. The sets of the table are emptied whether or not it succeeds. The mutex stays with `guard`.
+/// Index file first, then the table file through its journal, then what the transaction has in the
+/// memory file goes: step 5 of a commit. The sets of the table are emptied whether or not it
+/// succeeds. The mutex stays with `guard`.
 Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
                         TableMutexGuard& guard);
 

@@ -16,6 +16,7 @@
 #include "support/buffer_table.h"
 #include "support/check_database.h"
 #include "support/paged_table.h"
+#include "transaction/abort.h"
 #include "transaction/begin.h"
 #include "transaction/commit.h"
 

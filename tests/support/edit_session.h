@@ -26,6 +26,7 @@
 #include "schema/table_lifecycle.h"
 #include "support/buffer_table.h"
 #include "support/storage_fixture.h"
+#include "transaction/abort.h"
 #include "transaction/begin.h"
 #include "transaction/commit.h"
 

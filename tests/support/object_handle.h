@@ -25,6 +25,7 @@
 #include "support/check_database.h"
 #include "support/paged_table.h"
 #include "support/storage_fixture.h"
+#include "transaction/abort.h"
 #include "transaction/begin.h"
 #include "transaction/commit.h"
 
