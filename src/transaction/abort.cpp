@@ -8,28 +8,18 @@
 #include "objects/lock_position.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
-#include "storage/memory_file_map.h"
 #include "storage/memory_file_remove.h"
 #include "storage/table_file.h"
 #include "transaction/commit.h"
+#include "transaction/pending_changes.h"
 #include "transaction/transaction_tables.h"
 
 namespace zelta {
 
 namespace {
 
-/// Takes out the pending keys of all objects that the file has under the transaction's number.
-Result dropUncertainKeys(AtomicManager& manager) {
-  struct IdSet {
-    ~IdSet() { destroyAll(ids); }
-    UInt64AVLTree* ids = nullptr;
-  } found;
-  ZELTA_TRY(collectTransaction(manager, manager.metaData.transactionWord, &found.ids, nullptr));
-  return dropPendingKeys(manager, {found.ids, nullptr});
-}
-
 /// Takes what the transaction has added and rewritten out of the memory file.
-Result dropTraces(MetaData& metaData, Table& table) {
+Result dropChanges(MetaData& metaData, Table& table) {
   if (table.addedObjects == nullptr && table.editedObjects == nullptr && !table.memoryUncertain) {
     return {};
   }
@@ -38,7 +28,10 @@ Result dropTraces(MetaData& metaData, Table& table) {
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
   ZELTA_TRY(attachMemoryFile(table, header, manager));
-  if (table.memoryUncertain) ZELTA_TRY(dropUncertainKeys(manager));
+  if (table.memoryUncertain) {
+    bool any = false;
+    ZELTA_TRY(dropPendingKeysOf(manager, metaData.transactionWord, &any));
+  }
   ZELTA_TRY(dropPendingKeys(manager, {table.addedObjects, table.editedObjects}));
   ZELTA_TRY(removeTransaction(manager, header, table, metaData.transactionWord, nullptr));
   table.memoryUncertain = false;
@@ -84,10 +77,10 @@ Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool release
     table->searchInverted = false;
     if (!metaData.mayWrite()) continue;
     // Beside what is dropped now stands what was committed and is still to be carried out: until
-    // then it keeps IDs and keys from others. Whoever does that drops the traces.
+    // then it keeps IDs and keys from others. Whoever does that drops it.
     std::optional<KeptError> first;
     if (result.failed()) first.emplace(metaData);
-    const Result dropped = metaData.leaveSlot ? Result{} : dropTraces(metaData, *table);
+    const Result dropped = metaData.leaveSlot ? Result{} : dropChanges(metaData, *table);
     result.keepFirst(dropped);
     if (dropped.ok()) forgetEdits(*table, releaseLocks);
   }

@@ -14,10 +14,9 @@
 #include "schema/table_lifecycle.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
-#include "storage/memory_file_map.h"
 #include "storage/memory_file_remove.h"
-#include "transaction/log_file.h"
 #include "transaction/log_search.h"
+#include "transaction/pending_changes.h"
 #include "transaction/replay.h"
 #include "transaction/slots.h"
 #include "transaction/transaction_tables.h"
@@ -77,21 +76,16 @@ Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32
   return removed.is(Own::logEntryNotFound) ? Result{} : removed;
 }
 
-/// The traces of a number in one table's memory file.
-Result dropTraces(MetaData& metaData, Table& table, std::uint32_t number) {
+/// What a number has in one table's memory file.
+Result dropChanges(MetaData& metaData, Table& table, std::uint32_t number) {
   TableMutexGuard guard;
   ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
   AtomicManager manager(metaData, table);
   MemoryFileHeader_tag header;
   ZELTA_TRY(attachMemoryFile(table, header, manager));
-  UInt64AVLTree* objects = nullptr;
-  Result result = collectTransaction(manager, number, &objects, nullptr);
-  if (result.ok() && objects != nullptr) {
-    result = dropPendingKeys(manager, {objects, nullptr});
-    if (result.ok()) result = removeTransaction(manager, header, table, number, nullptr);
-  }
-  destroyAll(objects);
-  ZELTA_TRY(result);
+  bool any = false;
+  ZELTA_TRY(dropPendingKeysOf(manager, number, &any));
+  if (any) ZELTA_TRY(removeTransaction(manager, header, table, number, nullptr));
   return guard.release();
 }
 
@@ -111,7 +105,7 @@ Result hasContents(MetaData& metaData, const std::u16string& name, bool* content
   return reportSystemError(&metaData, failure, name.c_str(), extension::kMemory);
 }
 
-Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
+Result dropAllChanges(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
   TableDirectory directory;
   {
     MutexGuard database;
@@ -129,7 +123,7 @@ Result dropAllTraces(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t n
     if (table == nullptr) {
       return reportError(&metaData, Own::unclassified, nullptr, nullptr, entry.tableId);
     }
-    ZELTA_TRY(dropTraces(metaData, *table, number));
+    ZELTA_TRY(dropChanges(metaData, *table, number));
   }
   return {};
 }
@@ -161,7 +155,7 @@ RepairScope::~RepairScope() {
 Result RepairScope::run(UInt32AVLTree*& tables) {
   const OpenedTables opened(tables);
   ZELTA_TRY(replayIfCommitted(metaData_, tables, number_, nullptr));
-  ZELTA_TRY(dropAllTraces(metaData_, tables, number_));
+  ZELTA_TRY(dropAllChanges(metaData_, tables, number_));
   ZELTA_TRY(releaseSlot(metaData_, slot_));
   repaired_ = true;
   return {};
