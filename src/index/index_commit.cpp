@@ -67,9 +67,9 @@ Result cutFiles(AtomicManager& manager, const PagedFlush& flush, const PagedFile
 
 Result flushIndexFile(AtomicManager& manager, IndexFileHeader_tag& header) {
   PagedFlush flush(kIndexForm, manager, header, nullptr);
-  ZELTA_TRY(flush.prepare());
+  ZELTA_TRY(flush.prepare());  // 5.1.1
   if (flush.changesAnything()) {
-    ZELTA_TRY(flush.write());
+    ZELTA_TRY(flush.write());  // 5.1.2 to 5.1.5, with the commit point in 5.1.3
     ZELTA_TRY(cutFiles(manager, flush, header));
     manager.indexEndOfFile = header.endOfFile;
   }

@@ -1,5 +1,8 @@
 // Bringing a transaction into the index file: first into its trees, page by page in memory and
 // shadows, then into the file in one step.
+//
+// That is step 5.1 of a commit, as docs/concurrency.md counts. 5.1.1 to 5.1.5 are the five steps of
+// PagedFlush, and the third of them is the commit point of the index file.
 
 #ifndef ZELTA_INDEX_INDEX_COMMIT_H
 #define ZELTA_INDEX_INDEX_COMMIT_H

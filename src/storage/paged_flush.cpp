@@ -147,6 +147,8 @@ void PagedFlush::reserveAhead(GatheredWriter& writer, std::uint64_t end) {
 
 // -- Step 3: intent -------------------------------------------------------------------------------
 
+/// The commit point of the file: before its end the file is as it was, from there on a repair makes
+/// the change.
 Result PagedFlush::writeIntent() {
   assert(step_ == Step::journal);
   constexpr std::uint64_t kStart = Image::kIntentStart;
