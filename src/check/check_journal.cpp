@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "check/check_internal.h"
-#include "storage/free_space.h"
+#include "storage/free_block.h"
 #include "storage/paged_file.h"
 #include "storage/table_file.h"
 
@@ -54,8 +54,7 @@ class Applier {
 bool applyFreeBlocks(Applier& applier, const std::string& journal, std::uint64_t at,
                      std::uint32_t count, bool tailTags, bool wide = false) {
   for (; count != 0; --count, at += kFreeEntrySize) {
-    FreeBlockChunk::Entry entry;
-    static_assert(sizeof entry == kFreeEntrySize);
+    FreeEntry_tag entry;
     std::memcpy(&entry, journal.data() + at, sizeof entry);
     if (entry.dirty == 0 || entry.size == 0) continue;
     const auto size = static_cast<std::uint32_t>(entry.size);

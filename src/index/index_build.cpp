@@ -70,15 +70,13 @@ Result IndexBuild::finish() {
   ZELTA_TRY(contents_.finish());
   ZELTA_TRY(manager_.writeHeldIndexPages());
   std::uint64_t end = 0;
-  ZELTA_TRY(mergeFreeExtents(metaData_, table_.indexFile, manager_.indexFreeHead,
-                             manager_.indexEndOfFile, nullptr, manager_.indexFreeList, &end,
-                             nullptr, nullptr));
+  ZELTA_TRY(manager_.indexFreeSpace.merge(manager_.indexEndOfFile, &end));
   if (end < firstPage_ || end > manager_.indexEndOfFile) {
     return reportError(&metaData_, Own::freeList);
   }
-  ZELTA_TRY(applyFreeBlocks(metaData_, table_.indexFile, manager_.indexFreeList, false));
+  ZELTA_TRY(manager_.indexFreeSpace.apply());
   PagedHeaderImage image(kIndexForm, table_.indexCount);
-  header_.freeHead = manager_.indexFreeHead;
+  header_.freeHead = manager_.indexFreeSpace.head();
   header_.endOfFile = end;
   clearIntent(header_);
   image.putHeader(header_);

@@ -31,7 +31,11 @@ constexpr std::uint64_t kUnchangedLimit = 2 * 1024 * 1024;
 }  // namespace
 
 AtomicManager::AtomicManager(MetaData& theMetaData, Table& theTable)
-    : metaData(theMetaData), table(theTable), indexCount(theTable.indexCount) {
+    : metaData(theMetaData),
+      table(theTable),
+      indexCount(theTable.indexCount),
+      indexFreeSpace(theMetaData, platform::File::none, 0, kMinimumBlock),
+      memoryFreeSpace(theMetaData, platform::File::none, 0, kMinimumBlock) {
   const std::size_t count = 3 * std::size_t{indexCount} + 2;
   if (count <= kFewRoots) return;
   manyRoots_ = std::make_unique<std::uint64_t[]>(count);
@@ -52,10 +56,10 @@ void AtomicManager::attach(platform::File index, const IndexFileHeader_tag* inde
   holdIndexPages_ = false;
   indexFile = index;
   memoryFile = memory;
-  indexFreeHead = indexHeader != nullptr ? indexHeader->freeHead : 0;
+  indexFreeSpace.attach(index, indexHeader != nullptr ? indexHeader->freeHead : 0);
   indexEndOfFile = indexHeader != nullptr ? indexHeader->endOfFile : 0;
   indexPageSize_ = indexHeader != nullptr ? indexHeader->pageSize : 0;
-  memoryFreeHead = memoryHeader != nullptr ? memoryHeader->freeHead : 0;
+  memoryFreeSpace.attach(memory, memoryHeader != nullptr ? memoryHeader->freeHead : 0);
   memoryEndOfFile = memoryHeader != nullptr ? memoryHeader->endOfFile : 0;
   memoryPageSize_ = memoryHeader != nullptr ? memoryHeader->pageSize : 0;
 }
@@ -63,9 +67,7 @@ void AtomicManager::attach(platform::File index, const IndexFileHeader_tag* inde
 void AtomicManager::dropMemoryChanges() {
   table.pagePool.releaseTree(pages);
   pageCount = 0;
-  dropFreeList(memoryFreeList);
-  destroyAll(releasedMemory_);
-  lastRelease_ = nullptr;
+  memoryFreeSpace.drop();
   deferReleases_ = false;
 }
 
@@ -76,7 +78,7 @@ void AtomicManager::dropIndexChanges() {
   newest_ = nullptr;
   oldest_ = nullptr;
   heldIndexBytes_ = 0;
-  dropFreeList(indexFreeList);
+  indexFreeSpace.drop();
 }
 
 void AtomicManager::dropUnchanged() {
@@ -310,12 +312,13 @@ Result AtomicManager::writeMemoryPage(std::uint64_t position, const char* page, 
 
 Result AtomicManager::takeSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
                                 std::uint32_t* taken) {
-  const bool memory = file == PageFile::memory;
-  const std::uint64_t need = blockNeed(size, kMinimumBlock);
-  if (need > 0xFFFFFFF0) return failed(file, code::kNoMemory);
-  ZELTA_TRY(allocateBlock(metaData, handle(file), memory ? memoryFreeList : indexFreeList,
-                          memory ? memoryFreeHead : indexFreeHead, size, position, taken,
-                          kMinimumBlock, 0));
+  PageFreeChain& chain = freeSpace(file);
+  const std::uint64_t need = chain.need(size);
+  if (need > PageBlocks::kLargest) return failed(file, code::kNoMemory);
+  FileSpan block{};
+  ZELTA_TRY(chain.allocate(size, &block));
+  *position = block.position;
+  *taken = static_cast<std::uint32_t>(block.size);
   if (*position != 0) {
     return inside(file, *position, *taken) ? Result{} : reportError(&metaData, Own::freeList);
   }
@@ -334,7 +337,7 @@ Result AtomicManager::takeEnd(PageFile file, std::uint64_t need, std::uint64_t* 
   if (shadowCursor > memoryEndOfFile) {
     const std::uint64_t gap = memoryEndOfFile;
     const auto size = static_cast<std::uint32_t>(shadowCursor - gap);
-    if (shadowCursor - gap > 0xFFFFFFF0) return failed(file, code::kNoMemory);
+    if (shadowCursor - gap > PageBlocks::kLargest) return failed(file, code::kNoMemory);
     memoryEndOfFile = shadowCursor;
     ZELTA_TRY(giveSpace(file, gap, size));
   }
@@ -346,28 +349,11 @@ Result AtomicManager::takeEnd(PageFile file, std::uint64_t need, std::uint64_t* 
 
 Result AtomicManager::giveSpace(PageFile file, std::uint64_t position, std::uint32_t size) {
   if (!inside(file, position, size)) return corrupted(file);
-  if (file == PageFile::index) {
-    return addFreeBlock(metaData, indexFile, indexFreeList, indexFreeHead, position, size);
-  }
-  if (deferReleases_) {
-    releaseLater(position, size);
+  if (file == PageFile::memory && deferReleases_) {
+    memoryFreeSpace.deferred().addToRun({position, size}, PageBlocks::kLargest);
     return {};
   }
-  return addFreeBlock(metaData, memoryFile, memoryFreeList, memoryFreeHead, position, size);
-}
-
-void AtomicManager::releaseLater(std::uint64_t position, std::uint32_t size) {
-  // Runs of neighbours become one extent, as far as the size of a block can state it.
-  if (lastRelease_ != nullptr && lastRelease_->position + lastRelease_->size == position &&
-      lastRelease_->size <= 0xFFFFFFF0 - std::uint64_t{size}) {
-    lastRelease_->size += size;
-    return;
-  }
-  auto* extent = new FreeExtentNode;
-  extent->position = position;
-  extent->size = size;
-  insert(extent, releasedMemory_);
-  lastRelease_ = extent;
+  return freeSpace(file).release({position, size});
 }
 
 Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
@@ -375,7 +361,7 @@ Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
   std::uint64_t position = 0;
   std::uint32_t taken = 0;
   ZELTA_TRY(takeSpace(PageFile::memory, size, &position, &taken));
-  const auto need = static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock));
+  const auto need = static_cast<std::uint32_t>(memoryFreeSpace.need(size));
   if (taken > need) ZELTA_TRY(giveSpace(PageFile::memory, position + need, taken - need));
   dropUnchangedPage(PageFile::memory, position);
   PooledPage fresh(table.pagePool, table.pagePool.take());
@@ -400,7 +386,7 @@ Result AtomicManager::allocatePage(PageFile file, std::uint32_t size, char** pag
   size = (size + 7) & ~std::uint32_t{7};
   std::uint32_t taken = 0;
   ZELTA_TRY(takeSpace(file, size, position, &taken));
-  const auto need = static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock));
+  const auto need = static_cast<std::uint32_t>(freeSpace(file).need(size));
   if (taken > need) ZELTA_TRY(giveSpace(file, *position + need, taken - need));
   dropUnchangedPage(file, *position);
   *page = scratch.reserve(size);
@@ -423,7 +409,7 @@ Result AtomicManager::freePage(PageFile file, std::uint64_t position, std::uint3
       delete page;
     }
   }
-  return giveSpace(file, position, static_cast<std::uint32_t>(blockNeed(size, kMinimumBlock)));
+  return giveSpace(file, position, static_cast<std::uint32_t>(freeSpace(file).need(size)));
 }
 
 }  // namespace zelta

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "storage/free_space.h"
+#include "storage/free_chain.h"
 #include "storage/paged_file.h"
 #include "storage/table.h"
 
@@ -78,7 +78,7 @@ class AtomicManager {
                    std::uint32_t* taken);
   Result giveSpace(PageFile file, std::uint64_t position, std::uint32_t size);
   /// From now on released space of the memory file waits apart until the next flush, which merges
-  /// it in one pass; for steps that release much and take little.
+  /// it in one pass; for steps that release much and allocate little.
   void deferMemoryReleases() { deferReleases_ = true; }
   /// Forgets changed pages, free lists and released space of the memory file, after a flush.
   void dropMemoryChanges();
@@ -119,15 +119,8 @@ class AtomicManager {
   [[nodiscard]] const std::uint64_t* savedRoots(PageFile file) {
     return file == PageFile::memory ? savedMemoryRoots() : nullptr;
   }
-  [[nodiscard]] std::uint64_t& freeHead(PageFile file) {
-    return file == PageFile::memory ? memoryFreeHead : indexFreeHead;
-  }
-  [[nodiscard]] FreeBlock*& freeList(PageFile file) {
-    return file == PageFile::memory ? memoryFreeList : indexFreeList;
-  }
-  /// Extents that wait for the next flush to become free.
-  [[nodiscard]] FreeExtentNode* releasedExtents(PageFile file) const {
-    return file == PageFile::memory ? releasedMemory_ : nullptr;
+  [[nodiscard]] PageFreeChain& freeSpace(PageFile file) {
+    return file == PageFile::memory ? memoryFreeSpace : indexFreeSpace;
   }
   /// Behind the last page of a file.
   [[nodiscard]] std::uint64_t endOfFile(PageFile file) const {
@@ -151,14 +144,12 @@ class AtomicManager {
   std::uint32_t indexCount = 0;
   std::uint32_t shadowPageCount = 0;
   std::uint32_t pageCount = 0;
-  std::uint64_t indexFreeHead = 0;
-  std::uint64_t memoryFreeHead = 0;
   std::uint64_t indexEndOfFile = 0;
   std::uint64_t memoryEndOfFile = 0;
   bool journalApplied = false;     ///< by the last repair of the memory file
   std::uint64_t shadowCursor = 0;  ///< where the next shadow goes in the memory file; 0: none yet
-  FreeBlock* indexFreeList = nullptr;
-  FreeBlock* memoryFreeList = nullptr;
+  PageFreeChain indexFreeSpace;
+  PageFreeChain memoryFreeSpace;
   platform::File indexFile = platform::File::none;
   platform::File memoryFile = platform::File::none;
 
@@ -187,7 +178,6 @@ class AtomicManager {
   void unuse(Page& page);
   Result shrinkHeldIndex();
   Result takeEnd(PageFile file, std::uint64_t need, std::uint64_t* position);
-  void releaseLater(std::uint64_t position, std::uint32_t size);
 
   static constexpr std::size_t kFewRoots = 20;
   std::uint64_t fewRoots_[kFewRoots] = {};
@@ -198,8 +188,6 @@ class AtomicManager {
   std::uint64_t heldIndexBytes_ = 0;
   Page* newest_ = nullptr;
   Page* oldest_ = nullptr;
-  FreeExtentNode* releasedMemory_ = nullptr;
-  FreeExtentNode* lastRelease_ = nullptr;
   std::uint32_t indexPageSize_ = 0;
   std::uint32_t memoryPageSize_ = 0;
   bool holdIndexPages_ = false;

@@ -81,7 +81,7 @@ void AtomicManager::assignShadow(Page& page) {
   page.shadowPosition = shadowCursor;
   page.shadowSize = page.size;
   // Shadows stay on the granule, since what they lie in may become free space.
-  shadowCursor += blockNeed(page.size, kMinimumBlock);
+  shadowCursor += memoryFreeSpace.need(page.size);
 }
 
 void AtomicManager::releaseIndexBytes(Page& page) {

@@ -384,7 +384,7 @@ Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, T
     manager.dropMemoryChanges();
     manager.dropUnchanged();
     manager.memoryRoot(0) = 0;
-    manager.memoryFreeHead = 0;
+    manager.memoryFreeSpace.startAt(0);
     manager.memoryEndOfFile = kMemoryForm.headerSize(manager.indexCount);
   } else {
     destroyAll(removed.root());

@@ -42,14 +42,13 @@ Result PagedFlush::prepare() {
   clearIntent(header_);
   header_.journalBase = header_.endOfFile;
   const std::uint64_t end = manager_.endOfFile(form_.file);
-  ZELTA_TRY(mergeFreeExtents(manager_.metaData, file_, manager_.freeHead(form_.file), end,
-                             manager_.releasedExtents(form_.file), manager_.freeList(form_.file),
-                             &header_.newEndOfFile, &header_.freeEntryCount,
-                             &header_.journalChecksum));
+  PageFreeChain& freeSpace = manager_.freeSpace(form_.file);
+  ZELTA_TRY(freeSpace.merge(end, &header_.newEndOfFile));
+  header_.freeEntryCount = freeSpace.sumEntries(&header_.journalChecksum);
   if (header_.newEndOfFile < form_.headerSize(manager_.indexCount) || header_.newEndOfFile > end) {
     return reportError(&manager_.metaData, Own::freeList);
   }
-  header_.newFreeHead = manager_.freeHead(form_.file);
+  header_.newFreeHead = freeSpace.head();
   header_.pageEntryCount = manager_.changedPageCount(form_.file) + (record_ != nullptr ? 1 : 0);
   reach(Step::prepare);
   return form_.writtenOften || !changesAnything() ? Result{} : measureFile();
@@ -128,13 +127,7 @@ Result PagedFlush::putPages(GatheredWriter& writer, std::uint64_t& position) {
 
 /// Their checksum is in the journal's already.
 Result PagedFlush::putFreeBlocks(GatheredWriter& writer, std::uint64_t& position) {
-  for (const FreeBlock* node = manager_.freeList(form_.file); node != nullptr;
-       node = node->nextNode) {
-    if (node->dirty == 0) continue;
-    ZELTA_TRY(outcome(writer.write(position, node, kFreeEntrySize)));
-    position += kFreeEntrySize;
-  }
-  return {};
+  return outcome(manager_.freeSpace(form_.file).writeEntries(writer, position));
 }
 
 /// Lets a file that grows grow by more than is needed, so that the next journals find room and need
@@ -184,7 +177,7 @@ Result PagedFlush::apply() {
   if (rootsChanged()) {
     ZELTA_TRY(writeHead(image_.rootsStart(), manager_.roots(form_.file), image_.rootBytes()));
   }
-  ZELTA_TRY(applyFreeBlocks(manager_.metaData, file_, manager_.freeList(form_.file), false));
+  ZELTA_TRY(manager_.freeSpace(form_.file).apply());
   ZELTA_TRY(flushToDisk());
   reach(Step::apply);
   return {};

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "platform/file_io.h"
-#include "storage/free_space.h"
+#include "storage/free_journal.h"
 
 namespace zelta {
 
@@ -176,13 +176,10 @@ Result Repair::entryAt(std::uint64_t& position, std::uint64_t* target, std::uint
 /// Whether the free blocks lie where pages do.
 Result Repair::checkFreeBlocks(std::uint64_t position, bool* sound) {
   for (std::uint32_t left = header_.freeEntryCount; left != 0; --left) {
-    FreeBlockChunk::Entry entry;
+    FreeEntry_tag entry;
     ZELTA_TRY(outcomeOf(readBuffer(file_, position, &entry, sizeof entry)));
-    if (entry.position < firstPage_ || entry.position > header_.newEndOfFile ||
-        entry.size > header_.newEndOfFile - entry.position) {
-      *sound = false;
-      return {};
-    }
+    *sound = entry.liesWithin(firstPage_, header_.newEndOfFile);
+    if (!*sound) return {};
     position += sizeof entry;
   }
   return {};
@@ -214,18 +211,12 @@ Result Repair::copyPage(std::uint64_t from, std::uint64_t to, std::uint32_t size
 }
 
 Result Repair::applyFreeBlocks(std::uint64_t position) {
-  struct Chunks {
-    FreeBlockChunk* first = nullptr;
-    Chunks() = default;
-    Chunks(const Chunks&) = delete;
-    Chunks& operator=(const Chunks&) = delete;
-    ~Chunks() { dropFreeChunks(first); }
-  } chunks;
+  PageFreeJournal journal(manager_.metaData, file_);
   for (std::uint32_t left = header_.freeEntryCount; left != 0;) {
-    const std::uint32_t piece = std::min(left, FreeBlockChunk::kEntries);
-    ZELTA_TRY(readFreeBlockJournal(manager_.metaData, file_, position, piece, chunks.first));
-    ZELTA_TRY(applyFreeBlockChunks(manager_.metaData, file_, chunks.first, false));
-    dropFreeChunks(chunks.first);
+    const std::uint32_t piece = std::min(left, PageFreeJournal::kPiece);
+    ZELTA_TRY(journal.read(position, piece));
+    ZELTA_TRY(journal.apply());
+    journal.clear();
     position += std::uint64_t{piece} * kFreeEntrySize;
     left -= piece;
   }

@@ -19,7 +19,7 @@
 #include <cstring>
 
 #include "platform/file_io.h"
-#include "storage/free_space.h"
+#include "storage/free_journal.h"
 
 namespace zelta {
 
@@ -200,21 +200,17 @@ Result CommitRecovery::applyEdits(std::uint64_t next) {
 
 Result CommitRecovery::applyFreeSpace() {
   if (header_.freeEntryCount == 0) return {};
-  FreeBlockChunk* chunks = nullptr;
+  TableFreeJournal journal(metaData_, file_);
   const std::uint64_t start =
       header_.journalEnd - std::uint64_t{header_.freeEntryCount} * kFreeEntrySize;
-  Result result = readFreeBlockJournal(metaData_, file_, start, header_.freeEntryCount, chunks);
-  for (const FreeBlockChunk* chunk = chunks; chunk != nullptr && result.ok();
-       chunk = chunk->nextChunk) {
-    const bool good = std::all_of(chunk->entries, chunk->entries + chunk->used, [&](auto& entry) {
-      return entry.position >= header_.newObjectAreaStart && entry.position < header_.commitEnd &&
-             entry.size <= header_.commitEnd - entry.position;
-    });
-    if (!good) result = damaged();
+  ZELTA_TRY(journal.read(start, header_.freeEntryCount));
+  for (const FreeEntry_tag& entry : journal.entries()) {
+    if (entry.position >= header_.commitEnd ||
+        !entry.liesWithin(header_.newObjectAreaStart, header_.commitEnd)) {
+      return damaged();
+    }
   }
-  if (result.ok()) result = applyFreeBlockChunks(metaData_, file_, chunks, true);
-  dropFreeChunks(chunks);
-  return result;
+  return journal.apply();
 }
 
 Result CommitRecovery::finish(std::uint64_t end) {

@@ -15,11 +15,6 @@ constexpr std::uint64_t kFirstArea = 612;  ///< from slotBase to the area of an 
 
 }  // namespace
 
-EditPlan::~EditPlan() {
-  dropFreeList(freeList);
-  destroyAll(extents_);
-}
-
 Result EditPlan::make(const PendingImages& images) {
   ZELTA_TRY(requireWhole(metaData_, table_.cName(), table_.tableFile, old_));
   const std::uint64_t greatest = images.added.empty() ? 0 : images.added.back().objectID;

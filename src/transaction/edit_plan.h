@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "storage/free_space.h"
+#include "storage/free_chain.h"
 #include "storage/memory_file_map.h"
 #include "storage/table.h"
 #include "storage/table_file.h"
@@ -40,8 +40,12 @@ class EditPlan {
   /// `changed` belongs to the caller and outlives the plan.
   EditPlan(MetaData& metaData, Table& table, const TableHeader_tag& header,
            const ChangedObjects& changed)
-      : metaData_(metaData), table_(table), changed_(changed), old_(header), next(header) {}
-  ~EditPlan();
+      : freeSpace(metaData, table.tableFile, header.freeHead, header.defaultObjectSize),
+        metaData_(metaData),
+        table_(table),
+        changed_(changed),
+        old_(header),
+        next(header) {}
   EditPlan(const EditPlan&) = delete;
   EditPlan& operator=(const EditPlan&) = delete;
 
@@ -53,7 +57,7 @@ class EditPlan {
   // The result
   std::vector<Edit> moves;  ///< kind moveObject
   std::vector<Edit> edits;  ///< all others, freed slots first
-  FreeBlock* freeList = nullptr;
+  TableFreeChain freeSpace;
 
  private:
   MetaData& metaData_;
@@ -83,8 +87,8 @@ class EditPlan {
   // place_variable.cpp
   Result placeVariable(const PendingImages& images);
   Result clearTakenArea(std::map<std::uint64_t, std::uint64_t>& displaced);
+  Result cutFreeSpace();
   Result allocate(std::uint64_t length, std::uint64_t* position, std::uint32_t* size);
-  Result releaseBlock(std::uint64_t position, std::uint64_t size);
   Result releaseRecord(std::uint64_t position);
   Result readBlock(std::uint64_t position, std::uint32_t head[2]);
   Result placeEdited(const PendingObject& image, bool displaced);
@@ -95,7 +99,6 @@ class EditPlan {
   Result closeHoles(std::map<std::uint64_t, std::uint64_t>& movedEdited);
 
   bool emptied_ = false;
-  FreeExtentNode* extents_ = nullptr;
   std::set<std::uint64_t> holes_;
   std::map<std::uint64_t, std::size_t>
       newObjects_;  ///< ID to place in `edits`, of those with a gap

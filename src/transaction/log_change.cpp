@@ -85,46 +85,24 @@ std::uint32_t splitInner(LogNode_tag& node, LogNode_tag& right, NewKey entered) 
 
 }  // namespace
 
-LogChange::LogChange(LogFile& log) : log_(log) {
-  assert(log.locked());
-  contents_.root = log.header().rootPosition;
-  contents_.freeHead = log.header().freeHead;
-  contents_.end = log.header().endOfLog;
-}
-
-LogChange::~LogChange() {
-  dropFreeList(contents_.freeList);
-  destroyAll(released_);
-}
+LogChange::LogChange(LogFile& log) : log_(log), contents_(log) { assert(log.locked()); }
 
 // -- Blocks ---------------------------------------------------------------------------------------
 
 Result LogChange::allocate(std::uint64_t length, std::uint64_t* position,
                            std::uint64_t* blockLength) {
-  const std::uint64_t smallest = smallestBlock(log_.header());
-  ZELTA_TRY(allocateWideBlock(log_.metaData(), log_.handle(), contents_.freeList,
-                              contents_.freeHead, length, position, blockLength, smallest));
+  FileSpan block{};
+  ZELTA_TRY(contents_.freeSpace.allocate(length, &block));
+  *position = block.position;
+  *blockLength = block.size;
   if (*position != 0) {
     const bool inside = liesInLog(*position, *blockLength, log_.header().endOfLog);
     return inside ? Result{} : log_.broken();
   }
   *position = contents_.end;
-  *blockLength = wideBlockNeed(length, smallest);
+  *blockLength = contents_.freeSpace.need(length);
   contents_.end += *blockLength;
   return {};
-}
-
-void LogChange::release(std::uint64_t position, std::uint64_t size) {
-  auto node = std::make_unique<FreeExtentNode>();
-  node->position = position;
-  node->size = size;
-  insert(node.release(), released_);
-}
-
-Result LogChange::mergeReleased() {
-  return mergeWideExtents(log_.metaData(), log_.handle(), contents_.freeHead,
-                          log_.header().endOfLog, released_, contents_.freeList, &contents_.end,
-                          nullptr, nullptr);
 }
 
 // -- The tree -------------------------------------------------------------------------------------

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 
-#include "storage/free_space.h"
 #include "transaction/log_file.h"
 #include "transaction/log_intent.h"
 #include "transaction/log_tree.h"
@@ -18,16 +17,17 @@ class LogChange {
   /// The header of `log` has been read, under the mutex, which is held until the change is carried
   /// out or given up.
   explicit LogChange(LogFile& log);
-  ~LogChange();
-  LogChange(const LogChange&) = delete;
-  LogChange& operator=(const LogChange&) = delete;
 
   /// Gives a block from the chain or the end of the log, which may be longer than asked for.
   Result allocate(std::uint64_t length, std::uint64_t* position, std::uint64_t* blockLength);
   /// Notes a block that becomes free.
-  void release(std::uint64_t position, std::uint64_t size);
+  void release(std::uint64_t position, std::uint64_t size) {
+    contents_.freeSpace.deferred().add({position, size});
+  }
   /// Brings what was released into the chain. Free space at the end of the log leaves it.
-  Result mergeReleased();
+  Result mergeReleased() {
+    return contents_.freeSpace.merge(log_.header().endOfLog, &contents_.end);
+  }
 
   /// Enters a key in the leaf of a path and splits what is full.
   Result insertKey(LogPath& path, std::uint32_t number, std::uint64_t position);
@@ -49,7 +49,6 @@ class LogChange {
 
   LogFile& log_;
   LogIntentContents contents_;
-  FreeExtentNode* released_ = nullptr;
 };
 
 }  // namespace zelta

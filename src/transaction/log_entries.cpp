@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "storage/free_space.h"
+#include "storage/free_block.h"
 
 namespace zelta {
 

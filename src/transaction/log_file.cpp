@@ -6,7 +6,7 @@
 
 #include "frame/control_file.h"
 #include "platform/file_io.h"
-#include "storage/free_space.h"
+#include "storage/free_block.h"
 #include "transaction/log_change.h"
 #include "transaction/log_intent.h"
 #include "transaction/log_tree.h"
@@ -323,7 +323,7 @@ Result LogFile::append(std::uint32_t number, std::uint64_t length, LogEntry* ent
   if (length < sizeof(LogEntryHead_tag) || length > kLengthLimit) {
     return reportError(&metaData_, Own::logEntry);
   }
-  entry->head = newHead(number, wideBlockNeed(length, smallestBlock(header_)));
+  entry->head = newHead(number, blockNeed<LogBlocks>(length, smallestBlock(header_)));
   if (header_.rootPosition == 0) {
     if (expected != 0 && expected != kLogFirstEntry) return positionDiffers(expected);
     entry->position = kLogFirstEntry;

@@ -5,6 +5,7 @@
 #include <cassert>
 
 #include "platform/file_io.h"
+#include "storage/free_journal.h"
 
 namespace zelta {
 
@@ -46,10 +47,8 @@ Result writeNode(const LogFile& log, const LogNodeRecord_tag& record) {
 /// An intent that was found in a header.
 class PendingIntent {
  public:
-  explicit PendingIntent(LogFile& log) : log_(log), header_(log.header()) {}
-  ~PendingIntent() { dropFreeChunks(freeBlocks_); }
-  PendingIntent(const PendingIntent&) = delete;
-  PendingIntent& operator=(const PendingIntent&) = delete;
+  explicit PendingIntent(LogFile& log)
+      : log_(log), header_(log.header()), freeBlocks_(log.metaData(), log.handle()) {}
 
   /// Whether copies and intent are complete and agree with the checksum.
   Result verify(std::uint64_t fileSize, bool* good);
@@ -61,13 +60,12 @@ class PendingIntent {
   [[nodiscard]] bool inLog(std::uint64_t position, std::uint64_t length) const {
     return liesInLog(position, length, header_.intentStart);
   }
-  [[nodiscard]] bool freeBlocksLieInLog() const;
   template <class Use>
   Result forEachNode(Use use);
 
   LogFile& log_;
   LogHeader_tag& header_;
-  FreeBlockChunk* freeBlocks_ = nullptr;
+  LogFreeJournal freeBlocks_;
 };
 
 /// Whether the intent's numbers fit each other and the file.
@@ -102,16 +100,6 @@ Result PendingIntent::forEachNode(Use use) {
   return {};
 }
 
-/// Whether they lie in the log that the change leaves.
-bool PendingIntent::freeBlocksLieInLog() const {
-  for (const FreeBlockChunk* chunk = freeBlocks_; chunk != nullptr; chunk = chunk->nextChunk) {
-    for (std::uint32_t i = 0; i < chunk->used; ++i) {
-      if (!inLog(chunk->entries[i].position, chunk->entries[i].size)) return false;
-    }
-  }
-  return true;
-}
-
 Result PendingIntent::verify(std::uint64_t fileSize, bool* good) {
   *good = fits(fileSize);
   if (!*good) return {};
@@ -121,9 +109,9 @@ Result PendingIntent::verify(std::uint64_t fileSize, bool* good) {
   ZELTA_TRY(log_.addChecksum(start, header_.intentEnd, buffer, checksum));
   *good = checksum == header_.intentChecksum;
   if (!*good) return {};
-  ZELTA_TRY(readFreeBlockJournal(log_.metaData(), log_.handle(), start + nodeBytes(header_),
-                                 header_.freeCount, freeBlocks_));
-  *good = freeBlocksLieInLog();
+  // All that the copies change must lie in the log that the change leaves.
+  ZELTA_TRY(freeBlocks_.read(start + nodeBytes(header_), header_.freeCount));
+  *good = freeBlocks_.liesWithin(kLogHeaderSize, header_.intentStart);
   return forEachNode([&](const LogNodeRecord_tag& record) {
     *good = *good && inLog(record.position, kLogNodeSize);
     return Result();
@@ -132,7 +120,7 @@ Result PendingIntent::verify(std::uint64_t fileSize, bool* good) {
 
 Result PendingIntent::repeat() {
   ZELTA_TRY(forEachNode([&](const LogNodeRecord_tag& record) { return writeNode(log_, record); }));
-  ZELTA_TRY(applyWideBlockChunks(log_.metaData(), log_.handle(), freeBlocks_));
+  ZELTA_TRY(freeBlocks_.apply());
   ZELTA_TRY(writeEntryHead(log_));
   takeNewValues(header_);
   ZELTA_TRY(log_.flush());
@@ -144,19 +132,14 @@ std::uint64_t describe(LogHeader_tag& header, const LogIntentContents& contents,
                        const LogEntry* added) {
   std::uint64_t checksum = 0;
   header.oldEnd = header.endOfLog;
-  header.freeCount = 0;
-  header.newFreeHead = contents.freeHead;
+  header.freeCount = contents.freeSpace.sumEntries(&checksum);
+  header.newFreeHead = contents.freeSpace.head();
   header.newRoot = contents.root;
   header.nodeCount = static_cast<std::uint32_t>(contents.nodes.size());
   if (added != nullptr) {
     header.newEntryPosition = added->position;
     header.newEntryLength = added->head.blockLength;
     header.newEntryNumber = added->head.number;
-  }
-  for (const FreeBlock* block = contents.freeList; block != nullptr; block = block->nextNode) {
-    if (block->dirty == 0) continue;
-    ++header.freeCount;
-    xorChecksum64(checksum, block, kFreeEntrySize);
   }
   const std::uint64_t length = nodeBytes(header) + std::uint64_t{header.freeCount} * kFreeEntrySize;
   header.intentStart = contents.end;
@@ -174,7 +157,7 @@ Result layDown(LogFile& log, const LogIntentContents& contents, const LogEntry* 
                       kLogHeaderSize - kLogIntentStart));
   char* copies = log.metaData().scratchFor(Scratch::journal).reserve(length);
   if (header.nodeCount != 0) std::memcpy(copies, contents.nodes.data(), nodeBytes(header));
-  copyFreeBlockJournal(copies + nodeBytes(header), contents.freeList);
+  contents.freeSpace.copyEntries(copies + nodeBytes(header));
   ZELTA_TRY(log.write(copyAreaStart(header), copies, length));
   return log.flush();
 }
@@ -187,7 +170,7 @@ Result carryOutLogIntent(LogFile& log, const LogIntentContents& contents, const 
   // Step 2
   for (const LogNodeRecord_tag& record : contents.nodes) ZELTA_TRY(writeNode(log, record));
   ZELTA_TRY(writeEntryHead(log));
-  ZELTA_TRY(applyWideBlocks(log.metaData(), log.handle(), contents.freeList));
+  ZELTA_TRY(contents.freeSpace.apply());
   takeNewValues(log.header());
   ZELTA_TRY(log.flush());
   // Step 3

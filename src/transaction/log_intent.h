@@ -15,17 +15,23 @@
 #include <cstdint>
 #include <vector>
 
-#include "storage/free_space.h"
+#include "storage/free_chain.h"
 #include "transaction/log_file.h"
 
 namespace zelta {
 
 /// What a change makes of a log.
 struct LogIntentContents {
-  std::uint64_t root = 0;
-  std::uint64_t freeHead = 0;
-  std::uint64_t end = 0;          ///< of the log
-  FreeBlock* freeList = nullptr;  ///< the front of the chain; the dirty blocks change
+  /// The log as it stands.
+  explicit LogIntentContents(LogFile& log)
+      : root(log.header().rootPosition),
+        end(log.header().endOfLog),
+        freeSpace(log.metaData(), log.handle(), log.header().freeHead,
+                  smallestBlock(log.header())) {}
+
+  std::uint64_t root;
+  std::uint64_t end;  ///< of the log
+  LogFreeChain freeSpace;
   std::vector<LogNodeRecord_tag> nodes;
 };
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 #include "platform/file_io.h"
 #include "storage/table_recovery.h"
@@ -14,13 +13,6 @@ namespace {
 
 /// A free block has a header and a tail: less than this cannot stand as one.
 constexpr std::uint64_t kLeastFree = 20;
-
-void addExtent(FreeExtentNode*& extents, std::uint64_t position, std::uint64_t size) {
-  auto node = std::make_unique<FreeExtentNode>();
-  node->position = position;
-  node->size = size;
-  insert(node.release(), extents);
-}
 
 }  // namespace
 
@@ -35,16 +27,12 @@ Result EditPlan::readBlock(std::uint64_t position, std::uint32_t head[2]) {
                             head[0]);
 }
 
-Result EditPlan::releaseBlock(std::uint64_t position, std::uint64_t size) {
-  addExtent(extents_, position, size);
-  return {};
-}
-
 Result EditPlan::releaseRecord(std::uint64_t position) {
   if (position < next.objectAreaStart) return {};  // its bytes have become slots
   std::uint32_t head[2];
   ZELTA_TRY(readBlock(position, head));
-  return releaseBlock(position, head[0]);
+  freeSpace.deferred().add({position, head[0]});
+  return {};
 }
 
 /// Finds whom the slot array drives out, and takes its bytes out of the free space.
@@ -68,39 +56,45 @@ Result EditPlan::clearTakenArea(std::map<std::uint64_t, std::uint64_t>& displace
   }
   if (next.endOfFile < next.objectAreaStart) next.endOfFile = next.objectAreaStart;
   if (position > next.objectAreaStart && record) {
-    ZELTA_TRY(releaseBlock(next.objectAreaStart, position - next.objectAreaStart));
+    freeSpace.deferred().add({next.objectAreaStart, position - next.objectAreaStart});
   }
 
-  while (next.freeHead != 0 && next.freeHead < next.objectAreaStart) {
+  return cutFreeSpace();
+}
+
+/// Takes what lies in the slots' new area out of the free space.
+Result EditPlan::cutFreeSpace() {
+  std::uint64_t position = old_.freeHead;
+  while (position != 0 && position < next.objectAreaStart) {
     NarrowBlock_tag block{};
-    if (const SystemCode failure =
-            readBuffer(table_.tableFile, next.freeHead, &block, sizeof block);
+    if (const SystemCode failure = readBuffer(table_.tableFile, position, &block, sizeof block);
         failure != 0) {
       return reportTable(metaData_, table_.cName(), failure);
     }
-    const bool ascends = block.next == 0 || block.next > next.freeHead;
+    const bool ascends = block.next == 0 || block.next > position;
     if (block.marker != kFreeMarker || !ascends) return reportError(&metaData_, Own::freeList);
-    const std::uint64_t end = next.freeHead + block.size;
+    freeSpace.startAt(block.next);
+    const std::uint64_t end = position + block.size;
     if (end > next.objectAreaStart) {
-      freeList = new FreeBlock{
-          next.objectAreaStart, block.next, end - next.objectAreaStart, 0, 0, 1, {}, nullptr};
-      next.freeHead = next.objectAreaStart;
+      freeSpace.releaseInFront({next.objectAreaStart, end - next.objectAreaStart});
       break;
     }
-    next.freeHead = block.next;
+    position = block.next;
   }
   return {};
 }
 
 Result EditPlan::allocate(std::uint64_t length, std::uint64_t* position, std::uint32_t* size) {
   const auto wanted = static_cast<std::uint32_t>(length + kRecordFraming);
-  ZELTA_TRY(allocateBlock(metaData_, table_.tableFile, freeList, next.freeHead, wanted, position,
-                          size, old_.defaultObjectSize, next.objectAreaStart));
+  FileSpan block{};
+  ZELTA_TRY(freeSpace.allocate(wanted, &block, next.objectAreaStart));
+  *position = block.position;
+  *size = static_cast<std::uint32_t>(block.size);
   if (*position != 0) {
     const bool inside = *position <= old_.endOfFile && *size <= old_.endOfFile - *position;
     return inside ? Result{} : reportError(&metaData_, Own::freeList);
   }
-  *size = static_cast<std::uint32_t>(blockNeed(wanted, old_.defaultObjectSize));
+  *size = static_cast<std::uint32_t>(freeSpace.need(wanted));
   *position = next.endOfFile;
   next.endOfFile += *size;
   return {};
@@ -153,11 +147,12 @@ Result EditPlan::placeVariable(const PendingImages& images) {
     ZELTA_TRY(releaseRecord(position));
   }
   if (next.objectAreaStart < old_.objectAreaStart) {
-    ZELTA_TRY(releaseBlock(next.objectAreaStart, old_.objectAreaStart - next.objectAreaStart));
+    freeSpace.deferred().add({next.objectAreaStart, old_.objectAreaStart - next.objectAreaStart});
   }
   allocatedEnd = next.endOfFile;
-  return mergeFreeExtents(metaData_, table_.tableFile, next.freeHead, next.endOfFile, extents_,
-                          freeList, &next.endOfFile, nullptr, nullptr);
+  ZELTA_TRY(freeSpace.merge(allocatedEnd, &next.endOfFile));
+  next.freeHead = freeSpace.head();
+  return {};
 }
 
 }  // namespace zelta

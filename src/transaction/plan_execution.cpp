@@ -31,7 +31,7 @@ class PlanExecution {
     ZELTA_TRY(applyMoves());       // 5.5
     ZELTA_TRY(applyEdits());       // 5.6
     ZELTA_TRY(clearSlots());
-    ZELTA_TRY(applyFreeBlocks(metaData_, file_, plan_.freeList, true));
+    ZELTA_TRY(plan_.freeSpace.apply());
     return finish();  // 5.7
   }
 
@@ -61,10 +61,7 @@ class PlanExecution {
 /// Step 5.3: the entries of all edits and free blocks go behind the file's end, and behind what is
 /// about to be allocated. No header leads there yet.
 Result PlanExecution::writeJournal() {
-  std::uint32_t freeEntries = 0;
-  for (const FreeBlock* block = plan_.freeList; block != nullptr; block = block->nextNode) {
-    if (block->dirty != 0) ++freeEntries;
-  }
+  const std::uint32_t freeEntries = plan_.freeSpace.sumEntries();
   const std::size_t editEntries = plan_.moves.size() + plan_.edits.size();
   const std::size_t length =
       editEntries * sizeof(EditEntry_tag) + std::size_t{freeEntries} * kFreeEntrySize;
@@ -76,7 +73,7 @@ Result PlanExecution::writeJournal() {
       at += sizeof edit.entry;
     }
   }
-  copyFreeBlockJournal(at, plan_.freeList);
+  plan_.freeSpace.copyEntries(at);
 
   const std::uint64_t start = std::max(plan_.allocatedEnd, old_.endOfFile);
   intent_ = old_;

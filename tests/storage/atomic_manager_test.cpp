@@ -172,12 +172,12 @@ TEST_F(Pages, What_a_whole_free_block_has_too_much_is_given_back) {
   std::uint64_t again = 0;
   ASSERT_TRUE(manager.allocatePage(PageFile::memory, 2040, &out, &again, scratch).ok());
   EXPECT_EQ(again, first);
-  ASSERT_NE(manager.memoryFreeList, nullptr);
-  EXPECT_EQ(manager.memoryFreeList->position, first + 2048);
-  EXPECT_EQ(manager.memoryFreeList->size, 16u);
+  ASSERT_NE(manager.memoryFreeSpace.first(), nullptr);
+  EXPECT_EQ(manager.memoryFreeSpace.first()->position, first + 2048);
+  EXPECT_EQ(manager.memoryFreeSpace.first()->size, 16u);
   ASSERT_TRUE(manager.freePage(PageFile::memory, again, 2040).ok());
-  EXPECT_EQ(manager.memoryFreeList->position, first);
-  EXPECT_EQ(manager.memoryFreeList->size, 2064u);
+  EXPECT_EQ(manager.memoryFreeSpace.first()->position, first);
+  EXPECT_EQ(manager.memoryFreeSpace.first()->size, 2064u);
 }
 
 TEST_F(Pages, Freed_pages_at_the_end_give_the_file_back) {

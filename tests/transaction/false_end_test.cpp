@@ -1,6 +1,6 @@
 // Ends and sizes that a damaged file tells: nothing is written behind them, so that no file grows.
 
-#include "storage/free_space.h"
+#include "storage/free_block.h"
 #include "storage/paged_file.h"
 #include "storage/table_file.h"
 #include "support/edit_session.h"
@@ -160,7 +160,7 @@ TEST(FalseFreeBlock, OfATableLeavesTheObjectsBehindIt) {
 /// there is, and a sum that is right. `header` tells of it already.
 std::string withFarBlock(std::string bytes, PagedFileHeader& header, std::uint32_t roots) {
   const std::size_t live = bytes.size();
-  FreeBlockChunk::Entry entry{};
+  FreeEntry_tag entry{};
   entry.position = kFar;
   entry.size = 64;
   entry.dirty = 1;
@@ -193,7 +193,7 @@ TEST(FalseJournal, OfAnIndexFileIsRolledBack) {
   ASSERT_EQ(header.endOfFile, before.size());
   header.journalBase = header.endOfFile;
   header.newEndOfFile = header.endOfFile;
-  header.journalEnd = header.endOfFile + sizeof(FreeBlockChunk::Entry);
+  header.journalEnd = header.endOfFile + sizeof(FreeEntry_tag);
   header.newFreeHead = kFar;
   header.freeEntryCount = 1;
   folder.write("T.zli", withFarBlock(before, header, 1));
@@ -223,7 +223,7 @@ TEST(FalseJournal, OfAMemoryFileIsDropped) {
   before.resize(header.endOfFile);
   header.journalBase = header.endOfFile;
   header.newEndOfFile = header.endOfFile;
-  header.journalEnd = header.endOfFile + sizeof(FreeBlockChunk::Entry);
+  header.journalEnd = header.endOfFile + sizeof(FreeEntry_tag);
   header.newFreeHead = kFar;
   header.freeEntryCount = 1;
   const std::string spoilt = withFarBlock(before, header, 2);
