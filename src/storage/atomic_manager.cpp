@@ -19,6 +19,9 @@ std::uint32_t statedSize(const char* page) {
   return size;
 }
 
+/// Sizes of pages are multiples of 8.
+std::uint32_t wholePageSize(std::uint32_t size) { return (size + 7) & ~std::uint32_t{7}; }
+
 /// Sizes up to this belong to no page: they leave no room for a kind.
 constexpr std::uint32_t kNoPageSize = 4;
 /// What is read at once at most before a page's size is known.
@@ -310,23 +313,23 @@ Result AtomicManager::writeMemoryPage(std::uint64_t position, const char* page, 
 
 // -- Space ----------------------------------------------------------------------------------------
 
-Result AtomicManager::takeSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
-                                std::uint32_t* taken) {
+Result AtomicManager::allocateSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
+                                    std::uint32_t* blockSize) {
   PageFreeChain& chain = freeSpace(file);
   const std::uint64_t need = chain.need(size);
   if (need > PageBlocks::kLargest) return failed(file, code::kNoMemory);
   FileSpan block{};
   ZELTA_TRY(chain.allocate(size, &block));
   *position = block.position;
-  *taken = static_cast<std::uint32_t>(block.size);
+  *blockSize = static_cast<std::uint32_t>(block.size);
   if (*position != 0) {
-    return inside(file, *position, *taken) ? Result{} : reportError(&metaData, Own::freeList);
+    return inside(file, *position, *blockSize) ? Result{} : reportError(&metaData, Own::freeList);
   }
-  *taken = static_cast<std::uint32_t>(need);
-  return takeEnd(file, need, position);
+  *blockSize = static_cast<std::uint32_t>(need);
+  return allocateAtEnd(file, need, position);
 }
 
-Result AtomicManager::takeEnd(PageFile file, std::uint64_t need, std::uint64_t* position) {
+Result AtomicManager::allocateAtEnd(PageFile file, std::uint64_t need, std::uint64_t* position) {
   if (file == PageFile::index) {
     *position = indexEndOfFile;
     indexEndOfFile += need;
@@ -339,7 +342,7 @@ Result AtomicManager::takeEnd(PageFile file, std::uint64_t need, std::uint64_t* 
     const auto size = static_cast<std::uint32_t>(shadowCursor - gap);
     if (shadowCursor - gap > PageBlocks::kLargest) return failed(file, code::kNoMemory);
     memoryEndOfFile = shadowCursor;
-    ZELTA_TRY(giveSpace(file, gap, size));
+    ZELTA_TRY(releaseSpace(file, gap, size));
   }
   *position = memoryEndOfFile;
   memoryEndOfFile += need;
@@ -347,7 +350,7 @@ Result AtomicManager::takeEnd(PageFile file, std::uint64_t need, std::uint64_t* 
   return {};
 }
 
-Result AtomicManager::giveSpace(PageFile file, std::uint64_t position, std::uint32_t size) {
+Result AtomicManager::releaseSpace(PageFile file, std::uint64_t position, std::uint32_t size) {
   if (!inside(file, position, size)) return corrupted(file);
   if (file == PageFile::memory && deferReleases_) {
     memoryFreeSpace.deferred().addToRun({position, size}, PageBlocks::kLargest);
@@ -356,14 +359,22 @@ Result AtomicManager::giveSpace(PageFile file, std::uint64_t position, std::uint
   return freeSpace(file).release({position, size});
 }
 
+/// Space for a page, which stands behind whatever was known of a page there. What a block has too
+/// much goes back.
+Result AtomicManager::allocatePageSpace(PageFile file, std::uint32_t size,
+                                        std::uint64_t* position) {
+  std::uint32_t blockSize = 0;
+  ZELTA_TRY(allocateSpace(file, size, position, &blockSize));
+  const auto need = static_cast<std::uint32_t>(freeSpace(file).need(size));
+  if (blockSize > need) ZELTA_TRY(releaseSpace(file, *position + need, blockSize - need));
+  dropUnchangedPage(file, *position);
+  return {};
+}
+
 Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
-  size = (size + 7) & ~std::uint32_t{7};
+  size = wholePageSize(size);
   std::uint64_t position = 0;
-  std::uint32_t taken = 0;
-  ZELTA_TRY(takeSpace(PageFile::memory, size, &position, &taken));
-  const auto need = static_cast<std::uint32_t>(memoryFreeSpace.need(size));
-  if (taken > need) ZELTA_TRY(giveSpace(PageFile::memory, position + need, taken - need));
-  dropUnchangedPage(PageFile::memory, position);
+  ZELTA_TRY(allocatePageSpace(PageFile::memory, size, &position));
   PooledPage fresh(table.pagePool, table.pagePool.take());
   fresh->makeRoom(size);
   std::memset(fresh->bytes, 0, size);
@@ -383,12 +394,8 @@ Result AtomicManager::allocatePage(PageFile file, std::uint32_t size, char** pag
     *position = node->key;
     return {};
   }
-  size = (size + 7) & ~std::uint32_t{7};
-  std::uint32_t taken = 0;
-  ZELTA_TRY(takeSpace(file, size, position, &taken));
-  const auto need = static_cast<std::uint32_t>(freeSpace(file).need(size));
-  if (taken > need) ZELTA_TRY(giveSpace(file, *position + need, taken - need));
-  dropUnchangedPage(file, *position);
+  size = wholePageSize(size);
+  ZELTA_TRY(allocatePageSpace(file, size, position));
   *page = scratch.reserve(size);
   std::memset(*page, 0, size);
   std::memcpy(*page, &size, sizeof(size));
@@ -409,7 +416,7 @@ Result AtomicManager::freePage(PageFile file, std::uint64_t position, std::uint3
       delete page;
     }
   }
-  return giveSpace(file, position, static_cast<std::uint32_t>(freeSpace(file).need(size)));
+  return releaseSpace(file, position, static_cast<std::uint32_t>(freeSpace(file).need(size)));
 }
 
 }  // namespace zelta

@@ -73,10 +73,12 @@ class AtomicManager {
   Result newMemoryPage(std::uint32_t size, Page** page);
   /// Forgets pages that are held only because they were read.
   void dropUnchanged();
-  /// Takes or gives back space of either file. `*taken` may exceed `size`.
-  Result takeSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
-                   std::uint32_t* taken);
-  Result giveSpace(PageFile file, std::uint64_t position, std::uint32_t size);
+  /// Allocates a block of either file, from its free space or its end. `*blockSize` may exceed
+  /// `size`. Code 8: no block is that large; own code 48: the free space leads out of the file.
+  Result allocateSpace(PageFile file, std::uint32_t size, std::uint64_t* position,
+                       std::uint32_t* blockSize);
+  /// Releases a block, or the end of one. It must lie in the file, or the file is damaged.
+  Result releaseSpace(PageFile file, std::uint64_t position, std::uint32_t size);
   /// From now on released space of the memory file waits apart until the next flush, which merges
   /// it in one pass; for steps that release much and allocate little.
   void deferMemoryReleases() { deferReleases_ = true; }
@@ -177,7 +179,8 @@ class AtomicManager {
   void use(Page& page);
   void unuse(Page& page);
   Result shrinkHeldIndex();
-  Result takeEnd(PageFile file, std::uint64_t need, std::uint64_t* position);
+  Result allocateAtEnd(PageFile file, std::uint64_t need, std::uint64_t* position);
+  Result allocatePageSpace(PageFile file, std::uint32_t size, std::uint64_t* position);
 
   static constexpr std::size_t kFewRoots = 20;
   std::uint64_t fewRoots_[kFewRoots] = {};

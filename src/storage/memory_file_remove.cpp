@@ -41,11 +41,11 @@ void dropEntry(MapLeaf_tag& leaf, std::uint32_t slot) {
   --leaf.count;
 }
 
-/// Gives the block of an entry's record back.
+/// Releases the block of an entry's record.
 Result freeRecord(AtomicManager& manager, const PendingObject& object) {
   std::uint32_t size = 0;
   ZELTA_TRY(memory_file::readBlockSize(manager, object, &size));
-  return manager.giveSpace(PageFile::memory, object.position, size);
+  return manager.releaseSpace(PageFile::memory, object.position, size);
 }
 
 /// Brings the pages along a path back into shape after an entry was taken out of the leaf.

@@ -74,8 +74,8 @@ Result Store::takeBlock() {
   if (request > 0xFFFFFFE0) {
     return manager_.failed(PageFile::memory, code::kNoMemory);
   }
-  return manager_.takeSpace(PageFile::memory, static_cast<std::uint32_t>(request), &entry_.position,
-                            &blockSize_);
+  return manager_.allocateSpace(PageFile::memory, static_cast<std::uint32_t>(request),
+                                &entry_.position, &blockSize_);
 }
 
 Result Store::replace(Page* page, std::uint32_t slot) {
@@ -91,7 +91,7 @@ Result Store::replace(Page* page, std::uint32_t slot) {
   entry_.position = old.position;
   const std::uint64_t request = recordRequest(entry_.length);
   if (blockSize_ < request || blockSize_ > 2 * request) {
-    ZELTA_TRY(manager_.giveSpace(PageFile::memory, old.position, blockSize_));
+    ZELTA_TRY(manager_.releaseSpace(PageFile::memory, old.position, blockSize_));
     ZELTA_TRY(takeBlock());
   }
   leafOf(*page).lengths[slot] = entry_.length;
