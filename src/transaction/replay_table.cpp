@@ -4,15 +4,12 @@
 
 #include "transaction/replay_table.h"
 
-#include <cstring>
 #include <set>
 
 #include "index/index_commit.h"
 #include "index/index_file.h"
 #include "index/kinds.h"
 #include "objects/version_keys.h"
-#include "platform/file_io.h"
-#include "schema/record_reader.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
 #include "storage/table_recovery.h"
