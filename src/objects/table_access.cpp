@@ -7,6 +7,8 @@ namespace zelta {
 
 Result TableAccess::acquire(std::uint32_t milliseconds) {
   assert(!owned());
+  memoryOpen_ = false;
+  indexOpen_ = false;
   return mutex_.acquire(metaData, table, milliseconds);
 }
 

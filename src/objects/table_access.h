@@ -1,7 +1,7 @@
 // The files of a table as one operation works on them.
 //
 // A pass of an operation goes acquire() -> readHeader() -> openMemory(), openIndex() -> work ->
-// release(). All that is opened belongs to this pass: another one begins with acquire() and reads
+// release(), and leaves out what it does not need. All that is opened belongs to this pass: another one begins with acquire() and reads
 // all headers anew, as others may have changed the files in between. Who opens a file under the
 // mutex repairs what a dead process has left in it.
 

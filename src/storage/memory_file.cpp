@@ -86,12 +86,6 @@ Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicMa
              : manager.corrupted(PageFile::memory);
 }
 
-Result attachMemoryFile(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager) {
-  ZELTA_TRY(readMemoryFileHeader(table, header, manager, true));
-  manager.attach(platform::File::none, nullptr, table.memoryFile, &header);
-  return {};
-}
-
 // -- The journalled write -------------------------------------------------------------------------
 
 namespace {

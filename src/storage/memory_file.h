@@ -24,9 +24,6 @@ struct PagedRecord;
 Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager,
                             bool mayRecover);
 
-/// The same for a writer, whose manager then works on the memory file alone.
-Result attachMemoryFile(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager);
-
 /// The atomic step: brings all changed memory pages, the free chain and the roots into the file, by
 /// way of the journal, and drops the pages. `record` may be null. `truncate` cuts the file behind
 /// its new end if that can be done.

@@ -6,8 +6,7 @@
 #include "frame/mutex_guard.h"
 #include "index/kinds.h"
 #include "objects/lock_position.h"
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
+#include "objects/table_access.h"
 #include "storage/memory_file_remove.h"
 #include "storage/table_file.h"
 #include "transaction/commit.h"
@@ -23,19 +22,19 @@ Result dropChanges(MetaData& metaData, Table& table) {
   if (table.addedObjects == nullptr && table.editedObjects == nullptr && !table.memoryUncertain) {
     return {};
   }
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
-  AtomicManager manager(metaData, table);
-  MemoryFileHeader_tag header;
-  ZELTA_TRY(attachMemoryFile(table, header, manager));
+  TableAccess access(metaData, table);
+  ZELTA_TRY(access.acquire(platform::kForever));
+  ZELTA_TRY(access.openMemory());
+  AtomicManager& manager = access.manager();
   if (table.memoryUncertain) {
     bool any = false;
     ZELTA_TRY(dropPendingKeysOf(manager, metaData.transactionWord, &any));
   }
   ZELTA_TRY(dropPendingKeys(manager, {table.addedObjects, table.editedObjects}));
-  ZELTA_TRY(removeTransaction(manager, header, table, metaData.transactionWord, nullptr));
+  ZELTA_TRY(
+      removeTransaction(manager, access.memoryHeader, table, metaData.transactionWord, nullptr));
   table.memoryUncertain = false;
-  return guard.release();
+  return access.release();
 }
 
 void forgetEdits(Table& table, bool releaseLocks) {

@@ -9,6 +9,7 @@
 #include "frame/mutex_guard.h"
 #include "frame/slots.h"
 #include "objects/lock_position.h"
+#include "objects/table_access.h"
 #include "objects/upcalls.h"
 #include "platform/file_io.h"
 #include "storage/table_file.h"
@@ -143,12 +144,11 @@ Result Commit::clearTheWay() {
 
 /// A table that could not take its edits over must be found before they are decided.
 Result Commit::requireWholeTable(Table& table) {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData_, table, platform::kForever));
-  TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData_, table.cName(), table.tableFile, header, true));
-  ZELTA_TRY(requireWhole(metaData_, table.cName(), table.tableFile, header));
-  return guard.release();
+  TableAccess access(metaData_, table);
+  ZELTA_TRY(access.acquire(platform::kForever));
+  ZELTA_TRY(access.readHeader());
+  ZELTA_TRY(requireWhole(metaData_, table.cName(), table.tableFile, access.header));
+  return access.release();
 }
 
 Result Commit::requireReady() {

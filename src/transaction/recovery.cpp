@@ -8,12 +8,11 @@
 #include "frame/mutex_guard.h"
 #include "frame/upcalls.h"
 #include "index/kinds.h"
+#include "objects/table_access.h"
 #include "objects/upcalls.h"
 #include "platform/clock.h"
 #include "platform/file_io.h"
 #include "schema/table_lifecycle.h"
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
 #include "storage/memory_file_remove.h"
 #include "transaction/log_search.h"
 #include "transaction/pending_changes.h"
@@ -78,15 +77,14 @@ Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32
 
 /// What a number has in one table's memory file.
 Result dropChanges(MetaData& metaData, Table& table, std::uint32_t number) {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
-  AtomicManager manager(metaData, table);
-  MemoryFileHeader_tag header;
-  ZELTA_TRY(attachMemoryFile(table, header, manager));
+  TableAccess access(metaData, table);
+  ZELTA_TRY(access.acquire(platform::kForever));
+  ZELTA_TRY(access.openMemory());
+  AtomicManager& manager = access.manager();
   bool any = false;
   ZELTA_TRY(dropPendingKeysOf(manager, number, &any));
-  if (any) ZELTA_TRY(removeTransaction(manager, header, table, number, nullptr));
-  return guard.release();
+  if (any) ZELTA_TRY(removeTransaction(manager, access.memoryHeader, table, number, nullptr));
+  return access.release();
 }
 
 /// Whether a memory file holds more than its header. One that is missing holds nothing.

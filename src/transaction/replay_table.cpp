@@ -9,7 +9,9 @@
 #include "index/index_commit.h"
 #include "index/index_file.h"
 #include "index/kinds.h"
+#include "objects/table_access.h"
 #include "objects/version_keys.h"
+#include "platform/file_io.h"
 #include "storage/atomic_manager.h"
 #include "storage/memory_file.h"
 #include "storage/table_recovery.h"
@@ -40,7 +42,7 @@ class TableReplay {
         replayed_(replayed),
         reader_(reader),
         number_(replayed.entry.head.number),
-        manager_(metaData_, table) {}
+        access_(metaData_, table) {}
 
   Result run(const TableSection& section);
 
@@ -62,10 +64,8 @@ class TableReplay {
   const ReplayedEntry& replayed_;
   EntryReader& reader_;
   std::uint32_t number_;  ///< of the transaction
-  AtomicManager manager_;
-  TableHeader_tag header_{};
-  IndexFileHeader_tag indexHeader_{};
-  MemoryFileHeader_tag memoryHeader_{};
+  TableAccess access_;
+  const TableHeader_tag& header_ = access_.header;
   IdSet deleted_;
   IdSet edited_;
   PendingImages images_;
@@ -139,7 +139,7 @@ Result TableReplay::decide(const TableSection& section) {
 /// What is gone or there already is from a former repair. If only a placeholder stands for the
 /// version before, the index file has the new keys.
 Result TableReplay::exchange(std::uint64_t id, ObjectBytes before, ObjectBytes after) {
-  ZELTA_TRY(exchangeKeys(manager_, id, before, after));
+  ZELTA_TRY(exchangeKeys(access_.manager(), id, before, after));
   return contents_.change({id, before, after});
 }
 
@@ -155,8 +155,8 @@ Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
 Result TableReplay::applyKeys() {
   if (table_.indexCount == 0) return {};
   ZELTA_TRY(checkIndexKinds(metaData_, table_));
-  manager_.holdIndexPages();
-  contents_.begin(manager_, ContentMode::repeated);
+  access_.manager().holdIndexPages();
+  contents_.begin(access_.manager(), ContentMode::repeated);
   ObjectBytes before;
   ObjectBytes after;
   for (const UInt64AVLTree* node = findNext(deleted_.root, 0); node != nullptr;
@@ -174,7 +174,7 @@ Result TableReplay::applyKeys() {
     ZELTA_TRY(exchange(image.objectID, {}, after));
   }
   ZELTA_TRY(contents_.finish());
-  return flushIndexFile(manager_, indexHeader_);
+  return flushIndexFile(access_.manager(), access_.indexHeader);
 }
 
 // -- The whole ------------------------------------------------------------------------------------
@@ -182,23 +182,20 @@ Result TableReplay::applyKeys() {
 /// An index file that is missing cannot be built while contents are missing in the table; whoever
 /// opens it next builds it.
 Result TableReplay::openIndex(bool* there) {
-  const Result opened = openIndexFile(manager_, indexHeader_, &header_, true, true);
+  const Result opened = access_.openIndex();
   *there = opened.ok();
   if (opened.failed()) return opened.isLocked() ? Result{} : opened;
-  ZELTA_TRY(readMemoryFileHeader(table_, memoryHeader_, manager_, true));
-  manager_.attach(table_.indexFile, &indexHeader_, table_.memoryFile, &memoryHeader_);
-  return {};
+  return access_.openMemory();
 }
 
 Result TableReplay::run(const TableSection& section) {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData_, table_, platform::kForever));
-  ZELTA_TRY(readTableHeader(metaData_, table_.cName(), table_.tableFile, header_, true));
+  ZELTA_TRY(access_.acquire(platform::kForever));
+  ZELTA_TRY(access_.readHeader());
   ZELTA_TRY(decide(section));
   if (deleted_.root == nullptr && edited_.root == nullptr && images_.added.empty()) {
-    return guard.release();
+    return access_.release();
   }
-  guard.announceChange();
+  access_.announceChange();
   bool indexThere = false;
   ZELTA_TRY(openIndex(&indexThere));
   if (indexThere) ZELTA_TRY(applyKeys());
@@ -206,7 +203,7 @@ Result TableReplay::run(const TableSection& section) {
   plan.replaying = true;
   ZELTA_TRY(plan.make(images_));
   ZELTA_TRY(executePlan(metaData_, table_, header_, plan, reader_.images, number_));
-  return guard.release();
+  return access_.release();
 }
 
 }  // namespace

@@ -2,8 +2,7 @@
 
 #include <cstring>
 
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
+#include "objects/table_access.h"
 #include "storage/memory_file_map.h"
 #include "storage/table_file.h"
 #include "storage/table_recovery.h"
@@ -14,11 +13,11 @@ namespace zelta {
 namespace {
 
 /// The images of what the transaction has added and rewritten, in the order of their IDs.
-Result writeImages(MetaData& metaData, Table& table, EntryWriter& out) {
-  AtomicManager manager(metaData, table);
-  MemoryFileHeader_tag header;
-  ZELTA_TRY(attachMemoryFile(table, header, manager));
-  PendingObjectWalk walk(manager);
+Result writeImages(TableAccess& access, EntryWriter& out) {
+  MetaData& metaData = access.metaData;
+  const Table& table = access.table;
+  ZELTA_TRY(access.openMemory());
+  PendingObjectWalk walk(access.manager());
   ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
                      metaData.scratchFor(Scratch::record));
   std::uint64_t total = 0;
@@ -58,8 +57,8 @@ std::uint64_t sectionSize(const Table& table) {
 }
 
 Result writeSection(MetaData& metaData, Table& table, EntryWriter& out) {
-  TableMutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, table, platform::kForever));
+  TableAccess access(metaData, table);
+  ZELTA_TRY(access.acquire(platform::kForever));
   LogTableSection_tag section{};
   std::memcpy(section.magic, "ZELD", 4);
   section.tableId = table.id();
@@ -75,9 +74,9 @@ Result writeSection(MetaData& metaData, Table& table, EntryWriter& out) {
     ZELTA_TRY(reportTable(metaData, table.cName(), platform::flushFile(table.tableFile)));
   }
   if (table.addedObjects != nullptr || table.editedObjects != nullptr) {
-    ZELTA_TRY(writeImages(metaData, table, out));
+    ZELTA_TRY(writeImages(access, out));
   }
-  return guard.release();
+  return access.release();
 }
 
 }  // namespace zelta

@@ -18,9 +18,7 @@
 
 #include "frame/exhausted_memory.h"
 #include "index/index_commit.h"
-#include "index/index_file.h"
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
+#include "objects/table_access.h"
 #include "storage/memory_file_map.h"
 #include "storage/memory_file_remove.h"
 #include "transaction/edit_plan.h"
@@ -45,31 +43,29 @@ Result collectImages(MetaData& metaData, Table& table, AtomicManager& manager, P
   }
 }
 
-Result commitFiles(MetaData& metaData, Table& table) {
-  AtomicManager manager(metaData, table);
-  TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, header, true));
-  IndexFileHeader_tag indexHeader;
-  ZELTA_TRY(openIndexFile(manager, indexHeader, &header, true, true));
-  MemoryFileHeader_tag memoryHeader;
-  ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, manager, true));
-  manager.attach(table.indexFile, &indexHeader, table.memoryFile, &memoryHeader);
+Result commitFiles(TableAccess& access) {
+  ZELTA_TRY(access.readHeader());
+  ZELTA_TRY(access.openIndex());
+  ZELTA_TRY(access.openMemory());
+  MetaData& metaData = access.metaData;
+  Table& table = access.table;
+  AtomicManager& manager = access.manager();
   ImageReader reader(metaData, table.memoryFile, table.cName(), extension::kMemory,
                      metaData.scratchFor(Scratch::record));
-  VersionReader versions(manager, header, reader);
+  VersionReader versions(manager, access.header, reader);
   // 5.1
-  ZELTA_TRY(commitIndexes(manager, indexHeader,
+  ZELTA_TRY(commitIndexes(manager, access.indexHeader,
                           {table.addedObjects, table.editedObjects, table.deletedObjects}, versions,
                           true));
   // 5.2
   PendingImages images;
   ZELTA_TRY(collectImages(metaData, table, manager, images));
-  EditPlan plan(metaData, table, header, {table.deletedObjects, table.editedObjects});
+  EditPlan plan(metaData, table, access.header, {table.deletedObjects, table.editedObjects});
   ZELTA_TRY(plan.make(images));
   // 5.3 to 5.7
-  ZELTA_TRY(executePlan(metaData, table, header, plan, reader, metaData.transactionWord));
+  ZELTA_TRY(executePlan(metaData, table, access.header, plan, reader, metaData.transactionWord));
   // 5.8
-  return removeTransaction(manager, memoryHeader, table, metaData.transactionWord, nullptr);
+  return removeTransaction(manager, access.memoryHeader, table, metaData.transactionWord, nullptr);
 }
 
 /// What becomes of the sets of the transaction.
@@ -110,7 +106,10 @@ Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
   Result result = guard.acquire(metaData, table, platform::kForever);
   guard.announceChange();
   if (result.ok()) {
-    result = reportingMemory(metaData, [&] { return commitFiles(metaData, table); });
+    result = reportingMemory(metaData, [&] {
+      TableAccess access(metaData, table, guard);
+      return commitFiles(access);
+    });
   }
   emptySets(table, releaseLocks);
   return result;
