@@ -37,7 +37,7 @@ unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int fie
   StateCheck check(*metaData_);
   if (check.transaction().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return getVariableField(*metaData_, *open, field, subField, subRecord, value, object);
+    return getVariableField(*metaData_, *open, {field, subField, subRecord}, value, object);
   });
 }
 
@@ -59,7 +59,7 @@ unsigned long long CZELTA::PutVariableValues(unsigned int table, const void* val
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return putVariableValues(*metaData_, *open, values, valuesSize, field, count, object);
+    return putVariableValues(*metaData_, *open, {values, valuesSize, field, count}, object);
   });
 }
 

@@ -23,23 +23,29 @@ bool hasKeys(const Table& table, std::uint32_t index) {
   }
 }
 
+/// The version of an object that cursors get their keys from.
+struct KeySource {
+  std::uint64_t objectID;
+  ObjectBytes object;
+};
+
 /// Gives a cursor all keys that a multi-entry index has of an object. The one equal to `matched`,
 /// else the lowest, becomes the current one.
-Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const char* object,
-                   std::uint32_t length, std::uint64_t objectID, const std::uint32_t* matched,
-                   std::uint32_t* entry) {
+Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& source,
+                   const std::uint32_t* matched, std::uint32_t* entry) {
   IndexCursor& cursor = table.indexStates[index];
   const KeyShape shape = table.keyShape(index);
   RowPlaces rows;
   for (std::uint32_t number = 0;; ++number) {
     std::uint32_t* made = nullptr;
-    ZELTA_TRY(extractKey(metaData, table, index, number, &made, object, length, &rows));
+    ZELTA_TRY(extractKey(metaData, table, index, number, &made, source.object.data,
+                         source.object.length, &rows));
     if (made == nullptr) break;
     PooledKey key;
     key.take(table.keyPool(index), shape, made);
     ObjectKeyNode* node = table.nodePool.take();
     node->key = key.release();
-    node->objectID = objectID;
+    node->objectID = source.objectID;
     node->tag = number;
     insert(node, cursor.currentKeys, shape);
     if (matched == nullptr || compareKeys(shape, node->key, matched) != 0) continue;
@@ -52,14 +58,13 @@ Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const 
   return {};
 }
 
-Result fillCursor(MetaData& metaData, Table& table, std::uint32_t index, const char* object,
-                  std::uint32_t length, std::uint64_t objectID) {
+Result fillCursor(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& source) {
   if (!hasKeys(table, index) || table.indexStates[index].currentKey != nullptr) return {};
   if (table.multiEntry(index)) {
-    return fillEntries(metaData, table, index, object, length, objectID, nullptr, nullptr);
+    return fillEntries(metaData, table, index, source, nullptr, nullptr);
   }
-  return extractKey(metaData, table, index, 0, &table.indexStates[index].currentKey, object,
-                    length);
+  return extractKey(metaData, table, index, 0, &table.indexStates[index].currentKey,
+                    source.object.data, source.object.length);
 }
 
 /// Lets the cursors make keys from this version: on demand from a copy, of a large object at once.
@@ -72,7 +77,7 @@ Result keepSource(MetaData& metaData, Table& table, std::uint64_t objectID, Obje
     return {};
   }
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    ZELTA_TRY(fillCursor(metaData, table, i, object.data, object.length, objectID));
+    ZELTA_TRY(fillCursor(metaData, table, i, {objectID, object}));
   }
   return {};
 }
@@ -85,8 +90,8 @@ Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t object
   if (table.indexCount == 0) return {};
   if (matched.key != nullptr && matched.key->get() != nullptr) {
     if (table.multiEntry(matched.index)) {
-      ZELTA_TRY(fillEntries(metaData, table, matched.index, object.data, object.length, objectID,
-                            matched.key->get(), entry));
+      ZELTA_TRY(fillEntries(metaData, table, matched.index, {objectID, object}, matched.key->get(),
+                            entry));
     } else {
       table.indexStates[matched.index].currentKey = matched.key->release();
     }
@@ -142,8 +147,7 @@ Result CurrentKeysChange::make(MetaData& metaData, std::uint64_t objectID, Objec
   takeOut();
   for (const Place& place : places_) {
     if (place.keys == nullptr) continue;
-    ZELTA_TRY(fillEntries(metaData, table_, place.index, object.data, object.length, objectID,
-                          place.key, nullptr));
+    ZELTA_TRY(fillEntries(metaData, table_, place.index, {objectID, object}, place.key, nullptr));
   }
   return keepSource(metaData, table_, objectID, object);
 }
@@ -151,8 +155,8 @@ Result CurrentKeysChange::make(MetaData& metaData, std::uint64_t objectID, Objec
 Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
                   const std::uint32_t** key) {
   if (table.keySourceID != 0) {
-    ZELTA_TRY(fillCursor(metaData, table, index, table.keySource.data(), table.keySourceLength,
-                         table.keySourceID));
+    const ObjectBytes source{table.keySource.data(), table.keySourceLength};
+    ZELTA_TRY(fillCursor(metaData, table, index, {table.keySourceID, source}));
   }
   *key = table.indexStates[index].currentKey;
   return {};

@@ -93,19 +93,19 @@ Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, v
   return {};
 }
 
-Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field,
-                        std::uint32_t subField, std::uint32_t subRecord, void** value,
+Result getVariableField(MetaData& metaData, Table& table, const SubFieldPlace& place, void** value,
                         CZELTA::Object* object) {
-  const std::uint64_t number = std::uint64_t{table.firstVariableField} + field;
+  const std::uint64_t number = std::uint64_t{table.firstVariableField} + place.field;
   if (table.isFixed() || number >= table.schema->fieldCount ||
       table.schema->fields[number].fieldType != CZELTA::TypeSubRecords ||
-      subField >= table.schema->fields[number].subFieldCount) {
-    return reportError(&metaData, Own::parameter, table.cName(), nullptr, field, subField);
+      place.subField >= table.schema->fields[number].subFieldCount) {
+    return reportError(&metaData, Own::parameter, table.cName(), nullptr, place.field,
+                       place.subField);
   }
   if (table.objectData == nullptr) return noObject(metaData);
   if (value != nullptr) {
-    *value = const_cast<char*>(subFieldAddress(table, static_cast<std::uint32_t>(number), subField,
-                                               subRecord, nullptr, 0));
+    *value = const_cast<char*>(subFieldAddress(table, static_cast<std::uint32_t>(number),
+                                               place.subField, place.subRecord, nullptr, 0));
   }
   fillObject(table, object);
   return {};

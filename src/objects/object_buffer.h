@@ -21,16 +21,29 @@ inline constexpr std::uint32_t kFixedLead = 6;
   return table.isFixed() ? kFixedLead : kVariableLead;
 }
 
+/// A sub-field of one row of a variable field, each counted from 0.
+struct SubFieldPlace {
+  std::uint32_t field;
+  std::uint32_t subField;
+  std::uint32_t subRecord;
+};
+
+/// The encoded values of some variable fields, one behind the other.
+struct PackedValues {
+  const void* bytes;    ///< null: the fields become empty
+  std::uint32_t size;   ///< 0: the values are trusted to be well formed
+  std::uint32_t field;  ///< the first one, counted from 0 among the variable fields
+  std::uint32_t count;
+};
+
 Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size);
 Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
                         CZELTA::Object* object);
-Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field,
-                        std::uint32_t subField, std::uint32_t subRecord, void** value,
+Result getVariableField(MetaData& metaData, Table& table, const SubFieldPlace& place, void** value,
                         CZELTA::Object* object);
 Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* object,
                          std::uint32_t size);
-Result putVariableValues(MetaData& metaData, Table& table, const void* values,
-                         std::uint32_t valuesSize, std::uint32_t field, std::uint32_t count,
+Result putVariableValues(MetaData& metaData, Table& table, const PackedValues& values,
                          CZELTA::Object* object);
 
 /// Makes the buffer hold an object of `length` bytes and points objectData at its place. The buffer

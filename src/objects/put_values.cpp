@@ -171,23 +171,22 @@ Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* objec
   return {};
 }
 
-Result putVariableValues(MetaData& metaData, Table& table, const void* values,
-                         std::uint32_t valuesSize, std::uint32_t field, std::uint32_t count,
+Result putVariableValues(MetaData& metaData, Table& table, const PackedValues& values,
                          CZELTA::Object* object) {
-  const char* bytes = static_cast<const char*>(values);
+  const char* bytes = static_cast<const char*>(values.bytes);
   if (bytes != nullptr && (!platform::isReadable(bytes) ||
-                           (valuesSize != 0 && !platform::isReadable(bytes + valuesSize)))) {
+                           (values.size != 0 && !platform::isReadable(bytes + values.size)))) {
     return reportError(&metaData, Own::parameter);
   }
   if (table.objectData == nullptr) return reportError(&metaData, Own::noObject);
   if (table.isFixed()) return reportError(&metaData, Own::context);
-  const std::uint64_t first = std::uint64_t{table.firstVariableField} + field;
-  if (first + count > table.schema->fieldCount) {
+  const std::uint64_t first = std::uint64_t{table.firstVariableField} + values.field;
+  if (first + values.count > table.schema->fieldCount) {
     return reportError(&metaData, Own::parameter, table.cName(), nullptr, table.firstVariableField,
-                       static_cast<std::int64_t>(first + count));
+                       static_cast<std::int64_t>(first + values.count));
   }
-  Replacement replacement(metaData, table, bytes, valuesSize, static_cast<std::uint32_t>(first),
-                          count);
+  Replacement replacement(metaData, table, bytes, values.size, static_cast<std::uint32_t>(first),
+                          values.count);
   ZELTA_TRY(replacement.run());
   fillObject(table, object);
   return {};

@@ -262,7 +262,7 @@ TEST(SubFieldAddress, FindsEverySubFieldOfEveryRow) {
                                       tagOffset(t) + 20 + textLength[r]};
     for (std::uint32_t s = 0; s < 5; ++s) {
       void* value = nullptr;
-      ASSERT_TRUE(getVariableField(t.metaData, t.table, 1, s, r, &value, nullptr).ok());
+      ASSERT_TRUE(getVariableField(t.metaData, t.table, {1, s, r}, &value, nullptr).ok());
       ASSERT_NE(value, nullptr);
       EXPECT_EQ(offsetOf(t, value), starts[r] + expected[s]) << r << " " << s;
     }
@@ -306,19 +306,19 @@ TEST(GetVariableField, OfARowRefusesWhatIsNoRow) {
   BufferTable t(kRows);
   ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
   void* value = nullptr;
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 0, 0, 0, &value, nullptr).word(),
+  EXPECT_EQ(getVariableField(t.metaData, t.table, {0, 0, 0}, &value, nullptr).word(),
             ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 2, 0, 0, &value, nullptr).word(),
+  EXPECT_EQ(getVariableField(t.metaData, t.table, {2, 0, 0}, &value, nullptr).word(),
             ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, kAllBits, 0, 0, &value, nullptr).word(),
+  EXPECT_EQ(getVariableField(t.metaData, t.table, {kAllBits, 0, 0}, &value, nullptr).word(),
             ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 1, 5, 0, &value, nullptr).word(),
+  EXPECT_EQ(getVariableField(t.metaData, t.table, {1, 5, 0}, &value, nullptr).word(),
             ownWord(Own::parameter));
   EXPECT_EQ(t.error(),
             "One or more parameters is within an invaild range for table \"T\".\nParameter 1 = 1, "
             "Parameter 2 = 5.");
   value = &value;
-  EXPECT_TRUE(getVariableField(t.metaData, t.table, 1, 0, 0, &value, nullptr).ok());
+  EXPECT_TRUE(getVariableField(t.metaData, t.table, {1, 0, 0}, &value, nullptr).ok());
   EXPECT_EQ(value, nullptr);
 }
 
@@ -359,12 +359,12 @@ TEST(PutVariableValues, WithNullEmptiesTheFieldAndShortensTheObject) {
   BufferTable t(kMixed);
   t.put(t.header(5).number(77u).text("abc").shortBinary("x").wide(u"w").binary("y").text("z"));
   CZELTA::Object object{};
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, nullptr, 0, 0, 1, &object).ok());
+  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {nullptr, 0, 0, 1}, &object).ok());
   EXPECT_EQ(
       t.object(),
       t.header(5).number(77u).text("").shortBinary("x").wide(u"w").binary("y").text("z").str());
   EXPECT_EQ(object.length, t.table.objectLength - 6);
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, nullptr, 0, 1, 4, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {nullptr, 0, 1, 4}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).number(77u).zeros(1 + 2 + 2 + 4 + 1).str());
 }
 
@@ -372,22 +372,22 @@ TEST(PutVariableValues, OfCountZeroChangesNothingButProvesTheTail) {
   BufferTable t(kMixed);
   t.put(t.header(5).number(77u).text("a").shortBinary("x").wide(u"w").binary("y").text("z"));
   const std::string before = t.object();
-  EXPECT_TRUE(putVariableValues(t.metaData, t.table, "q", 1, 2, 0, nullptr).ok());
-  EXPECT_TRUE(putVariableValues(t.metaData, t.table, "q", 1, 5, 0, nullptr).ok());
+  EXPECT_TRUE(putVariableValues(t.metaData, t.table, {"q", 1, 2, 0}, nullptr).ok());
+  EXPECT_TRUE(putVariableValues(t.metaData, t.table, {"q", 1, 5, 0}, nullptr).ok());
   EXPECT_EQ(t.object(), before);
   t.put(before.substr(0, before.size() - 1));
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, "q", 1, 2, 0, nullptr).word(),
+  EXPECT_EQ(putVariableValues(t.metaData, t.table, {"q", 1, 2, 0}, nullptr).word(),
             ownWord(Own::variableField));
 }
 
 TEST(PutVariableValues, RefusesFieldsThatAreNot) {
   BufferTable t(kMixed);
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, "", 1, 0, 1, nullptr).word(),
+  EXPECT_EQ(putVariableValues(t.metaData, t.table, {"", 1, 0, 1}, nullptr).word(),
             ownWord(Own::noObject));
   ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
   const std::uint32_t wrong[][2] = {{5, 1}, {0, 6}, {kAllBits, 1}, {1, kAllBits}, {6, 0}};
   for (const auto& [field, count] : wrong) {
-    EXPECT_EQ(putVariableValues(t.metaData, t.table, "", 1, field, count, nullptr).word(),
+    EXPECT_EQ(putVariableValues(t.metaData, t.table, {"", 1, field, count}, nullptr).word(),
               ownWord(Own::parameter));
   }
   EXPECT_EQ(t.error(),
@@ -395,7 +395,7 @@ TEST(PutVariableValues, RefusesFieldsThatAreNot) {
             "Parameter 2 = 7.");
   BufferTable fixed(Fields{{CZELTA::TypeUInt32}});
   ASSERT_TRUE(newObject(fixed.metaData, fixed.table, nullptr, 0).ok());
-  EXPECT_EQ(putVariableValues(fixed.metaData, fixed.table, "", 1, 0, 1, nullptr).word(),
+  EXPECT_EQ(putVariableValues(fixed.metaData, fixed.table, {"", 1, 0, 1}, nullptr).word(),
             ownWord(Own::context));
 }
 
@@ -417,8 +417,9 @@ TEST(PutVariableValues, WithMalformedValuesLeavesTheBuffer) {
                {3, "abc"}};
   for (const auto& [field, bytes] : wrong) {
     const std::vector<char> exact(bytes.begin(), bytes.end());
-    EXPECT_EQ(putVariableValues(t.metaData, t.table, exact.data(),
-                                static_cast<std::uint32_t>(exact.size()), field, 1, nullptr)
+    EXPECT_EQ(putVariableValues(t.metaData, t.table,
+                                {exact.data(), static_cast<std::uint32_t>(exact.size()), field, 1},
+                                nullptr)
                   .word(),
               ownWord(Own::variableField))
         << bytes;
@@ -436,7 +437,7 @@ TEST(PutVariableValues, IntoAMalformedObjectLeavesTheBuffer) {
   for (std::size_t length = t.table.fixedAreaSize; length < good.size(); ++length) {
     for (std::uint32_t field = 0; field < 5; ++field) {
       t.put(good.substr(0, length));
-      EXPECT_EQ(putVariableValues(t.metaData, t.table, nullptr, 0, field, 1, nullptr).word(),
+      EXPECT_EQ(putVariableValues(t.metaData, t.table, {nullptr, 0, field, 1}, nullptr).word(),
                 ownWord(Own::variableField));
       EXPECT_EQ(t.object(), good.substr(0, length));
     }
@@ -446,9 +447,9 @@ TEST(PutVariableValues, IntoAMalformedObjectLeavesTheBuffer) {
 TEST(PutVariableValues, MovesBytesBehindTheLastFieldAlong) {
   BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}});
   t.put(t.header(5).text("a").text("b").raw("xyz"));
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, "long", 5, 0, 1, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {"long", 5, 0, 1}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).text("long").text("b").raw("xyz").str());
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, "", 1, 1, 1, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {"", 1, 1, 1}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).text("long").text("").raw("xyz").str());
   EXPECT_EQ(validateObject(t.metaData, t.table, t.table.objectData, t.table.objectLength).word(),
             ownWord(Own::objectTooLong));
@@ -457,7 +458,7 @@ TEST(PutVariableValues, MovesBytesBehindTheLastFieldAlong) {
 TEST(PutVariableValues, StepsOverPoints) {
   BufferTable t(Fields{{CZELTA::TypePoints2}, {CZELTA::TypeText}});
   t.put(t.header(5).binary("12345678").text("b"));
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, "long", 0, 1, 1, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {"long", 0, 1, 1}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).binary("12345678").text("long").str());
 }
 
@@ -473,7 +474,7 @@ TEST(PutVariableValues, TakesValuesFromTheBufferItself) {
         t.put(object);
         void* value = nullptr;
         ASSERT_TRUE(getVariableField(t.metaData, t.table, from, &value, nullptr).ok());
-        ASSERT_TRUE(putVariableValues(t.metaData, t.table, value, 0, to, 1, nullptr).ok());
+        ASSERT_TRUE(putVariableValues(t.metaData, t.table, {value, 0, to, 1}, nullptr).ok());
         std::string expected[] = {values[0], values[1], values[2]};
         expected[to] = values[from];
         EXPECT_EQ(t.object(),
@@ -521,10 +522,12 @@ TEST(PutVariableValues, AgreesWithAModel) {
     }
     const bool trusted = below(3) == 0;
     const std::vector<char> exact(values.begin(), values.end());
-    ASSERT_TRUE(putVariableValues(
-                    t.metaData, t.table, clear || exact.empty() ? nullptr : exact.data(),
-                    trusted ? 0 : static_cast<std::uint32_t>(exact.size()), first, count, nullptr)
-                    .ok())
+    ASSERT_TRUE(
+        putVariableValues(t.metaData, t.table,
+                          {clear || exact.empty() ? nullptr : exact.data(),
+                           trusted ? 0 : static_cast<std::uint32_t>(exact.size()), first, count},
+                          nullptr)
+            .ok())
         << t.error();
     std::string expected = t.header(3).number(1u);
     for (const std::string& field : model) expected += field;
@@ -537,7 +540,7 @@ TEST(PutVariableValues, OnAnUnknownTypeNamesIt) {
   BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}});
   ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
   t.table.schema->fields[0].fieldType = 100;
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, "", 1, 1, 1, nullptr).word(),
+  EXPECT_EQ(putVariableValues(t.metaData, t.table, {"", 1, 1, 1}, nullptr).word(),
             ownWord(Own::fieldType));
   EXPECT_EQ(t.error(),
             "Unable to use table schema as it contains an invalid field.\nTable \"T\", Field "

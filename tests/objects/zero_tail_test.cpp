@@ -71,8 +71,9 @@ TEST_F(ZeroTail, StandsBehindWhatIsMadeAndChanged) {
   BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}});
   const std::string object = t.header(1).text("ab").text("cd");
   const auto replace = [&](const std::string& value) {
-    EXPECT_TRUE(putVariableValues(t.metaData, t.table, value.c_str(),
-                                  static_cast<std::uint32_t>(value.size() + 1), 0, 1, nullptr)
+    EXPECT_TRUE(putVariableValues(
+                    t.metaData, t.table,
+                    {value.c_str(), static_cast<std::uint32_t>(value.size() + 1), 0, 1}, nullptr)
                     .ok());
     EXPECT_EQ(behind(t.table), kZeros) << value;
   };
