@@ -99,8 +99,8 @@ Result Addition::store() {
   ZELTA_TRY(changes_.enter(access_.manager()));
   ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_,
                                {table_.objectData, table_.objectLength}, {}, nullptr));
-  if (const Result stored = storeObject(access_.manager(), access_.memoryHeader, table_,
-                                        table_.objectData, table_.objectLength, objectID_);
+  if (const Result stored = storeObject(access_.manager(), access_.memoryHeader, table_.objectData,
+                                        table_.objectLength, objectID_);
       stored.failed()) {
     table_.releaseCurrentKeys();
     return stored;

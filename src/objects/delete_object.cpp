@@ -67,7 +67,7 @@ Result Deletion::work(Located& found) {
   ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
   if (pending) {
     ZELTA_TRY(changes_.enter(access_.manager()));
-    ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, table_, found.objectID));
+    ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, found.objectID));
   }
   found.newLock.keep();
   changes_.finish();

@@ -78,7 +78,7 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   }
   if (pending) {
     ZELTA_TRY(changes_.enter(access_.manager()));
-    ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, table_, objectID_));
+    ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, objectID_));
   }
   keys.keep();
   changes_.finish();

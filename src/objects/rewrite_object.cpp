@@ -99,7 +99,7 @@ Result Rewriting::store() {
   CurrentKeysChange keys(table_);
   ZELTA_TRY(keys.make(metaData_, objectID_, {table_.objectData, table_.objectLength}));
   RaisedVersion version(table_.objectData);
-  ZELTA_TRY(storeObject(access_.manager(), access_.memoryHeader, table_, table_.objectData,
+  ZELTA_TRY(storeObject(access_.manager(), access_.memoryHeader, table_.objectData,
                         table_.objectLength, objectID_));
   version.keep();
   keys.keep();

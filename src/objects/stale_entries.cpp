@@ -27,7 +27,7 @@ Result dropTransactionEntries(TableAccess& access, std::uint32_t number) {
   AtomicManager& manager = access.manager();
   ZELTA_TRY(collectTransaction(manager, number, &entries.ids, nullptr));
   if (entries.ids != nullptr) ZELTA_TRY(dropPendingKeys(manager, {entries.ids, nullptr}));
-  return removeTransaction(manager, access.memoryHeader, access.table, number, nullptr);
+  return removeTransaction(manager, access.memoryHeader, number, nullptr);
 }
 
 }  // namespace zelta

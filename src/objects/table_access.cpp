@@ -31,7 +31,7 @@ Result TableAccess::readHeader() {
 
 Result TableAccess::openMemory() {
   assert(owned());
-  ZELTA_TRY(readMemoryFileHeader(table, memoryHeader, needManager(), true));
+  ZELTA_TRY(readMemoryFileHeader(needManager(), memoryHeader, true));
   memoryOpen_ = true;
   attach();
   return {};

@@ -20,7 +20,8 @@ namespace {
 /// About how many keys a page of pending keys has room for.
 constexpr std::uint64_t kKeysOfPage = 100;
 
-Result openFile(Table& table, const AtomicManager& manager, bool mayRecover) {
+Result openFile(const AtomicManager& manager, bool mayRecover) {
+  Table& table = manager.table;
   if (table.memoryFile != platform::File::none) return {};
   const std::u16string path = databasePath(manager.metaData, table.name, extension::kMemory);
   SystemCode result = openDatabaseFile(manager.metaData, path.c_str(),
@@ -35,8 +36,9 @@ Result openFile(Table& table, const AtomicManager& manager, bool mayRecover) {
 }
 
 /// Writes the header of an empty file, with no content behind it.
-Result createHeader(const Table& table, const AtomicManager& manager, MemoryFileHeader_tag& header,
+Result createHeader(const AtomicManager& manager, MemoryFileHeader_tag& header,
                     PagedHeaderImage& image) {
+  const Table& table = manager.table;
   const std::uint32_t pageSize = newPageSize(kMemoryForm, table, kKeysOfPage);
   static_cast<PagedFileHeader&>(header) = newPagedHeader(kMemoryForm, table, pageSize);
   if (pageSize == 0) return manager.failed(PageFile::memory, code::kNoMemory);
@@ -55,9 +57,9 @@ bool headerIsSound(const Table& table, const MemoryFileHeader_tag& header) {
 
 }  // namespace
 
-Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager,
-                            bool mayRecover) {
-  ZELTA_TRY(openFile(table, manager, mayRecover));
+Result readMemoryFileHeader(AtomicManager& manager, MemoryFileHeader_tag& header, bool mayRecover) {
+  Table& table = manager.table;
+  ZELTA_TRY(openFile(manager, mayRecover));
   PagedHeaderImage image(kMemoryForm, table.indexCount);
   std::uint32_t have = 0;
   const SystemCode result = readBuffer(table.memoryFile, 0, image.bytes(), image.size(), &have);
@@ -69,7 +71,7 @@ Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicMa
   }
   if (have < image.size()) {
     if (!mayRecover) return manager.failed(PageFile::memory, code::kAccessDenied);
-    ZELTA_TRY(createHeader(table, manager, header, image));
+    ZELTA_TRY(createHeader(manager, header, image));
   }
   if (!headerIsSound(table, header)) return manager.corrupted(PageFile::memory);
   if (header.newEndOfFile != 0) {
@@ -99,7 +101,7 @@ Result decideFailedWrite(const PagedFlush& flush, AtomicManager& manager,
                                          manager.memoryRoots() + manager.indexCount + 1);
   const std::uint64_t end = header.newEndOfFile != 0 ? header.newEndOfFile : header.endOfFile;
   manager.journalApplied = false;
-  if (readMemoryFileHeader(manager.table, header, manager, true).failed()) return failure;
+  if (readMemoryFileHeader(manager, header, true).failed()) return failure;
   manager.table.memoryUncertain = uncertainBefore;
   // An intent that was cut off can be complete nevertheless: what stood there before may be what
   // was to be written.

@@ -18,11 +18,11 @@ namespace zelta {
 class AtomicManager;
 struct PagedRecord;
 
-/// Opens the file if the table has not got it open, checks the header, finishes or drops a journal
-/// that stands, and gives the roots to the manager. With `mayRecover` a missing or unfinished file
-/// is made; without it a missing file and a standing journal are the Windows code 5.
-Result readMemoryFileHeader(Table& table, MemoryFileHeader_tag& header, AtomicManager& manager,
-                            bool mayRecover);
+/// Opens the file if the manager's table has not got it open, checks the header, finishes or drops
+/// a journal that stands, and gives the roots to the manager. With `mayRecover` a missing or
+/// unfinished file is made; without it a missing file and a standing journal are the Windows
+/// code 5.
+Result readMemoryFileHeader(AtomicManager& manager, MemoryFileHeader_tag& header, bool mayRecover);
 
 /// The atomic step: brings all changed memory pages, the free chain and the roots into the file, by
 /// way of the journal, and drops the pages. `record` may be null. `truncate` cuts the file behind

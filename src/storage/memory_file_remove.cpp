@@ -207,16 +207,15 @@ Result Shrink::share(MapInner_tag& parent, std::uint32_t leftSlot) {
 
 }  // namespace
 
-Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
-                    std::uint64_t objectID) {
+Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, std::uint64_t objectID) {
   MapPath path;
   ZELTA_TRY(memory_file::findPath(manager, objectID, true, path));
   const bool empty = path.depth == 0;
   const std::uint32_t slot = empty ? 0 : path.leaf().slot;
   if (empty || slot == leafOf(*path.leaf().page).count ||
       leafOf(*path.leaf().page).objectIDs[slot] != objectID) {
-    return reportError(&manager.metaData, Own::objectNotFound, table.cName(), extension::kMemory,
-                       static_cast<std::int64_t>(objectID));
+    return reportError(&manager.metaData, Own::objectNotFound, manager.table.cName(),
+                       extension::kMemory, static_cast<std::int64_t>(objectID));
   }
   Page* page = path.leaf().page;
   const PendingObject object = entryOf(leafOf(*page), slot);
@@ -225,7 +224,7 @@ Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table&
   dropEntry(leafOf(*page), slot);
   ZELTA_TRY(Shrink(manager, path).run());
   ZELTA_TRY(flushMemoryPages(manager, header, nullptr, false));
-  table.pendingBytes -= pendingImageBytes(object.length);
+  manager.table.pendingBytes -= pendingImageBytes(object.length);
   return {};
 }
 
@@ -371,8 +370,8 @@ bool pendingKeysLeft(AtomicManager& manager) {
 
 }  // namespace
 
-Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, Table&,
-                         std::uint32_t number, UInt64AVLTree** removedIDs) {
+Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, std::uint32_t number,
+                         UInt64AVLTree** removedIDs) {
   IdSet removed;
   bool sole = false;
   // Without anybody else's entries nothing remains of the file but its header.

@@ -12,13 +12,12 @@
 namespace zelta {
 
 /// Takes an object out of the map and flushes. Keeps Table::pendingBytes. Own error 31: not there.
-Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
-                    std::uint64_t objectID);
+Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, std::uint64_t objectID);
 
 /// Takes all entries of a transaction out of the map and flushes, the pending key pages that were
 /// changed before included. `*removedIDs` (may be null) receives their IDs. The file is cut back.
-Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
-                         std::uint32_t number, UInt64AVLTree** removedIDs);
+Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, std::uint32_t number,
+                         UInt64AVLTree** removedIDs);
 
 }  // namespace zelta
 

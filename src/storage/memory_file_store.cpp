@@ -222,8 +222,8 @@ Result Store::raiseRoot(std::uint64_t left, std::uint64_t key, std::uint64_t rig
 
 }  // namespace
 
-Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
-                   char* objectBytes, std::uint32_t length, std::uint64_t objectID) {
+Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, char* objectBytes,
+                   std::uint32_t length, std::uint64_t objectID) {
   Store store(manager, {objectID, 0, length, manager.metaData.transactionWord});
   ZELTA_TRY(store.enter());
   const std::uint32_t blockSize = store.blockSize();
@@ -232,7 +232,7 @@ Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& 
   const PagedRecord record{bytes, std::uint64_t{length} + sizeof(blockSize),
                            store.entry().position};
   ZELTA_TRY(flushMemoryPages(manager, header, &record, false));
-  table.pendingBytes += pendingImageBytes(length) - store.oldImageBytes();
+  manager.table.pendingBytes += pendingImageBytes(length) - store.oldImageBytes();
   return {};
 }
 

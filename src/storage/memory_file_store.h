@@ -12,8 +12,8 @@ namespace zelta {
 /// Puts an object of the running transaction into the map, or replaces its pending version, and
 /// flushes. The four bytes ahead of `objectBytes` are overwritten. Keeps Table::pendingBytes. Own
 /// error 59: another transaction has an entry for the ID.
-Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, Table& table,
-                   char* objectBytes, std::uint32_t length, std::uint64_t objectID);
+Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, char* objectBytes,
+                   std::uint32_t length, std::uint64_t objectID);
 
 }  // namespace zelta
 

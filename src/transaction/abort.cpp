@@ -31,8 +31,7 @@ Result dropChanges(MetaData& metaData, Table& table) {
     ZELTA_TRY(dropPendingKeysOf(manager, metaData.transactionWord, &any));
   }
   ZELTA_TRY(dropPendingKeys(manager, {table.addedObjects, table.editedObjects}));
-  ZELTA_TRY(
-      removeTransaction(manager, access.memoryHeader, table, metaData.transactionWord, nullptr));
+  ZELTA_TRY(removeTransaction(manager, access.memoryHeader, metaData.transactionWord, nullptr));
   table.memoryUncertain = false;
   return access.release();
 }

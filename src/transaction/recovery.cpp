@@ -83,7 +83,7 @@ Result dropChanges(MetaData& metaData, Table& table, std::uint32_t number) {
   AtomicManager& manager = access.manager();
   bool any = false;
   ZELTA_TRY(dropPendingKeysOf(manager, number, &any));
-  if (any) ZELTA_TRY(removeTransaction(manager, access.memoryHeader, table, number, nullptr));
+  if (any) ZELTA_TRY(removeTransaction(manager, access.memoryHeader, number, nullptr));
   return access.release();
 }
 

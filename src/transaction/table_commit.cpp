@@ -65,7 +65,7 @@ Result commitFiles(TableAccess& access) {
   // 5.3 to 5.7
   ZELTA_TRY(executePlan(metaData, table, access.header, plan, reader, metaData.transactionWord));
   // 5.8
-  return removeTransaction(manager, access.memoryHeader, table, metaData.transactionWord, nullptr);
+  return removeTransaction(manager, access.memoryHeader, metaData.transactionWord, nullptr);
 }
 
 /// What becomes of the sets of the transaction.

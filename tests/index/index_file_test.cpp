@@ -80,7 +80,7 @@ class IndexSession {
       : owner_(owner), manager(owner.metaData, *owner.table) {
     result = openIndexFile(manager, header, &owner.header, exclusive, mustExist);
     if (result.ok() && exclusive) {
-      result = readMemoryFileHeader(*owner.table, memoryHeader, manager, true);
+      result = readMemoryFileHeader(manager, memoryHeader, true);
     }
     if (result.ok()) {
       manager.attach(owner.table->indexFile, &header,
@@ -101,13 +101,11 @@ class IndexSession {
       ZELTA_TRY(insertEntry(pending(i), &number, objectID));
     }
     std::string bytes = "size" + std::string(kObjectSize, 'o');
-    return storeObject(manager, memoryHeader, *owner_.table, bytes.data() + 4, kObjectSize,
-                       objectID);
+    return storeObject(manager, memoryHeader, bytes.data() + 4, kObjectSize, objectID);
   }
   Result commit(UInt64AVLTree* objects) {
     ZELTA_TRY(commitIndexes(manager, header, {objects, nullptr, nullptr}, noVersions, true));
-    return removeTransaction(manager, memoryHeader, *owner_.table, owner_.metaData.transactionWord,
-                             nullptr);
+    return removeTransaction(manager, memoryHeader, owner_.metaData.transactionWord, nullptr);
   }
   Keys keys(std::uint32_t index) {
     Keys found;

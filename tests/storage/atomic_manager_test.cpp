@@ -34,7 +34,7 @@ class Pages : public ::testing::Test {
   }
   void attach(bool memory) {
     if (memory) {
-      ASSERT_TRUE(readMemoryFileHeader(*owner.table, memoryHeader, manager, true).ok());
+      ASSERT_TRUE(readMemoryFileHeader(manager, memoryHeader, true).ok());
     }
     manager.attach(owner.table->indexFile, &indexHeader,
                    memory ? owner.table->memoryFile : platform::File::none,

@@ -78,21 +78,19 @@ class MemorySession {
  public:
   explicit MemorySession(PagedTable& owner, bool mayRecover = true)
       : owner_(owner), manager(owner.metaData, *owner.table) {
-    result = readMemoryFileHeader(*owner.table, header, manager, mayRecover);
+    result = readMemoryFileHeader(manager, header, mayRecover);
     if (result.ok()) {
       manager.attach(platform::File::none, nullptr, owner.table->memoryFile, &header);
     }
   }
   Result store(std::uint64_t objectID, const std::string& object) {
     std::string bytes = "size" + object;
-    return storeObject(manager, header, *owner_.table, bytes.data() + 4,
-                       static_cast<std::uint32_t>(object.size()), objectID);
+    return storeObject(manager, header, bytes.data() + 4, static_cast<std::uint32_t>(object.size()),
+                       objectID);
   }
-  Result remove(std::uint64_t objectID) {
-    return removeObject(manager, header, *owner_.table, objectID);
-  }
+  Result remove(std::uint64_t objectID) { return removeObject(manager, header, objectID); }
   Result removeAll(std::uint32_t number, UInt64AVLTree** ids = nullptr) {
-    return removeTransaction(manager, header, *owner_.table, number, ids);
+    return removeTransaction(manager, header, number, ids);
   }
 
  private:

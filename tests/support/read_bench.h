@@ -130,14 +130,14 @@ class ReadHandle {
     TableMutexGuard mutex;
     ASSERT_TRUE(mutex.acquire(metaData, *table, 1000).ok());
     ASSERT_TRUE(readTableHeader(metaData, u"T", table->tableFile, header, true).ok());
-    ASSERT_TRUE(readMemoryFileHeader(*table, memory, manager, true).ok());
+    ASSERT_TRUE(readMemoryFileHeader(manager, memory, true).ok());
     ASSERT_TRUE(openIndexFile(manager, index, &header, true, true).ok());
     manager.attach(table->indexFile, &index, table->memoryFile, &memory);
     if (added) {
       ASSERT_TRUE(bplusInsert({manager, PageFile::memory, 0}, &row.number, id).ok());
     }
     std::string image = std::string(4, '\0') + encode(form_, id, 1, row);
-    ASSERT_TRUE(storeObject(manager, memory, *table, image.data() + 4,
+    ASSERT_TRUE(storeObject(manager, memory, image.data() + 4,
                             static_cast<std::uint32_t>(image.size() - 4), id)
                     .ok());
     new UInt64AVLTree(added ? table->addedObjects : table->editedObjects, id);

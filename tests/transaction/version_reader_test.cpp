@@ -35,7 +35,7 @@ TEST_P(Versions, ReadsTheCommittedAndThePendingOne) {
   TableHeader_tag header;
   MemoryFileHeader_tag memory;
   ASSERT_TRUE(readTableHeader(handle.metaData, u"T", handle.table->tableFile, header, true).ok());
-  ASSERT_TRUE(readMemoryFileHeader(*handle.table, memory, manager, true).ok());
+  ASSERT_TRUE(readMemoryFileHeader(manager, memory, true).ok());
   manager.attach(platform::File::none, nullptr, handle.table->memoryFile, &memory);
   ImageReader images(handle.metaData, handle.table->memoryFile, u"T", extension::kMemory,
                      handle.metaData.scratchFor(Scratch::record));
