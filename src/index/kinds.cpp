@@ -3,7 +3,7 @@
 #include <cassert>
 
 #include "czelta.h"
-#include "index/bplus_tree.h"
+#include "index/btree/btree.h"
 #include "storage/table.h"
 
 namespace zelta {

@@ -1,7 +1,7 @@
 // Reading through a B+Tree index: the committed keys, less those that this transaction has taken
 // out, together with those that it has pending.
 
-#include "index/bplus_tree.h"
+#include "index/btree/cursor.h"
 #include "objects/current_keys.h"
 #include "objects/locate.h"
 

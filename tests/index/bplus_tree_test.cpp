@@ -1,4 +1,4 @@
-#include "index/bplus_tree.h"
+#include "index/btree/btree.h"
 
 #include <gtest/gtest.h>
 

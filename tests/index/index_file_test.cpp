@@ -3,7 +3,8 @@
 #include <functional>
 #include <random>
 
-#include "index/bplus_tree.h"
+#include "index/btree/btree.h"
+#include "index/btree/cursor.h"
 #include "index/index_commit.h"
 #include "index/keys.h"
 #include "index/kinds.h"

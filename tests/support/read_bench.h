@@ -16,7 +16,7 @@
 
 #include "frame/control_file.h"
 #include "frame/lifecycle.h"
-#include "index/bplus_tree.h"
+#include "index/btree/btree.h"
 #include "index/index_file.h"
 #include "objects/read_object.h"
 #include "storage/memory_file.h"

@@ -14,7 +14,9 @@
 #include <set>
 #include <vector>
 
-#include "index/bplus_tree.h"
+#include "index/btree/btree.h"
+#include "index/btree/cursor.h"
+#include "index/btree/node.h"
 #include "storage/paged_file.h"
 #include "support/storage_fixture.h"
 
@@ -72,7 +74,7 @@ class TreeBench {
   }
 
   [[nodiscard]] IndexTree tree() const { return {*manager, form.file, 0}; }
-  [[nodiscard]] BPlusShape shape() const {
+  [[nodiscard]] NodeFormat shape() const {
     return {{form.variable, form.keyWords, form.wideIds ? 8u : 4u}};
   }
   [[nodiscard]] Words encode(const Words& words) const {

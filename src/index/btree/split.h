@@ -1,11 +1,11 @@
 // Where a full node is divided.
 
-#ifndef ZELTA_INDEX_BPLUS_SPLIT_H
-#define ZELTA_INDEX_BPLUS_SPLIT_H
+#ifndef ZELTA_INDEX_BTREE_SPLIT_H
+#define ZELTA_INDEX_BTREE_SPLIT_H
 
 #include <cstdint>
 
-#include "index/bplus_node.h"
+#include "index/btree/node.h"
 
 namespace zelta {
 
@@ -31,7 +31,7 @@ struct BPlusSplit {
 };
 
 /// Sizes of nodes, rounded to whole pages.
-[[nodiscard]] std::uint64_t bplusFirstNodeBytes(const BPlusShape& shape, std::uint32_t pageSize,
+[[nodiscard]] std::uint64_t bplusFirstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
                                                 std::uint32_t keyWords);
 
 [[nodiscard]] BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending,
@@ -48,4 +48,4 @@ void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_BPLUS_SPLIT_H
+#endif  // ZELTA_INDEX_BTREE_SPLIT_H

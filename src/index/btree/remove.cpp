@@ -1,97 +1,19 @@
-// Removing a key, and keeping nodes filled: thin nodes join a sibling or share its entries.
+#include "index/btree/remove.h"
 
-#include "index/bplus_walk.h"
+#include "index/btree/join.h"
+#include "index/btree/walk.h"
 
 namespace zelta {
 
 namespace {
 
-constexpr std::uint32_t kThin = 40;     ///< percent of fill below which a node looks for a partner
-constexpr std::uint32_t kStarved = 10;  ///< below this it takes over entries if it cannot be joined
-constexpr std::uint32_t kJoined = 80;   ///< a joined node stays below this
+/// Percent of fill below which a node looks for a sibling to be joined with.
+constexpr std::uint32_t kUnderfull = 40;
+/// Percent of fill below which a node that cannot be joined takes over entries of a sibling.
+constexpr std::uint32_t kRedistribute = 10;
 /// A variable leaf with so many keys is not joined.
 constexpr std::uint32_t kManyKeys = 6;
 constexpr std::uint32_t kMaximumCount = 0xFFFF;
-
-/// Bytes of used() when two nodes are joined; a branch takes the separator between them down.
-std::uint64_t joinedUse(const BPlusNode& left, const BPlusNode& right,
-                        const std::uint32_t* separator) {
-  std::uint64_t used = left.used() + right.used();
-  if (left.leaf()) return used;
-  used += std::uint64_t{left.shape().words(separator)} * 4;
-  // In the variable form used() leaves out the first child, of which the joined node has one less.
-  return left.shape().variable ? used + 8 : used;
-}
-
-void joinIntoLeft(BPlusNode& left, const BPlusNode& right, const std::uint32_t* separator) {
-  if (!left.leaf()) left.append(separator, right.child(0));
-  left.append(right, 0, right.count());
-}
-
-void joinIntoRight(const BPlusNode& left, BPlusNode& right, const BPlusNode& oldRight,
-                   const std::uint32_t* separator) {
-  right.clear();
-  if (!left.leaf()) right.setPointer(0, left.child(0));
-  right.append(left, 0, left.count());
-  if (!left.leaf()) right.append(separator, oldRight.child(0));
-  right.append(oldRight, 0, oldRight.count());
-}
-
-}  // namespace
-
-Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
-                    bool* joined) {
-  BPlusNode& left = *pair.left;
-  BPlusNode& right = *pair.right;
-  *joined = false;
-  if (left.leaf() != right.leaf() || pair.leftPosition == pair.rightPosition) {
-    return walk.corrupted();
-  }
-  const bool keepLeft = pair.leftPosition < pair.rightPosition;
-  const std::uint64_t usable = keepLeft ? left.usable() : right.usable();
-  const std::uint32_t* separator = parent.key(number);
-  if (joinedUse(left, right, separator) * 100 >= usable * kJoined) return {};
-  if (left.count() + right.count() + 1 > kMaximumCount) return {};
-
-  if (left.leaf()) {
-    const std::uint64_t previous = left.previous();
-    const std::uint64_t next = right.next();
-    if (keepLeft) {
-      ZELTA_TRY(walk.relink(0, 0, next, pair.leftPosition, PageRole::spare));
-      left.setNext(next);
-    } else {
-      ZELTA_TRY(walk.relink(previous, pair.rightPosition, 0, 0, PageRole::spare));
-      right.setPrevious(previous);
-    }
-  }
-  if (keepLeft) {
-    joinIntoLeft(left, right, separator);
-  } else {
-    joinIntoRight(left, right, walk.copyAside(right), separator);
-  }
-  const std::uint64_t kept = keepLeft ? pair.leftPosition : pair.rightPosition;
-  const std::uint64_t freed = keepLeft ? pair.rightPosition : pair.leftPosition;
-  const std::uint32_t freedSize = keepLeft ? right.size() : left.size();
-  parent.erase(number, number + 1);
-  parent.setPointer(number, kept);
-  ZELTA_TRY(walk.store(kept, keepLeft ? left : right));
-  ZELTA_TRY(walk.free(freed, freedSize));
-  *joined = true;
-  return {};
-}
-
-Result collapseRoot(BPlusWalk& walk, bool* collapsed) {
-  BPlusNode node;
-  *collapsed = false;
-  const std::uint64_t position = walk.root();
-  ZELTA_TRY(walk.load(position, node, PageRole::node));
-  if (node.leaf() || node.count() != 0) return {};
-  *collapsed = true;
-  walk.root() = node.child(0);
-  return walk.free(position, node.size());
-}
-
-namespace {
 
 class Removal {
  public:
@@ -103,11 +25,11 @@ class Removal {
   Result removeEntry(BPlusNode& leaf, std::uint32_t number);
   Result removeLeaf(BPlusNode& leaf);
   Result dropChild(bool* vanished);
-  Result settle(bool vanished);
-  Result balance(bool* joined);
+  Result rebalanceUpward(bool vanished);
+  Result rebalanceNode(bool* joined);
   Result tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node, bool nodeIsLeft,
                  bool* joined);
-  Result share(BPlusNode& parent, BPlusNode& node);
+  Result redistribute(BPlusNode& parent, BPlusNode& node);
   Result moveRight(BPlusPair pair, const std::uint32_t* separator, std::uint32_t keep, bool* done);
   Result moveLeft(BPlusPair pair, const std::uint32_t* separator, std::uint32_t take, bool* done);
 
@@ -123,8 +45,9 @@ Result Removal::run(const std::uint32_t* key, std::uint64_t objectID) {
   ZELTA_TRY(walk_.descend(key, path_, leaf));
   level_ = path_.last();
   const BPlusNode::Place place = leaf.lower(key);
-  if (!place.equal || leaf.objectID(place.number) != objectID)
+  if (!place.equal || leaf.objectID(place.number) != objectID) {
     return walk_.tree.keyMissing(objectID);
+  }
   return leaf.count() > 1 ? removeEntry(leaf, place.number) : removeLeaf(leaf);
 }
 
@@ -132,11 +55,11 @@ Result Removal::removeEntry(BPlusNode& leaf, std::uint32_t number) {
   leaf.erase(number, number);
   ZELTA_TRY(walk_.store(path_.steps[level_].position, leaf));
   if (number == 0 && path_.equalLevel != BPlusPath::kMaximumDepth) {
-    separator_.assign(walk_.shape, leaf.key(0));
+    separator_.assign(walk_.format, leaf.key(0));
     ZELTA_TRY(
         walk_.replaceSeparator(path_, path_.equalLevel, path_.equalSeparator, separator_.get()));
   }
-  return settle(false);
+  return rebalanceUpward(false);
 }
 
 Result Removal::removeLeaf(BPlusNode& leaf) {
@@ -149,23 +72,23 @@ Result Removal::removeLeaf(BPlusNode& leaf) {
   if (next != 0 && path_.equalLevel != BPlusPath::kMaximumDepth) {
     BPlusNode following;
     ZELTA_TRY(walk_.loadLeaf(next, following, PageRole::node));
-    separator_.assign(walk_.shape, following.key(0));
+    separator_.assign(walk_.format, following.key(0));
     ZELTA_TRY(
         walk_.replaceSeparator(path_, path_.equalLevel, path_.equalSeparator, separator_.get()));
   }
-  return settle(true);
+  return rebalanceUpward(true);
 }
 
 /// Goes up from a node that lost entries, or that `vanished` altogether. All nodes on the way are
-/// looked at: what kept a thin one from being joined may have passed since.
-Result Removal::settle(bool vanished) {
+/// looked at: what kept an underfull one from being joined may have passed since.
+Result Removal::rebalanceUpward(bool vanished) {
   bool dropped = false;
   for (; level_ != 0; --level_) {
     if (vanished) {
       ZELTA_TRY(dropChild(&vanished));
       dropped = !vanished;
     } else {
-      ZELTA_TRY(balance(&dropped));
+      ZELTA_TRY(rebalanceNode(&dropped));
     }
   }
   if (vanished) {
@@ -188,23 +111,23 @@ Result Removal::dropChild(bool* vanished) {
 }
 
 /// Looks after the fill of the node at hand.
-Result Removal::balance(bool* joined) {
+Result Removal::rebalanceNode(bool* joined) {
   BPlusNode node;
   *joined = false;
   ZELTA_TRY(walk_.look(path_.steps[level_].position, node));
-  if (!node.fillBelow(kThin)) return {};
+  if (!node.fillBelow(kUnderfull)) return {};
   ZELTA_TRY(walk_.load(path_.steps[level_].position, node, PageRole::node));
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   BPlusNode parent;
   ZELTA_TRY(walk_.load(up.position, parent, PageRole::parent));
   if (parent.leaf() || up.child > parent.count()) return walk_.corrupted();
-  if (!(walk_.shape.variable && node.leaf() && node.count() >= kManyKeys)) {
+  if (!(walk_.format.variable && node.leaf() && node.count() >= kManyKeys)) {
     if (up.child < parent.count()) ZELTA_TRY(tryJoin(parent, up.child, node, true, joined));
     if (!*joined && up.child > 0) ZELTA_TRY(tryJoin(parent, up.child - 1, node, false, joined));
   }
   if (*joined) return walk_.store(up.position, parent);
-  if (parent.count() == 0 || !node.fillBelow(kStarved)) return {};
-  return share(parent, node);
+  if (parent.count() == 0 || !node.fillBelow(kRedistribute)) return {};
+  return redistribute(parent, node);
 }
 
 /// Joins children `number` and `number` + 1, one of which is the node at hand.
@@ -220,7 +143,7 @@ Result Removal::tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node
 }
 
 /// Spreads the keys of the node and a sibling by the sizes of the two.
-Result Removal::share(BPlusNode& parent, BPlusNode& node) {
+Result Removal::redistribute(BPlusNode& parent, BPlusNode& node) {
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   const std::uint64_t position = path_.steps[level_].position;
   const bool nodeIsLeft = up.child < parent.count();
@@ -260,10 +183,10 @@ Result Removal::moveRight(BPlusPair pair, const std::uint32_t* separator, std::u
   const bool leaf = left.leaf();
   const std::uint32_t from = keep + (leaf ? 0u : 1u);
   std::uint64_t bytes = left.keyEnd() - left.keyOffset(from) +
-                        std::uint64_t{left.count() - from} * walk_.shape.pointerBytes(leaf);
-  if (!leaf) bytes += right.entryBytes(walk_.shape.words(separator));
+                        std::uint64_t{left.count() - from} * walk_.format.pointerBytes(leaf);
+  if (!leaf) bytes += right.entryBytes(walk_.format.words(separator));
   if (bytes > right.freeBytes()) return {};
-  separator_.assign(walk_.shape, left.key(keep));
+  separator_.assign(walk_.format, left.key(keep));
   const BPlusNode old = walk_.copyAside(right);
   right.clear();
   if (!leaf) right.setPointer(0, left.child(from));
@@ -282,11 +205,11 @@ Result Removal::moveLeft(BPlusPair pair, const std::uint32_t* separator, std::ui
   BPlusNode& right = *pair.right;
   const bool leaf = left.leaf();
   const std::uint32_t to = take - (leaf ? 0u : 1u);
-  std::uint64_t bytes =
-      right.keyOffset(to) - right.keyOffset(0) + std::uint64_t{to} * walk_.shape.pointerBytes(leaf);
-  if (!leaf) bytes += left.entryBytes(walk_.shape.words(separator));
+  std::uint64_t bytes = right.keyOffset(to) - right.keyOffset(0) +
+                        std::uint64_t{to} * walk_.format.pointerBytes(leaf);
+  if (!leaf) bytes += left.entryBytes(walk_.format.words(separator));
   if (bytes > left.freeBytes()) return {};
-  separator_.assign(walk_.shape, right.key(leaf ? take : to));
+  separator_.assign(walk_.format, right.key(leaf ? take : to));
   const BPlusNode old = walk_.copyAside(right);
   if (!leaf) left.append(separator, old.child(0));
   left.append(old, 0, to);

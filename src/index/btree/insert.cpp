@@ -1,7 +1,7 @@
-// Entering a key: into its leaf, and when that is full by splits that climb towards the root.
+#include "index/btree/insert.h"
 
-#include "index/bplus_split.h"
-#include "index/bplus_walk.h"
+#include "index/btree/split.h"
+#include "index/btree/walk.h"
 
 namespace zelta {
 
@@ -14,12 +14,12 @@ class Insertion {
   Result run(const std::uint32_t* key, std::uint64_t objectID);
 
  private:
-  Result plantRoot(const std::uint32_t* key, std::uint64_t objectID);
-  Result climb(BPlusNode& node, BPlusPending pending);
+  Result makeRoot(const std::uint32_t* key, std::uint64_t objectID);
+  Result splitUpward(BPlusNode& node, BPlusPending pending);
   Result split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending);
   Result linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode& fresh,
                      std::uint64_t freshPosition, bool freshIsLower);
-  Result raiseRoot();
+  Result splitRoot();
 
   BPlusWalk& walk_;
   BPlusPath path_;
@@ -32,27 +32,27 @@ class Insertion {
 };
 
 Result Insertion::run(const std::uint32_t* key, std::uint64_t objectID) {
-  if (walk_.root() == 0) return plantRoot(key, objectID);
+  if (walk_.root() == 0) return makeRoot(key, objectID);
   BPlusNode leaf;
   ZELTA_TRY(walk_.descend(key, path_, leaf));
   const BPlusNode::Place place = leaf.lower(key);
   if (place.equal) {
     return walk_.tree.keyExists(leaf.objectID(place.number));
   }
-  if (leaf.fits(walk_.shape.words(key))) {
+  if (leaf.fits(walk_.format.words(key))) {
     leaf.insert(place.number, place.offset, key, objectID);
     return walk_.store(path_.steps[path_.last()].position, leaf);
   }
   edge_.left = leaf.previous() == 0 && leaf.next() != 0;
   edge_.right = leaf.previous() != 0 && leaf.next() == 0;
-  return climb(leaf, {place.number, key, objectID});
+  return splitUpward(leaf, {place.number, key, objectID});
 }
 
-Result Insertion::plantRoot(const std::uint32_t* key, std::uint64_t objectID) {
+Result Insertion::makeRoot(const std::uint32_t* key, std::uint64_t objectID) {
   BPlusNode leaf;
   std::uint64_t position = 0;
   const std::uint64_t bytes =
-      bplusFirstNodeBytes(walk_.shape, walk_.tree.pageSize(), walk_.shape.words(key));
+      bplusFirstNodeBytes(walk_.format, walk_.tree.pageSize(), walk_.format.words(key));
   ZELTA_TRY(walk_.allocate(bytes, true, PageRole::node, leaf, &position));
   leaf.append(key, objectID);
   ZELTA_TRY(walk_.store(position, leaf));
@@ -61,18 +61,18 @@ Result Insertion::plantRoot(const std::uint32_t* key, std::uint64_t objectID) {
 }
 
 /// Splits the node, and the branches above it until one of them takes the separator.
-Result Insertion::climb(BPlusNode& node, BPlusPending pending) {
+Result Insertion::splitUpward(BPlusNode& node, BPlusPending pending) {
   for (std::uint32_t level = path_.last();; --level) {
     ZELTA_TRY(split(node, path_.steps[level].position, pending));
-    if (level == 0) return raiseRoot();
+    if (level == 0) return splitRoot();
     const BPlusPath::Step& up = path_.steps[level - 1];
     ZELTA_TRY(walk_.load(up.position, node, PageRole::node));
     if (node.leaf() || up.child > node.count()) return walk_.corrupted();
     node.setPointer(up.child, lower_);
     pending = {up.child, separators_[turn_].get(), upper_};
-    const std::uint32_t words = walk_.shape.words(pending.key);
+    const std::uint32_t words = walk_.format.words(pending.key);
     if (!node.fits(words)) {
-      if (!walk_.shape.variable || node.count() >= 2) continue;
+      if (!walk_.format.variable || node.count() >= 2) continue;
       // There is nothing to divide yet.
       const std::uint64_t missing = node.entryBytes(words) - node.freeBytes() + 4;
       ZELTA_TRY(walk_.growBranch(path_, level - 1, node, PageRole::node, missing));
@@ -97,7 +97,7 @@ Result Insertion::split(BPlusNode& node, std::uint64_t position, const BPlusPend
 
   // The pending key may be the separator from below, so the new one takes the other copy.
   BPlusKeyCopy& separator = separators_[turn_ ^= 1u];
-  separator.assign(walk_.shape, mergedKey(old, pending, plan.lower));
+  separator.assign(walk_.format, mergedKey(old, pending, plan.lower));
   std::uint32_t from = plan.lower;
   if (!node.leaf()) {
     lower.setPointer(0, old.child(0));
@@ -126,10 +126,10 @@ Result Insertion::linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode
   return walk_.relink(0, 0, next, freshPosition, PageRole::parent);
 }
 
-Result Insertion::raiseRoot() {
+Result Insertion::splitRoot() {
   const std::uint32_t* separator = separators_[turn_].get();
   const std::uint64_t bytes =
-      bplusFirstNodeBytes(walk_.shape, walk_.tree.pageSize(), walk_.shape.words(separator));
+      bplusFirstNodeBytes(walk_.format, walk_.tree.pageSize(), walk_.format.words(separator));
   BPlusNode branch;
   std::uint64_t position = 0;
   ZELTA_TRY(walk_.allocate(bytes, false, PageRole::node, branch, &position));

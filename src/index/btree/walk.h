@@ -1,20 +1,20 @@
 // One operation's way through a B+Tree: nodes by their positions, and the path from the root.
 
-#ifndef ZELTA_INDEX_BPLUS_WALK_H
-#define ZELTA_INDEX_BPLUS_WALK_H
+#ifndef ZELTA_INDEX_BTREE_WALK_H
+#define ZELTA_INDEX_BTREE_WALK_H
 
 #include <cstdint>
 #include <memory>
 
-#include "index/bplus_node.h"
-#include "index/bplus_tree.h"
+#include "index/btree/node.h"
+#include "index/tree/tree_pages.h"
 
 namespace zelta {
 
 /// A copy of a key. All but giants need no memory from the heap.
 class BPlusKeyCopy {
  public:
-  void assign(const BPlusShape& shape, const std::uint32_t* key);
+  void assign(const NodeFormat& format, const std::uint32_t* key);
   [[nodiscard]] const std::uint32_t* get() const { return large_ ? large_.get() : small_; }
 
  private:
@@ -78,7 +78,7 @@ class BPlusWalk {
   [[nodiscard]] std::uint64_t& root() const { return tree.root(); }
 
   const IndexTree tree;
-  const BPlusShape shape;
+  const NodeFormat format;
 
  private:
   Result attach(const TreePage& page, BPlusNode& node, bool walk) const;
@@ -88,20 +88,6 @@ class BPlusWalk {
   const Purpose purpose_;
 };
 
-/// Joins the children `left` and `left + 1` of a branch if the result is not too full. `*joined`
-/// tells; the parent, which has lost a child then, is not stored. Uses the spare buffer.
-struct BPlusPair {
-  BPlusNode* left;
-  std::uint64_t leftPosition;
-  BPlusNode* right;
-  std::uint64_t rightPosition;
-};
-Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
-                    bool* joined);
-
-/// If the root is a branch with a single child, the child becomes the root. `*collapsed` tells.
-Result collapseRoot(BPlusWalk& walk, bool* collapsed);
-
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_BPLUS_WALK_H
+#endif  // ZELTA_INDEX_BTREE_WALK_H

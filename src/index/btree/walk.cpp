@@ -1,9 +1,9 @@
-#include "index/bplus_walk.h"
+#include "index/btree/walk.h"
 
 namespace zelta {
 
-void BPlusKeyCopy::assign(const BPlusShape& shape, const std::uint32_t* key) {
-  const std::uint32_t words = shape.words(key);
+void BPlusKeyCopy::assign(const NodeFormat& format, const std::uint32_t* key) {
+  const std::uint32_t words = format.words(key);
   std::unique_ptr<std::uint32_t[]> large;
   if (words > sizeof(small_) / sizeof(small_[0])) large.reset(new std::uint32_t[words]);
   std::memcpy(large ? large.get() : small_, key, std::size_t{words} * 4);
@@ -11,7 +11,7 @@ void BPlusKeyCopy::assign(const BPlusShape& shape, const std::uint32_t* key) {
 }
 
 BPlusWalk::BPlusWalk(const IndexTree& treeOf, Purpose purpose)
-    : tree(treeOf), shape{treeOf.shape()}, pages_(treeOf, Own::bPlusTree), purpose_(purpose) {}
+    : tree(treeOf), format{treeOf.shape()}, pages_(treeOf, Own::bPlusTree), purpose_(purpose) {}
 
 Result BPlusWalk::damaged(BPlusNode::State state, bool leaf) const {
   if (state == BPlusNode::State::badKeys && purpose_ == Purpose::insert) {
@@ -27,7 +27,7 @@ Result BPlusWalk::damaged(BPlusNode::State state, bool leaf) const {
 }
 
 Result BPlusWalk::attach(const TreePage& page, BPlusNode& node, bool walk) const {
-  const BPlusNode::State state = node.attach(page, shape, walk);
+  const BPlusNode::State state = node.attach(page, format, walk);
   return state == BPlusNode::State::sound ? Result() : damaged(state, node.leaf());
 }
 
@@ -54,7 +54,7 @@ Result BPlusWalk::store(std::uint64_t position, BPlusNode& node) {
   TreePage page = node.page();
   bool moved = false;
   ZELTA_TRY(pages_.store(position, &page, &moved));
-  if (moved && node.attach(page, shape, false) != BPlusNode::State::sound) return corrupted();
+  if (moved && node.attach(page, format, false) != BPlusNode::State::sound) return corrupted();
   return {};
 }
 
@@ -62,7 +62,7 @@ Result BPlusWalk::allocate(std::uint64_t size, bool leaf, PageRole role, BPlusNo
                            std::uint64_t* position) {
   TreePage page;
   ZELTA_TRY(pages_.allocate(size, role, position, &page));
-  node.format(page, static_cast<std::uint32_t>(size), leaf, shape);
+  node.makeEmpty(page, static_cast<std::uint32_t>(size), leaf, format);
   return {};
 }
 
@@ -126,7 +126,7 @@ Result BPlusWalk::replaceSeparator(BPlusPath& path, std::uint32_t level, std::ui
   if (branch.leaf() || number >= branch.count()) return corrupted();
   if (!branch.replaceKey(number, key)) {
     ZELTA_TRY(
-        growBranch(path, level, branch, PageRole::parent, std::uint64_t{shape.words(key)} * 4));
+        growBranch(path, level, branch, PageRole::parent, std::uint64_t{format.words(key)} * 4));
     if (!branch.replaceKey(number, key)) return corrupted();
   }
   return store(path.steps[level].position, branch);

@@ -1,8 +1,10 @@
-// Taking the entries of a transaction out of the memory tree, at commit into the committed tree.
+#include "index/btree/merge.h"
 
 #include <utility>
 
-#include "index/bplus_walk.h"
+#include "index/btree/insert.h"
+#include "index/btree/join.h"
+#include "index/btree/walk.h"
 
 namespace zelta {
 
@@ -21,7 +23,7 @@ class Merge {
   Result mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied);
   Result mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied,
                      BPlusKeyCopy& first);
-  Result separate(std::uint64_t position, std::uint32_t number, const std::uint32_t* key);
+  Result refreshSeparator(std::uint64_t position, std::uint32_t number, const std::uint32_t* key);
   Result joinAll(std::uint64_t position);
 
   BPlusWalk& walk_;
@@ -53,7 +55,7 @@ Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied,
   ZELTA_TRY(walk_.load(position, node, PageRole::node));
   if (!node.leaf()) return mergeBranch(position, depth, emptied, first);
   ZELTA_TRY(mergeLeaf(position, node, emptied));
-  if (!*emptied) first.assign(walk_.shape, node.key(0));
+  if (!*emptied) first.assign(walk_.format, node.key(0));
   return {};
 }
 
@@ -68,7 +70,7 @@ Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) 
     std::uint32_t offset = leaf.keyOffset(first);
     for (std::uint32_t i = first; i < leaf.count(); ++i) {
       const std::uint32_t* key = leaf.keyAt(offset);
-      offset += walk_.shape.words(key) * 4;
+      offset += walk_.format.words(key) * 4;
       if (!objects_.contain(leaf.objectID(i))) continue;
       ZELTA_TRY(bplusInsert(*committed_, key, leaf.objectID(i)));
     }
@@ -100,7 +102,7 @@ Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emp
     const bool changedHere = std::exchange(changed_, changed_ || changedBefore);
     changedBelow = changedBelow || changedHere;
     if (!childEmptied) {
-      if (changedHere && i != 0) ZELTA_TRY(separate(position, i - 1, firstOfChild.get()));
+      if (changedHere && i != 0) ZELTA_TRY(refreshSeparator(position, i - 1, firstOfChild.get()));
       ++i;
       continue;
     }
@@ -118,15 +120,16 @@ Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emp
 
 /// Makes the first key of a child the separator in front of it. If the branch has no room for a
 /// longer one, that which was there stays, and separates as well: pages are only given back here.
-Result Merge::separate(std::uint64_t position, std::uint32_t number, const std::uint32_t* key) {
+Result Merge::refreshSeparator(std::uint64_t position, std::uint32_t number,
+                               const std::uint32_t* key) {
   BPlusNode branch;
   ZELTA_TRY(walk_.load(position, branch, PageRole::parent));
   if (branch.leaf() || number >= branch.count()) return walk_.corrupted();
-  if (walk_.shape.compare(branch.key(number), key) == 0) return {};
+  if (walk_.format.compare(branch.key(number), key) == 0) return {};
   return branch.replaceKey(number, key) ? walk_.store(position, branch) : Result();
 }
 
-/// Joins neighbouring children that have become thin.
+/// Joins neighbouring children that have become underfull.
 Result Merge::joinAll(std::uint64_t position) {
   for (std::uint32_t i = 0;;) {
     BPlusNode branch;

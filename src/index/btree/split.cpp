@@ -1,4 +1,4 @@
-#include "index/bplus_split.h"
+#include "index/btree/split.h"
 
 #include <algorithm>
 
@@ -17,10 +17,10 @@ std::uint64_t roundUp(std::uint64_t bytes, std::uint32_t pageSize) {
 class MergedLengths {
  public:
   MergedLengths(const BPlusNode& node, const BPlusPending& pending)
-      : node_(node), pending_(pending), offset_(node.shape().head(node.leaf())) {}
+      : node_(node), pending_(pending), offset_(node.format().head(node.leaf())) {}
   /// Words of the next key and its pointer.
   std::uint64_t next() {
-    const std::uint32_t pointerWords = node_.shape().pointerBytes(node_.leaf()) / 4;
+    const std::uint32_t pointerWords = node_.format().pointerBytes(node_.leaf()) / 4;
     if (number_++ == pending_.number) return std::uint64_t{pending_.key[0]} + pointerWords;
     const std::uint32_t words = node_.keyAt(offset_)[0];
     offset_ += words * 4;
@@ -45,12 +45,12 @@ std::uint64_t fixedShare(std::uint64_t keys, std::uint64_t oldBytes, std::uint64
 
 BPlusSplit planFixed(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
                      std::uint32_t pageSize) {
-  const BPlusShape& shape = node.shape();
+  const NodeFormat& format = node.format();
   const std::uint64_t keys = node.count();
   BPlusSplit split;
-  split.newBytes = bplusFirstNodeBytes(shape, pageSize, shape.keyWords);
-  const std::uint64_t entry = node.entryBytes(shape.keyWords);
-  const std::uint64_t newRoom = (split.newBytes - shape.frame(node.leaf())) / entry;
+  split.newBytes = bplusFirstNodeBytes(format, pageSize, format.keyWords);
+  const std::uint64_t entry = node.entryBytes(format.keyWords);
+  const std::uint64_t newRoom = (split.newBytes - format.frame(node.leaf())) / entry;
   std::uint64_t moved = fixedShare(keys, node.size(), split.newBytes, edge);
   if (node.leaf()) moved = std::max<std::uint64_t>(moved, 1);
   if (!edge.right) moved = std::min(moved, std::max<std::uint64_t>(newRoom, 1) - 1);
@@ -60,15 +60,15 @@ BPlusSplit planFixed(const BPlusNode& node, const BPlusPending& pending, BPlusEd
   split.lower = static_cast<std::uint32_t>(stay + (pending.number <= stay ? 1 : 0));
   const std::uint64_t upper = keys + 1 - split.lower - (node.leaf() ? 0 : 1);
   split.possible = keys != 0 && upper <= newRoom &&
-                   split.lower <= (node.size() - shape.frame(node.leaf())) / entry;
+                   split.lower <= (node.size() - format.frame(node.leaf())) / entry;
   return split;
 }
 
 std::uint64_t variableNewBytes(const BPlusNode& node, std::uint64_t words, std::uint64_t keys,
                                std::uint32_t pageSize) {
-  const BPlusShape& shape = node.shape();
-  const std::uint64_t keyWords = shape.keyWords;
-  std::uint64_t bytes = words * 4 + shape.frame(node.leaf());
+  const NodeFormat& format = node.format();
+  const std::uint64_t keyWords = format.keyWords;
+  std::uint64_t bytes = words * 4 + format.frame(node.leaf());
   if (keys < kRoomyKeys) bytes += (kRoomyKeys - keys) * (node.entryBytes(keyWords) - 4);
   if (!node.leaf()) bytes = std::max(bytes, (keyWords + 3) * 20);
   return (bytes / pageSize + 1) * pageSize;
@@ -120,7 +120,7 @@ BPlusSplit planVariable(const BPlusNode& node, const BPlusPending& pending, BPlu
   const std::uint64_t upperWords = total - lowerWords - (leaf ? 0 : lengths.next());
   const std::uint32_t upperKeys = keys - split.lower - (leaf ? 0u : 1u);
 
-  const std::uint64_t room = node.size() - node.shape().frame(leaf);
+  const std::uint64_t room = node.size() - node.format().frame(leaf);
   const bool upperFits = upperWords * 4 <= room;
   split.newIsLower = upperFits && (leaf ? lowerWords * 4 >= room : lowerWords * 4 > room);
   split.newBytes = split.newIsLower ? variableNewBytes(node, lowerWords, split.lower, pageSize)
@@ -131,18 +131,18 @@ BPlusSplit planVariable(const BPlusNode& node, const BPlusPending& pending, BPlu
 
 }  // namespace
 
-std::uint64_t bplusFirstNodeBytes(const BPlusShape& shape, std::uint32_t pageSize,
+std::uint64_t bplusFirstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
                                   std::uint32_t keyWords) {
-  const std::uint64_t expected = shape.keyWords;
-  if (!shape.variable) return roundUp(expected * 4 + (expected * 4 + 14) * 4, pageSize);
+  const std::uint64_t expected = format.keyWords;
+  if (!format.variable) return roundUp(expected * 4 + (expected * 4 + 14) * 4, pageSize);
   const std::uint64_t words = keyWords > expected ? keyWords + expected * 4 : expected * 5;
   return roundUp(words * 4 + 60, pageSize);
 }
 
 BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
                      std::uint32_t pageSize) {
-  return node.shape().variable ? planVariable(node, pending, edge, pageSize)
-                               : planFixed(node, pending, edge, pageSize);
+  return node.format().variable ? planVariable(node, pending, edge, pageSize)
+                                : planFixed(node, pending, edge, pageSize);
 }
 
 void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending& pending,

@@ -1,42 +1,9 @@
-#include "index/bplus_tree.h"
-
-#include "index/bplus_walk.h"
+#include "index/btree/cursor.h"
 
 namespace zelta {
 
-Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID) {
-  BPlusCursor cursor(tree, PageRole::node);
-  ZELTA_TRY(cursor.seek(CZELTA::ReadEqual, key));
-  if (!cursor.valid()) return Result::own(Own::keyNotFound);
-  *objectID = cursor.objectID();
-  return {};
-}
-
-Result bplusHolds(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
-                  bool* holds) {
-  std::uint64_t holder = 0;
-  const Result result = bplusFind(tree, key, &holder);
-  *holds = result.ok() && holder == objectID;
-  return result.is(Own::keyNotFound) ? Result{} : result;
-}
-
-Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
-                      std::uint64_t newID) {
-  BPlusWalk walk(tree, BPlusWalk::Purpose::search);
-  if (tree.root() == 0) return tree.keyMissing(oldID);
-  BPlusPath path;
-  BPlusNode leaf;
-  ZELTA_TRY(walk.descend(key, path, leaf));
-  const BPlusNode::Place place = leaf.lower(key);
-  if (!place.equal || leaf.objectID(place.number) != oldID) return tree.keyMissing(oldID);
-  leaf.setPointer(place.number, newID);
-  return walk.store(path.steps[path.last()].position, leaf);
-}
-
-// -- The cursor -----------------------------------------------------------------------------------
-
 BPlusCursor::BPlusCursor(const IndexTree& tree, PageRole role)
-    : pages_(tree, Own::bPlusTree), role_(role), shape_{tree.shape()} {}
+    : pages_(tree, Own::bPlusTree), role_(role), format_{tree.shape()} {}
 
 Result BPlusCursor::corrupted() {
   valid_ = false;
@@ -46,7 +13,7 @@ Result BPlusCursor::corrupted() {
 Result BPlusCursor::load(std::uint64_t position) {
   TreePage page;
   ZELTA_TRY(pages_.view(position, role_, &page));
-  if (node_.attach(page, shape_, false) != BPlusNode::State::sound ||
+  if (node_.attach(page, format_, false) != BPlusNode::State::sound ||
       (node_.leaf() && node_.count() == 0)) {
     return corrupted();
   }
@@ -101,7 +68,7 @@ Result BPlusCursor::seek(CZELTA::Mode mode, const std::uint32_t* pivot) {
   ZELTA_TRY(enterNeighbour(up));
   if (!valid_) return {};
   // A neighbour whose keys lie on the wrong side would lead a walk in circles.
-  const int sign = shape_.compare(key(), pivot);
+  const int sign = format_.compare(key(), pivot);
   return (up ? sign > 0 : sign < 0) ? Result() : corrupted();
 }
 

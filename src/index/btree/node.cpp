@@ -1,4 +1,6 @@
-#include "index/bplus_node.h"
+#include "index/btree/node.h"
+
+#include <cassert>
 
 namespace zelta {
 
@@ -7,27 +9,12 @@ namespace {
 /// The count of entries has 16 bits.
 constexpr std::uint32_t kMaximumCount = 0xFFFF;
 
-int compareRange(const std::uint32_t* a, const std::uint32_t* b, std::uint32_t from,
-                 std::uint32_t to) {
-  for (std::uint32_t i = from; i < to; ++i) {
-    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
-  }
-  return 0;
-}
-
 }  // namespace
 
-int BPlusShape::compare(const std::uint32_t* a, const std::uint32_t* b) const {
-  if (!variable) return compareRange(a, b, 0, keyWords);
-  const int sign = compareRange(a, b, 1, a[0] < b[0] ? a[0] : b[0]);
-  if (sign != 0 || a[0] == b[0]) return sign;
-  return a[0] < b[0] ? -1 : 1;
-}
-
-BPlusNode::State BPlusNode::attach(TreePage page, const BPlusShape& shape, bool walk) {
+BPlusNode::State BPlusNode::attach(TreePage page, const NodeFormat& format, bool walk) {
   const char* bytes = page.bytes();
   page_ = page;
-  shape_ = shape;
+  format_ = format;
   std::uint16_t tag = 0;
   std::uint16_t entries = 0;
   std::memcpy(&size_, bytes, 4);
@@ -38,142 +25,169 @@ BPlusNode::State BPlusNode::attach(TreePage page, const BPlusShape& shape, bool 
   leaf_ = tag == kLeafTag;
   count_ = entries;
   const std::uint64_t fixedPart =
-      shape.head(leaf_) + std::uint64_t{shape.pointerBytes(leaf_)} * pointerCount();
+      format.head(leaf_) + std::uint64_t{format.pointerBytes(leaf_)} * pointerCount();
   if (size_ % 4 != 0 || fixedPart > size_) return State::badCount;
   const std::uint64_t room = size_ - fixedPart;
-  if (!shape.variable) {
-    const std::uint64_t keys = std::uint64_t{count_} * shape.keyWords * 4;
+  if (!format.variable) {
+    const std::uint64_t keys = std::uint64_t{count_} * format.keyWords * 4;
     if (keys > room) return State::badCount;
-    keyEnd_ = static_cast<std::uint32_t>(shape.head(leaf_) + keys);
+    keyEnd_ = static_cast<std::uint32_t>(format.head(leaf_) + keys);
     freeBytes_ = static_cast<std::uint32_t>(room - keys);
     return State::sound;
   }
   std::uint32_t freeWords = 0;
-  std::memcpy(&freeWords, bytes + shape.head(leaf_) - 4, 4);
+  std::memcpy(&freeWords, bytes + format.head(leaf_) - 4, 4);
   if (std::uint64_t{freeWords} * 4 > room) return State::badFreeWords;
   freeBytes_ = freeWords * 4;
-  keyEnd_ = static_cast<std::uint32_t>(shape.head(leaf_) + room - freeBytes_);
-  return walk ? walkKeys() : State::sound;
+  keyEnd_ = static_cast<std::uint32_t>(format.head(leaf_) + room - freeBytes_);
+  return walk ? walkKeys(VariableWords{}) : State::sound;
 }
 
-BPlusNode::State BPlusNode::walkKeys() const {
-  std::uint64_t offset = shape_.head(leaf_);
+template <class Codec>
+BPlusNode::State BPlusNode::walkKeys(const Codec& codec) const {
+  std::uint64_t offset = format_.head(leaf_);
   for (std::uint32_t i = 0; i < count_; ++i) {
     if (offset >= keyEnd_) return State::badFreeWords;
-    if (!keyFits(static_cast<std::uint32_t>(offset))) return State::badKeys;
-    offset += std::uint64_t{keyAt(static_cast<std::uint32_t>(offset))[0]} * 4;
+    const auto at = static_cast<std::uint32_t>(offset);
+    if (!keyFits(codec, at)) return State::badKeys;
+    offset += codec.bytes(keyAt(at));
   }
   return offset == keyEnd_ ? State::sound : State::badFreeWords;
 }
 
-void BPlusNode::format(TreePage page, std::uint32_t size, bool leaf, const BPlusShape& shape) {
+void BPlusNode::makeEmpty(TreePage page, std::uint32_t size, bool leaf, const NodeFormat& format) {
   const std::uint16_t tag = leaf ? kLeafTag : kBranchTag;
   page_ = page;
   std::memcpy(bytes(), &size, 4);
   std::memcpy(bytes() + 4, &tag, 2);
   size_ = size;
   leaf_ = leaf;
-  shape_ = shape;
-  changeCounts(0, shape.head(leaf));
+  format_ = format;
+  changeCounts(0, format.head(leaf));
 }
 
 void BPlusNode::changeCounts(std::uint32_t entries, std::uint32_t keyEnd) {
   count_ = entries;
   keyEnd_ = keyEnd;
-  freeBytes_ = size_ - keyEnd - shape_.pointerBytes(leaf_) * pointerCount();
+  freeBytes_ = size_ - keyEnd - format_.pointerBytes(leaf_) * pointerCount();
   const auto stored = static_cast<std::uint16_t>(entries);
   std::memcpy(bytes() + 6, &stored, 2);
-  if (!shape_.variable) return;
+  if (!format_.variable) return;
   const std::uint32_t freeWords = freeBytes_ / 4;
-  std::memcpy(bytes() + shape_.head(leaf_) - 4, &freeWords, 4);
+  std::memcpy(bytes() + format_.head(leaf_) - 4, &freeWords, 4);
 }
 
 // -- Keys -----------------------------------------------------------------------------------------
 
-bool BPlusNode::keyFits(std::uint32_t offset) const {
-  if (keyEnd_ - offset < 4) return false;
-  const std::uint32_t words = keyAt(offset)[0];
-  return words != 0 && words <= (keyEnd_ - offset) / 4;
+template <class Codec>
+bool BPlusNode::keyFits(const Codec& codec, std::uint32_t offset) const {
+  return codec.fits(keyAt(offset), keyEnd_ - offset);
 }
 
-std::uint32_t BPlusNode::keyOffset(std::uint32_t number) const {
-  std::uint32_t offset = shape_.head(leaf_);
-  if (!shape_.variable) return offset + number * shape_.keyWords * 4;
-  if (number == count_) return keyEnd_;
-  for (std::uint32_t i = 0; i < number; ++i) {
-    if (!keyFits(offset)) return 0;
-    offset += keyAt(offset)[0] * 4;
+template <class Codec>
+std::uint32_t BPlusNode::offsetOf(const Codec& codec, std::uint32_t number) const {
+  std::uint32_t offset = format_.head(leaf_);
+  if constexpr (Codec::kEqualLengths) {
+    return offset + number * codec.bytes(nullptr);
+  } else {
+    if (number == count_) return keyEnd_;
+    for (std::uint32_t i = 0; i < number; ++i) {
+      if (!keyFits(codec, offset)) return 0;
+      offset += codec.bytes(keyAt(offset));
+    }
+    return keyFits(codec, offset) ? offset : 0;
   }
-  return keyFits(offset) ? offset : 0;
 }
 
-template <class Stop>
-BPlusNode::Place BPlusNode::searchVariable(Stop stop) const {
-  std::uint32_t offset = shape_.head(leaf_);
+/// The first key at whose offset `stop` is true.
+template <class Codec, class Stop>
+BPlusNode::Place BPlusNode::scan(const Codec& codec, Stop stop) const {
+  std::uint32_t offset = format_.head(leaf_);
   for (std::uint32_t i = 0; i < count_; ++i) {
-    if (!keyFits(offset)) return {i, 0, false};
+    if (!keyFits(codec, offset)) return {i, 0, false};
     if (stop(offset)) return {i, offset, false};
-    offset += keyAt(offset)[0] * 4;
+    offset += codec.bytes(keyAt(offset));
   }
   return {count_, offset, false};
 }
 
-BPlusNode::Place BPlusNode::lower(const std::uint32_t* key) const {
-  if (shape_.variable) {
+template <class Codec>
+BPlusNode::Place BPlusNode::firstNotBelow(const Codec& codec, const std::uint32_t* key) const {
+  if constexpr (Codec::kEqualLengths) {
+    const auto compareTo = [&](std::uint32_t number) {
+      return codec.compare(keyAt(offsetOf(codec, number)), key);
+    };
+    std::uint32_t low = 0;
+    std::uint32_t high = count_;
+    while (low < high) {
+      const std::uint32_t middle = (low + high) / 2;
+      if (compareTo(middle) < 0) {
+        low = middle + 1;
+      } else {
+        high = middle;
+      }
+    }
+    return {low, offsetOf(codec, low), low < count_ && compareTo(low) == 0};
+  } else {
     int sign = -1;
-    Place place = searchVariable([&](std::uint32_t offset) {
-      sign = shape_.compare(keyAt(offset), key);
+    Place place = scan(codec, [&](std::uint32_t offset) {
+      sign = codec.compare(keyAt(offset), key);
       return sign >= 0;
     });
     place.equal = sign == 0;
     return place;
   }
-  std::uint32_t low = 0;
-  std::uint32_t high = count_;
-  while (low < high) {
-    const std::uint32_t middle = (low + high) / 2;
-    if (shape_.compare(this->key(middle), key) < 0) {
-      low = middle + 1;
-    } else {
-      high = middle;
-    }
-  }
-  return {low, keyOffset(low), low < count_ && shape_.compare(this->key(low), key) == 0};
 }
 
-BPlusNode::Place BPlusNode::above(const std::uint32_t* key) const {
-  if (shape_.variable) {
+template <class Codec>
+BPlusNode::Place BPlusNode::firstAbove(const Codec& codec, const std::uint32_t* key) const {
+  if constexpr (Codec::kEqualLengths) {
+    Place place = firstNotBelow(codec, key);
+    if (place.equal) place.offset = offsetOf(codec, ++place.number);
+    return place;
+  } else {
     bool equal = false;
-    Place place = searchVariable([&](std::uint32_t offset) {
-      const int sign = shape_.compare(keyAt(offset), key);
+    Place place = scan(codec, [&](std::uint32_t offset) {
+      const int sign = codec.compare(keyAt(offset), key);
       if (sign <= 0) equal = sign == 0;
       return sign > 0;
     });
     place.equal = equal;
     return place;
   }
-  Place place = lower(key);
-  if (place.equal) place.offset = keyOffset(++place.number);
-  return place;
+}
+
+std::uint32_t BPlusNode::keyOffset(std::uint32_t number) const {
+  return withCodec(format_, [&](const auto& codec) { return offsetOf(codec, number); });
+}
+
+BPlusNode::Place BPlusNode::lower(const std::uint32_t* key) const {
+  return withCodec(format_, [&](const auto& codec) { return firstNotBelow(codec, key); });
+}
+
+BPlusNode::Place BPlusNode::above(const std::uint32_t* key) const {
+  return withCodec(format_, [&](const auto& codec) { return firstAbove(codec, key); });
 }
 
 // -- Pointers -------------------------------------------------------------------------------------
 
 std::uint64_t BPlusNode::pointer(std::uint32_t number) const {
+  assert(number < pointerCount());
   std::uint64_t value = 0;
-  std::memcpy(&value, pointerAt(number), shape_.pointerBytes(leaf_));
+  std::memcpy(&value, pointerAt(number), format_.pointerBytes(leaf_));
   return value;
 }
 
 void BPlusNode::setPointer(std::uint32_t number, std::uint64_t value) {
-  std::memcpy(pointerAt(number), &value, shape_.pointerBytes(leaf_));
+  assert(number <= pointerCount());
+  std::memcpy(pointerAt(number), &value, format_.pointerBytes(leaf_));
 }
 
 // -- Room -----------------------------------------------------------------------------------------
 
 std::uint64_t BPlusNode::usableOf(std::uint32_t size) const {
   // A fixed branch counts the place of its first child among the usable bytes.
-  return size - (shape_.variable ? shape_.frame(leaf_) : shape_.head(leaf_));
+  return size - (format_.variable ? format_.frame(leaf_) : format_.head(leaf_));
 }
 
 std::uint64_t BPlusNode::used() const { return usable() - freeBytes_; }
@@ -186,8 +200,10 @@ bool BPlusNode::fits(std::uint32_t words) const {
 
 void BPlusNode::insert(std::uint32_t number, std::uint32_t offset, const std::uint32_t* key,
                        std::uint64_t pointer) {
-  const std::uint32_t keyBytes = shape_.words(key) * 4;
-  const std::uint32_t width = shape_.pointerBytes(leaf_);
+  assert(number <= count_ && offset != 0 && offset <= keyEnd_);
+  assert(fits(format_.words(key)));
+  const std::uint32_t keyBytes = format_.words(key) * 4;
+  const std::uint32_t width = format_.pointerBytes(leaf_);
   const std::uint32_t place = number + (leaf_ ? 0u : 1u);
   const std::uint32_t pointers = pointerCount();
   std::memmove(bytes() + offset + keyBytes, bytes() + offset, keyEnd_ - offset);
@@ -201,9 +217,10 @@ void BPlusNode::insert(std::uint32_t number, std::uint32_t offset, const std::ui
 }
 
 void BPlusNode::erase(std::uint32_t number, std::uint32_t pointerNumber) {
+  assert(number < count_ && pointerNumber < pointerCount());
   const std::uint32_t offset = keyOffset(number);
-  const std::uint32_t keyBytes = shape_.words(keyAt(offset)) * 4;
-  const std::uint32_t width = shape_.pointerBytes(leaf_);
+  const std::uint32_t keyBytes = format_.words(keyAt(offset)) * 4;
+  const std::uint32_t width = format_.pointerBytes(leaf_);
   const std::uint32_t pointers = pointerCount();
   std::memmove(bytes() + offset, bytes() + offset + keyBytes, keyEnd_ - offset - keyBytes);
   std::memset(bytes() + keyEnd_ - keyBytes, 0, keyBytes);
@@ -215,8 +232,8 @@ void BPlusNode::erase(std::uint32_t number, std::uint32_t pointerNumber) {
 
 bool BPlusNode::replaceKey(std::uint32_t number, const std::uint32_t* key) {
   const std::uint32_t offset = keyOffset(number);
-  const std::uint32_t oldBytes = shape_.words(keyAt(offset)) * 4;
-  const std::uint64_t newBytes = std::uint64_t{shape_.words(key)} * 4;
+  const std::uint32_t oldBytes = format_.words(keyAt(offset)) * 4;
+  const std::uint64_t newBytes = std::uint64_t{format_.words(key)} * 4;
   if (newBytes > std::uint64_t{oldBytes} + freeBytes_) return false;
   const auto newEnd = static_cast<std::uint32_t>(keyEnd_ - oldBytes + newBytes);
   std::memmove(bytes() + offset + newBytes, bytes() + offset + oldBytes,
@@ -231,10 +248,12 @@ void BPlusNode::append(const BPlusNode& source, std::uint32_t from, std::uint32_
   if (from >= to) return;
   const std::uint32_t begin = source.keyOffset(from);
   const std::uint32_t keyBytes = source.keyOffset(to) - begin;
+  assert(source.leaf_ == leaf_ && to <= source.count_ && count_ + (to - from) <= kMaximumCount);
+  assert(keyBytes + std::uint64_t{format_.pointerBytes(leaf_)} * (to - from) <= freeBytes_);
   std::memcpy(bytes() + keyEnd_, source.bytes() + begin, keyBytes);
   const std::uint32_t shift = leaf_ ? 0u : 1u;
   std::memcpy(pointerAt(count_ + (to - from) - 1 + shift), source.pointerAt(to - 1 + shift),
-              std::size_t{shape_.pointerBytes(leaf_)} * (to - from));
+              std::size_t{format_.pointerBytes(leaf_)} * (to - from));
   changeCounts(count_ + (to - from), keyEnd_ + keyBytes);
 }
 
@@ -243,17 +262,18 @@ void BPlusNode::append(const std::uint32_t* key, std::uint64_t pointer) {
 }
 
 void BPlusNode::truncate(std::uint32_t entries) {
+  assert(entries <= count_);
   const std::uint32_t end = keyOffset(entries);
   std::memset(bytes() + end, 0, keyEnd_ - end);
   char* lowest = pointerAt(pointerCount() - 1);
-  std::memset(lowest, 0, std::size_t{shape_.pointerBytes(leaf_)} * (count_ - entries));
+  std::memset(lowest, 0, std::size_t{format_.pointerBytes(leaf_)} * (count_ - entries));
   changeCounts(entries, end);
 }
 
 void BPlusNode::clear() {
   const std::uint32_t links = leaf_ ? 24u : 8u;
   std::memset(bytes() + links, 0, size_ - links);
-  changeCounts(0, shape_.head(leaf_));
+  changeCounts(0, format_.head(leaf_));
 }
 
 }  // namespace zelta

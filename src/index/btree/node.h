@@ -1,12 +1,13 @@
 // The bytes of a B+Tree's nodes. Keys grow from the front, pointers (object IDs in a leaf, child
 // positions in a branch) from the back; what lies between is zero. Nothing here knows of files.
 
-#ifndef ZELTA_INDEX_BPLUS_NODE_H
-#define ZELTA_INDEX_BPLUS_NODE_H
+#ifndef ZELTA_INDEX_BTREE_NODE_H
+#define ZELTA_INDEX_BTREE_NODE_H
 
 #include <cstdint>
 #include <cstring>
 
+#include "index/btree/key_codec.h"
 #include "index/tree/tree_pages.h"
 
 namespace zelta {
@@ -15,7 +16,7 @@ inline constexpr std::uint16_t kBranchTag = 0x6E69;
 inline constexpr std::uint16_t kLeafTag = 0x6C69;
 
 /// What the nodes of a tree have in common.
-struct BPlusShape : TreeShape {
+struct NodeFormat : TreeShape {
   [[nodiscard]] std::uint32_t head(bool leaf) const {
     return (leaf ? 24u : 8u) + (variable ? 4u : 0u);
   }
@@ -23,7 +24,9 @@ struct BPlusShape : TreeShape {
   /// Bytes that a node needs apart from keys with their pointers: a branch has a first child.
   [[nodiscard]] std::uint32_t frame(bool leaf) const { return head(leaf) + (leaf ? 0u : 8u); }
   /// Below 0, 0 or above 0.
-  [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const;
+  [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const {
+    return withCodec(*this, [&](const auto& codec) { return codec.compare(a, b); });
+  }
 };
 
 /// A node in a page. Before anything else is asked, attach() must have found them sound.
@@ -40,9 +43,9 @@ class BPlusNode {
   BPlusNode() = default;
   /// Takes the node in a page. With `walk` the lengths of all variable
   /// keys are followed; without it search() and keyOffset() may find them broken.
-  [[nodiscard]] State attach(TreePage page, const BPlusShape& shape, bool walk);
+  [[nodiscard]] State attach(TreePage page, const NodeFormat& format, bool walk);
   /// Makes an empty node of a page whose bytes are zero.
-  void format(TreePage page, std::uint32_t size, bool leaf, const BPlusShape& shape);
+  void makeEmpty(TreePage page, std::uint32_t size, bool leaf, const NodeFormat& format);
 
   /// Follows the node to a copy of its page.
   void moveTo(TreePage page) { page_ = page; }
@@ -52,7 +55,7 @@ class BPlusNode {
   [[nodiscard]] std::uint32_t size() const { return size_; }
   [[nodiscard]] std::uint32_t count() const { return count_; }
   [[nodiscard]] bool leaf() const { return leaf_; }
-  [[nodiscard]] const BPlusShape& shape() const { return shape_; }
+  [[nodiscard]] const NodeFormat& format() const { return format_; }
 
   // -- Keys -----------------------------------------------------------------------------------
 
@@ -99,7 +102,7 @@ class BPlusNode {
   [[nodiscard]] std::uint64_t used() const;
   /// Bytes that a key of so many words counts for.
   [[nodiscard]] std::uint64_t entryBytes(std::uint64_t words) const {
-    return words * 4 + shape_.pointerBytes(leaf_);
+    return words * 4 + format_.pointerBytes(leaf_);
   }
   [[nodiscard]] bool fillBelow(std::uint32_t percent) const {
     return used() * 100 < usable() * percent;
@@ -133,13 +136,21 @@ class BPlusNode {
     return position;
   }
   [[nodiscard]] char* pointerAt(std::uint32_t number) const {
-    return bytes() + size_ - std::uint64_t{shape_.pointerBytes(leaf_)} * (number + 1);
+    return bytes() + size_ - std::uint64_t{format_.pointerBytes(leaf_)} * (number + 1);
   }
   [[nodiscard]] std::uint32_t pointerCount() const { return count_ + (leaf_ ? 0u : 1u); }
-  [[nodiscard]] bool keyFits(std::uint32_t offset) const;
-  [[nodiscard]] State walkKeys() const;
-  template <class Stop>
-  [[nodiscard]] Place searchVariable(Stop stop) const;
+  template <class Codec>
+  [[nodiscard]] bool keyFits(const Codec& codec, std::uint32_t offset) const;
+  template <class Codec>
+  [[nodiscard]] State walkKeys(const Codec& codec) const;
+  template <class Codec>
+  [[nodiscard]] std::uint32_t offsetOf(const Codec& codec, std::uint32_t number) const;
+  template <class Codec>
+  [[nodiscard]] Place firstNotBelow(const Codec& codec, const std::uint32_t* key) const;
+  template <class Codec>
+  [[nodiscard]] Place firstAbove(const Codec& codec, const std::uint32_t* key) const;
+  template <class Codec, class Stop>
+  [[nodiscard]] Place scan(const Codec& codec, Stop stop) const;
   void changeCounts(std::uint32_t count, std::uint32_t keyEnd);
 
   TreePage page_;
@@ -148,9 +159,9 @@ class BPlusNode {
   std::uint32_t keyEnd_ = 0;
   std::uint32_t freeBytes_ = 0;
   bool leaf_ = false;
-  BPlusShape shape_;
+  NodeFormat format_;
 };
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_BPLUS_NODE_H
+#endif  // ZELTA_INDEX_BTREE_NODE_H

@@ -1,0 +1,31 @@
+// Two neighbouring nodes become one.
+
+#ifndef ZELTA_INDEX_BTREE_JOIN_H
+#define ZELTA_INDEX_BTREE_JOIN_H
+
+#include <cstdint>
+
+#include "index/btree/walk.h"
+
+namespace zelta {
+
+/// Two neighbouring children of a branch.
+struct BPlusPair {
+  BPlusNode* left;
+  std::uint64_t leftPosition;
+  BPlusNode* right;
+  std::uint64_t rightPosition;
+};
+
+/// Joins the children `number` and `number + 1` of a branch, which are `pair`, if the result is not
+/// too full. The one at the lower position stays. `*joined` tells; the parent, which has lost a
+/// child then, is not stored. Uses the spare buffer.
+Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
+                    bool* joined);
+
+/// If the root is a branch with a single child, the child becomes the root. `*collapsed` tells.
+Result collapseRoot(BPlusWalk& walk, bool* collapsed);
+
+}  // namespace zelta
+
+#endif  // ZELTA_INDEX_BTREE_JOIN_H

@@ -1,0 +1,18 @@
+// Removing a key, and keeping nodes filled: underfull nodes join a sibling or take entries of it.
+
+#ifndef ZELTA_INDEX_BTREE_REMOVE_H
+#define ZELTA_INDEX_BTREE_REMOVE_H
+
+#include <cstdint>
+
+#include "index/tree/index_tree.h"
+
+namespace zelta {
+
+/// Own code 32 if the key is not there, or belongs to another object. An empty tree has nothing to
+/// remove: success.
+Result bplusRemove(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
+
+}  // namespace zelta
+
+#endif  // ZELTA_INDEX_BTREE_REMOVE_H
