@@ -189,7 +189,8 @@ unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, c
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return searchIndex(*metaData_, tables_, *open, index, key, search, mode, count);
+    return searchIndex(*metaData_, tables_, *open, ExpressionSearch{index, key, search, mode},
+                       count);
   });
 }
 
@@ -200,6 +201,6 @@ unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, c
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return searchIndex(*metaData_, tables_, *open, index, key, tolerance, mode, count);
+    return searchIndex(*metaData_, tables_, *open, ShapeSearch{index, key, tolerance, mode}, count);
   });
 }

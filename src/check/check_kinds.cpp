@@ -36,7 +36,7 @@ bool traceKeys(MetaData& metaData, Table& table, std::uint32_t index, const Trac
   for (std::uint32_t entry = 0; entry == 0 || many; ++entry) {
     std::uint32_t* key = nullptr;
     const Result made =
-        extractKey(metaData, table, index, entry, &key, object.bytes, object.length);
+        extractKey(metaData, table, index, {{object.bytes, object.length}, entry}, &key);
     if (made.failed()) return false;
     if (key == nullptr) return many;
     keys.push_back(

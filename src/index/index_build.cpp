@@ -52,7 +52,7 @@ Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64
     RowPlaces rows;
     for (std::uint32_t entry = 0;; ++entry) {
       std::uint32_t* made = nullptr;
-      ZELTA_TRY(extractKey(metaData_, table_, i, entry, &made, object, objectSize, &rows));
+      ZELTA_TRY(extractKey(metaData_, table_, i, {{object, objectSize}, entry, &rows}, &made));
       if (made == nullptr) {
         if (entry != 0 || table_.multiEntry(i)) break;
         return reportError(&metaData_, Own::noObject, table_.cName());

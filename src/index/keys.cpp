@@ -372,18 +372,15 @@ Result extractGeometry(MetaData& metaData, Table& table, std::uint32_t number, S
 
 }  // namespace
 
-Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, std::uint32_t entry,
-                  std::uint32_t** keyOut, const char* object, std::uint32_t objectSize,
-                  RowPlaces* rows) {
+Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& from,
+                  std::uint32_t** keyOut) {
   *keyOut = nullptr;
-  if (object == nullptr) {
-    object = table.objectData;
-    objectSize = table.objectLength;
-  }
-  if (object == nullptr || objectSize < table.fixedAreaSize) {
+  ObjectBytes object = from.object;
+  if (object.data == nullptr) object = {table.objectData, table.objectLength};
+  if (object.data == nullptr || object.length < table.fixedAreaSize) {
     return reportError(&metaData, Own::noObject);
   }
-  ObjectSource source(table, object, objectSize, entry, rows);
+  ObjectSource source(table, object.data, object.length, from.entry, from.rows);
   switch (table.index(index).indexKind) {
     case CZELTA::BPlusTree:
       return TreeKey(metaData, table, index, source).make(source.objectID(), keyOut);

@@ -7,17 +7,25 @@
 
 #include "frame/metadata.h"
 #include "schema/object_view.h"
+#include "schema/record_reader.h"
 #include "storage/table.h"
 
 namespace zelta {
 
-/// Makes the key of entry `entry` of an object in an index (from 0). `object` null means the one in
-/// the table's buffer. `*keyOut` receives a key from the index's pool, or null if the object has no
-/// such entry. Whoever asks for entry after entry of one object passes `rows` along, or each will
-/// be looked for from the object's beginning.
-Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, std::uint32_t entry,
-                  std::uint32_t** keyOut, const char* object, std::uint32_t objectSize,
-                  RowPlaces* rows = nullptr);
+/// Which entry of which object a key is made of.
+struct KeySource {
+  ObjectBytes object;  ///< none: the one in the table's buffer
+  std::uint32_t entry = 0;
+  /// For whoever asks for entry after entry of one object: without it each is looked for from the
+  /// object's beginning.
+  RowPlaces* rows = nullptr;
+};
+
+/// Makes the key of an object in an index (from 0). `*keyOut` receives a key from the index's pool,
+/// or null if the object has no such entry. Own code 39: the object is too short to be one, or the
+/// index has no keys.
+Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& from,
+                  std::uint32_t** keyOut);
 
 /// Makes the key to look for from the values of an index's segments, as the caller of a read or a
 /// search packs them. `*keyOut` receives a key from the index's pool.

@@ -44,42 +44,42 @@ bool followsListSearch(const Table& table) {
 }  // namespace
 
 Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
-                   std::uint32_t index, const void* key, const void* search, CZELTA::Mode mode,
-                   long long* /*count*/) {
-  ZELTA_TRY(checkIndex(metaData, table, index));
-  switch (kindOf(table, index)) {
+                   const ExpressionSearch& search, long long* /*count*/) {
+  ZELTA_TRY(checkIndex(metaData, table, search.index));
+  switch (kindOf(table, search.index)) {
     case CZELTA::BPlusTree:
       // Without its results there is no list search left to narrow down.
-      if (!followsListSearch(table) || (mode & CZELTA::SearchKeepResults) == 0) {
-        return wrongKind(metaData, table, index);
+      if (!followsListSearch(table) || (search.mode & CZELTA::SearchKeepResults) == 0) {
+        return wrongKind(metaData, table, search.index);
       }
       break;
     case CZELTA::SpatialTree:
     case CZELTA::TemporalTree:
-      return searchTree(metaData, table, index, key);
+      return searchTree(metaData, table, search.index, search.key);
     case CZELTA::AsciiList:
     case CZELTA::WideList:
       break;
     default:
-      return wrongKind(metaData, table, index);
+      return wrongKind(metaData, table, search.index);
   }
-  if (search == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+  if (search.expression == nullptr) {
+    return reportError(&metaData, Own::parameter, table.cName());
+  }
   return unavailable(metaData);
 }
 
 Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
-                   std::uint32_t index, const void* key, std::uint32_t /*tolerance*/,
-                   CZELTA::Mode /*mode*/, long long* /*count*/) {
-  ZELTA_TRY(checkIndex(metaData, table, index));
-  switch (kindOf(table, index)) {
+                   const ShapeSearch& search, long long* /*count*/) {
+  ZELTA_TRY(checkIndex(metaData, table, search.index));
+  switch (kindOf(table, search.index)) {
     case CZELTA::SpatialTree:
     case CZELTA::TemporalTree:
-      return searchTree(metaData, table, index, key);
+      return searchTree(metaData, table, search.index, search.key);
     case CZELTA::SpatialPattern:
-      if (key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+      if (search.key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
       return unavailable(metaData);
     default:
-      return wrongKind(metaData, table, index);
+      return wrongKind(metaData, table, search.index);
   }
 }
 

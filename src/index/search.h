@@ -10,13 +10,28 @@
 
 namespace zelta {
 
-/// Searches index `index` (counted from 1). `search` is the expression for a list. The caller has
-/// made sure of a transaction, its thread and the table. `count` may be null.
-Result searchIndex(MetaData& metaData, UInt32AVLTree*& tables, Table& table, std::uint32_t index,
-                   const void* key, const void* search, CZELTA::Mode mode, long long* count);
-/// The form for boxes, time spans and patterns.
-Result searchIndex(MetaData& metaData, UInt32AVLTree*& tables, Table& table, std::uint32_t index,
-                   const void* key, std::uint32_t tolerance, CZELTA::Mode mode, long long* count);
+/// A search of words, boxes or time spans, as its caller gave it.
+struct ExpressionSearch {
+  std::uint32_t index;     ///< counted from 1
+  const void* key;         ///< a box, a time span, or the prefix of a list
+  const void* expression;  ///< for a list
+  CZELTA::Mode mode;
+};
+
+/// A search of boxes, time spans or patterns.
+struct ShapeSearch {
+  std::uint32_t index;  ///< counted from 1
+  const void* key;      ///< a box, a time span or a pattern
+  std::uint32_t tolerance;
+  CZELTA::Mode mode;
+};
+
+/// Searches an index. The caller has made sure of a transaction, its thread and the table. `count`
+/// may be null.
+Result searchIndex(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
+                   const ExpressionSearch& search, long long* count);
+Result searchIndex(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
+                   const ShapeSearch& search, long long* count);
 
 }  // namespace zelta
 

@@ -23,29 +23,29 @@ bool hasKeys(const Table& table, std::uint32_t index) {
   }
 }
 
-/// The version of an object that cursors get their keys from.
-struct KeySource {
+/// The object that the cursors stand on.
+struct CurrentVersion {
   std::uint64_t objectID;
   ObjectBytes object;
 };
 
 /// Gives a cursor all keys that a multi-entry index has of an object. The one equal to `matched`,
 /// else the lowest, becomes the current one.
-Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& source,
-                   const std::uint32_t* matched, std::uint32_t* entry) {
+Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index,
+                   const CurrentVersion& version, const std::uint32_t* matched,
+                   std::uint32_t* entry) {
   IndexCursor& cursor = table.indexStates[index];
   const KeyShape shape = table.keyShape(index);
   RowPlaces rows;
   for (std::uint32_t number = 0;; ++number) {
     std::uint32_t* made = nullptr;
-    ZELTA_TRY(extractKey(metaData, table, index, number, &made, source.object.data,
-                         source.object.length, &rows));
+    ZELTA_TRY(extractKey(metaData, table, index, {version.object, number, &rows}, &made));
     if (made == nullptr) break;
     PooledKey key;
     key.take(table.keyPool(index), shape, made);
     ObjectKeyNode* node = table.nodePool.take();
     node->key = key.release();
-    node->objectID = source.objectID;
+    node->objectID = version.objectID;
     node->tag = number;
     insert(node, cursor.currentKeys, shape);
     if (matched == nullptr || compareKeys(shape, node->key, matched) != 0) continue;
@@ -58,13 +58,13 @@ Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index, const 
   return {};
 }
 
-Result fillCursor(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& source) {
+Result fillCursor(MetaData& metaData, Table& table, std::uint32_t index,
+                  const CurrentVersion& version) {
   if (!hasKeys(table, index) || table.indexStates[index].currentKey != nullptr) return {};
   if (table.multiEntry(index)) {
-    return fillEntries(metaData, table, index, source, nullptr, nullptr);
+    return fillEntries(metaData, table, index, version, nullptr, nullptr);
   }
-  return extractKey(metaData, table, index, 0, &table.indexStates[index].currentKey,
-                    source.object.data, source.object.length);
+  return extractKey(metaData, table, index, {version.object}, &table.indexStates[index].currentKey);
 }
 
 /// Lets the cursors make keys from this version: on demand from a copy, of a large object at once.

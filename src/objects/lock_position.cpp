@@ -87,7 +87,7 @@ Result makeLockKey(MetaData& metaData, Table& table, ObjectBytes object, PooledK
   assert(ordered);
   if (!ordered) return {};
   std::uint32_t* made = nullptr;
-  ZELTA_TRY(extractKey(metaData, table, index, 0, &made, object.data, object.length));
+  ZELTA_TRY(extractKey(metaData, table, index, {object}, &made));
   key.take(table.keyPool(index), table.keyShape(index), made);
   return {};
 }

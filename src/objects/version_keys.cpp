@@ -30,8 +30,7 @@ Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
   RowPlaces rows;
   for (std::uint32_t number = 0; number == 0 || many; ++number) {
     std::uint32_t* key = nullptr;
-    ZELTA_TRY(
-        extractKey(metaData_, table_, index, number, &key, object.data, object.length, &rows));
+    ZELTA_TRY(extractKey(metaData_, table_, index, {object, number, &rows}, &key));
     if (key == nullptr) {
       if (many) break;
       return reportError(&metaData_, Own::unclassified, table_.cName(), nullptr, index);

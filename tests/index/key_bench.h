@@ -34,8 +34,9 @@ class KeyBench : public BufferTable {
               std::uint32_t entry = 0) {
     const std::vector<char> exact(object.begin(), object.end());
     std::uint32_t* made = nullptr;
-    const Result result = extractKey(metaData, table, index, entry, &made, exact.data(),
-                                     static_cast<std::uint32_t>(exact.size()));
+    const Result result =
+        extractKey(metaData, table, index,
+                   {{exact.data(), static_cast<std::uint32_t>(exact.size())}, entry}, &made);
     key.take(table.keyPool(index), table.keyShape(index), made);
     return result;
   }

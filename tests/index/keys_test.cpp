@@ -157,7 +157,7 @@ TEST(Keys, PaddedSubFieldsAreTakenFromTheirOffset) {
 TEST(Keys, WithoutAnObjectAreError39) {
   KeyBench t(Fields{{CZELTA::TypeUInt32}}, Indexes{{Segments{{0, 0}}}});
   std::uint32_t* key = reinterpret_cast<std::uint32_t*>(&t);
-  EXPECT_EQ(extractKey(t.metaData, t.table, 0, 0, &key, nullptr, 0).word(), ownWord(Own::noObject));
+  EXPECT_EQ(extractKey(t.metaData, t.table, 0, {}, &key).word(), ownWord(Own::noObject));
   EXPECT_EQ(key, nullptr);
   EXPECT_EQ(t.hex(t.header(1).raw("abc")), "39");  // shorter than the fixed area
 }
@@ -166,7 +166,7 @@ TEST(Keys, OfTheObjectInTheBuffer) {
   KeyBench t(Fields{{CZELTA::TypeUInt32}}, Indexes{{Segments{{0, 0}}}});
   t.put(t.header(1).number(0x0A0B0C0Du));
   std::uint32_t* key = nullptr;
-  ASSERT_TRUE(extractKey(t.metaData, t.table, 0, 0, &key, nullptr, 0).ok());
+  ASSERT_TRUE(extractKey(t.metaData, t.table, 0, {}, &key).ok());
   PooledKey owner;
   owner.take(t.table.keyPool(0), t.table.keyShape(0), key);
   EXPECT_EQ(*key, 0x0A0B0C0Du);
