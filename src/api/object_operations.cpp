@@ -16,7 +16,7 @@ unsigned long long CZELTA::NewObject(unsigned int table, Object* object, unsigne
   Table* open = nullptr;
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
-  return perform(*metaData_, false, [&] { return newObject(*metaData_, *open, object, size); });
+  return perform(*metaData_, false, [&] { return newObject(*open, object, size); });
 }
 
 unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int field, void** value,
@@ -25,8 +25,7 @@ unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int fie
   Table* open = nullptr;
   StateCheck check(*metaData_);
   if (check.transaction().table(tables_, table, open).failed()) return check.word();
-  return perform(*metaData_, false,
-                 [&] { return getVariableField(*metaData_, *open, field, value, object); });
+  return perform(*metaData_, false, [&] { return getVariableField(*open, field, value, object); });
 }
 
 unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int field,
@@ -37,7 +36,7 @@ unsigned long long CZELTA::GetVariableField(unsigned int table, unsigned int fie
   StateCheck check(*metaData_);
   if (check.transaction().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return getVariableField(*metaData_, *open, {field, subField, subRecord}, value, object);
+    return getVariableField(*open, {field, subField, subRecord}, value, object);
   });
 }
 
@@ -47,8 +46,7 @@ unsigned long long CZELTA::PutVariableValues(unsigned int table, Object* object,
   Table* open = nullptr;
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
-  return perform(*metaData_, false,
-                 [&] { return putVariableValues(*metaData_, *open, object, size); });
+  return perform(*metaData_, false, [&] { return putVariableValues(*open, object, size); });
 }
 
 unsigned long long CZELTA::PutVariableValues(unsigned int table, const void* values,
@@ -59,7 +57,7 @@ unsigned long long CZELTA::PutVariableValues(unsigned int table, const void* val
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return putVariableValues(*metaData_, *open, {values, valuesSize, field, count}, object);
+    return putVariableValues(*open, {values, valuesSize, field, count}, object);
   });
 }
 
@@ -92,8 +90,7 @@ unsigned long long CZELTA::RestoreObject(unsigned int table, long long objectID,
   if (check.transaction().ownThread().mayWrite().table(tables_, table, open).failed()) {
     return check.word();
   }
-  return perform(*metaData_, false,
-                 [&] { return restoreObject(*metaData_, *open, objectID, unlock); });
+  return perform(*metaData_, false, [&] { return restoreObject(*open, objectID, unlock); });
 }
 
 namespace {

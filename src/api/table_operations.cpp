@@ -41,7 +41,7 @@ unsigned long long CZELTA::CloseTable(unsigned int table) {
   Table* open = nullptr;
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
-  return perform(*metaData_, false, [&] { return closeTable(*metaData_, tables_, *open); });
+  return perform(*metaData_, false, [&] { return closeTable(tables_, *open); });
 }
 
 unsigned long long CZELTA::RemoveTable(unsigned int table, bool deleteFiles) {
@@ -62,8 +62,7 @@ unsigned long long CZELTA::GetTableSchema(unsigned int table, Schema* schema, un
           .failed()) {
     return check.word();
   }
-  return perform(*metaData_, false,
-                 [&] { return getTableSchema(*metaData_, *open, schema, size); });
+  return perform(*metaData_, false, [&] { return getTableSchema(*open, schema, size); });
 }
 
 namespace {

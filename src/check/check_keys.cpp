@@ -24,7 +24,7 @@ bool before(const KeyTrace& a, const KeyTrace& b) {
 KeyTraces TableCheck::keysOf(std::uint32_t index, const TracedObject& object) {
   KeyTraces keys;
   const KindCheck* kind = findKindCheck(table_, index);
-  if (kind != nullptr && !kind->trace(metaData_, table_, index, object, keys)) {
+  if (kind != nullptr && !kind->trace(table_, index, object, keys)) {
     findings_.damage(file_, object.position,
                      "object " + text(object.id) + " has no key in index " + text(index));
   }

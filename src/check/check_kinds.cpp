@@ -29,14 +29,12 @@ std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words) {
   return hash;
 }
 
-bool traceKeys(MetaData& metaData, Table& table, std::uint32_t index, const TracedObject& object,
-               KeyTraces& keys) {
+bool traceKeys(Table& table, std::uint32_t index, const TracedObject& object, KeyTraces& keys) {
   const bool many = table.multiEntry(index);
   const KeyShape shape = table.keyShape(index);
   for (std::uint32_t entry = 0; entry == 0 || many; ++entry) {
     std::uint32_t* key = nullptr;
-    const Result made =
-        extractKey(metaData, table, index, {{object.bytes, object.length}, entry}, &key);
+    const Result made = extractKey(table, index, {{object.bytes, object.length}, entry}, &key);
     if (made.failed()) return false;
     if (key == nullptr) return many;
     keys.push_back(

@@ -41,16 +41,14 @@ struct KindCheck {
   bool (*walk)(Findings& findings, CheckFile& file, const TreePlace& place,
                std::vector<Extent>& extents, const EntryVisitor& visit);
   /// Adds all keys that an index (from 0) must have of an object. False if one is wanting.
-  bool (*trace)(MetaData& metaData, Table& table, std::uint32_t index, const TracedObject& object,
-                KeyTraces& keys);
+  bool (*trace)(Table& table, std::uint32_t index, const TracedObject& object, KeyTraces& keys);
 };
 
 /// Null for a kind that is not there.
 [[nodiscard]] const KindCheck* findKindCheck(const Table& table, std::uint32_t index);
 
 /// KindCheck::trace() of the kinds with keys.
-bool traceKeys(MetaData& metaData, Table& table, std::uint32_t index, const TracedObject& object,
-               KeyTraces& keys);
+bool traceKeys(Table& table, std::uint32_t index, const TracedObject& object, KeyTraces& keys);
 
 }  // namespace zelta::check
 

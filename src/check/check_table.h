@@ -89,7 +89,7 @@ class TableCheck {
   CheckFile slots_;  ///< the same file: slots and records are read in turn
   TableFacts facts_;
   MetaData metaData_;
-  Table table_{0};
+  Table table_{metaData_};
   const std::vector<PendingSection>& pending_;
   std::vector<PendingCommit> commits_;  ///< still to be carried out
   std::vector<std::uint64_t> records_;  ///< positions of records, ascending

@@ -23,7 +23,7 @@ IndexBuild::~IndexBuild() {
 }
 
 Result IndexBuild::start() {
-  ZELTA_TRY(checkIndexKinds(metaData_, table_));
+  ZELTA_TRY(checkIndexKinds(table_));
   const std::uint32_t pageSize = indexPageSize(table_, &firstPage_);
   static_cast<PagedFileHeader&>(header_) = newPagedHeader(kIndexForm, table_, pageSize);
   if (pageSize == 0) return manager_.failed(PageFile::index, code::kNoMemory);
@@ -52,7 +52,7 @@ Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64
     RowPlaces rows;
     for (std::uint32_t entry = 0;; ++entry) {
       std::uint32_t* made = nullptr;
-      ZELTA_TRY(extractKey(metaData_, table_, i, {{object, objectSize}, entry, &rows}, &made));
+      ZELTA_TRY(extractKey(table_, i, {{object, objectSize}, entry, &rows}, &made));
       if (made == nullptr) {
         if (entry != 0 || table_.multiEntry(i)) break;
         return reportError(&metaData_, Own::noObject, table_.cName());
@@ -113,11 +113,11 @@ constexpr std::uint32_t kExpected = 1024 - kRecordHead;
 /// Reads the committed objects of a table one by one.
 class TableScan {
  public:
-  TableScan(MetaData& metaData, Table& table, const TableHeader_tag& header)
-      : metaData_(metaData),
+  TableScan(Table& table, const TableHeader_tag& header)
+      : metaData_(table.metaData),
         table_(table),
         header_(header),
-        reader_(RecordReader::aside(metaData, table)) {}
+        reader_(RecordReader::aside(table)) {}
 
   /// Reads the object of an ID; none if the ID is free. Code 33: its content is still to come from
   /// the log, and whoever lets the replay finish asks again.
@@ -177,13 +177,13 @@ Result buildIndexFile(AtomicManager& manager, const TableHeader_tag* tableHeader
     ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, read, true));
     tableHeader = &read;
   }
-  TableScan scan(metaData, table, *tableHeader);
+  TableScan scan(table, *tableHeader);
   if (table.buildWaitsFor != 0 && table.buildWaitsFor <= tableHeader->highestID) {
     // Who waits for the object comes here again and again; all before it was read for nothing once.
     ObjectBytes object;
     ZELTA_TRY(readForBuild(table, scan, table.buildWaitsFor, &object));
   }
-  AtomicManager own(metaData, table);
+  AtomicManager own(table);
   IndexFileHeader_tag fresh{};
   IndexBuild build(own, fresh);
   ZELTA_TRY(build.start());

@@ -36,7 +36,7 @@ Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header,
   const std::uint32_t indexCount = manager.indexCount;
   if (indexCount == 0) return {};
   // Asked first: a kind without functions must not leave the others half changed.
-  ZELTA_TRY(checkIndexKinds(manager.metaData, manager.table));
+  ZELTA_TRY(checkIndexKinds(manager.table));
   manager.holdIndexPages();
   manager.deferMemoryReleases();
   for (std::uint32_t i = 0; i < indexCount; ++i) {

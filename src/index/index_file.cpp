@@ -21,23 +21,23 @@ void closeHandle(Table& table) {
 
 /// Whether the table's files may have made room for those of another table of its name: a reader
 /// does not keep anybody from that. The file of the objects goes first and comes first.
-bool isReplaced(const MetaData& metaData, const Table& table) {
+bool isReplaced(const Table& table) {
   if (table.tableFile == platform::File::none) return false;
-  const std::u16string path = databasePath(metaData, table.name, extension::kTable);
+  const std::u16string path = databasePath(table.metaData, table.name, extension::kTable);
   return !platform::isNamed(table.tableFile, path.c_str());
 }
 
 /// Opens the file, or makes it if that is allowed. Without `mustExist` the handle may stay closed.
-Result openHandle(MetaData& metaData, Table& table, bool exclusive, bool mustExist) {
+Result openHandle(Table& table, bool exclusive, bool mustExist) {
   if (table.indexFile != platform::File::none) return {};
-  const std::u16string path = indexFilePath(metaData, table);
-  SystemCode result = openDatabaseFile(metaData, path.c_str(), platform::Disposition::openExisting,
-                                       &table.indexFile);
+  const std::u16string path = indexFilePath(table);
+  SystemCode result = openDatabaseFile(table.metaData, path.c_str(),
+                                       platform::Disposition::openExisting, &table.indexFile);
   if (result == code::kFileNotFound && mustExist && exclusive) {
-    result = openDatabaseFile(metaData, path.c_str(), platform::Disposition::openAlways,
+    result = openDatabaseFile(table.metaData, path.c_str(), platform::Disposition::openAlways,
                               &table.indexFile);
   }
-  if (result == 0 && !exclusive && isReplaced(metaData, table)) {
+  if (result == 0 && !exclusive && isReplaced(table)) {
     closeHandle(table);
     result = code::kFileNotFound;
   }
@@ -46,7 +46,7 @@ Result openHandle(MetaData& metaData, Table& table, bool exclusive, bool mustExi
     return {};
   }
   table.indexFile = platform::File::none;
-  return mustExist ? reportSystemError(&metaData, result, path.c_str()) : Result{};
+  return mustExist ? reportSystemError(&table.metaData, result, path.c_str()) : Result{};
 }
 
 /// Whether the first bytes are those of a build that died before its header was complete: they are
@@ -119,7 +119,7 @@ class Opening {
 Result Opening::attempt(const TableHeader_tag* tableHeader, Outcome* outcome) {
   *outcome = Outcome::done;
   header_ = {};
-  ZELTA_TRY(openHandle(metaData_, table_, exclusive_, mustExist_));
+  ZELTA_TRY(openHandle(table_, exclusive_, mustExist_));
   if (table_.indexFile == platform::File::none) return {};
   std::uint32_t have = 0;
   const SystemCode result = readBuffer(table_.indexFile, 0, image_.bytes(), image_.size(), &have);
@@ -162,8 +162,8 @@ Result Opening::repair(Outcome* outcome) {
 
 }  // namespace
 
-std::u16string indexFilePath(const MetaData& metaData, const Table& table) {
-  if (table.directory.empty()) return databasePath(metaData, table.name, extension::kIndex);
+std::u16string indexFilePath(const Table& table) {
+  if (table.directory.empty()) return databasePath(table.metaData, table.name, extension::kIndex);
   return table.directory + table.name + extension::kIndex;
 }
 

@@ -26,7 +26,7 @@ Result openIndexFile(AtomicManager& manager, IndexFileHeader_tag& header,
                      const TableHeader_tag* tableHeader, bool exclusive, bool mustExist);
 
 /// Path of the table's index file.
-[[nodiscard]] std::u16string indexFilePath(const MetaData& metaData, const Table& table);
+[[nodiscard]] std::u16string indexFilePath(const Table& table);
 
 /// Page size of a new index file; 0 if it would not fit in 32 bits. `firstPage` may be null.
 [[nodiscard]] std::uint32_t indexPageSize(const Table& table, std::uint64_t* firstPage);

@@ -186,8 +186,8 @@ class ImageSource final : public Source {
 /// Makes the key of a B+Tree.
 class TreeKey {
  public:
-  TreeKey(MetaData& metaData, Table& table, std::uint32_t index, Source& source)
-      : metaData_(metaData),
+  TreeKey(Table& table, std::uint32_t index, Source& source)
+      : metaData_(table.metaData),
         table_(table),
         index_(table.index(index)),
         number_(index),
@@ -348,14 +348,13 @@ void makeSpan(const char* from, const char* to, std::uint32_t words, std::uint32
 }
 
 /// The keys of boxes and time spans, out of an object.
-Result extractGeometry(MetaData& metaData, Table& table, std::uint32_t number, Source& source,
-                       std::uint32_t** keyOut) {
+Result extractGeometry(Table& table, std::uint32_t number, Source& source, std::uint32_t** keyOut) {
   const CZELTA::Schema::Index& index = table.index(number);
   Value ends[2];
   for (std::uint32_t k = 0; k < index.segmentCount && k < 2; ++k) {
     FieldRef ref;
     if (!resolveField(*table.schema, index.segments[k].segmentField, &ref)) {
-      return reportError(&metaData, Own::noObject);
+      return reportError(&table.metaData, Own::noObject);
     }
     ends[k] = source.field(ref);
     if (ends[k].at == nullptr || ends[k].left < ref.value().fieldSize) return {};
@@ -372,38 +371,38 @@ Result extractGeometry(MetaData& metaData, Table& table, std::uint32_t number, S
 
 }  // namespace
 
-Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& from,
+Result extractKey(Table& table, std::uint32_t index, const KeySource& from,
                   std::uint32_t** keyOut) {
   *keyOut = nullptr;
   ObjectBytes object = from.object;
   if (object.data == nullptr) object = {table.objectData, table.objectLength};
   if (object.data == nullptr || object.length < table.fixedAreaSize) {
-    return reportError(&metaData, Own::noObject);
+    return reportError(&table.metaData, Own::noObject);
   }
   ObjectSource source(table, object.data, object.length, from.entry, from.rows);
   switch (table.index(index).indexKind) {
     case CZELTA::BPlusTree:
-      return TreeKey(metaData, table, index, source).make(source.objectID(), keyOut);
+      return TreeKey(table, index, source).make(source.objectID(), keyOut);
     case CZELTA::SpatialTree:
     case CZELTA::TemporalTree:
-      return extractGeometry(metaData, table, index, source, keyOut);
+      return extractGeometry(table, index, source, keyOut);
     default:
-      return reportError(&metaData, Own::noObject);
+      return reportError(&table.metaData, Own::noObject);
   }
 }
 
-Result buildSearchKey(MetaData& metaData, Table& table, std::uint32_t index, const void* image,
+Result buildSearchKey(Table& table, std::uint32_t index, const void* image,
                       std::uint32_t** keyOut) {
   *keyOut = nullptr;
-  if (image == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+  if (image == nullptr) return reportError(&table.metaData, Own::parameter, table.cName());
   const CZELTA::Schema::Index& definition = table.index(index);
   const char* bytes = static_cast<const char*>(image);
   if (definition.indexKind == CZELTA::BPlusTree) {
     ImageSource source(table, image);
-    return TreeKey(metaData, table, index, source).make(0, keyOut);
+    return TreeKey(table, index, source).make(0, keyOut);
   }
   if (definition.indexKind != CZELTA::SpatialTree && definition.indexKind != CZELTA::TemporalTree) {
-    return reportError(&metaData, Own::noObject);
+    return reportError(&table.metaData, Own::noObject);
   }
   std::uint32_t* key = table.indexStates[index].keyPool.takeFixed(definition.keyWords);
   if (definition.indexKind == CZELTA::SpatialTree) {

@@ -24,13 +24,11 @@ struct KeySource {
 /// Makes the key of an object in an index (from 0). `*keyOut` receives a key from the index's pool,
 /// or null if the object has no such entry. Own code 39: the object is too short to be one, or the
 /// index has no keys.
-Result extractKey(MetaData& metaData, Table& table, std::uint32_t index, const KeySource& from,
-                  std::uint32_t** keyOut);
+Result extractKey(Table& table, std::uint32_t index, const KeySource& from, std::uint32_t** keyOut);
 
 /// Makes the key to look for from the values of an index's segments, as the caller of a read or a
 /// search packs them. `*keyOut` receives a key from the index's pool.
-Result buildSearchKey(MetaData& metaData, Table& table, std::uint32_t index, const void* image,
-                      std::uint32_t** keyOut);
+Result buildSearchKey(Table& table, std::uint32_t index, const void* image, std::uint32_t** keyOut);
 
 }  // namespace zelta
 

@@ -34,24 +34,22 @@ const Kind& kindOf(const Table& table, std::uint32_t index) {
 const KeyKind* keyKindOf(const IndexTree& tree) { return kindOf(tree.table(), tree.index()).keys; }
 
 /// The answer for an index whose kind is not among them, or has no keys.
-Result unservedKind(MetaData& metaData, const Table& table, std::uint32_t index) {
+Result unservedKind(const Table& table, std::uint32_t index) {
   const auto kind = static_cast<std::uint32_t>(table.index(index).indexKind);
   if (kind > CZELTA::SpatialPattern) {
-    return reportError(&metaData, Own::indexKind, table.cName(), nullptr, kind, index);
+    return reportError(&table.metaData, Own::indexKind, table.cName(), nullptr, kind, index);
   }
-  return reportError(&metaData, Own::context, table.cName());
+  return reportError(&table.metaData, Own::context, table.cName());
 }
 
-Result unservedKind(const IndexTree& tree) {
-  return unservedKind(tree.metaData(), tree.table(), tree.index());
-}
+Result unservedKind(const IndexTree& tree) { return unservedKind(tree.table(), tree.index()); }
 
 }  // namespace
 
-Result checkIndexKinds(MetaData& metaData, const Table& table) {
+Result checkIndexKinds(const Table& table) {
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {
     const Kind& kind = kindOf(table, i);
-    if (kind.keys == nullptr && kind.contents == nullptr) return unservedKind(metaData, table, i);
+    if (kind.keys == nullptr && kind.contents == nullptr) return unservedKind(table, i);
   }
   return {};
 }

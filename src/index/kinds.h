@@ -13,7 +13,7 @@ namespace zelta {
 
 /// Whether objects can be entered in every index of the table: own error 8 if not, 19 for an index
 /// of no known kind. Asked before the first object is touched.
-Result checkIndexKinds(MetaData& metaData, const Table& table);
+Result checkIndexKinds(const Table& table);
 
 /// The functions of an index (from 0) that follows the contents of objects; null: it has keys, or
 /// its kind is not there.

@@ -11,13 +11,13 @@ CZELTA::IndexKind kindOf(const Table& table, std::uint32_t index) {
   return static_cast<CZELTA::IndexKind>(table.index(index - 1).indexKind);
 }
 
-Result checkIndex(MetaData& metaData, const Table& table, std::uint32_t index) {
+Result checkIndex(const Table& table, std::uint32_t index) {
   if (index != 0 && index <= table.indexCount) return {};
-  return reportError(&metaData, Own::parameter, table.cName(), nullptr, index);
+  return reportError(&table.metaData, Own::parameter, table.cName(), nullptr, index);
 }
 
-Result wrongKind(MetaData& metaData, const Table& table, std::uint32_t index) {
-  return reportError(&metaData, Own::indexKind, table.cName(), nullptr, kindOf(table, index),
+Result wrongKind(const Table& table, std::uint32_t index) {
+  return reportError(&table.metaData, Own::indexKind, table.cName(), nullptr, kindOf(table, index),
                      std::int64_t{index} - 1);
 }
 
@@ -25,13 +25,13 @@ Result wrongKind(MetaData& metaData, const Table& table, std::uint32_t index) {
 Result unavailable(MetaData& metaData) { return reportError(&metaData, Own::context); }
 
 /// Makes the key of a box or a time span, as both forms take it.
-Result searchTree(MetaData& metaData, Table& table, std::uint32_t index, const void* key) {
-  if (key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
+Result searchTree(Table& table, std::uint32_t index, const void* key) {
+  if (key == nullptr) return reportError(&table.metaData, Own::parameter, table.cName());
   std::uint32_t* made = nullptr;
-  ZELTA_TRY(buildSearchKey(metaData, table, index - 1, key, &made));
+  ZELTA_TRY(buildSearchKey(table, index - 1, key, &made));
   PooledKey searchKey;
   searchKey.take(table.keyPool(index - 1), table.keyShape(index - 1), made);
-  return unavailable(metaData);
+  return unavailable(table.metaData);
 }
 
 /// A B+Tree serves to narrow down the results of a list search, and for nothing else.
@@ -45,22 +45,22 @@ bool followsListSearch(const Table& table) {
 
 Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
                    const ExpressionSearch& search, long long* /*count*/) {
-  ZELTA_TRY(checkIndex(metaData, table, search.index));
+  ZELTA_TRY(checkIndex(table, search.index));
   switch (kindOf(table, search.index)) {
     case CZELTA::BPlusTree:
       // Without its results there is no list search left to narrow down.
       if (!followsListSearch(table) || (search.mode & CZELTA::SearchKeepResults) == 0) {
-        return wrongKind(metaData, table, search.index);
+        return wrongKind(table, search.index);
       }
       break;
     case CZELTA::SpatialTree:
     case CZELTA::TemporalTree:
-      return searchTree(metaData, table, search.index, search.key);
+      return searchTree(table, search.index, search.key);
     case CZELTA::AsciiList:
     case CZELTA::WideList:
       break;
     default:
-      return wrongKind(metaData, table, search.index);
+      return wrongKind(table, search.index);
   }
   if (search.expression == nullptr) {
     return reportError(&metaData, Own::parameter, table.cName());
@@ -70,16 +70,16 @@ Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
 
 Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
                    const ShapeSearch& search, long long* /*count*/) {
-  ZELTA_TRY(checkIndex(metaData, table, search.index));
+  ZELTA_TRY(checkIndex(table, search.index));
   switch (kindOf(table, search.index)) {
     case CZELTA::SpatialTree:
     case CZELTA::TemporalTree:
-      return searchTree(metaData, table, search.index, search.key);
+      return searchTree(table, search.index, search.key);
     case CZELTA::SpatialPattern:
       if (search.key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
       return unavailable(metaData);
     default:
-      return wrongKind(metaData, table, search.index);
+      return wrongKind(table, search.index);
   }
 }
 

@@ -28,11 +28,11 @@ class Addition {
         tables_(tables),
         table_(table),
         wantedID_(wantedID),
-        access_(metaData, table),
+        access_(table),
         retry_(tables, access_, kRetries),
-        none_(metaData, table),
-        keys_(metaData, table),
-        changes_(metaData, table) {}
+        none_(table),
+        keys_(table),
+        changes_(table) {}
 
   Result run() {
     return retry_.run(
@@ -82,9 +82,9 @@ Result Addition::pass() {
 Result Addition::chooseID() {
   const TableHeader_tag& header = access_.header;
   if (wantedID_ == 0) {
-    ZELTA_TRY(chooseFreeID(metaData_, table_, header, access_.manager(), &objectID_));
+    ZELTA_TRY(chooseFreeID(table_, header, access_.manager(), &objectID_));
   } else {
-    ZELTA_TRY(testFreeID(metaData_, table_, header, access_.manager(), wantedID_, &blocker_));
+    ZELTA_TRY(testFreeID(table_, header, access_.manager(), wantedID_, &blocker_));
     objectID_ = wantedID_;
   }
   constexpr std::uint16_t kFirstVersion = 1;
@@ -97,8 +97,8 @@ Result Addition::store() {
   // All that can fail for want of memory comes before the object is stored.
   auto node = std::make_unique<UInt64AVLTree>();
   ZELTA_TRY(changes_.enter(access_.manager()));
-  ZELTA_TRY(refreshCurrentKeys(metaData_, table_, objectID_,
-                               {table_.objectData, table_.objectLength}, {}, nullptr));
+  ZELTA_TRY(
+      refreshCurrentKeys(table_, objectID_, {table_.objectData, table_.objectLength}, {}, nullptr));
   if (const Result stored = storeObject(access_.manager(), access_.memoryHeader, table_.objectData,
                                         table_.objectLength, objectID_);
       stored.failed()) {
@@ -144,8 +144,8 @@ Result addObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELT
     return reportError(&metaData, Own::parameter, table.cName(), nullptr, objectID);
   }
   table.currentObjectID = 0;
-  ZELTA_TRY(validateObject(metaData, table, table.objectData, table.objectLength));
-  ZELTA_TRY(checkIndexKinds(metaData, table));
+  ZELTA_TRY(validateObject(table, table.objectData, table.objectLength));
+  ZELTA_TRY(checkIndexKinds(table));
   ZELTA_TRY(Addition(metaData, tables, table, static_cast<std::uint64_t>(objectID)).run());
   fillObject(table, object);
   return {};

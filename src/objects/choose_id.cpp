@@ -7,29 +7,29 @@ namespace zelta {
 
 namespace {
 
-Result damagedList(MetaData& metaData, const Table& table, std::uint64_t objectID) {
-  return reportError(&metaData, Own::deleteList, table.cName(), nullptr,
+Result damagedList(const Table& table, std::uint64_t objectID) {
+  return reportError(&table.metaData, Own::deleteList, table.cName(), nullptr,
                      static_cast<std::int64_t>(objectID));
 }
 
-Result alreadyExists(MetaData& metaData, const Table& table, std::uint64_t objectID) {
-  return reportError(&metaData, Own::idExists, table.cName(), nullptr,
+Result alreadyExists(const Table& table, std::uint64_t objectID) {
+  return reportError(&table.metaData, Own::idExists, table.cName(), nullptr,
                      static_cast<std::int64_t>(objectID));
 }
 
 /// Goes along the list of free IDs to one that no transaction has taken; `*objectID` above
 /// highestID: none.
-Result walkFreeIDs(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                   AtomicManager& manager, std::uint64_t* objectID) {
+Result walkFreeIDs(Table& table, const TableHeader_tag& header, AtomicManager& manager,
+                   std::uint64_t* objectID) {
   const std::uint64_t behind = header.highestID + 1;
   std::uint64_t id = header.firstDeletedID;
   while (id != 0 && id <= header.highestID) {
     ObjectSlot slot{};
     if (const SystemCode failure = readSlotPosition(table.tableFile, header.slotBase, id, &slot);
         failure != 0) {
-      return reportTable(metaData, table.cName(), failure);
+      return reportTable(table.metaData, table.cName(), failure);
     }
-    if (!slot.isFree()) return damagedList(metaData, table, 0);
+    if (!slot.isFree()) return damagedList(table, 0);
     PendingObject pending;
     bool taken = false;
     ZELTA_TRY(findPendingObject(manager, id, &pending, &taken));
@@ -38,7 +38,7 @@ Result walkFreeIDs(MetaData& metaData, Table& table, const TableHeader_tag& head
       return {};
     }
     const std::uint64_t next = slot.nextFree();
-    if (next != 0 && next <= id) return damagedList(metaData, table, id);  // the list ascends
+    if (next != 0 && next <= id) return damagedList(table, id);  // the list ascends
     id = next < header.highestID ? next : 0;
   }
   *objectID = behind;
@@ -47,28 +47,28 @@ Result walkFreeIDs(MetaData& metaData, Table& table, const TableHeader_tag& head
 
 }  // namespace
 
-Result chooseFreeID(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                    AtomicManager& manager, std::uint64_t* objectID) {
-  ZELTA_TRY(walkFreeIDs(metaData, table, header, manager, objectID));
+Result chooseFreeID(Table& table, const TableHeader_tag& header, AtomicManager& manager,
+                    std::uint64_t* objectID) {
+  ZELTA_TRY(walkFreeIDs(table, header, manager, objectID));
   if (*objectID <= header.highestID) return {};
   std::uint64_t last = 0;
   ZELTA_TRY(lastPendingID(manager, &last));
   if (last > header.highestID) *objectID = last + 1;
   const std::uint64_t greatest = table.wideIds() ? ~std::uint64_t{0} >> 1 : 0xFFFFFFFF;
-  return *objectID > greatest ? alreadyExists(metaData, table, greatest) : Result{};
+  return *objectID > greatest ? alreadyExists(table, greatest) : Result{};
 }
 
-Result testFreeID(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                  AtomicManager& manager, std::uint64_t objectID, std::uint32_t* blocker) {
+Result testFreeID(Table& table, const TableHeader_tag& header, AtomicManager& manager,
+                  std::uint64_t objectID, std::uint32_t* blocker) {
   *blocker = 0;
   if (objectID <= header.highestID) {
     ObjectSlot slot{};
     const SystemCode failure = readSlot(table.tableFile, header.slotBase, objectID, &slot);
     if (failure == code::kLockViolation) return Result::locked();
-    if (failure != 0) return reportTable(metaData, table.cName(), failure);
+    if (failure != 0) return reportTable(table.metaData, table.cName(), failure);
     if (!slot.isFree()) {
-      if (slot.transaction == 0 || slot.transaction == metaData.transactionWord) {
-        return alreadyExists(metaData, table, objectID);
+      if (slot.transaction == 0 || slot.transaction == table.metaData.transactionWord) {
+        return alreadyExists(table, objectID);
       }
       *blocker = slot.transaction;
       return Result::locked();
@@ -77,7 +77,7 @@ Result testFreeID(MetaData& metaData, Table& table, const TableHeader_tag& heade
   PendingObject pending;
   bool taken = false;
   ZELTA_TRY(findPendingObject(manager, objectID, &pending, &taken));
-  return taken ? alreadyExists(metaData, table, objectID) : Result{};
+  return taken ? alreadyExists(table, objectID) : Result{};
 }
 
 }  // namespace zelta

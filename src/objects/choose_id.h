@@ -12,13 +12,13 @@ namespace zelta {
 
 /// Finds an ID that nobody has: the first free one that no running transaction has taken, else the
 /// one behind all.
-Result chooseFreeID(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                    AtomicManager& manager, std::uint64_t* objectID);
+Result chooseFreeID(Table& table, const TableHeader_tag& header, AtomicManager& manager,
+                    std::uint64_t* objectID);
 
 /// Tests that an ID is free. Code 33 with `*blocker` 0: its slot is locked; with a number: that
 /// transaction has marked the slot, and may still give it up.
-Result testFreeID(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                  AtomicManager& manager, std::uint64_t objectID, std::uint32_t* blocker);
+Result testFreeID(Table& table, const TableHeader_tag& header, AtomicManager& manager,
+                  std::uint64_t objectID, std::uint32_t* blocker);
 
 }  // namespace zelta
 

@@ -31,15 +31,14 @@ struct CurrentVersion {
 
 /// Gives a cursor all keys that a multi-entry index has of an object. The one equal to `matched`,
 /// else the lowest, becomes the current one.
-Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index,
-                   const CurrentVersion& version, const std::uint32_t* matched,
-                   std::uint32_t* entry) {
+Result fillEntries(Table& table, std::uint32_t index, const CurrentVersion& version,
+                   const std::uint32_t* matched, std::uint32_t* entry) {
   IndexCursor& cursor = table.indexStates[index];
   const KeyShape shape = table.keyShape(index);
   RowPlaces rows;
   for (std::uint32_t number = 0;; ++number) {
     std::uint32_t* made = nullptr;
-    ZELTA_TRY(extractKey(metaData, table, index, {version.object, number, &rows}, &made));
+    ZELTA_TRY(extractKey(table, index, {version.object, number, &rows}, &made));
     if (made == nullptr) break;
     PooledKey key;
     key.take(table.keyPool(index), shape, made);
@@ -58,17 +57,16 @@ Result fillEntries(MetaData& metaData, Table& table, std::uint32_t index,
   return {};
 }
 
-Result fillCursor(MetaData& metaData, Table& table, std::uint32_t index,
-                  const CurrentVersion& version) {
+Result fillCursor(Table& table, std::uint32_t index, const CurrentVersion& version) {
   if (!hasKeys(table, index) || table.indexStates[index].currentKey != nullptr) return {};
   if (table.multiEntry(index)) {
-    return fillEntries(metaData, table, index, version, nullptr, nullptr);
+    return fillEntries(table, index, version, nullptr, nullptr);
   }
-  return extractKey(metaData, table, index, {version.object}, &table.indexStates[index].currentKey);
+  return extractKey(table, index, {version.object}, &table.indexStates[index].currentKey);
 }
 
 /// Lets the cursors make keys from this version: on demand from a copy, of a large object at once.
-Result keepSource(MetaData& metaData, Table& table, std::uint64_t objectID, ObjectBytes object) {
+Result keepSource(Table& table, std::uint64_t objectID, ObjectBytes object) {
   table.keySourceID = 0;
   if (object.length <= kLargestCopy) {
     std::memcpy(table.keySource.reserve(object.length), object.data, object.length);
@@ -77,26 +75,25 @@ Result keepSource(MetaData& metaData, Table& table, std::uint64_t objectID, Obje
     return {};
   }
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    ZELTA_TRY(fillCursor(metaData, table, i, {objectID, object}));
+    ZELTA_TRY(fillCursor(table, i, {objectID, object}));
   }
   return {};
 }
 
 }  // namespace
 
-Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
-                          ObjectBytes object, MatchedKey matched, std::uint32_t* entry) {
+Result refreshCurrentKeys(Table& table, std::uint64_t objectID, ObjectBytes object,
+                          MatchedKey matched, std::uint32_t* entry) {
   table.releaseCurrentKeys();
   if (table.indexCount == 0) return {};
   if (matched.key != nullptr && matched.key->get() != nullptr) {
     if (table.multiEntry(matched.index)) {
-      ZELTA_TRY(fillEntries(metaData, table, matched.index, {objectID, object}, matched.key->get(),
-                            entry));
+      ZELTA_TRY(fillEntries(table, matched.index, {objectID, object}, matched.key->get(), entry));
     } else {
       table.indexStates[matched.index].currentKey = matched.key->release();
     }
   }
-  return keepSource(metaData, table, objectID, object);
+  return keepSource(table, objectID, object);
 }
 
 CurrentKeysChange::~CurrentKeysChange() {
@@ -142,21 +139,20 @@ void CurrentKeysChange::putBack() noexcept {
   table_.keySourceID = sourceID_;
 }
 
-Result CurrentKeysChange::make(MetaData& metaData, std::uint64_t objectID, ObjectBytes object) {
+Result CurrentKeysChange::make(std::uint64_t objectID, ObjectBytes object) {
   if (table_.indexCount == 0) return {};
   takeOut();
   for (const Place& place : places_) {
     if (place.keys == nullptr) continue;
-    ZELTA_TRY(fillEntries(metaData, table_, place.index, {objectID, object}, place.key, nullptr));
+    ZELTA_TRY(fillEntries(table_, place.index, {objectID, object}, place.key, nullptr));
   }
-  return keepSource(metaData, table_, objectID, object);
+  return keepSource(table_, objectID, object);
 }
 
-Result currentKey(MetaData& metaData, Table& table, std::uint32_t index,
-                  const std::uint32_t** key) {
+Result currentKey(Table& table, std::uint32_t index, const std::uint32_t** key) {
   if (table.keySourceID != 0) {
     const ObjectBytes source{table.keySource.data(), table.keySourceLength};
-    ZELTA_TRY(fillCursor(metaData, table, index, {table.keySourceID, source}));
+    ZELTA_TRY(fillCursor(table, index, {table.keySourceID, source}));
   }
   *key = table.indexStates[index].currentKey;
   return {};

@@ -21,8 +21,8 @@ struct MatchedKey {
 /// Makes the object whose ID is `objectID` the one that the cursors stand on. A copy of this
 /// version of it is kept, and a key is made when a walk needs it. `*entry` (may be null) receives
 /// the number of the entry whose key matched.
-Result refreshCurrentKeys(MetaData& metaData, Table& table, std::uint64_t objectID,
-                          ObjectBytes object, MatchedKey matched, std::uint32_t* entry);
+Result refreshCurrentKeys(Table& table, std::uint64_t objectID, ObjectBytes object,
+                          MatchedKey matched, std::uint32_t* entry);
 
 /// Gives the cursors the keys of another version of the object that they stand on. They get those
 /// of the version before back at the end of the scope, unless the change is kept.
@@ -35,7 +35,7 @@ class CurrentKeysChange {
 
   /// In an index with many entries for an object a cursor stays at its key if the object still has
   /// it.
-  Result make(MetaData& metaData, std::uint64_t objectID, ObjectBytes object);
+  Result make(std::uint64_t objectID, ObjectBytes object);
   void keep() noexcept { kept_ = true; }
 
  private:
@@ -58,7 +58,7 @@ class CurrentKeysChange {
 
 /// The key in an index (from 0) of the object that the cursors stand on; null if it has none, or if
 /// they stand on none. They keep their place when the object is given up but not replaced.
-Result currentKey(MetaData& metaData, Table& table, std::uint32_t index, const std::uint32_t** key);
+Result currentKey(Table& table, std::uint32_t index, const std::uint32_t** key);
 
 }  // namespace zelta
 

@@ -19,9 +19,9 @@ class Deletion final : public ObjectAccess {
  public:
   Deletion(UInt32AVLTree*& tables, const ReadRequest& request)
       : ObjectAccess(tables, request),
-        before_(request.metaData, request.table),
-        none_(request.metaData, request.table),
-        changes_(request.metaData, request.table),
+        before_(request.table),
+        none_(request.table),
+        changes_(request.table),
         startIsOurs_(isOurs(request.table)) {}
 
  protected:
@@ -64,7 +64,7 @@ Result Deletion::work(Located& found) {
                           KeyChanges::Source::tested));
   // All that can fail for want of memory comes before the files are changed.
   ZELTA_TRY(moveCursors(found, object));
-  ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
+  ZELTA_TRY(noteObjectLock(table_, found.objectID, object));
   if (pending) {
     ZELTA_TRY(changes_.enter(access_.manager()));
     ZELTA_TRY(removeObject(access_.manager(), access_.memoryHeader, found.objectID));
@@ -108,9 +108,9 @@ Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, Ob
     if (current == 0) return reportError(&metaData, Own::noObject);
     query = {flagsOf(query.mode) | CZELTA::ReadEqual, 0, &current, IdWidth::whole};
   }
-  ReadRequest request(metaData, table, query, false);
+  ReadRequest request(table, query, false);
   ZELTA_TRY(request.check());
-  ZELTA_TRY(checkIndexKinds(metaData, table));
+  ZELTA_TRY(checkIndexKinds(table));
   ZELTA_TRY(request.takeKey());
   Deletion deletion(tables, request);
   ZELTA_TRY(deletion.run());

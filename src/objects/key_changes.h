@@ -25,7 +25,7 @@ class KeyChanges {
     committed,  ///< they are those of its committed version, and must have been given up
   };
 
-  KeyChanges(MetaData& metaData, Table& table) : metaData_(metaData), table_(table) {}
+  KeyChanges(Table& table) : metaData_(table.metaData), table_(table) {}
   ~KeyChanges() { clear(); }
   KeyChanges(const KeyChanges&) = delete;
   KeyChanges& operator=(const KeyChanges&) = delete;

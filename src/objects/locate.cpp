@@ -9,10 +9,9 @@ namespace zelta {
 namespace {
 
 /// A position that no record can have is own code 55.
-Result checkPosition(MetaData& metaData, const Table& table, const TableHeader_tag& header,
-                     std::uint64_t position) {
+Result checkPosition(const Table& table, const TableHeader_tag& header, std::uint64_t position) {
   if (position >= header.objectAreaStart && position < header.endOfFile) return {};
-  return reportError(&metaData, Own::tableFile, table.cName(), extension::kTable,
+  return reportError(&table.metaData, Own::tableFile, table.cName(), extension::kTable,
                      static_cast<std::int64_t>(position));
 }
 
@@ -37,7 +36,7 @@ Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Lo
   out.blocker = 0;
   *state = SlotState::free;
   if (slot.isFree()) return {};
-  ZELTA_TRY(checkPosition(request.metaData, table, header, slot.position));
+  ZELTA_TRY(checkPosition(table, header, slot.position));
   out.tablePosition = slot.position;
   *state = SlotState::inUse;
   if (request.noLock) return {};
@@ -110,7 +109,7 @@ Result locateVersions(TableAccess& access, std::uint64_t objectID, Located& out)
         readSlotPosition(table.tableFile, access.header.slotBase, objectID, &slot);
     if (result != 0) return reportSystemError(&metaData, result, table.cName(), extension::kTable);
     // A free slot is far above.
-    ZELTA_TRY(checkPosition(metaData, table, access.header, slot.position));
+    ZELTA_TRY(checkPosition(table, access.header, slot.position));
     out.tablePosition = slot.position;
   }
   if (!added && find(table.editedObjects, objectID) == nullptr) return {};

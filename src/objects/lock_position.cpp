@@ -41,71 +41,70 @@ bool lockingIndex(const Table& table, std::uint32_t* index) {
   return true;
 }
 
-void advanceLockPosition(MetaData& metaData, const Table& table, std::uint64_t objectID,
-                         const std::uint32_t* key) {
-  if (metaData.lockOrderReached > table.tableLockOrder) return;
-  const bool newTable = metaData.lockOrderReached < table.tableLockOrder;
+void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::uint32_t* key) {
+  if (table.metaData.lockOrderReached > table.tableLockOrder) return;
+  const bool newTable = table.metaData.lockOrderReached < table.tableLockOrder;
   std::uint32_t index = 0;
   if (!lockingIndex(table, &index)) {
-    dropLockKey(metaData);
-    const std::uint64_t reached = metaData.lockObjectID;
+    dropLockKey(table.metaData);
+    const std::uint64_t reached = table.metaData.lockObjectID;
     const bool ahead = descending(table) ? objectID < reached : objectID > reached;
-    if (newTable || ahead) metaData.lockObjectID = objectID;
-    metaData.lockOrderReached = table.tableLockOrder;
+    if (newTable || ahead) table.metaData.lockObjectID = objectID;
+    table.metaData.lockOrderReached = table.tableLockOrder;
     return;
   }
-  metaData.lockObjectID = 0;
+  table.metaData.lockObjectID = 0;
   if (key == nullptr) return;
   const KeyShape shape = table.keyShape(index);
-  if (!newTable && metaData.lockKey != nullptr &&
-      !further(table, compareKeys(shape, key, metaData.lockKey))) {
+  if (!newTable && table.metaData.lockKey != nullptr &&
+      !further(table, compareKeys(shape, key, table.metaData.lockKey))) {
     return;
   }
   std::uint32_t* copy = copyKey(shape, key);
-  dropLockKey(metaData);
-  metaData.lockKey = copy;
-  metaData.lockOrderReached = table.tableLockOrder;
+  dropLockKey(table.metaData);
+  table.metaData.lockKey = copy;
+  table.metaData.lockOrderReached = table.tableLockOrder;
 }
 
-bool isAheadOfLockPosition(const MetaData& metaData, const Table& table, const std::uint32_t* key) {
-  if (metaData.lockOrderReached < table.tableLockOrder || metaData.lockKey == nullptr) return true;
-  if (metaData.lockOrderReached > table.tableLockOrder) return false;
+bool isAheadOfLockPosition(const Table& table, const std::uint32_t* key) {
+  if (table.metaData.lockOrderReached < table.tableLockOrder || table.metaData.lockKey == nullptr)
+    return true;
+  if (table.metaData.lockOrderReached > table.tableLockOrder) return false;
   std::uint32_t index = 0;
   if (!lockingIndex(table, &index) || key == nullptr) return true;
-  return further(table, compareKeys(table.keyShape(index), key, metaData.lockKey));
+  return further(table, compareKeys(table.keyShape(index), key, table.metaData.lockKey));
 }
 
-bool comparesLockKeys(const MetaData& metaData, const Table& table) {
+bool comparesLockKeys(const Table& table) {
   std::uint32_t index = 0;
-  return metaData.lockOrderReached == table.tableLockOrder && metaData.lockKey != nullptr &&
-         lockingIndex(table, &index);
+  return table.metaData.lockOrderReached == table.tableLockOrder &&
+         table.metaData.lockKey != nullptr && lockingIndex(table, &index);
 }
 
-Result makeLockKey(MetaData& metaData, Table& table, ObjectBytes object, PooledKey& key) {
+Result makeLockKey(Table& table, ObjectBytes object, PooledKey& key) {
   std::uint32_t index = 0;
   const bool ordered = lockingIndex(table, &index);
   assert(ordered);
   if (!ordered) return {};
   std::uint32_t* made = nullptr;
-  ZELTA_TRY(extractKey(metaData, table, index, {object}, &made));
+  ZELTA_TRY(extractKey(table, index, {object}, &made));
   key.take(table.keyPool(index), table.keyShape(index), made);
   return {};
 }
 
-Result noteObjectLock(MetaData& metaData, Table& table, std::uint64_t objectID,
-                      ObjectBytes object) {
+Result noteObjectLock(Table& table, std::uint64_t objectID, ObjectBytes object) {
   std::uint32_t index = 0;
   const std::uint32_t* key = nullptr;
   PooledKey first;
   if (lockingIndex(table, &index)) {
     if (table.multiEntry(index)) {
-      ZELTA_TRY(makeLockKey(metaData, table, object, first));
+      ZELTA_TRY(makeLockKey(table, object, first));
       key = first.get();
     } else {
-      ZELTA_TRY(currentKey(metaData, table, index, &key));
+      ZELTA_TRY(currentKey(table, index, &key));
     }
   }
-  advanceLockPosition(metaData, table, objectID, key);
+  advanceLockPosition(table, objectID, key);
   return {};
 }
 

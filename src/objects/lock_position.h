@@ -13,24 +13,22 @@
 namespace zelta {
 
 /// Takes note of the lock of an object, once the cursors stand on this version of it.
-Result noteObjectLock(MetaData& metaData, Table& table, std::uint64_t objectID, ObjectBytes object);
+Result noteObjectLock(Table& table, std::uint64_t objectID, ObjectBytes object);
 
 /// Takes note of an object's lock. `key`: the object's key in the index that orders the locks of
 /// the table, null in a table that orders them by ID.
-void advanceLockPosition(MetaData& metaData, const Table& table, std::uint64_t objectID,
-                         const std::uint32_t* key);
+void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::uint32_t* key);
 
 /// Whether an object with this key comes behind all that was locked so far. Without a lock key to
 /// compare with it does.
-[[nodiscard]] bool isAheadOfLockPosition(const MetaData& metaData, const Table& table,
-                                         const std::uint32_t* key);
+[[nodiscard]] bool isAheadOfLockPosition(const Table& table, const std::uint32_t* key);
 
 /// Whether isAheadOfLockPosition() of this table needs a key to tell.
-[[nodiscard]] bool comparesLockKeys(const MetaData& metaData, const Table& table);
+[[nodiscard]] bool comparesLockKeys(const Table& table);
 
 /// Makes the key by which the locks of a table are ordered that has such an index; of several
 /// entries the first.
-Result makeLockKey(MetaData& metaData, Table& table, ObjectBytes object, PooledKey& key);
+Result makeLockKey(Table& table, ObjectBytes object, PooledKey& key);
 
 /// Forgets the position. The transaction is over.
 void dropLockPosition(MetaData& metaData);

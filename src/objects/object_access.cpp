@@ -66,7 +66,7 @@ bool ObjectAccess::waitsForDecided(Result result) {
   if (!result.is(Own::indexInconsistent) || final_) return false;
   if (decidedBy_ == 0) {
     const KeptError kept(metaData_);
-    decidedBy_ = findDecidedCommit(metaData_, table_, metID_);
+    decidedBy_ = findDecidedCommit(table_, metID_);
   }
   if (decidedBy_ == 0) return false;
   clearError(metaData_);
@@ -99,16 +99,16 @@ Result ObjectAccess::waitOrFail(const PassEnd& blocked) {
 /// version. That is read without the mutex: if its owner is committing at this moment, another pass
 /// sees what came of it.
 Result ObjectAccess::isAhead(bool* ahead) {
-  *ahead = isAheadOfLockPosition(metaData_, table_, nullptr);
-  if (!comparesLockKeys(metaData_, table_)) return {};
+  *ahead = isAheadOfLockPosition(table_, nullptr);
+  if (!comparesLockKeys(table_)) return {};
   ObjectBytes object;
-  if (readCommittedAside(metaData_, table_, metID_, metPosition_, &object).failed()) {
+  if (readCommittedAside(table_, metID_, metPosition_, &object).failed()) {
     clearError(metaData_);
     return {};
   }
   PooledKey key;
-  ZELTA_TRY(makeLockKey(metaData_, table_, object, key));
-  *ahead = isAheadOfLockPosition(metaData_, table_, key.get());
+  ZELTA_TRY(makeLockKey(table_, object, key));
+  *ahead = isAheadOfLockPosition(table_, key.get());
   return {};
 }
 
@@ -184,7 +184,7 @@ Result ObjectAccess::moveCursors(Located& found, ObjectBytes object) {
   final_ = true;
   MatchedKey matched;
   if (found.key.get() != nullptr) matched = {request_.index - 1, &found.key};
-  return refreshCurrentKeys(metaData_, table_, found.objectID, object, matched, &entry_);
+  return refreshCurrentKeys(table_, found.objectID, object, matched, &entry_);
 }
 
 // -- What other transactions have left ------------------------------------------------------------

@@ -62,7 +62,7 @@ class ObjectAccess {
         tables_(tables),
         table_(request.table),
         request_(request),
-        access_(request.metaData, request.table),
+        access_(request.table),
         startID_(request.table.currentObjectID),
         wait_(request.flags),
         seqlock_(request.table) {}

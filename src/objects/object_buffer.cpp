@@ -58,10 +58,10 @@ void placeObject(Table& table, std::uint32_t length) {
   std::memset(table.objectData + length, 0, kZeroTail);
 }
 
-Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size) {
+Result newObject(Table& table, CZELTA::Object* object, std::uint32_t size) {
   if (table.isFixed()) size = 0;
   if (std::uint64_t{size} + table.minimumObjectSize > kLargestNew) {
-    return reportSystemError(&metaData, code::kNoMemory);
+    return reportSystemError(&table.metaData, code::kNoMemory);
   }
   const std::uint64_t need = std::uint64_t{size} + table.minimumObjectSize + leadOf(table);
   const bool kept = table.isFixed() ? table.objectBuffer.size() >= need
@@ -78,14 +78,13 @@ Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::
   return {};
 }
 
-Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
-                        CZELTA::Object* object) {
+Result getVariableField(Table& table, std::uint32_t field, void** value, CZELTA::Object* object) {
   const std::uint64_t number = std::uint64_t{table.firstVariableField} + field;
   const bool exists = !table.isFixed() && number < table.schema->fieldCount;
   if (!exists && (value != nullptr || object == nullptr)) {
-    return reportError(&metaData, Own::parameter, table.cName());
+    return reportError(&table.metaData, Own::parameter, table.cName());
   }
-  if (table.objectData == nullptr) return noObject(metaData);
+  if (table.objectData == nullptr) return noObject(table.metaData);
   if (exists && value != nullptr) {
     *value = const_cast<char*>(fieldAddress(table, static_cast<std::uint32_t>(number), nullptr, 0));
   }
@@ -93,16 +92,16 @@ Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, v
   return {};
 }
 
-Result getVariableField(MetaData& metaData, Table& table, const SubFieldPlace& place, void** value,
+Result getVariableField(Table& table, const SubFieldPlace& place, void** value,
                         CZELTA::Object* object) {
   const std::uint64_t number = std::uint64_t{table.firstVariableField} + place.field;
   if (table.isFixed() || number >= table.schema->fieldCount ||
       table.schema->fields[number].fieldType != CZELTA::TypeSubRecords ||
       place.subField >= table.schema->fields[number].subFieldCount) {
-    return reportError(&metaData, Own::parameter, table.cName(), nullptr, place.field,
+    return reportError(&table.metaData, Own::parameter, table.cName(), nullptr, place.field,
                        place.subField);
   }
-  if (table.objectData == nullptr) return noObject(metaData);
+  if (table.objectData == nullptr) return noObject(table.metaData);
   if (value != nullptr) {
     *value = const_cast<char*>(subFieldAddress(table, static_cast<std::uint32_t>(number),
                                                place.subField, place.subRecord, nullptr, 0));

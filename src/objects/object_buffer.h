@@ -36,15 +36,12 @@ struct PackedValues {
   std::uint32_t count;
 };
 
-Result newObject(MetaData& metaData, Table& table, CZELTA::Object* object, std::uint32_t size);
-Result getVariableField(MetaData& metaData, Table& table, std::uint32_t field, void** value,
+Result newObject(Table& table, CZELTA::Object* object, std::uint32_t size);
+Result getVariableField(Table& table, std::uint32_t field, void** value, CZELTA::Object* object);
+Result getVariableField(Table& table, const SubFieldPlace& place, void** value,
                         CZELTA::Object* object);
-Result getVariableField(MetaData& metaData, Table& table, const SubFieldPlace& place, void** value,
-                        CZELTA::Object* object);
-Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* object,
-                         std::uint32_t size);
-Result putVariableValues(MetaData& metaData, Table& table, const PackedValues& values,
-                         CZELTA::Object* object);
+Result putVariableValues(Table& table, CZELTA::Object* object, std::uint32_t size);
+Result putVariableValues(Table& table, const PackedValues& values, CZELTA::Object* object);
 
 /// Makes the buffer hold an object of `length` bytes and points objectData at its place. The buffer
 /// is kept while it is at most twice too large; its contents are lost otherwise. Sets objectLength.
@@ -58,8 +55,7 @@ void placeObject(Table& table, std::uint32_t length);
 void fillObject(const Table& table, CZELTA::Object* object);
 
 /// Proves that an object's variable part parses exactly to its end.
-Result validateObject(MetaData& metaData, const Table& table, const char* object,
-                      std::uint32_t length);
+Result validateObject(const Table& table, const char* object, std::uint32_t length);
 
 }  // namespace zelta
 

@@ -17,9 +17,9 @@ constexpr std::uint64_t kTooLong = 4294967286;
 /// One replacement of fields by values.
 class Replacement {
  public:
-  Replacement(MetaData& metaData, Table& table, const char* values, std::uint64_t valuesSize,
-              std::uint32_t first, std::uint32_t count)
-      : metaData_(metaData),
+  Replacement(Table& table, const char* values, std::uint64_t valuesSize, std::uint32_t first,
+              std::uint32_t count)
+      : metaData_(table.metaData),
         table_(table),
         values_(values),
         valuesLimit_(valuesSize),
@@ -151,13 +151,13 @@ Result Replacement::shrink(std::uint64_t length) {
 
 }  // namespace
 
-Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* object,
-                         std::uint32_t size) {
-  if (table.objectData == nullptr) return reportError(&metaData, Own::noObject);
-  if (table.isFixed()) return reportError(&metaData, Own::context);
+Result putVariableValues(Table& table, CZELTA::Object* object, std::uint32_t size) {
+  if (table.objectData == nullptr) return reportError(&table.metaData, Own::noObject);
+  if (table.isFixed()) return reportError(&table.metaData, Own::context);
   const std::uint64_t need = std::uint64_t{size} + kVariableLead + table.minimumObjectSize;
   constexpr std::uint64_t kLargestNew = 4294967280;
-  if (need - kVariableLead > kLargestNew) return reportSystemError(&metaData, code::kNoMemory);
+  if (need - kVariableLead > kLargestNew)
+    return reportSystemError(&table.metaData, code::kNoMemory);
   const std::uint64_t capacity = table.objectBuffer.size();
   if (capacity < need || static_cast<std::uint32_t>(need * 2) < capacity) {
     ScratchBuffer fresh(kZeroTail);
@@ -171,21 +171,20 @@ Result putVariableValues(MetaData& metaData, Table& table, CZELTA::Object* objec
   return {};
 }
 
-Result putVariableValues(MetaData& metaData, Table& table, const PackedValues& values,
-                         CZELTA::Object* object) {
+Result putVariableValues(Table& table, const PackedValues& values, CZELTA::Object* object) {
   const char* bytes = static_cast<const char*>(values.bytes);
   if (bytes != nullptr && (!platform::isReadable(bytes) ||
                            (values.size != 0 && !platform::isReadable(bytes + values.size)))) {
-    return reportError(&metaData, Own::parameter);
+    return reportError(&table.metaData, Own::parameter);
   }
-  if (table.objectData == nullptr) return reportError(&metaData, Own::noObject);
-  if (table.isFixed()) return reportError(&metaData, Own::context);
+  if (table.objectData == nullptr) return reportError(&table.metaData, Own::noObject);
+  if (table.isFixed()) return reportError(&table.metaData, Own::context);
   const std::uint64_t first = std::uint64_t{table.firstVariableField} + values.field;
   if (first + values.count > table.schema->fieldCount) {
-    return reportError(&metaData, Own::parameter, table.cName(), nullptr, table.firstVariableField,
-                       static_cast<std::int64_t>(first + values.count));
+    return reportError(&table.metaData, Own::parameter, table.cName(), nullptr,
+                       table.firstVariableField, static_cast<std::int64_t>(first + values.count));
   }
-  Replacement replacement(metaData, table, bytes, values.size, static_cast<std::uint32_t>(first),
+  Replacement replacement(table, bytes, values.size, static_cast<std::uint32_t>(first),
                           values.count);
   ZELTA_TRY(replacement.run());
   fillObject(table, object);

@@ -19,7 +19,7 @@ class Read final : public ObjectAccess {
     ZELTA_TRY(releaseMutex());
     const ObjectBytes object{table_.objectData, table_.objectLength};
     ZELTA_TRY(moveCursors(found, object));
-    if (!request_.noLock) ZELTA_TRY(noteObjectLock(metaData_, table_, found.objectID, object));
+    if (!request_.noLock) ZELTA_TRY(noteObjectLock(table_, found.objectID, object));
     found.newLock.keep();
     return {};
   }
@@ -32,7 +32,7 @@ Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
   if (object != nullptr) *object = CZELTA::Object{};
   if (entry != nullptr) *entry = 0;
   const bool noLock = !metaData.mayWrite() || (query.mode & CZELTA::ReadNoLock) != 0;
-  ReadRequest request(metaData, table, query, noLock);
+  ReadRequest request(table, query, noLock);
   ZELTA_TRY(request.check());
   ZELTA_TRY(request.takeKey());
   Read read(tables, request);

@@ -39,14 +39,13 @@ std::uint64_t idAt(const Table& table, const void* key, IdWidth width) {
   return id;
 }
 
-ReadRequest::ReadRequest(MetaData& metaDataIn, Table& tableIn, const ObjectQuery& query,
-                         bool noLockIn)
-    : metaData(metaDataIn),
+ReadRequest::ReadRequest(Table& tableIn, const ObjectQuery& query, bool noLockIn)
+    : metaData(tableIn.metaData),
       table(tableIn),
       mode(withoutFlags(query.mode)),
       flags(flagsOf(query.mode)),
       noLock(noLockIn),
-      writer(metaDataIn.mayWrite()),
+      writer(tableIn.metaData.mayWrite()),
       index(query.index),
       key(query.key),
       width_(query.width) {
@@ -75,7 +74,7 @@ Result ReadRequest::checkPivot() const {
   const bool goesOn = mode == CZELTA::ReadNext || mode == CZELTA::ReadPrevious;
   if (!goesOn || !byTree()) return {};
   const std::uint32_t* current = nullptr;
-  ZELTA_TRY(currentKey(metaData, table, index - 1, &current));
+  ZELTA_TRY(currentKey(table, index - 1, &current));
   return current != nullptr ? Result() : reportError(&metaData, Own::noObject);
 }
 
@@ -84,7 +83,7 @@ Result ReadRequest::takeKey() {
   if (key == nullptr) return {};
   if (byTree()) {
     std::uint32_t* made = nullptr;
-    ZELTA_TRY(buildSearchKey(metaData, table, index - 1, key, &made));
+    ZELTA_TRY(buildSearchKey(table, index - 1, key, &made));
     ownedKey_.take(table.keyPool(index - 1), table.keyShape(index - 1), made);
     searchKey = made;
     return {};

@@ -34,7 +34,7 @@ struct ObjectQuery {
 class ReadRequest {
  public:
   /// With `noLock` the request sees committed versions of others' objects and never waits.
-  ReadRequest(MetaData& metaData, Table& table, const ObjectQuery& query, bool noLock);
+  ReadRequest(Table& table, const ObjectQuery& query, bool noLock);
   ReadRequest(const ReadRequest&) = delete;
   ReadRequest& operator=(const ReadRequest&) = delete;
 

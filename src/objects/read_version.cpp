@@ -21,7 +21,7 @@ Result readVersion(TableAccess& access, const Located& found) {
       std::max<std::uint64_t>(expectedLength(table), access.header.defaultObjectSize);
   table.objectData = nullptr;
   table.objectLength = 0;
-  RecordReader reader(access.metaData, table, {table.objectBuffer, leadOf(table), true});
+  RecordReader reader(table, {table.objectBuffer, leadOf(table), true});
   ObjectBytes object;
   if (found.isPending()) {
     ZELTA_TRY(reader.readPending(found.pending, access.manager().memoryEndOfFile, &object));
@@ -36,16 +36,15 @@ Result readVersion(TableAccess& access, const Located& found) {
 
 Result readVersionAside(TableAccess& access, const Located& found, ObjectBytes* object) {
   if (found.isPending()) {
-    return RecordReader::aside(access.metaData, access.table)
+    return RecordReader::aside(access.table)
         .readPending(found.pending, access.manager().memoryEndOfFile, object);
   }
-  return readCommittedAside(access.metaData, access.table, found.objectID, found.tablePosition,
-                            object);
+  return readCommittedAside(access.table, found.objectID, found.tablePosition, object);
 }
 
-Result readCommittedAside(MetaData& metaData, const Table& table, std::uint64_t objectID,
-                          std::uint64_t position, ObjectBytes* object) {
-  RecordReader reader = RecordReader::aside(metaData, table);
+Result readCommittedAside(const Table& table, std::uint64_t objectID, std::uint64_t position,
+                          ObjectBytes* object) {
+  RecordReader reader = RecordReader::aside(table);
   const RecordRules rules{RecordRules::kUnknown, table.minimumObjectSize};
   return reader.report(reader.fetch(objectID, position, rules, expectedLength(table), object));
 }

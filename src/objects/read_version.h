@@ -20,8 +20,8 @@ Result readVersionAside(TableAccess& access, const Located& found, ObjectBytes* 
 
 /// Reads a committed object whose record was found at a position, aside likewise. Nobody vouches
 /// for the position.
-Result readCommittedAside(MetaData& metaData, const Table& table, std::uint64_t objectID,
-                          std::uint64_t position, ObjectBytes* object);
+Result readCommittedAside(const Table& table, std::uint64_t objectID, std::uint64_t position,
+                          ObjectBytes* object);
 
 }  // namespace zelta
 

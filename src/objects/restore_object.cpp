@@ -20,15 +20,15 @@ constexpr std::uint32_t kMutexWait = 600000;  // ms
 
 class Restoration {
  public:
-  Restoration(MetaData& metaData, Table& table, std::uint64_t objectID, bool unlock)
-      : metaData_(metaData),
+  Restoration(Table& table, std::uint64_t objectID, bool unlock)
+      : metaData_(table.metaData),
         table_(table),
         objectID_(objectID),
         unlock_(unlock),
-        access_(metaData, table),
-        pendingKeys_(metaData, table),
-        committedKeys_(metaData, table),
-        changes_(metaData, table) {}
+        access_(table),
+        pendingKeys_(table),
+        committedKeys_(table),
+        changes_(table) {}
 
   /// Undoes the change that the set `changed` names the object for.
   Result run(UInt64AVLTree*& changed);
@@ -58,7 +58,7 @@ Result Restoration::readVersions(bool added) {
     ZELTA_TRY(pendingKeys_.make(pending));
   }
   if (added) return {};
-  ZELTA_TRY(readCommittedAside(metaData_, table_, objectID_, found_.tablePosition, &committed_));
+  ZELTA_TRY(readCommittedAside(table_, objectID_, found_.tablePosition, &committed_));
   return committedKeys_.make(committed_);
 }
 
@@ -74,7 +74,7 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   // All that can fail for want of memory comes before the files are changed.
   CurrentKeysChange keys(table_);
   if (!added && table_.currentObjectID == objectID_) {
-    ZELTA_TRY(keys.make(metaData_, objectID_, committed_));
+    ZELTA_TRY(keys.make(objectID_, committed_));
   }
   if (pending) {
     ZELTA_TRY(changes_.enter(access_.manager()));
@@ -108,12 +108,12 @@ void Restoration::record(UInt64AVLTree*& changed, bool added) {
 
 }  // namespace
 
-Result restoreObject(MetaData& metaData, Table& table, long long objectID, bool unlock) {
+Result restoreObject(Table& table, long long objectID, bool unlock) {
   const std::uint64_t id =
       objectID == 0 ? table.currentObjectID : static_cast<std::uint64_t>(objectID);
   if (!table.wideIds() && objectID > 0xFFFFFFFF) {
     constexpr std::int64_t kById = -1;
-    return reportError(&metaData, Own::keyNotFound, table.cName(), nullptr, objectID, kById);
+    return reportError(&table.metaData, Own::keyNotFound, table.cName(), nullptr, objectID, kById);
   }
   if (UInt64AVLTree* node = find(table.lockedObjects, id); node != nullptr) {
     if (!unlock) return {};
@@ -126,9 +126,9 @@ Result restoreObject(MetaData& metaData, Table& table, long long objectID, bool 
   for (UInt64AVLTree** changed :
        {&table.addedObjects, &table.editedObjects, &table.deletedObjects}) {
     if (find(*changed, id) == nullptr) continue;
-    return Restoration(metaData, table, id, unlock).run(*changed);
+    return Restoration(table, id, unlock).run(*changed);
   }
-  return reportError(&metaData, Own::objectNotFound, table.cName(), extension::kMemory,
+  return reportError(&table.metaData, Own::objectNotFound, table.cName(), extension::kMemory,
                      static_cast<std::int64_t>(id));
 }
 

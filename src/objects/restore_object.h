@@ -12,7 +12,7 @@ namespace zelta {
 /// Undoes an add, a rewrite, a delete or a lock of the running transaction. `objectID` 0: the
 /// table's current object. The committed version counts again; the object stays locked unless
 /// `unlock`. The table's buffer is left as it is.
-Result restoreObject(MetaData& metaData, Table& table, long long objectID, bool unlock);
+Result restoreObject(Table& table, long long objectID, bool unlock);
 
 }  // namespace zelta
 

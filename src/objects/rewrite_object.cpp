@@ -46,11 +46,11 @@ class Rewriting {
       : metaData_(metaData),
         table_(table),
         objectID_(table.currentObjectID),
-        access_(metaData, table),
+        access_(table),
         retry_(tables, access_, kRetries),
-        before_(metaData, table),
-        after_(metaData, table),
-        changes_(metaData, table) {}
+        before_(table),
+        after_(table),
+        changes_(table) {}
 
   Result run() {
     return retry_.run(
@@ -97,7 +97,7 @@ Result Rewriting::store() {
   ZELTA_TRY(changes_.enter(access_.manager()));
   // All that can fail for want of memory comes before the object is stored.
   CurrentKeysChange keys(table_);
-  ZELTA_TRY(keys.make(metaData_, objectID_, {table_.objectData, table_.objectLength}));
+  ZELTA_TRY(keys.make(objectID_, {table_.objectData, table_.objectLength}));
   RaisedVersion version(table_.objectData);
   ZELTA_TRY(storeObject(access_.manager(), access_.memoryHeader, table_.objectData,
                         table_.objectLength, objectID_));
@@ -132,8 +132,8 @@ bool mayRewrite(const Table& table) {
 Result rewriteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
                      CZELTA::Object* object) {
   if (!mayRewrite(table)) return reportError(&metaData, Own::noObject);
-  ZELTA_TRY(validateObject(metaData, table, table.objectData, table.objectLength));
-  ZELTA_TRY(checkIndexKinds(metaData, table));
+  ZELTA_TRY(validateObject(table, table.objectData, table.objectLength));
+  ZELTA_TRY(checkIndexKinds(table));
   // The ID in the buffer may have been changed: that does not move an object.
   std::memcpy(table.objectData + 2, &table.currentObjectID, table.idSize());
   ZELTA_TRY(Rewriting(metaData, tables, table).run());

@@ -9,7 +9,7 @@ Result TableAccess::acquire(std::uint32_t milliseconds) {
   assert(!owned());
   memoryOpen_ = false;
   indexOpen_ = false;
-  return mutex_.acquire(metaData, table, milliseconds);
+  return mutex_.acquire(table, milliseconds);
 }
 
 void TableAccess::announceChange() {
@@ -46,7 +46,7 @@ Result TableAccess::openIndex() {
 }
 
 AtomicManager& TableAccess::needManager() {
-  if (!manager_) manager_.emplace(metaData, table);
+  if (!manager_) manager_.emplace(table);
   return *manager_;
 }
 

@@ -25,11 +25,11 @@ inline constexpr std::uint32_t kTableMutexWait = 30000;  // ms
 
 class TableAccess {
  public:
-  TableAccess(MetaData& metaDataIn, Table& tableIn)
-      : metaData(metaDataIn), table(tableIn), mutex_(ownMutex_) {}
+  explicit TableAccess(Table& tableIn)
+      : metaData(tableIn.metaData), table(tableIn), mutex_(ownMutex_) {}
   /// Within a pass of the caller's, who owns the table's mutex by `owned` and releases it.
-  TableAccess(MetaData& metaDataIn, Table& tableIn, TableMutexGuard& owned)
-      : metaData(metaDataIn), table(tableIn), mutex_(owned) {
+  TableAccess(Table& tableIn, TableMutexGuard& owned)
+      : metaData(tableIn.metaData), table(tableIn), mutex_(owned) {
     assert(owned.held());
   }
   TableAccess(const TableAccess&) = delete;

@@ -47,7 +47,7 @@ Result TreeWalk::pivot(const std::uint32_t** key, CZELTA::Mode* mode) const {
   *mode = request_.mode;
   if (*mode != CZELTA::ReadNext && *mode != CZELTA::ReadPrevious) return {};
   *mode = request_.upward() ? CZELTA::ReadGreater : CZELTA::ReadLess;
-  return currentKey(request_.metaData, table_, index_, key);
+  return currentKey(table_, index_, key);
 }
 
 Result TreeWalk::seekCommitted(CZELTA::Mode mode, const std::uint32_t* key) {

@@ -25,8 +25,7 @@ Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired =
 /// and brings an object of this ID to the table; 0: none is found. Once such an entry stands, a
 /// table may lack what its index has already. What cannot be read proves nothing. No table's mutex
 /// may be held. Defined in transaction/decided_commit.cpp.
-[[nodiscard]] std::uint32_t findDecidedCommit(MetaData& metaData, const Table& table,
-                                              std::uint64_t objectID);
+[[nodiscard]] std::uint32_t findDecidedCommit(const Table& table, std::uint64_t objectID);
 
 }  // namespace zelta
 

@@ -16,8 +16,8 @@ using Field = CZELTA::Schema::Field;
 
 class Validation {
  public:
-  Validation(MetaData& metaData, const Table& table, const char* object, std::uint32_t length)
-      : metaData_(metaData), table_(table), object_(object), length_(length) {}
+  Validation(const Table& table, const char* object, std::uint32_t length)
+      : metaData_(table.metaData), table_(table), object_(object), length_(length) {}
 
   Result run();
 
@@ -145,13 +145,12 @@ Result Validation::run() {
 
 }  // namespace
 
-Result validateObject(MetaData& metaData, const Table& table, const char* object,
-                      std::uint32_t length) {
+Result validateObject(const Table& table, const char* object, std::uint32_t length) {
   if (table.isFixed()) return {};
   // More could not be framed as a record.
   constexpr std::uint32_t kLongest = 0xFFFFFFE0;
-  if (length > kLongest) return reportSystemError(&metaData, code::kNoMemory);
-  return Validation(metaData, table, object, length).run();
+  if (length > kLongest) return reportSystemError(&table.metaData, code::kNoMemory);
+  return Validation(table, object, length).run();
 }
 
 }  // namespace zelta

@@ -30,7 +30,7 @@ Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
   RowPlaces rows;
   for (std::uint32_t number = 0; number == 0 || many; ++number) {
     std::uint32_t* key = nullptr;
-    ZELTA_TRY(extractKey(metaData_, table_, index, {object, number, &rows}, &key));
+    ZELTA_TRY(extractKey(table_, index, {object, number, &rows}, &key));
     if (key == nullptr) {
       if (many) break;
       return reportError(&metaData_, Own::unclassified, table_.cName(), nullptr, index);
@@ -100,8 +100,8 @@ class Exchange {
 Result exchangeKeys(AtomicManager& manager, std::uint64_t objectID, ObjectBytes before,
                     ObjectBytes after) {
   Table& table = manager.table;
-  VersionKeys old(manager.metaData, table);
-  VersionKeys fresh(manager.metaData, table);
+  VersionKeys old(table);
+  VersionKeys fresh(table);
   ZELTA_TRY(old.make(before));
   ZELTA_TRY(fresh.make(after));
   Exchange exchange(manager, objectID);

@@ -24,7 +24,7 @@ class VersionKeys {
     [[nodiscard]] std::uint32_t* release() { return std::exchange(key, nullptr); }
   };
 
-  VersionKeys(MetaData& metaData, Table& table) : metaData_(metaData), table_(table) {}
+  VersionKeys(Table& table) : metaData_(table.metaData), table_(table) {}
   ~VersionKeys() { clear(); }
   VersionKeys(const VersionKeys&) = delete;
   VersionKeys& operator=(const VersionKeys&) = delete;

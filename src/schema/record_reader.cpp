@@ -42,8 +42,8 @@ bool RecordBuffer::makeRoom(std::uint64_t length) {
   return false;
 }
 
-RecordReader RecordReader::aside(MetaData& metaData, const Table& table) {
-  return {metaData, table, {metaData.scratchFor(Scratch::object), kRecordHead, false}};
+RecordReader RecordReader::aside(const Table& table) {
+  return {table, {table.metaData.scratchFor(Scratch::object), kRecordHead, false}};
 }
 
 // -- Committed objects ----------------------------------------------------------------------------

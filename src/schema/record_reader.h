@@ -63,10 +63,10 @@ struct RecordFault {
 /// reader with this buffer.
 class RecordReader {
  public:
-  RecordReader(MetaData& metaData, const Table& table, RecordBuffer buffer)
-      : metaData_(metaData), table_(table), buffer_(buffer) {}
+  RecordReader(const Table& table, RecordBuffer buffer)
+      : metaData_(table.metaData), table_(table), buffer_(buffer) {}
   /// A reader into the handle's buffer for second versions of objects (Scratch::object).
-  static RecordReader aside(MetaData& metaData, const Table& table);
+  static RecordReader aside(const Table& table);
 
   /// Reads a committed object, as a rule in one piece, and reports nothing. `expected`: how many
   /// bytes it may have.

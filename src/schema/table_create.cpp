@@ -65,33 +65,32 @@ Result assignNumbers(MetaData& metaData, const TableDirectory& directory, Direct
 
 /// What a former table of the name left, or what came along with a table's file, must not be taken
 /// for this table's: its index file is built anew. What is no index file stands in the way of one.
-Result discardStale(MetaData& metaData, const Table& table, bool indexes) {
+Result discardStale(const Table& table, bool indexes) {
   const std::u16string index = indexPath(table);
-  const SystemCode kept = discardOwnFile(metaData, index, extension::kIndex);
-  if (indexes) ZELTA_TRY(reportSystemError(&metaData, kept, index.c_str()));
-  const std::u16string memory = databasePath(metaData, table.name, extension::kMemory);
+  const SystemCode kept = discardOwnFile(table.metaData, index, extension::kIndex);
+  if (indexes) ZELTA_TRY(reportSystemError(&table.metaData, kept, index.c_str()));
+  const std::u16string memory = databasePath(table.metaData, table.name, extension::kMemory);
   const SystemCode failure = platform::deleteFile(memory.c_str());
   if (failure == code::kFileNotFound || failure == code::kPathNotFound) return {};
-  return reportSystemError(&metaData, failure, memory.c_str());
+  return reportSystemError(&table.metaData, failure, memory.c_str());
 }
 
 /// Writes header, schema and room for the first slots.
-Result writeTableFile(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                      const std::string& block) {
+Result writeTableFile(Table& table, const TableHeader_tag& header, const std::string& block) {
   std::string image(static_cast<std::size_t>(header.objectAreaStart), '\0');
   std::memcpy(image.data(), &header, sizeof header);
   std::memcpy(image.data() + sizeof header, block.data(), block.size());
   SystemCode failure =
       writeBuffer(table.tableFile, 0, image.data(), static_cast<std::int64_t>(image.size()));
   if (failure == 0) failure = platform::flushFile(table.tableFile);
-  return reportTable(metaData, table.cName(), failure);
+  return reportTable(table.metaData, table.cName(), failure);
 }
 
 /// Deletes the file of a table that could not be made, unless told that it was.
 class NewTableFile {
  public:
-  NewTableFile(const MetaData& metaData, Table& table, std::u16string path)
-      : metaData_(metaData), table_(table), path_(std::move(path)) {}
+  NewTableFile(Table& table, std::u16string path)
+      : metaData_(table.metaData), table_(table), path_(std::move(path)) {}
   ~NewTableFile() { discard(); }
   void discard() {
     if (!made_ || kept_) return;
@@ -127,17 +126,16 @@ struct Draft {
 };
 
 /// First phase: the table's file, whole and flushed.
-Result makeFile(MetaData& metaData, Table& table, TableMutexGuard& guard, NewTableFile& file,
-                Draft& draft) {
-  const std::u16string path = databasePath(metaData, table.name, extension::kTable);
+Result makeFile(Table& table, TableMutexGuard& guard, NewTableFile& file, Draft& draft) {
+  const std::u16string path = databasePath(table.metaData, table.name, extension::kTable);
   if (const SystemCode failure = file.create(); failure != 0) {
-    return reportSystemError(&metaData, failure, path.c_str());
+    return reportSystemError(&table.metaData, failure, path.c_str());
   }
-  ZELTA_TRY(acquireTableMutex(metaData, table, guard));
+  ZELTA_TRY(acquireTableMutex(table, guard));
   const TableHeader_tag header =
       newTableHeader(draft.sizes, static_cast<std::uint32_t>(draft.block.size()));
-  ZELTA_TRY(writeTableFile(metaData, table, header, draft.block));
-  ZELTA_TRY(discardStale(metaData, table, draft.copy.schema->indexCount != 0));
+  ZELTA_TRY(writeTableFile(table, header, draft.block));
+  ZELTA_TRY(discardStale(table, draft.copy.schema->indexCount != 0));
   takeSchema(table, std::move(draft.copy), draft.sizes, header.slotBase, draft.entry);
   return {};
 }
@@ -194,15 +192,15 @@ Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Sch
       schemaRecord(*draft.copy.schema, draft.entry.name, draft.entry.indexPath);
   writeBackDerived(*draft.copy.schema, *schema);
 
-  auto table = std::make_unique<Table>(std::uint16_t{0});
-  takeEntry(metaData, *table, draft.entry);
+  auto table = std::make_unique<Table>(metaData);
+  takeEntry(*table, draft.entry);
   TableDirectory next = directory;
   next.insert(draft.entry);
   TableMutexGuard guard;
-  NewTableFile file(metaData, *table, databasePath(metaData, table->name, extension::kTable));
+  NewTableFile file(*table, databasePath(metaData, table->name, extension::kTable));
   Result result = writeDirectoryIntent(
       metaData, header, {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
-  if (result.ok()) result = makeFile(metaData, *table, guard, file, draft);
+  if (result.ok()) result = makeFile(*table, guard, file, draft);
   bool mayStand = false;
   if (result.ok()) result = enterSecondPhase(metaData, &mayStand);
   // In the second phase the change is finished, now or later. Whoever meets the first one instead
@@ -254,12 +252,12 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
   ZELTA_TRY(readDirectory(metaData, header, tableDirectory));
   ZELTA_TRY(assignNumbers(metaData, tableDirectory, entry));
 
-  auto table = std::make_unique<Table>(std::uint16_t{0});
-  takeEntry(metaData, *table, entry);
+  auto table = std::make_unique<Table>(metaData);
+  takeEntry(*table, entry);
   TableMutexGuard guard;
-  ZELTA_TRY(acquireTableMutex(metaData, *table, guard));
-  ZELTA_TRY(loadTable(metaData, *table, entry, true));
-  ZELTA_TRY(discardStale(metaData, *table, table->indexCount != 0));
+  ZELTA_TRY(acquireTableMutex(*table, guard));
+  ZELTA_TRY(loadTable(*table, entry, true));
+  ZELTA_TRY(discardStale(*table, table->indexCount != 0));
   TableDirectory next = tableDirectory;
   next.insert(entry);
   if (const Result result = writeDirectoryIntent(
@@ -314,7 +312,7 @@ Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tab
     return result;
   }
   if (Table* table = findTable(tables, tableId); table != nullptr) {
-    forgetLockMark(metaData, *table);
+    forgetLockMark(*table);
     remove(static_cast<UInt32AVLTree*>(table), tables);
     delete table;
   }

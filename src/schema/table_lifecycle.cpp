@@ -30,32 +30,32 @@ Result findEntry(MetaData& metaData, std::uint32_t tableId, TableDirectory& dire
   return {};
 }
 
-Result openForWriting(MetaData& metaData, Table& table, std::uint32_t tableId) {
+Result openForWriting(Table& table, std::uint32_t tableId) {
   DirectoryEntry entry{};
   {
     MutexGuard database;
-    ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+    ZELTA_TRY(database.acquire(table.metaData, table.metaData.databaseMutex, kLongWait));
     TableDirectory directory;
-    ZELTA_TRY(findEntry(metaData, tableId, directory, entry));
+    ZELTA_TRY(findEntry(table.metaData, tableId, directory, entry));
   }
-  takeEntry(metaData, table, entry);
+  takeEntry(table, entry);
   TableMutexGuard guard;
-  ZELTA_TRY(acquireTableMutex(metaData, table, guard));
-  ZELTA_TRY(loadTable(metaData, table, entry, true));
+  ZELTA_TRY(acquireTableMutex(table, guard));
+  ZELTA_TRY(loadTable(table, entry, true));
   return guard.release();
 }
 
 /// `*again`: the directory has changed meanwhile, and the files may be those of another table that
 /// was given the name.
-Result openForReading(MetaData& metaData, Table& table, std::uint32_t tableId, bool* again) {
+Result openForReading(Table& table, std::uint32_t tableId, bool* again) {
   DirectoryEntry entry{};
   TableDirectory directory;
-  ZELTA_TRY(findEntry(metaData, tableId, directory, entry));
-  takeEntry(metaData, table, entry);
-  openTableMutex(metaData, table).ignore();  // only its count of changes is looked at
-  clearError(metaData);
-  const Result result = loadTable(metaData, table, entry, false);
-  *again = !directory.stillStands(metaData);
+  ZELTA_TRY(findEntry(table.metaData, tableId, directory, entry));
+  takeEntry(table, entry);
+  openTableMutex(table).ignore();  // only its count of changes is looked at
+  clearError(table.metaData);
+  const Result result = loadTable(table, entry, false);
+  *again = !directory.stillStands(table.metaData);
   return result;
 }
 
@@ -65,10 +65,10 @@ Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t table
   if (findTable(tables, tableId) != nullptr) return {};
   constexpr int kAttempts = 100;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    auto table = std::make_unique<Table>(std::uint16_t{0});
+    auto table = std::make_unique<Table>(metaData);
     bool again = false;
-    const Result result = metaData.mayWrite() ? openForWriting(metaData, *table, tableId)
-                                              : openForReading(metaData, *table, tableId, &again);
+    const Result result = metaData.mayWrite() ? openForWriting(*table, tableId)
+                                              : openForReading(*table, tableId, &again);
     if (again) continue;
     ZELTA_TRY(result);
     clearError(metaData);  // of an attempt before
@@ -78,17 +78,17 @@ Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t table
   return notFound(metaData, tableId);
 }
 
-void forgetLockMark(MetaData& metaData, const Table& table) {
-  if (metaData.lockOrderReached != table.tableLockOrder) return;
-  std::free(metaData.lockKey);
-  metaData.lockKey = nullptr;
-  metaData.lockOrderReached = 0;
-  metaData.lockObjectID = 0;
+void forgetLockMark(const Table& table) {
+  if (table.metaData.lockOrderReached != table.tableLockOrder) return;
+  std::free(table.metaData.lockKey);
+  table.metaData.lockKey = nullptr;
+  table.metaData.lockOrderReached = 0;
+  table.metaData.lockObjectID = 0;
 }
 
-Result closeTable(MetaData& metaData, UInt32AVLTree*& tables, Table& table) {
+Result closeTable(UInt32AVLTree*& tables, Table& table) {
   if (table.hasEdits() || table.lockedObjects != nullptr) return {};
-  forgetLockMark(metaData, table);
+  forgetLockMark(table);
   remove(static_cast<UInt32AVLTree*>(&table), tables);
   delete &table;
   return {};
@@ -107,12 +107,11 @@ bool isSameFolder(const std::u16string& a, const std::u16string& b) {
 
 }  // namespace
 
-Result getTableSchema(MetaData& metaData, Table& table, CZELTA::Schema* schema,
-                      unsigned int* size) {
-  const bool ownFolder = !isSameFolder(table.directory, metaData.directoryPath);
+Result getTableSchema(Table& table, CZELTA::Schema* schema, unsigned int* size) {
+  const bool ownFolder = !isSameFolder(table.directory, table.metaData.directoryPath);
   const std::uint64_t needed = std::uint64_t{table.schemaCopyBytes} + 4 + 2 * table.name.size() +
                                (ownFolder ? 2 * table.directory.size() : 0);
-  if (needed > 0xFFFFFFFF) return reportSystemError(&metaData, code::kNoMemory);
+  if (needed > 0xFFFFFFFF) return reportSystemError(&table.metaData, code::kNoMemory);
   if (size != nullptr) *size = static_cast<unsigned int>(needed);
   if (schema == nullptr) return {};
 

@@ -21,11 +21,11 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
 /// Does nothing if the table is open.
 Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId);
 /// Leaves a table open in which the transaction has locks or edits.
-Result closeTable(MetaData& metaData, UInt32AVLTree*& tables, Table& table);
+Result closeTable(UInt32AVLTree*& tables, Table& table);
 Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId,
                    bool deleteFiles, bool log);
 
-Result getTableSchema(MetaData& metaData, Table& table, CZELTA::Schema* schema, unsigned int* size);
+Result getTableSchema(Table& table, CZELTA::Schema* schema, unsigned int* size);
 
 /// Path of a table's index file.
 [[nodiscard]] std::u16string indexPath(const Table& table);

@@ -30,34 +30,34 @@ bool isSound(const SchemaCopy& copy, const std::string& block, const TableHeader
          sizes.defaultObjectSize == header.defaultObjectSize;
 }
 
-Result readSchema(MetaData& metaData, Table& table, const TableHeader_tag& header, SchemaCopy& copy,
+Result readSchema(Table& table, const TableHeader_tag& header, SchemaCopy& copy,
                   ObjectSizes& sizes) {
   std::uint64_t size = 0;
   if (const SystemCode failure = platform::fileSize(table.tableFile, &size); failure != 0) {
-    return reportTable(metaData, table.cName(), failure);
+    return reportTable(table.metaData, table.cName(), failure);
   }
   if (sizeof header + std::uint64_t{header.schemaSize} > size) {
-    return reportTable(metaData, table.cName(), code::kEndOfFile);
+    return reportTable(table.metaData, table.cName(), code::kEndOfFile);
   }
   std::string block(header.schemaSize, '\0');
   if (const SystemCode failure =
           readBuffer(table.tableFile, sizeof header, block.data(), header.schemaSize);
       failure != 0) {
-    return reportTable(metaData, table.cName(), failure);
+    return reportTable(table.metaData, table.cName(), failure);
   }
   if (header.schemaSize > kLargestSchema ||
       !expandStoredSchema(block.data(), header.schemaSize, copy) ||
       !isSound(copy, block, header, sizes)) {
-    return reportDamagedTable(metaData, table.cName(), 0, 0);
+    return reportDamagedTable(table.metaData, table.cName(), 0, 0);
   }
   return {};
 }
 
 }  // namespace
 
-void takeEntry(const MetaData& metaData, Table& table, const DirectoryEntry& entry) {
+void takeEntry(Table& table, const DirectoryEntry& entry) {
   table.name = entry.name;
-  table.directory = indexFolder(metaData, entry);
+  table.directory = indexFolder(table.metaData, entry);
   table.tableLockOrder = entry.lockOrder;
 }
 
@@ -76,29 +76,30 @@ void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::ui
   table.firstVariableField = sizes.firstVariableField;
 }
 
-Result openTableMutex(MetaData& metaData, Table& table) {
-  const std::u16string path = databasePath(metaData, table.name, extension::kTable);
-  return reportTable(metaData, table.cName(), createFileMutex(metaData, path, &table.tableMutex));
+Result openTableMutex(Table& table) {
+  const std::u16string path = databasePath(table.metaData, table.name, extension::kTable);
+  return reportTable(table.metaData, table.cName(),
+                     createFileMutex(table.metaData, path, &table.tableMutex));
 }
 
-Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guard) {
-  ZELTA_TRY(openTableMutex(metaData, table));
-  return guard.acquire(metaData, table, kLongWait);
+Result acquireTableMutex(Table& table, TableMutexGuard& guard) {
+  ZELTA_TRY(openTableMutex(table));
+  return guard.acquire(table, kLongWait);
 }
 
-Result loadTable(MetaData& metaData, Table& table, const DirectoryEntry& entry, bool exclusive) {
-  const std::u16string path = databasePath(metaData, table.name, extension::kTable);
+Result loadTable(Table& table, const DirectoryEntry& entry, bool exclusive) {
+  const std::u16string path = databasePath(table.metaData, table.name, extension::kTable);
   if (const SystemCode failure = openDatabaseFile(
-          metaData, path.c_str(), platform::Disposition::openExisting, &table.tableFile);
+          table.metaData, path.c_str(), platform::Disposition::openExisting, &table.tableFile);
       failure != 0) {
-    return reportSystemError(&metaData, failure, path.c_str());
+    return reportSystemError(&table.metaData, failure, path.c_str());
   }
   if (!exclusive) platform::serveReads(table.tableFile, kReadWindow);
   TableHeader_tag header;
-  ZELTA_TRY(readTableHeader(metaData, table.cName(), table.tableFile, header, exclusive));
+  ZELTA_TRY(readTableHeader(table.metaData, table.cName(), table.tableFile, header, exclusive));
   SchemaCopy copy;
   ObjectSizes sizes;
-  ZELTA_TRY(readSchema(metaData, table, header, copy, sizes));
+  ZELTA_TRY(readSchema(table, header, copy, sizes));
   takeSchema(table, std::move(copy), sizes, header.slotBase, entry);
   return {};
 }

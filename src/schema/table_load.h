@@ -12,23 +12,23 @@
 namespace zelta {
 
 /// Takes names and lock order from the table's entry.
-void takeEntry(const MetaData& metaData, Table& table, const DirectoryEntry& entry);
+void takeEntry(Table& table, const DirectoryEntry& entry);
 /// Takes a schema over, with the names and numbers of the entry in it.
 void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::uint32_t slotBase,
                 const DirectoryEntry& entry);
 
 /// Opens the table's mutex, which nobody owns through this yet.
-Result openTableMutex(MetaData& metaData, Table& table);
+Result openTableMutex(Table& table);
 /// Opens the table's mutex and owns it until the guard ends.
-Result acquireTableMutex(MetaData& metaData, Table& table, TableMutexGuard& guard);
+Result acquireTableMutex(Table& table, TableMutexGuard& guard);
 
 /// Opens the table's file and reads header and schema. `exclusive`: the mutex is held, and a commit
 /// that was cut off may be finished.
-Result loadTable(MetaData& metaData, Table& table, const DirectoryEntry& entry, bool exclusive);
+Result loadTable(Table& table, const DirectoryEntry& entry, bool exclusive);
 
 /// Gives up the mark of how far locking has come, if it stands in this table, which goes away: its
 /// key means nothing in another table of the same lock order.
-void forgetLockMark(MetaData& metaData, const Table& table);
+void forgetLockMark(const Table& table);
 
 /// A new table's header.
 [[nodiscard]] TableHeader_tag newTableHeader(const ObjectSizes& sizes, std::uint32_t schemaSize);

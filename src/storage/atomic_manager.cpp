@@ -33,12 +33,12 @@ constexpr std::uint64_t kUnchangedLimit = 2 * 1024 * 1024;
 
 }  // namespace
 
-AtomicManager::AtomicManager(MetaData& theMetaData, Table& theTable)
-    : metaData(theMetaData),
+AtomicManager::AtomicManager(Table& theTable)
+    : metaData(theTable.metaData),
       table(theTable),
       indexCount(theTable.indexCount),
-      indexFreeSpace(theMetaData, platform::File::none, 0, kMinimumBlock),
-      memoryFreeSpace(theMetaData, platform::File::none, 0, kMinimumBlock) {
+      indexFreeSpace(theTable.metaData, platform::File::none, 0, kMinimumBlock),
+      memoryFreeSpace(theTable.metaData, platform::File::none, 0, kMinimumBlock) {
   const std::size_t count = 3 * std::size_t{indexCount} + 2;
   if (count <= kFewRoots) return;
   manyRoots_ = std::make_unique<std::uint64_t[]>(count);

@@ -19,7 +19,7 @@ class AtomicManager {
  public:
   using Page = PageNode;
 
-  AtomicManager(MetaData& metaData, Table& table);
+  explicit AtomicManager(Table& table);
   ~AtomicManager();
   AtomicManager(const AtomicManager&) = delete;
   AtomicManager& operator=(const AtomicManager&) = delete;

@@ -21,7 +21,9 @@ constexpr std::uint64_t kMemoryFileWindow = 256u << 20;
 
 }  // namespace
 
-Table::Table(std::uint16_t indexes) { setIndexCount(indexes); }
+Table::Table(MetaData& database, std::uint16_t indexes) : metaData(database) {
+  setIndexCount(indexes);
+}
 
 Table::~Table() {
   for (UInt64AVLTree** objects : {&lockedObjects, &editedObjects, &deletedObjects}) {
@@ -94,10 +96,11 @@ TableMutexGuard::~TableMutexGuard() {
   release().ignore();
 }
 
-Result TableMutexGuard::acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds) {
+Result TableMutexGuard::acquire(Table& table, std::uint32_t milliseconds) {
   const SystemCode failure = platform::waitMutex(table.tableMutex, milliseconds);
-  if (failure != 0) return reportSystemError(&metaData, failure, table.cName(), extension::kTable);
-  metaData_ = &metaData;
+  if (failure != 0)
+    return reportSystemError(&table.metaData, failure, table.cName(), extension::kTable);
+  metaData_ = &table.metaData;
   table_ = &table;
   // The files of a table are cut under its mutex alone.
   const std::uint64_t version = platform::lengthState(table.tableMutex);

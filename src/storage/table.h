@@ -37,7 +37,8 @@ struct IndexCursor {
 
 class Table final : public UInt32AVLTree {
  public:
-  explicit Table(std::uint16_t indexes);
+  /// Of the database that a handle has open, which outlives the table.
+  explicit Table(MetaData& database, std::uint16_t indexes = 0);
   /// Unlocks what is still locked, closes files and mutex, frees all memory.
   ~Table() override;
 
@@ -74,6 +75,7 @@ class Table final : public UInt32AVLTree {
   /// Drops all keys of all indexes, those of commit too.
   void releaseAllKeys();
 
+  MetaData& metaData;  ///< the database, as this handle has it open
   std::uint16_t indexCount = 0;
   std::uint32_t schemaCopyBytes = 0;  ///< bytes of the allocation behind `schema`
   std::uint32_t slotBase = 0;
@@ -133,7 +135,7 @@ class TableMutexGuard {
   TableMutexGuard(const TableMutexGuard&) = delete;
   TableMutexGuard& operator=(const TableMutexGuard&) = delete;
   /// Waits for the mutex; a failure is reported with the table's name and ".zlt".
-  Result acquire(MetaData& metaData, Table& table, std::uint32_t milliseconds);
+  Result acquire(Table& table, std::uint32_t milliseconds);
   Result release();
   /// To be called before committed state is changed: those who read it without the mutex wait, or
   /// read again, until the release.

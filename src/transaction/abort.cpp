@@ -18,20 +18,21 @@ namespace zelta {
 namespace {
 
 /// Takes what the transaction has added and rewritten out of the memory file.
-Result dropChanges(MetaData& metaData, Table& table) {
+Result dropChanges(Table& table) {
   if (table.addedObjects == nullptr && table.editedObjects == nullptr && !table.memoryUncertain) {
     return {};
   }
-  TableAccess access(metaData, table);
+  TableAccess access(table);
   ZELTA_TRY(access.acquire(platform::kForever));
   ZELTA_TRY(access.openMemory());
   AtomicManager& manager = access.manager();
   if (table.memoryUncertain) {
     bool any = false;
-    ZELTA_TRY(dropPendingKeysOf(manager, metaData.transactionWord, &any));
+    ZELTA_TRY(dropPendingKeysOf(manager, table.metaData.transactionWord, &any));
   }
   ZELTA_TRY(dropPendingKeys(manager, {table.addedObjects, table.editedObjects}));
-  ZELTA_TRY(removeTransaction(manager, access.memoryHeader, metaData.transactionWord, nullptr));
+  ZELTA_TRY(
+      removeTransaction(manager, access.memoryHeader, table.metaData.transactionWord, nullptr));
   table.memoryUncertain = false;
   return access.release();
 }
@@ -78,7 +79,7 @@ Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool release
     // then it keeps IDs and keys from others. Whoever does that drops it.
     std::optional<KeptError> first;
     if (result.failed()) first.emplace(metaData);
-    const Result dropped = metaData.leaveSlot ? Result{} : dropChanges(metaData, *table);
+    const Result dropped = metaData.leaveSlot ? Result{} : dropChanges(*table);
     result.keepFirst(dropped);
     if (dropped.ok()) forgetEdits(*table, releaseLocks);
   }

@@ -144,7 +144,7 @@ Result Commit::clearTheWay() {
 
 /// A table that could not take its edits over must be found before they are decided.
 Result Commit::requireWholeTable(Table& table) {
-  TableAccess access(metaData_, table);
+  TableAccess access(table);
   ZELTA_TRY(access.acquire(platform::kForever));
   ZELTA_TRY(access.readHeader());
   ZELTA_TRY(requireWhole(metaData_, table.cName(), table.tableFile, access.header));
@@ -189,7 +189,7 @@ Result Commit::reserveEntry() {
 /// Step 3.
 Result Commit::writeBody(EntryWriter& out) {
   for (Table* table : tables_) {
-    if (table->hasEdits()) ZELTA_TRY(writeSection(metaData_, *table, out));
+    if (table->hasEdits()) ZELTA_TRY(writeSection(*table, out));
   }
   return {};
 }
@@ -223,9 +223,8 @@ Result Commit::applyToTables() {
       releaseUnchanged(*table, releaseLocks_);
       continue;
     }
-    applied.keepFirst(reportingMemory(metaData_, [&] {
-      return applyTableCommit(metaData_, *table, releaseLocks_, entered_.next());
-    }));
+    applied.keepFirst(reportingMemory(
+        metaData_, [&] { return applyTableCommit(*table, releaseLocks_, entered_.next()); }));
     if (!log_.header().isSingle()) applied.keepFirst(entered_.release());
   }
   if (releaseLocks_) dropLockPosition(metaData_);

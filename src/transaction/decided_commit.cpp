@@ -16,8 +16,8 @@ namespace {
 
 class DecidedSearch {
  public:
-  DecidedSearch(MetaData& metaData, const Table& table, std::uint64_t objectID)
-      : metaData_(metaData), table_(table), objectID_(objectID) {}
+  DecidedSearch(const Table& table, std::uint64_t objectID)
+      : metaData_(table.metaData), table_(table), objectID_(objectID) {}
 
   Result run(std::uint32_t* number);
 
@@ -92,9 +92,9 @@ Result DecidedSearch::run(std::uint32_t* number) {
 
 }  // namespace
 
-std::uint32_t findDecidedCommit(MetaData& metaData, const Table& table, std::uint64_t objectID) {
+std::uint32_t findDecidedCommit(const Table& table, std::uint64_t objectID) {
   std::uint32_t number = 0;
-  DecidedSearch(metaData, table, objectID).run(&number).ignore();
+  DecidedSearch(table, objectID).run(&number).ignore();
   return number;
 }
 

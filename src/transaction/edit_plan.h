@@ -38,10 +38,9 @@ struct ChangedObjects {
 class EditPlan {
  public:
   /// `changed` belongs to the caller and outlives the plan.
-  EditPlan(MetaData& metaData, Table& table, const TableHeader_tag& header,
-           const ChangedObjects& changed)
-      : freeSpace(metaData, table.tableFile, header.freeHead, header.defaultObjectSize),
-        metaData_(metaData),
+  EditPlan(Table& table, const TableHeader_tag& header, const ChangedObjects& changed)
+      : freeSpace(table.metaData, table.tableFile, header.freeHead, header.defaultObjectSize),
+        metaData_(table.metaData),
         table_(table),
         changed_(changed),
         old_(header),

@@ -15,9 +15,9 @@ namespace {
 /// Carries a plan out. The numbers of the steps are those of table_commit.cpp.
 class PlanExecution {
  public:
-  PlanExecution(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
-                ImageReader& images, std::uint32_t transaction)
-      : metaData_(metaData),
+  PlanExecution(Table& table, const TableHeader_tag& header, EditPlan& plan, ImageReader& images,
+                std::uint32_t transaction)
+      : metaData_(table.metaData),
         table_(table),
         file_(table.tableFile),
         old_(header),
@@ -205,9 +205,9 @@ Result PlanExecution::finish() {
 
 }  // namespace
 
-Result executePlan(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
-                   ImageReader& images, std::uint32_t transaction) {
-  return PlanExecution(metaData, table, header, plan, images, transaction).run();
+Result executePlan(Table& table, const TableHeader_tag& header, EditPlan& plan, ImageReader& images,
+                   std::uint32_t transaction) {
+  return PlanExecution(table, header, plan, images, transaction).run();
 }
 
 }  // namespace zelta

@@ -12,8 +12,8 @@ namespace zelta {
 /// point of the table file it has the old one, behind it readTableHeader() finishes the work.
 /// `header` is the table's present one. `images` reads the file in which the images lie, each 4
 /// bytes behind the position that the plan has for it. `transaction` is noted in the intent.
-Result executePlan(MetaData& metaData, Table& table, const TableHeader_tag& header, EditPlan& plan,
-                   ImageReader& images, std::uint32_t transaction);
+Result executePlan(Table& table, const TableHeader_tag& header, EditPlan& plan, ImageReader& images,
+                   std::uint32_t transaction);
 
 }  // namespace zelta
 

@@ -76,8 +76,8 @@ Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32
 }
 
 /// What a number has in one table's memory file.
-Result dropChanges(MetaData& metaData, Table& table, std::uint32_t number) {
-  TableAccess access(metaData, table);
+Result dropChanges(Table& table, std::uint32_t number) {
+  TableAccess access(table);
   ZELTA_TRY(access.acquire(platform::kForever));
   ZELTA_TRY(access.openMemory());
   AtomicManager& manager = access.manager();
@@ -121,7 +121,7 @@ Result dropAllChanges(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t 
     if (table == nullptr) {
       return reportError(&metaData, Own::unclassified, nullptr, nullptr, entry.tableId);
     }
-    ZELTA_TRY(dropChanges(metaData, *table, number));
+    ZELTA_TRY(dropChanges(*table, number));
   }
   return {};
 }

@@ -42,7 +42,7 @@ class TableReplay {
         replayed_(replayed),
         reader_(reader),
         number_(replayed.entry.head.number),
-        access_(metaData_, table) {}
+        access_(table) {}
 
   Result run(const TableSection& section);
 
@@ -144,7 +144,7 @@ Result TableReplay::exchange(std::uint64_t id, ObjectBytes before, ObjectBytes a
 }
 
 Result TableReplay::readOld(std::uint64_t id, ObjectBytes* object) {
-  return readCommittedVersion(metaData_, table_, header_, id, object);
+  return readCommittedVersion(table_, header_, id, object);
 }
 
 Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
@@ -154,7 +154,7 @@ Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
 
 Result TableReplay::applyKeys() {
   if (table_.indexCount == 0) return {};
-  ZELTA_TRY(checkIndexKinds(metaData_, table_));
+  ZELTA_TRY(checkIndexKinds(table_));
   access_.manager().holdIndexPages();
   contents_.begin(access_.manager(), ContentMode::repeated);
   ObjectBytes before;
@@ -199,10 +199,10 @@ Result TableReplay::run(const TableSection& section) {
   bool indexThere = false;
   ZELTA_TRY(openIndex(&indexThere));
   if (indexThere) ZELTA_TRY(applyKeys());
-  EditPlan plan(metaData_, table_, header_, {deleted_.root, edited_.root});
+  EditPlan plan(table_, header_, {deleted_.root, edited_.root});
   plan.replaying = true;
   ZELTA_TRY(plan.make(images_));
-  ZELTA_TRY(executePlan(metaData_, table_, header_, plan, reader_.images, number_));
+  ZELTA_TRY(executePlan(table_, header_, plan, reader_.images, number_));
   return access_.release();
 }
 

@@ -56,8 +56,8 @@ std::uint64_t sectionSize(const Table& table) {
          table.pendingBytes;
 }
 
-Result writeSection(MetaData& metaData, Table& table, EntryWriter& out) {
-  TableAccess access(metaData, table);
+Result writeSection(Table& table, EntryWriter& out) {
+  TableAccess access(table);
   ZELTA_TRY(access.acquire(platform::kForever));
   LogTableSection_tag section{};
   std::memcpy(section.magic, "ZELD", 4);
@@ -67,11 +67,11 @@ Result writeSection(MetaData& metaData, Table& table, EntryWriter& out) {
   ZELTA_TRY(out.write(&section, sizeof section));
   ZELTA_TRY(writeDeletedIDs(table, table.deletedObjects, out));
   for (UInt64AVLTree* objects : {table.deletedObjects, table.editedObjects}) {
-    ZELTA_TRY(stampTransactions(metaData, table.cName(), table.tableFile, table.slotBase, objects,
-                                metaData.transactionWord));
+    ZELTA_TRY(stampTransactions(table.metaData, table.cName(), table.tableFile, table.slotBase,
+                                objects, table.metaData.transactionWord));
   }
   if (table.deletedObjects != nullptr || table.editedObjects != nullptr) {
-    ZELTA_TRY(reportTable(metaData, table.cName(), platform::flushFile(table.tableFile)));
+    ZELTA_TRY(reportTable(table.metaData, table.cName(), platform::flushFile(table.tableFile)));
   }
   if (table.addedObjects != nullptr || table.editedObjects != nullptr) {
     ZELTA_TRY(writeImages(access, out));

@@ -16,7 +16,7 @@ namespace zelta {
 /// Writes the section: the deleted IDs, then the images of what was added and rewritten. On the way
 /// the slots of deleted and rewritten objects get the transaction's stamp, and the table file is
 /// flushed: by the stamps a replay tells what is still to be done. Waits for the table's mutex.
-Result writeSection(MetaData& metaData, Table& table, EntryWriter& out);
+Result writeSection(Table& table, EntryWriter& out);
 
 }  // namespace zelta
 

@@ -30,14 +30,14 @@ namespace zelta {
 
 namespace {
 
-Result collectImages(MetaData& metaData, Table& table, AtomicManager& manager, PendingImages& out) {
+Result collectImages(Table& table, AtomicManager& manager, PendingImages& out) {
   PendingObjectWalk walk(manager);
   for (;;) {
     PendingObject pending;
     bool found = false;
     ZELTA_TRY(walk.next(&pending, &found));
     if (!found) return {};
-    if (pending.transaction != metaData.transactionWord) continue;
+    if (pending.transaction != table.metaData.transactionWord) continue;
     const bool edited = find(table.editedObjects, pending.objectID) != nullptr;
     (edited ? out.edited : out.added).push_back(pending);
   }
@@ -59,11 +59,11 @@ Result commitFiles(TableAccess& access) {
                           true));
   // 5.2
   PendingImages images;
-  ZELTA_TRY(collectImages(metaData, table, manager, images));
-  EditPlan plan(metaData, table, access.header, {table.deletedObjects, table.editedObjects});
+  ZELTA_TRY(collectImages(table, manager, images));
+  EditPlan plan(table, access.header, {table.deletedObjects, table.editedObjects});
   ZELTA_TRY(plan.make(images));
   // 5.3 to 5.7
-  ZELTA_TRY(executePlan(metaData, table, access.header, plan, reader, metaData.transactionWord));
+  ZELTA_TRY(executePlan(table, access.header, plan, reader, metaData.transactionWord));
   // 5.8
   return removeTransaction(manager, access.memoryHeader, metaData.transactionWord, nullptr);
 }
@@ -100,14 +100,13 @@ void emptySets(Table& table, bool releaseLocks) {
 
 }  // namespace
 
-Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
-                        TableMutexGuard& guard) {
+Result applyTableCommit(Table& table, bool releaseLocks, TableMutexGuard& guard) {
   assert(!guard.held());
-  Result result = guard.acquire(metaData, table, platform::kForever);
+  Result result = guard.acquire(table, platform::kForever);
   guard.announceChange();
   if (result.ok()) {
-    result = reportingMemory(metaData, [&] {
-      TableAccess access(metaData, table, guard);
+    result = reportingMemory(table.metaData, [&] {
+      TableAccess access(table, guard);
       return commitFiles(access);
     });
   }

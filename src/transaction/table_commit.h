@@ -10,8 +10,7 @@ namespace zelta {
 /// Index file first, then the table file through its journal, then what the transaction has in the
 /// memory file goes: step 5 of a commit. The sets of the table are emptied whether or not it
 /// succeeds. The mutex stays with `guard`.
-Result applyTableCommit(MetaData& metaData, Table& table, bool releaseLocks,
-                        TableMutexGuard& guard);
+Result applyTableCommit(Table& table, bool releaseLocks, TableMutexGuard& guard);
 
 }  // namespace zelta
 

@@ -6,20 +6,21 @@
 
 namespace zelta {
 
-Result readCommittedVersion(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                            std::uint64_t objectID, ObjectBytes* object) {
+Result readCommittedVersion(Table& table, const TableHeader_tag& header, std::uint64_t objectID,
+                            ObjectBytes* object) {
   *object = {};
   ObjectSlot slot{};
-  ZELTA_TRY(reportTable(metaData, table.cName(),
+  ZELTA_TRY(reportTable(table.metaData, table.cName(),
                         readSlotPosition(table.tableFile, header.slotBase, objectID, &slot)));
   const auto damaged = [&] {
-    return reportDamagedTable(metaData, table.cName(), static_cast<std::int64_t>(objectID), 0);
+    return reportDamagedTable(table.metaData, table.cName(), static_cast<std::int64_t>(objectID),
+                              0);
   };
   if (slot.isFree() || slot.position < header.objectAreaStart ||
       slot.position >= header.endOfFile) {
     return damaged();
   }
-  RecordReader reader = RecordReader::aside(metaData, table);
+  RecordReader reader = RecordReader::aside(table);
   const RecordRules rules{RecordRules::kUnknown, table.minimumObjectSize};
   const RecordFault fault =
       reader.fetch(objectID, slot.position, rules, header.defaultObjectSize, object);
@@ -28,7 +29,7 @@ Result readCommittedVersion(MetaData& metaData, Table& table, const TableHeader_
 }
 
 Result VersionReader::readBefore(std::uint64_t objectID, ObjectBytes* object) {
-  return readCommittedVersion(manager_.metaData, manager_.table, header_, objectID, object);
+  return readCommittedVersion(manager_.table, header_, objectID, object);
 }
 
 Result VersionReader::readAfter(std::uint64_t objectID, ObjectBytes* object) {

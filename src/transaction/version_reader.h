@@ -11,8 +11,8 @@ namespace zelta {
 
 /// The committed version of an object, in the object scratch buffer; none if only a placeholder
 /// stands there: its content is still to come from the log.
-Result readCommittedVersion(MetaData& metaData, Table& table, const TableHeader_tag& header,
-                            std::uint64_t objectID, ObjectBytes* object);
+Result readCommittedVersion(Table& table, const TableHeader_tag& header, std::uint64_t objectID,
+                            ObjectBytes* object);
 
 /// Both versions, while the pending one stands in the memory file.
 class VersionReader final : public VersionSource {

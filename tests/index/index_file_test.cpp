@@ -331,7 +331,7 @@ TEST(IndexFile, A_build_that_died_anywhere_is_done_again) {
       std::filesystem::remove(owner.folder.path() / "T.zli");
       {
         StopAfter stop(calls, cut);
-        AtomicManager manager(owner.metaData, *owner.table);
+        AtomicManager manager(*owner.table);
         IndexFileHeader_tag header{};
         openIndexFile(manager, header, &owner.header, true, true).ignore();
         stopped = stop.stopped;

@@ -34,9 +34,8 @@ class KeyBench : public BufferTable {
               std::uint32_t entry = 0) {
     const std::vector<char> exact(object.begin(), object.end());
     std::uint32_t* made = nullptr;
-    const Result result =
-        extractKey(metaData, table, index,
-                   {{exact.data(), static_cast<std::uint32_t>(exact.size())}, entry}, &made);
+    const Result result = extractKey(
+        table, index, {{exact.data(), static_cast<std::uint32_t>(exact.size())}, entry}, &made);
     key.take(table.keyPool(index), table.keyShape(index), made);
     return result;
   }
@@ -50,7 +49,7 @@ class KeyBench : public BufferTable {
   std::string searchHex(const std::string& image, std::uint32_t index = 0) {
     const std::vector<char> exact(image.begin(), image.end());
     std::uint32_t* made = nullptr;
-    const Result result = buildSearchKey(metaData, table, index, exact.data(), &made);
+    const Result result = buildSearchKey(table, index, exact.data(), &made);
     PooledKey key;
     key.take(table.keyPool(index), table.keyShape(index), made);
     if (result.failed()) return std::to_string(result.code());

@@ -157,7 +157,7 @@ TEST(Keys, PaddedSubFieldsAreTakenFromTheirOffset) {
 TEST(Keys, WithoutAnObjectAreError39) {
   KeyBench t(Fields{{CZELTA::TypeUInt32}}, Indexes{{Segments{{0, 0}}}});
   std::uint32_t* key = reinterpret_cast<std::uint32_t*>(&t);
-  EXPECT_EQ(extractKey(t.metaData, t.table, 0, {}, &key).word(), ownWord(Own::noObject));
+  EXPECT_EQ(extractKey(t.table, 0, {}, &key).word(), ownWord(Own::noObject));
   EXPECT_EQ(key, nullptr);
   EXPECT_EQ(t.hex(t.header(1).raw("abc")), "39");  // shorter than the fixed area
 }
@@ -166,7 +166,7 @@ TEST(Keys, OfTheObjectInTheBuffer) {
   KeyBench t(Fields{{CZELTA::TypeUInt32}}, Indexes{{Segments{{0, 0}}}});
   t.put(t.header(1).number(0x0A0B0C0Du));
   std::uint32_t* key = nullptr;
-  ASSERT_TRUE(extractKey(t.metaData, t.table, 0, {}, &key).ok());
+  ASSERT_TRUE(extractKey(t.table, 0, {}, &key).ok());
   PooledKey owner;
   owner.take(t.table.keyPool(0), t.table.keyShape(0), key);
   EXPECT_EQ(*key, 0x0A0B0C0Du);
@@ -200,7 +200,7 @@ TEST(Keys, OfListsAreError39) {
 TEST(Keys, OfANullImageAreError7) {
   KeyBench t(Fields{{CZELTA::TypeUInt32}}, Indexes{{Segments{{0, 0}}}});
   std::uint32_t* key = nullptr;
-  EXPECT_EQ(buildSearchKey(t.metaData, t.table, 0, nullptr, &key).word(), ownWord(Own::parameter));
+  EXPECT_EQ(buildSearchKey(t.table, 0, nullptr, &key).word(), ownWord(Own::parameter));
 }
 
 // -- Boxes and spans ------------------------------------------------------------------------------
@@ -226,7 +226,7 @@ void expectBoth(KeyBench& t, const std::string& value, const std::vector<std::in
   EXPECT_EQ(words(t, key.get()), expected);
   const std::vector<char> exact(value.begin(), value.end());
   std::uint32_t* made = nullptr;
-  ASSERT_TRUE(buildSearchKey(t.metaData, t.table, 0, exact.data(), &made).ok());
+  ASSERT_TRUE(buildSearchKey(t.table, 0, exact.data(), &made).ok());
   key.take(t.table.keyPool(0), t.table.keyShape(0), made);
   EXPECT_EQ(words(t, key.get()), expected);
 }

@@ -18,7 +18,7 @@ std::vector<std::string> allKeys(KeyBench& bench, const std::string& object, boo
   RowPlaces rows;
   for (std::uint32_t entry = 0;; ++entry) {
     std::uint32_t* made = nullptr;
-    EXPECT_TRUE(extractKey(bench.metaData, bench.table, 0,
+    EXPECT_TRUE(extractKey(bench.table, 0,
                            {{object.data(), static_cast<std::uint32_t>(object.size())},
                             entry,
                             together ? &rows : nullptr},

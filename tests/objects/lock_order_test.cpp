@@ -30,13 +30,13 @@ class LockOrder : public ::testing::Test {
  protected:
   ~LockOrder() override { dropLockPosition(metaData); }
   void lockKey(const OrderedTable& table, std::uint32_t key) {
-    advanceLockPosition(metaData, table.table, 1, &key);
+    advanceLockPosition(table.table, 1, &key);
   }
   void lockID(const OrderedTable& table, std::uint64_t id) {
-    advanceLockPosition(metaData, table.table, id, nullptr);
+    advanceLockPosition(table.table, id, nullptr);
   }
   bool isAhead(const OrderedTable& table, std::uint32_t key) {
-    return isAheadOfLockPosition(metaData, table.table, &key);
+    return isAheadOfLockPosition(table.table, &key);
   }
   /// Key, or 0 if there is none.
   [[nodiscard]] std::uint32_t key() const {

@@ -35,7 +35,7 @@ std::uint32_t offsetOf(const BufferTable& t, const void* address) {
 TEST(NewObject, OfSizeZeroIsTheSmallestObjectWithAnEmptyText) {
   BufferTable t(Fields{{CZELTA::TypeUInt32}, {CZELTA::TypeText}});
   CZELTA::Object object{};
-  ASSERT_TRUE(newObject(t.metaData, t.table, &object, 0).ok());
+  ASSERT_TRUE(newObject(t.table, &object, 0).ok());
   EXPECT_EQ(t.table.objectLength, t.table.minimumObjectSize);
   EXPECT_EQ(t.object(), std::string(6 + 4 + 1, '\0'));
   EXPECT_EQ(object.version, 0);
@@ -45,14 +45,14 @@ TEST(NewObject, OfSizeZeroIsTheSmallestObjectWithAnEmptyText) {
   EXPECT_EQ(offsetOf(t, object.variableData), 10u);
   EXPECT_STREQ(static_cast<char*>(object.variableData), "");
   EXPECT_EQ(t.table.objectData, t.table.objectBuffer.data() + 10);
-  EXPECT_TRUE(validateObject(t.metaData, t.table, t.table.objectData, t.table.objectLength).ok());
+  EXPECT_TRUE(validateObject(t.table, t.table.objectData, t.table.objectLength).ok());
 }
 
 TEST(NewObject, InAFixedTableIgnoresTheSize) {
   BufferTable t(Fields{{CZELTA::TypeUInt32}});
   CZELTA::Object object{};
   object.variableData = &object;
-  ASSERT_TRUE(newObject(t.metaData, t.table, &object, kAllBits).ok());
+  ASSERT_TRUE(newObject(t.table, &object, kAllBits).ok());
   EXPECT_EQ(t.table.objectLength, 10u);
   EXPECT_EQ(t.table.objectBuffer.size(), 16u);
   EXPECT_EQ(t.table.objectData, t.table.objectBuffer.data() + 6);
@@ -60,7 +60,7 @@ TEST(NewObject, InAFixedTableIgnoresTheSize) {
   EXPECT_EQ(object.variableData, nullptr);
   const char* buffer = t.table.objectBuffer.data();
   std::memset(t.table.objectBuffer.data(), 'x', 16);
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   EXPECT_EQ(t.table.objectBuffer.data(), buffer);
   EXPECT_EQ(std::string(buffer, 16), std::string(16, '\0'));
 }
@@ -68,7 +68,7 @@ TEST(NewObject, InAFixedTableIgnoresTheSize) {
 TEST(NewObject, WithWideIDsHasAHeaderOfTenBytes) {
   BufferTable t(Fields{{CZELTA::TypeUInt8}, {CZELTA::TypeText}}, {}, CZELTA::SchemaWideObjectIds);
   CZELTA::Object object{};
-  ASSERT_TRUE(newObject(t.metaData, t.table, &object, 3).ok());
+  ASSERT_TRUE(newObject(t.table, &object, 3).ok());
   EXPECT_EQ(t.table.objectLength, 10u + 1 + 1 + 3);
   EXPECT_EQ(offsetOf(t, object.data), 10u);
 }
@@ -76,24 +76,24 @@ TEST(NewObject, WithWideIDsHasAHeaderOfTenBytes) {
 TEST(NewObject, KeepsABufferAtMostTwiceTooLarge) {
   BufferTable t(Fields{{CZELTA::TypeText}});
   ASSERT_EQ(t.table.minimumObjectSize, 7u);
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 1000 - 17).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 1000 - 17).ok());
   EXPECT_EQ(t.table.objectBuffer.size(), 1000u);
   std::memset(t.table.objectBuffer.data(), 'x', 1000);
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 500 - 17).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 500 - 17).ok());
   EXPECT_EQ(t.table.objectBuffer.size(), 1000u);
   EXPECT_EQ(std::string(t.table.objectBuffer.data(), 1000), std::string(1000, '\0'));
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 499 - 17).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 499 - 17).ok());
   EXPECT_EQ(t.table.objectBuffer.size(), 499u);
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 500 - 17).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 500 - 17).ok());
   EXPECT_EQ(t.table.objectBuffer.size(), 500u);
 }
 
 TEST(NewObject, BeyondTheLargestSizeLeavesTheBuffer) {
   BufferTable t(Fields{{CZELTA::TypeText}});
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   const char* data = t.table.objectData;
-  EXPECT_EQ(newObject(t.metaData, t.table, nullptr, 4294967280u - 6).word(), kNoMemory);
-  EXPECT_EQ(newObject(t.metaData, t.table, nullptr, kAllBits).word(), kNoMemory);
+  EXPECT_EQ(newObject(t.table, nullptr, 4294967280u - 6).word(), kNoMemory);
+  EXPECT_EQ(newObject(t.table, nullptr, kAllBits).word(), kNoMemory);
   EXPECT_EQ(t.table.objectData, data);
 }
 
@@ -105,7 +105,7 @@ TEST(NewObject, DropsTheCurrentKeysButNotThoseOfCommit) {
   node->key = cursor.keyPool.takeFixed(1);
   insert(node, cursor.removedKeys, t.table.keyShape(0));
   t.table.currentObjectID = 9;
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   EXPECT_EQ(cursor.currentKey, nullptr);
   EXPECT_EQ(cursor.removedKeys, node);
   EXPECT_EQ(t.table.currentObjectID, 0u);
@@ -121,7 +121,7 @@ TEST(GetVariableField, FindsEachField) {
   for (std::uint32_t f = 0; f < 5; ++f) {
     void* value = nullptr;
     CZELTA::Object object{};
-    ASSERT_TRUE(getVariableField(t.metaData, t.table, f, &value, &object).ok());
+    ASSERT_TRUE(getVariableField(t.table, f, &value, &object).ok());
     EXPECT_EQ(offsetOf(t, value), expected[f]);
     EXPECT_EQ(object.version, 3);
     EXPECT_EQ(object.objectID, 7);
@@ -131,42 +131,36 @@ TEST(GetVariableField, FindsEachField) {
 
 TEST(GetVariableField, PastTheEndFillsTheRecordAlone) {
   BufferTable t(kMixed);
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   CZELTA::Object object{};
-  EXPECT_TRUE(getVariableField(t.metaData, t.table, 5, nullptr, &object).ok());
+  EXPECT_TRUE(getVariableField(t.table, 5, nullptr, &object).ok());
   EXPECT_EQ(object.data, t.table.objectData + 6);
-  EXPECT_TRUE(getVariableField(t.metaData, t.table, kAllBits, nullptr, &object).ok());
+  EXPECT_TRUE(getVariableField(t.table, kAllBits, nullptr, &object).ok());
   void* value = nullptr;
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 5, &value, &object).word(),
-            ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, kAllBits, &value, nullptr).word(),
-            ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 5, nullptr, nullptr).word(),
-            ownWord(Own::parameter));
-  EXPECT_TRUE(getVariableField(t.metaData, t.table, 4, nullptr, nullptr).ok());
+  EXPECT_EQ(getVariableField(t.table, 5, &value, &object).word(), ownWord(Own::parameter));
+  EXPECT_EQ(getVariableField(t.table, kAllBits, &value, nullptr).word(), ownWord(Own::parameter));
+  EXPECT_EQ(getVariableField(t.table, 5, nullptr, nullptr).word(), ownWord(Own::parameter));
+  EXPECT_TRUE(getVariableField(t.table, 4, nullptr, nullptr).ok());
 }
 
 TEST(GetVariableField, WithoutAnObjectIsError39) {
   BufferTable t(kMixed);
   void* value = nullptr;
   CZELTA::Object object{};
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 0, &value, nullptr).word(),
-            ownWord(Own::noObject));
+  EXPECT_EQ(getVariableField(t.table, 0, &value, nullptr).word(), ownWord(Own::noObject));
   EXPECT_EQ(t.error(), "The table handle does not currently contain a valid object.");
-  EXPECT_EQ(getVariableField(t.metaData, t.table, 9, nullptr, &object).word(),
-            ownWord(Own::noObject));
+  EXPECT_EQ(getVariableField(t.table, 9, nullptr, &object).word(), ownWord(Own::noObject));
 }
 
 TEST(GetVariableField, InAFixedTableHasNoField) {
   BufferTable t(Fields{{CZELTA::TypeUInt32}, {CZELTA::TypeUInt32}});
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   for (const std::uint32_t field : {0u, 1u, 2u, kAllBits}) {
     void* value = nullptr;
-    EXPECT_EQ(getVariableField(t.metaData, t.table, field, &value, nullptr).word(),
-              ownWord(Own::parameter));
+    EXPECT_EQ(getVariableField(t.table, field, &value, nullptr).word(), ownWord(Own::parameter));
   }
   CZELTA::Object object{};
-  EXPECT_TRUE(getVariableField(t.metaData, t.table, 1, nullptr, &object).ok());
+  EXPECT_TRUE(getVariableField(t.table, 1, nullptr, &object).ok());
   EXPECT_EQ(object.variableData, nullptr);
 }
 
@@ -262,7 +256,7 @@ TEST(SubFieldAddress, FindsEverySubFieldOfEveryRow) {
                                       tagOffset(t) + 20 + textLength[r]};
     for (std::uint32_t s = 0; s < 5; ++s) {
       void* value = nullptr;
-      ASSERT_TRUE(getVariableField(t.metaData, t.table, {1, s, r}, &value, nullptr).ok());
+      ASSERT_TRUE(getVariableField(t.table, {1, s, r}, &value, nullptr).ok());
       ASSERT_NE(value, nullptr);
       EXPECT_EQ(offsetOf(t, value), starts[r] + expected[s]) << r << " " << s;
     }
@@ -304,21 +298,18 @@ TEST(SubFieldAddress, StaysInTheObjectWhateverTheFieldSays) {
 
 TEST(GetVariableField, OfARowRefusesWhatIsNoRow) {
   BufferTable t(kRows);
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   void* value = nullptr;
-  EXPECT_EQ(getVariableField(t.metaData, t.table, {0, 0, 0}, &value, nullptr).word(),
+  EXPECT_EQ(getVariableField(t.table, {0, 0, 0}, &value, nullptr).word(), ownWord(Own::parameter));
+  EXPECT_EQ(getVariableField(t.table, {2, 0, 0}, &value, nullptr).word(), ownWord(Own::parameter));
+  EXPECT_EQ(getVariableField(t.table, {kAllBits, 0, 0}, &value, nullptr).word(),
             ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, {2, 0, 0}, &value, nullptr).word(),
-            ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, {kAllBits, 0, 0}, &value, nullptr).word(),
-            ownWord(Own::parameter));
-  EXPECT_EQ(getVariableField(t.metaData, t.table, {1, 5, 0}, &value, nullptr).word(),
-            ownWord(Own::parameter));
+  EXPECT_EQ(getVariableField(t.table, {1, 5, 0}, &value, nullptr).word(), ownWord(Own::parameter));
   EXPECT_EQ(t.error(),
             "One or more parameters is within an invaild range for table \"T\".\nParameter 1 = 1, "
             "Parameter 2 = 5.");
   value = &value;
-  EXPECT_TRUE(getVariableField(t.metaData, t.table, {1, 0, 0}, &value, nullptr).ok());
+  EXPECT_TRUE(getVariableField(t.table, {1, 0, 0}, &value, nullptr).ok());
   EXPECT_EQ(value, nullptr);
 }
 
@@ -329,7 +320,7 @@ TEST(PutVariableSize, ClearsTheVariableFieldsAndKeepsTheFixedOnes) {
   for (const std::uint32_t size : {0u, 7u, 500u, 0u}) {
     t.put(t.header(5, 2).number(77u).text("ab").shortBinary("").wide(u"").binary("").text("x"));
     CZELTA::Object object{};
-    ASSERT_TRUE(putVariableValues(t.metaData, t.table, &object, size).ok());
+    ASSERT_TRUE(putVariableValues(t.table, &object, size).ok());
     const std::size_t variable = t.table.minimumObjectSize - t.table.fixedAreaSize + size;
     EXPECT_EQ(t.object(), t.header(5, 2).number(77u).zeros(variable).str());
     EXPECT_EQ(object.objectID, 5);
@@ -339,17 +330,15 @@ TEST(PutVariableSize, ClearsTheVariableFieldsAndKeepsTheFixedOnes) {
 
 TEST(PutVariableSize, FailsWithoutBufferInFixedTablesAndBeyondTheLargestSize) {
   BufferTable t(kMixed);
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, nullptr, 1).word(), ownWord(Own::noObject));
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 3).ok());
+  EXPECT_EQ(putVariableValues(t.table, nullptr, 1).word(), ownWord(Own::noObject));
+  ASSERT_TRUE(newObject(t.table, nullptr, 3).ok());
   const std::string before = t.object();
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, nullptr, kAllBits).word(), kNoMemory);
+  EXPECT_EQ(putVariableValues(t.table, nullptr, kAllBits).word(), kNoMemory);
   EXPECT_EQ(t.object(), before);
   BufferTable fixed(Fields{{CZELTA::TypeUInt32}});
-  EXPECT_EQ(putVariableValues(fixed.metaData, fixed.table, nullptr, 1).word(),
-            ownWord(Own::noObject));
-  ASSERT_TRUE(newObject(fixed.metaData, fixed.table, nullptr, 3).ok());
-  EXPECT_EQ(putVariableValues(fixed.metaData, fixed.table, nullptr, 1).word(),
-            ownWord(Own::context));
+  EXPECT_EQ(putVariableValues(fixed.table, nullptr, 1).word(), ownWord(Own::noObject));
+  ASSERT_TRUE(newObject(fixed.table, nullptr, 3).ok());
+  EXPECT_EQ(putVariableValues(fixed.table, nullptr, 1).word(), ownWord(Own::context));
   EXPECT_EQ(fixed.error(), "This method has been called in an incorrect context.");
 }
 
@@ -359,12 +348,12 @@ TEST(PutVariableValues, WithNullEmptiesTheFieldAndShortensTheObject) {
   BufferTable t(kMixed);
   t.put(t.header(5).number(77u).text("abc").shortBinary("x").wide(u"w").binary("y").text("z"));
   CZELTA::Object object{};
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {nullptr, 0, 0, 1}, &object).ok());
+  ASSERT_TRUE(putVariableValues(t.table, {nullptr, 0, 0, 1}, &object).ok());
   EXPECT_EQ(
       t.object(),
       t.header(5).number(77u).text("").shortBinary("x").wide(u"w").binary("y").text("z").str());
   EXPECT_EQ(object.length, t.table.objectLength - 6);
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {nullptr, 0, 1, 4}, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.table, {nullptr, 0, 1, 4}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).number(77u).zeros(1 + 2 + 2 + 4 + 1).str());
 }
 
@@ -372,31 +361,29 @@ TEST(PutVariableValues, OfCountZeroChangesNothingButProvesTheTail) {
   BufferTable t(kMixed);
   t.put(t.header(5).number(77u).text("a").shortBinary("x").wide(u"w").binary("y").text("z"));
   const std::string before = t.object();
-  EXPECT_TRUE(putVariableValues(t.metaData, t.table, {"q", 1, 2, 0}, nullptr).ok());
-  EXPECT_TRUE(putVariableValues(t.metaData, t.table, {"q", 1, 5, 0}, nullptr).ok());
+  EXPECT_TRUE(putVariableValues(t.table, {"q", 1, 2, 0}, nullptr).ok());
+  EXPECT_TRUE(putVariableValues(t.table, {"q", 1, 5, 0}, nullptr).ok());
   EXPECT_EQ(t.object(), before);
   t.put(before.substr(0, before.size() - 1));
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, {"q", 1, 2, 0}, nullptr).word(),
+  EXPECT_EQ(putVariableValues(t.table, {"q", 1, 2, 0}, nullptr).word(),
             ownWord(Own::variableField));
 }
 
 TEST(PutVariableValues, RefusesFieldsThatAreNot) {
   BufferTable t(kMixed);
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, {"", 1, 0, 1}, nullptr).word(),
-            ownWord(Own::noObject));
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  EXPECT_EQ(putVariableValues(t.table, {"", 1, 0, 1}, nullptr).word(), ownWord(Own::noObject));
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   const std::uint32_t wrong[][2] = {{5, 1}, {0, 6}, {kAllBits, 1}, {1, kAllBits}, {6, 0}};
   for (const auto& [field, count] : wrong) {
-    EXPECT_EQ(putVariableValues(t.metaData, t.table, {"", 1, field, count}, nullptr).word(),
+    EXPECT_EQ(putVariableValues(t.table, {"", 1, field, count}, nullptr).word(),
               ownWord(Own::parameter));
   }
   EXPECT_EQ(t.error(),
             "One or more parameters is within an invaild range for table \"T\".\nParameter 1 = 1, "
             "Parameter 2 = 7.");
   BufferTable fixed(Fields{{CZELTA::TypeUInt32}});
-  ASSERT_TRUE(newObject(fixed.metaData, fixed.table, nullptr, 0).ok());
-  EXPECT_EQ(putVariableValues(fixed.metaData, fixed.table, {"", 1, 0, 1}, nullptr).word(),
-            ownWord(Own::context));
+  ASSERT_TRUE(newObject(fixed.table, nullptr, 0).ok());
+  EXPECT_EQ(putVariableValues(fixed.table, {"", 1, 0, 1}, nullptr).word(), ownWord(Own::context));
 }
 
 TEST(PutVariableValues, WithMalformedValuesLeavesTheBuffer) {
@@ -417,11 +404,11 @@ TEST(PutVariableValues, WithMalformedValuesLeavesTheBuffer) {
                {3, "abc"}};
   for (const auto& [field, bytes] : wrong) {
     const std::vector<char> exact(bytes.begin(), bytes.end());
-    EXPECT_EQ(putVariableValues(t.metaData, t.table,
-                                {exact.data(), static_cast<std::uint32_t>(exact.size()), field, 1},
-                                nullptr)
-                  .word(),
-              ownWord(Own::variableField))
+    EXPECT_EQ(
+        putVariableValues(
+            t.table, {exact.data(), static_cast<std::uint32_t>(exact.size()), field, 1}, nullptr)
+            .word(),
+        ownWord(Own::variableField))
         << bytes;
     EXPECT_EQ(t.object(), before);
   }
@@ -437,7 +424,7 @@ TEST(PutVariableValues, IntoAMalformedObjectLeavesTheBuffer) {
   for (std::size_t length = t.table.fixedAreaSize; length < good.size(); ++length) {
     for (std::uint32_t field = 0; field < 5; ++field) {
       t.put(good.substr(0, length));
-      EXPECT_EQ(putVariableValues(t.metaData, t.table, {nullptr, 0, field, 1}, nullptr).word(),
+      EXPECT_EQ(putVariableValues(t.table, {nullptr, 0, field, 1}, nullptr).word(),
                 ownWord(Own::variableField));
       EXPECT_EQ(t.object(), good.substr(0, length));
     }
@@ -447,18 +434,18 @@ TEST(PutVariableValues, IntoAMalformedObjectLeavesTheBuffer) {
 TEST(PutVariableValues, MovesBytesBehindTheLastFieldAlong) {
   BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}});
   t.put(t.header(5).text("a").text("b").raw("xyz"));
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {"long", 5, 0, 1}, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.table, {"long", 5, 0, 1}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).text("long").text("b").raw("xyz").str());
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {"", 1, 1, 1}, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.table, {"", 1, 1, 1}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).text("long").text("").raw("xyz").str());
-  EXPECT_EQ(validateObject(t.metaData, t.table, t.table.objectData, t.table.objectLength).word(),
+  EXPECT_EQ(validateObject(t.table, t.table.objectData, t.table.objectLength).word(),
             ownWord(Own::objectTooLong));
 }
 
 TEST(PutVariableValues, StepsOverPoints) {
   BufferTable t(Fields{{CZELTA::TypePoints2}, {CZELTA::TypeText}});
   t.put(t.header(5).binary("12345678").text("b"));
-  ASSERT_TRUE(putVariableValues(t.metaData, t.table, {"long", 0, 1, 1}, nullptr).ok());
+  ASSERT_TRUE(putVariableValues(t.table, {"long", 0, 1, 1}, nullptr).ok());
   EXPECT_EQ(t.object(), t.header(5).binary("12345678").text("long").str());
 }
 
@@ -470,11 +457,11 @@ TEST(PutVariableValues, TakesValuesFromTheBufferItself) {
       for (std::uint32_t to = 0; to < 3; ++to) {
         BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}, {CZELTA::TypeText}});
         const std::string object = t.header(1).text(values[0]).text(values[1]).text(values[2]);
-        ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, room ? 100 : 54).ok());
+        ASSERT_TRUE(newObject(t.table, nullptr, room ? 100 : 54).ok());
         t.put(object);
         void* value = nullptr;
-        ASSERT_TRUE(getVariableField(t.metaData, t.table, from, &value, nullptr).ok());
-        ASSERT_TRUE(putVariableValues(t.metaData, t.table, {value, 0, to, 1}, nullptr).ok());
+        ASSERT_TRUE(getVariableField(t.table, from, &value, nullptr).ok());
+        ASSERT_TRUE(putVariableValues(t.table, {value, 0, to, 1}, nullptr).ok());
         std::string expected[] = {values[0], values[1], values[2]};
         expected[to] = values[from];
         EXPECT_EQ(t.object(),
@@ -523,7 +510,7 @@ TEST(PutVariableValues, AgreesWithAModel) {
     const bool trusted = below(3) == 0;
     const std::vector<char> exact(values.begin(), values.end());
     ASSERT_TRUE(
-        putVariableValues(t.metaData, t.table,
+        putVariableValues(t.table,
                           {clear || exact.empty() ? nullptr : exact.data(),
                            trusted ? 0 : static_cast<std::uint32_t>(exact.size()), first, count},
                           nullptr)
@@ -538,10 +525,9 @@ TEST(PutVariableValues, AgreesWithAModel) {
 
 TEST(PutVariableValues, OnAnUnknownTypeNamesIt) {
   BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}});
-  ASSERT_TRUE(newObject(t.metaData, t.table, nullptr, 0).ok());
+  ASSERT_TRUE(newObject(t.table, nullptr, 0).ok());
   t.table.schema->fields[0].fieldType = 100;
-  EXPECT_EQ(putVariableValues(t.metaData, t.table, {"", 1, 1, 1}, nullptr).word(),
-            ownWord(Own::fieldType));
+  EXPECT_EQ(putVariableValues(t.table, {"", 1, 1, 1}, nullptr).word(), ownWord(Own::fieldType));
   EXPECT_EQ(t.error(),
             "Unable to use table schema as it contains an invalid field.\nTable \"T\", Field "
             "\"f0\" has type 100.");

@@ -145,7 +145,7 @@ TEST_F(RewriteObject, WithoutACurrentObjectIsError39) {
   EXPECT_EQ(one->rewrite().word(), ownWord(Own::noObject));
   EXPECT_EQ(one->error(), "The table handle does not currently contain a valid object.");
   one->added(number(1));
-  ASSERT_TRUE(newObject(one->metaData, one->table(), nullptr, 0).ok());
+  ASSERT_TRUE(newObject(one->table(), nullptr, 0).ok());
   EXPECT_EQ(one->rewrite().word(), ownWord(Own::noObject));
 }
 

@@ -18,8 +18,7 @@ using testing::Packed;
 Result check(BufferTable& t, const std::string& object) {
   // An allocation of just this size, so that a sanitizer sees a read behind it.
   const std::vector<char> exact(object.begin(), object.end());
-  return validateObject(t.metaData, t.table, exact.data(),
-                        static_cast<std::uint32_t>(exact.size()));
+  return validateObject(t.table, exact.data(), static_cast<std::uint32_t>(exact.size()));
 }
 
 TEST(ValidateObject, PassesAFixedTableAtOnce) {
@@ -177,7 +176,7 @@ TEST(ValidateObject, NamesAnUnknownType) {
 TEST(ValidateObject, RefusesWhatCouldNotBeFramed) {
   BufferTable t(Fields{{CZELTA::TypeText}});
   const std::string object = t.header(9).text("");
-  EXPECT_EQ(validateObject(t.metaData, t.table, object.data(), 0xFFFFFFE1u).word(),
+  EXPECT_EQ(validateObject(t.table, object.data(), 0xFFFFFFE1u).word(),
             Result::system(code::kNoMemory).word());
 }
 

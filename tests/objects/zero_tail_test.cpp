@@ -59,7 +59,7 @@ TEST_F(ZeroTail, StandsBehindObjectsOfFixedSize) {
 /// Fills the buffer with other bytes, up to the end of its memory, and puts an object there.
 void fill(BufferTable& t, std::uint64_t capacity, const std::string& object) {
   ASSERT_TRUE(
-      newObject(t.metaData, t.table, nullptr,
+      newObject(t.table, nullptr,
                 static_cast<std::uint32_t>(capacity - kVariableLead - t.table.minimumObjectSize))
           .ok());
   std::memset(t.table.objectBuffer.data(), 'x', t.table.objectBuffer.size() + kZeroTail);
@@ -71,10 +71,10 @@ TEST_F(ZeroTail, StandsBehindWhatIsMadeAndChanged) {
   BufferTable t(Fields{{CZELTA::TypeText}, {CZELTA::TypeText}});
   const std::string object = t.header(1).text("ab").text("cd");
   const auto replace = [&](const std::string& value) {
-    EXPECT_TRUE(putVariableValues(
-                    t.metaData, t.table,
-                    {value.c_str(), static_cast<std::uint32_t>(value.size() + 1), 0, 1}, nullptr)
-                    .ok());
+    EXPECT_TRUE(
+        putVariableValues(
+            t.table, {value.c_str(), static_cast<std::uint32_t>(value.size() + 1), 0, 1}, nullptr)
+            .ok());
     EXPECT_EQ(behind(t.table), kZeros) << value;
   };
   fill(t, 100, object);
@@ -95,12 +95,12 @@ TEST_F(ZeroTail, StandsBehindWhatIsMadeAndChanged) {
   replace(std::string(1000, 'z'));
 
   fill(t, 100, object);
-  EXPECT_TRUE(newObject(t.metaData, t.table, nullptr, 80).ok());
+  EXPECT_TRUE(newObject(t.table, nullptr, 80).ok());
   EXPECT_EQ(behind(t.table), kZeros);
   fill(t, 100, object);
-  EXPECT_TRUE(putVariableValues(t.metaData, t.table, nullptr, 80).ok());
+  EXPECT_TRUE(putVariableValues(t.table, nullptr, 80).ok());
   EXPECT_EQ(behind(t.table), kZeros);
-  EXPECT_TRUE(putVariableValues(t.metaData, t.table, nullptr, 800).ok());
+  EXPECT_TRUE(putVariableValues(t.table, nullptr, 800).ok());
   EXPECT_EQ(behind(t.table), kZeros);
 }
 

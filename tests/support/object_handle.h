@@ -124,7 +124,7 @@ class ObjectHandle {
     });
   }
   Result restore(long long id, bool unlock = false) {
-    return quiet([&] { return restoreObject(metaData, table(), id, unlock); });
+    return quiet([&] { return restoreObject(table(), id, unlock); });
   }
 
   void done(Result result) { EXPECT_EQ(result.word(), 0u) << error(); }

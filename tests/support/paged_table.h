@@ -32,7 +32,7 @@ class PagedTable {
 
   /// As another process would see the files.
   void reopen() {
-    table = std::make_unique<Table>(indexes_);
+    table = std::make_unique<Table>(metaData, indexes_);
     table->name = u"T";
     table->key = 1;
     table->fixedAreaSize = 10;

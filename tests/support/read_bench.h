@@ -63,7 +63,7 @@ class ReadHandle {
 
   /// Makes the Table as opening it would.
   void openTable() {
-    auto made = std::make_unique<Table>(std::uint16_t{1});
+    auto made = std::make_unique<Table>(metaData, std::uint16_t{1});
     struct Block {
       CZELTA::Schema schema;
       CZELTA::Schema::Index index;
@@ -124,11 +124,11 @@ class ReadHandle {
   /// Puts an object into the memory file as an add or a rewrite of this transaction does.
   void pend(std::uint64_t id, const Row& row, bool added) {
     TableHeader_tag header{};
-    AtomicManager manager(metaData, *table);
+    AtomicManager manager(*table);
     IndexFileHeader_tag index{};
     MemoryFileHeader_tag memory{};
     TableMutexGuard mutex;
-    ASSERT_TRUE(mutex.acquire(metaData, *table, 1000).ok());
+    ASSERT_TRUE(mutex.acquire(*table, 1000).ok());
     ASSERT_TRUE(readTableHeader(metaData, u"T", table->tableFile, header, true).ok());
     ASSERT_TRUE(readMemoryFileHeader(manager, memory, true).ok());
     ASSERT_TRUE(openIndexFile(manager, index, &header, true, true).ok());

@@ -31,7 +31,7 @@ class Versions : public ::testing::TestWithParam<bool> {
 
 TEST_P(Versions, ReadsTheCommittedAndThePendingOne) {
   ReadHandle& handle = bench_.first();
-  AtomicManager manager(handle.metaData, *handle.table);
+  AtomicManager manager(*handle.table);
   TableHeader_tag header;
   MemoryFileHeader_tag memory;
   ASSERT_TRUE(readTableHeader(handle.metaData, u"T", handle.table->tableFile, header, true).ok());
@@ -63,9 +63,9 @@ TEST_P(Versions, APlaceholderIsNoVersion) {
   ASSERT_TRUE(readTableHeader(handle.metaData, u"T", handle.table->tableFile, header, true).ok());
   ObjectBytes object;
   // Records stand in descending order of ID.
-  ASSERT_TRUE(readCommittedVersion(handle.metaData, *handle.table, header, 2, &object).ok());
+  ASSERT_TRUE(readCommittedVersion(*handle.table, header, 2, &object).ok());
   EXPECT_EQ(bytes(object), "");
-  ASSERT_TRUE(readCommittedVersion(handle.metaData, *handle.table, header, 1, &object).ok());
+  ASSERT_TRUE(readCommittedVersion(*handle.table, header, 1, &object).ok());
   EXPECT_EQ(bytes(object), encoded(1, 7, {10, "one"}));
 }
 
