@@ -78,7 +78,7 @@ struct NoVersions final : VersionSource {
 class IndexSession {
  public:
   explicit IndexSession(IndexedTable& owner, bool exclusive = true, bool mustExist = true)
-      : owner_(owner), manager(owner.metaData, *owner.table) {
+      : owner_(owner), manager(*owner.table) {
     result = openIndexFile(manager, header, &owner.header, exclusive, mustExist);
     if (result.ok() && exclusive) {
       result = readMemoryFileHeader(manager, memoryHeader, true);

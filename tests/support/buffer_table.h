@@ -118,7 +118,7 @@ class SchemaRecords {
 class BufferTable {
  public:
   explicit BufferTable(const Fields& fields, const Indexes& indexes = {}, std::uint32_t flags = 0)
-      : table(0) {
+      : table(metaData) {
     const SchemaRecords records(fields, indexes, flags);
     SchemaCopy copy;
     ObjectSizes sizes;

@@ -77,7 +77,7 @@ class PagedTable {
 class MemorySession {
  public:
   explicit MemorySession(PagedTable& owner, bool mayRecover = true)
-      : owner_(owner), manager(owner.metaData, *owner.table) {
+      : owner_(owner), manager(*owner.table) {
     result = readMemoryFileHeader(manager, header, mayRecover);
     if (result.ok()) {
       manager.attach(platform::File::none, nullptr, owner.table->memoryFile, &header);

@@ -37,7 +37,7 @@ struct TreeForm {
 class TreeBench {
  public:
   explicit TreeBench(TreeForm theForm, std::uint32_t indexes = 1)
-      : form(theForm), table(static_cast<std::uint16_t>(indexes)) {
+      : form(theForm), table(metaData, static_cast<std::uint16_t>(indexes)) {
     const std::size_t bytes = sizeof(CZELTA::Schema) + indexes * sizeof(CZELTA::Schema::Index);
     table.schema = static_cast<CZELTA::Schema*>(std::calloc(1, bytes));
     table.schema->indexes = reinterpret_cast<CZELTA::Schema::Index*>(table.schema + 1);
@@ -58,7 +58,7 @@ class TreeBench {
     indexHeader.endOfFile = 1024;
     memoryHeader.pageSize = form.pageSize;
     memoryHeader.endOfFile = kMemoryForm.headerSize(indexes);
-    manager = std::make_unique<AtomicManager>(metaData, table);
+    manager = std::make_unique<AtomicManager>(table);
     attach();
   }
 
