@@ -38,7 +38,7 @@ unsigned long long CZELTA::CreateDatabase(const char16_t* path) {
   clearError(*metaData_);
   StateCheck check(*metaData_);
   if (check.parameter(path != nullptr).closed().failed()) return check.word();
-  return perform(*metaData_, false, [&] { return createDatabase(*metaData_, tables_, path); });
+  return perform(*metaData_, false, [&] { return createDatabase({*metaData_, tables_}, path); });
 }
 
 unsigned long long CZELTA::OpenDatabase(const char16_t* path) {
@@ -46,13 +46,13 @@ unsigned long long CZELTA::OpenDatabase(const char16_t* path) {
   clearError(*metaData_);
   StateCheck check(*metaData_);
   if (check.parameter(path != nullptr).closed().failed()) return check.word();
-  return perform(*metaData_, false, [&] { return openDatabase(*metaData_, tables_, path); });
+  return perform(*metaData_, false, [&] { return openDatabase({*metaData_, tables_}, path); });
 }
 
 unsigned long long CZELTA::CloseDatabase() {
   if (metaData_ == nullptr) return kNullHandle;
   static_cast<void>(perform(*metaData_, false, [&] {
-    closeDatabase(*metaData_, tables_);
+    closeDatabase({*metaData_, tables_});
     return Result{};
   }));
   clearError(*metaData_);
@@ -92,14 +92,15 @@ unsigned long long CZELTA::BeginTransaction(Mode mode, unsigned int timeout) {
                      mode == TransactionRead || mode == TransactionExclusiveRead;
   StateCheck check(*metaData_);
   if (check.open().noTransaction().parameter(known).failed()) return check.word();
-  return perform(*metaData_, false,
-                 [&] { return beginTransaction(*metaData_, tables_, mode, timeout); });
+  return perform(*metaData_, false, [&] {
+    return beginTransaction({*metaData_, tables_}, mode, timeout);
+  });
 }
 
 unsigned long long CZELTA::EndTransaction() {
   if (metaData_ == nullptr) return kNullHandle;
   clearError(*metaData_);
-  return perform(*metaData_, true, [&] { return endTransaction(*metaData_, tables_); });
+  return perform(*metaData_, true, [&] { return endTransaction({*metaData_, tables_}); });
 }
 
 unsigned long long CZELTA::CommitTransaction(bool releaseLocks) {
@@ -108,14 +109,16 @@ unsigned long long CZELTA::CommitTransaction(bool releaseLocks) {
   StateCheck check(*metaData_);
   if (check.transaction().mayWrite().failed()) return check.word();
   // A commit that is decided, but was not carried out, tells why in its text alone.
-  return performKeepingText(*metaData_, true,
-                            [&] { return commitTransaction(*metaData_, tables_, releaseLocks); });
+  return performKeepingText(*metaData_, true, [&] {
+    return commitTransaction({*metaData_, tables_}, releaseLocks);
+  });
 }
 
 unsigned long long CZELTA::AbortTransaction(bool releaseLocks) {
   clearError(*metaData_);
-  return perform(*metaData_, true,
-                 [&] { return abortTransaction(*metaData_, tables_, releaseLocks); });
+  return perform(*metaData_, true, [&] {
+    return abortTransaction({*metaData_, tables_}, releaseLocks);
+  });
 }
 
 unsigned long long CZELTA::AppendTransaction(unsigned int, long long, unsigned int, long long,

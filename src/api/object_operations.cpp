@@ -68,8 +68,9 @@ unsigned long long CZELTA::AddObject(unsigned int table, Object* object, long lo
   if (check.transaction().ownThread().mayWrite().table(tables_, table, open).failed()) {
     return check.word();
   }
-  return perform(*metaData_, false,
-                 [&] { return addObject(*metaData_, tables_, *open, object, objectID); });
+  return perform(*metaData_, false, [&] {
+    return addObject({*metaData_, tables_}, *open, object, objectID);
+  });
 }
 
 unsigned long long CZELTA::RewriteObject(unsigned int table, Object* object) {
@@ -79,8 +80,9 @@ unsigned long long CZELTA::RewriteObject(unsigned int table, Object* object) {
   if (check.transaction().ownThread().mayWrite().table(tables_, table, open).failed()) {
     return check.word();
   }
-  return perform(*metaData_, false,
-                 [&] { return rewriteObject(*metaData_, tables_, *open, object); });
+  return perform(*metaData_, false, [&] {
+    return rewriteObject({*metaData_, tables_}, *open, object);
+  });
 }
 
 unsigned long long CZELTA::RestoreObject(unsigned int table, long long objectID, bool unlock) {
@@ -129,7 +131,7 @@ unsigned long long read(Request request) {
   if (request.entry != nullptr) *request.entry = 0;
   if (check.table(request.tables, request.table, open).failed()) return check.word();
   return perform(metaData, false, [&] {
-    return readObject(metaData, request.tables, *open, query, request.object, request.entry);
+    return readObject({metaData, request.tables}, *open, query, request.object, request.entry);
   });
 }
 
@@ -143,7 +145,7 @@ unsigned long long erase(const Request& request) {
   if (request.entry != nullptr) *request.entry = 0;
   if (check.table(request.tables, request.table, open).failed()) return check.word();
   return perform(metaData, false, [&] {
-    return deleteObject(metaData, request.tables, *open, request.query, request.object,
+    return deleteObject({metaData, request.tables}, *open, request.query, request.object,
                         request.entry);
   });
 }
@@ -186,7 +188,7 @@ unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, c
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return searchIndex(*metaData_, tables_, *open, ExpressionSearch{index, key, search, mode},
+    return searchIndex({*metaData_, tables_}, *open, ExpressionSearch{index, key, search, mode},
                        count);
   });
 }
@@ -198,6 +200,7 @@ unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, c
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return searchIndex(*metaData_, tables_, *open, ShapeSearch{index, key, tolerance, mode}, count);
+    return searchIndex({*metaData_, tables_}, *open, ShapeSearch{index, key, tolerance, mode},
+                       count);
   });
 }

@@ -14,7 +14,7 @@ unsigned long long CZELTA::AddTable(const char16_t* fileName, unsigned int table
     return check.word();
   }
   return perform(*metaData_, false, [&] {
-    return addTable(*metaData_, tables_, fileName, table, directory, lockOrder, true);
+    return addTable({*metaData_, tables_}, fileName, table, directory, lockOrder, true);
   });
 }
 
@@ -24,8 +24,9 @@ unsigned long long CZELTA::CreateTable(const Schema* schema, unsigned int* table
   StateCheck check(*metaData_);
   if (check.open().exclusive().mayWrite().require(named, Own::tableName).failed())
     return check.word();
-  return perform(*metaData_, false,
-                 [&] { return createTable(*metaData_, tables_, schema, table, true); });
+  return perform(*metaData_, false, [&] {
+    return createTable({*metaData_, tables_}, schema, table, true);
+  });
 }
 
 unsigned long long CZELTA::OpenTable(unsigned int table) {
@@ -33,7 +34,7 @@ unsigned long long CZELTA::OpenTable(unsigned int table) {
   clearError(*metaData_);
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().failed()) return check.word();
-  return perform(*metaData_, false, [&] { return openTable(*metaData_, tables_, table); });
+  return perform(*metaData_, false, [&] { return openTable({*metaData_, tables_}, table); });
 }
 
 unsigned long long CZELTA::CloseTable(unsigned int table) {
@@ -48,8 +49,9 @@ unsigned long long CZELTA::RemoveTable(unsigned int table, bool deleteFiles) {
   clearError(*metaData_);
   StateCheck check(*metaData_);
   if (check.exclusive().mayWrite().failed()) return check.word();
-  return perform(*metaData_, false,
-                 [&] { return removeTable(*metaData_, tables_, table, deleteFiles, true); });
+  return perform(*metaData_, false, [&] {
+    return removeTable({*metaData_, tables_}, table, deleteFiles, true);
+  });
 }
 
 unsigned long long CZELTA::GetTableSchema(unsigned int table, Schema* schema, unsigned int* size) {

@@ -187,63 +187,65 @@ Result cutMemoryFiles(MetaData& metaData, const ControlHeader_tag& header) {
   return {};
 }
 
-Result recoverExclusive(MetaData& metaData, UInt32AVLTree*& tables, ControlHeader_tag& header) {
+Result recoverExclusive(const Session& session, ControlHeader_tag& header) {
   constexpr std::uint32_t kState = offsetof(ControlHeader_tag, exclusiveState);
   std::uint32_t state = 0;
-  if (const SystemCode failure = readBuffer(metaData.controlFile, kState, &state, 4);
+  if (const SystemCode failure = readBuffer(session.metaData.controlFile, kState, &state, 4);
       failure != 0) {
-    return reportControlFile(metaData, failure);
+    return reportControlFile(session.metaData, failure);
   }
   if (state == 0) return {};
-  ZELTA_TRY(recoverCommitted(metaData, tables, kExclusiveNumber, header));
+  ZELTA_TRY(recoverCommitted(session, kExclusiveNumber, header));
   state = 0;
-  SystemCode failure = writeBuffer(metaData.controlFile, kState, &state, 4);
-  if (failure == 0) failure = platform::flushFile(metaData.controlFile);
-  if (failure != 0) return reportControlFile(metaData, failure);
-  return refreshControlHeader(metaData, header);  // a replayed change moves the directory's end
+  SystemCode failure = writeBuffer(session.metaData.controlFile, kState, &state, 4);
+  if (failure == 0) failure = platform::flushFile(session.metaData.controlFile);
+  if (failure != 0) return reportControlFile(session.metaData, failure);
+  return refreshControlHeader(session.metaData,
+                              header);  // a replayed change moves the directory's end
 }
 
-Result recoverSlots(MetaData& metaData, UInt32AVLTree*& tables, const ControlHeader_tag& header) {
-  SlotWalk walk(metaData.controlFile);
-  ZELTA_TRY(reportControlFile(metaData, walk.begin(header.directoryEnd)));
+Result recoverSlots(const Session& session, const ControlHeader_tag& header) {
+  SlotWalk walk(session.metaData.controlFile);
+  ZELTA_TRY(reportControlFile(session.metaData, walk.begin(header.directoryEnd)));
   while (walk.next()) {
     std::uint32_t number = 0;
-    ZELTA_TRY(reportControlFile(metaData, walk.slot().readNumber(&number)));
-    if (number >= kFirstSlotNumber) ZELTA_TRY(recoverCommitted(metaData, tables, number, header));
+    ZELTA_TRY(reportControlFile(session.metaData, walk.slot().readNumber(&number)));
+    if (number >= kFirstSlotNumber) ZELTA_TRY(recoverCommitted(session, number, header));
   }
-  return reportControlFile(metaData, truncateFile(metaData.controlFile, header.directoryEnd));
+  return reportControlFile(session.metaData,
+                           truncateFile(session.metaData.controlFile, header.directoryEnd));
 }
 
-Result repairAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
+Result repairAtOpen(const Session& session) {
   ControlHeader_tag header;
-  ZELTA_TRY(refreshControlHeader(metaData, header));
+  ZELTA_TRY(refreshControlHeader(session.metaData, header));
   bool live = false;
-  ZELTA_TRY(findLiveSlot(metaData, header.directoryEnd, &live));
+  ZELTA_TRY(findLiveSlot(session.metaData, header.directoryEnd, &live));
   if (live || header.directoryEnd == kControlHeaderSize) return {};
-  ZELTA_TRY(cutMemoryFiles(metaData, header));
-  ZELTA_TRY(recoverExclusive(metaData, tables, header));
-  return recoverSlots(metaData, tables, header);
+  ZELTA_TRY(cutMemoryFiles(session.metaData, header));
+  ZELTA_TRY(recoverExclusive(session, header));
+  return recoverSlots(session, header);
 }
 
 }  // namespace
 
-Result recoverAtOpen(MetaData& metaData, UInt32AVLTree*& tables) {
-  const SystemCode failure = Slot::exclusive(metaData.controlFile).lockOwner();
+Result recoverAtOpen(const Session& session) {
+  const SystemCode failure = Slot::exclusive(session.metaData.controlFile).lockOwner();
   if (failure == code::kLockViolation)
     return {};  // an exclusive transaction is at work: somebody lives
-  if (failure != 0) return reportControlFile(metaData, failure);
-  OpenerScope scope(metaData);
-  const SystemCode claimed = platform::claimMutex(metaData.openerMutex);
+  if (failure != 0) return reportControlFile(session.metaData, failure);
+  OpenerScope scope(session.metaData);
+  const SystemCode claimed = platform::claimMutex(session.metaData.openerMutex);
   if (claimed == code::kTimeout) {
     scope.succeed();  // somebody else opened first
     return {};
   }
-  if (claimed != 0) return reportControlFile(metaData, claimed);
-  metaData.transactionWord = kExclusiveNumber;
-  metaData.access = Access::repair;
-  const Result result = repairAtOpen(metaData, tables);
+  if (claimed != 0) return reportControlFile(session.metaData, claimed);
+  session.metaData.transactionWord = kExclusiveNumber;
+  session.metaData.access = Access::repair;
+  const Result result = repairAtOpen(session);
   if (result.failed()) {
-    destroyTables(metaData, tables);
+    destroyTables(session);
     return result;
   }
   scope.succeed();

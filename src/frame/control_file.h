@@ -146,7 +146,7 @@ Result completeDirectoryChange(MetaData& metaData, ControlHeader_tag& header, bo
 
 /// Repairs what a dead process left, if this is the first opener, and claims `openerMutex`. The
 /// caller owns `databaseMutex`.
-Result recoverAtOpen(MetaData& metaData, UInt32AVLTree*& tables);
+Result recoverAtOpen(const Session& session);
 
 /// Opens or creates a file of the database, whose locks lie on the lock file; a sharing violation
 /// is tried again, 10 times in all.

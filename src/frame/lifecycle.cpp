@@ -121,17 +121,18 @@ Result own(MetaData& metaData, MutexGuard& guard, platform::Mutex mutex, std::ui
 }
 
 /// The part of creation under the database's mutex.
-Result initialise(MetaData& metaData, UInt32AVLTree*& tables, const std::u16string& name) {
+Result initialise(const Session& session, const std::u16string& name) {
   MutexGuard database;
-  ZELTA_TRY(own(metaData, database, metaData.databaseMutex, platform::kForever, name));
-  ZELTA_TRY(writeNewHeader(metaData, name));
-  ZELTA_TRY(createLogMutex(metaData, name));
+  ZELTA_TRY(
+      own(session.metaData, database, session.metaData.databaseMutex, platform::kForever, name));
+  ZELTA_TRY(writeNewHeader(session.metaData, name));
+  ZELTA_TRY(createLogMutex(session.metaData, name));
   MutexGuard log;
-  ZELTA_TRY(own(metaData, log, metaData.logMutex, platform::kForever, name));
-  splitPath(metaData, name);
-  ZELTA_TRY(recoverAtOpen(metaData, tables));
-  ZELTA_TRY(reportSystemError(&metaData, log.release(), name.c_str()));
-  return reportSystemError(&metaData, database.release(), name.c_str());
+  ZELTA_TRY(own(session.metaData, log, session.metaData.logMutex, platform::kForever, name));
+  splitPath(session.metaData, name);
+  ZELTA_TRY(recoverAtOpen(session));
+  ZELTA_TRY(reportSystemError(&session.metaData, log.release(), name.c_str()));
+  return reportSystemError(&session.metaData, database.release(), name.c_str());
 }
 
 Result createControlFile(MetaData& metaData, const std::u16string& name) {
@@ -146,19 +147,20 @@ Result createControlFile(MetaData& metaData, const std::u16string& name) {
 }
 
 /// The part of opening under the database's mutex.
-Result openLocked(MetaData& metaData, UInt32AVLTree*& tables, const std::u16string& name) {
+Result openLocked(const Session& session, const std::u16string& name) {
   MutexGuard database;
-  ZELTA_TRY(own(metaData, database, metaData.databaseMutex, kLongWait, name));
-  ZELTA_TRY(createLogMutex(metaData, name));
-  if (const SystemCode failure = openDatabaseFile(
-          metaData, name.c_str(), platform::Disposition::openExisting, &metaData.controlFile);
+  ZELTA_TRY(own(session.metaData, database, session.metaData.databaseMutex, kLongWait, name));
+  ZELTA_TRY(createLogMutex(session.metaData, name));
+  if (const SystemCode failure =
+          openDatabaseFile(session.metaData, name.c_str(), platform::Disposition::openExisting,
+                           &session.metaData.controlFile);
       failure != 0) {
-    return reportSystemError(&metaData, failure, name.c_str());
+    return reportSystemError(&session.metaData, failure, name.c_str());
   }
-  platform::lockUnderAllNames(metaData.controlFile);
-  splitPath(metaData, name);
-  ZELTA_TRY(recoverAtOpen(metaData, tables));
-  return reportSystemError(&metaData, database.release(), name.c_str());
+  platform::lockUnderAllNames(session.metaData.controlFile);
+  splitPath(session.metaData, name);
+  ZELTA_TRY(recoverAtOpen(session));
+  return reportSystemError(&session.metaData, database.release(), name.c_str());
 }
 
 /// Undoes a failed open or creation, also when memory ran out.
@@ -193,44 +195,44 @@ SystemCode createFileMutex(const MetaData& metaData, const std::u16string& path,
   return platform::createMutex(metaData.lockFile, (u"Global\\" + path).c_str(), out);
 }
 
-Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path) {
+Result createDatabase(const Session& session, const char16_t* path) {
   const std::u16string name = fileNameOf(path);
-  if (!isLocal(name)) return reportError(&metaData, Own::notLocal, name.c_str());
-  OpeningScope scope(metaData);
-  ZELTA_TRY(createControlFile(metaData, name));
+  if (!isLocal(name)) return reportError(&session.metaData, Own::notLocal, name.c_str());
+  OpeningScope scope(session.metaData);
+  ZELTA_TRY(createControlFile(session.metaData, name));
   scope.deleteUnlessFinished(name);
-  ZELTA_TRY(createMutexes(metaData, name));
-  platform::bindLocks(metaData.controlFile, metaData.lockFile);
-  platform::lockUnderAllNames(metaData.controlFile);
-  return scope.finish(initialise(metaData, tables, name));
+  ZELTA_TRY(createMutexes(session.metaData, name));
+  platform::bindLocks(session.metaData.controlFile, session.metaData.lockFile);
+  platform::lockUnderAllNames(session.metaData.controlFile);
+  return scope.finish(initialise(session, name));
 }
 
-Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path) {
+Result openDatabase(const Session& session, const char16_t* path) {
   const std::u16string name = fileNameOf(path);
   if (const SystemCode failure = platform::fileExists(name.c_str()); failure != 0) {
-    return reportSystemError(&metaData, failure, name.c_str());
+    return reportSystemError(&session.metaData, failure, name.c_str());
   }
-  if (!isLocal(name)) return reportError(&metaData, Own::notLocal, name.c_str());
-  OpeningScope scope(metaData);
-  if (const Result result = createMutexes(metaData, name); result.failed()) return result;
-  return scope.finish(openLocked(metaData, tables, name));
+  if (!isLocal(name)) return reportError(&session.metaData, Own::notLocal, name.c_str());
+  OpeningScope scope(session.metaData);
+  if (const Result result = createMutexes(session.metaData, name); result.failed()) return result;
+  return scope.finish(openLocked(session, name));
 }
 
-void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables) {
-  if (metaData.transactionWord != 0) {
+void closeDatabase(const Session& session) {
+  if (session.metaData.transactionWord != 0) {
     try {
-      endTransaction(metaData, tables).ignore();
+      endTransaction(session).ignore();
     } catch (const std::bad_alloc&) {
       // It looks dead to the others now, who repair it.
     }
   }
-  destroyTables(metaData, tables);
+  destroyTables(session);
   // An exclusive reader owns the database's mutex until it ends, which may have failed.
-  if (metaData.transactionWord == kExclusiveNumber && !metaData.mayWrite()) {
-    static_cast<void>(platform::releaseMutex(metaData.databaseMutex));
+  if (session.metaData.transactionWord == kExclusiveNumber && !session.metaData.mayWrite()) {
+    static_cast<void>(platform::releaseMutex(session.metaData.databaseMutex));
   }
-  closeAll(metaData);
-  clearError(metaData);
+  closeAll(session.metaData);
+  clearError(session.metaData);
 }
 
 }  // namespace zelta

@@ -11,10 +11,10 @@ namespace zelta {
 
 struct UInt32AVLTree;
 
-Result createDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path);
-Result openDatabase(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* path);
+Result createDatabase(const Session& session, const char16_t* path);
+Result openDatabase(const Session& session, const char16_t* path);
 /// Ends any transaction, destroys the tables and closes all that is open.
-void closeDatabase(MetaData& metaData, UInt32AVLTree*& tables);
+void closeDatabase(const Session& session);
 
 /// Makes a mutex named after a file of the database: databaseMutex for "x.zlc", logMutex for
 /// "x.zll", a table's for its ".zlt" path. openerMutex takes the control file's path with '2' for

@@ -90,6 +90,12 @@ struct MetaData {
   void leaveTransaction() { enterReading(0); }
 };
 
+/// A handle: its database, and the tables that it has open in it.
+struct Session {
+  MetaData& metaData;
+  UInt32AVLTree*& tables;
+};
+
 /// Frees the pending failure text.
 void clearError(MetaData& metaData);
 

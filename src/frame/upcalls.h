@@ -16,7 +16,7 @@ struct UInt32AVLTree;
 /// out of the log. For the first opener, who clears memory files and slots itself. `header` as it
 /// stands in the control file. Tables that it opens are closed again. Defined in
 /// transaction/recovery.cpp.
-Result recoverCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+Result recoverCommitted(const Session& session, std::uint32_t number,
                         const ControlHeader_tag& header);
 
 /// Enters a schema record under number 1 in the log, unless an equal one is the last there. `body`
@@ -32,10 +32,10 @@ Result setLogForm(MetaData& metaData, ControlHeader_tag& header, bool keep);
 
 /// Ends the transaction of a handle: aborts, destroys all tables, gives the slot back. Defined in
 /// transaction/end.cpp.
-Result endTransaction(MetaData& metaData, UInt32AVLTree*& tables);
+Result endTransaction(const Session& session);
 
 /// Destroys the tables of a handle. Defined in storage/table.cpp.
-void destroyTables(MetaData& metaData, UInt32AVLTree*& tables);
+void destroyTables(const Session& session);
 
 }  // namespace zelta
 

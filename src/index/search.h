@@ -28,10 +28,10 @@ struct ShapeSearch {
 
 /// Searches an index. The caller has made sure of a transaction, its thread and the table. `count`
 /// may be null.
-Result searchIndex(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
-                   const ExpressionSearch& search, long long* count);
-Result searchIndex(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
-                   const ShapeSearch& search, long long* count);
+Result searchIndex(const Session& session, Table& table, const ExpressionSearch& search,
+                   long long* count);
+Result searchIndex(const Session& session, Table& table, const ShapeSearch& search,
+                   long long* count);
 
 }  // namespace zelta
 

@@ -23,13 +23,13 @@ constexpr WriteRetry::Limits kRetries{500, 250};
 
 class Addition {
  public:
-  Addition(MetaData& metaData, UInt32AVLTree*& tables, Table& table, std::uint64_t wantedID)
-      : metaData_(metaData),
-        tables_(tables),
+  Addition(const Session& session, Table& table, std::uint64_t wantedID)
+      : metaData_(session.metaData),
+        tables_(session.tables),
         table_(table),
         wantedID_(wantedID),
         access_(table),
-        retry_(tables, access_, kRetries),
+        retry_(session.tables, access_, kRetries),
         none_(table),
         keys_(table),
         changes_(table) {}
@@ -125,7 +125,7 @@ Result Addition::waitForBlocker() {
     return reportError(&metaData_, Own::idExists, table_.cName(), nullptr,
                        static_cast<std::int64_t>(wantedID_));
   }
-  const Result result = clearDeadTransaction(metaData_, tables_, blocker_);
+  const Result result = clearDeadTransaction({metaData_, tables_}, blocker_);
   if (result.isLocked()) {
     constexpr std::uint32_t kPause = 10;  // ms
     platform::sleepMilliseconds(kPause);
@@ -137,16 +137,15 @@ Result Addition::waitForBlocker() {
 
 }  // namespace
 
-Result addObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Object* object,
-                 long long objectID) {
-  if (table.objectData == nullptr) return reportError(&metaData, Own::noObject);
+Result addObject(const Session& session, Table& table, CZELTA::Object* object, long long objectID) {
+  if (table.objectData == nullptr) return reportError(&session.metaData, Own::noObject);
   if (objectID < 0 || (!table.wideIds() && objectID > 0xFFFFFFFF)) {
-    return reportError(&metaData, Own::parameter, table.cName(), nullptr, objectID);
+    return reportError(&session.metaData, Own::parameter, table.cName(), nullptr, objectID);
   }
   table.currentObjectID = 0;
   ZELTA_TRY(validateObject(table, table.objectData, table.objectLength));
   ZELTA_TRY(checkIndexKinds(table));
-  ZELTA_TRY(Addition(metaData, tables, table, static_cast<std::uint64_t>(objectID)).run());
+  ZELTA_TRY(Addition(session, table, static_cast<std::uint64_t>(objectID)).run());
   fillObject(table, object);
   return {};
 }

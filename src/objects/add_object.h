@@ -10,8 +10,7 @@ namespace zelta {
 
 /// Takes the object in the table's buffer into the running transaction. `objectID` 0 asks for an
 /// ID. The object becomes the table's current one, and fills `object` (may be null).
-Result addObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, CZELTA::Object* object,
-                 long long objectID);
+Result addObject(const Session& session, Table& table, CZELTA::Object* object, long long objectID);
 
 }  // namespace zelta
 

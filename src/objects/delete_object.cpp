@@ -100,19 +100,19 @@ bool meansCurrent(const Table& table, const ObjectQuery& query) {
 
 }  // namespace
 
-Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, ObjectQuery query,
-                    CZELTA::Object* object, std::uint32_t* entry) {
+Result deleteObject(const Session& session, Table& table, ObjectQuery query, CZELTA::Object* object,
+                    std::uint32_t* entry) {
   if (entry != nullptr) *entry = 0;
   const std::uint64_t current = table.currentObjectID;
   if (meansCurrent(table, query)) {
-    if (current == 0) return reportError(&metaData, Own::noObject);
+    if (current == 0) return reportError(&session.metaData, Own::noObject);
     query = {flagsOf(query.mode) | CZELTA::ReadEqual, 0, &current, IdWidth::whole};
   }
   ReadRequest request(table, query, false);
   ZELTA_TRY(request.check());
   ZELTA_TRY(checkIndexKinds(table));
   ZELTA_TRY(request.takeKey());
-  Deletion deletion(tables, request);
+  Deletion deletion(session.tables, request);
   ZELTA_TRY(deletion.run());
   if (entry != nullptr) *entry = deletion.entry();
   fillObject(table, object);

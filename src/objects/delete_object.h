@@ -14,8 +14,8 @@ namespace zelta {
 /// an ID of 0: the table's current object. It stays in the buffer, is the current one afterwards,
 /// and fills `object` (may be null). `entry` may be null. The caller has made sure of a transaction
 /// that may write, its thread and the table.
-Result deleteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table, ObjectQuery query,
-                    CZELTA::Object* object, std::uint32_t* entry);
+Result deleteObject(const Session& session, Table& table, ObjectQuery query, CZELTA::Object* object,
+                    std::uint32_t* entry);
 
 }  // namespace zelta
 

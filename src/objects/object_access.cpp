@@ -227,8 +227,8 @@ PassEnd ObjectAccess::repairDead(PassEnd blocked, Located& found) {
   ZELTA_TRY(access_.release());
   const std::uint32_t number = blocked.transaction();
   bool repaired = false;
-  const Result result = number == 0 ? clearAllDead(metaData_, tables_, &repaired)
-                                    : clearDeadTransaction(metaData_, tables_, number);
+  const Result result = number == 0 ? clearAllDead({metaData_, tables_}, &repaired)
+                                    : clearDeadTransaction({metaData_, tables_}, number);
   if (repaired) {
     staleAsks_ = 0;
   } else if (blocked.is(PassEnd::Kind::again)) {

@@ -27,15 +27,15 @@ class Read final : public ObjectAccess {
 
 }  // namespace
 
-Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
-                  const ObjectQuery& query, CZELTA::Object* object, std::uint32_t* entry) {
+Result readObject(const Session& session, Table& table, const ObjectQuery& query,
+                  CZELTA::Object* object, std::uint32_t* entry) {
   if (object != nullptr) *object = CZELTA::Object{};
   if (entry != nullptr) *entry = 0;
-  const bool noLock = !metaData.mayWrite() || (query.mode & CZELTA::ReadNoLock) != 0;
+  const bool noLock = !session.metaData.mayWrite() || (query.mode & CZELTA::ReadNoLock) != 0;
   ReadRequest request(table, query, noLock);
   ZELTA_TRY(request.check());
   ZELTA_TRY(request.takeKey());
-  Read read(tables, request);
+  Read read(session.tables, request);
   ZELTA_TRY(read.run());
   if (entry != nullptr) *entry = read.entry();
   fillObject(table, object);

@@ -14,8 +14,8 @@ namespace zelta {
 /// cannot write, and makes it the current one. The caller has made sure of a transaction, its
 /// thread and the table. `object`, which is filled, and `entry`, which receives the number of the
 /// entry whose key matched, may be null.
-Result readObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
-                  const ObjectQuery& query, CZELTA::Object* object, std::uint32_t* entry);
+Result readObject(const Session& session, Table& table, const ObjectQuery& query,
+                  CZELTA::Object* object, std::uint32_t* entry);
 
 }  // namespace zelta
 

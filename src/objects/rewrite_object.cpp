@@ -42,12 +42,12 @@ class RaisedVersion {
 
 class Rewriting {
  public:
-  Rewriting(MetaData& metaData, UInt32AVLTree*& tables, Table& table)
-      : metaData_(metaData),
+  Rewriting(const Session& session, Table& table)
+      : metaData_(session.metaData),
         table_(table),
         objectID_(table.currentObjectID),
         access_(table),
-        retry_(tables, access_, kRetries),
+        retry_(session.tables, access_, kRetries),
         before_(table),
         after_(table),
         changes_(table) {}
@@ -129,14 +129,13 @@ bool mayRewrite(const Table& table) {
 
 }  // namespace
 
-Result rewriteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
-                     CZELTA::Object* object) {
-  if (!mayRewrite(table)) return reportError(&metaData, Own::noObject);
+Result rewriteObject(const Session& session, Table& table, CZELTA::Object* object) {
+  if (!mayRewrite(table)) return reportError(&session.metaData, Own::noObject);
   ZELTA_TRY(validateObject(table, table.objectData, table.objectLength));
   ZELTA_TRY(checkIndexKinds(table));
   // The ID in the buffer may have been changed: that does not move an object.
   std::memcpy(table.objectData + 2, &table.currentObjectID, table.idSize());
-  ZELTA_TRY(Rewriting(metaData, tables, table).run());
+  ZELTA_TRY(Rewriting(session, table).run());
   fillObject(table, object);
   return {};
 }

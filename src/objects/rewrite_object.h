@@ -10,8 +10,7 @@ namespace zelta {
 
 /// Stores the object in the table's buffer as the pending version of the table's current object,
 /// which the running transaction must have locked, changed or added. Fills `object` (may be null).
-Result rewriteObject(MetaData& metaData, UInt32AVLTree*& tables, Table& table,
-                     CZELTA::Object* object);
+Result rewriteObject(const Session& session, Table& table, CZELTA::Object* object);
 
 }  // namespace zelta
 

@@ -16,7 +16,7 @@ constexpr std::uint32_t kPause = 10;  // ms
 Result WriteRetry::repairDead() {
   assert(!access_.owned());
   clearError(metaData_);
-  const Result result = clearDeadTransaction(metaData_, tables_, 0);
+  const Result result = clearDeadTransaction({metaData_, tables_}, 0);
   return result.isLocked() ? Result{} : result;
 }
 

@@ -178,44 +178,45 @@ Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
 
 }  // namespace
 
-Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Schema* schema,
-                   unsigned int* tableId, bool log) {
-  if (log) ZELTA_TRY(requireCarriedOut(metaData));
+Result createTable(const Session& session, const CZELTA::Schema* schema, unsigned int* tableId,
+                   bool log) {
+  if (log) ZELTA_TRY(requireCarriedOut(session.metaData));
   MutexGuard database;
-  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ZELTA_TRY(database.acquire(session.metaData, session.metaData.databaseMutex, kLongWait));
   ControlHeader_tag header;
   TableDirectory directory;
-  ZELTA_TRY(readDirectory(metaData, header, directory));
+  ZELTA_TRY(readDirectory(session.metaData, header, directory));
   Draft draft;
-  ZELTA_TRY(prepareDraft(metaData, *schema, directory, draft));
+  ZELTA_TRY(prepareDraft(session.metaData, *schema, directory, draft));
   const std::string record =
       schemaRecord(*draft.copy.schema, draft.entry.name, draft.entry.indexPath);
   writeBackDerived(*draft.copy.schema, *schema);
 
-  auto table = std::make_unique<Table>(metaData);
+  auto table = std::make_unique<Table>(session.metaData);
   takeEntry(*table, draft.entry);
   TableDirectory next = directory;
   next.insert(draft.entry);
   TableMutexGuard guard;
-  NewTableFile file(*table, databasePath(metaData, table->name, extension::kTable));
-  Result result = writeDirectoryIntent(
-      metaData, header, {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
+  NewTableFile file(*table, databasePath(session.metaData, table->name, extension::kTable));
+  Result result =
+      writeDirectoryIntent(session.metaData, header,
+                           {DirectoryChange::createFiles, 0, draft.entry.tableId, 0}, next, record);
   if (result.ok()) result = makeFile(*table, guard, file, draft);
   bool mayStand = false;
-  if (result.ok()) result = enterSecondPhase(metaData, &mayStand);
+  if (result.ok()) result = enterSecondPhase(session.metaData, &mayStand);
   // In the second phase the change is finished, now or later. Whoever meets the first one instead
   // deletes the file.
   if (result.ok() || mayStand) file.keep();
   if (result.failed()) {
     file.discard();
-    if (!mayStand) takeIntentBack(metaData, header);
+    if (!mayStand) takeIntentBack(session.metaData, header);
     return result;
   }
-  ZELTA_TRY(completeDirectoryChange(metaData, header, log));
+  ZELTA_TRY(completeDirectoryChange(session.metaData, header, log));
   ZELTA_TRY(guard.release());
   if (tableId != nullptr) *tableId = draft.entry.tableId;
-  insert(table.release(), tables, draft.entry.tableId);
-  return reportSystemError(&metaData, database.release(), metaData.baseName.c_str(),
+  insert(table.release(), session.tables, draft.entry.tableId);
+  return reportSystemError(&session.metaData, database.release(), session.metaData.baseName.c_str(),
                            extension::kControl);
 }
 
@@ -239,20 +240,19 @@ std::u16string tableNameOf(const char16_t* fileName) {
 
 }  // namespace
 
-Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* fileName,
-                std::uint32_t tableId, const char16_t* directory, std::uint32_t lockOrder,
-                bool log) {
+Result addTable(const Session& session, const char16_t* fileName, std::uint32_t tableId,
+                const char16_t* directory, std::uint32_t lockOrder, bool log) {
   DirectoryEntry entry{tableId, lockOrder, tableNameOf(fileName), normalFolder(directory)};
-  if (!isTableName(entry.name)) return reportError(&metaData, Own::tableName, fileName);
-  if (log) ZELTA_TRY(requireCarriedOut(metaData));
+  if (!isTableName(entry.name)) return reportError(&session.metaData, Own::tableName, fileName);
+  if (log) ZELTA_TRY(requireCarriedOut(session.metaData));
   MutexGuard database;
-  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ZELTA_TRY(database.acquire(session.metaData, session.metaData.databaseMutex, kLongWait));
   ControlHeader_tag header;
   TableDirectory tableDirectory;
-  ZELTA_TRY(readDirectory(metaData, header, tableDirectory));
-  ZELTA_TRY(assignNumbers(metaData, tableDirectory, entry));
+  ZELTA_TRY(readDirectory(session.metaData, header, tableDirectory));
+  ZELTA_TRY(assignNumbers(session.metaData, tableDirectory, entry));
 
-  auto table = std::make_unique<Table>(metaData);
+  auto table = std::make_unique<Table>(session.metaData);
   takeEntry(*table, entry);
   TableMutexGuard guard;
   ZELTA_TRY(acquireTableMutex(*table, guard));
@@ -261,15 +261,15 @@ Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* file
   TableDirectory next = tableDirectory;
   next.insert(entry);
   if (const Result result = writeDirectoryIntent(
-          metaData, header, {DirectoryChange::add, 0, entry.tableId, 0}, next, {});
+          session.metaData, header, {DirectoryChange::add, 0, entry.tableId, 0}, next, {});
       result.failed()) {
-    takeIntentBack(metaData, header);
+    takeIntentBack(session.metaData, header);
     return result;
   }
-  ZELTA_TRY(completeDirectoryChange(metaData, header, log));
+  ZELTA_TRY(completeDirectoryChange(session.metaData, header, log));
   ZELTA_TRY(guard.release());
-  insert(table.release(), tables, entry.tableId);
-  return reportSystemError(&metaData, database.release(), metaData.baseName.c_str(),
+  insert(table.release(), session.tables, entry.tableId);
+  return reportSystemError(&session.metaData, database.release(), session.metaData.baseName.c_str(),
                            extension::kControl);
 }
 
@@ -291,34 +291,34 @@ void cutMemoryFile(const MetaData& metaData, const std::u16string& name) {
 
 }  // namespace
 
-Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId,
-                   bool deleteFiles, bool log) {
-  if (log) ZELTA_TRY(requireCarriedOut(metaData));
+Result removeTable(const Session& session, std::uint32_t tableId, bool deleteFiles, bool log) {
+  if (log) ZELTA_TRY(requireCarriedOut(session.metaData));
   MutexGuard database;
-  ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ZELTA_TRY(database.acquire(session.metaData, session.metaData.databaseMutex, kLongWait));
   ControlHeader_tag header;
   TableDirectory directory;
-  ZELTA_TRY(readDirectory(metaData, header, directory));
+  ZELTA_TRY(readDirectory(session.metaData, header, directory));
   if (directory.entries().empty()) {
-    return reportError(&metaData, Own::tableNotFound, nullptr, nullptr, tableId);
+    return reportError(&session.metaData, Own::tableNotFound, nullptr, nullptr, tableId);
   }
   const DirectoryEntry* entry = directory.find(tableId);
-  if (entry == nullptr) return reportError(&metaData, Own::tableId, nullptr, nullptr, tableId);
+  if (entry == nullptr)
+    return reportError(&session.metaData, Own::tableId, nullptr, nullptr, tableId);
   const auto operation = deleteFiles ? DirectoryChange::removeFiles : DirectoryChange::remove;
   if (const Result result =
-          writeDirectoryIntent(metaData, header, {operation, 0, tableId, 0}, directory, {});
+          writeDirectoryIntent(session.metaData, header, {operation, 0, tableId, 0}, directory, {});
       result.failed()) {
-    takeIntentBack(metaData, header);
+    takeIntentBack(session.metaData, header);
     return result;
   }
-  if (Table* table = findTable(tables, tableId); table != nullptr) {
+  if (Table* table = findTable(session.tables, tableId); table != nullptr) {
     forgetLockMark(*table);
-    remove(static_cast<UInt32AVLTree*>(table), tables);
+    remove(static_cast<UInt32AVLTree*>(table), session.tables);
     delete table;
   }
-  if (!deleteFiles) cutMemoryFile(metaData, entry->name);
-  ZELTA_TRY(completeDirectoryChange(metaData, header, log));
-  return reportSystemError(&metaData, database.release(), metaData.baseName.c_str(),
+  if (!deleteFiles) cutMemoryFile(session.metaData, entry->name);
+  ZELTA_TRY(completeDirectoryChange(session.metaData, header, log));
+  return reportSystemError(&session.metaData, database.release(), session.metaData.baseName.c_str(),
                            extension::kControl);
 }
 

@@ -61,21 +61,21 @@ Result openForReading(Table& table, std::uint32_t tableId, bool* again) {
 
 }  // namespace
 
-Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId) {
-  if (findTable(tables, tableId) != nullptr) return {};
+Result openTable(const Session& session, std::uint32_t tableId) {
+  if (findTable(session.tables, tableId) != nullptr) return {};
   constexpr int kAttempts = 100;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    auto table = std::make_unique<Table>(metaData);
+    auto table = std::make_unique<Table>(session.metaData);
     bool again = false;
-    const Result result = metaData.mayWrite() ? openForWriting(*table, tableId)
-                                              : openForReading(*table, tableId, &again);
+    const Result result = session.metaData.mayWrite() ? openForWriting(*table, tableId)
+                                                      : openForReading(*table, tableId, &again);
     if (again) continue;
     ZELTA_TRY(result);
-    clearError(metaData);  // of an attempt before
-    insert(table.release(), tables, tableId);
+    clearError(session.metaData);  // of an attempt before
+    insert(table.release(), session.tables, tableId);
     return {};
   }
-  return notFound(metaData, tableId);
+  return notFound(session.metaData, tableId);
 }
 
 void forgetLockMark(const Table& table) {

@@ -13,17 +13,15 @@ namespace zelta {
 
 // `log` asks for a record in the log; replay passes false.
 
-Result createTable(MetaData& metaData, UInt32AVLTree*& tables, const CZELTA::Schema* schema,
-                   unsigned int* tableId, bool log);
-Result addTable(MetaData& metaData, UInt32AVLTree*& tables, const char16_t* fileName,
-                std::uint32_t tableId, const char16_t* directory, std::uint32_t lockOrder,
-                bool log);
+Result createTable(const Session& session, const CZELTA::Schema* schema, unsigned int* tableId,
+                   bool log);
+Result addTable(const Session& session, const char16_t* fileName, std::uint32_t tableId,
+                const char16_t* directory, std::uint32_t lockOrder, bool log);
 /// Does nothing if the table is open.
-Result openTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId);
+Result openTable(const Session& session, std::uint32_t tableId);
 /// Leaves a table open in which the transaction has locks or edits.
 Result closeTable(UInt32AVLTree*& tables, Table& table);
-Result removeTable(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t tableId,
-                   bool deleteFiles, bool log);
+Result removeTable(const Session& session, std::uint32_t tableId, bool deleteFiles, bool log);
 
 Result getTableSchema(Table& table, CZELTA::Schema* schema, unsigned int* size);
 

@@ -72,12 +72,12 @@ Table* findTable(UInt32AVLTree* tables, std::uint32_t tableId) {
   return static_cast<Table*>(find(tables, tableId));
 }
 
-void destroyTables(MetaData& metaData, UInt32AVLTree*& tables) {
-  destroyAll(tables);
-  std::free(metaData.lockKey);
-  metaData.lockKey = nullptr;
-  metaData.lockOrderReached = 0;
-  metaData.lockObjectID = 0;
+void destroyTables(const Session& session) {
+  destroyAll(session.tables);
+  std::free(session.metaData.lockKey);
+  session.metaData.lockKey = nullptr;
+  session.metaData.lockOrderReached = 0;
+  session.metaData.lockObjectID = 0;
 }
 
 namespace {

@@ -66,20 +66,20 @@ void forgetEdits(Table& table, bool releaseLocks) {
 
 }  // namespace
 
-Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks) {
-  clearError(metaData);
-  if (releaseLocks) dropLockPosition(metaData);
+Result abortTransaction(const Session& session, bool releaseLocks) {
+  clearError(session.metaData);
+  if (releaseLocks) dropLockPosition(session.metaData);
   Result result;
-  for (Table* table : tablesInOrder(tables)) {
+  for (Table* table : tablesInOrder(session.tables)) {
     destroyAll(table->searchResults);
     table->searchIndex = 0;
     table->searchInverted = false;
-    if (!metaData.mayWrite()) continue;
+    if (!session.metaData.mayWrite()) continue;
     // Beside what is dropped now stands what was committed and is still to be carried out: until
     // then it keeps IDs and keys from others. Whoever does that drops it.
     std::optional<KeptError> first;
-    if (result.failed()) first.emplace(metaData);
-    const Result dropped = metaData.leaveSlot ? Result{} : dropChanges(*table);
+    if (result.failed()) first.emplace(session.metaData);
+    const Result dropped = session.metaData.leaveSlot ? Result{} : dropChanges(*table);
     result.keepFirst(dropped);
     if (dropped.ok()) forgetEdits(*table, releaseLocks);
   }

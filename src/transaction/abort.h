@@ -10,7 +10,7 @@ namespace zelta {
 /// Drops the edits since the last commit. The transaction goes on. With `releaseLocks` its locks on
 /// objects go as well. What cannot be dropped in one table does not keep the others from it; the
 /// first failure is the result.
-Result abortTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks);
+Result abortTransaction(const Session& session, bool releaseLocks);
 
 }  // namespace zelta
 

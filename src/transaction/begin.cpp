@@ -187,24 +187,23 @@ Result BeginAttempt::writeSlot(std::uint32_t number, const Slot& slot) {
 
 }  // namespace
 
-Result beginTransaction(MetaData& metaData, UInt32AVLTree*& tables, CZELTA::Mode mode,
-                        std::uint32_t timeout) {
+Result beginTransaction(const Session& session, CZELTA::Mode mode, std::uint32_t timeout) {
   const std::uint32_t deadline = platform::tickCount() + timeout;
-  destroyTables(metaData, tables);  // left by a commit that failed
-  metaData.leaveSlot = false;
+  destroyTables(session);  // left by a commit that failed
+  session.metaData.leaveSlot = false;
   if (mode == CZELTA::TransactionRead) {
-    metaData.enterReading(kFirstSlotNumber);
-    metaData.ownerThread = platform::currentThread();
+    session.metaData.enterReading(kFirstSlotNumber);
+    session.metaData.ownerThread = platform::currentThread();
     return {};
   }
   for (;;) {
     auto outcome = BeginAttempt::Outcome::busy;
     {
-      BeginAttempt attempt(metaData, mode, deadline);
+      BeginAttempt attempt(session.metaData, mode, deadline);
       ZELTA_TRY(attempt.run(&outcome));
       if (outcome == BeginAttempt::Outcome::begun) return {};
       if (outcome == BeginAttempt::Outcome::dead) {
-        const Result repaired = attempt.repair(tables);
+        const Result repaired = attempt.repair(session.tables);
         if (repaired.failed() && !repaired.isLocked()) return repaired;
       }
     }

@@ -12,8 +12,7 @@ namespace zelta {
 
 /// Begins a transaction of the calling thread and repairs dead ones that it meets. `timeout` in
 /// milliseconds. The time is over: own code for a locked database.
-Result beginTransaction(MetaData& metaData, UInt32AVLTree*& tables, CZELTA::Mode mode,
-                        std::uint32_t timeout);
+Result beginTransaction(const Session& session, CZELTA::Mode mode, std::uint32_t timeout);
 
 }  // namespace zelta
 

@@ -76,12 +76,12 @@ class EnteredTables {
 /// One commit. The numbers of the steps are those of docs/concurrency.md.
 class Commit {
  public:
-  Commit(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks)
-      : metaData_(metaData),
-        open_(tables),
-        tables_(tablesInOrder(tables)),
+  Commit(const Session& session, bool releaseLocks)
+      : metaData_(session.metaData),
+        open_(session.tables),
+        tables_(tablesInOrder(session.tables)),
         releaseLocks_(releaseLocks),
-        log_(metaData) {}
+        log_(session.metaData) {}
 
   Result run();
 
@@ -137,7 +137,7 @@ void Commit::endWithoutEdits() {
 /// have brought; the log must not bring it once more when this commit has left the log.
 Result Commit::clearTheWay() {
   if (metaData_.transactionWord <= 1) return {};  // begins when all is repaired, and is alone
-  const Result result = clearAllDead(metaData_, open_);
+  const Result result = clearAllDead({metaData_, open_});
   if (!result.isLocked()) return result;
   return reportError(&metaData_, Own::transactionLocked);
 }
@@ -278,8 +278,8 @@ Result Commit::run() {
 //     it is finished, whoever does it, and commitTransaction() reports success.
 //  5. Each table takes its edits over: applyTableCommit(), steps 5.1 to 5.8.
 //  6. The entry leaves the log, unless log files are kept: leaveLog().
-Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks) {
-  return Commit(metaData, tables, releaseLocks).run();
+Result commitTransaction(const Session& session, bool releaseLocks) {
+  return Commit(session, releaseLocks).run();
 }
 
 }  // namespace zelta

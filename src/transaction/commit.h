@@ -14,7 +14,7 @@ namespace zelta {
 /// slot is left to whoever meets it next. A commit that is decided succeeds, even if it could not
 /// be carried out
 /// (`MetaData::leaveSlot`).
-Result commitTransaction(MetaData& metaData, UInt32AVLTree*& tables, bool releaseLocks);
+Result commitTransaction(const Session& session, bool releaseLocks);
 
 }  // namespace zelta
 

@@ -25,12 +25,12 @@ Result giveUpPlace(MetaData& metaData) {
 
 }  // namespace
 
-Result endTransaction(MetaData& metaData, UInt32AVLTree*& tables) {
-  ZELTA_TRY(abortTransaction(metaData, tables, true));
-  destroyTables(metaData, tables);
-  const Result result = giveUpPlace(metaData);
-  metaData.leaveTransaction();
-  metaData.leaveSlot = false;
+Result endTransaction(const Session& session) {
+  ZELTA_TRY(abortTransaction(session, true));
+  destroyTables(session);
+  const Result result = giveUpPlace(session.metaData);
+  session.metaData.leaveTransaction();
+  session.metaData.leaveSlot = false;
   return result;
 }
 

@@ -60,18 +60,18 @@ Result waitForHead(const LogFile& log, LogEntry* entry) {
 
 /// Replays the last entry of the dead transaction's number, if it is complete: the transaction was
 /// committed. In the single form the entry goes then, complete or not.
-Result replayIfCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+Result replayIfCommitted(const Session& session, std::uint32_t number,
                          const ControlHeader_tag* control) {
-  LogFile log(metaData);
+  LogFile log(session.metaData);
   LogEntry entry;
   ZELTA_TRY(findLogEntry(control, number, log, &entry.position));
   if (entry.position == 0) return {};
   ZELTA_TRY(waitForHead(log, &entry));
   bool committed = false;
   ZELTA_TRY(log.verifyEntry(entry, &committed));
-  if (committed) ZELTA_TRY(replayLogEntry(log, entry, tables));
+  if (committed) ZELTA_TRY(replayLogEntry(log, entry, session.tables));
   if (!log.header().isSingle()) return {};
-  const Result removed = removeLogEntry(metaData, number, entry.position);
+  const Result removed = removeLogEntry(session.metaData, number, entry.position);
   return removed.is(Own::logEntryNotFound) ? Result{} : removed;
 }
 
@@ -103,23 +103,23 @@ Result hasContents(MetaData& metaData, const std::u16string& name, bool* content
   return reportSystemError(&metaData, failure, name.c_str(), extension::kMemory);
 }
 
-Result dropAllChanges(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
+Result dropAllChanges(const Session& session, std::uint32_t number) {
   TableDirectory directory;
   {
     MutexGuard database;
-    ZELTA_TRY(database.acquire(metaData, metaData.databaseMutex, kLongWait));
+    ZELTA_TRY(database.acquire(session.metaData, session.metaData.databaseMutex, kLongWait));
     ControlHeader_tag header;
-    ZELTA_TRY(refreshControlHeader(metaData, header));
-    ZELTA_TRY(directory.read(metaData, header));
+    ZELTA_TRY(refreshControlHeader(session.metaData, header));
+    ZELTA_TRY(directory.read(session.metaData, header));
   }
   for (const DirectoryEntry& entry : directory.entries()) {
     bool contents = false;
-    ZELTA_TRY(hasContents(metaData, entry.name, &contents));
+    ZELTA_TRY(hasContents(session.metaData, entry.name, &contents));
     if (!contents) continue;
-    ZELTA_TRY(openTable(metaData, tables, entry.tableId));
-    Table* table = findTable(tables, entry.tableId);
+    ZELTA_TRY(openTable(session, entry.tableId));
+    Table* table = findTable(session.tables, entry.tableId);
     if (table == nullptr) {
-      return reportError(&metaData, Own::unclassified, nullptr, nullptr, entry.tableId);
+      return reportError(&session.metaData, Own::unclassified, nullptr, nullptr, entry.tableId);
     }
     ZELTA_TRY(dropChanges(*table, number));
   }
@@ -128,10 +128,10 @@ Result dropAllChanges(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t 
 
 }  // namespace
 
-Result recoverCommitted(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number,
+Result recoverCommitted(const Session& session, std::uint32_t number,
                         const ControlHeader_tag& header) {
-  const OpenedTables opened(tables);
-  return replayIfCommitted(metaData, tables, number, &header);
+  const OpenedTables opened(session.tables);
+  return replayIfCommitted(session, number, &header);
 }
 
 RepairScope::RepairScope(MetaData& metaData, std::uint32_t number, const Slot& slot)
@@ -152,33 +152,33 @@ RepairScope::~RepairScope() {
 
 Result RepairScope::run(UInt32AVLTree*& tables) {
   const OpenedTables opened(tables);
-  ZELTA_TRY(replayIfCommitted(metaData_, tables, number_, nullptr));
-  ZELTA_TRY(dropAllChanges(metaData_, tables, number_));
+  ZELTA_TRY(replayIfCommitted({metaData_, tables}, number_, nullptr));
+  ZELTA_TRY(dropAllChanges({metaData_, tables}, number_));
   ZELTA_TRY(releaseSlot(metaData_, slot_));
   repaired_ = true;
   return {};
 }
 
-Result clearDeadTransaction(MetaData& metaData, UInt32AVLTree*& tables, std::uint32_t number) {
+Result clearDeadTransaction(const Session& session, std::uint32_t number) {
   MutexGuard guard;
-  ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kLongWait));
+  ZELTA_TRY(guard.acquire(session.metaData, session.metaData.databaseMutex, kLongWait));
   Slot slot;
   std::uint32_t found = 0;
-  ZELTA_TRY(lockDeadTransaction(metaData, number, slot, &found));
+  ZELTA_TRY(lockDeadTransaction(session.metaData, number, slot, &found));
   if (slot.isNone()) return {};
-  return RepairScope(metaData, found, slot).run(tables);
+  return RepairScope(session.metaData, found, slot).run(session.tables);
 }
 
-Result clearAllDead(MetaData& metaData, UInt32AVLTree*& tables, bool* repaired) {
+Result clearAllDead(const Session& session, bool* repaired) {
   if (repaired != nullptr) *repaired = false;
   for (;;) {
     MutexGuard guard;
-    ZELTA_TRY(guard.acquire(metaData, metaData.databaseMutex, kLongWait));
+    ZELTA_TRY(guard.acquire(session.metaData, session.metaData.databaseMutex, kLongWait));
     Slot slot;
     std::uint32_t found = 0;
-    ZELTA_TRY(lockDeadTransaction(metaData, 0, slot, &found));
+    ZELTA_TRY(lockDeadTransaction(session.metaData, 0, slot, &found));
     if (slot.isNone()) return {};
-    ZELTA_TRY(RepairScope(metaData, found, slot).run(tables));
+    ZELTA_TRY(RepairScope(session.metaData, found, slot).run(session.tables));
     if (repaired != nullptr) *repaired = true;
   }
 }

@@ -14,7 +14,7 @@ namespace {
 Result replayTable(const ReplayedEntry& replayed, EntryReader& reader, UInt32AVLTree*& tables,
                    const LogTableSection_tag& head) {
   MetaData& metaData = replayed.log.metaData();
-  const Result opened = openTable(metaData, tables, head.tableId);
+  const Result opened = openTable({metaData, tables}, head.tableId);
   if (opened.is(Own::tableNotFound)) clearError(metaData);
   if (opened.failed() && !opened.is(Own::tableNotFound)) return opened;
   Table* table = findTable(tables, head.tableId);
@@ -36,7 +36,7 @@ Result replaySections(const ReplayedEntry& replayed, UInt32AVLTree*& tables) {
       ZELTA_TRY(replayTable(replayed, reader, tables, section));
     } else if (section.isSchemaChange()) {
       const auto change = std::bit_cast<LogSchemaSection_tag>(section);
-      ZELTA_TRY(replaySchemaSection(metaData, tables, reader, change));
+      ZELTA_TRY(replaySchemaSection({metaData, tables}, reader, change));
     } else {
       return reportError(&metaData, Own::unclassified, metaData.baseName.c_str(), extension::kLog,
                          static_cast<std::int64_t>(reader.position()));

@@ -65,7 +65,7 @@ Result isMade(MetaData& metaData, const LogSchemaSection_tag& section, bool remo
                            extension::kControl);
 }
 
-Result createFromRecord(MetaData& metaData, UInt32AVLTree*& tables, const RecordBody& body) {
+Result createFromRecord(const Session& session, const RecordBody& body) {
   SchemaCopy copy;
   const char* extra = nullptr;
   if (!schemaFromRecord(body.rest(), body.end(), body.entry.tableId, body.entry.lockOrder, copy,
@@ -74,12 +74,12 @@ Result createFromRecord(MetaData& metaData, UInt32AVLTree*& tables, const Record
   }
   copy.schema->tableName = body.entry.name.c_str();
   copy.schema->tablePath = body.entry.indexPath.empty() ? nullptr : body.entry.indexPath.c_str();
-  return createTable(metaData, tables, copy.schema.get(), nullptr, false);
+  return createTable(session, copy.schema.get(), nullptr, false);
 }
 
 }  // namespace
 
-Result replaySchemaSection(MetaData& metaData, UInt32AVLTree*& tables, EntryReader& reader,
+Result replaySchemaSection(const Session& session, EntryReader& reader,
                            const LogSchemaSection_tag& section) {
   const auto operation = static_cast<DirectoryChange>(section.operation);
   const bool removal =
@@ -105,22 +105,21 @@ Result replaySchemaSection(MetaData& metaData, UInt32AVLTree*& tables, EntryRead
     case DirectoryChange::add:
     case DirectoryChange::remove:
     case DirectoryChange::removeFiles:
-      ZELTA_TRY(isMade(metaData, section, removal, body.entry, &made));
+      ZELTA_TRY(isMade(session.metaData, section, removal, body.entry, &made));
       break;
     case DirectoryChange::changeSchema:
-      return reportError(&metaData, Own::context);
+      return reportError(&session.metaData, Own::context);
     default:
       return EntryReader::malformed();
   }
   if (made) return {};
   if (removal) {
-    return removeTable(metaData, tables, section.tableId, operation == DirectoryChange::removeFiles,
-                       false);
+    return removeTable(session, section.tableId, operation == DirectoryChange::removeFiles, false);
   }
   if (!isTableName(body.entry.name)) return EntryReader::malformed();
-  if (operation == DirectoryChange::create) return createFromRecord(metaData, tables, body);
+  if (operation == DirectoryChange::create) return createFromRecord(session, body);
   const DirectoryEntry& entry = body.entry;
-  return addTable(metaData, tables, entry.name.c_str(), entry.tableId, entry.indexPath.c_str(),
+  return addTable(session, entry.name.c_str(), entry.tableId, entry.indexPath.c_str(),
                   entry.lockOrder, false);
 }
 

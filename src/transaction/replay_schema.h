@@ -11,7 +11,7 @@ namespace zelta {
 /// Makes the change that a section describes, unless the directory shows that it was made. The
 /// reader stands behind the section's head, and is left behind its body. Tables that are made or
 /// entered stay open. Own code 69: the body makes no sense; 8: a change of a table's schema.
-Result replaySchemaSection(MetaData& metaData, UInt32AVLTree*& tables, EntryReader& reader,
+Result replaySchemaSection(const Session& session, EntryReader& reader,
                            const LogSchemaSection_tag& section);
 
 }  // namespace zelta

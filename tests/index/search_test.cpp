@@ -25,12 +25,12 @@ class Search : public ::testing::Test {
   Result first(std::uint32_t index, const void* key, const void* search,
                CZELTA::Mode mode = CZELTA::Mode{}) {
     clearError(bench_.metaData);
-    return searchIndex(bench_.metaData, tables_, bench_.table,
+    return searchIndex({bench_.metaData, tables_}, bench_.table,
                        ExpressionSearch{index, key, search, mode}, &count_);
   }
   Result second(std::uint32_t index, const void* key) {
     clearError(bench_.metaData);
-    return searchIndex(bench_.metaData, tables_, bench_.table,
+    return searchIndex({bench_.metaData, tables_}, bench_.table,
                        ShapeSearch{index, key, 5u, CZELTA::Mode{}}, &count_);
   }
   [[nodiscard]] std::u16string message() const { return bench_.metaData.errorMessage; }

@@ -37,8 +37,8 @@ class Handle {
   explicit Handle(const FreshFolder& folder, CZELTA::Mode mode = CZELTA::TransactionShared)
       : path_(folder.file("db.zlc")) {
     const bool exists = folder.has("db.zlc");
-    EXPECT_EQ((exists ? openDatabase(metaData, tables, path_.c_str())
-                      : createDatabase(metaData, tables, path_.c_str()))
+    EXPECT_EQ((exists ? openDatabase({metaData, tables}, path_.c_str())
+                      : createDatabase({metaData, tables}, path_.c_str()))
                   .word(),
               0u)
         << error();
@@ -46,29 +46,29 @@ class Handle {
   }
   ~Handle() {
     end();
-    closeDatabase(metaData, tables);
+    closeDatabase({metaData, tables});
     clearError(metaData);
   }
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
 
   void begin(CZELTA::Mode mode) {
-    EXPECT_EQ(beginTransaction(metaData, tables, mode, 5000).word(), 0u) << error();
+    EXPECT_EQ(beginTransaction({metaData, tables}, mode, 5000).word(), 0u) << error();
   }
   void end() {
     if (metaData.transactionWord != 0) {
-      EXPECT_EQ(endTransaction(metaData, tables).word(), 0u);
+      EXPECT_EQ(endTransaction({metaData, tables}).word(), 0u);
     }
   }
-  void commit() { EXPECT_EQ(commitTransaction(metaData, tables, true).word(), 0u) << error(); }
-  void abort() { EXPECT_EQ(abortTransaction(metaData, tables, true).word(), 0u) << error(); }
+  void commit() { EXPECT_EQ(commitTransaction({metaData, tables}, true).word(), 0u) << error(); }
+  void abort() { EXPECT_EQ(abortTransaction({metaData, tables}, true).word(), 0u) << error(); }
   void create(const Fields& fields, const Indexes& indexes, std::uint32_t flags = 0) {
     const SchemaRecords records(fields, indexes, flags);
     unsigned int id = 0;
-    ASSERT_EQ(createTable(metaData, tables, &records.schema, &id, false).word(), 0u) << error();
+    ASSERT_EQ(createTable({metaData, tables}, &records.schema, &id, false).word(), 0u) << error();
     ASSERT_EQ(id, 1u);
   }
-  void open() { ASSERT_EQ(openTable(metaData, tables, 1).word(), 0u) << error(); }
+  void open() { ASSERT_EQ(openTable({metaData, tables}, 1).word(), 0u) << error(); }
   [[nodiscard]] Table& table() { return *findTable(tables, 1); }
 
   /// Puts fixed and variable fields into the buffer.
@@ -80,7 +80,7 @@ class Handle {
   Result add(const std::string& fields, long long id = 0) {
     put(fields);
     clearError(metaData);
-    return addObject(metaData, tables, table(), nullptr, id);
+    return addObject({metaData, tables}, table(), nullptr, id);
   }
   /// Adds and gives the ID; 0 after a failure.
   std::uint64_t added(const std::string& fields, long long id = 0) {
@@ -146,7 +146,7 @@ TEST_F(AddObject, IntoAnEmptyTableGivesTheIDsInTurn) {
   const std::string tableFile = folder.bytes("T.zlt");
   CZELTA::Object object{};
   one->put(number(77));
-  ASSERT_TRUE(addObject(one->metaData, one->tables, one->table(), &object, 0).ok());
+  ASSERT_TRUE(addObject({one->metaData, one->tables}, one->table(), &object, 0).ok());
   EXPECT_EQ(object.objectID, 1);
   EXPECT_EQ(object.version, 1);
   EXPECT_EQ(object.length, 4u);
@@ -251,8 +251,8 @@ TEST_F(AddObject, ByAListOfFreeIDsThatIsDamagedIsError47) {
   for (int i = 0; i < 6; ++i) one->added(number(0));
   one->commit();
   for (std::uint64_t id : {3u, 5u}) {
-    ASSERT_TRUE(deleteObject(one->metaData, one->tables, one->table(), {CZELTA::ReadEqual, 0, &id},
-                             nullptr, nullptr)
+    ASSERT_TRUE(deleteObject({one->metaData, one->tables}, one->table(),
+                             {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr)
                     .ok());
   }
   one->commit();
@@ -280,7 +280,7 @@ TEST_F(AddObject, ByAListOfFreeIDsThatIsDamagedIsError47) {
 
 TEST_F(AddObject, WithoutAnObjectIsError39) {
   make(kNumber, {});
-  EXPECT_EQ(addObject(one->metaData, one->tables, one->table(), nullptr, 0).word(),
+  EXPECT_EQ(addObject({one->metaData, one->tables}, one->table(), nullptr, 0).word(),
             ownWord(Own::noObject));
 }
 
@@ -380,7 +380,7 @@ TEST_F(AddObject, AMissingKeyIsError39) {
 
 /// Deletes an object, whose one key is what the transaction has given up then.
 ObjectKeyNode* giveUp(Handle& handle, std::uint64_t id) {
-  EXPECT_EQ(deleteObject(handle.metaData, handle.tables, handle.table(),
+  EXPECT_EQ(deleteObject({handle.metaData, handle.tables}, handle.table(),
                          {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr)
                 .word(),
             0u)
@@ -489,7 +489,7 @@ TEST_F(AddObject, HandlesInManyThreadsShareIDsAndKeysOut) {
 TEST_F(AddObject, AgainTakesANewIDForTheSameObject) {
   make(kNumber, {});
   EXPECT_EQ(one->added(number(3)), 1u);
-  ASSERT_TRUE(addObject(one->metaData, one->tables, one->table(), nullptr, 0).ok());
+  ASSERT_TRUE(addObject({one->metaData, one->tables}, one->table(), nullptr, 0).ok());
   EXPECT_EQ(one->table().currentObjectID, 2u);
 }
 

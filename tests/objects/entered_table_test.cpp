@@ -26,19 +26,21 @@ class EnteredTable : public ObjectTest {
     first.added(number(30));  // takes ID 1 or 3
     first.commit();
     first.end();
-    change(first, [&] { return removeTable(first.metaData, first.tables, 1, false, true); });
+    change(first, [&] { return removeTable({first.metaData, first.tables}, 1, false, true); });
   }
   template <typename Work>
   static void change(ObjectHandle& handle, Work work) {
-    handle.done(beginTransaction(handle.metaData, handle.tables, CZELTA::TransactionExclusive, 0));
+    handle.done(
+        beginTransaction({handle.metaData, handle.tables}, CZELTA::TransactionExclusive, 0));
     handle.done(work());
     handle.end();
   }
   /// Enters the table; true if that is logged, false as a replay of the log does it.
   void enter(bool log, const char16_t* directory = nullptr) {
     ObjectHandle handle(folder);
-    change(handle,
-           [&] { return addTable(handle.metaData, handle.tables, u"T", 1, directory, 0, log); });
+    change(handle, [&] {
+      return addTable({handle.metaData, handle.tables}, u"T", 1, directory, 0, log);
+    });
   }
   void expectKeysOfNow() {
     one = join();
@@ -61,7 +63,7 @@ TEST_F(EnteredTable, DoesNotTakeAnIndexOfFormerDays) {
     enter(log);
     expectKeysOfNow();
     ObjectHandle handle(folder);
-    change(handle, [&] { return removeTable(handle.metaData, handle.tables, 1, false, true); });
+    change(handle, [&] { return removeTable({handle.metaData, handle.tables}, 1, false, true); });
   }
 }
 

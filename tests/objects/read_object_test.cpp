@@ -150,8 +150,8 @@ TEST(ReadById, NullObjectOnlyMovesTheCursor) {
   ReadHandle& handle = bench.first();
   handle.begin(CZELTA::TransactionRead);
   std::uint64_t id = 4;
-  ASSERT_TRUE(readObject(handle.metaData, handle.tables, *handle.table, {CZELTA::ReadEqual, 0, &id},
-                         nullptr, nullptr)
+  ASSERT_TRUE(readObject({handle.metaData, handle.tables}, *handle.table,
+                         {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr)
                   .ok());
   ASSERT_TRUE(handle.read(CZELTA::ReadNext).ok());
   EXPECT_EQ(handle.object.objectID, 5);
@@ -393,7 +393,7 @@ void buildIndex(ReadBench& bench) {
   ReadHandle& handle = bench.another();
   handle.begin(CZELTA::TransactionShared);
   ASSERT_TRUE(handle.readKey(CZELTA::ReadFirst | CZELTA::ReadNoLock, 0).ok());
-  ASSERT_TRUE(endTransaction(handle.metaData, handle.tables).ok());
+  ASSERT_TRUE(endTransaction({handle.metaData, handle.tables}).ok());
 }
 
 TEST(ReadByKey, AllModesAgreeWithAMap) {

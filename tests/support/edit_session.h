@@ -81,11 +81,11 @@ class EditSession {
                        const std::string& name = "db.zlc")
       : form_(form) {
     const std::u16string path = folder.file(name);
-    opened = folder.has(name) ? openDatabase(metaData, tables, path.c_str())
-                              : createDatabase(metaData, tables, path.c_str());
+    opened = folder.has(name) ? openDatabase({metaData, tables}, path.c_str())
+                              : createDatabase({metaData, tables}, path.c_str());
   }
   ~EditSession() {
-    closeDatabase(metaData, tables);
+    closeDatabase({metaData, tables});
     clearError(metaData);
   }
   EditSession(const EditSession&) = delete;
@@ -110,26 +110,26 @@ class EditSession {
     }
     const SchemaRecords records(fields, indexes, form_.wide ? 1U : 0U);
     ASSERT_TRUE(begin(CZELTA::TransactionExclusive).ok()) << error();
-    ASSERT_TRUE(createTable(metaData, tables, &records.schema, nullptr, true).ok()) << error();
+    ASSERT_TRUE(createTable({metaData, tables}, &records.schema, nullptr, true).ok()) << error();
     ASSERT_TRUE(end().ok()) << error();
   }
   Result begin(CZELTA::Mode mode = CZELTA::TransactionShared) {
-    return beginTransaction(metaData, tables, mode, 5000);
+    return beginTransaction({metaData, tables}, mode, 5000);
   }
   /// Begins and opens the table.
   Result enter(CZELTA::Mode mode = CZELTA::TransactionShared) {
     ZELTA_TRY(begin(mode));
-    return openTable(metaData, tables, 1);
+    return openTable({metaData, tables}, 1);
   }
-  Result end() { return endTransaction(metaData, tables); }
-  Result commit(bool release = true) { return commitTransaction(metaData, tables, release); }
-  Result abort(bool release = true) { return abortTransaction(metaData, tables, release); }
+  Result end() { return endTransaction({metaData, tables}); }
+  Result commit(bool release = true) { return commitTransaction({metaData, tables}, release); }
+  Result abort(bool release = true) { return abortTransaction({metaData, tables}, release); }
 
   Result add(const Content& content, std::uint64_t id = 0) {
     clearError(metaData);
     table().currentObjectID = 0;
     put(content, std::string(table().headerSize(), '\0').data());
-    return addObject(metaData, tables, table(), nullptr, static_cast<long long>(id));
+    return addObject({metaData, tables}, table(), nullptr, static_cast<long long>(id));
   }
   [[nodiscard]] std::uint64_t addedID() { return table().currentObjectID; }
 
@@ -144,11 +144,11 @@ class EditSession {
     ZELTA_TRY(read(id));
     put(content, table().objectData);
     table().currentObjectID = id;  // a buffer of another size has forgotten it
-    return rewriteObject(metaData, tables, table(), nullptr);
+    return rewriteObject({metaData, tables}, table(), nullptr);
   }
   Result erase(std::uint64_t id) {
     clearError(metaData);
-    return deleteObject(metaData, tables, table(), {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr);
+    return deleteObject({metaData, tables}, table(), {CZELTA::ReadEqual, 0, &id}, nullptr, nullptr);
   }
   Result carryOut(const std::vector<EditStep>& steps) {
     for (const EditStep& step : steps) {
@@ -216,7 +216,7 @@ class EditSession {
   Result fetch(CZELTA::Mode mode, std::uint32_t index, const void* key, Content* out,
                std::uint64_t* id = nullptr) {
     clearError(metaData);
-    ZELTA_TRY(readObject(metaData, tables, table(), {mode, index, key}, nullptr, nullptr));
+    ZELTA_TRY(readObject({metaData, tables}, table(), {mode, index, key}, nullptr, nullptr));
     const char* data = table().objectData + table().headerSize();
     if (out != nullptr) {
       std::memcpy(&out->number, data, 4);

@@ -43,13 +43,13 @@ class ObjectHandle {
  public:
   explicit ObjectHandle(const FreshFolder& folder) {
     const std::u16string path = folder.file("db.zlc");
-    const Result result = folder.has("db.zlc") ? openDatabase(metaData, tables, path.c_str())
-                                               : createDatabase(metaData, tables, path.c_str());
+    const Result result = folder.has("db.zlc") ? openDatabase({metaData, tables}, path.c_str())
+                                               : createDatabase({metaData, tables}, path.c_str());
     EXPECT_EQ(result.word(), 0u) << error();
   }
   ~ObjectHandle() {
     if (metaData.transactionWord != 0) end();
-    closeDatabase(metaData, tables);
+    closeDatabase({metaData, tables});
     clearError(metaData);
   }
   ObjectHandle(const ObjectHandle&) = delete;
@@ -58,17 +58,17 @@ class ObjectHandle {
   void create(const ObjectForm& form) {
     SchemaRecords records(form.fields, form.indexes, form.flags);
     records.schema.lockIndex = static_cast<decltype(records.schema.lockIndex)>(form.lockIndex);
-    done(beginTransaction(metaData, tables, CZELTA::TransactionExclusive, 5000));
-    done(createTable(metaData, tables, &records.schema, nullptr, false));
+    done(beginTransaction({metaData, tables}, CZELTA::TransactionExclusive, 5000));
+    done(createTable({metaData, tables}, &records.schema, nullptr, false));
     end();
   }
   void begin(CZELTA::Mode mode = CZELTA::TransactionShared) {
-    done(beginTransaction(metaData, tables, mode, 5000));
-    done(openTable(metaData, tables, 1));
+    done(beginTransaction({metaData, tables}, mode, 5000));
+    done(openTable({metaData, tables}, 1));
   }
-  void end() { done(endTransaction(metaData, tables)); }
-  void commit(bool release = true) { done(commitTransaction(metaData, tables, release)); }
-  void abort(bool release = true) { done(abortTransaction(metaData, tables, release)); }
+  void end() { done(endTransaction({metaData, tables})); }
+  void commit(bool release = true) { done(commitTransaction({metaData, tables}, release)); }
+  void abort(bool release = true) { done(abortTransaction({metaData, tables}, release)); }
   [[nodiscard]] Table& table() { return *findTable(tables, 1); }
 
   // What an object holds is written and compared as the bytes behind its ID.
@@ -76,7 +76,7 @@ class ObjectHandle {
   Result add(const std::string& content, long long id = 0) {
     table().currentObjectID = 0;
     put(content);
-    return quiet([&] { return addObject(metaData, tables, table(), nullptr, id); });
+    return quiet([&] { return addObject({metaData, tables}, table(), nullptr, id); });
   }
   std::uint64_t added(const std::string& content, long long id = 0) {
     done(add(content, id));
@@ -87,7 +87,7 @@ class ObjectHandle {
   }
   Result find(CZELTA::Mode mode, std::uint32_t index, const void* key = nullptr) {
     return quiet([&] {
-      return readObject(metaData, tables, table(), {mode, index, key}, &object, &entry);
+      return readObject({metaData, tables}, table(), {mode, index, key}, &object, &entry);
     });
   }
   /// Reads by a key of 32 bits.
@@ -104,7 +104,7 @@ class ObjectHandle {
     table().currentObjectID = id;
   }
   Result rewrite() {
-    return quiet([&] { return rewriteObject(metaData, tables, table(), &object); });
+    return quiet([&] { return rewriteObject({metaData, tables}, table(), &object); });
   }
   Result rewrite(const std::string& content) {
     change(content);
@@ -120,7 +120,7 @@ class ObjectHandle {
   }
   Result erase(CZELTA::Mode mode, std::uint32_t index, const void* key) {
     return quiet([&] {
-      return deleteObject(metaData, tables, table(), {mode, index, key}, &object, &entry);
+      return deleteObject({metaData, tables}, table(), {mode, index, key}, &object, &entry);
     });
   }
   Result restore(long long id, bool unlock = false) {

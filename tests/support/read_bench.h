@@ -48,16 +48,16 @@ class ReadHandle {
  public:
   ReadHandle(const FreshFolder& folder, const ReadForm& form, bool create) : form_(form) {
     const std::u16string path = folder.file("d.zlc");
-    const Result result = create ? createDatabase(metaData, tables, path.c_str())
-                                 : openDatabase(metaData, tables, path.c_str());
+    const Result result = create ? createDatabase({metaData, tables}, path.c_str())
+                                 : openDatabase({metaData, tables}, path.c_str());
     EXPECT_TRUE(result.ok()) << std::hex << result.word();
   }
-  ~ReadHandle() { closeDatabase(metaData, tables); }
+  ~ReadHandle() { closeDatabase({metaData, tables}); }
   ReadHandle(const ReadHandle&) = delete;
   ReadHandle& operator=(const ReadHandle&) = delete;
 
   void begin(CZELTA::Mode mode) {
-    ASSERT_TRUE(beginTransaction(metaData, tables, mode, 1000).ok());
+    ASSERT_TRUE(beginTransaction({metaData, tables}, mode, 1000).ok());
     openTable();
   }
 
@@ -104,7 +104,7 @@ class ReadHandle {
 
   Result read(CZELTA::Mode mode, std::uint32_t index = 0, const void* key = nullptr) {
     clearError(metaData);
-    return readObject(metaData, tables, *table, {mode, index, key}, &object, &entry);
+    return readObject({metaData, tables}, *table, {mode, index, key}, &object, &entry);
   }
   Result readId(std::uint64_t id, CZELTA::Mode flags = CZELTA::Mode{}) {
     return read(CZELTA::ReadEqual | flags, 0, &id);

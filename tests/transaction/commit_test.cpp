@@ -145,7 +145,7 @@ TEST(Commit, Kept_locks_keep_others_away_from_what_was_added) {
   ASSERT_TRUE(one.add(content(1, "one")).ok());
   ASSERT_TRUE(one.commit(false).ok()) << one.error();
   const std::uint64_t id = 1;
-  EXPECT_TRUE(readObject(two.metaData, two.tables, two.table(),
+  EXPECT_TRUE(readObject({two.metaData, two.tables}, two.table(),
                          {CZELTA::ReadEqual | CZELTA::ReadNoWait, 0, &id}, nullptr, nullptr)
                   .is(Own::objectLocked));
   ASSERT_TRUE(one.commit(true).ok());
