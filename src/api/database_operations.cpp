@@ -4,9 +4,9 @@
 #include "frame/lifecycle.h"
 #include "frame/parameters.h"
 #include "frame/upcalls.h"
-#include "transaction/abort.h"
-#include "transaction/begin.h"
-#include "transaction/commit.h"
+#include "transaction/commit/abort.h"
+#include "transaction/commit/commit.h"
+#include "transaction/slots/begin.h"
 
 using namespace zelta;
 

@@ -2,12 +2,12 @@
 
 #include "api/operation.h"
 #include "index/search.h"
-#include "objects/add_object.h"
-#include "objects/delete_object.h"
+#include "objects/change/add_object.h"
+#include "objects/change/delete_object.h"
+#include "objects/change/restore_object.h"
+#include "objects/change/rewrite_object.h"
 #include "objects/object_buffer.h"
-#include "objects/read_object.h"
-#include "objects/restore_object.h"
-#include "objects/rewrite_object.h"
+#include "objects/read/read_object.h"
 
 using namespace zelta;
 

@@ -8,9 +8,9 @@
 #include <algorithm>
 
 #include "check/check_internal.h"
-#include "storage/free_block.h"
-#include "storage/paged_file.h"
-#include "storage/table_file.h"
+#include "storage/free_space/free_block.h"
+#include "storage/paged/paged_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta::check {
 

@@ -15,23 +15,23 @@ struct UInt32AVLTree;
 /// Carries out the log entry of a transaction whose process died, if it is complete, and takes it
 /// out of the log. For the first opener, who clears memory files and slots itself. `header` as it
 /// stands in the control file. Tables that it opens are closed again. Defined in
-/// transaction/recovery.cpp.
+/// transaction/slots/recovery.cpp.
 Result recoverCommitted(const Session& session, std::uint32_t number,
                         const ControlHeader_tag& header);
 
 /// Enters a schema record under number 1 in the log, unless an equal one is the last there. `body`
 /// as it shall stand in the record. Called for databases that keep numbered log files. `header`
-/// takes new log file numbers if the log is rotated. Defined in transaction/schema_log.cpp.
+/// takes new log file numbers if the log is rotated. Defined in transaction/log/schema_log.cpp.
 Result logSchemaChange(MetaData& metaData, ControlHeader_tag& header, DirectoryChange operation,
                        std::uint32_t table, const std::string& body);
 
 /// Lets the database keep numbered log files, from file 0 on, which is begun anew even if they are
 /// kept already; or gives them up for the single form. For an exclusive transaction whose commits
-/// are carried out. Defined in transaction/log_form.cpp.
+/// are carried out. Defined in transaction/log/log_form.cpp.
 Result setLogForm(MetaData& metaData, ControlHeader_tag& header, bool keep);
 
 /// Ends the transaction of a handle: aborts, destroys all tables, gives the slot back. Defined in
-/// transaction/end.cpp.
+/// transaction/slots/end.cpp.
 Result endTransaction(const Session& session);
 
 /// Destroys the tables of a handle. Defined in storage/table.cpp.

@@ -1,7 +1,7 @@
 #include "index/contents.h"
 
 #include "index/kinds.h"
-#include "storage/avl_detail.h"
+#include "storage/trees/avl_detail.h"
 
 namespace zelta {
 

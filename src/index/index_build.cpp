@@ -10,7 +10,7 @@
 #include "platform/file_io.h"
 #include "schema/object_view.h"
 #include "schema/record_reader.h"
-#include "storage/atomic_manager.h"
+#include "storage/paged/atomic_manager.h"
 #include "storage/table.h"
 
 namespace zelta {

@@ -8,8 +8,8 @@
 
 #include "frame/metadata.h"
 #include "index/contents.h"
-#include "storage/paged_file.h"
-#include "storage/table_file.h"
+#include "storage/paged/paged_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta {
 

@@ -3,10 +3,10 @@
 #include "czelta.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
-#include "storage/atomic_manager.h"
-#include "storage/avl_detail.h"
-#include "storage/paged_flush.h"
+#include "storage/paged/atomic_manager.h"
+#include "storage/paged/paged_flush.h"
 #include "storage/table.h"
+#include "storage/trees/avl_detail.h"
 
 namespace zelta {
 

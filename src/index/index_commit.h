@@ -9,7 +9,7 @@
 
 #include "frame/metadata.h"
 #include "index/contents.h"
-#include "storage/paged_file.h"
+#include "storage/paged/paged_file.h"
 
 namespace zelta {
 

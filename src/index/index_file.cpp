@@ -6,8 +6,8 @@
 #include "frame/control_file.h"
 #include "index/index_build.h"
 #include "platform/file_io.h"
-#include "storage/atomic_manager.h"
-#include "storage/paged_repair.h"
+#include "storage/paged/atomic_manager.h"
+#include "storage/paged/paged_repair.h"
 #include "storage/table.h"
 
 namespace zelta {

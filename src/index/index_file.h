@@ -1,5 +1,5 @@
 // The index file of a table: the committed keys of all its indexes. Opening, with all that may have
-// to be done for it: storage/paged_file.h says what its writer may leave.
+// to be done for it: storage/paged/paged_file.h says what its writer may leave.
 
 #ifndef ZELTA_INDEX_INDEX_FILE_H
 #define ZELTA_INDEX_INDEX_FILE_H
@@ -8,8 +8,8 @@
 #include <string>
 
 #include "frame/metadata.h"
-#include "storage/paged_file.h"
-#include "storage/table_file.h"
+#include "storage/paged/paged_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta {
 

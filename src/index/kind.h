@@ -18,7 +18,7 @@
 
 #include "index/tree/index_tree.h"
 #include "schema/record_reader.h"
-#include "storage/avl_tree.h"
+#include "storage/trees/avl_tree.h"
 
 namespace zelta {
 

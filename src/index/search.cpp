@@ -1,7 +1,7 @@
 #include "index/search.h"
 
 #include "index/keys.h"
-#include "storage/key_pool.h"
+#include "storage/trees/key_pool.h"
 
 namespace zelta {
 

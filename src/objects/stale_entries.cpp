@@ -4,8 +4,8 @@
 
 #include "index/kinds.h"
 #include "platform/file_io.h"
-#include "storage/memory_file_map.h"
-#include "storage/memory_file_remove.h"
+#include "storage/memory_file/memory_file_map.h"
+#include "storage/memory_file/memory_file_remove.h"
 
 namespace zelta {
 

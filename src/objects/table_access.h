@@ -12,11 +12,11 @@
 #include <cstdint>
 #include <optional>
 
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
-#include "storage/paged_file.h"
+#include "storage/memory_file/memory_file.h"
+#include "storage/paged/atomic_manager.h"
+#include "storage/paged/paged_file.h"
 #include "storage/table.h"
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta {
 

@@ -6,7 +6,7 @@
 
 #include "platform/file_io.h"
 #include "schema/object_view.h"
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta {
 

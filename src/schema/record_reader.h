@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "storage/memory_file_map.h"
+#include "storage/memory_file/memory_file_map.h"
 #include "storage/table.h"
 
 namespace zelta {

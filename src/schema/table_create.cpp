@@ -14,7 +14,7 @@
 #include "schema/table_lifecycle.h"
 #include "schema/table_load.h"
 #include "schema/validate.h"
-#include "storage/table_recovery.h"
+#include "storage/table_file/table_recovery.h"
 
 namespace zelta {
 

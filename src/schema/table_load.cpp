@@ -7,7 +7,7 @@
 #include "frame/mutex_guard.h"
 #include "platform/file_io.h"
 #include "schema/stored_schema.h"
-#include "storage/table_recovery.h"
+#include "storage/table_file/table_recovery.h"
 
 namespace zelta {
 

@@ -7,7 +7,7 @@
 #include "schema/schema_copy.h"
 #include "schema/validate.h"
 #include "storage/table.h"
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta {
 

@@ -5,7 +5,7 @@
 
 #include "frame/kept_error.h"
 #include "frame/upcalls.h"
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 
 namespace zelta {
 

@@ -9,10 +9,10 @@
 
 #include "czelta.h"
 #include "frame/metadata.h"
-#include "storage/avl_tree.h"
-#include "storage/key_pool.h"
-#include "storage/page_buffer.h"
-#include "storage/page_pool.h"
+#include "storage/paged/page_buffer.h"
+#include "storage/trees/avl_tree.h"
+#include "storage/trees/key_pool.h"
+#include "storage/trees/page_pool.h"
 
 namespace zelta {
 

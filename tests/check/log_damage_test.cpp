@@ -2,7 +2,7 @@
 
 #include "check/damage_fixture.h"
 #include "platform/file_io.h"
-#include "transaction/log_file.h"
+#include "transaction/log/log_file.h"
 
 namespace zelta::testing {
 namespace {

@@ -5,7 +5,7 @@
 #include "crash/commit_trial.h"
 #include "frame/mutex_guard.h"
 #include "platform/file_io.h"
-#include "transaction/log_rotation.h"
+#include "transaction/log/log_rotation.h"
 
 namespace zelta::testing {
 namespace {

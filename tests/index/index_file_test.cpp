@@ -9,9 +9,9 @@
 #include "index/keys.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
-#include "storage/memory_file.h"
-#include "storage/memory_file_remove.h"
-#include "storage/memory_file_store.h"
+#include "storage/memory_file/memory_file.h"
+#include "storage/memory_file/memory_file_remove.h"
+#include "storage/memory_file/memory_file_store.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {

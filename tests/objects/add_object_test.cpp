@@ -1,6 +1,6 @@
 // Adding objects: their IDs, their keys, what a failure leaves, and other transactions meanwhile.
 
-#include "objects/add_object.h"
+#include "objects/change/add_object.h"
 
 #include <gtest/gtest.h>
 
@@ -10,15 +10,15 @@
 
 #include "frame/lifecycle.h"
 #include "frame/upcalls.h"
-#include "objects/delete_object.h"
+#include "objects/change/delete_object.h"
 #include "schema/table_lifecycle.h"
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 #include "support/buffer_table.h"
 #include "support/check_database.h"
 #include "support/paged_table.h"
-#include "transaction/abort.h"
-#include "transaction/begin.h"
-#include "transaction/commit.h"
+#include "transaction/commit/abort.h"
+#include "transaction/commit/commit.h"
+#include "transaction/slots/begin.h"
 
 namespace zelta {
 namespace {

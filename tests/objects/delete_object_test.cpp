@@ -1,7 +1,7 @@
 // Deleting objects: which one, what becomes of its versions and keys, and of the walk that led to
 // it.
 
-#include "objects/delete_object.h"
+#include "objects/change/delete_object.h"
 
 #include <gtest/gtest.h>
 

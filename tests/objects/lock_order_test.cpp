@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "objects/lock_position.h"
-#include "objects/lock_wait.h"
+#include "objects/read/lock_wait.h"
 #include "platform/file_io.h"
 #include "support/object_handle.h"
 

@@ -1,4 +1,4 @@
-#include "objects/read_object.h"
+#include "objects/read/read_object.h"
 #include "frame/upcalls.h"
 
 #include <gtest/gtest.h>

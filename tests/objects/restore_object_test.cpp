@@ -1,6 +1,6 @@
 // Restoring objects: every change undone, with and without the lock, and keys that others took.
 
-#include "objects/restore_object.h"
+#include "objects/change/restore_object.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,12 @@
 // Rewriting objects: versions, keys that come and go, refusals, and other transactions meanwhile.
 
-#include "objects/rewrite_object.h"
+#include "objects/change/rewrite_object.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "storage/memory_file_map.h"
+#include "storage/memory_file/memory_file_map.h"
 #include "support/object_handle.h"
 
 namespace zelta::testing {

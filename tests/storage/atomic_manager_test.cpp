@@ -1,5 +1,5 @@
 #include "platform/file_io.h"
-#include "storage/memory_file.h"
+#include "storage/memory_file/memory_file.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {

@@ -1,4 +1,4 @@
-#include "storage/avl_tree.h"
+#include "storage/trees/avl_tree.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "storage/free_chain.h"
+#include "storage/free_space/free_chain.h"
 
 #include <algorithm>
 #include <map>
@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "platform/file_io.h"
-#include "storage/atomic_manager_writer.h"
-#include "storage/free_journal.h"
+#include "storage/free_space/free_journal.h"
+#include "storage/paged/atomic_manager_writer.h"
 #include "support/storage_fixture.h"
 
 namespace zelta {

@@ -1,10 +1,10 @@
-#include "storage/free_extents.h"
+#include "storage/free_space/free_extents.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
-#include "storage/avl_detail.h"
+#include "storage/trees/avl_detail.h"
 
 namespace zelta {
 namespace {

@@ -1,4 +1,4 @@
-#include "storage/key_pool.h"
+#include "storage/trees/key_pool.h"
 
 #include <gtest/gtest.h>
 

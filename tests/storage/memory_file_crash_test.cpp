@@ -1,6 +1,6 @@
 #include <functional>
 
-#include "storage/memory_file_map.h"
+#include "storage/memory_file/memory_file_map.h"
 #include "support/child_process.h"
 #include "support/paged_table.h"
 

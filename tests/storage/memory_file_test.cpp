@@ -1,6 +1,6 @@
 #include <random>
 
-#include "storage/memory_file_map.h"
+#include "storage/memory_file/memory_file_map.h"
 #include "support/paged_table.h"
 
 namespace zelta::testing {

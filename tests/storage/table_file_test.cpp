@@ -1,7 +1,7 @@
 // Headers of table files: their checks, and commits that were cut off. The files are made here byte
 // by byte.
 
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 
 #include <algorithm>
 #include <utility>

@@ -17,18 +17,18 @@
 
 #include "frame/lifecycle.h"
 #include "frame/upcalls.h"
-#include "objects/add_object.h"
-#include "objects/delete_object.h"
+#include "objects/change/add_object.h"
+#include "objects/change/delete_object.h"
+#include "objects/change/rewrite_object.h"
 #include "objects/object_buffer.h"
-#include "objects/read_object.h"
-#include "objects/rewrite_object.h"
+#include "objects/read/read_object.h"
 #include "schema/object_view.h"
 #include "schema/table_lifecycle.h"
 #include "support/buffer_table.h"
 #include "support/storage_fixture.h"
-#include "transaction/abort.h"
-#include "transaction/begin.h"
-#include "transaction/commit.h"
+#include "transaction/commit/abort.h"
+#include "transaction/commit/commit.h"
+#include "transaction/slots/begin.h"
 
 namespace zelta::testing {
 

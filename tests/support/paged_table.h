@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "storage/atomic_manager.h"
-#include "storage/memory_file.h"
-#include "storage/memory_file_remove.h"
-#include "storage/memory_file_store.h"
+#include "storage/memory_file/memory_file.h"
+#include "storage/memory_file/memory_file_remove.h"
+#include "storage/memory_file/memory_file_store.h"
+#include "storage/paged/atomic_manager.h"
 #include "storage/table.h"
 #include "support/storage_fixture.h"
 

@@ -18,13 +18,13 @@
 #include "frame/lifecycle.h"
 #include "index/btree/btree.h"
 #include "index/index_file.h"
-#include "objects/read_object.h"
-#include "storage/memory_file.h"
-#include "storage/memory_file_store.h"
+#include "objects/read/read_object.h"
+#include "storage/memory_file/memory_file.h"
+#include "storage/memory_file/memory_file_store.h"
 #include "storage/table.h"
-#include "storage/table_file.h"
+#include "storage/table_file/table_file.h"
 #include "support/storage_fixture.h"
-#include "transaction/begin.h"
+#include "transaction/slots/begin.h"
 
 namespace zelta::testing {
 

@@ -17,7 +17,7 @@
 #include "index/btree/btree.h"
 #include "index/btree/cursor.h"
 #include "index/btree/node.h"
-#include "storage/paged_file.h"
+#include "storage/paged/paged_file.h"
 #include "support/storage_fixture.h"
 
 namespace zelta::testing {

@@ -1,8 +1,8 @@
 // Ends and sizes that a damaged file tells: nothing is written behind them, so that no file grows.
 
-#include "storage/free_block.h"
-#include "storage/paged_file.h"
-#include "storage/table_file.h"
+#include "storage/free_space/free_block.h"
+#include "storage/paged/paged_file.h"
+#include "storage/table_file/table_file.h"
 #include "support/edit_session.h"
 #include "transaction/log_fixture.h"
 

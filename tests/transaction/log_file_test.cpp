@@ -1,4 +1,4 @@
-#include "transaction/log_file.h"
+#include "transaction/log/log_file.h"
 
 #include <set>
 

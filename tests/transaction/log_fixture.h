@@ -14,8 +14,8 @@
 
 #include "platform/file_io.h"
 #include "support/storage_fixture.h"
-#include "transaction/log_rotation.h"
-#include "transaction/log_search.h"
+#include "transaction/log/log_rotation.h"
+#include "transaction/log/log_search.h"
 
 namespace zelta::testing {
 

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "frame/upcalls.h"
-#include "transaction/later_entries.h"
+#include "transaction/log/later_entries.h"
 #include "transaction/log_fixture.h"
 
 namespace zelta {

@@ -6,8 +6,8 @@
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "support/edit_session.h"
-#include "transaction/log_search.h"
-#include "transaction/replay.h"
+#include "transaction/log/log_search.h"
+#include "transaction/replay/replay.h"
 
 namespace zelta::testing {
 namespace {

@@ -1,4 +1,4 @@
-#include "transaction/version_reader.h"
+#include "transaction/commit/version_reader.h"
 
 #include <gtest/gtest.h>
 

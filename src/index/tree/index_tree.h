@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "storage/atomic_manager.h"
+#include "storage/paged/atomic_manager.h"
 
 namespace zelta {
 

@@ -12,7 +12,7 @@
 #include <cstdint>
 
 #include "index/tree/index_tree.h"
-#include "storage/page_buffer.h"
+#include "storage/paged/page_buffer.h"
 
 namespace zelta {
 

@@ -1,0 +1,61 @@
+// Repeating the passes of an operation that changes objects.
+
+#ifndef ZELTA_OBJECTS_CHANGE_WRITE_RETRY_H
+#define ZELTA_OBJECTS_CHANGE_WRITE_RETRY_H
+
+#include <cstdint>
+
+#include "objects/change/key_changes.h"
+#include "objects/table_access.h"
+
+namespace zelta {
+
+class WriteRetry {
+ public:
+  struct Limits {
+    int passes;       ///< that may be stopped by a lock
+    int quickPasses;  ///< the first of them, which only yield the processor in between
+  };
+
+  WriteRetry(UInt32AVLTree*& tables, TableAccess& access, Limits limits)
+      : metaData_(access.metaData), tables_(tables), access_(access), limits_(limits) {}
+
+  /// Repeats `pass()` for as long as it meets others. After each pass the mutex is free and the
+  /// changes that it has planned are gone. A key that another transaction has pending may be left
+  /// over: once that transaction is looked for, before own code 37 counts. After code 33 `wait()`
+  /// says what is to be done before the next pass.
+  template <typename Pass, typename Wait>
+  Result run(KeyChanges& changes, const Pass& pass, const Wait& wait) {
+    for (bool repairedForKey = false;;) {
+      const Result result = pass();
+      access_.leave();
+      const bool keyPending = result.is(Own::keyExists) && changes.heldByOthers();
+      changes.clear();
+      if (keyPending && !repairedForKey) {
+        repairedForKey = true;
+        ZELTA_TRY(repairDead());
+      } else if (!result.isLocked()) {
+        return result;
+      } else {
+        ZELTA_TRY(wait());
+      }
+    }
+  }
+
+  /// Who holds what is wanted may have died without anybody having noticed yet: looks for such a
+  /// one and repairs it. What failed for it leaves no text.
+  Result repairDead();
+  /// Pauses. Own code 27 with the object's ID when a lock has stopped as many passes as may be.
+  Result pause(std::uint64_t objectID);
+
+ private:
+  MetaData& metaData_;
+  UInt32AVLTree*& tables_;
+  TableAccess& access_;
+  const Limits limits_;
+  int passes_ = 0;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_CHANGE_WRITE_RETRY_H

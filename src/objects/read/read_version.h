@@ -1,0 +1,28 @@
+// Reading the version of an object that counts for the running transaction.
+
+#ifndef ZELTA_OBJECTS_READ_READ_VERSION_H
+#define ZELTA_OBJECTS_READ_READ_VERSION_H
+
+#include <cstdint>
+
+#include "objects/read/locate.h"
+#include "objects/table_access.h"
+#include "schema/record_reader.h"
+
+namespace zelta {
+
+/// Reads this transaction's version of an object, the pending one if there is one, into the table's
+/// buffer, which holds no object after a failure. A placeholder is own code 55, here and below.
+Result readVersion(TableAccess& access, const Located& found);
+
+/// The same into a buffer of the handle. The bytes are good until the next object is read aside.
+Result readVersionAside(TableAccess& access, const Located& found, ObjectBytes* object);
+
+/// Reads a committed object whose record was found at a position, aside likewise. Nobody vouches
+/// for the position.
+Result readCommittedAside(const Table& table, std::uint64_t objectID, std::uint64_t position,
+                          ObjectBytes* object);
+
+}  // namespace zelta
+
+#endif  // ZELTA_OBJECTS_READ_READ_VERSION_H

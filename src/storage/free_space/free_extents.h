@@ -1,0 +1,44 @@
+// Spans of a file that were released and wait until a free chain takes them in all at once.
+
+#ifndef ZELTA_STORAGE_FREE_SPACE_FREE_EXTENTS_H
+#define ZELTA_STORAGE_FREE_SPACE_FREE_EXTENTS_H
+
+#include <cstdint>
+
+#include "storage/free_space/free_block.h"
+
+namespace zelta {
+
+/// A span in the set, in the order of position.
+struct FreeExtentNode {
+  std::int32_t balance = 0;
+  FileSpan span{};
+  FreeExtentNode* left = nullptr;
+  FreeExtentNode* right = nullptr;
+};
+
+/// The set owns its nodes. Overlaps are not looked for: the chain finds them.
+class FreeExtents {
+ public:
+  FreeExtents() = default;
+  ~FreeExtents() { clear(); }
+  FreeExtents(const FreeExtents&) = delete;
+  FreeExtents& operator=(const FreeExtents&) = delete;
+
+  void add(FileSpan span);
+  /// The same, but a span that begins at the end of the one added last extends that, as long as
+  /// its size stays within `largest`.
+  void addToRun(FileSpan span, std::uint64_t largest);
+  void clear();
+
+  [[nodiscard]] bool empty() const { return root_ == nullptr; }
+  [[nodiscard]] const FreeExtentNode* root() const { return root_; }
+
+ private:
+  FreeExtentNode* root_ = nullptr;
+  FreeExtentNode* newest_ = nullptr;
+};
+
+}  // namespace zelta
+
+#endif  // ZELTA_STORAGE_FREE_SPACE_FREE_EXTENTS_H

@@ -1,0 +1,171 @@
+// Changed index pages: held in memory within bounds, least recently used ones moved to shadows
+// behind the memory file, or straight into the index file when no memory file is open.
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "platform/file_io.h"
+#include "storage/paged/atomic_manager.h"
+#include "storage/paged/atomic_manager_writer.h"
+
+namespace zelta {
+
+namespace {
+
+/// Share of the held pages that moves out at once, so that it goes in few writes.
+constexpr std::uint64_t kShareMovedOut = 8;
+
+}  // namespace
+
+Result AtomicManager::readChangedIndexPage(Page& page, char** bytes, ScratchBuffer& scratch) {
+  *bytes = scratch.reserve(page.size);
+  if (page.bytes == nullptr) {
+    const bool shadow = page.shadowPosition != 0;
+    const SystemCode result =
+        readLargeBuffer(shadow ? memoryFile : indexFile, shadow ? page.shadowPosition : page.key,
+                        *bytes, page.size);
+    if (result != 0) return failed(shadow ? PageFile::memory : PageFile::index, result);
+    if (!holdIndexPages_ || page.size > heldIndexLimit) return {};
+    ZELTA_TRY(takeIndexBytes(page, *bytes, page.size));
+    page.unsaved = false;
+    return {};
+  }
+  std::memcpy(*bytes, page.bytes, page.size);
+  use(page);
+  return {};
+}
+
+Result AtomicManager::writeIndexPage(std::uint64_t position, const char* page, std::uint32_t size) {
+  dropUnchangedPage(PageFile::index, position);
+  Page* node = changedPage(PageFile::index, position);
+  if (node == nullptr) {
+    if (memoryFile == platform::File::none && !holdIndexPages_) {
+      const SystemCode result = writeBuffer(indexFile, position, page, size);
+      return result == 0 ? Result{} : failed(PageFile::index, result);
+    }
+    auto fresh = std::make_unique<Page>();
+    node = fresh.get();
+    insert(fresh.release(), shadowPages, position);
+    ++shadowPageCount;
+  }
+  if (holdIndexPages_ && size <= heldIndexLimit) return takeIndexBytes(*node, page, size);
+  releaseIndexBytes(*node);
+  node->size = size;
+  assignShadow(*node);
+  const bool shadow = node->shadowPosition != 0;
+  const SystemCode result = writeBuffer(shadow ? memoryFile : indexFile,
+                                        shadow ? node->shadowPosition : position, page, size);
+  if (result != 0) return failed(shadow ? PageFile::memory : PageFile::index, result);
+  return {};
+}
+
+Result AtomicManager::takeIndexBytes(Page& page, const char* bytes, std::uint32_t size) {
+  if (page.bytes == nullptr || page.size != size) {
+    releaseIndexBytes(page);
+    page.makeRoom(size);
+    heldIndexBytes_ += size;
+  }
+  std::memcpy(page.bytes, bytes, size);
+  page.unsaved = true;
+  use(page);
+  return heldIndexBytes_ > heldIndexLimit ? shrinkHeldIndex() : Result{};
+}
+
+void AtomicManager::assignShadow(Page& page) {
+  if (memoryFile == platform::File::none) return;
+  if (page.shadowPosition != 0 && page.shadowSize >= page.size) return;
+  if (shadowCursor < memoryEndOfFile) shadowCursor = memoryEndOfFile;
+  page.shadowPosition = shadowCursor;
+  page.shadowSize = page.size;
+  // Shadows stay on the granule, since what they lie in may become free space.
+  shadowCursor += memoryFreeSpace.need(page.size);
+}
+
+void AtomicManager::releaseIndexBytes(Page& page) {
+  if (page.bytes == nullptr) return;
+  unuse(page);
+  page.dropBytes();
+  page.unsaved = false;
+  heldIndexBytes_ -= page.size;
+}
+
+void AtomicManager::use(Page& page) {
+  if (newest_ == &page) return;
+  unuse(page);
+  page.older = newest_;
+  if (newest_ != nullptr) newest_->newer = &page;
+  newest_ = &page;
+  if (oldest_ == nullptr) oldest_ = &page;
+}
+
+void AtomicManager::unuse(Page& page) {
+  if (page.newer != nullptr) page.newer->older = page.older;
+  if (page.older != nullptr) page.older->newer = page.newer;
+  if (newest_ == &page) newest_ = page.older;
+  if (oldest_ == &page) oldest_ = page.newer;
+  page.newer = nullptr;
+  page.older = nullptr;
+}
+
+/// Moves the pages that were not used for longest out of memory.
+Result AtomicManager::shrinkHeldIndex() {
+  const std::uint64_t target = heldIndexLimit - heldIndexLimit / kShareMovedOut;
+  const bool shadow = memoryFile != platform::File::none;
+  GatheredWriter writer(shadow ? memoryFile : indexFile, metaData.scratchFor(Scratch::journal),
+                        heldIndexBytes_ - target);
+  SystemCode result = 0;
+  while (heldIndexBytes_ > target && oldest_ != newest_ && result == 0) {
+    Page& page = *oldest_;
+    if (page.unsaved) {
+      assignShadow(page);
+      result = writer.write(shadow ? page.shadowPosition : page.key, page.bytes, page.size);
+    }
+    releaseIndexBytes(page);
+  }
+  if (result == 0) result = writer.finish();
+  return result == 0 ? Result{} : failed(shadow ? PageFile::memory : PageFile::index, result);
+}
+
+namespace {
+
+/// Visits pages in ascending order of position. The tree is balanced, so the depth is bounded.
+template <class Visit>
+Result forEachPage(UInt64AVLTree* node, const Visit& visit) {
+  if (node == nullptr) return {};
+  ZELTA_TRY(forEachPage(node->left, visit));
+  ZELTA_TRY(visit(static_cast<AtomicManager::Page&>(*node)));
+  return forEachPage(node->right, visit);
+}
+
+}  // namespace
+
+Result AtomicManager::writeHeldIndexPages() {
+  GatheredWriter writer(indexFile, metaData.scratchFor(Scratch::journal), heldIndexBytes_);
+  ZELTA_TRY(forEachPage(shadowPages, [&](Page& page) {
+    if (!page.unsaved) return Result{};
+    const SystemCode result = writer.write(page.key, page.bytes, page.size);
+    return result == 0 ? Result{} : failed(PageFile::index, result);
+  }));
+  const SystemCode result = writer.finish();
+  if (result != 0) return failed(PageFile::index, result);
+  destroyAll(shadowPages);
+  shadowPageCount = 0;
+  newest_ = nullptr;
+  oldest_ = nullptr;
+  heldIndexBytes_ = 0;
+  return {};
+}
+
+Result AtomicManager::changedBytes(Page& page, const char** bytes, ScratchBuffer& scratch) {
+  *bytes = page.bytes;
+  if (page.bytes != nullptr) return {};
+  char* copy = scratch.reserve(page.size);
+  const SystemCode result = readLargeBuffer(memoryFile, page.shadowPosition, copy, page.size);
+  *bytes = copy;
+  return result == 0 ? Result{} : failed(PageFile::memory, result);
+}
+
+}  // namespace zelta

@@ -1,0 +1,37 @@
+// The inner side of table_file.h: finishing a commit that was cut off, and what commit shares with
+// it.
+
+#ifndef ZELTA_STORAGE_TABLE_FILE_TABLE_RECOVERY_H
+#define ZELTA_STORAGE_TABLE_FILE_TABLE_RECOVERY_H
+
+#include "storage/table_file/table_file.h"
+
+namespace zelta {
+
+/// Failures of a table file, with its name and extension.
+Result reportTable(MetaData& metaData, const char16_t* tableName, SystemCode failure);
+Result reportDamagedTable(MetaData& metaData, const char16_t* tableName, std::int64_t i1,
+                          std::int64_t i2);
+
+Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
+                      std::uint32_t slotBase, std::uint64_t objectID, const ObjectSlot& slot);
+
+/// Whether the numbers of a header at rest can be true.
+[[nodiscard]] bool isPlausible(const TableHeader_tag& header);
+
+/// Finishes the commit whose intent stands in `header`, or forgets it if its journal is incomplete.
+/// The caller owns the table's mutex.
+Result recoverTableCommit(MetaData& metaData, const char16_t* tableName, platform::File file,
+                          TableHeader_tag& header);
+
+/// Zeroes the slots above `highestID`, up to `end`.
+Result zeroSlots(MetaData& metaData, const char16_t* tableName, platform::File file,
+                 std::uint32_t slotBase, std::uint64_t highestID, std::uint64_t end);
+
+/// Bytes 104 to 167, which the journal's checksum begins with.
+[[nodiscard]] const char* summedPart(const TableHeader_tag& header);
+inline constexpr std::uint32_t kSummedPart = 64;
+
+}  // namespace zelta
+
+#endif  // ZELTA_STORAGE_TABLE_FILE_TABLE_RECOVERY_H

@@ -1,0 +1,62 @@
+#include "storage/trees/page_pool.h"
+
+#include <cstdlib>
+#include <new>
+
+#include "storage/trees/avl_detail.h"
+
+namespace zelta {
+
+namespace {
+
+/// Spare pages keep room of up to this size.
+constexpr std::uint32_t kLargestSpare = 8192;
+
+}  // namespace
+
+PageNode::~PageNode() { std::free(bytes); }
+
+void PageNode::makeRoom(std::uint32_t wanted) {
+  if (bytes == nullptr || capacity < wanted) {
+    auto* fresh = static_cast<char*>(std::malloc(wanted));
+    if (fresh == nullptr) throw std::bad_alloc();
+    std::free(bytes);
+    bytes = fresh;
+    capacity = wanted;
+  }
+  size = wanted;
+}
+
+void PageNode::dropBytes() {
+  std::free(bytes);
+  bytes = nullptr;
+  capacity = 0;
+}
+
+PagePool::~PagePool() {
+  for (std::size_t i = 0; i < used_; ++i) delete slots_[i];
+}
+
+PageNode* PagePool::take() { return used_ == 0 ? new PageNode : slots_[--used_]; }
+
+void PagePool::release(PageNode* page) {
+  if (used_ == slots_.size()) {
+    delete page;
+    return;
+  }
+  if (page->capacity > kLargestSpare) page->dropBytes();
+  page->size = 0;
+  page->shadowSize = 0;
+  page->shadowPosition = 0;
+  page->unsaved = false;
+  page->newer = nullptr;
+  page->older = nullptr;
+  slots_[used_++] = page;
+}
+
+void PagePool::releaseTree(UInt64AVLTree*& root) {
+  avl::postOrder(avl::detachAll(root),
+                 [this](UInt64AVLTree* node) { release(static_cast<PageNode*>(node)); });
+}
+
+}  // namespace zelta

@@ -1,0 +1,88 @@
+// The form of the log, as a parameter of the database sets it.
+//
+// The transaction that sets it is alone, and all that was committed before is carried out: a log
+// without an entry is right then, whatever its form. An old entry is not: the proof that it is out
+// of date lies in entries behind it, and these may be gone, or never have been logged in this form.
+// So each step below leaves either the log that was, or one without an entry:
+//  1. Keeping logs, file 0 is emptied. If it lies between others that are kept, those before it go
+//     out of use first.
+//  2. One write makes file 0 the only one in use, and the form the numbered one.
+//  3. Giving kept logs up, the single file is the log before any of the others is deleted.
+// Where a loss of power must not swap two steps, a flush stands between them.
+
+#include <cstring>
+
+#include "frame/upcalls.h"
+#include "platform/file_io.h"
+#include "transaction/log/log_names.h"
+#include "transaction/log/log_rotation.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr std::uint32_t kKeepsFiles = 1;
+
+Result reportControl(MetaData& metaData, SystemCode failure) {
+  return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);
+}
+
+/// Writes the header from one offset up to another; all of it lies in one sector.
+Result writePart(MetaData& metaData, const ControlHeader_tag& header, std::size_t from,
+                 std::size_t end) {
+  return reportControl(metaData, writeBuffer(metaData.controlFile, from,
+                                             reinterpret_cast<const char*>(&header) + from,
+                                             static_cast<std::int64_t>(end - from)));
+}
+
+constexpr std::size_t kFlags = offsetof(ControlHeader_tag, logFlags);
+constexpr std::size_t kFlagsEnd = offsetof(ControlHeader_tag, logRetentionHours);
+constexpr std::size_t kNumbers = offsetof(ControlHeader_tag, firstLogFile);
+constexpr std::size_t kNumbersEnd = offsetof(ControlHeader_tag, lastTransaction);
+
+/// Whether file 0 is in use and others are before it.
+bool zeroHasElders(const ControlHeader_tag& header) {
+  if ((header.logFlags & kKeepsFiles) == 0 || header.firstLogFile == 0) return false;
+  return header.lastLogFile < header.firstLogFile;  // the numbers have gone round
+}
+
+Result keepFiles(MetaData& metaData, ControlHeader_tag& header) {
+  if (zeroHasElders(header)) {
+    header.firstLogFile = 0;
+    ZELTA_TRY(writePart(metaData, header, kNumbers, kNumbersEnd));
+    ZELTA_TRY(reportControl(metaData, platform::flushFile(metaData.controlFile)));
+  }
+  LogFile log(metaData);
+  ZELTA_TRY(emptyLogFile(0, log));
+  header.logFlags |= kKeepsFiles;
+  header.firstLogFile = 0;
+  header.lastLogFile = 0;
+  ZELTA_TRY(writePart(metaData, header, kFlags, kNumbersEnd));
+  static_cast<void>(platform::deleteFile(singleLogName(metaData).c_str()));
+  return {};
+}
+
+Result giveFilesUp(MetaData& metaData, ControlHeader_tag& header) {
+  header.logFlags &= ~kKeepsFiles;
+  ZELTA_TRY(writePart(metaData, header, kFlags, kFlagsEnd));
+  ZELTA_TRY(reportControl(metaData, platform::flushFile(metaData.controlFile)));
+  // The end is reckoned in twelve bits.
+  const auto end = static_cast<std::uint16_t>((header.lastLogFile + 1) & 0xFFF);
+  if (header.firstLogFile != end) {
+    const auto last = static_cast<std::uint16_t>(end - 1);
+    for (const std::uint16_t number : numbersInUse(metaData, header.firstLogFile, last)) {
+      static_cast<void>(platform::deleteFile(numberedLogName(metaData, number).c_str()));
+    }
+  }
+  header.firstLogFile = 0;
+  header.lastLogFile = 0;
+  return writePart(metaData, header, kNumbers, kNumbersEnd);
+}
+
+}  // namespace
+
+Result setLogForm(MetaData& metaData, ControlHeader_tag& header, bool keep) {
+  return keep ? keepFiles(metaData, header) : giveFilesUp(metaData, header);
+}
+
+}  // namespace zelta
