@@ -128,9 +128,9 @@ class ObjectSource final : public Source {
 
   Value field(const FieldRef& ref) override {
     const char* at = ref.subField == nullptr
-                         ? fieldAddress(table_, ref.fieldNumber, object_, size_)
-                         : subFieldAddress(table_, ref.fieldNumber, ref.subFieldNumber, entry_,
-                                           object_, size_, rows_);
+                         ? fieldAddress(table_, ref.fieldNumber, {object_, size_})
+                         : subFieldAddress(table_, {ref.fieldNumber, ref.subFieldNumber, entry_},
+                                           {object_, size_}, rows_);
     if (at == nullptr || at >= object_ + size_) return {};
     return {at, static_cast<std::uint64_t>(object_ + size_ - at)};
   }

@@ -43,8 +43,8 @@ bool followsListSearch(const Table& table) {
 
 }  // namespace
 
-Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
-                   const ExpressionSearch& search, long long* /*count*/) {
+Result searchIndex(const Session& /*session*/, Table& table, const ExpressionSearch& search,
+                   long long* /*count*/) {
   ZELTA_TRY(checkIndex(table, search.index));
   switch (kindOf(table, search.index)) {
     case CZELTA::BPlusTree:
@@ -63,21 +63,21 @@ Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
       return wrongKind(table, search.index);
   }
   if (search.expression == nullptr) {
-    return reportError(&metaData, Own::parameter, table.cName());
+    return reportError(&table.metaData, Own::parameter, table.cName());
   }
-  return unavailable(metaData);
+  return unavailable(table.metaData);
 }
 
-Result searchIndex(MetaData& metaData, UInt32AVLTree*& /*tables*/, Table& table,
-                   const ShapeSearch& search, long long* /*count*/) {
+Result searchIndex(const Session& /*session*/, Table& table, const ShapeSearch& search,
+                   long long* /*count*/) {
   ZELTA_TRY(checkIndex(table, search.index));
   switch (kindOf(table, search.index)) {
     case CZELTA::SpatialTree:
     case CZELTA::TemporalTree:
       return searchTree(table, search.index, search.key);
     case CZELTA::SpatialPattern:
-      if (search.key == nullptr) return reportError(&metaData, Own::parameter, table.cName());
-      return unavailable(metaData);
+      if (search.key == nullptr) return reportError(&table.metaData, Own::parameter, table.cName());
+      return unavailable(table.metaData);
     default:
       return wrongKind(table, search.index);
   }

@@ -86,7 +86,7 @@ Result getVariableField(Table& table, std::uint32_t field, void** value, CZELTA:
   }
   if (table.objectData == nullptr) return noObject(table.metaData);
   if (exists && value != nullptr) {
-    *value = const_cast<char*>(fieldAddress(table, static_cast<std::uint32_t>(number), nullptr, 0));
+    *value = const_cast<char*>(fieldAddress(table, static_cast<std::uint32_t>(number)));
   }
   fillObject(table, object);
   return {};
@@ -103,8 +103,8 @@ Result getVariableField(Table& table, const SubFieldPlace& place, void** value,
   }
   if (table.objectData == nullptr) return noObject(table.metaData);
   if (value != nullptr) {
-    *value = const_cast<char*>(subFieldAddress(table, static_cast<std::uint32_t>(number),
-                                               place.subField, place.subRecord, nullptr, 0));
+    *value = const_cast<char*>(subFieldAddress(
+        table, {static_cast<std::uint32_t>(number), place.subField, place.subRecord}));
   }
   fillObject(table, object);
   return {};

@@ -8,6 +8,7 @@
 
 #include "czelta.h"
 #include "frame/metadata.h"
+#include "schema/object_view.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -20,13 +21,6 @@ inline constexpr std::uint32_t kFixedLead = 6;
 [[nodiscard]] inline std::uint32_t leadOf(const Table& table) {
   return table.isFixed() ? kFixedLead : kVariableLead;
 }
-
-/// A sub-field of one row of a variable field, each counted from 0.
-struct SubFieldPlace {
-  std::uint32_t field;
-  std::uint32_t subField;
-  std::uint32_t subRecord;
-};
 
 /// The encoded values of some variable fields, one behind the other.
 struct PackedValues {

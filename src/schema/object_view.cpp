@@ -12,18 +12,26 @@ std::uint64_t objectIdOf(const Table& table, const char* object) {
   return id;
 }
 
-const char* fieldAddress(const Table& table, std::uint32_t field, const char* object,
-                         std::uint32_t length) {
-  if (object == nullptr) object = table.objectData;
-  if (length == 0) length = table.objectLength;
+namespace {
+
+/// The object that is meant: without one, that in the table's buffer.
+ObjectBytes meant(const Table& table, ObjectBytes object) {
+  return {object.data != nullptr ? object.data : table.objectData,
+          object.length != 0 ? object.length : table.objectLength};
+}
+
+}  // namespace
+
+const char* fieldAddress(const Table& table, std::uint32_t field, ObjectBytes object) {
+  const auto [bytes, length] = meant(table, object);
   const CZELTA::Schema::Field* fields = table.schema->fields;
   if (!isVariableType(fields[field].fieldType)) {
-    return object + table.headerSize() + fields[field].fieldOffset;
+    return bytes + table.headerSize() + fields[field].fieldOffset;
   }
   std::uint64_t position = table.fixedAreaSize;
   for (std::uint32_t f = table.firstVariableField; f < field; ++f) {
     if (position > length || isPoints(fields[f].fieldType)) return nullptr;
-    const std::uint64_t size = valueSize(fields[f].fieldType, object + position, length - position);
+    const std::uint64_t size = valueSize(fields[f].fieldType, bytes + position, length - position);
     if (size == kPastEnd) {
       // A text without its end takes all that is left.
       const std::uint32_t type = fields[f].fieldType;
@@ -35,7 +43,7 @@ const char* fieldAddress(const Table& table, std::uint32_t field, const char* ob
       position += size;
     }
   }
-  return position > length ? nullptr : object + position;
+  return position > length ? nullptr : bytes + position;
 }
 
 std::uint64_t rowSize(const CZELTA::Schema::Field& field, const char* row, std::uint64_t left,
@@ -79,12 +87,11 @@ const char* inRow(const CZELTA::Schema::Field& field, std::uint32_t subField, co
 }
 
 /// The first row of a field; null if it has none.
-RowPlaces::Place firstRow(const Table& table, std::uint32_t field, const char* object,
-                          std::uint32_t length) {
+RowPlaces::Place firstRow(const Table& table, std::uint32_t field, ObjectBytes object) {
   RowPlaces::Place place;
-  const char* start = fieldAddress(table, field, object, length);
+  const char* start = fieldAddress(table, field, object);
   if (start == nullptr) return place;
-  std::uint64_t left = length - static_cast<std::uint64_t>(start - object);
+  std::uint64_t left = object.length - static_cast<std::uint64_t>(start - object.data);
   if (left < 4) return place;
   std::uint32_t size = 0;
   std::memcpy(&size, start, 4);
@@ -102,27 +109,24 @@ RowPlaces::Place& RowPlaces::of(std::uint32_t field) {
   return places_[field % places_.size()];
 }
 
-const char* subFieldAddress(const Table& table, std::uint32_t field, std::uint32_t subField,
-                            std::uint32_t subRecord, const char* object, std::uint32_t length,
+const char* subFieldAddress(const Table& table, const SubFieldPlace& wanted, ObjectBytes object,
                             RowPlaces* places) {
-  if (object == nullptr) object = table.objectData;
-  if (length == 0) length = table.objectLength;
   RowPlaces::Place place;
-  if (places != nullptr) place = places->of(field);
-  if (place.at == nullptr || place.field != field || place.row > subRecord) {
-    place = firstRow(table, field, object, length);
+  if (places != nullptr) place = places->of(wanted.field);
+  if (place.at == nullptr || place.field != wanted.field || place.row > wanted.subRecord) {
+    place = firstRow(table, wanted.field, meant(table, object));
     if (place.at == nullptr) return nullptr;
   }
-  const CZELTA::Schema::Field& definition = table.schema->fields[field];
-  for (; place.row < subRecord; ++place.row) {
+  const CZELTA::Schema::Field& definition = table.schema->fields[wanted.field];
+  for (; place.row < wanted.subRecord; ++place.row) {
     std::uint32_t seen = 0;
     const std::uint64_t step = rowSize(definition, place.at, place.left, &seen);
     if (step == 0 || step >= place.left) return nullptr;
     place.at += step;
     place.left -= step;
   }
-  if (places != nullptr) places->of(field) = place;
-  return inRow(definition, subField, place.at, place.left);
+  if (places != nullptr) places->of(wanted.field) = place;
+  return inRow(definition, wanted.subField, place.at, place.left);
 }
 
 }  // namespace zelta

@@ -88,13 +88,27 @@ template <typename Length>
 [[nodiscard]] std::uint64_t rowSize(const CZELTA::Schema::Field& field, const char* row,
                                     std::uint64_t left, std::uint32_t* seen);
 
+/// A version of an object: its bytes, which begin with the version word. Null: there is none.
+struct ObjectBytes {
+  const char* data = nullptr;
+  std::uint32_t length = 0;
+};
+
+/// A sub-field of one row of a variable field, each counted from 0.
+struct SubFieldPlace {
+  std::uint32_t field;
+  std::uint32_t subField;
+  std::uint32_t subRecord;
+};
+
 /// The ID in an object's bytes.
 [[nodiscard]] std::uint64_t objectIdOf(const Table& table, const char* object);
 
-/// Address of a field in an object; `object` null: the buffer. Null if the object does not hold the
-/// field. A position right at the end of the object counts as held.
-[[nodiscard]] const char* fieldAddress(const Table& table, std::uint32_t field, const char* object,
-                                       std::uint32_t length);
+/// Address of a field in an object; without one, in the table's buffer. Null if the object does not
+/// hold the field. A position right at the end of the object counts as held.
+[[nodiscard]] const char* fieldAddress(const Table& table, std::uint32_t field,
+                                       ObjectBytes object = {});
+
 /// Where the rows of sub-records stand that were looked for last, so that the row behind one is a
 /// single step away. It belongs to one object, whose bytes do not change meanwhile.
 class RowPlaces {
@@ -113,10 +127,8 @@ class RowPlaces {
 };
 
 /// The same for a sub-field of a row. `places` may be null.
-[[nodiscard]] const char* subFieldAddress(const Table& table, std::uint32_t field,
-                                          std::uint32_t subField, std::uint32_t subRecord,
-                                          const char* object, std::uint32_t length,
-                                          RowPlaces* places = nullptr);
+[[nodiscard]] const char* subFieldAddress(const Table& table, const SubFieldPlace& wanted,
+                                          ObjectBytes object = {}, RowPlaces* places = nullptr);
 
 }  // namespace zelta
 

@@ -6,16 +6,11 @@
 
 #include <cstdint>
 
+#include "schema/object_view.h"
 #include "storage/memory_file/memory_file_map.h"
 #include "storage/table.h"
 
 namespace zelta {
-
-/// A version of an object: its bytes, which begin with the version word. Null: there is none.
-struct ObjectBytes {
-  const char* data = nullptr;
-  std::uint32_t length = 0;
-};
 
 /// The memory that objects are read into, one after the other.
 struct RecordBuffer {

@@ -188,7 +188,8 @@ TEST(CommitCrash, Log_files_stay_while_something_is_to_be_carried_out_from_them)
       EXPECT_EQ(setDatabaseParameter(session.metaData, CZELTA::ParameterKeepLogFiles, 1).word(),
                 systemCode(code::kDeviceError))
           << context;
-      EXPECT_EQ(removeTable(session, 1, true, true).word(), systemCode(code::kDeviceError))
+      EXPECT_EQ(removeTable({session.metaData, session.tables}, 1, true, true).word(),
+                systemCode(code::kDeviceError))
           << context;
       ASSERT_TRUE(session.end().ok()) << context;
       std::string damage;

@@ -179,14 +179,16 @@ TEST_F(LogForm, A_table_that_was_removed_stays_away) {
     CZELTA::Schema table = records.schema;
     table.tableName = u"Gone";
     table.tableId = 2;
-    ASSERT_TRUE(createTable(session, &table, nullptr, true).ok()) << session.error();
+    ASSERT_TRUE(createTable({session.metaData, session.tables}, &table, nullptr, true).ok())
+        << session.error();
     ASSERT_TRUE(session.end().ok());
   }
   eachCommitInAFileOfItsOwn();
   {
     EditSession session(folder, kForm);
     ASSERT_TRUE(session.begin(kAlone).ok());
-    ASSERT_TRUE(removeTable(session, 2, true, true).ok()) << session.error();
+    ASSERT_TRUE(removeTable({session.metaData, session.tables}, 2, true, true).ok())
+        << session.error();
     ASSERT_TRUE(session.end().ok());
   }
   ASSERT_TRUE(folder.has("db.0001.zll"));
@@ -195,7 +197,7 @@ TEST_F(LogForm, A_table_that_was_removed_stays_away) {
   EXPECT_FALSE(folder.has("Gone.zlt"));
   EditSession session(folder, kForm);
   ASSERT_TRUE(session.begin().ok());
-  EXPECT_TRUE(openTable(session, 2).is(Own::tableNotFound));
+  EXPECT_TRUE(openTable({session.metaData, session.tables}, 2).is(Own::tableNotFound));
   ASSERT_TRUE(session.end().ok());
 }
 

@@ -168,17 +168,17 @@ TEST(FieldAddress, ABinaryOfLengthZeroAndOneOfLengthFourTakeFourBytes) {
   BufferTable t(Fields{{CZELTA::TypeBinary}, {CZELTA::TypeText}});
   for (const std::uint32_t length : {0u, 1u, 3u, 4u}) {
     t.put(t.header(1).number(length).text("x"));
-    EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 10u) << length;
+    EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 10u) << length;
   }
   t.put(t.header(1).number(5u).raw("a").text("x"));
-  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 11u);
+  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 11u);
 }
 
 TEST(FieldAddress, AShortBinaryBelowTwoTakesTwoBytes) {
   BufferTable t(Fields{{CZELTA::TypeShortBinary}, {CZELTA::TypeText}});
   for (const std::uint16_t length : std::vector<std::uint16_t>{0, 1, 2}) {
     t.put(t.header(1).number(length).text("x"));
-    EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 8u) << length;
+    EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 8u) << length;
   }
 }
 
@@ -186,8 +186,8 @@ TEST(FieldAddress, BehindPointsIsNullWhateverTheObjectHolds) {
   for (const std::uint32_t points : {CZELTA::TypePoints2, CZELTA::TypePoints3}) {
     BufferTable t(Fields{{points}, {CZELTA::TypeText}});
     t.put(t.header(1).number(0u).text("x"));
-    EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 0, nullptr, 0)), 6u);
-    EXPECT_EQ(fieldAddress(t.table, 1, nullptr, 0), nullptr);
+    EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 0)), 6u);
+    EXPECT_EQ(fieldAddress(t.table, 1), nullptr);
   }
 }
 
@@ -195,29 +195,29 @@ TEST(FieldAddress, RightAtTheEndIsReturnedAndBehindItIsNull) {
   BufferTable t(
       Fields{{CZELTA::TypeText}, {CZELTA::TypeText}, {CZELTA::TypeBinary}, {CZELTA::TypeText}});
   t.put(t.header(1).text("ab"));
-  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 9u);
-  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 2, nullptr, 0)), 9u);  // no text: the end again
-  EXPECT_EQ(fieldAddress(t.table, 3, nullptr, 0), nullptr);          // no length word
+  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 9u);
+  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 2)), 9u);  // no text: the end again
+  EXPECT_EQ(fieldAddress(t.table, 3), nullptr);          // no length word
   t.put(t.header(1).raw("never ends"));
-  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 16u);
+  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 16u);
 }
 
 TEST(FieldAddress, AWideTextWithoutItsEndStopsAtTheEndUnlessAByteIsOdd) {
   BufferTable t(Fields{{CZELTA::TypeWideText}, {CZELTA::TypeText}});
   t.put(t.header(1).raw("abcd"));
-  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 10u);
+  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 10u);
   t.put(t.header(1).raw("abcde"));
-  EXPECT_EQ(fieldAddress(t.table, 1, nullptr, 0), nullptr);
+  EXPECT_EQ(fieldAddress(t.table, 1), nullptr);
 }
 
 TEST(FieldAddress, LengthsThatLieLeadNowhere) {
   BufferTable t(Fields{{CZELTA::TypeBinary}, {CZELTA::TypeText}});
   for (const std::uint32_t length : {9u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFF0u, kAllBits}) {
     t.put(t.header(1).number(length).raw("abcd"));
-    EXPECT_EQ(fieldAddress(t.table, 1, nullptr, 0), nullptr) << length;
+    EXPECT_EQ(fieldAddress(t.table, 1), nullptr) << length;
   }
   t.put(t.header(1).number(8u).raw("abcd"));
-  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1, nullptr, 0)), 14u);
+  EXPECT_EQ(offsetOf(t, fieldAddress(t.table, 1)), 14u);
 }
 
 // -- Rows -----------------------------------------------------------------------------------------
@@ -262,7 +262,7 @@ TEST(SubFieldAddress, FindsEverySubFieldOfEveryRow) {
     }
   }
   for (const std::uint32_t r : {2u, 3u, kAllBits}) {
-    EXPECT_EQ(subFieldAddress(t.table, 1, 0, r, nullptr, 0), nullptr) << r;
+    EXPECT_EQ(subFieldAddress(t.table, {1, 0, r}), nullptr) << r;
   }
 }
 
@@ -270,10 +270,10 @@ TEST(SubFieldAddress, OfAnEmptyFieldIsNull) {
   BufferTable t(kRows);
   for (std::uint32_t length = 0; length < 5; ++length) {
     t.put(t.header(1).text("").number(length));
-    EXPECT_EQ(subFieldAddress(t.table, 1, 0, 0, nullptr, 0), nullptr) << length;
+    EXPECT_EQ(subFieldAddress(t.table, {1, 0, 0}), nullptr) << length;
   }
   t.put(t.header(1).text("").raw("abc"));
-  EXPECT_EQ(subFieldAddress(t.table, 1, 0, 0, nullptr, 0), nullptr);
+  EXPECT_EQ(subFieldAddress(t.table, {1, 0, 0}), nullptr);
 }
 
 TEST(SubFieldAddress, StaysInTheObjectWhateverTheFieldSays) {
@@ -285,8 +285,8 @@ TEST(SubFieldAddress, StaysInTheObjectWhateverTheFieldSays) {
       const std::vector<char> exact(whole.begin(), whole.begin() + static_cast<long>(cut));
       for (std::uint32_t s = 0; s < 5; ++s) {
         for (const std::uint32_t r : {0u, 1u, kAllBits}) {
-          const char* at = subFieldAddress(t.table, 1, s, r, exact.data(),
-                                           static_cast<std::uint32_t>(exact.size()));
+          const char* at = subFieldAddress(
+              t.table, {1, s, r}, {exact.data(), static_cast<std::uint32_t>(exact.size())});
           if (at != nullptr) {
             EXPECT_LT(at, exact.data() + exact.size());
           }

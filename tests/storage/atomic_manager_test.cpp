@@ -22,7 +22,7 @@ std::string text(const char* bytes) {
 /// A manager on an index file of so many pages ('a', 'b', ...) and a memory file.
 class Pages : public ::testing::Test {
  protected:
-  Pages() : manager(owner.metaData, *owner.table) {
+  Pages() : manager(*owner.table) {
     std::string bytes(1024, '\0');
     for (char filling = 'a'; filling < 'a' + 10; ++filling) bytes += page(kPage, filling);
     owner.folder.write("T.zli", bytes);

@@ -31,10 +31,12 @@ class ReplaySchema : public ::testing::Test {
     table.tableName = u"Goods";
     table.tableId = 7;
     table.lockOrder = 70;
-    ASSERT_TRUE(createTable(session, &table, nullptr, log).ok()) << session.error();
+    ASSERT_TRUE(createTable({session.metaData, session.tables}, &table, nullptr, log).ok())
+        << session.error();
   }
   void remove(bool deleteFiles, bool log) {
-    ASSERT_TRUE(removeTable(session, 7, deleteFiles, log).ok()) << session.error();
+    ASSERT_TRUE(removeTable({session.metaData, session.tables}, 7, deleteFiles, log).ok())
+        << session.error();
   }
   void enter(DirectoryChange change, const std::string& body) {
     ControlHeader_tag header;
@@ -92,7 +94,7 @@ TEST_F(ReplaySchema, A_table_is_removed_and_its_files_with_it_if_so_told) {
 
 TEST_F(ReplaySchema, A_removal_that_keeps_the_files_keeps_them) {
   remove(false, true);
-  ASSERT_TRUE(addTable(session, u"Goods", 7, nullptr, 70, false).ok());
+  ASSERT_TRUE(addTable({session.metaData, session.tables}, u"Goods", 7, nullptr, 70, false).ok());
   ASSERT_TRUE(replay().ok()) << session.error();
   EXPECT_FALSE(hasTable());
   EXPECT_TRUE(folder.has("Goods.zlt"));
@@ -101,7 +103,7 @@ TEST_F(ReplaySchema, A_removal_that_keeps_the_files_keeps_them) {
 
 TEST_F(ReplaySchema, A_table_is_entered_again) {
   remove(false, false);
-  ASSERT_TRUE(addTable(session, u"Goods", 7, nullptr, 70, true).ok());
+  ASSERT_TRUE(addTable({session.metaData, session.tables}, u"Goods", 7, nullptr, 70, true).ok());
   remove(false, false);
   ASSERT_TRUE(replay().ok()) << session.error();
   EXPECT_TRUE(hasTable());
@@ -115,7 +117,7 @@ TEST_F(ReplaySchema, Another_table_of_the_same_number_is_in_the_way) {
   CZELTA::Schema table = records.schema;
   table.tableName = u"Other";
   table.tableId = 7;
-  ASSERT_TRUE(createTable(session, &table, nullptr, false).ok());
+  ASSERT_TRUE(createTable({session.metaData, session.tables}, &table, nullptr, false).ok());
   EXPECT_TRUE(replay().is(Own::tableId));
 }
 

@@ -129,6 +129,7 @@ PassEnd ObjectAccess::pass() {
   const PassEnd located = locate(found);
   if (!located.is(PassEnd::Kind::done)) return located;
   const Result end = finishPass(found);
+  if (end.isLocked()) return PassEnd::blockedBy(found.blocker);
   if (!mayBeStale(end, found)) return end;
   clearError(metaData_);
   return repairDead(PassEnd::again(), found);
