@@ -19,8 +19,8 @@ namespace {
 /// A table with a number that its locks may go by.
 class OrderedTable : public BufferTable {
  public:
-  OrderedTable(std::uint32_t order, bool byKey, std::uint32_t flags = 0)
-      : BufferTable({{CZELTA::TypeUInt32}}, {{Segments{{0, 0}}}}, flags) {
+  OrderedTable(MetaData& database, std::uint32_t order, bool byKey, std::uint32_t flags = 0)
+      : BufferTable({{CZELTA::TypeUInt32}}, {{Segments{{0, 0}}}}, flags, &database) {
     table.tableLockOrder = order;
     table.schema->lockIndex = byKey ? 1 : 0;
   }
@@ -47,7 +47,7 @@ class LockOrder : public ::testing::Test {
 };
 
 TEST_F(LockOrder, GoesUpByKeyAndNeverBack) {
-  const OrderedTable table(5, true);
+  const OrderedTable table(metaData, 5, true);
   EXPECT_TRUE(isAhead(table, 1)) << "nothing is locked yet";
   for (const auto& [locked, reached] : {std::pair{20u, 20u}, {10u, 20u}, {20u, 20u}, {30u, 30u}}) {
     lockKey(table, locked);
@@ -60,7 +60,7 @@ TEST_F(LockOrder, GoesUpByKeyAndNeverBack) {
 }
 
 TEST_F(LockOrder, GoesDownByKeyIfTheTableSaysSo) {
-  const OrderedTable table(5, true, CZELTA::SchemaLockDescending);
+  const OrderedTable table(metaData, 5, true, CZELTA::SchemaLockDescending);
   for (const auto& [locked, reached] : {std::pair{20u, 20u}, {30u, 20u}, {20u, 20u}, {10u, 10u}}) {
     lockKey(table, locked);
     EXPECT_EQ(key(), reached);
@@ -73,7 +73,7 @@ TEST_F(LockOrder, GoesDownByKeyIfTheTableSaysSo) {
 TEST_F(LockOrder, ByIDIsKeptButHoldsNobodyUp) {
   for (const bool down : {false, true}) {
     dropLockPosition(metaData);
-    const OrderedTable table(5, false, down ? CZELTA::SchemaLockDescending : 0u);
+    const OrderedTable table(metaData, 5, false, down ? CZELTA::SchemaLockDescending : 0u);
     lockID(table, 20);
     EXPECT_EQ(metaData.lockObjectID, 20u);
     lockID(table, 10);
@@ -86,9 +86,9 @@ TEST_F(LockOrder, ByIDIsKeptButHoldsNobodyUp) {
 }
 
 TEST_F(LockOrder, OfTablesComesBeforeThatOfObjects) {
-  const OrderedTable low(3, true);
-  const OrderedTable middle(5, true);
-  const OrderedTable high(7, true);
+  const OrderedTable low(metaData, 3, true);
+  const OrderedTable middle(metaData, 5, true);
+  const OrderedTable high(metaData, 7, true);
   lockKey(middle, 20);
   EXPECT_FALSE(isAhead(low, 99));
   EXPECT_TRUE(isAhead(high, 1));
@@ -102,9 +102,9 @@ TEST_F(LockOrder, OfTablesComesBeforeThatOfObjects) {
 }
 
 TEST_F(LockOrder, LosesItsKeyToALaterTableThatGoesByID) {
-  const OrderedTable byKey(5, true);
-  const OrderedTable byID(6, false);
-  const OrderedTable another(7, true);
+  const OrderedTable byKey(metaData, 5, true);
+  const OrderedTable byID(metaData, 6, false);
+  const OrderedTable another(metaData, 7, true);
   lockKey(byKey, 20);
   lockID(byID, 4);
   EXPECT_EQ(metaData.lockKey, nullptr);
@@ -117,7 +117,7 @@ TEST_F(LockOrder, LosesItsKeyToALaterTableThatGoesByID) {
 }
 
 TEST_F(LockOrder, ByAnIndexThatIsNotThereIsThatOfIDs) {
-  const OrderedTable table(5, true);
+  const OrderedTable table(metaData, 5, true);
   table.table.schema->lockIndex = 2;
   std::uint32_t index = 0;
   EXPECT_FALSE(lockingIndex(table.table, &index));

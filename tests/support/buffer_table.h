@@ -116,9 +116,14 @@ class SchemaRecords {
 };
 
 class BufferTable {
+ private:
+  MetaData own_;
+
  public:
-  explicit BufferTable(const Fields& fields, const Indexes& indexes = {}, std::uint32_t flags = 0)
-      : table(metaData) {
+  /// `database`: that of several tables; null: the table has one of its own.
+  explicit BufferTable(const Fields& fields, const Indexes& indexes = {}, std::uint32_t flags = 0,
+                       MetaData* database = nullptr)
+      : metaData(database != nullptr ? *database : own_), table(metaData) {
     const SchemaRecords records(fields, indexes, flags);
     SchemaCopy copy;
     ObjectSizes sizes;
@@ -164,7 +169,7 @@ class BufferTable {
     return bytes;
   }
 
-  MetaData metaData;
+  MetaData& metaData;
   Table table;
 };
 
