@@ -21,8 +21,7 @@ constexpr std::uint32_t kMutexWait = 600000;  // ms
 class Restoration {
  public:
   Restoration(Table& table, std::uint64_t objectID, bool unlock)
-      : metaData_(table.metaData),
-        table_(table),
+      : table_(table),
         objectID_(objectID),
         unlock_(unlock),
         access_(table),
@@ -37,7 +36,6 @@ class Restoration {
   Result readVersions(bool added);
   void record(UInt64AVLTree*& changed, bool added);
 
-  MetaData& metaData_;
   Table& table_;
   const std::uint64_t objectID_;
   const bool unlock_;

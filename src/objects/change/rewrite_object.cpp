@@ -43,8 +43,7 @@ class RaisedVersion {
 class Rewriting {
  public:
   Rewriting(const Session& session, Table& table)
-      : metaData_(session.metaData),
-        table_(table),
+      : table_(table),
         objectID_(table.currentObjectID),
         access_(table),
         retry_(session.tables, access_, kRetries),
@@ -62,7 +61,6 @@ class Rewriting {
   Result store();
   Result wait();
 
-  MetaData& metaData_;
   Table& table_;
   const std::uint64_t objectID_;
   TableAccess access_;
