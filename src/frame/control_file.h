@@ -98,7 +98,8 @@ class TableDirectory {
   /// Reads and checks the directory that `header` describes (own code 54 for a damaged one).
   Result read(MetaData& metaData, const ControlHeader_tag& header);
   /// Takes the bytes of a directory: an entry area of `directorySize` 16-bit units, then
-  /// `tableCount` index records. False if they are malformed, or name what no table may be named.
+  /// `tableCount` index records. False if they are malformed, name what no table may be named, or
+  /// hold a name or an ID twice.
   [[nodiscard]] bool parse(const char* bytes, std::size_t length, std::uint32_t tableCount,
                            std::uint32_t directorySize);
 
@@ -118,6 +119,7 @@ class TableDirectory {
   [[nodiscard]] std::uint32_t entryUnits() const;
 
  private:
+  [[nodiscard]] bool hasTwins() const;
   std::vector<DirectoryEntry> entries_;
 };
 

@@ -100,7 +100,21 @@ bool TableDirectory::parse(const char* bytes, std::size_t length, std::uint32_t 
   }
   if (position != directorySize) return false;
   // The index records must name the same entries.
-  return bytes == nullptr || length == 0 || this->bytes() == std::string(bytes, length);
+  const bool same = bytes == nullptr || length == 0 || this->bytes() == std::string(bytes, length);
+  return same && !hasTwins();
+}
+
+/// Two tables of one name would share their files, and what one of them knows of a file's length
+/// would not hold behind a change by the other. The order of names is no proof: what counts as the
+/// same letter in another case differs between systems.
+bool TableDirectory::hasTwins() const {
+  for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+    const auto isTwin = [&](const DirectoryEntry& other) {
+      return other.tableId == entry->tableId || compareNames(other.name, entry->name) == 0;
+    };
+    if (std::any_of(std::next(entry), entries_.end(), isTwin)) return true;
+  }
+  return false;
 }
 
 Result TableDirectory::read(MetaData& metaData, const ControlHeader_tag& header) {

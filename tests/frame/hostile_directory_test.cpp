@@ -1,4 +1,4 @@
-// A directory that names tables outside of the database's folder.
+// A directory that names tables outside of the database's folder, or one table twice.
 
 #include "directory_fixture.h"
 
@@ -104,6 +104,36 @@ TEST_F(HostileDirectory, IsRefusedInAChangeThatWaits) {
   EXPECT_DONE(handle, handle.OpenDatabase(path().c_str()));
   EXPECT_FALSE(folder.has("goods.zlt"));
   EXPECT_EQ(tableNames(), std::vector<std::string>{"sales"});
+}
+
+/// Tables 1, "goods", and 2, "sales", stand one after the other.
+constexpr std::uint64_t kSecondEntry = kFirstName + (5 + 1 + 1) * 2;
+constexpr std::uint64_t kSecondRecord = kSecondEntry + kSecondEntry - 76 + 8;
+
+/// Files that two open tables share would be cut by the one under the other.
+TEST_F(HostileDirectory, OfTwoTablesWithOneNameIsRefused) {
+  const std::string before = control();
+  for (const char* name : {"goods", "GOODS", "gOods"}) {
+    SCOPED_TRACE(name);
+    patch(kSecondEntry + 8, wide(name));
+    EXPECT_EQ(handle.OpenDatabase(path().c_str()), ownCode(54));
+  }
+  folder.write("shop.zlc", before);
+  ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
+  ASSERT_DONE(handle, handle.OpenTable(1));
+  patch(kSecondEntry + 8, wide("goods"));
+  EXPECT_EQ(handle.OpenTable(2), ownCode(54));
+  EXPECT_EQ(handle.RemoveTable(2, false), ownCode(54));
+}
+
+TEST_F(HostileDirectory, OfTwoTablesWithOneIdIsRefused) {
+  ASSERT_EQ(numberAt<std::uint32_t>(control(), kSecondEntry), 2u);
+  ASSERT_EQ(numberAt<std::uint32_t>(control(), kSecondRecord), 2u);
+  patch(kSecondEntry, std::string("\1", 1));
+  patch(kSecondRecord, std::string("\1", 1));
+  EXPECT_EQ(handle.OpenDatabase(path().c_str()), ownCode(54));
+  EXPECT_EQ(messageOf(handle), "Control file has become corrupted.");
 }
 
 }  // namespace
