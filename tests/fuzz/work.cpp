@@ -171,8 +171,21 @@ long long Work::someID() {
   return steering_.once(16) ? steering_.pick(kFar) : steering_.below(40);
 }
 
+/// A damaged log may bring an object with an ID of millions. Walks over the free IDs below it are
+/// right to look at each of them, and would take up all the time.
+bool Work::isSparse(const OpenTable& table) {
+  constexpr long long kFar = 100000;
+  CZELTA::Object object{};
+  const auto word = watch(handle_, [&] {
+    return handle_.ReadObject(table.id, CZELTA::ReadLast | CZELTA::ReadNoLock, &object, 0, nullptr,
+                              nullptr);
+  });
+  return word == 0 && object.objectID > kFar;
+}
+
 void Work::walk(const OpenTable& table, std::uint32_t index, CZELTA::Mode first,
                 CZELTA::Mode flags) {
+  if (index == 0 && isSparse(table)) return;
   CZELTA::Mode mode = first;
   for (int i = 0; i < kObjectsOfWalk; ++i) {
     CZELTA::Object object{};
@@ -199,6 +212,7 @@ void Work::readByKey(const OpenTable& table) {
   const std::uint32_t index = steering_.below(table.indexCount + 2);
   const long long id = someID();
   const void* key = idKey(table, id);
+  if (index == 0 && isSparse(table)) return;
   if (index != 0) {
     key_ = steering_.text(steering_.below(24));
     key_.resize(4096);  // ends any text

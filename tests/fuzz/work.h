@@ -39,6 +39,7 @@ class Work {
   void learnSchema(unsigned int id);
   void readParameters();
   void setParameter();
+  bool isSparse(const OpenTable& table);
   void walk(const OpenTable& table, std::uint32_t index, CZELTA::Mode first, CZELTA::Mode flags);
   void walkAll(const OpenTable& table);
   void readByKey(const OpenTable& table);
