@@ -1,7 +1,7 @@
 // Objects and searches.
 
 #include "api/operation.h"
-#include "index/search.h"
+#include "index/search/search.h"
 #include "objects/change/add_object.h"
 #include "objects/change/delete_object.h"
 #include "objects/change/restore_object.h"

@@ -1,6 +1,6 @@
 #include "check/check_kinds.h"
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 
 namespace zelta::check {
 

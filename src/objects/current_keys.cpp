@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 #include "schema/object_view.h"
 
 namespace zelta {

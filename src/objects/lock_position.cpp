@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 
 namespace zelta {
 

@@ -1,7 +1,7 @@
 #include "objects/table_access.h"
 
 #include "frame/kept_error.h"
-#include "index/index_file.h"
+#include "index/file/index_file.h"
 
 namespace zelta {
 

@@ -1,12 +1,12 @@
-#include "index/index_file.h"
+#include "index/file/index_file.h"
 
 #include <functional>
 #include <random>
 
 #include "index/btree/btree.h"
 #include "index/btree/cursor.h"
-#include "index/index_commit.h"
-#include "index/keys.h"
+#include "index/file/index_commit.h"
+#include "index/keys/keys.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
 #include "storage/memory_file/memory_file.h"

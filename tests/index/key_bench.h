@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 #include "objects/current_keys.h"
 #include "support/buffer_table.h"
 

@@ -1,6 +1,6 @@
 // Keys of objects and of search images, against byte strings worked out by hand.
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 
 #include <gtest/gtest.h>
 

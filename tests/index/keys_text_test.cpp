@@ -5,7 +5,7 @@
 #include <random>
 
 #include "index/key_bench.h"
-#include "index/key_text.h"
+#include "index/keys/key_text.h"
 
 namespace zelta {
 namespace {

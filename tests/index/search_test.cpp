@@ -1,4 +1,4 @@
-#include "index/search.h"
+#include "index/search/search.h"
 
 #include <gtest/gtest.h>
 

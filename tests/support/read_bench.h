@@ -17,7 +17,7 @@
 #include "frame/control_file.h"
 #include "frame/lifecycle.h"
 #include "index/btree/btree.h"
-#include "index/index_file.h"
+#include "index/file/index_file.h"
 #include "objects/read/read_object.h"
 #include "storage/memory_file/memory_file.h"
 #include "storage/memory_file/memory_file_store.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 #include "index/kinds.h"
 #include "schema/object_view.h"
 

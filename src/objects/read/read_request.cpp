@@ -3,7 +3,7 @@
 #include <cassert>
 #include <cstring>
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 #include "objects/current_keys.h"
 
 namespace zelta {

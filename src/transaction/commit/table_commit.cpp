@@ -17,7 +17,7 @@
 #include <cassert>
 
 #include "frame/exhausted_memory.h"
-#include "index/index_commit.h"
+#include "index/file/index_commit.h"
 #include "objects/table_access.h"
 #include "storage/memory_file/memory_file_map.h"
 #include "storage/memory_file/memory_file_remove.h"

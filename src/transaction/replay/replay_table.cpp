@@ -6,8 +6,8 @@
 
 #include <set>
 
-#include "index/index_commit.h"
-#include "index/index_file.h"
+#include "index/file/index_commit.h"
+#include "index/file/index_file.h"
 #include "index/kinds.h"
 #include "objects/change/version_keys.h"
 #include "objects/table_access.h"

@@ -1,11 +1,11 @@
 // Texts in keys: folding, reduction to letters and digits, numbers, reversal.
 
-#ifndef ZELTA_INDEX_KEY_TEXT_H
-#define ZELTA_INDEX_KEY_TEXT_H
+#ifndef ZELTA_INDEX_KEYS_KEY_TEXT_H
+#define ZELTA_INDEX_KEYS_KEY_TEXT_H
 
 #include <cstdint>
 
-#include "index/key_writer.h"
+#include "index/keys/key_writer.h"
 
 namespace zelta {
 
@@ -25,4 +25,4 @@ void writeTextKey(const KeyText& text, std::uint32_t mode, KeyWriter& out);
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_KEY_TEXT_H
+#endif  // ZELTA_INDEX_KEYS_KEY_TEXT_H

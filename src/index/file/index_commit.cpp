@@ -1,4 +1,4 @@
-#include "index/index_commit.h"
+#include "index/file/index_commit.h"
 
 #include "czelta.h"
 #include "index/kinds.h"

@@ -1,7 +1,7 @@
 // Keys of objects: how an index's segments become words that compare as the values do.
 
-#ifndef ZELTA_INDEX_KEYS_H
-#define ZELTA_INDEX_KEYS_H
+#ifndef ZELTA_INDEX_KEYS_KEYS_H
+#define ZELTA_INDEX_KEYS_KEYS_H
 
 #include <cstdint>
 
@@ -32,4 +32,4 @@ Result buildSearchKey(Table& table, std::uint32_t index, const void* image, std:
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_KEYS_H
+#endif  // ZELTA_INDEX_KEYS_KEYS_H

@@ -1,8 +1,8 @@
 // Building an index file from the objects of its table. The header comes first, with a journal that
 // has no end: whoever finds that gives the file up and builds again.
 
-#ifndef ZELTA_INDEX_INDEX_BUILD_H
-#define ZELTA_INDEX_INDEX_BUILD_H
+#ifndef ZELTA_INDEX_FILE_INDEX_BUILD_H
+#define ZELTA_INDEX_FILE_INDEX_BUILD_H
 
 #include <cstdint>
 
@@ -52,4 +52,4 @@ class IndexBuild {
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_INDEX_BUILD_H
+#endif  // ZELTA_INDEX_FILE_INDEX_BUILD_H

@@ -1,4 +1,4 @@
-#include "index/key_text.h"
+#include "index/keys/key_text.h"
 
 #include <cstring>
 

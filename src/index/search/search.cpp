@@ -1,6 +1,6 @@
-#include "index/search.h"
+#include "index/search/search.h"
 
-#include "index/keys.h"
+#include "index/keys/keys.h"
 #include "storage/trees/key_pool.h"
 
 namespace zelta {

@@ -1,10 +1,10 @@
-#include "index/index_file.h"
+#include "index/file/index_file.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "frame/control_file.h"
-#include "index/index_build.h"
+#include "index/file/index_build.h"
 #include "platform/file_io.h"
 #include "storage/paged/atomic_manager.h"
 #include "storage/paged/paged_repair.h"

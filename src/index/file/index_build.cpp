@@ -1,11 +1,11 @@
-#include "index/index_build.h"
+#include "index/file/index_build.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "czelta.h"
-#include "index/index_file.h"
-#include "index/keys.h"
+#include "index/file/index_file.h"
+#include "index/keys/keys.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
 #include "schema/object_view.h"

@@ -1,7 +1,7 @@
 // Searches of an index, which leave the IDs of the objects found in the table.
 
-#ifndef ZELTA_INDEX_SEARCH_H
-#define ZELTA_INDEX_SEARCH_H
+#ifndef ZELTA_INDEX_SEARCH_SEARCH_H
+#define ZELTA_INDEX_SEARCH_SEARCH_H
 
 #include <cstdint>
 
@@ -35,4 +35,4 @@ Result searchIndex(const Session& session, Table& table, const ShapeSearch& sear
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_SEARCH_H
+#endif  // ZELTA_INDEX_SEARCH_SEARCH_H

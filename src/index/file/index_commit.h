@@ -4,8 +4,8 @@
 // That is step 5.1 of a commit, as docs/concurrency.md counts. 5.1.1 to 5.1.5 are the five steps of
 // PagedFlush, and the third of them is the commit point of the index file.
 
-#ifndef ZELTA_INDEX_INDEX_COMMIT_H
-#define ZELTA_INDEX_INDEX_COMMIT_H
+#ifndef ZELTA_INDEX_FILE_INDEX_COMMIT_H
+#define ZELTA_INDEX_FILE_INDEX_COMMIT_H
 
 #include "frame/metadata.h"
 #include "index/contents.h"
@@ -29,4 +29,4 @@ Result flushIndexFile(AtomicManager& manager, IndexFileHeader_tag& header);
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_INDEX_COMMIT_H
+#endif  // ZELTA_INDEX_FILE_INDEX_COMMIT_H

@@ -1,8 +1,8 @@
 // The index file of a table: the committed keys of all its indexes. Opening, with all that may have
 // to be done for it: storage/paged/paged_file.h says what its writer may leave.
 
-#ifndef ZELTA_INDEX_INDEX_FILE_H
-#define ZELTA_INDEX_INDEX_FILE_H
+#ifndef ZELTA_INDEX_FILE_INDEX_FILE_H
+#define ZELTA_INDEX_FILE_INDEX_FILE_H
 
 #include <cstdint>
 #include <string>
@@ -38,4 +38,4 @@ Result readSizedPage(MetaData& metaData, platform::File file, std::uint64_t posi
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_INDEX_FILE_H
+#endif  // ZELTA_INDEX_FILE_INDEX_FILE_H

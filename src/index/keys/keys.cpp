@@ -1,10 +1,10 @@
-#include "index/keys.h"
+#include "index/keys/keys.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "index/key_text.h"
-#include "index/key_writer.h"
+#include "index/keys/key_text.h"
+#include "index/keys/key_writer.h"
 #include "schema/data_types.h"
 #include "schema/object_view.h"
 

@@ -1,7 +1,7 @@
 // The payload of a key as a string of bytes, earlier bytes counting more.
 
-#ifndef ZELTA_INDEX_KEY_WRITER_H
-#define ZELTA_INDEX_KEY_WRITER_H
+#ifndef ZELTA_INDEX_KEYS_KEY_WRITER_H
+#define ZELTA_INDEX_KEYS_KEY_WRITER_H
 
 #include <algorithm>
 #include <cstdint>
@@ -48,4 +48,4 @@ class KeyWriter {
 
 }  // namespace zelta
 
-#endif  // ZELTA_INDEX_KEY_WRITER_H
+#endif  // ZELTA_INDEX_KEYS_KEY_WRITER_H
