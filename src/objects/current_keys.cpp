@@ -13,14 +13,7 @@ namespace {
 constexpr std::uint32_t kLargestCopy = 64 * 1024;
 
 bool hasKeys(const Table& table, std::uint32_t index) {
-  switch (table.index(index).indexKind) {
-    case CZELTA::BPlusTree:
-    case CZELTA::SpatialTree:
-    case CZELTA::TemporalTree:
-      return table.index(index).segmentCount != 0;
-    default:
-      return false;
-  }
+  return !table.listKind(index) && table.index(index).segmentCount != 0;
 }
 
 /// The object that the cursors stand on.

@@ -1,6 +1,7 @@
 #include "schema/validate.h"
 
 #include "schema/data_types.h"
+#include "schema/index_traits.h"
 #include "schema/validate_index.h"
 
 namespace zelta {
@@ -166,7 +167,7 @@ Result FieldValidation::deriveSizes() {
 Result checkLockIndex(MetaData& metaData, const CZELTA::Schema& schema) {
   if (schema.lockIndex == 0 || schema.lockIndex > schema.indexCount) return {};
   const CZELTA::Schema::Index& index = schema.indexes[schema.lockIndex - 1];
-  if (index.indexKind == CZELTA::BPlusTree && (index.indexFlags & CZELTA::IndexMultiEntry) == 0) {
+  if (isOrdered(index) && (index.indexFlags & CZELTA::IndexMultiEntry) == 0) {
     return {};
   }
   return reportError(&metaData, Own::lockIndex, schema.tableName, nullptr, schema.lockIndex);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "schema/data_types.h"
+#include "schema/index_traits.h"
 #include "schema/validate.h"
 
 namespace zelta {
@@ -71,22 +72,24 @@ class IndexValidation {
 
 Result IndexValidation::run() {
   index_.indexFlags = 0;
-  switch (index_.indexKind) {
-    case CZELTA::BPlusTree:
-      return checkTree();
-    case CZELTA::SpatialTree:
-      return checkSpatial();
-    case CZELTA::AsciiList:
-    case CZELTA::WideList:
-      return checkList();
-    case CZELTA::TemporalTree:
-      return checkTemporal();
-    case CZELTA::SpatialPattern:
-      return checkPattern();
-    default:
-      return reportError(&metaData_, Own::indexKind, schema_.tableName, nullptr, index_.indexKind,
-                         i_);
+  const IndexTraits* traits = findTraits(index_);
+  if (traits == nullptr) {
+    return reportError(&metaData_, Own::indexKind, schema_.tableName, nullptr, index_.indexKind,
+                       i_);
   }
+  switch (traits->segments) {
+    case SegmentRule::values:
+      return checkTree();
+    case SegmentRule::box:
+      return checkSpatial();
+    case SegmentRule::span:
+      return checkTemporal();
+    case SegmentRule::words:
+      return checkList();
+    case SegmentRule::points:
+      break;
+  }
+  return checkPattern();
 }
 
 Result IndexValidation::checkTree() {

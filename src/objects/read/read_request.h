@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "czelta.h"
+#include "schema/index_traits.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -40,12 +41,10 @@ class ReadRequest {
 
   /// What can be refused of a request before any file is looked at: own codes 7, 18, 39 and 40.
   Result check() const;
-  /// Makes a copy of the caller's key, or the search key of a B+Tree from it. After check().
+  /// Makes a copy of the caller's key, or the search key of an ordered index from it. After check().
   Result takeKey();
 
-  [[nodiscard]] bool byTree() const {
-    return index != 0 && table.index(index - 1).indexKind == CZELTA::BPlusTree;
-  }
+  [[nodiscard]] bool byTree() const { return index != 0 && isOrdered(table.index(index - 1)); }
   [[nodiscard]] bool byResults() const { return index != 0 && !byTree(); }
   /// Modes that go on upward from where they begin.
   [[nodiscard]] bool upward() const {
@@ -67,7 +66,7 @@ class ReadRequest {
   const std::uint32_t index;  ///< counted from 1; 0: by object ID
   /// As the caller gave it. By ID or results, after takeKey(): the 64-bit ID.
   const void* key;
-  const std::uint32_t* searchKey = nullptr;  ///< made from `key` for a B+Tree
+  const std::uint32_t* searchKey = nullptr;  ///< made from `key` for an ordered index
 
  private:
   Result checkPivot() const;

@@ -1,5 +1,5 @@
-// Reading through a B+Tree index: the committed keys, less those that this transaction has taken
-// out, together with those that it has pending.
+// Reading through an ordered index, a B+Tree: the committed keys, less those that this transaction
+// has taken out, together with those that it has pending.
 
 #include "index/btree/cursor.h"
 #include "objects/current_keys.h"
