@@ -16,11 +16,21 @@
 #include <cstdint>
 #include <memory>
 
+#include "index/keys/keys.h"
 #include "index/tree/index_tree.h"
 #include "schema/record_reader.h"
 #include "storage/trees/avl_tree.h"
 
 namespace zelta {
+
+/// How the keys of an index (from 0) are made. They come from the index's pool.
+struct KeyMaker {
+  /// Of an entry of `from.object`, which is there and has its fixed area. `*key` stays null if the
+  /// object has no such entry.
+  Result (*ofObject)(Table& table, std::uint32_t index, const KeySource& from, std::uint32_t** key);
+  /// Of the values that a caller packs to read or to search.
+  Result (*ofValues)(Table& table, std::uint32_t index, const void* values, std::uint32_t** key);
+};
 
 /// The objects in either of two sets, which may be empty (null).
 struct ObjectSets {

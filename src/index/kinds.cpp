@@ -1,43 +1,64 @@
 #include "index/kinds.h"
 
 #include <cassert>
+#include <cstddef>
 
 #include "czelta.h"
 #include "index/btree/btree.h"
+#include "index/keys/extent_keys.h"
+#include "index/keys/segment_keys.h"
+#include "schema/index_traits.h"
 #include "storage/table.h"
 
 namespace zelta {
 
 namespace {
 
-/// A kind is of one of the two families: the other pointer is null.
+/// One kind: how its keys are made, if it has any, and its functions, which are those of one of the
+/// two families. Neither: it cannot be used yet.
 struct Kind {
   CZELTA::IndexKind number;
-  const KeyKind* keys;
-  const ContentKind* contents;
+  const KeyMaker* maker = nullptr;
+  const KeyKind* keys = nullptr;
+  const ContentKind* contents = nullptr;
 };
 
-/// All kinds that there are.
+/// All kinds, each at its number.
 constexpr Kind kKinds[] = {
-    {CZELTA::BPlusTree, &kBPlusTree, nullptr},
+    {CZELTA::BPlusTree, &kSegmentKeys, &kBPlusTree},
+    {CZELTA::SpatialTree, &kBoxKeys},
+    {CZELTA::AsciiList},
+    {CZELTA::WideList},
+    {CZELTA::TemporalTree, &kSpanKeys},
+    {CZELTA::SpatialPattern},
 };
+constexpr std::size_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
 
-constexpr Kind kNoKind = {CZELTA::BPlusTree, nullptr, nullptr};
-
-const Kind& kindOf(const Table& table, std::uint32_t index) {
-  for (const Kind& kind : kKinds) {
-    if (table.index(index).indexKind == kind.number) return kind;
+static_assert(kKindCount == kIndexKinds && [] {
+  for (std::size_t i = 0; i < kKindCount; ++i) {
+    if (kKinds[i].number != i) return false;
   }
-  return kNoKind;
+  return true;
+}());
+
+/// Null for a number that no kind has.
+const Kind* kindOf(const Table& table, std::uint32_t index) {
+  const std::uint32_t number = table.index(index).indexKind;
+  return number < kKindCount ? &kKinds[number] : nullptr;
 }
 
-const KeyKind* keyKindOf(const IndexTree& tree) { return kindOf(tree.table(), tree.index()).keys; }
+const KeyKind* keyKindOf(const Table& table, std::uint32_t index) {
+  const Kind* kind = kindOf(table, index);
+  return kind == nullptr ? nullptr : kind->keys;
+}
 
-/// The answer for an index whose kind is not among them, or has no keys.
+const KeyKind* keyKindOf(const IndexTree& tree) { return keyKindOf(tree.table(), tree.index()); }
+
+/// The answer for an index that its kind has no functions for.
 Result unservedKind(const Table& table, std::uint32_t index) {
-  const auto kind = static_cast<std::uint32_t>(table.index(index).indexKind);
-  if (kind > CZELTA::SpatialPattern) {
-    return reportError(&table.metaData, Own::indexKind, table.cName(), nullptr, kind, index);
+  if (kindOf(table, index) == nullptr) {
+    return reportError(&table.metaData, Own::indexKind, table.cName(), nullptr,
+                       table.index(index).indexKind, index);
   }
   return reportError(&table.metaData, Own::context, table.cName());
 }
@@ -48,14 +69,21 @@ Result unservedKind(const IndexTree& tree) { return unservedKind(tree.table(), t
 
 Result checkIndexKinds(const Table& table) {
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    const Kind& kind = kindOf(table, i);
-    if (kind.keys == nullptr && kind.contents == nullptr) return unservedKind(table, i);
+    const Kind* kind = kindOf(table, i);
+    const bool served = kind != nullptr && (kind->keys != nullptr || kind->contents != nullptr);
+    if (!served) return unservedKind(table, i);
   }
   return {};
 }
 
+const KeyMaker* keyMaker(const Table& table, std::uint32_t index) {
+  const Kind* kind = kindOf(table, index);
+  return kind == nullptr ? nullptr : kind->maker;
+}
+
 const ContentKind* contentKind(const Table& table, std::uint32_t index) {
-  return kindOf(table, index).contents;
+  const Kind* kind = kindOf(table, index);
+  return kind == nullptr ? nullptr : kind->contents;
 }
 
 Result insertEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
@@ -69,7 +97,7 @@ Result removeEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_
 }
 
 bool hasUniqueKeys(const Table& table, std::uint32_t index) {
-  const KeyKind* kind = kindOf(table, index).keys;
+  const KeyKind* kind = keyKindOf(table, index);
   return kind != nullptr && kind->hasUniqueKeys();
 }
 

@@ -15,6 +15,9 @@ namespace zelta {
 /// of no known kind. Asked before the first object is touched.
 Result checkIndexKinds(const Table& table);
 
+/// How keys of an index (from 0) are made, be the rest of its kind there or not; null: it has none.
+[[nodiscard]] const KeyMaker* keyMaker(const Table& table, std::uint32_t index);
+
 /// The functions of an index (from 0) that follows the contents of objects; null: it has keys, or
 /// its kind is not there.
 [[nodiscard]] const ContentKind* contentKind(const Table& table, std::uint32_t index);
