@@ -46,12 +46,13 @@ struct ObjectSets {
 struct KeyKind {
   /// Enters a key of an object. Own code 37 if the tree cannot take it beside what it has.
   Result (*insert)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
-  /// Takes a key of an object out. Own code 32 if it is not there; an empty tree has nothing to
+  /// Takes one entry of a key of an object out. Own code 32 if it is not there; an empty tree has nothing to
   /// remove: success.
   Result (*remove)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
-  /// Whether the tree has this key for this object.
-  Result (*holds)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
-                  bool* holds);
+  /// How many entries of this key the tree has for this object: more than one only where an object
+  /// may have one key in several rows.
+  Result (*count)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                  std::uint32_t* count);
   /// Takes the entries of objects out of a pending tree, and enters them in the committed tree
   /// (null: just drops them).
   Result (*merge)(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);

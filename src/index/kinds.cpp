@@ -116,11 +116,11 @@ Result replaceHolder(const IndexTree& tree, const std::uint32_t* key, std::uint6
   return kind->replaceID(tree, key, oldID, newID);
 }
 
-Result holdsEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
-                  bool* holds) {
-  *holds = false;
+Result countEntries(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                    std::uint32_t* count) {
+  *count = 0;
   const KeyKind* kind = keyKindOf(tree);
-  return kind == nullptr ? unservedKind(tree) : kind->holds(tree, key, objectID, holds);
+  return kind == nullptr ? unservedKind(tree) : kind->count(tree, key, objectID, count);
 }
 
 Result mergeEntries(const IndexTree& pending, const ObjectSets& objects,

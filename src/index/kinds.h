@@ -35,9 +35,9 @@ Result findHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t
 /// Gives a key in an index with unique keys to another object.
 Result replaceHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
                      std::uint64_t newID);
-/// Whether a tree has this key for this object.
-Result holdsEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
-                  bool* holds);
+/// How many entries of this key a tree has for this object.
+Result countEntries(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                    std::uint32_t* count);
 /// Moves the pending keys of objects into the committed tree; with `committed` null they are only
 /// dropped.
 Result mergeEntries(const IndexTree& pending, const ObjectSets& objects,

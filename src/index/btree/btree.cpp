@@ -13,11 +13,11 @@ Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t*
   return {};
 }
 
-Result bplusHolds(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
-                  bool* holds) {
+Result bplusCount(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                  std::uint32_t* count) {
   std::uint64_t holder = 0;
   const Result result = bplusFind(tree, key, &holder);
-  *holds = result.ok() && holder == objectID;
+  *count = result.ok() && holder == objectID ? 1 : 0;
   return result.is(Own::keyNotFound) ? Result{} : result;
 }
 

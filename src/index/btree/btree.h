@@ -16,9 +16,9 @@
 
 namespace zelta {
 
-/// Whether the key is there and belongs to the object.
-Result bplusHolds(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
-                  bool* holds);
+/// 1 if the key is there and belongs to the object, else 0.
+Result bplusCount(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
+                  std::uint32_t* count);
 
 /// Own code 32, without a text, if the key is not there.
 Result bplusFind(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID);
@@ -28,7 +28,7 @@ Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint
                       std::uint64_t newID);
 
 /// The kind of index that these trees make up.
-inline constexpr KeyKind kBPlusTree = {bplusInsert, bplusRemove, bplusHolds,
+inline constexpr KeyKind kBPlusTree = {bplusInsert, bplusRemove, bplusCount,
                                        bplusMerge,  bplusFind,   bplusReplaceID};
 
 }  // namespace zelta

@@ -66,10 +66,10 @@ Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, boo
     return {};
   }
   if (wasPending) {
-    bool pending = false;
+    std::uint32_t pending = 0;
     const IndexTree tree(manager, PageFile::memory, entry.index);
-    ZELTA_TRY(holdsEntry(tree, entry.key, objectID_, &pending));
-    if (pending) {
+    ZELTA_TRY(countEntries(tree, entry.key, objectID_, &pending));
+    if (pending != 0) {
       add(entry, Step::removePending, nullptr);
       return {};
     }

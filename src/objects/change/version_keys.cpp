@@ -48,6 +48,13 @@ Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
   return {};
 }
 
+std::uint32_t VersionKeys::countEqual(const Entry& entry) {
+  const auto [first, last] = std::equal_range(
+      begin(), end(), entry,
+      [this](const Entry& a, const Entry& b) { return compareEntries(table_, a, b) < 0; });
+  return static_cast<std::uint32_t>(last - first);
+}
+
 int compareEntries(const Table& table, const VersionKeys::Entry& a, const VersionKeys::Entry& b) {
   if (a.index != b.index) return a.index < b.index ? -1 : 1;
   return compareKeys(table.keyShape(a.index), a.key, b.key);
@@ -66,10 +73,11 @@ namespace {
 /// that it has given up: the tree ends as if it were done now.
 class Exchange {
  public:
-  Exchange(AtomicManager& manager, std::uint64_t objectID)
-      : manager_(manager), objectID_(objectID) {}
+  Exchange(AtomicManager& manager, std::uint64_t objectID, VersionKeys& after)
+      : manager_(manager), after_(after), objectID_(objectID) {}
 
   Result takeOut(const VersionKeys::Entry& entry) {
+    if (!hasUniqueKeys(manager_.table, entry.index)) return adjust(entry);
     const Result result = removeEntry(treeOf(entry), entry.key, objectID_);
     if (!result.is(Own::keyNotFound)) return result;
     clearError(manager_.metaData);
@@ -77,6 +85,7 @@ class Exchange {
   }
 
   Result enter(const VersionKeys::Entry& entry) {
+    if (!hasUniqueKeys(manager_.table, entry.index)) return adjust(entry);
     const IndexTree tree = treeOf(entry);
     const Result result = insertEntry(tree, entry.key, objectID_);
     if (!result.is(Own::keyExists)) return result;
@@ -87,11 +96,22 @@ class Exchange {
   }
 
  private:
+  /// Where a tree takes one entry any number of times, only their number tells what was done.
+  Result adjust(const VersionKeys::Entry& entry) {
+    const IndexTree tree = treeOf(entry);
+    const std::uint32_t wanted = after_.countEqual(entry);
+    std::uint32_t there = 0;
+    ZELTA_TRY(countEntries(tree, entry.key, objectID_, &there));
+    for (; there > wanted; --there) ZELTA_TRY(removeEntry(tree, entry.key, objectID_));
+    for (; there < wanted; ++there) ZELTA_TRY(insertEntry(tree, entry.key, objectID_));
+    return {};
+  }
   [[nodiscard]] IndexTree treeOf(const VersionKeys::Entry& entry) const {
     return {manager_, PageFile::index, entry.index};
   }
 
   AtomicManager& manager_;
+  VersionKeys& after_;
   const std::uint64_t objectID_;
 };
 
@@ -104,7 +124,7 @@ Result exchangeKeys(AtomicManager& manager, std::uint64_t objectID, ObjectBytes 
   VersionKeys fresh(table);
   ZELTA_TRY(old.make(before));
   ZELTA_TRY(fresh.make(after));
-  Exchange exchange(manager, objectID);
+  Exchange exchange(manager, objectID, fresh);
   ZELTA_TRY(forKeyDifferences(table, old, fresh, [&](const VersionKeys::Entry& entry, bool isNew) {
     return isNew ? Result{} : exchange.takeOut(entry);
   }));

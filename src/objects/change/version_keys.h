@@ -37,6 +37,8 @@ class VersionKeys {
   [[nodiscard]] Entry* begin() { return entries_.begin(); }
   [[nodiscard]] Entry* end() { return entries_.end(); }
   [[nodiscard]] std::size_t size() const { return entries_.size(); }
+  /// How many entries have the index and the key of this one.
+  [[nodiscard]] std::uint32_t countEqual(const Entry& entry);
 
  private:
   Result makeIndex(std::uint32_t index, ObjectBytes object);
@@ -83,7 +85,7 @@ Result forKeyDifferences(const Table& table, VersionKeys& before, VersionKeys& a
 /// Brings the committed trees from the keys of one version of an object to those of another: takes
 /// out what only `before` has, enters what only `after` has, index by index. Either may be empty.
 /// What was done before stays so, and a key that another object of the same commit has given up is
-/// taken over from it. Lists are left alone.
+/// taken over from it if no two objects can have it. Lists are left alone.
 Result exchangeKeys(AtomicManager& manager, std::uint64_t objectID, ObjectBytes before,
                     ObjectBytes after);
 
