@@ -1,13 +1,13 @@
 // Objects and searches.
 
 #include "api/operation.h"
-#include "index/search/search.h"
 #include "objects/change/add_object.h"
 #include "objects/change/delete_object.h"
 #include "objects/change/restore_object.h"
 #include "objects/change/rewrite_object.h"
 #include "objects/object_buffer.h"
 #include "objects/read/read_object.h"
+#include "objects/search/search_index.h"
 
 using namespace zelta;
 
@@ -188,8 +188,8 @@ unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, c
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return searchIndex({*metaData_, tables_}, *open, ExpressionSearch{index, key, search, mode},
-                       count);
+    return searchIndex({*metaData_, tables_}, *open,
+                       {SearchQuery::Form::expression, index, key, search, 0, mode}, count);
   });
 }
 
@@ -200,7 +200,7 @@ unsigned long long CZELTA::SearchIndex(unsigned int table, unsigned int index, c
   StateCheck check(*metaData_);
   if (check.transaction().ownThread().table(tables_, table, open).failed()) return check.word();
   return perform(*metaData_, false, [&] {
-    return searchIndex({*metaData_, tables_}, *open, ShapeSearch{index, key, tolerance, mode},
-                       count);
+    return searchIndex({*metaData_, tables_}, *open,
+                       {SearchQuery::Form::shape, index, key, nullptr, tolerance, mode}, count);
   });
 }

@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "index/keys/keys.h"
+#include "index/search/index_search.h"
 #include "index/tree/index_tree.h"
 #include "schema/record_reader.h"
 #include "storage/trees/avl_tree.h"
@@ -32,6 +33,8 @@ struct KeyMaker {
   Result (*ofValues)(Table& table, std::uint32_t index, const void* values, std::uint32_t** key);
 };
 
+class EntryFilter;
+
 /// The objects in either of two sets, which may be empty (null).
 struct ObjectSets {
   UInt64AVLTree* first = nullptr;
@@ -42,7 +45,7 @@ struct ObjectSets {
   }
 };
 
-/// A kind with keys. All functions but the last two are there.
+/// A kind with keys. The first four functions are there.
 struct KeyKind {
   /// Enters a key of an object. Own code 37 if the tree cannot take it beside what it has.
   Result (*insert)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
@@ -56,6 +59,10 @@ struct KeyKind {
   /// Takes the entries of objects out of a pending tree, and enters them in the committed tree
   /// (null: just drops them).
   Result (*merge)(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
+
+  /// Hands all entries of a tree that has a root, and that a key of a search means, to the filter,
+  /// in any order. Null: the kind is not searched by keys.
+  Result (*search)(const IndexTree& tree, const std::uint32_t* key, EntryFilter& filter) = nullptr;
 
   // Of a kind in which no two objects can have one key; null in any other.
 

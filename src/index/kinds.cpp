@@ -2,11 +2,13 @@
 
 #include <cassert>
 #include <cstddef>
+#include <utility>
 
 #include "czelta.h"
 #include "index/btree/btree.h"
 #include "index/keys/extent_keys.h"
 #include "index/keys/segment_keys.h"
+#include "index/search/key_search.h"
 #include "schema/index_traits.h"
 #include "storage/table.h"
 
@@ -14,23 +16,32 @@ namespace zelta {
 
 namespace {
 
-/// One kind: how its keys are made, if it has any, and its functions, which are those of one of the
-/// two families. Neither: it cannot be used yet.
+/// One kind: which searches it takes, how its keys are made, if it has any, and its functions, which
+/// are those of one of the two families. Neither: it cannot be used yet.
 struct Kind {
   CZELTA::IndexKind number;
+  SearchForms search;
   const KeyMaker* maker = nullptr;
   const KeyKind* keys = nullptr;
   const ContentKind* contents = nullptr;
+  /// Makes a search. Null: by KeyKind::search(), or there is none yet.
+  Result (*prepare)(Table& table, const SearchQuery& query,
+                    std::unique_ptr<IndexSearch>* search) = nullptr;
 };
+
+constexpr SearchForms kNarrowing = {true, false, SearchForms::Given::expression, true};
+constexpr SearchForms kByExtent = {true, true, SearchForms::Given::key};
+constexpr SearchForms kByWords = {true, false, SearchForms::Given::expression};
+constexpr SearchForms kByPoints = {false, true, SearchForms::Given::key};
 
 /// All kinds, each at its number.
 constexpr Kind kKinds[] = {
-    {CZELTA::BPlusTree, &kSegmentKeys, &kBPlusTree},
-    {CZELTA::SpatialTree, &kBoxKeys},
-    {CZELTA::AsciiList},
-    {CZELTA::WideList},
-    {CZELTA::TemporalTree, &kSpanKeys},
-    {CZELTA::SpatialPattern},
+    {CZELTA::BPlusTree, kNarrowing, &kSegmentKeys, &kBPlusTree},
+    {CZELTA::SpatialTree, kByExtent, &kBoxKeys},
+    {CZELTA::AsciiList, kByWords},
+    {CZELTA::WideList, kByWords},
+    {CZELTA::TemporalTree, kByExtent, &kSpanKeys},
+    {CZELTA::SpatialPattern, kByPoints},
 };
 constexpr std::size_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
 
@@ -84,6 +95,23 @@ const KeyMaker* keyMaker(const Table& table, std::uint32_t index) {
 const ContentKind* contentKind(const Table& table, std::uint32_t index) {
   const Kind* kind = kindOf(table, index);
   return kind == nullptr ? nullptr : kind->contents;
+}
+
+const SearchForms* searchForms(const Table& table, std::uint32_t index) {
+  const Kind* kind = kindOf(table, index);
+  return kind == nullptr ? nullptr : &kind->search;
+}
+
+Result prepareSearch(Table& table, const SearchQuery& query, std::unique_ptr<IndexSearch>* search) {
+  const std::uint32_t index = query.index - 1;
+  const Kind* kind = kindOf(table, index);
+  assert(kind != nullptr);
+  if (kind->prepare != nullptr) return kind->prepare(table, query, search);
+  if (kind->keys == nullptr || kind->keys->search == nullptr) return unservedKind(table, index);
+  auto byKey = std::make_unique<KeySearch>(table, index, *kind->keys);
+  ZELTA_TRY(byKey->takeKey(query.key));
+  *search = std::move(byKey);
+  return {};
 }
 
 Result insertEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {

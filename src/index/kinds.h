@@ -5,8 +5,10 @@
 #define ZELTA_INDEX_KINDS_H
 
 #include <cstdint>
+#include <memory>
 
 #include "index/kind.h"
+#include "index/search/search_query.h"
 #include "index/tree/index_tree.h"
 
 namespace zelta {
@@ -21,6 +23,13 @@ Result checkIndexKinds(const Table& table);
 /// The functions of an index (from 0) that follows the contents of objects; null: it has keys, or
 /// its kind is not there.
 [[nodiscard]] const ContentKind* contentKind(const Table& table, std::uint32_t index);
+
+// -- Searches -------------------------------------------------------------------------------------
+
+/// Which searches an index (from 0) takes; null: its kind is not known.
+[[nodiscard]] const SearchForms* searchForms(const Table& table, std::uint32_t index);
+/// Makes a search out of a query that was checked. What the query points at is not needed after it.
+Result prepareSearch(Table& table, const SearchQuery& query, std::unique_ptr<IndexSearch>* search);
 
 // -- Indexes with keys ----------------------------------------------------------------------------
 

@@ -66,6 +66,21 @@ void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::
   table.metaData.lockOrderReached = table.tableLockOrder;
 }
 
+void noteObjectLocks(const Table& table, UInt64AVLTree* locked) {
+  if (locked == nullptr) return;
+  std::uint32_t index = 0;
+  if (!lockingIndex(table, &index)) {
+    const UInt64AVLTree* node = locked;
+    while (UInt64AVLTree* next = descending(table) ? node->left : node->right) node = next;
+    advanceLockPosition(table, node->key, nullptr);
+    return;
+  }
+  if (table.metaData.lockOrderReached >= table.tableLockOrder) return;
+  dropLockKey(table.metaData);
+  table.metaData.lockObjectID = 0;
+  table.metaData.lockOrderReached = table.tableLockOrder;
+}
+
 bool isAheadOfLockPosition(const Table& table, const std::uint32_t* key) {
   if (table.metaData.lockOrderReached < table.tableLockOrder || table.metaData.lockKey == nullptr)
     return true;

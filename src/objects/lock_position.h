@@ -19,6 +19,10 @@ Result noteObjectLock(Table& table, std::uint64_t objectID, ObjectBytes object);
 /// the table, null in a table that orders them by ID.
 void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::uint32_t* key);
 
+/// Takes note of the locks of several objects of a table at once. In a table that an index orders
+/// their keys are not looked at: the position is the table's begin, unless it is there already.
+void noteObjectLocks(const Table& table, UInt64AVLTree* locked);
+
 /// Whether an object with this key comes behind all that was locked so far. Without a lock key to
 /// compare with it does.
 [[nodiscard]] bool isAheadOfLockPosition(const Table& table, const std::uint32_t* key);

@@ -28,8 +28,8 @@ Result bplusReplaceID(const IndexTree& tree, const std::uint32_t* key, std::uint
                       std::uint64_t newID);
 
 /// The kind of index that these trees make up.
-inline constexpr KeyKind kBPlusTree = {bplusInsert, bplusRemove, bplusCount,
-                                       bplusMerge,  bplusFind,   bplusReplaceID};
+inline constexpr KeyKind kBPlusTree = {bplusInsert, bplusRemove, bplusCount,    bplusMerge,
+                                       nullptr,     bplusFind,   bplusReplaceID};
 
 }  // namespace zelta
 

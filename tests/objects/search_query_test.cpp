@@ -1,4 +1,4 @@
-#include "index/search/search.h"
+#include "objects/search/search_index.h"
 
 #include <gtest/gtest.h>
 
@@ -26,12 +26,12 @@ class Search : public ::testing::Test {
                CZELTA::Mode mode = CZELTA::Mode{}) {
     clearError(bench_.metaData);
     return searchIndex({bench_.metaData, tables_}, bench_.table,
-                       ExpressionSearch{index, key, search, mode}, &count_);
+                       {SearchQuery::Form::expression, index, key, search, 0, mode}, &count_);
   }
   Result second(std::uint32_t index, const void* key) {
     clearError(bench_.metaData);
     return searchIndex({bench_.metaData, tables_}, bench_.table,
-                       ShapeSearch{index, key, 5u, CZELTA::Mode{}}, &count_);
+                       {SearchQuery::Form::shape, index, key, nullptr, 5, CZELTA::Mode{}}, &count_);
   }
   [[nodiscard]] std::u16string message() const { return bench_.metaData.errorMessage; }
 
