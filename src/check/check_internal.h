@@ -170,11 +170,6 @@ struct TreeEntry {
 };
 using EntryVisitor = std::function<void(const TreeEntry&)>;
 
-/// Walks a B+Tree: form of the nodes, order of keys, separators, links of the leaves. The nodes go
-/// to `extents`. False if parts of the tree could not be walked.
-bool checkBPlusTree(Findings& findings, CheckFile& file, const TreePlace& place,
-                    std::vector<Extent>& extents, const EntryVisitor& visit);
-
 // -- The files --------------------------------------------------------------------------------
 
 struct DirectoryTable {

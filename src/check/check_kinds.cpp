@@ -1,5 +1,6 @@
 #include "check/check_kinds.h"
 
+#include "check/check_btree.h"
 #include "index/keys/keys.h"
 
 namespace zelta::check {

@@ -1,9 +1,6 @@
-// B+Trees of index and memory files. The walk keeps the path from the root in memory, reaches every
-// node at most once, and does not go deeper than a tree can be.
+#include "check/check_btree.h"
 
 #include <algorithm>
-
-#include "check/check_internal.h"
 
 namespace zelta::check {
 
