@@ -6,6 +6,7 @@
 #include "frame/upcalls.h"
 #include "transaction/commit/abort.h"
 #include "transaction/commit/commit.h"
+#include "transaction/log/log_parameters.h"
 #include "transaction/slots/begin.h"
 
 using namespace zelta;

@@ -4,8 +4,6 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
-#include "frame/upcalls.h"
-#include "platform/file_io.h"
 
 namespace zelta {
 
@@ -69,12 +67,6 @@ Result readParameter(MetaData& metaData, CZELTA::Parameter parameter, long long*
   }
 }
 
-Result writeField(MetaData& metaData, std::uint64_t offset, const void* data, std::size_t length) {
-  return reportSystemError(
-      &metaData, writeBuffer(metaData.controlFile, offset, data, static_cast<std::int64_t>(length)),
-      metaData.baseName.c_str(), extension::kControl);
-}
-
 }  // namespace
 
 Result getDatabaseMembers(MetaData& metaData, CZELTA::DatabaseMember* members, unsigned int* size) {
@@ -85,23 +77,6 @@ Result getDatabaseMembers(MetaData& metaData, CZELTA::DatabaseMember* members, u
 Result getDatabaseParameter(MetaData& metaData, CZELTA::Parameter parameter, long long* value) {
   MutexGuard guard;
   return finish(metaData, guard, readParameter(metaData, parameter, value, guard));
-}
-
-Result setDatabaseParameter(MetaData& metaData, CZELTA::Parameter parameter, long long value) {
-  ControlHeader_tag header;
-  ZELTA_TRY(refreshControlHeader(metaData, header));
-  const auto number = static_cast<std::uint16_t>(value);
-  switch (parameter) {
-    case CZELTA::ParameterKeepLogFiles:
-      ZELTA_TRY(requireCarriedOut(metaData));  // log files go
-      return setLogForm(metaData, header, (value & 1) != 0);
-    case CZELTA::ParameterLogFileSize:
-      return writeField(metaData, offsetof(ControlHeader_tag, logFileMegabytes), &number, 2);
-    case CZELTA::ParameterLogRetention:
-      return writeField(metaData, offsetof(ControlHeader_tag, logRetentionHours), &number, 2);
-    default:
-      return reportError(&metaData, Own::parameter);
-  }
 }
 
 }  // namespace zelta

@@ -10,7 +10,6 @@ namespace zelta {
 
 Result getDatabaseMembers(MetaData& metaData, CZELTA::DatabaseMember* members, unsigned int* size);
 Result getDatabaseParameter(MetaData& metaData, CZELTA::Parameter parameter, long long* value);
-Result setDatabaseParameter(MetaData& metaData, CZELTA::Parameter parameter, long long value);
 
 }  // namespace zelta
 

@@ -25,11 +25,6 @@ Result recoverCommitted(const Session& session, std::uint32_t number,
 Result logSchemaChange(MetaData& metaData, ControlHeader_tag& header, DirectoryChange operation,
                        std::uint32_t table, const std::string& body);
 
-/// Lets the database keep numbered log files, from file 0 on, which is begun anew even if they are
-/// kept already; or gives them up for the single form. For an exclusive transaction whose commits
-/// are carried out. Defined in transaction/log/log_form.cpp.
-Result setLogForm(MetaData& metaData, ControlHeader_tag& header, bool keep);
-
 /// Ends the transaction of a handle: aborts, destroys all tables, gives the slot back. Defined in
 /// transaction/slots/end.cpp.
 Result endTransaction(const Session& session);

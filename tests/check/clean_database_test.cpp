@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "frame/parameters.h"
 #include "support/check_database.h"
 #include "support/database_fixture.h"
 #include "support/edit_session.h"
+#include "transaction/log/log_parameters.h"
 
 namespace zelta::testing {
 namespace {

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "frame/parameters.h"
 #include "support/check_database.h"
 #include "support/edit_session.h"
+#include "transaction/log/log_parameters.h"
 
 namespace zelta::testing {
 

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "frame/parameters.h"
 #include "platform/file_io.h"
 #include "transaction/commit_bench.h"
+#include "transaction/log/log_parameters.h"
 
 namespace zelta::testing {
 namespace {

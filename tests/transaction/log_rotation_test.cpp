@@ -3,8 +3,8 @@
 #include <chrono>
 #include <set>
 
-#include "frame/upcalls.h"
 #include "transaction/log/later_entries.h"
+#include "transaction/log/log_form.h"
 #include "transaction/log_fixture.h"
 
 namespace zelta {

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "frame/parameters.h"
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "support/edit_session.h"
+#include "transaction/log/log_parameters.h"
 #include "transaction/log/log_search.h"
 #include "transaction/replay/replay.h"
 

@@ -1,18 +1,7 @@
-// The form of the log, as a parameter of the database sets it.
-//
-// The transaction that sets it is alone, and all that was committed before is carried out: a log
-// without an entry is right then, whatever its form. An old entry is not: the proof that it is out
-// of date lies in entries behind it, and these may be gone, or never have been logged in this form.
-// So each step below leaves either the log that was, or one without an entry:
-//  1. Keeping logs, file 0 is emptied. If it lies between others that are kept, those before it go
-//     out of use first.
-//  2. One write makes file 0 the only one in use, and the form the numbered one.
-//  3. Giving kept logs up, the single file is the log before any of the others is deleted.
-// Where a loss of power must not swap two steps, a flush stands between them.
+#include "transaction/log/log_form.h"
 
 #include <cstring>
 
-#include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "transaction/log/log_names.h"
 #include "transaction/log/log_rotation.h"
