@@ -26,6 +26,11 @@ constexpr std::uint64_t kLargestGuess = 64 * 1024;
 
 RecordFault failed(SystemCode code) { return {Kind::system, 0, 0, code}; }
 
+/// Whether an object's first bytes are those of one whose content is still to come.
+bool isPlaceholder(const char* object) {
+  return std::memcmp(object, &kPlaceholderVersion, sizeof kPlaceholderVersion) == 0;
+}
+
 }  // namespace
 
 bool RecordBuffer::makeRoom(std::uint64_t length) {
@@ -69,9 +74,9 @@ RecordFault RecordReader::fetchFixed(std::uint64_t position, const RecordRules& 
   if (const SystemCode code = fetchRest(table_.tableFile, position, 0, length); code != 0) {
     return failed(code);
   }
-  std::uint16_t version = 0;
-  std::memcpy(&version, buffer_.object(), sizeof version);
-  if (version == kPlaceholderVersion) return {Kind::placeholder, position, version};
+  if (isPlaceholder(buffer_.object())) {
+    return {Kind::placeholder, position, kPlaceholderVersion};
+  }
   *object = {buffer_.object(), length};
   return {};
 }
@@ -97,7 +102,10 @@ RecordFault RecordReader::fetchVariable(std::uint64_t position, const RecordRule
   static_assert(sizeof head == kRecordHead);
   std::memcpy(head, record, sizeof head);
   const auto [block, length] = head;
-  if (length == 0) return {Kind::placeholder, lengthAt, 0};
+  const bool vouched = rules.end != RecordRules::kUnknown;
+  const bool marked =
+      have >= kRecordHead + sizeof kPlaceholderVersion && isPlaceholder(record + kRecordHead);
+  if (vouched ? length == 0 : marked) return {Kind::placeholder, lengthAt, length};
   const bool blockFits = block >= std::uint64_t{length} + kRecordFraming && block <= rest;
   if (length < rules.shortest || length > rest - kRecordFraming ||
       (rules.wholeBlock && !blockFits)) {
@@ -107,7 +115,6 @@ RecordFault RecordReader::fetchVariable(std::uint64_t position, const RecordRule
                    length);
   if (code == code::kEndOfFile) {
     // A length that nothing else vouches for is to blame.
-    const bool vouched = rules.end != RecordRules::kUnknown;
     return {vouched ? Kind::cutShort : Kind::malformed, lengthAt, length};
   }
   if (code != 0) return failed(code);

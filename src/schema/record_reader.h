@@ -30,9 +30,11 @@ struct RecordBuffer {
 struct RecordRules {
   static constexpr std::uint64_t kUnknown = ~std::uint64_t{0};
 
-  std::uint64_t end = kUnknown;  ///< of the object area; unknown: the file's end alone counts
-  std::uint32_t shortest;        ///< bytes that an object has at least
-  bool wholeBlock = false;       ///< the size of the record's block must fit as well
+  /// Of the object area. Unknown: nobody vouches for the record. The file's end alone counts, and
+  /// the version word tells a placeholder, whatever length goes with it.
+  std::uint64_t end = kUnknown;
+  std::uint32_t shortest;   ///< bytes that an object has at least
+  bool wholeBlock = false;  ///< the size of the record's block must fit as well
 };
 
 /// Why a record's object is not at hand.

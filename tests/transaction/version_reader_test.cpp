@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "objects/read/read_version.h"
 #include "support/read_bench.h"
 
 namespace zelta::testing {
@@ -69,9 +70,38 @@ TEST_P(Versions, APlaceholderIsNoVersion) {
   EXPECT_EQ(bytes(object), encoded(1, 7, {10, "one"}));
 }
 
+/// A version word that no object has is believed before the length beside it.
+TEST_P(Versions, APlaceholderIsNoVersionWhateverLengthItStates) {
+  ReadHandle& handle = bench_.first();
+  const std::uint16_t placeholder = kPlaceholderVersion;
+  bench_.patch(bench_.areaStart + (GetParam() ? 8u : 0u), &placeholder, sizeof placeholder);
+  TableHeader_tag header;
+  ASSERT_TRUE(readTableHeader(handle.metaData, u"T", handle.table->tableFile, header, true).ok());
+  ObjectBytes object;
+  ASSERT_TRUE(readCommittedVersion(*handle.table, header, 2, &object).ok());
+  EXPECT_EQ(bytes(object), "");
+  EXPECT_TRUE(readCommittedAside(*handle.table, 2, bench_.areaStart, &object).is(Own::tableFile));
+  EXPECT_EQ(bytes(object), "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Forms, Versions, ::testing::Bool(), [](const auto& tested) {
   return std::string(tested.param ? "variable" : "fixed");
 });
+
+TEST(CommittedVersion, WithoutLengthIsDamagedUnlessItIsAPlaceholder) {
+  ReadBench bench;
+  bench.write({{1, {10, "one"}}});
+  ReadHandle& handle = bench.first();
+  handle.begin(CZELTA::TransactionShared);
+  const std::uint32_t length = 0;
+  bench.patch(bench.areaStart + 4, &length, sizeof length);
+  TableHeader_tag header;
+  ASSERT_TRUE(readTableHeader(handle.metaData, u"T", handle.table->tableFile, header, true).ok());
+  ObjectBytes object;
+  EXPECT_TRUE(readCommittedVersion(*handle.table, header, 1, &object).is(Own::tableFile));
+  EXPECT_EQ(object.data, nullptr);
+  clearError(handle.metaData);
+}
 
 }  // namespace
 }  // namespace zelta::testing
