@@ -150,20 +150,25 @@ Result RecordReader::report(const RecordFault& fault) const {
 
 // -- Pending objects ------------------------------------------------------------------------------
 
+Result RecordReader::badMemory() const {
+  return reportError(&metaData_, Own::memoryFile, table_.cName(), extension::kMemory);
+}
+
+Result RecordReader::checkPending(const PendingObject& pending, std::uint64_t end) const {
+  const std::uint32_t length = pendingLength(pending);
+  const bool good = length >= table_.minimumObjectSize && pending.position <= end &&
+                    end - pending.position >= std::uint64_t{length} + kPendingHead;
+  return good ? Result{} : badMemory();
+}
+
 Result RecordReader::readPending(const PendingObject& pending, std::uint64_t end,
                                  ObjectBytes* object) {
   *object = {};
-  const auto malformed = [this] {
-    return reportError(&metaData_, Own::memoryFile, table_.cName(), extension::kMemory);
-  };
-  const std::uint32_t length = table_.isFixed() ? table_.fixedAreaSize : pending.length;
-  if (length < table_.minimumObjectSize || pending.position > end ||
-      end - pending.position < std::uint64_t{length} + kPendingHead) {
-    return malformed();
-  }
+  ZELTA_TRY(checkPending(pending, end));
+  const std::uint32_t length = pendingLength(pending);
   const SystemCode code = fetchRest(table_.memoryFile, pending.position + kPendingHead, 0, length);
   if (code != 0) return reportSystemError(&metaData_, code, table_.cName(), extension::kMemory);
-  if (objectIdOf(table_, buffer_.object()) != pending.objectID) return malformed();
+  if (objectIdOf(table_, buffer_.object()) != pending.objectID) return badMemory();
   *object = {buffer_.object(), length};
   return {};
 }

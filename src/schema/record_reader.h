@@ -72,14 +72,20 @@ class RecordReader {
   /// The failure that a fault is to a reader: own code 55, also of a placeholder, or the system's.
   Result report(const RecordFault& fault) const;
 
-  /// Reads a pending object. `end`: of the memory file, as its header states it. Own code 58: the
-  /// entry of the object map cannot be.
+  /// Whether an entry of the object map can be one: else own code 58, and the buffer holds what it
+  /// held. `end`: of the memory file, as its header states it.
+  Result checkPending(const PendingObject& pending, std::uint64_t end) const;
+  /// Reads a pending object, after the same check. Own code 58 also if it is another one.
   Result readPending(const PendingObject& pending, std::uint64_t end, ObjectBytes* object);
 
  private:
   RecordFault fetchFixed(std::uint64_t position, const RecordRules& rules, ObjectBytes* object);
   RecordFault fetchVariable(std::uint64_t position, const RecordRules& rules,
                             std::uint64_t expected, ObjectBytes* object);
+  [[nodiscard]] std::uint32_t pendingLength(const PendingObject& pending) const {
+    return table_.isFixed() ? table_.fixedAreaSize : pending.length;
+  }
+  Result badMemory() const;
   SystemCode fetchRest(platform::File file, std::uint64_t position, std::uint32_t have,
                        std::uint32_t length);
 

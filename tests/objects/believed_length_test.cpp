@@ -117,5 +117,20 @@ TEST_F(BelievedLength, OfAPendingObject) {
   folder.write("T.zlm", sound);  // the end of the transaction writes it
 }
 
+TEST_F(BelievedLength, OfAPendingObjectThatCannotBeLeavesTheObjectInTheBuffer) {
+  make({{CZELTA::TypeText}}, {});
+  one->added("text\0"s);
+  const std::string sound = folder.bytes("T.zlm");
+  std::string bytes = sound;
+  put(bytes, numberAt<std::uint64_t>(bytes, 88) + 1032, 0xF0000000u);
+  folder.write("T.zlm", bytes);
+  const Table& table = one->table();
+  const std::string before(table.objectData, table.objectLength);
+  EXPECT_EQ(one->read(1).word(), ownWord(Own::memoryFile));
+  ASSERT_NE(table.objectData, nullptr);
+  EXPECT_EQ(std::string(table.objectData, table.objectLength), before);
+  folder.write("T.zlm", sound);
+}
+
 }  // namespace
 }  // namespace zelta::testing

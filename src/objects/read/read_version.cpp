@@ -13,23 +13,38 @@ std::uint64_t expectedLength(const Table& table) {
   return std::uint64_t{table.objectLength} + table.objectLength / 4;
 }
 
+void forgetObject(Table& table) {
+  table.objectData = nullptr;
+  table.objectLength = 0;
+}
+
+/// The object in the buffer stays if the entry of the object map cannot be one.
+Result readPendingVersion(TableAccess& access, const PendingObject& pending, RecordReader reader,
+                          ObjectBytes* object) {
+  const std::uint64_t end = access.manager().memoryEndOfFile;
+  ZELTA_TRY(reader.checkPending(pending, end));
+  forgetObject(access.table);
+  return reader.readPending(pending, end, object);
+}
+
+Result readCommittedVersion(TableAccess& access, const Located& found, RecordReader reader,
+                            ObjectBytes* object) {
+  Table& table = access.table;
+  const std::uint64_t expected =
+      std::max<std::uint64_t>(expectedLength(table), access.header.defaultObjectSize);
+  const RecordRules rules{access.header.endOfFile, table.minimumObjectSize};
+  forgetObject(table);
+  return reader.report(reader.fetch(found.objectID, found.tablePosition, rules, expected, object));
+}
+
 }  // namespace
 
 Result readVersion(TableAccess& access, const Located& found) {
   Table& table = access.table;
-  const std::uint64_t expected =
-      std::max<std::uint64_t>(expectedLength(table), access.header.defaultObjectSize);
-  table.objectData = nullptr;
-  table.objectLength = 0;
-  RecordReader reader(table, {table.objectBuffer, leadOf(table), true});
+  const RecordReader reader(table, {table.objectBuffer, leadOf(table), true});
   ObjectBytes object;
-  if (found.isPending()) {
-    ZELTA_TRY(reader.readPending(found.pending, access.manager().memoryEndOfFile, &object));
-  } else {
-    const RecordRules rules{access.header.endOfFile, table.minimumObjectSize};
-    ZELTA_TRY(
-        reader.report(reader.fetch(found.objectID, found.tablePosition, rules, expected, &object)));
-  }
+  ZELTA_TRY(found.isPending() ? readPendingVersion(access, found.pending, reader, &object)
+                              : readCommittedVersion(access, found, reader, &object));
   placeObject(table, object.length);
   return {};
 }

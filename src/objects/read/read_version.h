@@ -12,7 +12,8 @@
 namespace zelta {
 
 /// Reads this transaction's version of an object, the pending one if there is one, into the table's
-/// buffer, which holds no object after a failure. A placeholder is own code 55, here and below.
+/// buffer, which holds no object after a failure, or still the old one if a pending version cannot
+/// be where its entry in the object map says. A placeholder is own code 55, here and below.
 Result readVersion(TableAccess& access, const Located& found);
 
 /// The same into a buffer of the handle. The bytes are good until the next object is read aside.
