@@ -4,8 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <functional>
 
+#include "platform/faults.h"
+#include "platform/file_io.h"
 #include "storage/memory_file/memory_file_map.h"
 #include "support/object_handle.h"
 
@@ -582,6 +587,61 @@ TEST_F(RewriteObject, KeepsOthersAwayUntilTheEnd) {
   EXPECT_EQ(two->content(), number(2));
   one->abort(true);
   two->done(two->rewrite(1, number(3)));
+  finish();
+}
+
+/// The shortest time from a question for dead transactions to the next pass.
+class Rests : public platform::faults::Hook {
+ public:
+  /// `third` is done at the third question.
+  explicit Rests(std::function<void()> third) : third_(std::move(third)) {
+    platform::faults::install(this);
+  }
+  ~Rests() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    if (event.call != platform::faults::Call::mutexWait) return {};
+    if (event.name.find(".zlc") != std::string::npos) {
+      asked_ = Clock::now();
+      if (++questions == 3) third_();
+    } else if (event.name.find(".zlt") != std::string::npos && questions != 0) {
+      shortest = std::min<Clock::duration>(shortest, Clock::now() - asked_);
+    }
+    return {};
+  }
+
+  using Clock = std::chrono::steady_clock;
+  int questions = 0;
+  Clock::duration shortest = std::chrono::hours(1);
+
+ private:
+  std::function<void()> third_;
+  Clock::time_point asked_;
+};
+
+/// The index file is gone, and cannot be built before an object has its content.
+TEST_F(RewriteObject, AsksForTheDeadAtOnceAndPausesThen) {
+  make(kNumberField, kNumberIndex);
+  one->added(number(5));
+  one->added(number(6));
+  one->commit();
+  one.reset();
+  ASSERT_TRUE(std::filesystem::remove(folder.path() / "T.zli"));
+  one = join();
+  one->done(one->read(1));
+  const std::string bytes = folder.bytes("T.zlt");
+  const auto record =
+      numberAt<std::uint64_t>(bytes, slotPosition(numberAt<std::uint32_t>(bytes, 8), 2));
+  const platform::File file = one->table().tableFile;
+  const std::uint16_t placeholder = kPlaceholderVersion;
+  ASSERT_EQ(writeBuffer(file, record, &placeholder, sizeof placeholder), 0u);
+  const std::uint16_t version = 1;
+  const auto heal = [&] { EXPECT_EQ(writeBuffer(file, record, &version, sizeof version), 0u); };
+  {
+    const Rests rests(heal);
+    one->done(one->rewrite(number(7)));
+    EXPECT_EQ(rests.questions, 3);
+    EXPECT_GE(rests.shortest, std::chrono::milliseconds(10));
+  }
   finish();
 }
 

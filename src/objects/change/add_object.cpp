@@ -116,7 +116,9 @@ Result Addition::store() {
 Result Addition::wait() {
   if (blocker_ != 0) return waitForBlocker();
   if (indexWaits_) ZELTA_TRY(retry_.repairDead());
-  return retry_.pause(wantedID_);
+  ZELTA_TRY(retry_.countPass(wantedID_));
+  retry_.pause();
+  return {};
 }
 
 /// The slot of the wanted ID bears a mark. Whoever has made it may still give the ID up.

@@ -111,8 +111,10 @@ Result Rewriting::store() {
 
 /// Something is locked, and its owner may be dead.
 Result Rewriting::wait() {
-  ZELTA_TRY(retry_.pause(objectID_));
-  return retry_.repairDead();
+  ZELTA_TRY(retry_.countPass(objectID_));
+  ZELTA_TRY(retry_.repairDead());
+  retry_.pause();
+  return {};
 }
 
 /// Whether the current object is this transaction's to rewrite.

@@ -20,14 +20,15 @@ Result WriteRetry::repairDead() {
   return result.isLocked() ? Result{} : result;
 }
 
-Result WriteRetry::pause(std::uint64_t objectID) {
+Result WriteRetry::countPass(std::uint64_t objectID) {
+  if (++passes_ < limits_.passes) return {};
+  return reportError(&metaData_, Own::objectLocked, access_.table.cName(), nullptr,
+                     static_cast<std::int64_t>(objectID));
+}
+
+void WriteRetry::pause() const {
   assert(!access_.owned());
-  if (++passes_ >= limits_.passes) {
-    return reportError(&metaData_, Own::objectLocked, access_.table.cName(), nullptr,
-                       static_cast<std::int64_t>(objectID));
-  }
   platform::sleepMilliseconds(passes_ < limits_.quickPasses ? 0 : kPause);
-  return {};
 }
 
 }  // namespace zelta

@@ -45,8 +45,11 @@ class WriteRetry {
   /// Who holds what is wanted may have died without anybody having noticed yet: looks for such a
   /// one and repairs it. What failed for it leaves no text.
   Result repairDead();
-  /// Pauses. Own code 27 with the object's ID when a lock has stopped as many passes as may be.
-  Result pause(std::uint64_t objectID);
+  /// Counts a pass that a lock has stopped: own code 27 with the object's ID when there were as
+  /// many as may be.
+  Result countPass(std::uint64_t objectID);
+  /// Pauses before the next pass, behind all that is done in between: others get on meanwhile.
+  void pause() const;
 
  private:
   MetaData& metaData_;
