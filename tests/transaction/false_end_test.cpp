@@ -16,6 +16,7 @@ using testing::erase;
 using testing::FreshFolder;
 using testing::LogTest;
 using testing::numberAt;
+using testing::rewrite;
 
 constexpr std::uint64_t kFar = std::uint64_t{1} << 31;
 
@@ -33,6 +34,23 @@ void patch(const FreshFolder& folder, const char* name, std::uint64_t position, 
   EXPECT_EQ(writeBuffer(file, position, bytes, length), 0u);
   platform::closeFile(file);
 }
+
+/// Where the farthest write ends. None goes far.
+class Longest : public platform::faults::Hook {
+ public:
+  explicit Longest(std::uint64_t& end) : end_(end) { platform::faults::install(this); }
+  ~Longest() override { platform::faults::install(nullptr); }
+  platform::faults::Verdict before(const platform::faults::Event& event) override {
+    platform::faults::Verdict verdict;
+    if (event.call != platform::faults::Call::write) return verdict;
+    end_ = std::max(end_, event.position + event.length);
+    if (end_ > kFar / 64) verdict.code = code::kDiskFull;
+    return verdict;
+  }
+
+ private:
+  std::uint64_t& end_;
+};
 
 class FalseEnd : public ::testing::TestWithParam<testing::TableForm> {
  protected:
@@ -276,20 +294,6 @@ TEST_F(FalseLog, FreeBlockOfAnIntentIsRolledBack) {
   const std::uint64_t sum = intent.intentChecksum ^ position ^ kFar;
   patch(folder, "shop.zll", offsetof(LogHeader_tag, intentChecksum), &sum, 8);
   std::uint64_t longest = 0;
-  class Longest : public platform::faults::Hook {
-   public:
-    explicit Longest(std::uint64_t& end) : end_(end) { platform::faults::install(this); }
-    ~Longest() override { platform::faults::install(nullptr); }
-    platform::faults::Verdict before(const platform::faults::Event& event) override {
-      if (event.call == platform::faults::Call::write) {
-        end_ = std::max(end_, event.position + event.length);
-      }
-      return {};
-    }
-
-   private:
-    std::uint64_t& end_;
-  };
   {
     const Longest hook(longest);
     reopen();
@@ -299,6 +303,37 @@ TEST_F(FalseLog, FreeBlockOfAnIntentIsRolledBack) {
   EXPECT_LE(longest, pending.size());
   EXPECT_EQ(raw().entries.size(), 3u) << "as before the removal";
   EXPECT_EQ(folder.bytes("shop.zll"), before);
+}
+
+// -- Blocks that overlap --------------------------------------------------------------------------
+
+/// New objects come to lie over the head of a record that keeps its block in the same commit.
+TEST(OverlappingBlocks, AreWrittenInTheSizesThatThePlanHasSeen) {
+  constexpr std::uint32_t kBlock = 48;  // of an object with 20 letters
+  const FreshFolder folder;
+  EditSession session(folder, testing::kForms[4]);
+  session.makeTable();
+  ASSERT_TRUE(session.enter().ok()) << session.error();
+  ASSERT_TRUE(session.carryOut(adds(1, 5)).ok()) << session.error();
+  ASSERT_TRUE(session.commit().ok()) << session.error();
+  ASSERT_TRUE(session.carryOut({erase(2)}).ok()) << session.error();
+  ASSERT_TRUE(session.commit().ok()) << session.error();
+  const std::string bytes = folder.bytes("T.zlt");
+  const auto freeBlock = numberAt<std::uint64_t>(bytes, offsetof(TableHeader_tag, freeHead));
+  ASSERT_EQ(numberAt<std::uint32_t>(bytes, freeBlock), kBlock);
+  // Its end is given to one object, and the other takes the 64 bytes that are left.
+  const std::uint32_t covering = kBlock + 64;
+  patch(folder, "T.zlt", freeBlock, &covering, sizeof covering);
+  const std::vector<testing::EditStep> steps = {rewrite(3, 3), add(2, 2), add(6, 6), add(7, 7)};
+  ASSERT_TRUE(session.carryOut(steps).ok()) << session.error();
+  std::uint64_t longest = 0;
+  {
+    const Longest hook(longest);
+    EXPECT_TRUE(session.commit().ok()) << session.error();
+  }
+  EXPECT_LT(longest, 10'000u);
+  EXPECT_EQ(sizeOf(folder, "T.zlt"), bytes.size() + kBlock) << "one object went behind the end";
+  EXPECT_TRUE(session.end().ok()) << session.error();
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ struct Edit {
   EditEntry_tag entry;
   std::uint32_t length;         ///< of the pending object
   std::uint64_t imagePosition;  ///< in the memory file
+  std::uint32_t keptSize = 0;   ///< of the block that a rewritten object keeps
 };
 
 /// The images of the transaction, in the order of their IDs.

@@ -85,7 +85,10 @@ Result EditPlan::cutFreeSpace() {
 }
 
 Result EditPlan::allocate(std::uint64_t length, std::uint64_t* position, std::uint32_t* size) {
-  const auto wanted = static_cast<std::uint32_t>(length + kRecordFraming);
+  const std::uint64_t wanted = length + kRecordFraming;
+  if (freeSpace.need(wanted) > TableBlocks::kLargest) {
+    return reportDamagedTable(metaData_, table_.cName(), 0, old_.defaultObjectSize);
+  }
   FileSpan block{};
   ZELTA_TRY(freeSpace.allocate(wanted, &block, next.objectAreaStart));
   *position = block.position;
@@ -111,6 +114,8 @@ Result EditPlan::placeEdited(const PendingObject& image, bool displaced) {
   if (displaced || !suits) {
     ZELTA_TRY(allocate(image.length, &edit.entry.newPosition, &edit.entry.newBlockSize));
     ZELTA_TRY(releaseRecord(edit.entry.oldPosition));
+  } else {
+    edit.keptSize = head[0];
   }
   edits.push_back(edit);
   return {};

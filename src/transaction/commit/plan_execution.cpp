@@ -44,7 +44,6 @@ class PlanExecution {
   Result writeObjects();
   Result writeSlots();
   Result writeObject(JoinedWriter& out, const Edit& edit);
-  Result keptBlockSize(const Edit& edit, std::uint32_t* size);
   Result clearSlots();
   Result finish();
 
@@ -137,19 +136,15 @@ Result PlanExecution::applyEdits() {
   return writeSlots();
 }
 
-/// Size of the block that a rewritten object keeps.
-Result PlanExecution::keptBlockSize(const Edit& edit, std::uint32_t* size) {
-  return report(readBuffer(file_, edit.entry.oldPosition, size, sizeof *size));
-}
-
 Result PlanExecution::writeObject(JoinedWriter& out, const Edit& edit) {
   const char* bytes = nullptr;
   ZELTA_TRY(images_.read(edit.imagePosition + 4, edit.length, &bytes));
   const std::uint64_t position =
       edit.entry.newPosition != 0 ? edit.entry.newPosition : edit.entry.oldPosition;
   if (table_.isFixed()) return report(out.write(position, bytes, edit.length));
-  std::uint32_t size = edit.entry.newBlockSize;
-  if (size == 0) ZELTA_TRY(keptBlockSize(edit, &size));
+  // What the plan has seen counts: where blocks overlap, that of another object may stand there now.
+  const std::uint32_t size = edit.entry.newBlockSize != 0 ? edit.entry.newBlockSize : edit.keptSize;
+  assert(size >= kRecordFraming + std::uint64_t{edit.length});
   const std::uint32_t head[2] = {size, edit.length};
   SystemCode failure = out.write(position, head, sizeof head);
   if (failure == 0) failure = out.write(position + kRecordHead, bytes, edit.length);
