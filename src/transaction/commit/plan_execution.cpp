@@ -142,7 +142,7 @@ Result PlanExecution::writeObject(JoinedWriter& out, const Edit& edit) {
   const std::uint64_t position =
       edit.entry.newPosition != 0 ? edit.entry.newPosition : edit.entry.oldPosition;
   if (table_.isFixed()) return report(out.write(position, bytes, edit.length));
-  // What the plan has seen counts: where blocks overlap, that of another object may stand there now.
+  // What the plan has seen counts: where blocks overlap, another object may stand there by now.
   const std::uint32_t size = edit.entry.newBlockSize != 0 ? edit.entry.newBlockSize : edit.keptSize;
   assert(size >= kRecordFraming + std::uint64_t{edit.length});
   const std::uint32_t head[2] = {size, edit.length};
