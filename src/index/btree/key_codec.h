@@ -11,10 +11,10 @@
 
 namespace zelta {
 
-/// Compares words as unsigned numbers: below 0, 0 or above 0.
+/// Compares words [from, to) as unsigned numbers: below 0, 0 or above 0.
 [[nodiscard]] inline int compareWords(const std::uint32_t* a, const std::uint32_t* b,
-                                      std::uint32_t count) {
-  for (std::uint32_t i = 0; i < count; ++i) {
+                                      std::uint32_t from, std::uint32_t to) {
+  for (std::uint32_t i = from; i < to; ++i) {
     if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
   }
   return 0;
@@ -31,7 +31,7 @@ struct FixedWords {
     return left >= words * 4;
   }
   [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const {
-    return compareWords(a, b, words);
+    return compareWords(a, b, 0, words);
   }
 };
 
@@ -43,11 +43,10 @@ struct VariableWords {
   [[nodiscard]] std::uint32_t bytes(const std::uint32_t* key) const { return key[0] * 4; }
   /// The length in a damaged node may be anything.
   [[nodiscard]] bool fits(const std::uint32_t* key, std::uint32_t left) const {
-    return left >= 4 && key[0] != 0 && key[0] <= left / 4;
+    return left >= 4 && key[0] - 1 < left / 4;  // a length of 0 wraps around
   }
   [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const {
-    const std::uint32_t shorter = std::min(a[0], b[0]);
-    const int sign = shorter == 0 ? 0 : compareWords(a + 1, b + 1, shorter - 1);
+    const int sign = compareWords(a, b, 1, std::min(a[0], b[0]));
     if (sign != 0 || a[0] == b[0]) return sign;
     return a[0] < b[0] ? -1 : 1;
   }

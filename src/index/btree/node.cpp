@@ -45,12 +45,11 @@ BPlusNode::State BPlusNode::attach(TreePage page, const NodeFormat& format, bool
 
 template <class Codec>
 BPlusNode::State BPlusNode::walkKeys(const Codec& codec) const {
-  std::uint64_t offset = format_.head(leaf_);
+  std::uint32_t offset = format_.head(leaf_);
   for (std::uint32_t i = 0; i < count_; ++i) {
     if (offset >= keyEnd_) return State::badFreeWords;
-    const auto at = static_cast<std::uint32_t>(offset);
-    if (!keyFits(codec, at)) return State::badKeys;
-    offset += codec.bytes(keyAt(at));
+    if (!keyFits(codec, offset)) return State::badKeys;
+    offset += codec.bytes(keyAt(offset));
   }
   return offset == keyEnd_ ? State::sound : State::badFreeWords;
 }
