@@ -21,11 +21,11 @@ Result BPlusCursor::load(std::uint64_t position) {
   return {};
 }
 
-/// Stands on an entry of the leaf, whose key's place is checked here.
-Result BPlusCursor::place(std::uint32_t entry) {
+/// Stands on an entry of the leaf, whose key's place is 0 if it is broken.
+Result BPlusCursor::place(std::uint32_t entry, std::uint32_t offset) {
+  if (offset == 0) return corrupted();
   entry_ = entry;
-  offset_ = node_.keyOffset(entry);
-  if (offset_ == 0) return corrupted();
+  offset_ = offset;
   valid_ = true;
   return {};
 }
@@ -60,7 +60,7 @@ Result BPlusCursor::seek(CZELTA::Mode mode, const std::uint32_t* pivot) {
   const bool up = mode == CZELTA::ReadGreater || mode == CZELTA::ReadGreaterEqual;
   const BPlusNode::Place found = node_.lower(pivot);
   if (found.offset == 0) return corrupted();
-  if (found.equal && orEqual) return place(found.number);
+  if (found.equal && orEqual) return place(found.number, found.offset);
   if (mode == CZELTA::ReadEqual) return {};
   const std::uint32_t behind = found.number + (found.equal ? 1u : 0u);
   if (up && behind < node_.count()) return place(behind);

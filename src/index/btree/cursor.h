@@ -36,7 +36,8 @@ class BPlusCursor {
   Result load(std::uint64_t position);
   Result descend(CZELTA::Mode mode, const std::uint32_t* pivot);
   Result enterNeighbour(bool up);
-  Result place(std::uint32_t entry);
+  Result place(std::uint32_t entry) { return place(entry, node_.keyOffset(entry)); }
+  Result place(std::uint32_t entry, std::uint32_t offset);
 
   TreePages pages_;
   PageRole role_;
