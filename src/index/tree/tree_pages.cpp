@@ -11,40 +11,6 @@ constexpr std::uint64_t kLargestPage = 0x7FFFFFFF;
 
 }  // namespace
 
-PageBuffer& TreePages::buffer(PageRole role) const {
-  return tree_.table().pageBuffers[static_cast<std::uint32_t>(role)];
-}
-
-Result TreePages::load(std::uint64_t position, PageRole role, TreePage* page) const {
-  if (position == 0) return corrupted();
-  PageBuffer& into = buffer(role);
-  char* bytes = nullptr;
-  ZELTA_TRY(tree_.manager().readPage(tree_.file(), position, &bytes, into.lease()));
-  if (bytes == nullptr) return corrupted();
-  *page = pageIn(bytes, into);
-  return {};
-}
-
-Result TreePages::view(std::uint64_t position, PageRole role, TreePage* page) const {
-  if (position == 0) return corrupted();
-  PageBuffer& into = buffer(role);
-  const char* bytes = nullptr;
-  ZELTA_TRY(tree_.manager().viewPage(tree_.file(), position, false, &bytes, into.lease()));
-  if (bytes == nullptr) return corrupted();
-  *page = pageIn(const_cast<char*>(bytes), into);
-  return {};
-}
-
-Result TreePages::glance(std::uint64_t position, TreePage* page) const {
-  if (position == 0) return corrupted();
-  PageBuffer& into = buffer(PageRole::node);
-  const char* bytes = nullptr;
-  ZELTA_TRY(tree_.manager().viewPage(tree_.file(), position, true, &bytes, into.lease()));
-  if (bytes == nullptr) return corrupted();
-  *page = pageIn(const_cast<char*>(bytes), into);
-  return {};
-}
-
 Result TreePages::store(std::uint64_t position, TreePage* page, bool* moved) const {
   char* held = nullptr;
   ZELTA_TRY(tree_.manager().writePage(tree_.file(), position, page->bytes(), &held));

@@ -24,8 +24,12 @@ class TreePage {
  public:
   TreePage() = default;
   /// Bytes that need no buffer, or those of its present lease.
+#ifdef NDEBUG
+  explicit TreePage(char* bytes, const PageBuffer* = nullptr) : bytes_(bytes) {}
+#else
   explicit TreePage(char* bytes, const PageBuffer* buffer = nullptr)
       : bytes_(bytes), buffer_(buffer), lease_(buffer == nullptr ? 0 : buffer->leases()) {}
+#endif
 
   [[nodiscard]] char* bytes() const {
     assert(isPresent());
@@ -33,14 +37,16 @@ class TreePage {
   }
 
  private:
+  char* bytes_ = nullptr;
+#ifndef NDEBUG
   /// False: another page was read into the buffer since.
   [[nodiscard]] bool isPresent() const {
     return bytes_ != nullptr && (buffer_ == nullptr || buffer_->leases() == lease_);
   }
 
-  char* bytes_ = nullptr;
   const PageBuffer* buffer_ = nullptr;
   std::uint32_t lease_ = 0;
+#endif
 };
 
 class TreePages {
@@ -51,12 +57,23 @@ class TreePages {
   [[nodiscard]] const IndexTree& tree() const { return tree_; }
 
   /// A page that may be changed.
-  Result load(std::uint64_t position, PageRole role, TreePage* page) const;
+  Result load(std::uint64_t position, PageRole role, TreePage* page) const {
+    PageBuffer& into = buffer(role);
+    char* bytes = nullptr;
+    if (position != 0) {
+      ZELTA_TRY(tree_.manager().readPage(tree_.file(), position, &bytes, into.lease()));
+    }
+    return take(bytes, into, page);
+  }
   /// A page that is only read: it may be the file's own bytes. Good as long as the table's mutex is
   /// held, nobody changes the page and the role's buffer gets no other one.
-  Result view(std::uint64_t position, PageRole role, TreePage* page) const;
+  Result view(std::uint64_t position, PageRole role, TreePage* page) const {
+    return look(position, role, false, page);
+  }
   /// The same, good only until the manager is used again. May take the buffer of `node`.
-  Result glance(std::uint64_t position, TreePage* page) const;
+  Result glance(std::uint64_t position, TreePage* page) const {
+    return look(position, PageRole::node, true, page);
+  }
   /// Brings a changed page to where it is kept. `*page` leads there afterwards, if that is the
   /// manager's copy; `*moved` tells.
   Result store(std::uint64_t position, TreePage* page, bool* moved) const;
@@ -69,7 +86,23 @@ class TreePages {
   Result corrupted() const { return tree_.damaged(damage_); }
 
  private:
-  [[nodiscard]] PageBuffer& buffer(PageRole role) const;
+  [[nodiscard]] PageBuffer& buffer(PageRole role) const {
+    return tree_.table().pageBuffers[static_cast<std::uint32_t>(role)];
+  }
+  Result look(std::uint64_t position, PageRole role, bool briefly, TreePage* page) const {
+    PageBuffer& into = buffer(role);
+    const char* bytes = nullptr;
+    if (position != 0) {
+      ZELTA_TRY(tree_.manager().viewPage(tree_.file(), position, briefly, &bytes, into.lease()));
+    }
+    return take(const_cast<char*>(bytes), into, page);  // nobody changes a page that is only read
+  }
+  /// Null: the position leads to no page.
+  Result take(char* bytes, const PageBuffer& into, TreePage* page) const {
+    if (bytes == nullptr) return corrupted();
+    *page = pageIn(bytes, into);
+    return {};
+  }
   [[nodiscard]] static TreePage pageIn(char* bytes, const PageBuffer& buffer) {
     return TreePage(bytes, bytes == buffer.data() ? &buffer : nullptr);
   }
