@@ -45,26 +45,11 @@ Result FreeChain<Form>::broken() {
 }
 
 template <class Form>
-void FreeChain<Form>::attach(platform::File file, std::uint64_t head) {
-  drop();
-  file_ = file;
-  startAt(head);
-}
-
-template <class Form>
-void FreeChain<Form>::startAt(std::uint64_t head) {
-  assert(list_ == nullptr);
-  head_ = head;
-}
-
-template <class Form>
-void FreeChain<Form>::drop() {
+void FreeChain<Form>::deleteList() {
   while (list_ != nullptr) {
     const std::unique_ptr<FreeBlock> node(list_);
     list_ = node->nextNode;
   }
-  deferred_.clear();
-  merged_ = false;
 }
 
 // -- The list, and its continuation in the file ---------------------------------------------------

@@ -11,6 +11,7 @@
 #ifndef ZELTA_STORAGE_FREE_SPACE_FREE_CHAIN_H
 #define ZELTA_STORAGE_FREE_SPACE_FREE_CHAIN_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "frame/metadata.h"
@@ -44,10 +45,18 @@ class FreeChain {
   FreeChain& operator=(const FreeChain&) = delete;
 
   /// Forgets all that was known and looks at a chain anew.
-  void attach(platform::File file, std::uint64_t head);
+  void attach(platform::File file, std::uint64_t head) {
+    drop();
+    file_ = file;
+    startAt(head);
+  }
   /// Forgets list and deferred spans. head() stays: the caller has written what it leads to, or
   /// attaches before the next use.
-  void drop();
+  void drop() {
+    if (list_ != nullptr) deleteList();
+    deferred_.clear();
+    merged_ = false;
+  }
 
   /// Position of the first block after all changes, 0 for none.
   [[nodiscard]] std::uint64_t head() const { return head_; }
@@ -63,7 +72,10 @@ class FreeChain {
   /// Spans for merge() to take in.
   [[nodiscard]] FreeExtents& deferred() { return deferred_; }
   /// Lets the chain begin at a later block, 0 for none, as long as nothing was read.
-  void startAt(std::uint64_t head);
+  void startAt(std::uint64_t head) {
+    assert(list_ == nullptr);
+    head_ = head;
+  }
   /// Makes a span the first block, whatever it touches. It must end before the block at head().
   void releaseInFront(FileSpan span);
 
@@ -93,6 +105,7 @@ class FreeChain {
     FreeBlock* at = nullptr;
   };
 
+  void deleteList();
   [[nodiscard]] Place front() const { return {nullptr, list_}; }
   /// Position of the block at a place, 0 at the chain's end. At the end of the list that block is
   /// still to be read.

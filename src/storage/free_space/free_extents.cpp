@@ -28,8 +28,7 @@ void FreeExtents::addToRun(FileSpan span, std::uint64_t largest) {
   add(span);
 }
 
-void FreeExtents::clear() {
-  newest_ = nullptr;
+void FreeExtents::deleteNodes() {
   avl::postOrder(avl::detachAll(root_), [](FreeExtentNode* node) { delete node; });
 }
 

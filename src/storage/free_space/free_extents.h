@@ -29,12 +29,17 @@ class FreeExtents {
   /// The same, but a span that begins at the end of the one added last extends that, as long as
   /// its size stays within `largest`.
   void addToRun(FileSpan span, std::uint64_t largest);
-  void clear();
+  void clear() {
+    if (root_ != nullptr) deleteNodes();
+    newest_ = nullptr;
+  }
 
   [[nodiscard]] bool empty() const { return root_ == nullptr; }
   [[nodiscard]] const FreeExtentNode* root() const { return root_; }
 
  private:
+  void deleteNodes();
+
   FreeExtentNode* root_ = nullptr;
   FreeExtentNode* newest_ = nullptr;
 };

@@ -54,7 +54,7 @@ void PagePool::release(PageNode* page) {
   slots_[used_++] = page;
 }
 
-void PagePool::releaseTree(UInt64AVLTree*& root) {
+void PagePool::releaseNodes(UInt64AVLTree*& root) {
   avl::postOrder(avl::detachAll(root),
                  [this](UInt64AVLTree* node) { release(static_cast<PageNode*>(node)); });
 }

@@ -41,9 +41,13 @@ class PagePool {
   [[nodiscard]] PageNode* take();
   void release(PageNode* page);
   /// The same for every page of a tree; sets the link to null.
-  void releaseTree(UInt64AVLTree*& root);
+  void releaseTree(UInt64AVLTree*& root) {
+    if (root != nullptr) releaseNodes(root);
+  }
 
  private:
+  void releaseNodes(UInt64AVLTree*& root);
+
   std::array<PageNode*, 32> slots_{};  ///< the first `used_` are filled
   std::size_t used_ = 0;
 };
