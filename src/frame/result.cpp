@@ -2,6 +2,7 @@
 
 #include "frame/result.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <new>
 
@@ -41,9 +42,10 @@ Result reportError(MetaData* metaData, Own code, const char16_t* s1, const char1
   return Result::own(code);
 }
 
-Result reportSystemError(MetaData* metaData, SystemCode code, const char16_t* s1,
-                         const char16_t* s2, std::int64_t i1, std::int64_t i2) {
-  if (metaData != nullptr && code != 0) {
+Result reportSystemFailure(MetaData* metaData, SystemCode code, const char16_t* s1,
+                           const char16_t* s2, std::int64_t i1, std::int64_t i2) {
+  assert(code != 0);
+  if (metaData != nullptr) {
     const MessageInput in = inputOf(s1, s2, i1, i2);
     const std::size_t capacity = systemMessageCapacity(code, in);
     if (char16_t* text = newText(*metaData, capacity); text != nullptr) {

@@ -130,9 +130,16 @@ class [[nodiscard]] Result {
 Result reportError(MetaData* metaData, Own code, const char16_t* s1 = nullptr,
                    const char16_t* s2 = nullptr, std::int64_t i1 = 0, std::int64_t i2 = 0);
 
-/// The same for a failure of the system. Code 0 is no failure and records nothing.
-Result reportSystemError(MetaData* metaData, SystemCode code, const char16_t* s1 = nullptr,
-                         const char16_t* s2 = nullptr, std::int64_t i1 = 0, std::int64_t i2 = 0);
+/// The same for a failure of the system, whose code is not 0.
+Result reportSystemFailure(MetaData* metaData, SystemCode code, const char16_t* s1,
+                           const char16_t* s2, std::int64_t i1, std::int64_t i2);
+
+/// The same for what a call of the system returned. Code 0 is no failure and records nothing.
+inline Result reportSystemError(MetaData* metaData, SystemCode code, const char16_t* s1 = nullptr,
+                                const char16_t* s2 = nullptr, std::int64_t i1 = 0,
+                                std::int64_t i2 = 0) {
+  return code == 0 ? Result() : reportSystemFailure(metaData, code, s1, s2, i1, i2);
+}
 
 /// As reportError(), with 8-bit strings.
 Result reportErrorNarrow(MetaData* metaData, Own code, const char* s1 = nullptr,
