@@ -100,10 +100,11 @@ AtomicManager::Page* AtomicManager::unchangedPage(PageFile file, std::uint64_t p
   return static_cast<Page*>(find(unchanged_[file == PageFile::memory ? 1 : 0], position));
 }
 
+/// Asked for each page, so each form by its name: what it is made of is known then.
 bool AtomicManager::inside(PageFile file, std::uint64_t position, std::uint64_t size) const {
-  const std::uint64_t end = endOfFile(file);
-  return position >= formOf(file).headerSize(indexCount) && position < end &&
-         size <= end - position;
+  if (file == PageFile::memory)
+    return kMemoryForm.holds(position, size, memoryEndOfFile, indexCount);
+  return kIndexForm.holds(position, size, indexEndOfFile, indexCount);
 }
 
 Result AtomicManager::corrupted(PageFile file) const {
@@ -182,7 +183,7 @@ Result AtomicManager::viewFilePage(PageFile file, std::uint64_t position, const 
   if (result != 0) return failed(file, result);
   if (bytes == nullptr) return {};
   const std::uint32_t size = statedSize(bytes);
-  if (size <= kNoPageSize || !inside(file, position, size)) return {};
+  if (size <= kNoPageSize || size > endOfFile(file) - position) return {};
   result = platform::viewFile(handle(file), position, size, page);
   return result == 0 ? Result{} : failed(file, result);
 }

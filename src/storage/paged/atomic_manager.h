@@ -113,7 +113,10 @@ class AtomicManager {
     return file == PageFile::memory ? pageCount : shadowPageCount;
   }
   /// The bytes of one: its own, or those of its shadow in `scratch`.
-  Result changedBytes(Page& page, const char** bytes, ScratchBuffer& scratch);
+  Result changedBytes(const Page& page, const char** bytes, ScratchBuffer& scratch) {
+    *bytes = page.bytes;
+    return page.bytes != nullptr ? Result{} : readShadow(page, bytes, scratch);
+  }
   [[nodiscard]] std::uint64_t* roots(PageFile file) {
     return file == PageFile::memory ? memoryRoots() : indexRoots();
   }
@@ -170,6 +173,7 @@ class AtomicManager {
   Page* keepUnchanged(PageFile file, std::uint64_t position, const char* bytes, std::uint32_t size);
   void dropUnchangedPage(PageFile file, std::uint64_t position);
 
+  Result readShadow(const Page& page, const char** bytes, ScratchBuffer& scratch);
   Result readChangedIndexPage(Page& page, char** bytes, ScratchBuffer& scratch);
   Result writeMemoryPage(std::uint64_t position, const char* page, std::uint32_t size, char** held);
   Result writeIndexPage(std::uint64_t position, const char* page, std::uint32_t size);

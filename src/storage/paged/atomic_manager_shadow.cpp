@@ -159,9 +159,7 @@ Result AtomicManager::writeHeldIndexPages() {
   return {};
 }
 
-Result AtomicManager::changedBytes(Page& page, const char** bytes, ScratchBuffer& scratch) {
-  *bytes = page.bytes;
-  if (page.bytes != nullptr) return {};
+Result AtomicManager::readShadow(const Page& page, const char** bytes, ScratchBuffer& scratch) {
   char* copy = scratch.reserve(page.size);
   const SystemCode result = readLargeBuffer(memoryFile, page.shadowPosition, copy, page.size);
   *bytes = copy;

@@ -33,26 +33,6 @@ PagedFileHeader newPagedHeader(const PagedForm& form, const Table& table, std::u
   return header;
 }
 
-bool hasMagic(const PagedForm& form, const PagedFileHeader& header) {
-  return std::memcmp(header.magic, form.magic, sizeof(header.magic)) == 0;
-}
-
-bool hasVersion(const PagedForm& form, const PagedFileHeader& header) {
-  return header.majorVersion == form.majorVersion && header.minorVersion == form.minorVersion;
-}
-
-bool pageSizeIsSound(const PagedFileHeader& header) {
-  return std::has_single_bit(header.pageSize) && header.pageSize >= kSmallestPageUnit;
-}
-
-bool rootsAreSound(const PagedForm& form, const PagedFileHeader& header,
-                   const std::uint64_t* roots) {
-  const std::uint64_t first = form.headerSize(header.indexCount);
-  return std::all_of(roots, roots + form.rootCount(header.indexCount), [&](std::uint64_t root) {
-    return root == 0 || (root >= first && root < header.endOfFile);
-  });
-}
-
 void clearIntent(PagedFileHeader& header) {
   header.journalBase = 0;
   header.journalEnd = 0;

@@ -33,6 +33,7 @@
 #define ZELTA_STORAGE_PAGED_PAGED_FILE_H
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -110,6 +111,11 @@ struct PagedForm {
   [[nodiscard]] constexpr std::uint64_t headerSize(std::uint32_t indexCount) const {
     return sizeof(PagedFileHeader) + 16 * (std::uint64_t{indexCount} + ownRoots);
   }
+  /// Whether a page or record of this size can lie there in a file with this end.
+  [[nodiscard]] constexpr bool holds(std::uint64_t position, std::uint64_t size, std::uint64_t end,
+                                     std::uint32_t indexCount) const {
+    return position >= headerSize(indexCount) && position < end && size <= end - position;
+  }
 };
 
 /// What running transactions have changed. Root 0 is the object map, root i + 1 the pending keys of
@@ -160,12 +166,25 @@ inline constexpr std::uint64_t kPagedFileLimit = std::uint64_t{1} << 62;
 [[nodiscard]] PagedFileHeader newPagedHeader(const PagedForm& form, const Table& table,
                                              std::uint32_t pageSize);
 
-[[nodiscard]] bool hasMagic(const PagedForm& form, const PagedFileHeader& header);
-[[nodiscard]] bool hasVersion(const PagedForm& form, const PagedFileHeader& header);
-[[nodiscard]] bool pageSizeIsSound(const PagedFileHeader& header);
+[[nodiscard]] inline bool hasMagic(const PagedForm& form, const PagedFileHeader& header) {
+  return std::memcmp(header.magic, form.magic, sizeof(header.magic)) == 0;
+}
+[[nodiscard]] inline bool hasVersion(const PagedForm& form, const PagedFileHeader& header) {
+  return header.majorVersion == form.majorVersion && header.minorVersion == form.minorVersion;
+}
+[[nodiscard]] inline bool pageSizeIsSound(const PagedFileHeader& header) {
+  return header.pageSize >= kSmallestPageUnit && std::has_single_bit(header.pageSize);
+}
 /// Whether each root is 0 or lies where pages do.
-[[nodiscard]] bool rootsAreSound(const PagedForm& form, const PagedFileHeader& header,
-                                 const std::uint64_t* roots);
+[[nodiscard]] inline bool rootsAreSound(const PagedForm& form, const PagedFileHeader& header,
+                                        const std::uint64_t* roots) {
+  const std::uint64_t first = form.headerSize(header.indexCount);
+  const std::uint32_t count = form.rootCount(header.indexCount);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (roots[i] != 0 && (roots[i] < first || roots[i] >= header.endOfFile)) return false;
+  }
+  return true;
+}
 
 /// Forgets the journal: `header` at rest, with `freeHead` and `endOfFile` as they are.
 void clearIntent(PagedFileHeader& header);
