@@ -64,9 +64,10 @@ class TableAccess {
 
   MetaData& metaData;
   Table& table;
-  TableHeader_tag header{};
-  MemoryFileHeader_tag memoryHeader{};
-  IndexFileHeader_tag indexHeader{};
+  // Not initialised: a pass that reads one of them pays for that one alone.
+  TableHeader_tag header;             ///< after readHeader()
+  MemoryFileHeader_tag memoryHeader;  ///< after openMemory()
+  IndexFileHeader_tag indexHeader;    ///< after openIndex()
 
  private:
   AtomicManager& needManager();

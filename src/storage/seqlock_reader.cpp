@@ -11,21 +11,7 @@ constexpr std::uint32_t kMaximumRounds = 250;
 constexpr std::uint32_t kQuickRounds = 10;
 constexpr std::uint32_t kPause = 2;  // ms
 
-bool isOdd(std::uint32_t sequence) { return (sequence & 1) != 0; }
-
 }  // namespace
-
-bool SeqlockReader::begin() {
-  sequence_ = platform::changeCount(table_.tableMutex);
-  if (!isOdd(sequence_)) return true;
-  if (sequence_ == table_.ignoredChange) validating_ = false;
-  return !validating_;
-}
-
-bool SeqlockReader::torn() const {
-  if (!validating_) return false;
-  return isOdd(sequence_) || platform::changeCount(table_.tableMutex) != sequence_;
-}
 
 bool SeqlockReader::retry() {
   if (rounds_ < kMaximumRounds) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "platform/mutex.h"
 #include "storage/table.h"
 
 namespace zelta {
@@ -22,14 +23,23 @@ class SeqlockReader {
   explicit SeqlockReader(Table& table) : table_(table) {}
 
   /// Begins a section. False: a writer is at work, and nothing is to be read; see retry().
-  [[nodiscard]] bool begin();
+  [[nodiscard]] bool begin() {
+    sequence_ = platform::changeCount(table_.tableMutex);
+    if (isOdd(sequence_) && sequence_ == table_.ignoredChange) validating_ = false;
+    return !validating_ || !isOdd(sequence_);
+  }
   /// Whether a writer was at work since begin(): what was read may belong to different states of
   /// the table.
-  [[nodiscard]] bool torn() const;
+  [[nodiscard]] bool torn() const {
+    return validating_ &&
+           (isOdd(sequence_) || platform::changeCount(table_.tableMutex) != sequence_);
+  }
   /// A section is torn, or looks so. Whether to begin another one; pauses before it says so.
   [[nodiscard]] bool retry();
 
  private:
+  [[nodiscard]] static bool isOdd(std::uint32_t sequence) { return (sequence & 1) != 0; }
+
   Table& table_;
   std::uint32_t sequence_ = 0;  ///< at the begin of the section
   std::uint32_t rounds_ = 0;    ///< sections that were given up

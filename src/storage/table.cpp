@@ -90,8 +90,7 @@ void filesOf(const Table& table, platform::File* files) {
 
 }  // namespace
 
-TableMutexGuard::~TableMutexGuard() {
-  if (table_ == nullptr) return;
+void TableMutexGuard::releaseSilently() {
   const KeptError kept(*metaData_);  // what led here counts
   release().ignore();
 }
@@ -116,8 +115,7 @@ void TableMutexGuard::announceChange() {
   platform::advanceChangeCount(table_->tableMutex);
 }
 
-Result TableMutexGuard::release() {
-  if (table_ == nullptr) return {};
+Result TableMutexGuard::releaseHeld() {
   Table& table = *table_;
   table_ = nullptr;
   platform::File files[3];

@@ -131,18 +131,23 @@ class Table final : public UInt32AVLTree {
 class TableMutexGuard {
  public:
   TableMutexGuard() = default;
-  ~TableMutexGuard();
+  ~TableMutexGuard() {
+    if (held()) releaseSilently();
+  }
   TableMutexGuard(const TableMutexGuard&) = delete;
   TableMutexGuard& operator=(const TableMutexGuard&) = delete;
   /// Waits for the mutex; a failure is reported with the table's name and ".zlt".
   Result acquire(Table& table, std::uint32_t milliseconds);
-  Result release();
+  Result release() { return held() ? releaseHeld() : Result{}; }
   /// To be called before committed state is changed: those who read it without the mutex wait, or
   /// read again, until the release.
   void announceChange();
   [[nodiscard]] bool held() const { return table_ != nullptr; }
 
  private:
+  void releaseSilently();
+  Result releaseHeld();
+
   MetaData* metaData_ = nullptr;
   Table* table_ = nullptr;
   bool changing_ = false;
