@@ -6,12 +6,6 @@
 
 namespace zelta {
 
-std::uint64_t objectIdOf(const Table& table, const char* object) {
-  std::uint64_t id = 0;
-  std::memcpy(&id, object + 2, table.idSize());
-  return id;
-}
-
 namespace {
 
 /// The object that is meant: without one, that in the table's buffer.

@@ -101,8 +101,25 @@ struct SubFieldPlace {
   std::uint32_t subRecord;
 };
 
+/// An ID of 64 bits, or one of 32.
+[[nodiscard]] inline std::uint64_t loadId(const void* at, bool wide) {
+  std::uint64_t all = 0;
+  std::uint32_t low = 0;
+  if (wide) {
+    std::memcpy(&all, at, sizeof all);
+    return all;
+  }
+  std::memcpy(&low, at, sizeof low);
+  return low;
+}
+
+/// Where an object's ID stands, behind the version word.
+inline constexpr std::uint32_t kIdOffset = 2;
+
 /// The ID in an object's bytes.
-[[nodiscard]] std::uint64_t objectIdOf(const Table& table, const char* object);
+[[nodiscard]] inline std::uint64_t objectIdOf(const Table& table, const char* object) {
+  return loadId(object + kIdOffset, table.wideIds());
+}
 
 /// Address of a field in an object; without one, in the table's buffer. Null if the object does not
 /// hold the field. A position right at the end of the object counts as held.

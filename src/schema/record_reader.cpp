@@ -33,17 +33,19 @@ bool isPlaceholder(const char* object) {
 
 }  // namespace
 
+bool RecordBuffer::suits(std::uint64_t length) const {
+  if (!holds(length)) return false;
+  return !tight || bytes.size() <= kSmallBuffer || bytes.size() <= (length + lead) * 2;
+}
+
 bool RecordBuffer::makeRoom(std::uint64_t length) {
-  const std::uint64_t need = length + lead;
-  if (!tight) {
-    const bool kept = holds(length);
-    bytes.reserve(need);
-    return kept;
-  }
-  const bool small = bytes.size() <= kSmallBuffer || bytes.size() <= need * 2;
-  if (holds(length) && small) return true;
+  if (suits(length)) return true;
   bytes.release();
-  bytes.reserveExactly(need);
+  if (tight) {
+    bytes.reserveExactly(length + lead);
+  } else {
+    bytes.reserve(length + lead);
+  }
   return false;
 }
 
@@ -59,12 +61,15 @@ RecordFault RecordReader::fetch(std::uint64_t objectID, std::uint64_t position,
   assert(rules.shortest >= table_.headerSize());
   *object = {};
   ObjectBytes found;
-  const RecordFault fault = table_.isFixed() ? fetchFixed(position, rules, &found)
-                                             : fetchVariable(position, rules, expected, &found);
+  RecordFault fault = table_.isFixed() ? fetchFixed(position, rules, &found)
+                                       : fetchVariable(position, rules, expected, &found);
   if (!fault.is(Kind::none)) return fault;
-  if (objectIdOf(table_, found.data) != objectID) return {Kind::otherObject, position, objectID};
-  *object = found;
-  return {};
+  if (objectIdOf(table_, found.data) == objectID) {
+    *object = found;
+  } else {
+    fault = {Kind::otherObject, position, objectID};
+  }
+  return fault;
 }
 
 RecordFault RecordReader::fetchFixed(std::uint64_t position, const RecordRules& rules,
@@ -90,7 +95,7 @@ RecordFault RecordReader::fetchVariable(std::uint64_t position, const RecordRule
   const std::uint64_t rest = rules.end - position;
   if (rest < kRecordFraming) return {Kind::malformed, lengthAt, 0};
   const std::uint64_t guess =
-      std::min({std::max(expected, kSmallestGuess), kLargestGuess, rest - kRecordHead});
+      std::min(std::clamp(expected, kSmallestGuess, kLargestGuess), rest - kRecordHead);
   if (!buffer_.holds(guess)) buffer_.makeRoom(guess);
   char* record = buffer_.object() - kRecordHead;
   std::uint32_t have = 0;
@@ -106,13 +111,15 @@ RecordFault RecordReader::fetchVariable(std::uint64_t position, const RecordRule
   const bool marked =
       have >= kRecordHead + sizeof kPlaceholderVersion && isPlaceholder(record + kRecordHead);
   if (vouched ? length == 0 : marked) return {Kind::placeholder, lengthAt, length};
-  const bool blockFits = block >= std::uint64_t{length} + kRecordFraming && block <= rest;
-  if (length < rules.shortest || length > rest - kRecordFraming ||
-      (rules.wholeBlock && !blockFits)) {
+  const bool misfit =
+      rules.wholeBlock && (block < std::uint64_t{length} + kRecordFraming || block > rest);
+  if (length < rules.shortest || length > rest - kRecordFraming || misfit) {
     return {Kind::malformed, lengthAt, length};
   }
-  code = fetchRest(table_.tableFile, position + kRecordHead, std::min(have - kRecordHead, length),
-                   length);
+  have = std::min(have - kRecordHead, length);
+  if (have < length || !buffer_.suits(length)) {
+    code = fetchRest(table_.tableFile, position + kRecordHead, have, length);
+  }
   if (code == code::kEndOfFile) {
     // A length that nothing else vouches for is to blame.
     return {vouched ? Kind::cutShort : Kind::malformed, lengthAt, length};
@@ -133,16 +140,16 @@ SystemCode RecordReader::fetchRest(platform::File file, std::uint64_t position, 
                          std::int64_t{length} - have);
 }
 
-Result RecordReader::report(const RecordFault& fault) const {
+Result RecordReader::reportFault(const RecordFault& fault) const {
+  assert(!fault.is(Kind::none));
   switch (fault.kind) {
-    case Kind::none:
-      return {};
     case Kind::system:
     case Kind::cutShort:
-      return reportSystemError(&metaData_, fault.is(Kind::cutShort) ? code::kEndOfFile : fault.code,
+      return reportSystemError(&table_.metaData,
+                               fault.is(Kind::cutShort) ? code::kEndOfFile : fault.code,
                                table_.cName(), extension::kTable);
     default:
-      return reportError(&metaData_, Own::tableFile, table_.cName(), extension::kTable,
+      return reportError(&table_.metaData, Own::tableFile, table_.cName(), extension::kTable,
                          static_cast<std::int64_t>(fault.position),
                          static_cast<std::int64_t>(fault.value));
   }
@@ -151,7 +158,7 @@ Result RecordReader::report(const RecordFault& fault) const {
 // -- Pending objects ------------------------------------------------------------------------------
 
 Result RecordReader::badMemory() const {
-  return reportError(&metaData_, Own::memoryFile, table_.cName(), extension::kMemory);
+  return reportError(&table_.metaData, Own::memoryFile, table_.cName(), extension::kMemory);
 }
 
 Result RecordReader::checkPending(const PendingObject& pending, std::uint64_t end) const {
@@ -167,7 +174,8 @@ Result RecordReader::readPending(const PendingObject& pending, std::uint64_t end
   ZELTA_TRY(checkPending(pending, end));
   const std::uint32_t length = pendingLength(pending);
   const SystemCode code = fetchRest(table_.memoryFile, pending.position + kPendingHead, 0, length);
-  if (code != 0) return reportSystemError(&metaData_, code, table_.cName(), extension::kMemory);
+  if (code != 0)
+    return reportSystemError(&table_.metaData, code, table_.cName(), extension::kMemory);
   if (objectIdOf(table_, buffer_.object()) != pending.objectID) return badMemory();
   *object = {buffer_.object(), length};
   return {};

@@ -22,7 +22,9 @@ struct RecordBuffer {
   [[nodiscard]] bool holds(std::uint64_t length) const {
     return bytes.data() != nullptr && bytes.size() >= length + lead;
   }
-  /// Room for an object. False: what the buffer held is lost. Throws std::bad_alloc.
+  /// Whether the buffer has room for an object, and no memory to give back.
+  [[nodiscard]] bool suits(std::uint64_t length) const;
+  /// Sees to it. False: what the buffer held is lost. Throws std::bad_alloc.
   bool makeRoom(std::uint64_t length);
 };
 
@@ -60,8 +62,7 @@ struct RecordFault {
 /// reader with this buffer.
 class RecordReader {
  public:
-  RecordReader(const Table& table, RecordBuffer buffer)
-      : metaData_(table.metaData), table_(table), buffer_(buffer) {}
+  RecordReader(const Table& table, RecordBuffer buffer) : table_(table), buffer_(buffer) {}
   /// A reader into the handle's buffer for second versions of objects (Scratch::object).
   static RecordReader aside(const Table& table);
 
@@ -70,7 +71,9 @@ class RecordReader {
   RecordFault fetch(std::uint64_t objectID, std::uint64_t position, const RecordRules& rules,
                     std::uint64_t expected, ObjectBytes* object);
   /// The failure that a fault is to a reader: own code 55, also of a placeholder, or the system's.
-  Result report(const RecordFault& fault) const;
+  Result report(const RecordFault& fault) const {
+    return fault.is(RecordFault::Kind::none) ? Result() : reportFault(fault);
+  }
 
   /// Whether an entry of the object map can be one: else own code 58, and the buffer holds what it
   /// held. `end`: of the memory file, as its header states it.
@@ -79,6 +82,7 @@ class RecordReader {
   Result readPending(const PendingObject& pending, std::uint64_t end, ObjectBytes* object);
 
  private:
+  Result reportFault(const RecordFault& fault) const;
   RecordFault fetchFixed(std::uint64_t position, const RecordRules& rules, ObjectBytes* object);
   RecordFault fetchVariable(std::uint64_t position, const RecordRules& rules,
                             std::uint64_t expected, ObjectBytes* object);
@@ -89,7 +93,6 @@ class RecordReader {
   SystemCode fetchRest(platform::File file, std::uint64_t position, std::uint32_t have,
                        std::uint32_t length);
 
-  MetaData& metaData_;
   const Table& table_;
   RecordBuffer buffer_;
 };

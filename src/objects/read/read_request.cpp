@@ -5,13 +5,12 @@
 
 #include "index/keys/keys.h"
 #include "objects/current_keys.h"
+#include "schema/object_view.h"
 
 namespace zelta {
 
 namespace {
 
-/// The bits of a mode that are no flags.
-constexpr std::uint32_t kModeBits = 63;
 /// IDs among the results of a search are given in 32 bits whatever the table's IDs have.
 constexpr std::size_t kResultIdSize = 4;
 
@@ -25,31 +24,8 @@ bool needsKey(CZELTA::Mode mode) {
 
 }  // namespace
 
-CZELTA::Mode withoutFlags(CZELTA::Mode mode) {
-  return static_cast<CZELTA::Mode>(static_cast<std::uint32_t>(mode) & kModeBits);
-}
-
-CZELTA::Mode flagsOf(CZELTA::Mode mode) {
-  return static_cast<CZELTA::Mode>(static_cast<std::uint32_t>(mode) & ~kModeBits);
-}
-
 std::uint64_t idAt(const Table& table, const void* key, IdWidth width) {
-  std::uint64_t id = 0;
-  std::memcpy(&id, key, width == IdWidth::whole ? sizeof id : table.idSize());
-  return id;
-}
-
-ReadRequest::ReadRequest(Table& tableIn, const ObjectQuery& query, bool noLockIn)
-    : metaData(tableIn.metaData),
-      table(tableIn),
-      mode(withoutFlags(query.mode)),
-      flags(flagsOf(query.mode)),
-      noLock(noLockIn),
-      writer(tableIn.metaData.mayWrite()),
-      index(query.index),
-      key(query.key),
-      width_(query.width) {
-  assert(noLock || writer);
+  return loadId(key, width == IdWidth::whole || table.wideIds());
 }
 
 Result ReadRequest::check() const {

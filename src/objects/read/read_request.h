@@ -3,6 +3,7 @@
 #ifndef ZELTA_OBJECTS_READ_READ_REQUEST_H
 #define ZELTA_OBJECTS_READ_READ_REQUEST_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "czelta.h"
@@ -25,9 +26,15 @@ struct ObjectQuery {
 
 /// The ID that a caller points at.
 [[nodiscard]] std::uint64_t idAt(const Table& table, const void* key, IdWidth width);
+/// The bits of a mode that are no flags.
+inline constexpr std::uint32_t kModeBits = 63;
 /// The parts of a mode: which object, and how to wait for it.
-[[nodiscard]] CZELTA::Mode withoutFlags(CZELTA::Mode mode);
-[[nodiscard]] CZELTA::Mode flagsOf(CZELTA::Mode mode);
+[[nodiscard]] constexpr CZELTA::Mode withoutFlags(CZELTA::Mode mode) {
+  return static_cast<CZELTA::Mode>(static_cast<std::uint32_t>(mode) & kModeBits);
+}
+[[nodiscard]] constexpr CZELTA::Mode flagsOf(CZELTA::Mode mode) {
+  return static_cast<CZELTA::Mode>(static_cast<std::uint32_t>(mode) & ~kModeBits);
+}
 
 /// A query on its way through the passes of an access. It owns the key that it begins at: where the
 /// caller has it may be the table's buffer, which a pass fills, and whose memory it may give back,
@@ -35,7 +42,18 @@ struct ObjectQuery {
 class ReadRequest {
  public:
   /// With `noLock` the request sees committed versions of others' objects and never waits.
-  ReadRequest(Table& table, const ObjectQuery& query, bool noLock);
+  ReadRequest(Table& tableIn, const ObjectQuery& query, bool noLockIn)
+      : metaData(tableIn.metaData),
+        table(tableIn),
+        mode(withoutFlags(query.mode)),
+        flags(flagsOf(query.mode)),
+        noLock(noLockIn),
+        writer(tableIn.metaData.mayWrite()),
+        index(query.index),
+        key(query.key),
+        width_(query.width) {
+    assert(noLock || writer);
+  }
   ReadRequest(const ReadRequest&) = delete;
   ReadRequest& operator=(const ReadRequest&) = delete;
 
