@@ -5,6 +5,11 @@
 // state, and even again when it releases the mutex. A reader takes the count, reads, and believes
 // what it has read if the count was even and is the same still.
 
+//
+// Nothing that was read may be acted upon before that: positions and lengths may belong to two
+// states of the table, so that whatever reads within a section checks them like those of a damaged
+// file.
+
 #ifndef ZELTA_STORAGE_SEQLOCK_READER_H
 #define ZELTA_STORAGE_SEQLOCK_READER_H
 

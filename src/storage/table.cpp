@@ -1,5 +1,6 @@
 #include "storage/table.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <utility>
 
@@ -25,6 +26,7 @@ Table::Table(MetaData& database, std::uint16_t indexes) : metaData(database) {
   setIndexCount(indexes);
 }
 
+/// Locks on objects go while the handle that holds them is still open.
 Table::~Table() {
   for (UInt64AVLTree** objects : {&lockedObjects, &editedObjects, &deletedObjects}) {
     unlockObjects(tableFile, slotBase, *objects);
@@ -96,6 +98,7 @@ void TableMutexGuard::releaseSilently() {
 }
 
 Result TableMutexGuard::acquire(Table& table, std::uint32_t milliseconds) {
+  assert(!held());
   const SystemCode failure = platform::waitMutex(table.tableMutex, milliseconds);
   if (failure != 0)
     return reportSystemError(&table.metaData, failure, table.cName(), extension::kTable);
@@ -110,6 +113,8 @@ Result TableMutexGuard::acquire(Table& table, std::uint32_t milliseconds) {
 }
 
 void TableMutexGuard::announceChange() {
+  // Once for each time that the mutex is held: twice would make the count even in the middle of the
+  // change.
   if (table_ == nullptr || changing_) return;
   changing_ = true;
   platform::advanceChangeCount(table_->tableMutex);
@@ -125,6 +130,7 @@ Result TableMutexGuard::releaseHeld() {
     // What was done to a file that was opened or closed meanwhile is not known.
     changed = platform::endStable(files[i]) || files[i] != files_[i] || changed;
   }
+  // The mutex goes last: who gains it next finds the count even and the lengths noted.
   if (std::exchange(changing_, false)) platform::advanceChangeCount(table.tableMutex);
   if (changed) platform::noteLengths(table.tableMutex);
   const SystemCode failure = platform::releaseMutex(table.tableMutex);

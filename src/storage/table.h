@@ -1,8 +1,15 @@
-// A table as a handle has it open.
+// A table as a handle has it open: its schema, its files and mutex, the object buffer, the cursors
+// of its indexes, and what the running transaction has changed in it. The floors above put their
+// state here; nothing is shared between handles but what lies in the files.
+//
+// A Table lives from OpenTable to EndTransaction and belongs to its handle's tree of tables. What
+// it remembers of the files is true only while the table's mutex is held: every pass of an
+// operation reads the headers anew.
 
 #ifndef ZELTA_STORAGE_TABLE_H
 #define ZELTA_STORAGE_TABLE_H
 
+#include <cassert>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -37,7 +44,8 @@ struct IndexCursor {
 
 class Table final : public UInt32AVLTree {
  public:
-  /// Of the database that a handle has open, which outlives the table.
+  /// Of the database that a handle has open, which outlives the table. Files, mutex and schema are
+  /// filled in by whoever opens the table, and closed by the destructor.
   explicit Table(MetaData& database, std::uint16_t indexes = 0);
   /// Unlocks what is still locked, closes files and mutex, frees all memory.
   ~Table() override;
@@ -46,13 +54,18 @@ class Table final : public UInt32AVLTree {
   void setIndexCount(std::uint16_t indexes);
 
   [[nodiscard]] std::uint32_t id() const { return key; }
+  /// Whether all objects have one size: the table has no variable fields, and places all records
+  /// side by side.
   [[nodiscard]] bool isFixed() const { return fixedAreaSize == minimumObjectSize; }
   [[nodiscard]] bool wideIds() const {
     return (schema->schemaFlags & CZELTA::SchemaWideObjectIds) != 0;
   }
+  /// Bytes of an object's head, version and ID.
   [[nodiscard]] std::uint32_t headerSize() const { return wideIds() ? 10 : 6; }
   [[nodiscard]] std::uint32_t idSize() const { return wideIds() ? 8 : 4; }
+  // Of an index, by its number from 0.
   [[nodiscard]] const CZELTA::Schema::Index& index(std::uint32_t i) const {
+    assert(schema != nullptr && i < indexCount);
     return schema->indexes[i];
   }
   [[nodiscard]] KeyShape keyShape(std::uint32_t i) const {
@@ -65,6 +78,7 @@ class Table final : public UInt32AVLTree {
   [[nodiscard]] bool listKind(std::uint32_t i) const {
     return (index(i).indexFlags & CZELTA::IndexListKind) != 0;
   }
+  /// Whether a commit has anything to do here. Objects that are only locked do not count.
   [[nodiscard]] bool hasEdits() const {
     return addedObjects != nullptr || editedObjects != nullptr || deletedObjects != nullptr;
   }
@@ -78,7 +92,7 @@ class Table final : public UInt32AVLTree {
   MetaData& metaData;  ///< the database, as this handle has it open
   std::uint16_t indexCount = 0;
   std::uint32_t schemaCopyBytes = 0;  ///< bytes of the allocation behind `schema`
-  std::uint32_t slotBase = 0;
+  std::uint32_t slotBase = 0;         ///< of the table file, as its header has it
   std::uint32_t minimumObjectSize = 0;
   std::uint32_t fixedAreaSize = 0;
   std::uint32_t objectLength = 0;  ///< bytes of the object in `objectBuffer`
@@ -91,12 +105,12 @@ class Table final : public UInt32AVLTree {
   ScratchBuffer objectBuffer{kZeroTail};  ///< capacity: its size(); zeros follow the object
   char* objectData =
       nullptr;  ///< the object, behind 10 bytes (6 in a fixed table); null: no buffer
-  std::uint64_t currentObjectID = 0;
+  std::uint64_t currentObjectID = 0;  ///< that the cursors stand on; 0: none
   /// The object read last as it was read, if the keys of the cursors are made from it on demand.
   ScratchBuffer keySource;
-  ScratchBuffer otherKeySource;  ///< room for the version that replaces it
-  std::uint32_t keySourceLength = 0;
-  std::uint64_t keySourceID = 0;  ///< its ID; 0: there is none
+  ScratchBuffer otherKeySource;       ///< room for the version that replaces it
+  std::uint32_t keySourceLength = 0;  ///< bytes of the object in `keySource`
+  std::uint64_t keySourceID = 0;      ///< its ID; 0: there is none
   platform::File tableFile = platform::File::none;
   platform::File indexFile = platform::File::none;
   /// The object whose missing content stopped the building of the index file; 0: none has.
@@ -108,7 +122,8 @@ class Table final : public UInt32AVLTree {
   std::unique_ptr<IndexCursor[]> indexStates;
   KeyNodePool nodePool;
   PagePool pagePool;
-  // Sets of object IDs of the running transaction
+  // Sets of object IDs of the running transaction. An ID is in one of them at most; the objects of
+  // all but `addedObjects` are locked.
   UInt64AVLTree* lockedObjects = nullptr;   ///< locked but unchanged
   UInt64AVLTree* addedObjects = nullptr;    ///< added
   UInt64AVLTree* editedObjects = nullptr;   ///< rewritten
@@ -119,15 +134,16 @@ class Table final : public UInt32AVLTree {
   /// A change of the memory file failed, and whether it was made could not be found out: what the
   /// sets and the cursors say need not be what the file holds. Only aborting helps.
   bool memoryUncertain = false;
-  UInt64AVLTree* searchResults = nullptr;
-  CZELTA::Schema* schema = nullptr;  ///< owned (malloc), one allocation
-  PageBuffer pageBuffers[4];         ///< pages of index trees while an operation works on them
+  UInt64AVLTree* searchResults = nullptr;  ///< IDs that the last search has found
+  CZELTA::Schema* schema = nullptr;        ///< owned (malloc), one allocation
+  PageBuffer pageBuffers[4];  ///< pages of index trees while an operation works on them
 };
 
 /// The table of a handle with this ID, or null.
 [[nodiscard]] Table* findTable(UInt32AVLTree* tables, std::uint32_t tableId);
 
-/// Owns a table's mutex, or none, until the end of the scope.
+/// Owns a table's mutex, or none, until the end of the scope. While it is owned the lengths of the
+/// table's files stay, so that parts of them are served from memory.
 class TableMutexGuard {
  public:
   TableMutexGuard() = default;
@@ -138,6 +154,8 @@ class TableMutexGuard {
   TableMutexGuard& operator=(const TableMutexGuard&) = delete;
   /// Waits for the mutex; a failure is reported with the table's name and ".zlt".
   Result acquire(Table& table, std::uint32_t milliseconds);
+  /// Makes the count of changes even again, if a change was announced, and releases the mutex. Does
+  /// nothing if none is owned.
   Result release() { return held() ? releaseHeld() : Result{}; }
   /// To be called before committed state is changed: those who read it without the mutex wait, or
   /// read again, until the release.
@@ -150,7 +168,7 @@ class TableMutexGuard {
 
   MetaData* metaData_ = nullptr;
   Table* table_ = nullptr;
-  bool changing_ = false;
+  bool changing_ = false;         ///< the count of changes is odd, by announceChange()
   platform::File files_[3] = {};  ///< the table's files as they were at the begin
 };
 

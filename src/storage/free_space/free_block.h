@@ -1,5 +1,10 @@
-// Free blocks as they stand in files and in journals, and the forms that the three kinds of chains
-// give them.
+// The byte forms of free space: the block as it stands in a file, the entry that describes it in a
+// journal, and a policy class ("form") for each of the three kinds of file that have such space.
+// FreeChain and FreeJournal are templates over the form; nothing here reads or writes.
+//
+// A form states the head that a block begins with, the granule that sizes are multiples of, the
+// greatest size of a block, the greatest size that a journal may state, and whether a block repeats
+// its size at its end.
 //
 // A chain leads through the blocks themselves, in ascending order of position; the header of the
 // file has its first position. Nothing overlaps. docs/file-formats.md has the offsets.
@@ -41,11 +46,13 @@ inline constexpr std::uint32_t kMinimumBlock = 32;
 /// Granule of blocks in log files.
 inline constexpr std::uint32_t kWideGranule = 8;
 
-/// A journal's entry: a block as it is to be. Applying an entry again gives the same bytes.
+/// A journal's entry: a block as it is to be. Applying an entry again gives the same bytes, since
+/// it holds the whole state of the block and none of the state before. Entries of all three kinds
+/// of file look like this, in the file and in memory. Applying an entry again gives the same bytes.
 struct FreeEntry_tag {
-  std::uint64_t position;
-  std::uint64_t next;
-  std::uint64_t size;
+  std::uint64_t position;      ///< of the block in its file
+  std::uint64_t next;          ///< of the block behind it in the chain, 0 at the end
+  std::uint64_t size;          ///< bytes, the head included
   std::uint64_t originalSize;  ///< size when read from the file, 0 for a block made in memory
   std::uint32_t zero;
   std::uint8_t dirty;  ///< 0: nothing is to be written
@@ -60,7 +67,7 @@ inline constexpr std::uint32_t kFreeEntrySize = sizeof(FreeEntry_tag);
 static_assert(kFreeEntrySize == 40);
 static_assert(std::has_unique_object_representations_v<FreeEntry_tag>);
 
-/// A stretch of a file.
+/// A stretch of a file, [position, end()). Nothing is implied about what it holds.
 struct FileSpan {
   std::uint64_t position;
   std::uint64_t size;
@@ -97,10 +104,11 @@ struct PageBlocks {
 
 /// Blocks of table files, which can be walked from behind as records can.
 struct TableBlocks : PageBlocks {
+  /// A record has its size there too, so that the neighbour below any block can be found.
   static constexpr std::uint32_t kTailTag = sizeof(std::uint32_t);
 };
 
-/// Blocks of log files.
+/// Blocks of log files: sizes have 64 bits, as one entry of the log may be longer than 4 GiB.
 struct LogBlocks {
   using Head = WideBlock_tag;
   static constexpr std::uint32_t kHeadSize = kWideBlockHead;

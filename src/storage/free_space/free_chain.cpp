@@ -13,6 +13,7 @@ namespace zelta {
 
 namespace {
 
+/// No sum wraps: load() has checked both against kPositionLimit, and spans lie within files.
 std::uint64_t endOf(const FreeBlock& block) { return block.position + block.size; }
 
 /// The first block from `node` on that has an entry in the journal.
@@ -21,6 +22,7 @@ const FreeBlock* dirtyFrom(const FreeBlock* node) {
   return node;
 }
 
+/// Whether a block and a span behind it may become one block: they touch, and the size has room.
 template <class Form>
 bool joinable(const FreeBlock& first, FileSpan second) {
   return endOf(first) == second.position && first.size <= Form::kLargest - second.size;
@@ -93,6 +95,8 @@ template <class Form>
 Result FreeChain<Form>::seekGap(Place& place, FileSpan span) {
   ZELTA_TRY(seek(place, span.position));
   if (place.at == nullptr && positionAt(place) == span.end()) ZELTA_TRY(load(place));
+  // Both neighbours must keep clear of the span. If one does not, either the file is damaged or the
+  // span was released before; both would give the same bytes out twice.
   const std::uint64_t behind = positionAt(place);
   if (behind != 0 && behind < span.end()) return broken();
   if (place.before != nullptr && endOf(*place.before) > span.position) return broken();
@@ -104,6 +108,7 @@ template <class Form>
 void FreeChain<Form>::insert(Place& place, FileSpan span) {
   assert(place.before == nullptr || endOf(*place.before) <= span.position);
   const std::uint64_t next = positionAt(place);
+  assert(next == 0 || next >= span.end());
   place.at = new FreeBlock{{span.position, next, span.size, 0, 0, 1, {}}, place.at};
   link(place);
   leadTo(place.before, span.position);
@@ -164,6 +169,7 @@ bool FreeChain<Form>::extendSuccessor(Place place, FileSpan span) {
 template <class Form>
 Result FreeChain<Form>::release(FileSpan span) {
   Place place = front();
+  assert(!merged_);
   ZELTA_TRY(seekGap(place, span));
   if (!extendPredecessor(place, span) && !extendSuccessor(place, span)) insert(place, span);
   return {};
@@ -179,6 +185,7 @@ template <class Form>
 Result FreeChain<Form>::allocate(std::uint64_t size, FileSpan* out, std::uint64_t lowest) {
   *out = {0, 0};
   const std::uint64_t wanted = need(size);
+  assert(!merged_);
   Place place = front();
   while (positionAt(place) != 0) {
     if (place.at == nullptr) ZELTA_TRY(load(place));
@@ -206,6 +213,7 @@ Result FreeChain<Form>::allocate(std::uint64_t size, FileSpan* out, std::uint64_
 /// Puts the deferred spans at their places in the list, unjoined, and reads what may touch them.
 template <class Form>
 Result FreeChain<Form>::insertDeferred() {
+  assert(!merged_);
   avl::Walk<const FreeExtentNode> walk(deferred_.root());
   Place place = front();
   while (const FreeExtentNode* extent = walk.next()) {
@@ -229,6 +237,9 @@ typename FreeChain<Form>::Place FreeChain<Form>::coalesce() {
       unlink(following);
       continue;
     }
+    assert(endOf(*current.at) <= following.at->position);
+    // Blocks that touch, but are too large to be one, still form one run: all of it can vanish at
+    // the end of the file.
     if (endOf(*current.at) != following.at->position) run = following;
     current = following;
   }
@@ -241,6 +252,9 @@ Result FreeChain<Form>::merge(std::uint64_t endOfFile, std::uint64_t* newEnd) {
   ZELTA_TRY(insertDeferred());
   merged_ = true;
   Place run = coalesce();
+  // The run ends the list, and so the chain, only if the chain has nothing behind it that is
+  // unread; a chain that goes on leads further up, so that its known part cannot reach the end of
+  // the file.
   const FreeBlock* last = run.at;
   while (last != nullptr && last->nextNode != nullptr) last = last->nextNode;
   // A block that leads out of the file does not end it: what lies behind it may be in use.
@@ -269,6 +283,7 @@ std::uint32_t FreeChain<Form>::sumEntries(std::uint64_t* checksum64) const {
 
 template <class Form>
 SystemCode FreeChain<Form>::writeEntries(GatheredWriter& writer, std::uint64_t& position) const {
+  assert(deferred_.empty() || merged_);
   for (auto* node = dirtyFrom(list_); node != nullptr; node = dirtyFrom(node->nextNode)) {
     const FreeEntry_tag* entry = node;
     const SystemCode result = writer.write(position, entry, sizeof *entry);
@@ -280,6 +295,7 @@ SystemCode FreeChain<Form>::writeEntries(GatheredWriter& writer, std::uint64_t& 
 
 template <class Form>
 char* FreeChain<Form>::copyEntries(char* out) const {
+  assert(deferred_.empty() || merged_);
   for (auto* node = dirtyFrom(list_); node != nullptr; node = dirtyFrom(node->nextNode)) {
     const FreeEntry_tag* entry = node;
     std::memcpy(out, entry, sizeof *entry);

@@ -1,4 +1,6 @@
-// Spans of a file that were released and wait until a free chain takes them in all at once.
+// Spans of a file that were released and wait until a free chain takes them in all at once. Whoever
+// releases thousands of records would otherwise walk the chain for each; a sorted set lets
+// FreeChain::merge() do it in one pass.
 
 #ifndef ZELTA_STORAGE_FREE_SPACE_FREE_EXTENTS_H
 #define ZELTA_STORAGE_FREE_SPACE_FREE_EXTENTS_H
@@ -17,7 +19,8 @@ struct FreeExtentNode {
   FreeExtentNode* right = nullptr;
 };
 
-/// The set owns its nodes. Overlaps are not looked for: the chain finds them.
+/// The set owns its nodes, each from the heap. add() may throw std::bad_alloc; the set is as it was
+/// then. Overlaps are not looked for: the chain finds them.
 class FreeExtents {
  public:
   FreeExtents() = default;
@@ -25,9 +28,10 @@ class FreeExtents {
   FreeExtents(const FreeExtents&) = delete;
   FreeExtents& operator=(const FreeExtents&) = delete;
 
+  /// Adds a span of its own.
   void add(FileSpan span);
-  /// The same, but a span that begins at the end of the one added last extends that, as long as
-  /// its size stays within `largest`.
+  /// The same, for spans that come in ascending order: one that begins at the end of the one added
+  /// last extends that, as long as its size stays within `largest`.
   void addToRun(FileSpan span, std::uint64_t largest);
   void clear() {
     if (root_ != nullptr) deleteNodes();
@@ -35,13 +39,14 @@ class FreeExtents {
   }
 
   [[nodiscard]] bool empty() const { return root_ == nullptr; }
+  /// The set as an AVL tree, for a walk in the order of positions.
   [[nodiscard]] const FreeExtentNode* root() const { return root_; }
 
  private:
   void deleteNodes();
 
   FreeExtentNode* root_ = nullptr;
-  FreeExtentNode* newest_ = nullptr;
+  FreeExtentNode* newest_ = nullptr;  ///< the one added last, which addToRun() may extend
 };
 
 }  // namespace zelta

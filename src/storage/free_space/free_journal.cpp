@@ -40,6 +40,7 @@ SystemCode writeFreeBlock(platform::File file, const FreeEntry_tag& block) {
 
 template <class Form>
 Result FreeJournal<Form>::read(std::uint64_t position, std::uint32_t count) {
+  // The count comes from a file: the vector grows by what was really read, never by what is stated.
   while (count != 0) {
     const std::size_t have = entries_.size();
     const std::uint32_t some = std::min(count, kPiece);

@@ -1,4 +1,6 @@
-// Journals of free chains: how an entry becomes a block, and those that are found after a crash.
+// The reading side of a free chain's journal, for the repair of a file whose writer died: entries
+// are read back, checked, and made into blocks again. FreeChain writes them; writeFreeBlock() is
+// what both have in common, so that a repair gives the same bytes as the writer would have.
 
 #ifndef ZELTA_STORAGE_FREE_SPACE_FREE_JOURNAL_H
 #define ZELTA_STORAGE_FREE_SPACE_FREE_JOURNAL_H
@@ -31,9 +33,11 @@ class FreeJournal {
   /// number: memory is taken piece by piece. Code 38: the file ends before.
   Result read(std::uint64_t position, std::uint32_t count);
   [[nodiscard]] const std::vector<FreeEntry_tag>& entries() const { return entries_; }
-  /// Whether all blocks lie in [from, to).
+  /// Whether all blocks lie in [from, to). The file's owner asks this before apply(): the entries
+  /// decide where bytes are written.
   [[nodiscard]] bool liesWithin(std::uint64_t from, std::uint64_t to) const;
-  /// Writes the blocks, in the order of the entries, up to one that can't be a block.
+  /// Writes the blocks, in the order of the entries, up to one that can't be a block (own code 48).
+  /// Entries that are not dirty are passed by.
   Result apply() const;
   void clear() { entries_.clear(); }
 

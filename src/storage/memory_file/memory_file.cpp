@@ -1,6 +1,7 @@
 #include "storage/memory_file/memory_file.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -20,6 +21,7 @@ namespace {
 /// About how many keys a page of pending keys has room for.
 constexpr std::uint64_t kKeysOfPage = 100;
 
+/// Opens the file for the table; `mayRecover` makes it if it is missing.
 Result openFile(const AtomicManager& manager, bool mayRecover) {
   Table& table = manager.table;
   if (table.memoryFile != platform::File::none) return {};
@@ -49,6 +51,7 @@ Result createHeader(const AtomicManager& manager, MemoryFileHeader_tag& header,
   return result == 0 ? Result{} : manager.failed(PageFile::memory, result);
 }
 
+/// Whether a header can be that of the table's file, with or without a journal that stands.
 bool headerIsSound(const Table& table, const MemoryFileHeader_tag& header) {
   return header.indexCount == table.indexCount && pageSizeIsSound(header) &&
          header.endOfFile >= kMemoryForm.headerSize(table.indexCount) &&
@@ -69,6 +72,7 @@ Result readMemoryFileHeader(AtomicManager& manager, MemoryFileHeader_tag& header
   if (have >= kIdentity && (!hasMagic(kMemoryForm, header) || !hasVersion(kMemoryForm, header))) {
     return manager.corrupted(PageFile::memory);
   }
+  // A file whose header is cut short was being made when its maker died: there is nothing in it.
   if (have < image.size()) {
     if (!mayRecover) return manager.failed(PageFile::memory, code::kAccessDenied);
     ZELTA_TRY(createHeader(manager, header, image));

@@ -1,5 +1,6 @@
 #include "storage/memory_file/memory_file_map.h"
 
+#include <cassert>
 #include <cstring>
 #include "platform/file_io.h"
 #include "storage/memory_file/memory_file_pages.h"
@@ -63,6 +64,8 @@ Result lastPendingID(AtomicManager& manager, std::uint64_t* objectID) {
 
 // -- The walk -------------------------------------------------------------------------------------
 
+/// Copies a leaf. Pages that were read on the way are let go, so that memory does not grow with the
+/// map.
 Result PendingObjectWalk::takeLeaf(std::uint64_t position) {
   manager_.dropUnchanged();
   const char* bytes = nullptr;
@@ -73,6 +76,7 @@ Result PendingObjectWalk::takeLeaf(std::uint64_t position) {
   return {};
 }
 
+/// Copies the first leaf; an empty map leaves the copy without entries.
 Result PendingObjectWalk::firstLeaf() {
   started_ = true;
   manager_.dropUnchanged();
@@ -85,6 +89,7 @@ Result PendingObjectWalk::firstLeaf() {
 Result PendingObjectWalk::next(PendingObject* out, bool* found) {
   *found = false;
   if (!started_) ZELTA_TRY(firstLeaf());
+  assert(index_ <= leaf_.count);
   if (index_ == leaf_.count) {
     if (leaf_.next == 0) return {};
     ZELTA_TRY(takeLeaf(leaf_.next));

@@ -1,5 +1,12 @@
-// The object map of a memory file: a B+Tree from object ID to the pending version of an object.
-// Looking into it; the changes are in storage/memory_file/memory_file_store.h and storage/memory_file/memory_file_remove.h.
+// The object map of a memory file: a B+Tree from object ID to the pending version of an object,
+// with the entries of all running transactions. This is the reading side; memory_file_store.h and
+// memory_file_remove.h change the map, memory_file_pages.h has what they share.
+//
+// Invariants: IDs ascend within a leaf and from leaf to leaf, and no ID is there twice, so that no
+// two transactions have one object pending; leaves are linked in both directions and never empty;
+// an inner page has one child more than keys. A root of 0 is the empty map. All functions need the
+// manager attached to the memory file, under the table's mutex; a map that contradicts this is own
+// code 58.
 
 #ifndef ZELTA_STORAGE_MEMORY_FILE_MEMORY_FILE_MAP_H
 #define ZELTA_STORAGE_MEMORY_FILE_MEMORY_FILE_MAP_H
@@ -14,7 +21,7 @@ namespace zelta {
 
 class AtomicManager;
 
-/// Pages of the object map.
+/// Pages of the object map: their size, their kinds, and how much they hold.
 inline constexpr std::uint32_t kMapPageSize = 2040;
 inline constexpr std::uint16_t kMapLeafKind = 27753;
 inline constexpr std::uint16_t kMapInnerKind = 28265;
@@ -64,7 +71,7 @@ struct PendingObject {
   return (std::uint64_t{length} + 7) & ~std::uint64_t{3};
 }
 
-/// Looks an ID up in the map.
+/// Looks an ID up in the map, whatever transaction has it. `*found` false leaves `out` alone.
 Result findPendingObject(AtomicManager& manager, std::uint64_t objectID, PendingObject* out,
                          bool* found);
 

@@ -1,11 +1,15 @@
 #include "storage/memory_file/memory_file_pages.h"
 
+#include <cassert>
+
 #include "platform/file_io.h"
 
 namespace zelta::memory_file {
 
 namespace {
 
+/// Whether a page is a leaf or an inner page of the map and its count can be true. An empty leaf
+/// cannot: removing takes it out of the map.
 bool mapPageIsSound(const char* bytes) {
   MapLeaf_tag head;
   std::memcpy(&head, bytes, offsetof(MapLeaf_tag, previous));
@@ -65,6 +69,8 @@ Result findPath(AtomicManager& manager, std::uint64_t objectID, bool holdAll, Ma
 }
 
 void dropChild(MapInner_tag& inner, std::uint32_t slot) {
+  assert(inner.count != 0 && slot <= inner.count);
+  // The key between the child and its left neighbour; of the first child the one behind it.
   closeGap(inner.keys, inner.count, slot == 0 ? 0 : slot - 1);
   closeGap(inner.children, inner.count + 1u, slot);
   --inner.count;

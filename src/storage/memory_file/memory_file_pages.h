@@ -1,11 +1,16 @@
 // The pages of the object map: checks, paths and the small changes that storing and removing have
-// in common.
+// in common. Only memory_file_*.cpp includes this.
+//
+// A page is held (AtomicManager::holdMemoryPage) before it is changed, and marked as changed before
+// the first byte of it differs. Pages are checked each time that they are looked at: their counts
+// may be trusted afterwards, positions in them may not.
 
 #ifndef ZELTA_STORAGE_MEMORY_FILE_MEMORY_FILE_PAGES_H
 #define ZELTA_STORAGE_MEMORY_FILE_MEMORY_FILE_PAGES_H
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
@@ -15,7 +20,7 @@
 namespace zelta::memory_file {
 
 /// No map is deeper: each level but the root has at least a dozen children when it is made, and
-/// thinning out never makes a map deeper.
+/// removing never makes a map deeper.
 inline constexpr std::uint32_t kMaxDepth = 24;
 
 using Page = AtomicManager::Page;
@@ -46,13 +51,15 @@ using Page = AtomicManager::Page;
       std::upper_bound(inner.keys, inner.keys + inner.count, objectID) - inner.keys);
 }
 
-/// Opens a gap of one element, or closes it.
+/// Opens a gap of one element in an array of `count`, or closes it.
 template <class T>
 void openGap(T* array, std::uint32_t count, std::uint32_t at) {
+  assert(at <= count);
   std::memmove(array + at + 1, array + at, (count - at) * sizeof(T));
 }
 template <class T>
 void closeGap(T* array, std::uint32_t count, std::uint32_t at) {
+  assert(at < count);
   std::memmove(array + at, array + at + 1, (count - at - 1) * sizeof(T));
 }
 /// Copies elements between the arrays of two pages.
@@ -92,7 +99,10 @@ struct MapPath {
   std::array<Step, kMaxDepth> steps;  ///< the first `depth` are filled
   std::uint32_t depth = 0;            ///< 0: the map is empty
 
-  [[nodiscard]] Step& leaf() { return steps[depth - 1]; }
+  [[nodiscard]] Step& leaf() {
+    assert(depth != 0);
+    return steps[depth - 1];
+  }
 };
 /// Descends to where an ID stands or would stand. The leaf is held, and with `holdAll` the inner
 /// pages are too.
@@ -100,10 +110,13 @@ Result findPath(AtomicManager& manager, std::uint64_t objectID, bool holdAll, Ma
 
 /// Drops child `slot` of an inner page, and the key beside it. The page must have another child.
 void dropChild(MapInner_tag& inner, std::uint32_t slot);
-/// Takes a leaf out of the chain of leaves.
+/// Takes a leaf out of the chain of leaves: its neighbours lead to each other. The leaf itself,
+/// whose page is the caller's to free, stays as it is.
 Result unlinkLeaf(AtomicManager& manager, const MapLeaf_tag& leaf);
+/// Gives a page of the map up.
 Result freeMapPage(AtomicManager& manager, std::uint64_t position);
-/// While the root is an inner page with a single child, that child becomes the root.
+/// While the root is an inner page with a single child, that child becomes the root: removals end
+/// with this.
 Result lowerRoot(AtomicManager& manager);
 
 }  // namespace zelta::memory_file

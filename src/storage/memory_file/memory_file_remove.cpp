@@ -1,5 +1,6 @@
 #include "storage/memory_file/memory_file_remove.h"
 
+#include <cassert>
 #include <cstring>
 #include <utility>
 
@@ -24,15 +25,17 @@ using memory_file::MapPath;
 using memory_file::Page;
 using memory_file::unlinkLeaf;
 
-/// Fill of pages, in entries: below 40 % a page looks for a partner, together they may have less
-/// than 80 %; an inner page below 10 % takes keys from a neighbour.
-constexpr bool belowShare(std::uint32_t count, std::uint32_t capacity, std::uint32_t percent) {
+/// Fill of pages, in entries: below 40 % a page is underfull and looks for a sibling to coalesce
+/// with, if together they have less than 80 %; an inner page below 10 % takes keys from a sibling.
+constexpr bool fillIsBelow(std::uint32_t count, std::uint32_t capacity, std::uint32_t percent) {
   return count * 100 < capacity * percent;
 }
-bool isThin(const Page& page, std::uint32_t count) {
-  return belowShare(count + 1, isLeaf(page) ? kMapLeafEntries : kMapInnerKeys, 40);
+/// Whether a page was underfull before an entry was taken out of it, or is now.
+bool isUnderfull(const Page& page, std::uint32_t count) {
+  return fillIsBelow(count + 1, isLeaf(page) ? kMapLeafEntries : kMapInnerKeys, 40);
 }
 
+/// Takes an entry out of a leaf; its record is the caller's to free.
 void dropEntry(MapLeaf_tag& leaf, std::uint32_t slot) {
   closeGap(leaf.objectIDs, leaf.count, slot);
   closeGap(leaf.transactions, leaf.count, slot);
@@ -56,18 +59,22 @@ class Shrink {
 
  private:
   Result dropFromParent(std::uint32_t level);
-  Result fillUp(std::uint32_t level, bool* merged);
+  // Of an underfull page and its sibling under the same parent.
+  Result refill(std::uint32_t level, bool* merged);
   Result tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* merged);
   Result mergeLeaves(Page& left, Page& right, Page& survivor);
   void mergeInner(Page& left, Page& right, std::uint64_t key, Page& survivor);
-  Result share(MapInner_tag& parent, std::uint32_t leftSlot);
+  Result redistribute(MapInner_tag& parent, std::uint32_t leftSlot);
 
   AtomicManager& manager_;
   MapPath& path_;
 };
 
+/// From the leaf up, as long as a page has lost an entry or a child: an empty leaf is freed, an
+/// underfull page is refilled. A page that is left as it is ends the way.
 Result Shrink::run() {
   for (std::uint32_t level = path_.depth; level-- > 0;) {
+    assert(path_.steps[level].page != nullptr);
     Page& page = *path_.steps[level].page;
     if (isLeaf(page) && leafOf(page).count == 0) {
       ZELTA_TRY(unlinkLeaf(manager_, leafOf(page)));
@@ -75,9 +82,9 @@ Result Shrink::run() {
     }
     if (level == 0) break;
     const std::uint32_t count = isLeaf(page) ? leafOf(page).count : innerOf(page).count;
-    if (!isThin(page, count)) break;
+    if (!isUnderfull(page, count)) break;
     bool merged = false;
-    ZELTA_TRY(fillUp(level, &merged));
+    ZELTA_TRY(refill(level, &merged));
     if (!merged) break;
   }
   return memory_file::lowerRoot(manager_);
@@ -100,22 +107,24 @@ Result Shrink::dropFromParent(std::uint32_t level) {
   return {};
 }
 
-/// Helps a thin page: merges it with a neighbour under the same parent, which loses a child then,
-/// or lets it share a neighbour's keys.
-Result Shrink::fillUp(std::uint32_t level, bool* merged) {
+/// Refills an underfull page: coalesces it with a sibling, so that the parent loses a child, or
+/// redistributes the keys of the two.
+Result Shrink::refill(std::uint32_t level, bool* merged) {
+  assert(level != 0);
   MapPath::Step& parent = path_.steps[level - 1];
   MapInner_tag& inner = innerOf(*parent.page);
   if (parent.slot < inner.count) ZELTA_TRY(tryMerge(parent, parent.slot, merged));
   if (!*merged && parent.slot > 0) ZELTA_TRY(tryMerge(parent, parent.slot - 1, merged));
   if (*merged) return {};
   Page& page = *path_.steps[level].page;
-  if (isLeaf(page) || !belowShare(innerOf(page).count, kMapInnerKeys, 10)) return {};
+  if (isLeaf(page) || !fillIsBelow(innerOf(page).count, kMapInnerKeys, 10)) return {};
   if (inner.count == 0) return {};
   manager_.markChanged(parent.page);
-  return share(inner, parent.slot < inner.count ? parent.slot : parent.slot - 1);
+  return redistribute(inner, parent.slot < inner.count ? parent.slot : parent.slot - 1);
 }
 
-/// Merges children `leftSlot` and the next one if they fit. The page lower in the file survives.
+/// Coalesces children `leftSlot` and the next one if they fit together. The page lower in the file
+/// survives.
 Result Shrink::tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* merged) {
   MapInner_tag& inner = innerOf(*parent.page);
   Page* left = nullptr;
@@ -126,7 +135,7 @@ Result Shrink::tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* mer
   const bool leaf = isLeaf(*left);
   const std::uint32_t together = leaf ? leafOf(*left).count + leafOf(*right).count
                                       : innerOf(*left).count + innerOf(*right).count + 1u;
-  if (!belowShare(together, leaf ? kMapLeafEntries : kMapInnerKeys, 80)) return {};
+  if (!fillIsBelow(together, leaf ? kMapLeafEntries : kMapInnerKeys, 80)) return {};
   *merged = true;
   Page& survivor = left->key < right->key ? *left : *right;
   const std::uint64_t gone = left->key < right->key ? right->key : left->key;
@@ -143,10 +152,13 @@ Result Shrink::tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* mer
   return freeMapPage(manager_, gone);
 }
 
+/// Puts the entries of two neighbouring leaves into `survivor`, which is one of them, and links it
+/// in place of both.
 Result Shrink::mergeLeaves(Page& leftPage, Page& rightPage, Page& survivor) {
   const MapLeaf_tag& left = leafOf(leftPage);
   const MapLeaf_tag& right = leafOf(rightPage);
   if (left.next != rightPage.key || right.previous != leftPage.key) return corrupted(manager_);
+  assert(left.count + right.count <= kMapLeafEntries);
   MapLeaf_tag whole = left;
   copyItems(whole.objectIDs + left.count, right.objectIDs, right.count);
   copyItems(whole.transactions + left.count, right.transactions, right.count);
@@ -167,9 +179,11 @@ Result Shrink::mergeLeaves(Page& leftPage, Page& rightPage, Page& survivor) {
   return {};
 }
 
+/// The same for inner pages; `key` is the one that stood between them in the parent.
 void Shrink::mergeInner(Page& leftPage, Page& rightPage, std::uint64_t key, Page& survivor) {
   MapInner_tag whole = innerOf(leftPage);
   const MapInner_tag& right = innerOf(rightPage);
+  assert(whole.count + right.count + 1u <= kMapInnerKeys);
   whole.keys[whole.count] = key;
   copyItems(whole.keys + whole.count + 1, right.keys, right.count);
   copyItems(whole.children + whole.count + 1, right.children, right.count + 1u);
@@ -177,12 +191,13 @@ void Shrink::mergeInner(Page& leftPage, Page& rightPage, std::uint64_t key, Page
   std::memcpy(survivor.bytes, &whole, sizeof(whole));
 }
 
-/// Spreads the keys of two neighbours that are too full to merge evenly over both.
-Result Shrink::share(MapInner_tag& parent, std::uint32_t leftSlot) {
+/// Spreads the keys of two siblings that are too full to coalesce evenly over both.
+Result Shrink::redistribute(MapInner_tag& parent, std::uint32_t leftSlot) {
   Page* leftPage = nullptr;
   Page* rightPage = nullptr;
   ZELTA_TRY(holdMapPage(manager_, parent.children[leftSlot], &leftPage));
   ZELTA_TRY(holdMapPage(manager_, parent.children[leftSlot + 1], &rightPage));
+  assert(!isLeaf(*leftPage) && !isLeaf(*rightPage));  // tryMerge() has compared them
   manager_.markChanged(leftPage);
   manager_.markChanged(rightPage);
   MapInner_tag& left = innerOf(*leftPage);
@@ -245,6 +260,8 @@ class IdSet {
   UInt64AVLTree* root_ = nullptr;
 };
 
+/// Taking out a transaction's entries one by one would walk the map for each of them.
+///
 /// Walks the map depth first and takes a transaction's entries out, page by page.
 class Sweep {
  public:
@@ -281,6 +298,7 @@ Result Sweep::run() {
     ZELTA_TRY(descend(next));
     Page* page = nullptr;
     ZELTA_TRY(holdMapPage(manager_, levels_[depth_ - 1].position, &page));
+    assert(isLeaf(*page));
     ZELTA_TRY(compactLeaf(page));
     const bool gone = leafOf(*page).count == 0;
     if (gone) {
@@ -308,6 +326,8 @@ Result Sweep::descend(std::uint64_t position) {
   }
 }
 
+/// Takes the entries out of a leaf and closes the gaps. IDs must ascend from leaf to leaf, which
+/// also proves that damaged links lead in no circle.
 Result Sweep::compactLeaf(Page* page) {
   MapLeaf_tag& leaf = leafOf(*page);
   std::uint32_t kept = 0;
@@ -380,6 +400,7 @@ Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, s
                                  &sole));
   }
   if (sole) {
+    // Nothing of the pages is worth a look: root, chain and end are what they are in an empty file.
     manager.dropMemoryChanges();
     manager.dropUnchanged();
     manager.memoryRoot(0) = 0;

@@ -1,5 +1,7 @@
 // Taking one object out of the map of a memory file, and taking out all that a transaction has
-// there.
+// there. Records become free space, underfull pages are merged or refilled, and the result reaches
+// the file in one journalled step (flushMemoryPages). Under the table's mutex, by a manager that is
+// attached to the file.
 
 #ifndef ZELTA_STORAGE_MEMORY_FILE_MEMORY_FILE_REMOVE_H
 #define ZELTA_STORAGE_MEMORY_FILE_MEMORY_FILE_REMOVE_H
@@ -15,7 +17,8 @@ namespace zelta {
 Result removeObject(AtomicManager& manager, MemoryFileHeader_tag& header, std::uint64_t objectID);
 
 /// Takes all entries of a transaction out of the map and flushes, the pending key pages that were
-/// changed before included. `*removedIDs` (may be null) receives their IDs. The file is cut back.
+/// changed before included: dropPendingKeysOf() has taken its keys out then. `*removedIDs` (may be
+/// null) receives their IDs, in nodes that belong to the caller. The file is cut back.
 Result removeTransaction(AtomicManager& manager, MemoryFileHeader_tag& header, std::uint32_t number,
                          UInt64AVLTree** removedIDs);
 

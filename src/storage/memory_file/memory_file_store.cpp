@@ -1,5 +1,6 @@
 #include "storage/memory_file/memory_file_store.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "storage/memory_file/memory_file_pages.h"
@@ -28,6 +29,7 @@ std::uint64_t recordRequest(std::uint32_t length) {
   return length < 12 ? 16 : pendingImageBytes(length);
 }
 
+/// One entry on its way into the map.
 class Store {
  public:
   Store(AtomicManager& manager, const PendingObject& entry) : manager_(manager), entry_(entry) {}
@@ -39,14 +41,20 @@ class Store {
   [[nodiscard]] std::uint64_t oldImageBytes() const { return oldImageBytes_; }
 
  private:
-  Result takeBlock();
+  /// Allocates a block for the record.
+  Result allocateBlock();
+  /// Gives the entry in `slot`, this transaction's own, its new record. A block is kept while it is
+  /// at most twice too large.
   Result replace(Page* page, std::uint32_t slot);
+  /// Makes the first leaf of an empty map.
   Result startMap();
+  /// Enters the entry in the path's leaf, which may be split; then the parents get another child.
   Result insertEntry(MapPath& path);
   Result splitLeaf(Page* old, Page** right);
   Result insertChild(MapPath& path, std::uint64_t key, std::uint64_t child);
   Result splitInner(Page* old, Page** right, std::uint64_t* key);
-  Result raiseRoot(std::uint64_t left, std::uint64_t key, std::uint64_t right);
+  /// A new root over the old one and the page that was split off it.
+  Result growRoot(std::uint64_t left, std::uint64_t key, std::uint64_t right);
   void put(MapLeaf_tag& leaf, std::uint32_t slot) const;
 
   AtomicManager& manager_;
@@ -69,7 +77,7 @@ Result Store::enter() {
   return insertEntry(path);
 }
 
-Result Store::takeBlock() {
+Result Store::allocateBlock() {
   const std::uint64_t request = recordRequest(entry_.length);
   if (request > 0xFFFFFFE0) {
     return manager_.failed(PageFile::memory, code::kNoMemory);
@@ -92,7 +100,7 @@ Result Store::replace(Page* page, std::uint32_t slot) {
   const std::uint64_t request = recordRequest(entry_.length);
   if (blockSize_ < request || blockSize_ > 2 * request) {
     ZELTA_TRY(manager_.releaseSpace(PageFile::memory, old.position, blockSize_));
-    ZELTA_TRY(takeBlock());
+    ZELTA_TRY(allocateBlock());
   }
   leafOf(*page).lengths[slot] = entry_.length;
   leafOf(*page).positions[slot] = entry_.position;
@@ -109,7 +117,7 @@ void Store::put(MapLeaf_tag& leaf, std::uint32_t slot) const {
 Result Store::startMap() {
   Page* page = nullptr;
   ZELTA_TRY(manager_.newMemoryPage(kMapPageSize, &page));
-  ZELTA_TRY(takeBlock());
+  ZELTA_TRY(allocateBlock());
   MapLeaf_tag& leaf = leafOf(*page);
   leaf.kind = kMapLeafKind;
   leaf.count = 1;
@@ -123,12 +131,13 @@ Result Store::insertEntry(MapPath& path) {
   Page* right = nullptr;
   manager_.markChanged(page);
   if (leafOf(*page).count == kMapLeafEntries) ZELTA_TRY(splitLeaf(page, &right));
-  ZELTA_TRY(takeBlock());
+  ZELTA_TRY(allocateBlock());
   const bool goesRight = right != nullptr && entry_.objectID >= leafOf(*right).objectIDs[0];
   // The separator is what the new leaf began with when it was split off.
   const std::uint64_t separator = right != nullptr ? leafOf(*right).objectIDs[0] : 0;
   MapLeaf_tag& leaf = leafOf(goesRight ? *right : *page);
   const std::uint32_t slot = memory_file::entryFor(leaf, entry_.objectID);
+  assert(leaf.count < kMapLeafEntries);
   openGap(leaf.objectIDs, leaf.count, slot);
   openGap(leaf.transactions, leaf.count, slot);
   openGap(leaf.lengths, leaf.count, slot);
@@ -140,10 +149,12 @@ Result Store::insertEntry(MapPath& path) {
   return insertChild(path, separator, right->key);
 }
 
+/// Moves the upper entries of a full leaf to a new one, which follows it in the chain of leaves.
 Result Store::splitLeaf(Page* old, Page** right) {
   ZELTA_TRY(manager_.newMemoryPage(kMapPageSize, right));
   MapLeaf_tag& left = leafOf(*old);
   MapLeaf_tag& fresh = leafOf(**right);
+  assert(left.count == kMapLeafEntries);
   fresh.kind = kMapLeafKind;
   fresh.count = kMapLeafEntries - kLeafKeeps;
   copyItems(fresh.objectIDs, left.objectIDs + kLeafKeeps, fresh.count);
@@ -182,6 +193,7 @@ Result Store::insertChild(MapPath& path, std::uint64_t key, std::uint64_t child)
       slot -= kInnerKeeps + 1;
     }
     MapInner_tag& inner = innerOf(*target);
+    assert(inner.count < kMapInnerKeys);
     openGap(inner.keys, inner.count, slot);
     openGap(inner.children, inner.count + 1u, slot + 1);
     inner.keys[slot] = key;
@@ -191,13 +203,15 @@ Result Store::insertChild(MapPath& path, std::uint64_t key, std::uint64_t child)
     key = carried;
     child = right->key;
   }
-  return raiseRoot(manager_.memoryRoot(0), key, child);
+  return growRoot(manager_.memoryRoot(0), key, child);
 }
 
+/// Moves the upper children of a full inner page to a new one. The key between the two goes up.
 Result Store::splitInner(Page* old, Page** right, std::uint64_t* key) {
   ZELTA_TRY(manager_.newMemoryPage(kMapPageSize, right));
   MapInner_tag& left = innerOf(*old);
   MapInner_tag& fresh = innerOf(**right);
+  assert(left.count == kMapInnerKeys);
   fresh.kind = kMapInnerKind;
   fresh.count = kMapInnerKeys - kInnerKeeps - 1;
   *key = left.keys[kInnerKeeps];
@@ -207,7 +221,7 @@ Result Store::splitInner(Page* old, Page** right, std::uint64_t* key) {
   return {};
 }
 
-Result Store::raiseRoot(std::uint64_t left, std::uint64_t key, std::uint64_t right) {
+Result Store::growRoot(std::uint64_t left, std::uint64_t key, std::uint64_t right) {
   Page* root = nullptr;
   ZELTA_TRY(manager_.newMemoryPage(kMapPageSize, &root));
   MapInner_tag& inner = innerOf(*root);
@@ -227,6 +241,7 @@ Result storeObject(AtomicManager& manager, MemoryFileHeader_tag& header, char* o
   Store store(manager, {objectID, 0, length, manager.metaData.transactionWord});
   ZELTA_TRY(store.enter());
   const std::uint32_t blockSize = store.blockSize();
+  assert(blockSize >= std::uint64_t{length} + sizeof(blockSize));
   char* bytes = objectBytes - sizeof(blockSize);
   std::memcpy(bytes, &blockSize, sizeof(blockSize));
   const PagedRecord record{bytes, std::uint64_t{length} + sizeof(blockSize),

@@ -1,6 +1,7 @@
 #include "storage/paged/atomic_manager.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -121,6 +122,7 @@ Result AtomicManager::failed(PageFile file, SystemCode code) const {
 Result AtomicManager::readPage(PageFile file, std::uint64_t position, char** page,
                                ScratchBuffer& scratch) {
   *page = nullptr;
+  // Only here, where nobody relies on a page that was viewed before.
   if (unchangedBytes_ > kUnchangedLimit) dropUnchanged();
   if (Page* held = changedPage(file, position)) {
     if (file == PageFile::index) return readChangedIndexPage(*held, page, scratch);
@@ -188,6 +190,8 @@ Result AtomicManager::viewFilePage(PageFile file, std::uint64_t position, const 
   return result == 0 ? Result{} : failed(file, result);
 }
 
+/// Reads a page whose size is not known: a guess of one page unit first, which is the whole page in
+/// most cases, then the rest.
 Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
                                    std::uint32_t* size) {
   if (!inside(file, position, kNoPageSize + 1)) return corrupted(file);
@@ -208,6 +212,8 @@ Result AtomicManager::readFromFile(PageFile file, std::uint64_t position, Scratc
   return *size <= have ? Result{} : readRest(file, position, have, *size, scratch);
 }
 
+/// Reads what a page has behind the first `have` bytes. Memory is taken for a large page only if
+/// the file is really that long: a damaged size must not cost gigabytes.
 Result AtomicManager::readRest(PageFile file, std::uint64_t position, std::uint32_t have,
                                std::uint32_t size, ScratchBuffer& scratch) {
   SystemCode result = requireBytes(handle(file), position, size);
@@ -220,8 +226,10 @@ Result AtomicManager::readRest(PageFile file, std::uint64_t position, std::uint3
   return statedSize(bytes) == size ? Result{} : corrupted(file);
 }
 
+/// Enters a page among the unchanged ones.
 AtomicManager::Page* AtomicManager::keepUnchanged(PageFile file, std::uint64_t position,
                                                   const char* bytes, std::uint32_t size) {
+  assert(changedPage(file, position) == nullptr && unchangedPage(file, position) == nullptr);
   PooledPage page(table.pagePool, table.pagePool.take());
   page->makeRoom(size);
   if (bytes != nullptr) std::memcpy(page->bytes, bytes, size);
@@ -239,6 +247,7 @@ void AtomicManager::dropUnchangedPage(PageFile file, std::uint64_t position) {
 }
 
 Result AtomicManager::holdMemoryPage(std::uint64_t position, std::uint32_t size, Page** page) {
+  assert(memoryFile != platform::File::none);
   *page = changedPage(PageFile::memory, position);
   if (*page == nullptr) *page = unchangedPage(PageFile::memory, position);
   if (*page != nullptr) return (*page)->size == size ? Result{} : corrupted(PageFile::memory);
@@ -273,6 +282,7 @@ Result AtomicManager::viewMemoryPage(std::uint64_t position, std::uint32_t size,
 
 void AtomicManager::markChanged(Page* page) {
   if (changedPage(PageFile::memory, page->key) == page) return;
+  assert(unchangedPage(PageFile::memory, page->key) == page);
   remove(page, unchangedTree(PageFile::memory));
   unchangedBytes_ -= page->size;
   insert(page, pages, page->key);
@@ -289,6 +299,8 @@ Result AtomicManager::writePage(PageFile file, std::uint64_t position, const cha
   return writeIndexPage(position, page, size);
 }
 
+/// Makes `page` the changed version of a memory page. It may be the held bytes themselves, changed
+/// in place, or those of the unchanged page.
 Result AtomicManager::writeMemoryPage(std::uint64_t position, const char* page, std::uint32_t size,
                                       char** held) {
   Page* node = changedPage(PageFile::memory, position);
@@ -330,6 +342,7 @@ Result AtomicManager::allocateSpace(PageFile file, std::uint32_t size, std::uint
   return allocateAtEnd(file, need, position);
 }
 
+/// Moves the end of a file on by `need` bytes.
 Result AtomicManager::allocateAtEnd(PageFile file, std::uint64_t need, std::uint64_t* position) {
   if (file == PageFile::index) {
     *position = indexEndOfFile;
@@ -352,6 +365,7 @@ Result AtomicManager::allocateAtEnd(PageFile file, std::uint64_t need, std::uint
 }
 
 Result AtomicManager::releaseSpace(PageFile file, std::uint64_t position, std::uint32_t size) {
+  // A wrong span would be given out again, over what others have there.
   if (!inside(file, position, size)) return corrupted(file);
   if (file == PageFile::memory && deferReleases_) {
     memoryFreeSpace.deferred().addToRun({position, size}, PageBlocks::kLargest);

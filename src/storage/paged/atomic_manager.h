@@ -1,11 +1,26 @@
-// Pages of a table's memory and index files, and atomic sets of changes to them. An AtomicManager
-// lives for one call: changed memory pages collect in it and reach the file together, by way of a
-// journal; changed index pages wait in shadow copies behind the memory file until the index file
-// takes them over.
+// The pages of a table's memory and index files, and the set of changes that one operation makes to
+// them. Everything that works on pages (the object map, the index trees, their kinds) goes through
+// an AtomicManager; PagedFlush brings what has collected here into a file, as a whole or not at
+// all.
+//
+// A manager lives for one call. It has two sets of pages for each file:
+//
+//   changed    memory pages, in full, until flushMemoryPages(); index pages, in memory or in a
+//              shadow copy behind the end of the memory file, until flushIndexFile()
+//   unchanged  pages as they were read, so that they need not be read twice; may go at any time
+//
+// A page is in one of them at most. The size of a page is its first word, and what a manager holds
+// as `size` says the same. Nothing reaches the part of a file that counts before a flush, so that a
+// manager which is just dropped has changed nothing.
+//
+// Whoever uses a manager owns the table's mutex, or has attached files that are open for reading
+// alone. Positions and sizes come from files: each is checked against the header and the end of its
+// file before it is used, and a wrong one is the form's damage (own code 58 or 57).
 
 #ifndef ZELTA_STORAGE_PAGED_ATOMIC_MANAGER_H
 #define ZELTA_STORAGE_PAGED_ATOMIC_MANAGER_H
 
+#include <cassert>
 #include <cstdint>
 #include <memory>
 
@@ -19,6 +34,7 @@ class AtomicManager {
  public:
   using Page = PageNode;
 
+  /// For one table, with no file attached; `table` outlives the manager.
   explicit AtomicManager(Table& table);
   ~AtomicManager();
   AtomicManager(const AtomicManager&) = delete;
@@ -43,6 +59,8 @@ class AtomicManager {
   /// A new page of zeros with its size in the first word. `size` is rounded up to 8.
   Result allocatePage(PageFile file, std::uint32_t size, char** page, std::uint64_t* position,
                       ScratchBuffer& scratch);
+  /// Gives a page up: what is held of it is gone, and its space is free for the next allocation.
+  /// `size` is the page's own.
   Result freePage(PageFile file, std::uint64_t position, std::uint32_t size);
   /// The unit of page sizes in a file; 0 if its header was not given.
   [[nodiscard]] std::uint32_t pageSize(PageFile file) const {
@@ -50,13 +68,20 @@ class AtomicManager {
   }
 
   /// The memory file's roots: 0 the object map, i + 1 the pending keys of index i.
-  [[nodiscard]] std::uint64_t& memoryRoot(std::uint32_t i) { return roots_[i]; }
+  [[nodiscard]] std::uint64_t& memoryRoot(std::uint32_t i) {
+    assert(i <= indexCount);
+    return roots_[i];
+  }
   /// The index file's roots.
-  [[nodiscard]] std::uint64_t& indexRoot(std::uint32_t i) { return roots_[indexCount + 1 + i]; }
+  [[nodiscard]] std::uint64_t& indexRoot(std::uint32_t i) {
+    assert(i < indexCount);
+    return roots_[indexCount + 1 + i];
+  }
   /// The root of index i's tree in either file.
   [[nodiscard]] std::uint64_t& treeRoot(PageFile file, std::uint32_t i) {
     return file == PageFile::memory ? memoryRoot(i + 1) : indexRoot(i);
   }
+  /// All of them, indexCount + 1 and indexCount in number.
   [[nodiscard]] std::uint64_t* memoryRoots() { return roots_; }
   [[nodiscard]] std::uint64_t* indexRoots() { return roots_ + indexCount + 1; }
 
@@ -112,11 +137,13 @@ class AtomicManager {
   [[nodiscard]] std::uint32_t changedPageCount(PageFile file) const {
     return file == PageFile::memory ? pageCount : shadowPageCount;
   }
-  /// The bytes of one: its own, or those of its shadow in `scratch`.
+  /// The bytes of one: its own, or those of its shadow in `scratch`. A page without bytes has a
+  /// shadow.
   Result changedBytes(const Page& page, const char** bytes, ScratchBuffer& scratch) {
     *bytes = page.bytes;
     return page.bytes != nullptr ? Result{} : readShadow(page, bytes, scratch);
   }
+  /// The roots as they are to be, with the changes of this manager.
   [[nodiscard]] std::uint64_t* roots(PageFile file) {
     return file == PageFile::memory ? memoryRoots() : indexRoots();
   }
@@ -141,7 +168,8 @@ class AtomicManager {
   /// Reports a failed call; code 0 is none.
   Result failed(PageFile file, SystemCode code) const;
 
-  // State, as the owners of the two files need it
+  // State, as the readers of the headers and the flushes of the two files need it. Both ends count
+  // what was allocated here; the header's is the file's own until the flush.
   MetaData& metaData;
   Table& table;
   UInt64AVLTree* pages = nullptr;        ///< changed memory pages
@@ -165,6 +193,7 @@ class AtomicManager {
     return unchanged_[file == PageFile::memory ? 1 : 0];
   }
 
+  // Reading
   Result viewFilePage(PageFile file, std::uint64_t position, const char** page);
   Result readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
                       std::uint32_t* size);
@@ -173,6 +202,8 @@ class AtomicManager {
   Page* keepUnchanged(PageFile file, std::uint64_t position, const char* bytes, std::uint32_t size);
   void dropUnchangedPage(PageFile file, std::uint64_t position);
 
+  // Changed index pages (atomic_manager_shadow.cpp). Those with bytes are in a list by their last
+  // use, whose oldest ones move to shadows when heldIndexLimit is passed.
   Result readShadow(const Page& page, const char** bytes, ScratchBuffer& scratch);
   Result readChangedIndexPage(Page& page, char** bytes, ScratchBuffer& scratch);
   Result writeMemoryPage(std::uint64_t position, const char* page, std::uint32_t size, char** held);
@@ -183,6 +214,7 @@ class AtomicManager {
   void use(Page& page);
   void unuse(Page& page);
   Result shrinkHeldIndex();
+  // Space
   Result allocateAtEnd(PageFile file, std::uint64_t need, std::uint64_t* position);
   Result allocatePageSpace(PageFile file, std::uint32_t size, std::uint64_t* position);
 
@@ -191,9 +223,9 @@ class AtomicManager {
   std::unique_ptr<std::uint64_t[]> manyRoots_;
   std::uint64_t* roots_ = fewRoots_;                  ///< memory, index, memory as saved
   UInt64AVLTree* unchanged_[2] = {nullptr, nullptr};  ///< pages as read, of index and memory file
-  std::uint64_t unchangedBytes_ = 0;
-  std::uint64_t heldIndexBytes_ = 0;
-  Page* newest_ = nullptr;
+  std::uint64_t unchangedBytes_ = 0;                  ///< of both
+  std::uint64_t heldIndexBytes_ = 0;                  ///< of changed index pages that have bytes
+  Page* newest_ = nullptr;                            ///< used last of these
   Page* oldest_ = nullptr;
   std::uint32_t indexPageSize_ = 0;
   std::uint32_t memoryPageSize_ = 0;

@@ -1,7 +1,18 @@
-// Changed index pages: held in memory within bounds, least recently used ones moved to shadows
-// behind the memory file, or straight into the index file when no memory file is open.
+// The changed index pages of an AtomicManager: held in memory within bounds, least recently used
+// ones moved to shadows behind the memory file, or straight into the index file when no memory file
+// is open.
+//
+// States of a changed index page:
+//
+//   bytes, unsaved     newer than its shadow, or without one; in the list of use
+//   bytes, saved       the same as its shadow; in the list of use; may lose its bytes at any time
+//   no bytes           in its shadow alone; without a memory file in its place in the index file,
+//                      which nobody else reads then: the file is being built
+//
+// Shadows lie behind the end of the memory file, where they mean nothing to anybody else.
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -20,6 +31,7 @@ constexpr std::uint64_t kShareMovedOut = 8;
 
 }  // namespace
 
+/// Copies a changed page to `scratch`, and takes its bytes back into memory if pages are held.
 Result AtomicManager::readChangedIndexPage(Page& page, char** bytes, ScratchBuffer& scratch) {
   *bytes = scratch.reserve(page.size);
   if (page.bytes == nullptr) {
@@ -62,6 +74,7 @@ Result AtomicManager::writeIndexPage(std::uint64_t position, const char* page, s
   return {};
 }
 
+/// Holds a page's bytes in memory as the newest state of it; others may have to leave.
 Result AtomicManager::takeIndexBytes(Page& page, const char* bytes, std::uint32_t size) {
   if (page.bytes == nullptr || page.size != size) {
     releaseIndexBytes(page);
@@ -74,6 +87,7 @@ Result AtomicManager::takeIndexBytes(Page& page, const char* bytes, std::uint32_
   return heldIndexBytes_ > heldIndexLimit ? shrinkHeldIndex() : Result{};
 }
 
+/// Gives a page a place behind the memory file that its present size fits in.
 void AtomicManager::assignShadow(Page& page) {
   if (memoryFile == platform::File::none) return;
   if (page.shadowPosition != 0 && page.shadowSize >= page.size) return;
@@ -84,15 +98,19 @@ void AtomicManager::assignShadow(Page& page) {
   shadowCursor += memoryFreeSpace.need(page.size);
 }
 
+/// Lets the bytes of a page go. Unless they are saved, the caller replaces or frees the page.
 void AtomicManager::releaseIndexBytes(Page& page) {
   if (page.bytes == nullptr) return;
+  assert(heldIndexBytes_ >= page.size);
   unuse(page);
   page.dropBytes();
   page.unsaved = false;
   heldIndexBytes_ -= page.size;
 }
 
+/// Makes a page the one that was used last.
 void AtomicManager::use(Page& page) {
+  assert(page.bytes != nullptr);
   if (newest_ == &page) return;
   unuse(page);
   page.older = newest_;
@@ -101,6 +119,7 @@ void AtomicManager::use(Page& page) {
   if (oldest_ == nullptr) oldest_ = &page;
 }
 
+/// Takes a page out of the list of use, whether or not it is there.
 void AtomicManager::unuse(Page& page) {
   if (page.newer != nullptr) page.newer->older = page.older;
   if (page.older != nullptr) page.older->newer = page.newer;
@@ -118,6 +137,7 @@ Result AtomicManager::shrinkHeldIndex() {
                         heldIndexBytes_ - target);
   SystemCode result = 0;
   while (heldIndexBytes_ > target && oldest_ != newest_ && result == 0) {
+    assert(oldest_ != nullptr && oldest_->bytes != nullptr);
     Page& page = *oldest_;
     if (page.unsaved) {
       assignShadow(page);
@@ -143,6 +163,7 @@ Result forEachPage(UInt64AVLTree* node, const Visit& visit) {
 }  // namespace
 
 Result AtomicManager::writeHeldIndexPages() {
+  assert(memoryFile == platform::File::none);
   GatheredWriter writer(indexFile, metaData.scratchFor(Scratch::journal), heldIndexBytes_);
   ZELTA_TRY(forEachPage(shadowPages, [&](Page& page) {
     if (!page.unsaved) return Result{};
@@ -160,6 +181,7 @@ Result AtomicManager::writeHeldIndexPages() {
 }
 
 Result AtomicManager::readShadow(const Page& page, const char** bytes, ScratchBuffer& scratch) {
+  assert(page.shadowPosition != 0 && memoryFile != platform::File::none);
   char* copy = scratch.reserve(page.size);
   const SystemCode result = readLargeBuffer(memoryFile, page.shadowPosition, copy, page.size);
   *bytes = copy;

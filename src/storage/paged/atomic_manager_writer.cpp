@@ -1,6 +1,7 @@
 #include "storage/paged/atomic_manager_writer.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/file_io.h"
@@ -20,11 +21,13 @@ GatheredWriter::GatheredWriter(platform::File file, ScratchBuffer& buffer, std::
       capacity_(std::min(buffer.size(), kLargestBuffer)) {}
 
 SystemCode GatheredWriter::write(std::uint64_t position, const void* data, std::uint64_t length) {
+  assert(used_ <= capacity_);
   if (position != start_ + used_ || length > capacity_ - used_) {
     const SystemCode result = finish();
     if (result != 0) return result;
     start_ = position;
   }
+  // Larger than the whole buffer, which is empty now: straight to the file.
   if (length > capacity_) {
     start_ += length;
     return writeBuffer(file_, position, data, static_cast<std::int64_t>(length));

@@ -1,4 +1,6 @@
-// A buffer that pages are read into, one at a time.
+// A buffer that pages are read into, one at a time. Each role that a page can have in an operation
+// on a tree (index/tree/tree_pages.h) has one, so that a page stays where it is as long as no other
+// one takes its role. The count of leases lets a debug build find whoever uses a page after that.
 
 #ifndef ZELTA_STORAGE_PAGED_PAGE_BUFFER_H
 #define ZELTA_STORAGE_PAGED_PAGE_BUFFER_H

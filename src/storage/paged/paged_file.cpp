@@ -17,6 +17,7 @@ std::uint32_t newPageSize(const PagedForm& form, const Table& table, std::uint64
   assert(roots != 0);
   std::uint64_t words = 0;
   for (std::uint32_t i = 0; i < table.indexCount; ++i) words += table.index(i).keyWords;
+  // The sum over all indexes, divided by the roots: pages for keys of the mean length.
   const std::uint64_t least =
       std::max(form.headerSize(table.indexCount), ((words + 2) * keys + 20) / roots);
   const std::uint64_t size = std::max<std::uint64_t>(std::bit_ceil(least), kSmallestPageUnit);

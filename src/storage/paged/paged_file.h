@@ -8,7 +8,8 @@
 // death has left (repairPagedFile):
 //
 //   step       what it writes                                    found after a death in it
-//   1 prepare  nothing: it settles the free chain and the end    the file at rest, unchanged
+//   1 prepare  nothing: it merges the free chain and works out   the file at rest, unchanged
+//              the new end
 //   2 journal  final images, behind the old and the new end      the same; what is behind the end
 //                                                                means nothing
 //   3 intent   where the journal is, its sum, the new roots      the same, or a journal: carried
@@ -166,12 +167,14 @@ inline constexpr std::uint64_t kPagedFileLimit = std::uint64_t{1} << 62;
 [[nodiscard]] PagedFileHeader newPagedHeader(const PagedForm& form, const Table& table,
                                              std::uint32_t pageSize);
 
+/// Whether a header has the form's first word, and the version that this library reads and writes.
 [[nodiscard]] inline bool hasMagic(const PagedForm& form, const PagedFileHeader& header) {
   return std::memcmp(header.magic, form.magic, sizeof(header.magic)) == 0;
 }
 [[nodiscard]] inline bool hasVersion(const PagedForm& form, const PagedFileHeader& header) {
   return header.majorVersion == form.majorVersion && header.minorVersion == form.minorVersion;
 }
+/// Whether the unit of page sizes is one that newPageSize() could have given.
 [[nodiscard]] inline bool pageSizeIsSound(const PagedFileHeader& header) {
   return header.pageSize >= kSmallestPageUnit && std::has_single_bit(header.pageSize);
 }
@@ -198,6 +201,7 @@ void clearIntent(PagedFileHeader& header);
 /// initialised.
 class PagedHeaderImage {
  public:
+  // Offsets in the header that one write of a change begins at.
   /// Where the part of the header begins that a change touches.
   static constexpr std::uint64_t kChainStart = offsetof(PagedFileHeader, freeHead);
   /// Where the fields of a standing journal begin.
@@ -216,6 +220,7 @@ class PagedHeaderImage {
   [[nodiscard]] std::uint64_t rootBytes() const { return rootBytes_; }
   [[nodiscard]] std::uint64_t journalRootsStart() const { return sizeof(PagedFileHeader); }
   [[nodiscard]] std::uint64_t rootsStart() const { return journalRootsStart() + rootBytes_; }
+  /// The two tables in the image.
   [[nodiscard]] char* journalRoots() { return bytes() + journalRootsStart(); }
   [[nodiscard]] char* roots() { return bytes() + rootsStart(); }
 

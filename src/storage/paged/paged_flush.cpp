@@ -86,6 +86,8 @@ Result PagedFlush::write() {
 
 Result PagedFlush::writeJournal() {
   assert(step_ == Step::prepare);
+  // Nothing that the file has now is overwritten before the intent stands.
+  assert(journalStart(header_) >= header_.endOfFile);
   expectedBytes_ = journalBytes();
   GatheredWriter writer(file_, buffer(), expectedBytes_);
   std::uint64_t position = journalStart(header_);
@@ -95,6 +97,7 @@ Result PagedFlush::writeJournal() {
   ZELTA_TRY(outcome(writer.finish()));
   if (form_.writtenOften && position > length_) reserveAhead(writer, position);
   header_.journalEnd = position;
+  assert(position >= journalStart(header_));
   journalEnd_ = position;
   sum(&header_.newFreeHead, sizeof(header_) - Image::kSummedStart);
   sum(manager_.roots(form_.file), image_.rootBytes());
@@ -102,6 +105,8 @@ Result PagedFlush::writeJournal() {
   return {};
 }
 
+/// The record's entry: position, bytes, and zeros up to the size of its block, so that an entry is
+/// as long as its first word says. The zeros add nothing to the checksum.
 Result PagedFlush::putRecord(GatheredWriter& writer, std::uint64_t& position) {
   const std::uint64_t block = recordBlock();
   assert(block >= record_->length);
@@ -115,8 +120,11 @@ Result PagedFlush::putRecord(GatheredWriter& writer, std::uint64_t& position) {
   return {};
 }
 
+/// An entry for each changed page: position and bytes. A repair takes the length of an entry from
+/// the first word of the page.
 Result PagedFlush::putPages(GatheredWriter& writer, std::uint64_t& position) {
   return visitPages([&](const PageNode& page, const char* bytes) {
+    assert(std::memcmp(bytes, &page.size, sizeof page.size) == 0);
     sum(&page.key, kPositionWord);
     sum(bytes, page.size);
     const SystemCode result = writer.write(position, &page.key, kPositionWord);
@@ -144,6 +152,7 @@ void PagedFlush::reserveAhead(GatheredWriter& writer, std::uint64_t end) {
 /// the change.
 Result PagedFlush::writeIntent() {
   assert(step_ == Step::journal);
+  assert(header_.newEndOfFile != 0 && header_.journalEnd != 0);
   constexpr std::uint64_t kStart = Image::kIntentStart;
   PagedFileHeader shown = header_;
   // Where the order of writes is all that is relied on, the word that says that a journal stands
@@ -163,8 +172,11 @@ Result PagedFlush::writeIntent() {
 
 // -- Step 4: apply --------------------------------------------------------------------------------
 
+/// Writes the final images over what they replace. A death in here costs nothing: the journal
+/// stands.
 Result PagedFlush::apply() {
   assert(step_ == Step::intent);
+  assert(header_.journalBase == header_.endOfFile);
   GatheredWriter writer(file_, buffer(), expectedBytes_);
   if (record_ != nullptr) {
     ZELTA_TRY(outcome(writer.write(record_->position, record_->bytes, record_->length)));
@@ -202,6 +214,7 @@ Result PagedFlush::finish() {
 
 // -- Small helpers --------------------------------------------------------------------------------
 
+/// Writes a part of the header: at once, or in the order of its words if that is what protects it.
 Result PagedFlush::writeHead(std::uint64_t position, const void* bytes, std::uint64_t length) {
   const auto size = static_cast<std::uint32_t>(length);
   return outcome(form_.outlastsPower ? writeBuffer(file_, position, bytes, size)
@@ -214,6 +227,7 @@ Result PagedFlush::flushToDisk() {
 
 ScratchBuffer& PagedFlush::buffer() const { return manager_.metaData.scratchFor(Scratch::journal); }
 
+/// Exact for a file that is written often; for the other one from the usual size of a page.
 std::uint64_t PagedFlush::journalBytes() const {
   std::uint64_t bytes = std::uint64_t{kFreeEntrySize} * header_.freeEntryCount;
   if (!form_.writtenOften) {
@@ -227,7 +241,9 @@ std::uint64_t PagedFlush::journalBytes() const {
   return bytes;
 }
 
+/// Bytes of the record's block, which its own first word states.
 std::uint32_t PagedFlush::recordBlock() const {
+  assert(record_ != nullptr);
   std::uint32_t size = 0;
   std::memcpy(&size, record_->bytes, sizeof(size));
   return size;

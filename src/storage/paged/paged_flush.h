@@ -1,5 +1,6 @@
-// The five steps that bring a set of changes into a paged file; storage/paged/paged_file.h says what they
-// guarantee.
+// The five steps that bring a set of changes into a paged file, whole or not at all. This is the
+// writer's side; storage/paged/paged_repair.h is that of whoever finds a file whose writer died,
+// and storage/paged/paged_file.h has the table of steps and what is found after a death in each.
 
 #ifndef ZELTA_STORAGE_PAGED_PAGED_FLUSH_H
 #define ZELTA_STORAGE_PAGED_PAGED_FLUSH_H
@@ -21,6 +22,11 @@ struct PagedRecord {
 };
 
 /// One change of one file, made of what a manager has collected for it. Needs the table's mutex.
+///
+/// A failure in step 1 or 2 has changed nothing that counts. One in step 3 leaves open whether the
+/// change was made, until a repair has looked at the file; one in step 4 or 5 leaves a change that
+/// is made and has to be finished by a repair.
+///
 /// The manager keeps its changes and its idea of the file's end; both are the caller's to bring up
 /// to date afterwards.
 class PagedFlush {
@@ -32,8 +38,8 @@ class PagedFlush {
   PagedFlush(const PagedFlush&) = delete;
   PagedFlush& operator=(const PagedFlush&) = delete;
 
-  /// Step 1: settles the free chain and the new end. The form's damage if the file is shorter than
-  /// its header says, own error for free lists if the chain leads out of the file.
+  /// Step 1: merges the free chain and works out the new end. The form's damage if the file is
+  /// shorter than its header says, own error for free lists if the chain leads out of the file.
   Result prepare();
   /// Whether there is anything to write; after step 1.
   [[nodiscard]] bool changesAnything() const;
@@ -55,6 +61,7 @@ class PagedFlush {
   Result apply();
   Result finish();
 
+  // Parts of the steps. A `position` is where the next byte of the journal goes, and moves on.
   Result measureFile();
   Result putRecord(GatheredWriter& writer, std::uint64_t& position);
   Result putPages(GatheredWriter& writer, std::uint64_t& position);

@@ -91,7 +91,10 @@ Result Repair::run(PagedRepair* outcome) {
   return carryOut();
 }
 
+/// Does what steps 4 and 5 would have done. All images are final, so that it does not matter how
+/// many of them are in their places already.
 Result Repair::carryOut() {
+  assert(header_.journalBase != 0 && header_.journalEnd >= journalStart(header_));
   ZELTA_TRY(applyEntries());
   std::memcpy(image_.roots(), image_.journalRoots(), image_.rootBytes());
   ZELTA_TRY(outcomeOf(writeBuffer(file_, image_.rootsStart(), image_.roots(),
@@ -142,6 +145,7 @@ Result Repair::believe(bool* sound) {
   return *sound ? checkEntries(sound) : Result{};
 }
 
+/// Folds the journal's bytes into a sum, piece by piece.
 Result Repair::addJournal(std::uint64_t& sum) {
   char* bytes = buffer();
   for (std::uint64_t at = journalStart(header_); at < header_.journalEnd;) {
@@ -156,6 +160,7 @@ Result Repair::addJournal(std::uint64_t& sum) {
 Result Repair::entryAt(std::uint64_t& position, std::uint64_t* target, std::uint32_t* size,
                        bool* sound) {
   *sound = false;
+  assert(position <= header_.journalEnd);
   constexpr std::uint32_t kHead = kPositionWord + kSizeWord;
   if (header_.journalEnd - position < kHead) return {};
   char head[kHead];
@@ -185,6 +190,8 @@ Result Repair::checkFreeBlocks(std::uint64_t position, bool* sound) {
   return {};
 }
 
+/// Whether each entry lies where pages or blocks do, and all of them together end where the header
+/// says that the journal ends.
 Result Repair::checkEntries(bool* sound) {
   std::uint64_t position = journalStart(header_);
   for (std::uint32_t i = 0; i < header_.pageEntryCount; ++i) {
@@ -197,6 +204,8 @@ Result Repair::checkEntries(bool* sound) {
   return *sound ? checkFreeBlocks(position, sound) : Result{};
 }
 
+/// Copies a page image from the journal to its place. The two do not overlap: the journal lies
+/// behind the new end, the place in front of it.
 Result Repair::copyPage(std::uint64_t from, std::uint64_t to, std::uint32_t size) {
   char* bytes = buffer();
   while (size != 0) {

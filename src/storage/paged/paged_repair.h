@@ -1,4 +1,6 @@
-// What becomes of a paged file whose writer died; storage/paged/paged_file.h says what can be found.
+// What becomes of a paged file whose writer died: whoever reads its header next, and may write,
+// carries the journal out or drops it before anything else is read. PagedFlush is the writer's
+// side; storage/paged/paged_file.h says what can be found.
 
 #ifndef ZELTA_STORAGE_PAGED_PAGED_REPAIR_H
 #define ZELTA_STORAGE_PAGED_PAGED_REPAIR_H

@@ -3,6 +3,7 @@
 #include "storage/table_file/table_file.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/clock.h"
@@ -22,6 +23,7 @@ Result reportDamagedTable(MetaData& metaData, const char16_t* tableName, std::in
 
 namespace {
 
+/// Reads the header; magic and version must be right.
 Result readChecked(MetaData& metaData, const char16_t* tableName, platform::File file,
                    TableHeader_tag& header) {
   if (const SystemCode failure = readBuffer(file, 0, &header, sizeof header); failure != 0) {
@@ -39,6 +41,7 @@ Result readChecked(MetaData& metaData, const char16_t* tableName, platform::File
 
 }  // namespace
 
+/// Bounds keep sums of two positions within 64 bits; the rest are relations that every header has.
 bool isPlausible(const TableHeader_tag& header) {
   constexpr std::uint64_t kFarthest = std::uint64_t{1} << 62;
   constexpr std::uint64_t kMostObjects = kFarthest / 16;
@@ -143,6 +146,7 @@ SystemCode lockTree(platform::File file, std::uint32_t slotBase, const UInt64AVL
   return lockTree(file, slotBase, node->right, reached);
 }
 
+/// Unlocks those of a set whose IDs lie below `end`.
 void unlockTree(platform::File file, std::uint32_t slotBase, const UInt64AVLTree* node,
                 std::uint64_t end) {
   if (node == nullptr) return;
@@ -192,6 +196,7 @@ Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::F
 
 namespace {
 
+/// In a fixed table the record is the object.
 Result moveFixed(MetaData& metaData, const char16_t* tableName, platform::File file,
                  const TableHeader_tag& header, const EditEntry_tag& entry) {
   char* bytes = metaData.scratchFor(Scratch::transfer).reserve(header.fixedAreaSize);
@@ -251,6 +256,7 @@ Result chainGap(MetaData& metaData, const char16_t* tableName, platform::File fi
 
 Result applyMove(MetaData& metaData, const char16_t* tableName, platform::File file,
                  const TableHeader_tag& header, const EditEntry_tag& entry) {
+  assert(entry.kind == EditKind::moveObject);
   const bool fixed = header.fixedAreaSize == header.minimumObjectSize;
   ZELTA_TRY(fixed ? moveFixed(metaData, tableName, file, header, entry)
                   : moveVariable(metaData, tableName, file, header, entry));

@@ -1,5 +1,13 @@
 // The table file: the committed objects of a table. A header, the stored schema, an array of
-// 12-byte slots indexed by object ID, and the object area.
+// 12-byte slots indexed by object ID, and the object area with records and free blocks.
+//
+// A slot leads to the object's record, or, if its ID is free, to the next free ID. Its last word
+// has the number of the transaction whose commit is changing the object, and is where the object's
+// lock lies. The file changes in commits alone, each by way of a journal: transaction/commit plans
+// and writes them, table_recovery.h finishes what a dead one has left. This header has what both
+// share with those who read: records' layouts, header, slots, object locks.
+//
+// Failures carry the table's name and the extension of the file. Damage is own code 55.
 
 #ifndef ZELTA_STORAGE_TABLE_FILE_TABLE_FILE_H
 #define ZELTA_STORAGE_TABLE_FILE_TABLE_FILE_H
@@ -13,6 +21,8 @@
 
 namespace zelta {
 
+/// The header, at the beginning of the file. The last twelve fields are the intent of a commit:
+/// zero while the file is at rest.
 struct TableHeader_tag {
   char magic[4];               ///< "ZELT"
   std::uint16_t majorVersion;  ///< 1
@@ -65,7 +75,8 @@ inline constexpr std::uint16_t kPlaceholderVersion = 0xFFFF;
 inline constexpr std::uint32_t kRecordHead = 8;
 inline constexpr std::uint32_t kRecordFraming = 12;
 
-/// An entry of the table's journal.
+/// An entry of the table's journal. Entries of kind moveObject come first, then those of all other
+/// kinds, then the entries of the free chain.
 enum class EditKind : std::uint32_t {
   moveObject = 9,
   replaceObject = 10,
@@ -114,13 +125,15 @@ Result requireWhole(MetaData& metaData, const char16_t* tableName, platform::Fil
 [[nodiscard]] SystemCode lockObject(platform::File file, std::uint32_t slotBase,
                                     std::uint64_t objectID);
 SystemCode unlockObject(platform::File file, std::uint32_t slotBase, std::uint64_t objectID);
-/// Locks every object of the set; stops at the first failure and undoes what it did.
+/// Locks every object of the set, in ascending order of ID; stops at the first failure and undoes
+/// what it did.
 [[nodiscard]] SystemCode lockObjects(platform::File file, std::uint32_t slotBase,
                                      UInt64AVLTree* objects);
 /// Unlocks every object of the set and destroys the nodes.
 void unlockObjects(platform::File file, std::uint32_t slotBase, UInt64AVLTree*& objects);
 
-/// Writes a transaction's number into the slots of a set, in ascending order.
+/// Writes a transaction's number into the slots of a set, in ascending order. The caller has these
+/// objects locked.
 Result stampTransactions(MetaData& metaData, const char16_t* tableName, platform::File file,
                          std::uint32_t slotBase, UInt64AVLTree* objects, std::uint32_t transaction);
 

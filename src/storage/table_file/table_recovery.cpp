@@ -16,6 +16,7 @@
 #include "storage/table_file/table_recovery.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/file_io.h"
@@ -232,6 +233,7 @@ Result CommitRecovery::forget(std::uint64_t size) {
 }
 
 Result CommitRecovery::run() {
+  assert(header_.commitEnd != 0);
   std::uint64_t size = 0;
   ZELTA_TRY(report(platform::fileSize(file_, &size)));
   const std::uint64_t length =

@@ -1,5 +1,6 @@
 // The inner side of table_file.h: finishing a commit that was cut off, and what commit shares with
-// it.
+// it. transaction/commit/plan_execution.h is the writer whose death is dealt with here; both use
+// the same functions for the same step, so that doing it again gives the same bytes.
 
 #ifndef ZELTA_STORAGE_TABLE_FILE_TABLE_RECOVERY_H
 #define ZELTA_STORAGE_TABLE_FILE_TABLE_RECOVERY_H
@@ -13,6 +14,7 @@ Result reportTable(MetaData& metaData, const char16_t* tableName, SystemCode fai
 Result reportDamagedTable(MetaData& metaData, const char16_t* tableName, std::int64_t i1,
                           std::int64_t i2);
 
+/// Writes all 12 bytes of a slot. Nobody else may have the object locked.
 Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
                       std::uint32_t slotBase, std::uint64_t objectID, const ObjectSlot& slot);
 
@@ -20,7 +22,8 @@ Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::F
 [[nodiscard]] bool isPlausible(const TableHeader_tag& header);
 
 /// Finishes the commit whose intent stands in `header`, or forgets it if its journal is incomplete.
-/// The caller owns the table's mutex.
+/// The caller owns the table's mutex and may write. `header` is at rest after a success. A death in
+/// here leaves what can be repaired again.
 Result recoverTableCommit(MetaData& metaData, const char16_t* tableName, platform::File file,
                           TableHeader_tag& header);
 

@@ -1,6 +1,7 @@
 #include "storage/trees/key_pool.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -32,12 +33,14 @@ void KeyPool::removeSlot(std::size_t slot) { slots_[slot] = slots_[--used_]; }
 
 std::uint32_t* KeyPool::takeFixed(std::uint32_t words) {
   const std::uint32_t atLeast = std::max(words, 1u);
+  assert(used_ == 0 || !variable_);
   std::uint32_t* key = used_ != 0 ? slots_[--used_] : allocateWords(atLeast);
   key[atLeast - 1] = 0;
   return key;
 }
 
 void KeyPool::releaseFixed(std::uint32_t* key) {
+  assert(key != nullptr && (used_ == 0 || !variable_));
   variable_ = false;
   if (used_ < slots_.size()) {
     slots_[used_++] = key;
@@ -48,6 +51,7 @@ void KeyPool::releaseFixed(std::uint32_t* key) {
 
 std::uint32_t* KeyPool::takeVariable(std::uint32_t words) {
   const std::uint64_t atLeast = std::max(words, 1u);
+  assert(used_ == 0 || variable_);
   std::uint32_t* key = nullptr;
   for (std::size_t i = 0; i < used_ && key == nullptr; ++i) {
     if (capacityOf(slots_[i]) / sizeof(std::uint32_t) < atLeast) continue;
@@ -65,6 +69,7 @@ std::uint32_t* KeyPool::takeVariable(std::uint32_t words) {
 }
 
 void KeyPool::releaseVariable(std::uint32_t* key) {
+  assert(key != nullptr && (used_ == 0 || variable_));
   variable_ = true;
   if (used_ < slots_.size()) {
     slots_[used_++] = key;
@@ -105,6 +110,7 @@ ObjectKeyNode* KeyNodePool::take() {
 }
 
 void KeyNodePool::release(KeyPool& keys, KeyShape shape, ObjectKeyNode* node) {
+  assert(node != nullptr);
   keys.release(shape, node->key);
   node->key = nullptr;
   if (used_ < slots_.size()) {

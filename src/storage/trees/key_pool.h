@@ -1,4 +1,6 @@
-// Spare key buffers and key nodes, so that a steady stream of operations leaves the heap alone.
+// Spare key buffers and key nodes of a table, so that a steady stream of operations leaves the heap
+// alone. Pools own what is released to them; what was taken belongs to the taker. Taking throws
+// std::bad_alloc.
 
 #ifndef ZELTA_STORAGE_TREES_KEY_POOL_H
 #define ZELTA_STORAGE_TREES_KEY_POOL_H

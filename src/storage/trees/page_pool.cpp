@@ -16,6 +16,7 @@ constexpr std::uint32_t kLargestSpare = 8192;
 
 PageNode::~PageNode() { std::free(bytes); }
 
+/// After a failure (std::bad_alloc) the page is as it was.
 void PageNode::makeRoom(std::uint32_t wanted) {
   if (bytes == nullptr || capacity < wanted) {
     auto* fresh = static_cast<char*>(std::malloc(wanted));

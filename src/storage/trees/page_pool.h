@@ -1,4 +1,5 @@
-// Pages in memory with spare ones, so that a steady stream of operations leaves the heap alone.
+// Pages in memory with spare ones, so that a steady stream of operations leaves the heap alone. An
+// AtomicManager takes its pages here and gives them back when it is dropped.
 
 #ifndef ZELTA_STORAGE_TREES_PAGE_POOL_H
 #define ZELTA_STORAGE_TREES_PAGE_POOL_H
@@ -37,7 +38,7 @@ class PagePool {
   PagePool(const PagePool&) = delete;
   PagePool& operator=(const PagePool&) = delete;
 
-  /// A page as new, which may have room already.
+  /// A page as new, which may have room already. It belongs to the taker; throws std::bad_alloc.
   [[nodiscard]] PageNode* take();
   void release(PageNode* page);
   /// The same for every page of a tree; sets the link to null.
