@@ -1,4 +1,7 @@
-// What changes in the contents of objects, on its way into the indexes that follow them.
+// What changes in the contents of objects, on its way into the indexes that follow them (see kind.h
+// for the two families of kinds). A commit, a replay and the building of an index file all bring
+// their changes here, in ascending order of object ID within each set, and need not know which
+// kinds there are.
 
 #ifndef ZELTA_INDEX_CONTENTS_H
 #define ZELTA_INDEX_CONTENTS_H
@@ -36,15 +39,19 @@ class VersionSource {
 /// at all if there are none.
 class ContentUpdates {
  public:
-  /// Begins with each index of the manager's table that follows contents.
+  /// Begins with each index of the manager's table that follows contents. The manager, attached to
+  /// the index file, outlives the updates.
   void begin(AtomicManager& manager, ContentMode mode);
   void add(std::unique_ptr<ContentUpdate> update) { updates_.push_back(std::move(update)); }
   [[nodiscard]] bool none() const { return updates_.empty(); }
 
+  /// Hands one change to every update.
   Result change(const ContentChange& change);
-  /// All changes of a transaction: what is deleted leaves before anything else comes.
+  /// All changes of a transaction: what is deleted leaves before anything else comes, then what is
+  /// rewritten, then what is new.
   Result changeAll(const TransactionObjects& objects, VersionSource& versions);
-  /// Ends all updates.
+  /// Ends all updates: the trees have all changes then. Without it they have some of them, and the
+  /// caller drops what the manager holds.
   Result finish();
 
  private:

@@ -8,6 +8,11 @@
 // looking through its pending objects; at commit the tree follows the old and the new content of
 // every object that is added, rewritten or deleted.
 //
+// Trees are reached through IndexTree, which names the file, the root and the form of the keys; a
+// kind keeps nothing of its own between calls. All calls come under the table's mutex, with the
+// manager attached to the tree's file. Whatever a kind changes collects in the manager: if a call
+// fails, the caller drops all of it, so that a kind need not undo anything.
+//
 // kinds.cpp has the table of them all. A kind is called once for an operation, not for a key.
 
 #ifndef ZELTA_INDEX_KIND_H
@@ -45,7 +50,8 @@ struct ObjectSets {
   }
 };
 
-/// A kind with keys. The first four functions are there.
+/// A kind with keys. The first four functions are there. Keys have the shape of the tree and belong
+/// to the caller.
 struct KeyKind {
   /// Enters a key of an object. Own code 37 if the tree cannot take it beside what it has.
   Result (*insert)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
@@ -56,7 +62,7 @@ struct KeyKind {
   /// may have one key in several rows.
   Result (*count)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
                   std::uint32_t* count);
-  /// Takes the entries of objects out of a pending tree, and enters them in the committed tree
+  /// At commit and at abort: takes the entries of objects out of a pending tree, and enters them in the committed tree
   /// (null: just drops them).
   Result (*merge)(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
 

@@ -153,6 +153,7 @@ Result countEntries(const IndexTree& tree, const std::uint32_t* key, std::uint64
 
 Result mergeEntries(const IndexTree& pending, const ObjectSets& objects,
                     const IndexTree* committed) {
+  assert(committed == nullptr || committed->index() == pending.index());
   const KeyKind* kind = keyKindOf(pending);
   return kind == nullptr ? unservedKind(pending) : kind->merge(pending, objects, committed);
 }

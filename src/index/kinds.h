@@ -1,5 +1,7 @@
-// The kinds of index, reached through one dispatch by `indexKind`. What is not there answers own
-// error 8, or 19 for a number that no kind has, and changes nothing.
+// The kinds of index, reached through one dispatch by `indexKind`: the floors above call these
+// functions and never a kind's own. kind.h says what each has to do, and what must hold when it is
+// called. What is not there answers own error 8, or 19 for a number that no kind has, and changes
+// nothing.
 
 #ifndef ZELTA_INDEX_KINDS_H
 #define ZELTA_INDEX_KINDS_H

@@ -2,6 +2,12 @@
 // in the memory file the keys that running transactions have added. A key leads to one object; no
 // key stands in a tree twice.
 //
+// Invariants: keys ascend within a node and from leaf to leaf; leaves are linked in both directions
+// and never empty; a branch has one child more than keys (separators), and all keys below child i
+// are at or above separator i - 1 and below separator i. A separator need not be a key that is
+// there. All leaves lie at one depth. node.h has the bytes of a node, walk.h the pages and paths,
+// and each operation a file: insert, remove, merge at commit, cursor.
+//
 // Failures name the table and the index.
 
 #ifndef ZELTA_INDEX_BTREE_BTREE_H

@@ -1,5 +1,7 @@
 #include "index/btree/cursor.h"
 
+#include <cassert>
+
 namespace zelta {
 
 BPlusCursor::BPlusCursor(const IndexTree& tree, PageRole role)
@@ -10,6 +12,8 @@ Result BPlusCursor::corrupted() {
   return pages_.corrupted();
 }
 
+/// Takes a node into the cursor's buffer. The keys of a variable node are checked one by one, as
+/// they are reached.
 Result BPlusCursor::load(std::uint64_t position) {
   TreePage page;
   ZELTA_TRY(pages_.view(position, role_, &page));
@@ -24,12 +28,14 @@ Result BPlusCursor::load(std::uint64_t position) {
 /// Stands on an entry of the leaf, whose key's place is 0 if it is broken.
 Result BPlusCursor::place(std::uint32_t entry, std::uint32_t offset) {
   if (offset == 0) return corrupted();
+  assert(node_.leaf() && entry < node_.count());
   entry_ = entry;
   offset_ = offset;
   valid_ = true;
   return {};
 }
 
+/// Follows the pivot, or the edge of the tree, down to a leaf.
 Result BPlusCursor::descend(CZELTA::Mode mode, const std::uint32_t* pivot) {
   std::uint64_t position = pages_.tree().root();
   for (std::uint32_t depth = 0; depth < IndexTree::kMaximumDepth; ++depth) {
@@ -56,6 +62,7 @@ Result BPlusCursor::seek(CZELTA::Mode mode, const std::uint32_t* pivot) {
   if (mode == CZELTA::ReadFirst) return place(0);
   if (mode == CZELTA::ReadLast) return place(node_.count() - 1);
 
+  assert(pivot != nullptr);
   const bool orEqual = mode != CZELTA::ReadLess && mode != CZELTA::ReadGreater;
   const bool up = mode == CZELTA::ReadGreater || mode == CZELTA::ReadGreaterEqual;
   const BPlusNode::Place found = node_.lower(pivot);

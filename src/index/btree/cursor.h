@@ -1,4 +1,6 @@
-// Reading a B+Tree in the order of its keys.
+// Reading a B+Tree in the order of its keys: the only way in which the floors above look into it.
+// Every link and every key is checked when it is reached, since a reader without the mutex may meet
+// a tree that is just being changed; the number of leaves that are entered has a bound.
 
 #ifndef ZELTA_INDEX_BTREE_CURSOR_H
 #define ZELTA_INDEX_BTREE_CURSOR_H
@@ -20,7 +22,8 @@ class BPlusCursor {
   /// Goes to the entry that a read mode (ReadEqual to ReadLast, without flags) means; `pivot` is
   /// not used by ReadFirst and ReadLast. Without such an entry the cursor is not valid().
   Result seek(CZELTA::Mode mode, const std::uint32_t* pivot);
-  /// Goes one entry on, in ascending order with `up`.
+  /// Goes one entry on, in ascending order with `up`. Behind the last one the cursor is not
+  /// valid().
   Result next(bool up);
 
   /// Gives the entry up.
@@ -32,9 +35,11 @@ class BPlusCursor {
   [[nodiscard]] std::uint64_t objectID() const { return node_.objectID(entry_); }
 
  private:
+  /// Gives the entry up and reports damage.
   Result corrupted();
   Result load(std::uint64_t position);
   Result descend(CZELTA::Mode mode, const std::uint32_t* pivot);
+  /// Goes to the end at hand of the next leaf, which must lead back to this one.
   Result enterNeighbour(bool up);
   Result place(std::uint32_t entry) { return place(entry, node_.keyOffset(entry)); }
   Result place(std::uint32_t entry, std::uint32_t offset);

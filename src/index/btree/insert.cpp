@@ -1,5 +1,7 @@
 #include "index/btree/insert.h"
 
+#include <cassert>
+
 #include "index/btree/split.h"
 #include "index/btree/walk.h"
 
@@ -7,6 +9,11 @@ namespace zelta {
 
 namespace {
 
+/// One key on its way into the tree. A leaf that is full is split, the new node's separator goes
+/// into the parent, which may be full as well, and so on; above the root a new one is made.
+///
+/// A split is written bottom up, the new node before the old one. That is for order only: the
+/// manager holds all of it until a flush brings it into the file as a whole.
 class Insertion {
  public:
   explicit Insertion(BPlusWalk& walk) : walk_(walk) {}
@@ -14,11 +21,15 @@ class Insertion {
   Result run(const std::uint32_t* key, std::uint64_t objectID);
 
  private:
+  /// The first leaf of an empty tree.
   Result makeRoot(const std::uint32_t* key, std::uint64_t objectID);
   Result splitUpward(BPlusNode& node, BPlusPending pending);
+  /// Splits one node and leaves its two halves in `lower_`, `upper_` and a separator.
   Result split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending);
+  /// Puts a new leaf into the chain of leaves, on its side of the old one.
   Result linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode& fresh,
                      std::uint64_t freshPosition, bool freshIsLower);
+  /// Makes a root over the two halves of the old one.
   Result splitRoot();
 
   BPlusWalk& walk_;
@@ -27,8 +38,8 @@ class Insertion {
   // What a split hands to the level above
   std::uint64_t lower_ = 0;
   std::uint64_t upper_ = 0;
-  BPlusKeyCopy separators_[2];
-  std::uint32_t turn_ = 0;
+  BPlusKeyCopy separators_[2];  ///< the one being entered, and the one that its split makes
+  std::uint32_t turn_ = 0;      ///< which of them is the newer one
 };
 
 Result Insertion::run(const std::uint32_t* key, std::uint64_t objectID) {
@@ -85,6 +96,7 @@ Result Insertion::splitUpward(BPlusNode& node, BPlusPending pending) {
 Result Insertion::split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending) {
   const BPlusSplit plan = planSplit(node, pending, edge_, walk_.tree.pageSize());
   if (!plan.possible) return walk_.corrupted();
+  assert(plan.lower <= node.count());
   BPlusNode fresh;
   std::uint64_t freshPosition = 0;
   ZELTA_TRY(walk_.allocate(plan.newBytes, node.leaf(), PageRole::sibling, fresh, &freshPosition));
@@ -127,6 +139,7 @@ Result Insertion::linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode
 }
 
 Result Insertion::splitRoot() {
+  assert(lower_ != 0 && upper_ != 0);
   const std::uint32_t* separator = separators_[turn_].get();
   const std::uint64_t bytes =
       bplusFirstNodeBytes(walk_.format, walk_.tree.pageSize(), walk_.format.words(separator));

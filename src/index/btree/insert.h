@@ -9,7 +9,8 @@
 
 namespace zelta {
 
-/// Own code 37 if the key is there already.
+/// Enters a key with its object. Own code 37 if the key is there already, whoever has it. After any
+/// other failure the tree may be half changed: the caller drops what the manager holds.
 Result bplusInsert(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
 
 }  // namespace zelta

@@ -1,5 +1,7 @@
 #include "index/btree/join.h"
 
+#include <cassert>
+
 namespace zelta {
 
 namespace {
@@ -17,11 +19,13 @@ std::uint64_t joinedUse(const BPlusNode& left, const BPlusNode& right,
   return left.format().variable ? used + 8 : used;
 }
 
+/// Appends the right node to the left one; in a branch the separator comes down between them.
 void joinIntoLeft(BPlusNode& left, const BPlusNode& right, const std::uint32_t* separator) {
   if (!left.leaf()) left.append(separator, right.child(0));
   left.append(right, 0, right.count());
 }
 
+/// Puts the left node in front of the right one, whose old contents are in a copy.
 void joinIntoRight(const BPlusNode& left, BPlusNode& right, const BPlusNode& oldRight,
                    const std::uint32_t* separator) {
   right.clear();
@@ -41,12 +45,14 @@ Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BP
   if (left.leaf() != right.leaf() || pair.leftPosition == pair.rightPosition) {
     return walk.corrupted();
   }
+  assert(!parent.leaf() && number < parent.count());
   const bool keepLeft = pair.leftPosition < pair.rightPosition;
   const std::uint64_t usable = keepLeft ? left.usable() : right.usable();
   const std::uint32_t* separator = parent.key(number);
   if (joinedUse(left, right, separator) * 100 >= usable * kJoined) return {};
   if (left.count() + right.count() + 1 > kMaximumCount) return {};
 
+  // The leaves around them lead to the one that stays.
   if (left.leaf()) {
     const std::uint64_t previous = left.previous();
     const std::uint64_t next = right.next();

@@ -1,4 +1,5 @@
-// Two neighbouring nodes become one.
+// Two neighbouring nodes become one (coalescing), and a root that has become superfluous goes.
+// Shared by removal, which does it for one path, and merge, which does it for whole branches.
 
 #ifndef ZELTA_INDEX_BTREE_JOIN_H
 #define ZELTA_INDEX_BTREE_JOIN_H

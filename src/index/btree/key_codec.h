@@ -1,5 +1,9 @@
 // How keys stand in a node, one behind the other: their lengths and their order. A node asks once
 // which codec its keys have, and goes through them with that one.
+//
+// A codec says how many bytes a key takes, whether one can begin where so many bytes are left, and
+// how two compare; kEqualLengths, whether the place of a key follows from its number. fits() has to
+// be asked before bytes() of a key that comes from a file.
 
 #ifndef ZELTA_INDEX_BTREE_KEY_CODEC_H
 #define ZELTA_INDEX_BTREE_KEY_CODEC_H

@@ -10,6 +10,12 @@ namespace zelta {
 
 namespace {
 
+/// Walks the pending tree depth first. Of each leaf the entries of the objects go into the
+/// committed tree, the others stay; a leaf without any is freed, and branches with it. On the way
+/// up separators follow the first keys below them, and underfull children are joined.
+///
+/// The walk may use the buffers of all roles, and so does entering a key in the other tree:
+/// whatever is used across a call of either is loaded again, or is held by the manager.
 class Merge {
  public:
   Merge(BPlusWalk& walk, const ObjectSets& objects, const IndexTree* committed)
@@ -30,7 +36,7 @@ class Merge {
   VisitBound bound_;
   const ObjectSets& objects_;
   const IndexTree* committed_;
-  bool changed_ = false;
+  bool changed_ = false;  ///< below the node at hand; of the whole tree in the end
 };
 
 Result Merge::run() {
@@ -59,6 +65,7 @@ Result Merge::visit(std::uint64_t position, std::uint32_t depth, bool* emptied,
   return {};
 }
 
+/// Enters the entries that go in the committed tree, then rewrites the leaf with those that stay.
 Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) {
   std::uint32_t first = 0;
   while (first < leaf.count() && !objects_.contain(leaf.objectID(first))) ++first;
@@ -87,6 +94,7 @@ Result Merge::mergeLeaf(std::uint64_t position, BPlusNode& leaf, bool* emptied) 
   return walk_.free(position, old.size());
 }
 
+/// The branch is loaded anew after each child: what happens below may use its buffer.
 Result Merge::mergeBranch(std::uint64_t position, std::uint32_t depth, bool* emptied,
                           BPlusKeyCopy& first) {
   BPlusNode branch;
@@ -150,6 +158,7 @@ Result Merge::joinAll(std::uint64_t position) {
   }
 }
 
+/// Frees a node and all that lies below it.
 Result dropNode(BPlusWalk& walk, VisitBound& bound, std::uint64_t position, std::uint32_t depth) {
   if (!bound.enter(depth)) return walk.corrupted();
   BPlusNode node;

@@ -11,7 +11,8 @@ namespace zelta {
 /// just drops them).
 Result bplusMerge(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
 
-/// Frees all nodes of a tree; its root becomes 0.
+/// Frees all nodes of a tree, of which nothing is kept; its root becomes 0. An empty tree is no
+/// failure.
 Result bplusDropTree(const IndexTree& tree);
 
 }  // namespace zelta

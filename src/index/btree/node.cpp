@@ -65,7 +65,10 @@ void BPlusNode::makeEmpty(TreePage page, std::uint32_t size, bool leaf, const No
   changeCounts(0, format.head(leaf));
 }
 
+/// Takes over what a change has made of the node, in the page as well. The only place that writes
+/// count and free words.
 void BPlusNode::changeCounts(std::uint32_t entries, std::uint32_t keyEnd) {
+  assert(entries <= kMaximumCount && keyEnd <= size_);
   count_ = entries;
   keyEnd_ = keyEnd;
   freeBytes_ = size_ - keyEnd - format_.pointerBytes(leaf_) * pointerCount();
@@ -231,6 +234,7 @@ void BPlusNode::erase(std::uint32_t number, std::uint32_t pointerNumber) {
 
 bool BPlusNode::replaceKey(std::uint32_t number, const std::uint32_t* key) {
   const std::uint32_t offset = keyOffset(number);
+  assert(number < count_ && offset != 0);
   const std::uint32_t oldBytes = format_.words(keyAt(offset)) * 4;
   const std::uint64_t newBytes = std::uint64_t{format_.words(key)} * 4;
   if (newBytes > std::uint64_t{oldBytes} + freeBytes_) return false;

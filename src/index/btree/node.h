@@ -1,5 +1,13 @@
-// The bytes of a B+Tree's nodes. Keys grow from the front, pointers (object IDs in a leaf, child
-// positions in a branch) from the back; what lies between is zero. Nothing here knows of files.
+// The bytes of a B+Tree's nodes. Nothing here knows of files: walk.h brings the pages.
+//
+//   all nodes       0 size (32 bits), 4 tag (16), 6 count of keys (16)
+//   leaf            8 previous leaf (64), 16 next leaf (64)
+//   variable keys   the last four bytes of the head: free words between keys and pointers
+//   from the head   keys, in ascending order, one behind the other
+//   from the end    pointers, the first one last: object IDs in a leaf, positions of children (64) in
+//                   a branch, which has one more of them than keys
+//
+// What lies between keys and pointers is zero.
 
 #ifndef ZELTA_INDEX_BTREE_NODE_H
 #define ZELTA_INDEX_BTREE_NODE_H
@@ -29,7 +37,8 @@ struct NodeFormat : TreeShape {
   }
 };
 
-/// A node in a page. Before anything else is asked, attach() must have found them sound.
+/// A node in a page: a view, which owns nothing and is good as long as the page is. Before anything
+/// else is asked, attach() must have found them sound.
 class BPlusNode {
  public:
   enum class State {

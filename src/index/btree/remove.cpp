@@ -15,6 +15,10 @@ constexpr std::uint32_t kRedistribute = 10;
 constexpr std::uint32_t kManyKeys = 6;
 constexpr std::uint32_t kMaximumCount = 0xFFFF;
 
+/// One key on its way out. The path from the root is kept; behind the change the way goes up once,
+/// and at each level the node at hand is taken out, joined with a sibling, refilled from one, or
+/// left. A separator that equals the removed key is exchanged for the next key, so that all
+/// separators that are equal to a key name one that is there.
 class Removal {
  public:
   explicit Removal(BPlusWalk& walk) : walk_(walk) {}
@@ -22,7 +26,9 @@ class Removal {
   Result run(const std::uint32_t* key, std::uint64_t objectID);
 
  private:
+  /// Takes the key out of a leaf that has others.
   Result removeEntry(BPlusNode& leaf, std::uint32_t number);
+  /// The key was the leaf's last one: the leaf goes.
   Result removeLeaf(BPlusNode& leaf);
   Result dropChild(bool* vanished);
   Result rebalanceUpward(bool vanished);

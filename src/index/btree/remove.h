@@ -9,8 +9,8 @@
 
 namespace zelta {
 
-/// Own code 32 if the key is not there, or belongs to another object. An empty tree has nothing to
-/// remove: success.
+/// Takes a key out. Own code 32 if the key is not there, or belongs to another object. An empty
+/// tree has nothing to remove: success.
 Result bplusRemove(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
 
 }  // namespace zelta

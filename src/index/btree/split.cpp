@@ -1,6 +1,7 @@
 #include "index/btree/split.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace zelta {
 
@@ -43,6 +44,7 @@ std::uint64_t fixedShare(std::uint64_t keys, std::uint64_t oldBytes, std::uint64
   return keys * newBytes / (oldBytes + newBytes);
 }
 
+/// All keys have one length, so that numbers of keys are all that counts.
 BPlusSplit planFixed(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
                      std::uint32_t pageSize) {
   const NodeFormat& format = node.format();
@@ -64,6 +66,7 @@ BPlusSplit planFixed(const BPlusNode& node, const BPlusPending& pending, BPlusEd
   return split;
 }
 
+/// Size of the new node of a split that takes so many words and keys.
 std::uint64_t variableNewBytes(const BPlusNode& node, std::uint64_t words, std::uint64_t keys,
                                std::uint32_t pageSize) {
   const NodeFormat& format = node.format();
@@ -94,6 +97,7 @@ std::uint32_t variableLeafShare(const BPlusNode& node, const BPlusPending& pendi
   return node.count();
 }
 
+/// The same for a branch, by numbers of keys alone.
 std::uint32_t variableBranchShare(const BPlusNode& node, BPlusEdge edge) {
   const std::uint32_t keys = node.count() + 1;
   std::uint32_t lower = keys / 2;
@@ -102,6 +106,8 @@ std::uint32_t variableBranchShare(const BPlusNode& node, BPlusEdge edge) {
   return std::clamp(lower, 1u, keys - 1);
 }
 
+/// The halves are weighed by their words. The new node may be as large as it must; the old one
+/// keeps its size, and so gets the half that fits it.
 BPlusSplit planVariable(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
                         std::uint32_t pageSize) {
   BPlusSplit split;
@@ -147,6 +153,7 @@ BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending, BPlusEd
 
 void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending& pending,
                   std::uint32_t from, std::uint32_t to) {
+  assert(from <= to && to <= source.count() + 1);
   target.append(source, from, std::min(to, pending.number));
   if (from <= pending.number && pending.number < to) target.append(pending.key, pending.pointer);
   const std::uint32_t behind = std::max(from, pending.number + 1);

@@ -1,4 +1,6 @@
-// Where a full node is divided.
+// Where a full node is divided. Planning reads and writes nothing but its result: insert.cpp
+// carries it out. A run of ascending or descending keys is recognised by the edge of the tree that
+// it works at, and leaves well filled nodes behind.
 
 #ifndef ZELTA_INDEX_BTREE_SPLIT_H
 #define ZELTA_INDEX_BTREE_SPLIT_H
@@ -30,14 +32,16 @@ struct BPlusSplit {
   bool possible = false;       ///< false: no division fits, the node must be damaged
 };
 
-/// Sizes of nodes, rounded to whole pages.
+/// Bytes of a first node (a leaf of an empty tree, a root), rounded to whole pages, with room for a
+/// key of `keyWords` words and some of the expected length.
 [[nodiscard]] std::uint64_t bplusFirstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
                                                 std::uint32_t keyWords);
 
+/// Where to divide a node that has no room for `pending`.
 [[nodiscard]] BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending,
                                    BPlusEdge edge, std::uint32_t pageSize);
 
-/// Entries [from, to) of the node's entries together with the pending one.
+/// Appends entries [from, to) of the node's entries together with the pending one.
 void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending& pending,
                   std::uint32_t from, std::uint32_t to);
 /// The key with this number among them, and in a branch the child behind it.

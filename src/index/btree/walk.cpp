@@ -1,5 +1,7 @@
 #include "index/btree/walk.h"
 
+#include <cassert>
+
 namespace zelta {
 
 void BPlusKeyCopy::assign(const NodeFormat& format, const std::uint32_t* key) {
@@ -13,6 +15,7 @@ void BPlusKeyCopy::assign(const NodeFormat& format, const std::uint32_t* key) {
 BPlusWalk::BPlusWalk(const IndexTree& treeOf, Purpose purpose)
     : tree(treeOf), format{treeOf.shape()}, pages_(treeOf, Own::bPlusTree), purpose_(purpose) {}
 
+/// Which code a damaged node is reported with depends on the operation and on what is wrong.
 Result BPlusWalk::damaged(BPlusNode::State state, bool leaf) const {
   if (state == BPlusNode::State::badKeys && purpose_ == Purpose::insert) {
     return tree.fileDamaged(code::kFileCorrupt);
@@ -97,6 +100,7 @@ BPlusNode BPlusWalk::copyAside(const BPlusNode& node) {
 
 Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, PageRole role,
                              std::uint64_t bytes) {
+  assert(!node.leaf() && level < path.depth);
   const BPlusNode old = copyAside(node);
   const std::uint64_t wanted = old.size() + bytes;
   const std::uint64_t size = (wanted + tree.pageSize() - 1) / tree.pageSize() * tree.pageSize();

@@ -1,8 +1,11 @@
 // One operation's way through a B+Tree: nodes by their positions, and the path from the root.
+// Insert, remove, merge and join all load and store nodes here, so that a page is checked in one
+// place and a damaged one is reported with the code that its operation is to answer with.
 
 #ifndef ZELTA_INDEX_BTREE_WALK_H
 #define ZELTA_INDEX_BTREE_WALK_H
 
+#include <cassert>
 #include <cstdint>
 #include <memory>
 
@@ -36,9 +39,15 @@ struct BPlusPath {
   std::uint32_t equalLevel = kMaximumDepth;
   std::uint32_t equalSeparator = 0;
 
-  [[nodiscard]] std::uint32_t last() const { return depth - 1; }
+  /// The level of the node itself; the root has level 0.
+  [[nodiscard]] std::uint32_t last() const {
+    assert(depth != 0);
+    return depth - 1;
+  }
 };
 
+/// Loads, changes and stores nodes of one tree. A node is good until another one takes the buffer
+/// of its role; one that was changed counts only once it is stored.
 class BPlusWalk {
  public:
   /// Tells which code a damaged node is reported with.
@@ -46,15 +55,19 @@ class BPlusWalk {
 
   BPlusWalk(const IndexTree& tree, Purpose purpose);
 
+  /// Takes a node into the buffer of `role`. All of it is checked; a leaf has a key at least.
   Result load(std::uint64_t position, BPlusNode& node, PageRole role);
   /// The same for a node that is only looked at, until the manager is used again. Variable keys may
   /// turn out broken.
   Result look(std::uint64_t position, BPlusNode& node);
+  /// The same for what must be a leaf.
   Result loadLeaf(std::uint64_t position, BPlusNode& node, PageRole role);
   /// Puts a changed node; `node` leads to the page's own bytes afterwards, if there are such.
   Result store(std::uint64_t position, BPlusNode& node);
+  /// Makes an empty node of `size` bytes, which whole pages must be. Its position is `*position`.
   Result allocate(std::uint64_t size, bool leaf, PageRole role, BPlusNode& node,
                   std::uint64_t* position);
+  /// Gives a node's page up.
   Result free(std::uint64_t position, std::uint32_t size) { return pages_.free(position, size); }
   /// Follows `key` down to its leaf, which is loaded into the node buffer.
   Result descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& leaf);
@@ -75,6 +88,7 @@ class BPlusWalk {
 
   Result corrupted() const { return pages_.corrupted(); }
 
+  /// Position of the root, 0 for an empty tree. Setting it is all that a new root takes.
   [[nodiscard]] std::uint64_t& root() const { return tree.root(); }
 
   const IndexTree tree;

@@ -1,6 +1,7 @@
 #include "index/file/index_build.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "czelta.h"
@@ -23,6 +24,7 @@ IndexBuild::~IndexBuild() {
 }
 
 Result IndexBuild::start() {
+  assert(firstPage_ == 0 && table_.indexFile != platform::File::none);
   ZELTA_TRY(checkIndexKinds(table_));
   const std::uint32_t pageSize = indexPageSize(table_, &firstPage_);
   static_cast<PagedFileHeader&>(header_) = newPagedHeader(kIndexForm, table_, pageSize);
@@ -46,6 +48,7 @@ Result IndexBuild::start() {
 }
 
 Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64_t objectID) {
+  assert(firstPage_ != 0 && !finished_);
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
     if (contentKind(table_, i) != nullptr) continue;
     const IndexTree tree(manager_, PageFile::index, i);
@@ -67,6 +70,7 @@ Result IndexBuild::add(const char* object, std::uint32_t objectSize, std::uint64
 }
 
 Result IndexBuild::finish() {
+  assert(firstPage_ != 0 && !finished_);
   ZELTA_TRY(contents_.finish());
   ZELTA_TRY(manager_.writeHeldIndexPages());
   std::uint64_t end = 0;

@@ -1,5 +1,7 @@
-// Building an index file from the objects of its table. The header comes first, with a journal that
-// has no end: whoever finds that gives the file up and builds again.
+// Building an index file from the objects of its table: for a new table, and for one whose index
+// file is missing or was left unfinished. There is no journal, since there is nothing to go back
+// to: the header comes first, with a journal that has no end, and whoever finds that gives the file
+// up and builds again. The file is one only when the last write of finish() has cleared that.
 
 #ifndef ZELTA_INDEX_FILE_INDEX_BUILD_H
 #define ZELTA_INDEX_FILE_INDEX_BUILD_H
@@ -16,7 +18,8 @@ namespace zelta {
 class AtomicManager;
 
 /// Builds the file of the manager's table, which is open and empty, and gives its roots to the
-/// manager. `tableHeader` may be null, it is read then.
+/// manager. `tableHeader` may be null, it is read then. Under the table's mutex, with leave to
+/// write. Code 33: an object waits for its content from the log (Table::buildWaitsFor has its ID).
 Result buildIndexFile(AtomicManager& manager, const TableHeader_tag* tableHeader,
                       IndexFileHeader_tag& header);
 
@@ -33,11 +36,13 @@ class IndexBuild {
   IndexBuild(const IndexBuild&) = delete;
   IndexBuild& operator=(const IndexBuild&) = delete;
 
-  /// Writes the header into the empty file that the table has open.
+  /// Writes the header into the empty file that the table has open, and begins all trees. Before
+  /// add().
   Result start();
-  /// Enters an object in all indexes.
+  /// Enters an object in all indexes. The bytes are good during the call; own code 39: they are no
+  /// object of the table.
   Result add(const char* object, std::uint32_t objectSize, std::uint64_t objectID);
-  /// Completes the file.
+  /// Completes the file: pages, free space and roots, flush, then the header at rest, flush.
   Result finish();
 
  private:
@@ -46,7 +51,7 @@ class IndexBuild {
   AtomicManager& manager_;
   IndexFileHeader_tag& header_;
   ContentUpdates contents_;
-  std::uint64_t firstPage_ = 0;
+  std::uint64_t firstPage_ = 0;  ///< where pages begin; 0: not started
   bool finished_ = false;
 };
 

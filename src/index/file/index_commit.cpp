@@ -1,5 +1,7 @@
 #include "index/file/index_commit.h"
 
+#include <cassert>
+
 #include "czelta.h"
 #include "index/kinds.h"
 #include "platform/file_io.h"
@@ -17,6 +19,7 @@ namespace {
 Result commitKeys(AtomicManager& manager, std::uint32_t index, const ObjectSets& objects) {
   const IndexTree committed(manager, PageFile::index, index);
   const IndexTree pending(manager, PageFile::memory, index);
+  // What leaves comes first: a key may be given up by one object and taken by another.
   const IndexCursor& cursor = manager.table.indexStates[index];
   avl::Walk<ObjectKeyNode> removed(cursor.removedKeys);
   while (const ObjectKeyNode* node = removed.next()) {
@@ -35,6 +38,7 @@ Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header,
                      const TransactionObjects& objects, VersionSource& versions, bool flush) {
   const std::uint32_t indexCount = manager.indexCount;
   if (indexCount == 0) return {};
+  assert(manager.indexFile != platform::File::none);
   // Asked first: a kind without functions must not leave the others half changed.
   ZELTA_TRY(checkIndexKinds(manager.table));
   manager.holdIndexPages();

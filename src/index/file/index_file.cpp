@@ -1,6 +1,7 @@
 #include "index/file/index_file.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "frame/control_file.h"
@@ -60,6 +61,7 @@ bool isUnfinishedStart(const char* bytes, std::uint32_t have) {
                      std::min<std::size_t>(have, sizeof(kIndexForm.magic))) == 0;
 }
 
+/// What must be right before even a repair may trust the header.
 Result checkHeader(const AtomicManager& manager, const IndexFileHeader_tag& header) {
   const Table& table = manager.table;
   if (!hasMagic(kIndexForm, header) || header.indexCount != table.indexCount) {
@@ -76,6 +78,7 @@ Result checkHeader(const AtomicManager& manager, const IndexFileHeader_tag& head
   return {};
 }
 
+/// Gives the roots of a header at rest to the manager.
 Result takeRoots(const IndexFileHeader_tag& header, PagedHeaderImage& image,
                  AtomicManager& manager) {
   if (header.endOfFile < kIndexForm.headerSize(manager.indexCount)) {
@@ -104,7 +107,9 @@ class Opening {
   Result attempt(const TableHeader_tag* tableHeader, Outcome* outcome);
 
  private:
+  /// What is done with a file that has no bytes: it is built, if the caller may write.
   Result empty(const TableHeader_tag* tableHeader);
+  /// The header has a journal that stands: it is dealt with, and the header read again.
   Result repair(Outcome* outcome);
 
   MetaData& metaData_;
@@ -149,7 +154,9 @@ Result Opening::empty(const TableHeader_tag* tableHeader) {
   return buildIndexFile(manager_, tableHeader, header_);
 }
 
+/// Behind a repair everything is read anew.
 Result Opening::repair(Outcome* outcome) {
+  assert(header_.newEndOfFile != 0);
   if (!exclusive_) {
     return reportError(&metaData_, Own::notWritable, table_.cName(), extension::kIndex);
   }

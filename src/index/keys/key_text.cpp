@@ -32,6 +32,7 @@ unsigned sequenceSize(const unsigned char* at, std::uint64_t left) {
   return size;
 }
 
+/// The character of a sequence of `size` bytes, as sequenceSize() has found it.
 Character narrowAt(const unsigned char* at, unsigned size) {
   if (size == 1) return {at, 1, *at < 0x80 ? char32_t{*at} : kNoCharacter};
   char32_t value = *at & (0x7Fu >> size);
@@ -48,6 +49,7 @@ bool isPair(const unsigned char* at) {
   return first >= 0xDC00 && first <= 0xDFFF && second >= 0xD800 && second <= 0xDBFF;
 }
 
+/// The character of a unit, or of a pair as isPair() has found it. Bytes, not units, are counted.
 Character wideAt(const unsigned char* at, unsigned size) {
   if (size == 2) return {at, 2, unitAt(at)};
   return {at, 4, 0x10000 + ((unitAt(at + 2) - 0xD800) << 10) + (unitAt(at) - 0xDC00)};

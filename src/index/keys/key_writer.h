@@ -1,15 +1,18 @@
-// The payload of a key as a string of bytes, earlier bytes counting more.
+// The payload of a key as a string of bytes, earlier bytes counting more. Segments append to it one
+// after the other; keys.cpp turns the bytes into words that compare as the bytes do.
 
 #ifndef ZELTA_INDEX_KEYS_KEY_WRITER_H
 #define ZELTA_INDEX_KEYS_KEY_WRITER_H
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
 namespace zelta {
 
-/// Writes into a buffer of fixed size. Behind its end it goes on counting and writes nothing.
+/// Writes into a buffer of fixed size. Behind its end it goes on counting and writes nothing, so
+/// that a caller that was wrong about the size finds out by overrun() and nothing is harmed.
 class KeyWriter {
  public:
   KeyWriter(unsigned char* buffer, std::uint64_t capacity) : buffer_(buffer), capacity_(capacity) {}
@@ -34,6 +37,7 @@ class KeyWriter {
   }
   /// Takes the last bytes away.
   void cut(std::uint64_t bytes) {
+    assert(bytes <= size_);
     size_ -= bytes;
     for (std::uint64_t i = size_; i < size_ + bytes && i < capacity_; ++i) buffer_[i] = 0;
   }

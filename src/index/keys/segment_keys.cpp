@@ -14,6 +14,7 @@ namespace {
 using Field = CZELTA::Schema::Field;
 using Segment = CZELTA::Schema::Segment;
 
+/// Bytes of a text up to its terminator, or as far as it may be read.
 std::uint64_t narrowLength(const SegmentValue& value) {
   const void* end = value.left == 0 ? nullptr : std::memchr(value.at, 0, value.left);
   return end == nullptr ? value.left
@@ -83,6 +84,7 @@ void writeFloat(const Field& field, const SegmentValue& value, bool descending, 
   out.putNumber(ascending, negative && field.fieldType == CZELTA::TypeDouble ? 7 : bytes);
 }
 
+/// Appends a value of a fixed type, so that its bytes compare as its values do.
 void writeFixed(const Field& field, const SegmentValue& value, bool descending, KeyWriter& out) {
   const unsigned bytes = field.fieldSize;
   if (field.fieldType == CZELTA::TypeFloat || field.fieldType == CZELTA::TypeDouble) {
@@ -278,6 +280,7 @@ Result SegmentKey<Source>::make(std::uint64_t objectID, std::uint32_t** keyOut) 
     return reportSystemError(&metaData_, code::kBufferTooSmall, nullptr, nullptr, number_ + 1,
                              static_cast<std::int64_t>(objectID));
   }
+  // The payload was written as bytes; words are compared, so the first byte has to count most.
   for (std::uint32_t i = start; i < words; ++i) key[i] = __builtin_bswap32(key[i]);
   *keyOut = key;
   return {};

@@ -1,6 +1,8 @@
 // One tree of an index: each index has a committed tree in the table's index file, and those with
 // keys have a pending one in its memory file, for the keys that running transactions have added.
-
+//
+// Nothing is opened or read by making an IndexTree: it is a name, with the reports that all kinds
+// share. tree_pages.h brings the pages of the tree.
 #ifndef ZELTA_INDEX_TREE_INDEX_TREE_H
 #define ZELTA_INDEX_TREE_INDEX_TREE_H
 
@@ -16,6 +18,7 @@ struct TreeShape {
   std::uint32_t keyWords = 0;  ///< length of a fixed key; of a variable one only an expectation
   std::uint32_t idBytes = 4;   ///< width of an object ID
 
+  /// Words of a key, the one with its length included.
   [[nodiscard]] std::uint32_t words(const std::uint32_t* key) const {
     return variable ? key[0] : keyWords;
   }

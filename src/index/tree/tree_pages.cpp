@@ -1,5 +1,6 @@
 #include "index/tree/tree_pages.h"
 
+#include <cassert>
 #include <cstring>
 
 namespace zelta {
@@ -14,6 +15,7 @@ constexpr std::uint64_t kLargestPage = 0x7FFFFFFF;
 Result TreePages::store(std::uint64_t position, TreePage* page, bool* moved) const {
   char* held = nullptr;
   ZELTA_TRY(tree_.manager().writePage(tree_.file(), position, page->bytes(), &held));
+  assert(position != 0);
   *moved = held != nullptr && held != page->bytes();
   if (*moved) *page = TreePage(held);
   return {};
@@ -36,6 +38,7 @@ Result TreePages::free(std::uint64_t position, std::uint32_t size) const {
 
 TreePage TreePages::copyAside(const char* bytes, std::uint32_t size) const {
   PageBuffer& aside = buffer(PageRole::spare);
+  assert(bytes != aside.data());
   char* copy = aside.lease().reserve(size);
   std::memcpy(copy, bytes, size);
   return TreePage(copy, &aside);

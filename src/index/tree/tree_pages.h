@@ -49,6 +49,8 @@ class TreePage {
 #endif
 };
 
+/// Brings the pages of one tree. A page that is handed out is good until its role gets the next
+/// one; `position` 0 and a page that is none are damage of the tree.
 class TreePages {
  public:
   /// `damage`: the code that a link to no page is reported with.
@@ -79,6 +81,7 @@ class TreePages {
   Result store(std::uint64_t position, TreePage* page, bool* moved) const;
   /// A new page of zeros with its size in the first word. System code 8: there is no such size.
   Result allocate(std::uint64_t size, PageRole role, std::uint64_t* position, TreePage* page) const;
+  /// Gives a page up, whose size is the one that it states. Copies of it must not be used any more.
   Result free(std::uint64_t position, std::uint32_t size) const;
   /// Copies a page to the buffer of `spare`, so that its own bytes can be filled anew.
   [[nodiscard]] TreePage copyAside(const char* bytes, std::uint32_t size) const;
