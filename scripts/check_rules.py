@@ -9,9 +9,9 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 MAX_FILE_LINES = 700
 MAX_FILE_BYTES = 1 << 20
 
-# The floors of src, the lowest first. Each may include itself and what lies below it. What a floor
-# needs from above it declares in its upcalls.h, and the upper floor defines it.
-FLOORS = ("platform", "frame", "storage", "schema", "index", "objects", "transaction", "api", "check")
+# The layers of src, the lowest first. Each may include itself and what lies below it. What a layer
+# needs from above it declares in its upcalls.h, and the upper layer defines it.
+LAYERS = ("platform", "frame", "storage", "schema", "index", "objects", "transaction", "api", "check")
 STANDARD = re.compile(r"^[a-z_0-9]+$")
 UNFINISHED = re.compile(r"\b(TODO|FIXME|XXX|HACK)\b|GTEST_SKIP|\bDISABLED_")
 OUTPUT = re.compile(r"\b(printf|puts|abort|exit)\s*\(|std::(cout|cerr|abort|exit)")
@@ -22,21 +22,21 @@ def check_source(path: pathlib.PurePosixPath, text: str):
     if len(lines) > MAX_FILE_LINES:
         yield 1, f"{len(lines)} lines, at most {MAX_FILE_LINES}"
     in_platform = path.parts[:2] == ("src", "platform")
-    floor = path.parts[1] if path.parts[0] == "src" and len(path.parts) > 2 else None
+    layer = path.parts[1] if path.parts[0] == "src" and len(path.parts) > 2 else None
     for number, line in enumerate(lines, 1):
         if UNFINISHED.search(line):
             yield number, "mark of unfinished work"
         if not line.isascii():
             yield number, "a character beyond ASCII"
-        if floor and not in_platform:
+        if layer and not in_platform:
             system = re.match(r"#include <([^>]+)>", line)
             if system and not STANDARD.match(system[1]):
                 yield number, f"system header <{system[1]}> outside of platform"
             if OUTPUT.search(line):
                 yield number, "the library neither prints nor ends the process"
         own = re.match(r'#include "([^"/]+)/', line)
-        if floor in FLOORS and own and own[1] in FLOORS and FLOORS.index(own[1]) > FLOORS.index(floor):
-            yield number, f"{floor} must not include {own[1]}, which lies above it"
+        if layer in LAYERS and own and own[1] in LAYERS and LAYERS.index(own[1]) > LAYERS.index(layer):
+            yield number, f"{layer} must not include {own[1]}, which lies above it"
 
 
 def main() -> int:

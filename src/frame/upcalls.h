@@ -1,4 +1,4 @@
-// What the frame needs from the floors above it: each function is defined there.
+// What the frame needs from the layers above it: each function is defined there.
 
 #ifndef ZELTA_FRAME_UPCALLS_H
 #define ZELTA_FRAME_UPCALLS_H

@@ -1,4 +1,4 @@
-// The kinds of index, reached through one dispatch by `indexKind`: the floors above call these
+// The kinds of index, reached through one dispatch by `indexKind`: the layers above call these
 // functions and never a kind's own. kind.h says what each has to do, and what must hold when it is
 // called. What is not there answers own error 8, or 19 for a number that no kind has, and changes
 // nothing.

@@ -1,5 +1,5 @@
 // A table as a handle has it open: its schema, its files and mutex, the object buffer, the cursors
-// of its indexes, and what the running transaction has changed in it. The floors above put their
+// of its indexes, and what the running transaction has changed in it. The layers above put their
 // state here; nothing is shared between handles but what lies in the files.
 //
 // A Table lives from OpenTable to EndTransaction and belongs to its handle's tree of tables. What

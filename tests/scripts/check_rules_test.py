@@ -61,7 +61,7 @@ class Rules(unittest.TestCase):
             self.assert_kept(f"  {call}\n", PLATFORM, OUTSIDE, "tools/some.cpp")
         self.assert_kept("  snprintf(a, 1, b);\n  abortTransaction();\n  onExit();\n", INSIDE)
 
-    def test_a_floor_includes_no_upper_one(self):
+    def test_a_layer_includes_no_upper_one(self):
         lowest, highest = "platform", "api"
         upward = f'#include "{highest}/some.h"\n'
         self.assert_broken(f"int a;\n{upward}", f"src/{lowest}/some.cpp", f"src/{lowest}/posix/some.h", line=2,

@@ -1,5 +1,5 @@
 // A fresh folder, a handle's record without a database, and a hook that makes the platform fail
-// from some call on, for tests of the lower floors.
+// from some call on, for tests of the lower layers.
 
 #ifndef ZELTA_TESTS_SUPPORT_STORAGE_FIXTURE_H
 #define ZELTA_TESTS_SUPPORT_STORAGE_FIXTURE_H

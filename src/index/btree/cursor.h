@@ -1,4 +1,4 @@
-// Reading a B+Tree in the order of its keys: the only way in which the floors above look into it.
+// Reading a B+Tree in the order of its keys: the only way in which the layers above look into it.
 // Every link and every key is checked when it is reached, since a reader without the mutex may meet
 // a tree that is just being changed; the number of leaves that are entered has a bound.
 

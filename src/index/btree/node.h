@@ -4,8 +4,8 @@
 //   leaf            8 previous leaf (64), 16 next leaf (64)
 //   variable keys   the last four bytes of the head: free words between keys and pointers
 //   from the head   keys, in ascending order, one behind the other
-//   from the end    pointers, the first one last: object IDs in a leaf, positions of children (64) in
-//                   a branch, which has one more of them than keys
+//   from the end    pointers, the first one last: object IDs in a leaf, positions of children (64)
+//                   in a branch, which has one more of them than keys
 //
 // What lies between keys and pointers is zero.
 
