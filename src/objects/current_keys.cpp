@@ -1,5 +1,6 @@
 #include "objects/current_keys.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "index/keys/keys.h"
@@ -12,6 +13,7 @@ namespace {
 /// Objects above this size are not copied: their keys are made at once.
 constexpr std::uint32_t kLargestCopy = 64 * 1024;
 
+/// Whether extractKey() serves the index.
 bool hasKeys(const Table& table, std::uint32_t index) {
   return !table.listKind(index) && table.index(index).segmentCount != 0;
 }
@@ -26,6 +28,7 @@ struct CurrentVersion {
 /// else the lowest, becomes the current one.
 Result fillEntries(Table& table, std::uint32_t index, const CurrentVersion& version,
                    const std::uint32_t* matched, std::uint32_t* entry) {
+  assert(table.multiEntry(index));
   IndexCursor& cursor = table.indexStates[index];
   const KeyShape shape = table.keyShape(index);
   RowPlaces rows;
@@ -50,6 +53,7 @@ Result fillEntries(Table& table, std::uint32_t index, const CurrentVersion& vers
   return {};
 }
 
+/// Makes the key that a cursor lacks, of an index with keys.
 Result fillCursor(Table& table, std::uint32_t index, const CurrentVersion& version) {
   if (!hasKeys(table, index) || table.indexStates[index].currentKey != nullptr) return {};
   if (table.multiEntry(index)) {
@@ -111,6 +115,7 @@ void CurrentKeysChange::takeOut() {
     const IndexCursor& cursor = table_.indexStates[i];
     if (!table_.listKind(i)) places_.push_back({cursor.currentKey, cursor.currentKeys, i});
   }
+  // Nothing throws from here on: the destructor puts back what is taken out.
   made_ = true;
   for (const Place& place : places_) {
     table_.indexStates[place.index].currentKey = nullptr;
@@ -133,6 +138,7 @@ void CurrentKeysChange::putBack() noexcept {
 }
 
 Result CurrentKeysChange::make(std::uint64_t objectID, ObjectBytes object) {
+  assert(!made_);
   if (table_.indexCount == 0) return {};
   takeOut();
   for (const Place& place : places_) {
@@ -143,6 +149,7 @@ Result CurrentKeysChange::make(std::uint64_t objectID, ObjectBytes object) {
 }
 
 Result currentKey(Table& table, std::uint32_t index, const std::uint32_t** key) {
+  assert(index < table.indexCount);
   if (table.keySourceID != 0) {
     const ObjectBytes source{table.keySource.data(), table.keySourceLength};
     ZELTA_TRY(fillCursor(table, index, {table.keySourceID, source}));

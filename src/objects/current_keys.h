@@ -1,4 +1,10 @@
-// The keys of the object read last, from which walks through indexes go on.
+// The keys of the object read last, from which walks through indexes go on: a read of the next
+// object by an index is a step from the current object's key there.
+//
+// Most operations never ask for them, so a copy of the object is kept (Table::keySource), and a key
+// is made from it when it is first wanted (IndexCursor::currentKey). Keys and copy always are of
+// one version; Table::currentObjectID says whether the table still has the object as its current
+// one.
 
 #ifndef ZELTA_OBJECTS_CURRENT_KEYS_H
 #define ZELTA_OBJECTS_CURRENT_KEYS_H
@@ -20,12 +26,13 @@ struct MatchedKey {
 
 /// Makes the object whose ID is `objectID` the one that the cursors stand on. A copy of this
 /// version of it is kept, and a key is made when a walk needs it. `*entry` (may be null) receives
-/// the number of the entry whose key matched.
+/// the number of the entry whose key matched. After a failure the cursors stand on nothing.
 Result refreshCurrentKeys(Table& table, std::uint64_t objectID, ObjectBytes object,
                           MatchedKey matched, std::uint32_t* entry);
 
-/// Gives the cursors the keys of another version of the object that they stand on. They get those
-/// of the version before back at the end of the scope, unless the change is kept.
+/// For an operation that may still fail: gives the cursors the keys of another version of the
+/// object that they stand on. They get those of the version before back at the end of the scope,
+/// unless the change is kept.
 class CurrentKeysChange {
  public:
   explicit CurrentKeysChange(Table& table) : table_(table) {}
@@ -36,6 +43,7 @@ class CurrentKeysChange {
   /// In an index with many entries for an object a cursor stays at its key if the object still has
   /// it.
   Result make(std::uint64_t objectID, ObjectBytes object);
+  /// The change stands. Cannot fail, so that it may follow the write that decides.
   void keep() noexcept { kept_ = true; }
 
  private:
@@ -45,19 +53,21 @@ class CurrentKeysChange {
     ObjectKeyNode* keys;
     std::uint32_t index;
   };
+  /// Moves what the cursors have to this object, and back.
   void takeOut();
   void putBack() noexcept;
 
   Table& table_;
-  SmallVector<Place> places_;
-  std::uint32_t sourceLength_ = 0;
+  SmallVector<Place> places_;       ///< of all cursors, as they stood before
+  std::uint32_t sourceLength_ = 0;  ///< the copy itself waits in Table::otherKeySource
   std::uint64_t sourceID_ = 0;
   bool made_ = false;
   bool kept_ = false;
 };
 
 /// The key in an index (from 0) of the object that the cursors stand on; null if it has none, or if
-/// they stand on none. They keep their place when the object is given up but not replaced.
+/// they stand on none. The key belongs to the cursor and is good until the cursors move. They keep
+/// their place when the object is given up but not replaced.
 Result currentKey(Table& table, std::uint32_t index, const std::uint32_t** key);
 
 }  // namespace zelta

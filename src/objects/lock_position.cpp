@@ -42,6 +42,7 @@ bool lockingIndex(const Table& table, std::uint32_t* index) {
 }
 
 void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::uint32_t* key) {
+  // A lock in a table that was passed already does not take the position back.
   if (table.metaData.lockOrderReached > table.tableLockOrder) return;
   const bool newTable = table.metaData.lockOrderReached < table.tableLockOrder;
   std::uint32_t index = 0;
@@ -60,6 +61,7 @@ void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::
       !further(table, compareKeys(shape, key, table.metaData.lockKey))) {
     return;
   }
+  // The copy first: it may throw, and the position stays then.
   std::uint32_t* copy = copyKey(shape, key);
   dropLockKey(table.metaData);
   table.metaData.lockKey = copy;

@@ -1,6 +1,10 @@
 // The furthest point up to which a transaction has locked objects, in the order that tables and
 // objects are to be locked in. Whoever waits only for objects ahead of that point cannot be part of
 // a circle of waiting transactions.
+//
+// Tables are ordered by their lock order, objects of one table by ID or by their keys in the index
+// that the schema names, ascending or descending. The position is kept in MetaData
+// (lockOrderReached, lockObjectID, lockKey), outlives the tables, and only ever moves ahead.
 
 #ifndef ZELTA_OBJECTS_LOCK_POSITION_H
 #define ZELTA_OBJECTS_LOCK_POSITION_H
@@ -23,8 +27,8 @@ void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::
 /// their keys are not looked at: the position is the table's begin, unless it is there already.
 void noteObjectLocks(const Table& table, UInt64AVLTree* locked);
 
-/// Whether an object with this key comes behind all that was locked so far. Without a lock key to
-/// compare with it does.
+/// Whether an object with this key (of the locking index; may be null) comes behind all that was
+/// locked so far. Without a lock key to compare with it does.
 [[nodiscard]] bool isAheadOfLockPosition(const Table& table, const std::uint32_t* key);
 
 /// Whether isAheadOfLockPosition() of this table needs a key to tell.

@@ -1,6 +1,7 @@
 #include "objects/object_buffer.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "schema/data_types.h"
@@ -35,6 +36,7 @@ void replaceBuffer(Table& table, std::uint64_t need) {
 
 void fillObject(const Table& table, CZELTA::Object* object) {
   if (object == nullptr) return;
+  assert(table.objectData != nullptr);
   std::memcpy(&object->version, table.objectData, 2);
   object->objectID = static_cast<std::int64_t>(objectIdOf(table, table.objectData));
   object->length = table.objectLength - table.headerSize();
@@ -53,6 +55,7 @@ void reserveObject(Table& table, std::uint32_t length) {
 }
 
 void placeObject(Table& table, std::uint32_t length) {
+  assert(std::uint64_t{length} + leadOf(table) <= table.objectBuffer.size());
   table.objectData = table.objectBuffer.data() + leadOf(table);
   table.objectLength = length;
   std::memset(table.objectData + length, 0, kZeroTail);

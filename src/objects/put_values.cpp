@@ -1,5 +1,9 @@
-// Replacing variable fields.
+// Replacing variable fields in the object buffer. First everything is measured, which changes
+// nothing and may fail for a malformed value; then bytes are moved, which fails only for want of
+// memory. The new values may lie in the buffer that is changed, even in the fields that they
+// replace.
 
+#include <cassert>
 #include <cstring>
 
 #include "objects/object_buffer.h"
@@ -76,6 +80,7 @@ Result Replacement::step(std::uint32_t f, std::uint64_t* position) {
   return {};
 }
 
+/// Adds the size of the value that a field is to get.
 Result Replacement::measureValue(std::uint32_t f) {
   const std::uint32_t type = field(f).fieldType;
   if (values_ == nullptr) {
@@ -110,6 +115,7 @@ Result Replacement::measure() {
 }
 
 Result Replacement::grow(std::uint64_t length) {
+  assert(newSize_ > oldSize_ && start_ + oldSize_ <= table_.objectLength);
   if (length >= kTooLong) return reportSystemError(&metaData_, code::kNoMemory);
   if (table_.objectBuffer.size() < length + kVariableLead) return rebuild(length);
   // The values may lie in the buffer: the tail waits elsewhere until they have moved to their
@@ -137,7 +143,9 @@ Result Replacement::rebuild(std::uint64_t length) {
   return {};
 }
 
+/// Values that do not grow can be put in their place before the tail follows.
 Result Replacement::shrink(std::uint64_t length) {
+  assert(newSize_ <= oldSize_ && start_ + oldSize_ <= table_.objectLength);
   if (length < table_.minimumObjectSize) {
     return reportError(&metaData_, Own::parameter, table_.cName());
   }

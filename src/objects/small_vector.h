@@ -1,4 +1,5 @@
-// A vector that does without the heap while it is small.
+// A vector that does without the heap while it is small, for what an operation on one object
+// collects: a steady stream of operations leaves the heap alone.
 
 #ifndef ZELTA_OBJECTS_SMALL_VECTOR_H
 #define ZELTA_OBJECTS_SMALL_VECTOR_H
@@ -10,6 +11,7 @@
 
 namespace zelta {
 
+/// Items are copied byte by byte. Pointers to them are good until the next push_back().
 template <typename Item>
 class SmallVector {
   static_assert(std::is_trivially_copyable_v<Item>);

@@ -10,7 +10,7 @@
 namespace zelta {
 
 Result eraseSlotTransaction(TableAccess& access, std::uint64_t objectID) {
-  assert(access.owned());
+  assert(access.owned() && access.header.endOfFile != 0);
   constexpr std::uint32_t kNobody = 0;
   const Table& table = access.table;
   const std::uint64_t word = objectLock(access.header.slotBase, objectID).position;

@@ -1,5 +1,7 @@
 #include "objects/table_access.h"
 
+#include <cassert>
+
 #include "frame/kept_error.h"
 #include "index/file/index_file.h"
 
@@ -38,6 +40,7 @@ Result TableAccess::openMemory() {
 }
 
 Result TableAccess::openIndex() {
+  assert(header.endOfFile != 0);
   constexpr bool kMustExist = true;
   ZELTA_TRY(openIndexFile(needManager(), indexHeader, &header, owned(), kMustExist));
   indexOpen_ = true;
@@ -51,6 +54,7 @@ AtomicManager& TableAccess::needManager() {
 }
 
 void TableAccess::attach() {
+  assert(manager_);
   manager_->attach(
       indexOpen_ ? table.indexFile : platform::File::none, indexOpen_ ? &indexHeader : nullptr,
       memoryOpen_ ? table.memoryFile : platform::File::none, memoryOpen_ ? &memoryHeader : nullptr);

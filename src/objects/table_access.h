@@ -1,9 +1,9 @@
 // The files of a table as one operation works on them.
 //
 // A pass of an operation goes acquire() -> readHeader() -> openMemory(), openIndex() -> work ->
-// release(), and leaves out what it does not need. All that is opened belongs to this pass: another one begins with acquire() and reads
-// all headers anew, as others may have changed the files in between. Who opens a file under the
-// mutex repairs what a dead process has left in it.
+// release(), and leaves out what it does not need. All that is opened belongs to this pass: another
+// one begins with acquire() and reads all headers anew, as others may have changed the files in
+// between. Who opens a file under the mutex repairs what a dead process has left in it.
 
 #ifndef ZELTA_OBJECTS_TABLE_ACCESS_H
 #define ZELTA_OBJECTS_TABLE_ACCESS_H
@@ -23,6 +23,9 @@ namespace zelta {
 /// How long an operation on objects waits for a table's mutex.
 inline constexpr std::uint32_t kTableMutexWait = 30000;  // ms
 
+/// The mutex, the three headers and the page manager of one pass. A writer owns the mutex from
+/// acquire() to release(); a reader never does, and reads table and index file as they are.
+/// Whatever ends a pass early ends it with leave(), or with the destructor of the guard.
 class TableAccess {
  public:
   explicit TableAccess(Table& tableIn)
@@ -40,11 +43,13 @@ class TableAccess {
   Result acquire(std::uint32_t milliseconds);
   /// To be called under the mutex before committed state is changed.
   void announceChange();
+  /// Ends the pass. Nothing that it has opened or read may be used any more.
   Result release() { return mutex_.release(); }
   /// Releases the mutex if it is owned still. What led here counts: a failure leaves no text.
   void leave();
   [[nodiscard]] bool owned() const { return mutex_.held(); }
 
+  /// Reads the header of the table file; under the mutex it finishes a commit that was cut off.
   Result readHeader();
   /// Opens the memory file, whose pages the manager has from now on. Pages that it held are gone.
   Result openMemory();
@@ -71,12 +76,13 @@ class TableAccess {
 
  private:
   AtomicManager& needManager();
+  /// Tells the manager of what is open. Drops what it has collected.
   void attach();
 
   TableMutexGuard ownMutex_;
   TableMutexGuard& mutex_;
   std::optional<AtomicManager> manager_;  ///< a reader by ID does without it
-  bool memoryOpen_ = false;
+  bool memoryOpen_ = false;               ///< in this pass
   bool indexOpen_ = false;
 };
 

@@ -1,5 +1,6 @@
-// What work on objects needs from the floor of transactions above it: each function is defined
-// there. Other transactions stand in its way, living or dead, and it asks for them here.
+// What work on objects needs from the transaction layer above it: each function is defined
+// there. Slots, recovery and the log are that layer's; reading and changing objects only ever meets
+// their traces. Other transactions stand in its way, living or dead, and it asks for them here.
 
 #ifndef ZELTA_OBJECTS_UPCALLS_H
 #define ZELTA_OBJECTS_UPCALLS_H

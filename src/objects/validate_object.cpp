@@ -1,6 +1,8 @@
-// Proving that an object is well formed before it is stored.
+// Proving that an object is well formed before it is stored. What is stored is trusted by nobody
+// either, but a table that only ever gets whole objects has no others.
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <string>
 
@@ -14,6 +16,8 @@ namespace {
 
 using Field = CZELTA::Schema::Field;
 
+/// Goes through the variable fields in their order; the first one that is wrong is reported, with
+/// the number that tells by how much.
 class Validation {
  public:
   Validation(const Table& table, const char* object, std::uint32_t length)
@@ -106,6 +110,7 @@ Result Validation::checkRows(const Field& field, std::uint64_t size) {
               static_cast<std::int64_t>(end) - static_cast<std::int64_t>(row));
 }
 
+/// One sub-record, which begins at `*position` and may take bytes up to `end`.
 Result Validation::checkRow(const Field& field, std::uint64_t end, std::uint64_t* position) {
   const std::uint64_t row = *position;
   for (std::uint32_t s = 0; s < field.subFieldCount; ++s) {
@@ -150,6 +155,7 @@ Result validateObject(const Table& table, const char* object, std::uint32_t leng
   // More could not be framed as a record.
   constexpr std::uint32_t kLongest = 0xFFFFFFE0;
   if (length > kLongest) return reportSystemError(&table.metaData, code::kNoMemory);
+  assert(length >= table.fixedAreaSize);
   return Validation(table, object, length).run();
 }
 

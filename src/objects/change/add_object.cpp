@@ -1,5 +1,6 @@
 #include "objects/change/add_object.h"
 
+#include <cassert>
 #include <cstring>
 #include <memory>
 
@@ -19,8 +20,11 @@ namespace zelta {
 
 namespace {
 
+/// Some two and a half seconds: the first half of the passes only yields the processor in between.
 constexpr WriteRetry::Limits kRetries{500, 250};
 
+/// One addition, in passes: each opens the files, chooses an ID, plans the keys and stores. A pass
+/// that meets a lock leaves nothing behind.
 class Addition {
  public:
   Addition(const Session& session, Table& table, std::uint64_t wantedID)
@@ -79,6 +83,7 @@ Result Addition::pass() {
   return access_.release();
 }
 
+/// Chooses the ID for this pass and writes the head of the object.
 Result Addition::chooseID() {
   const TableHeader_tag& header = access_.header;
   if (wantedID_ == 0) {
@@ -94,6 +99,7 @@ Result Addition::chooseID() {
 }
 
 Result Addition::store() {
+  assert(access_.owned());
   // All that can fail for want of memory comes before the object is stored.
   auto node = std::make_unique<UInt64AVLTree>();
   ZELTA_TRY(changes_.enter(access_.manager()));

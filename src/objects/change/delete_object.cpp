@@ -1,5 +1,6 @@
 #include "objects/change/delete_object.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "index/kinds.h"
@@ -15,6 +16,7 @@ namespace zelta {
 
 namespace {
 
+/// The work that is done with the object once it is found.
 class Deletion final : public ObjectAccess {
  public:
   Deletion(UInt32AVLTree*& tables, const ReadRequest& request)
@@ -56,6 +58,7 @@ Result Deletion::readOld(const Located& found, ObjectBytes* object) {
 }
 
 Result Deletion::work(Located& found) {
+  assert(access_.owned());
   ObjectBytes object;
   ZELTA_TRY(readOld(found, &object));
   ZELTA_TRY(before_.make(object));

@@ -1,4 +1,6 @@
-// Deleting objects.
+// Deleting an object: it is found and locked as a read does it, its committed keys are noted for
+// the commit, and what the transaction has of it in the memory file is taken out. The committed
+// object stays where it is until the commit.
 
 #ifndef ZELTA_OBJECTS_CHANGE_DELETE_OBJECT_H
 #define ZELTA_OBJECTS_CHANGE_DELETE_OBJECT_H

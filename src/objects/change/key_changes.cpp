@@ -57,6 +57,7 @@ Result KeyChanges::checkRepeated(VersionKeys& after) {
   return {};
 }
 
+/// Plans what becomes of a key that only the version before has.
 Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, bool wasPending) {
   IndexCursor& cursor = table_.indexStates[entry.index];
   const KeyShape shape = table_.keyShape(entry.index);
@@ -81,10 +82,10 @@ Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, boo
 }
 
 Result KeyChanges::take(AtomicManager& manager, VersionKeys::Entry& entry, Source source) {
-  ObjectKeyNode* own = find(table_.indexStates[entry.index].removedKeys,
-                            table_.keyShape(entry.index), entry.key, objectID_);
-  if (own != nullptr) {
-    add(entry, Step::keepCommitted, own);
+  ObjectKeyNode* givenUp = find(table_.indexStates[entry.index].removedKeys,
+                                table_.keyShape(entry.index), entry.key, objectID_);
+  if (givenUp != nullptr) {
+    add(entry, Step::keepCommitted, givenUp);
     return {};
   }
   if (source == Source::committed) return exists(entry.index, objectID_);
@@ -93,6 +94,8 @@ Result KeyChanges::take(AtomicManager& manager, VersionKeys::Entry& entry, Sourc
   return {};
 }
 
+/// The committed tree comes first, as seen through the cursor's notes, then the keys that others
+/// and this transaction have pending.
 Result KeyChanges::takeUnique(AtomicManager& manager, VersionKeys::Entry& entry) {
   const auto look = [&](PageFile file, std::uint64_t* holder, bool* found) {
     const Result result = findHolder({manager, file, entry.index}, entry.key, holder);
@@ -103,12 +106,12 @@ Result KeyChanges::takeUnique(AtomicManager& manager, VersionKeys::Entry& entry)
   bool found = false;
   ZELTA_TRY(look(PageFile::index, &holder, &found));
   if (found) {
-    // The committed tree still names who had the key before the transaction lent it on.
+    // The committed tree still names who had the key before the transaction gave it away.
     const IndexCursor& cursor = table_.indexStates[entry.index];
     const KeyShape shape = table_.keyShape(entry.index);
-    if (const ObjectKeyNode* lent = find(cursor.replacedKeys, shape, entry.key, 0);
-        lent != nullptr) {
-      return exists(entry.index, lent->objectID);
+    if (const ObjectKeyNode* heir = find(cursor.replacedKeys, shape, entry.key, 0);
+        heir != nullptr) {
+      return exists(entry.index, heir->objectID);
     }
     ObjectKeyNode* node = find(cursor.removedKeys, shape, entry.key, 0);
     if (node == nullptr) return exists(entry.index, holder);

@@ -3,7 +3,12 @@
 // A key that the transaction sees stands in one of three places: in the committed tree, in the
 // pending tree of the memory file, or, with an ID of its own, in the cursor's `replacedKeys`, which
 // gives a committed key to another object. A committed key that the transaction has given up stands
-// in `removedKeys`.
+// in `removedKeys`. An index whose keys need not be unique knows no `replacedKeys`.
+//
+//   a key is given up: replaced -> removed (returnReplaced), pending -> gone (removePending),
+//                      committed -> removed (noteRemoved)
+//   a key is taken:    free -> pending (insertPending), removed -> replaced (takeOver),
+//                      removed, of the object itself -> committed (keepCommitted)
 
 #ifndef ZELTA_OBJECTS_CHANGE_KEY_CHANGES_H
 #define ZELTA_OBJECTS_CHANGE_KEY_CHANGES_H
@@ -36,10 +41,12 @@ class KeyChanges {
   /// object's, or is there twice.
   Result plan(AtomicManager& manager, std::uint64_t objectID, VersionKeys& before, bool wasPending,
               VersionKeys& after, Source source);
-  /// Enters the changes in the pending trees.
+  /// Enters the changes in the pending trees, removals first. The caller flushes them together with
+  /// the object.
   Result enter(AtomicManager& manager);
-  /// Notes the changes in the cursors.
+  /// Notes the changes in the cursors: only once the memory file has them.
   void finish() noexcept;
+  /// Drops the plan.
   void clear() noexcept;
   /// Whether plan() failed because of an object that another transaction has pending.
   [[nodiscard]] bool heldByOthers() const { return heldByOthers_; }
@@ -60,6 +67,7 @@ class KeyChanges {
     Step step;
   };
 
+  // Planning
   Result checkRepeated(VersionKeys& after);
   Result giveUp(AtomicManager& manager, VersionKeys::Entry& entry, bool wasPending);
   Result take(AtomicManager& manager, VersionKeys::Entry& entry, Source source);

@@ -3,6 +3,8 @@
 
 #include "objects/change/restore_object.h"
 
+#include <cassert>
+
 #include "objects/change/key_changes.h"
 #include "objects/current_keys.h"
 #include "objects/read/locate.h"
@@ -84,8 +86,10 @@ Result Restoration::run(UInt64AVLTree*& changed) {
   return access_.release();
 }
 
+/// The object leaves the set that named its change: an added one is gone, any other is locked only.
 void Restoration::record(UInt64AVLTree*& changed, bool added) {
   UInt64AVLTree* node = find(changed, objectID_);
+  assert(node != nullptr);
   remove(node, changed);
   if (added) {
     --table_.addedCount;

@@ -1,5 +1,6 @@
 #include "objects/change/rewrite_object.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "index/kinds.h"
@@ -40,6 +41,8 @@ class RaisedVersion {
   std::uint16_t old_ = 0;
 };
 
+/// One rewriting, in passes like an addition. The object is locked by this transaction, so that
+/// only its new keys can meet others.
 class Rewriting {
  public:
   Rewriting(const Session& session, Table& table)
@@ -92,6 +95,7 @@ Result Rewriting::pass() {
 }
 
 Result Rewriting::store() {
+  assert(access_.owned());
   ZELTA_TRY(changes_.enter(access_.manager()));
   // All that can fail for want of memory comes before the object is stored.
   CurrentKeysChange keys(table_);

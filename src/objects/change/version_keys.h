@@ -1,4 +1,5 @@
-// The keys of one version of an object, and what differs between two of them.
+// The keys of one version of an object, and what differs between two of them. An operation plans
+// from the difference (key_changes.h), a replay brings it straight into the committed trees.
 
 #ifndef ZELTA_OBJECTS_CHANGE_VERSION_KEYS_H
 #define ZELTA_OBJECTS_CHANGE_VERSION_KEYS_H
@@ -32,6 +33,7 @@ class VersionKeys {
   /// Makes the keys in place of those that are there. Own code 59: an index that has one key for
   /// each object gets none.
   Result make(ObjectBytes object);
+  /// Gives all keys back.
   void clear();
 
   [[nodiscard]] Entry* begin() { return entries_.begin(); }

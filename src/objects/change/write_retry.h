@@ -1,8 +1,10 @@
-// Repeating the passes of an operation that changes objects.
+// Repeating the passes of an operation that changes objects: one policy for all of them of what is
+// done when a pass meets a lock, or a key that another transaction has pending.
 
 #ifndef ZELTA_OBJECTS_CHANGE_WRITE_RETRY_H
 #define ZELTA_OBJECTS_CHANGE_WRITE_RETRY_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "objects/change/key_changes.h"
@@ -10,6 +12,8 @@
 
 namespace zelta {
 
+/// Never waits with the table's mutex held: each pass gives it up, and pauses and repairs lie
+/// between passes.
 class WriteRetry {
  public:
   struct Limits {
@@ -27,6 +31,7 @@ class WriteRetry {
   template <typename Pass, typename Wait>
   Result run(KeyChanges& changes, const Pass& pass, const Wait& wait) {
     for (bool repairedForKey = false;;) {
+      assert(!access_.owned());
       const Result result = pass();
       access_.leave();
       const bool keyPending = result.is(Own::keyExists) && changes.heldByOthers();

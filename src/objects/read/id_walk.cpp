@@ -1,5 +1,6 @@
 // Reading by object ID: over all objects of a table, or over those that an inverted search result
-// does not hold.
+// does not hold. Committed IDs and those that this transaction has added lie in one order; a walk
+// goes from ID to ID and asks the slot of each.
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +11,7 @@ namespace zelta {
 
 namespace {
 
+/// The walk of one request; `run()` ends at the first object that is there for this transaction.
 class IdWalk {
  public:
   IdWalk(const ReadRequest& request, const TableHeader_tag& header, bool inverted, Located& out)
@@ -29,6 +31,7 @@ class IdWalk {
  private:
   Result start(std::uint64_t* id) const;
   Result test(std::uint64_t& id, bool* answer);
+  /// Not this one: a read of just this ID ends with that, others go on.
   Result skip(std::uint64_t id) const {
     return request_.mode == CZELTA::ReadEqual ? request_.notFound(id) : Result();
   }
@@ -41,6 +44,7 @@ class IdWalk {
   Located& out_;
 };
 
+/// The greatest ID that may be in use, committed or added here.
 std::uint64_t IdWalk::lastId() const {
   const UInt64AVLTree* added = findPrevious(table_.addedObjects, ~std::uint64_t{0});
   return std::max(header_.highestID, added != nullptr ? added->key : 0);

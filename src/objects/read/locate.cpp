@@ -29,6 +29,7 @@ Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Lo
   const auto failed = [&](SystemCode failure) {
     return reportSystemError(&request.metaData, failure, table.cName(), extension::kTable);
   };
+  assert(out.objectID != 0 && out.objectID <= header.highestID);
   ObjectSlot slot{};
   SystemCode result = readSlotPosition(table.tableFile, header.slotBase, out.objectID, &slot);
   if (result != 0) return failed(result);
@@ -61,10 +62,10 @@ Result findPendingVersion(const ReadRequest& request, AtomicManager& manager, Lo
   PendingObject pending;
   bool found = false;
   const Table& table = request.table;
-  const bool own = find(table.addedObjects, out.objectID) != nullptr ||
-                   find(table.editedObjects, out.objectID) != nullptr;
+  const bool ours = find(table.addedObjects, out.objectID) != nullptr ||
+                    find(table.editedObjects, out.objectID) != nullptr;
   ZELTA_TRY(findPendingObject(manager, out.objectID, &pending, &found));
-  if (own) {
+  if (ours) {
     if (found && pending.transaction == request.metaData.transactionWord) {
       out.pending = pending;
       out.blocker = 0;

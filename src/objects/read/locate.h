@@ -1,8 +1,12 @@
-// Finding the object that a read means, and where its versions lie.
+// Finding the object that a read means, and where its versions lie. A request leads there by one of
+// three ways: by ID, along the results of a search, or through the tree of an index. This finds
+// and, for a writer, locks; object_access.h says what becomes of a pass that meets others,
+// read_version.h reads the bytes.
 
 #ifndef ZELTA_OBJECTS_READ_LOCATE_H
 #define ZELTA_OBJECTS_READ_LOCATE_H
 
+#include <cassert>
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -19,17 +23,19 @@
 
 namespace zelta {
 
-/// A lock on an object that is given back unless it is kept.
+/// A lock on an object that is released unless it is kept: then it stays until the transaction ends
+/// or lets it go, and the object is in Table::lockedObjects.
 class NewLock {
  public:
   NewLock() = default;
-  ~NewLock() { giveBack(); }
+  ~NewLock() { release(); }
   NewLock(const NewLock&) = delete;
   NewLock& operator=(const NewLock&) = delete;
 
-  /// Once for each object of this class, or after giveBack().
+  /// Once for each object of this class, or after release(). Code 33: another handle has it locked.
   SystemCode take(Table& table, std::uint64_t objectID) {
-    auto node = std::make_unique<UInt64AVLTree>();
+    assert(!node_);
+    auto node = std::make_unique<UInt64AVLTree>();  // may throw, as long as nothing is locked
     const SystemCode result = lockObject(table.tableFile, table.slotBase, objectID);
     if (result != 0) return result;
     node_ = std::move(node);
@@ -40,7 +46,7 @@ class NewLock {
   void keep() {
     if (node_) insert(node_.release(), table_->lockedObjects, objectID_);
   }
-  void giveBack() {
+  void release() {
     if (!node_) return;
     node_.reset();
     unlockObject(table_->tableFile, table_->slotBase, objectID_);
@@ -76,7 +82,7 @@ Result locateObject(const ReadRequest& request, TableAccess& access, Located& ou
 /// mutex, with the memory file open.
 Result locateVersions(TableAccess& access, std::uint64_t objectID, Located& out);
 
-/// The roads of locateObject(). They fill `out` up to the object's slot.
+/// The ways of locateObject(). They fill `out` up to the object's slot.
 Result walkIds(const ReadRequest& request, const TableHeader_tag& header, bool inverted,
                Located& out);
 Result walkResults(const ReadRequest& request, const TableHeader_tag& header, Located& out);

@@ -1,5 +1,7 @@
 #include "objects/read/lock_wait.h"
 
+#include <cassert>
+
 #include "platform/clock.h"
 #include "platform/deadline.h"
 
@@ -25,6 +27,7 @@ bool LockWait::again() {
 }
 
 void LockWait::extend() {
+  assert(mayExtend());
   deadline_ += step_;
   ++count_;
 }

@@ -64,6 +64,7 @@ bool ObjectAccess::looksTorn(Result result) const {
 /// can do so. The object is as good as locked meanwhile.
 bool ObjectAccess::waitsForDecided(Result result) {
   if (!result.is(Own::indexInconsistent) || final_) return false;
+  assert(!access_.owned());
   if (decidedBy_ == 0) {
     const KeptError kept(metaData_);
     decidedBy_ = findDecidedCommit(table_, metID_);
@@ -75,6 +76,8 @@ bool ObjectAccess::waitsForDecided(Result result) {
   return true;
 }
 
+/// Lets others go on before the next pass. An object that lies ahead of all locks of this
+/// transaction may be waited for longer: that cannot close a circle of waiting transactions.
 Result ObjectAccess::waitOrFail(const PassEnd& blocked) {
   assert(!access_.owned());
   const bool byLock = blocked.is(PassEnd::Kind::blockedByLock);
@@ -114,6 +117,7 @@ Result ObjectAccess::isAhead(bool* ahead) {
 
 // -- A pass ---------------------------------------------------------------------------------------
 
+/// One pass from the beginning: nothing of the last one is trusted but what is known of others.
 PassEnd ObjectAccess::pass() {
   table_.currentObjectID = startID_;
   headerRead_ = false;
@@ -135,6 +139,8 @@ PassEnd ObjectAccess::pass() {
   return repairDead(PassEnd::again(), found);
 }
 
+/// Opens what the request needs. Code 33, for a reader: a writer is at work; for a writer: an index
+/// waits for the content of an object.
 Result ObjectAccess::openPass() {
   if (request_.writer) ZELTA_TRY(access_.acquire(kTableMutexWait));
   if (!request_.writer && !seqlock_.begin()) return Result::locked();
@@ -167,6 +173,7 @@ PassEnd ObjectAccess::locate(Located& found) {
   return meetBlocker(found);
 }
 
+/// Does the work. Whatever it makes of the buffer, the object is the current one only afterwards.
 Result ObjectAccess::finishPass(Located& found) {
   assert(access_.owned() == request_.writer);
   table_.currentObjectID = 0;
@@ -176,6 +183,7 @@ Result ObjectAccess::finishPass(Located& found) {
 }
 
 Result ObjectAccess::releaseMutex() {
+  assert(access_.owned() == request_.writer);
   if (!request_.writer && seqlock_.torn()) return Result::locked();
   final_ = true;  // the keys that the walk set out from are given up now
   return access_.release();
@@ -202,6 +210,7 @@ bool ObjectAccess::mayBeStale(Result result, const Located& found) const {
 
 /// Another transaction has left its mark on an object that nobody has locked.
 PassEnd ObjectAccess::meetBlocker(Located& found) {
+  assert(access_.owned() && found.blocker != 0);
   if (found.blocker == kExclusiveNumber || found.blocker == endedTransaction_) {
     return dropStaleEntries(found);
   }
@@ -224,7 +233,7 @@ PassEnd ObjectAccess::dropStaleEntries(const Located& found) {
 /// the way is known to be free.
 PassEnd ObjectAccess::repairDead(PassEnd blocked, Located& found) {
   assert(request_.writer);
-  found.newLock.giveBack();
+  found.newLock.release();
   ZELTA_TRY(access_.release());
   const std::uint32_t number = blocked.transaction();
   bool repaired = false;

@@ -6,6 +6,11 @@
 //   pass -- torn ----> pause, pass: a commit went on beside a reader
 //   pass -- again ---> pass: what a dead transaction has left is out of the way, or was looked for
 //   pass -- blocked -> wait without the mutex, pass; at the end of the wait own code 27 or 67
+//
+// Locks: a writer holds the table's mutex during a pass and none between passes; whoever blocks it
+// is looked for and repaired when the mutex has been released, since the database's mutex is never
+// waited for with a table's at hand. A lock on an object that a pass has taken is released with the
+// pass unless the work keeps it.
 
 #ifndef ZELTA_OBJECTS_READ_OBJECT_ACCESS_H
 #define ZELTA_OBJECTS_READ_OBJECT_ACCESS_H
@@ -54,6 +59,9 @@ class PassEnd {
   Result result_;
 };
 
+/// One access to one object. A derived class says what is done with it (work()); run() does the
+/// rest, in as many passes as it takes. What a pass has found out about others is kept for the next
+/// ones: who was repaired, who is known to have ended, how often was asked.
 class ObjectAccess {
  public:
   /// The request outlives the access.
@@ -81,8 +89,8 @@ class ObjectAccess {
   /// `found.newLock` keeps the lock if it is told so.
   virtual Result work(Located& found) = 0;
 
-  /// The end of what a pass reads: no other pass follows. Code 33, for a reader: what it has read
-  /// is torn.
+  /// The end of what a pass reads, to be called by work() once, before it changes what walks go on
+  /// from: no other pass follows. Code 33, for a reader: what it has read is torn.
   Result releaseMutex();
   /// Makes a version of the object the one that walks go on from. No other pass follows.
   Result moveCursors(Located& found, ObjectBytes object);
@@ -95,12 +103,15 @@ class ObjectAccess {
   const std::uint64_t startID_;  ///< object that every pass sets out from
 
  private:
+  // A pass, and its steps
   PassEnd pass();
   Result openPass();
   PassEnd locate(Located& found);
   Result finishPass(Located& found);
+  // What its end means
   [[nodiscard]] bool looksTorn(Result result) const;
   [[nodiscard]] bool mayBeStale(Result result, const Located& found) const;
+  // Others in the way
   PassEnd meetBlocker(Located& found);
   PassEnd dropStaleEntries(const Located& found);
   PassEnd repairDead(PassEnd blocked, Located& found);

@@ -9,6 +9,7 @@ namespace zelta {
 
 namespace {
 
+/// Reads the version that counts. The lock is kept last: up to there another pass may follow.
 class Read final : public ObjectAccess {
  public:
   using ObjectAccess::ObjectAccess;

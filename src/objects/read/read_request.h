@@ -1,4 +1,5 @@
-// What a read asks for: which object, by which way, and with which locks.
+// What a read asks for: which object, by which way, and with which locks. It is checked as far as
+// that goes without a file, and stays the same from pass to pass.
 
 #ifndef ZELTA_OBJECTS_READ_READ_REQUEST_H
 #define ZELTA_OBJECTS_READ_READ_REQUEST_H
@@ -24,7 +25,7 @@ struct ObjectQuery {
   IdWidth width = IdWidth::asTable;  ///< of the ID at `key`, if it is one
 };
 
-/// The ID that a caller points at.
+/// The ID that a caller points at, in as many bytes as `width` says.
 [[nodiscard]] std::uint64_t idAt(const Table& table, const void* key, IdWidth width);
 /// The bits of a mode that are no flags.
 inline constexpr std::uint32_t kModeBits = 63;

@@ -1,6 +1,7 @@
 #include "objects/read/read_version.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "objects/object_buffer.h"
 
@@ -40,6 +41,7 @@ Result readCommittedVersion(TableAccess& access, const Located& found, RecordRea
 }  // namespace
 
 Result readVersion(TableAccess& access, const Located& found) {
+  assert(found.isPending() || found.tablePosition != 0);
   Table& table = access.table;
   const RecordReader reader(table, {table.objectBuffer, leadOf(table), true});
   ObjectBytes object;

@@ -1,4 +1,6 @@
-// Reading through the results of a search, by object ID.
+// Reading through the results of a search, in the order of object IDs. The results are a set of IDs
+// as the search left it (Table::searchResults); what this transaction has deleted since is passed
+// by.
 
 #include <cstring>
 
@@ -19,6 +21,7 @@ std::uint64_t pivotOf(const ReadRequest& request) {
   return pivot;
 }
 
+/// The result that the mode leads to from the pivot, or null.
 UInt64AVLTree* firstResult(const ReadRequest& request, std::uint64_t pivot) {
   UInt64AVLTree* results = request.table.searchResults;
   UInt64AVLTree* equal = find(results, pivot);

@@ -1,5 +1,8 @@
 // Reading through an ordered index, a B+Tree: the committed keys, less those that this transaction
 // has taken out, together with those that it has pending.
+//
+// One cursor stands in each of the two trees; the nearer of the two entries is the answer. A writer
+// that locks also sees the keys that others have pending, and stops at them.
 
 #include "index/btree/cursor.h"
 #include "objects/current_keys.h"
@@ -9,6 +12,7 @@ namespace zelta {
 
 namespace {
 
+/// The step of one request. Cursors do not outlive the pass; the next one sets out from the key.
 class TreeWalk {
  public:
   TreeWalk(const ReadRequest& request, TableAccess& access, Located& out)
@@ -26,7 +30,8 @@ class TreeWalk {
   Result pivot(const std::uint32_t** key, CZELTA::Mode* mode) const;
   Result seekCommitted(CZELTA::Mode mode, const std::uint32_t* key);
   Result seekPending(CZELTA::Mode mode, const std::uint32_t* key);
-  [[nodiscard]] bool own(std::uint64_t objectID) const {
+  /// Whether this transaction has the object pending.
+  [[nodiscard]] bool isOurs(std::uint64_t objectID) const {
     return find(table_.addedObjects, objectID) != nullptr ||
            find(table_.editedObjects, objectID) != nullptr;
   }
@@ -50,6 +55,7 @@ Result TreeWalk::pivot(const std::uint32_t** key, CZELTA::Mode* mode) const {
   return currentKey(table_, index_, key);
 }
 
+/// Passes the keys by that this transaction has given up.
 Result TreeWalk::seekCommitted(CZELTA::Mode mode, const std::uint32_t* key) {
   ObjectKeyNode* removed = table_.indexStates[index_].removedKeys;
   ZELTA_TRY(committed_.seek(mode, key));
@@ -69,7 +75,7 @@ Result TreeWalk::seekCommitted(CZELTA::Mode mode, const std::uint32_t* key) {
 Result TreeWalk::seekPending(CZELTA::Mode mode, const std::uint32_t* key) {
   if (!request_.writer) return {};
   ZELTA_TRY(pending_.seek(mode, key));
-  while (request_.noLock && pending_.valid() && !own(pending_.objectID())) {
+  while (request_.noLock && pending_.valid() && !isOurs(pending_.objectID())) {
     if (mode == CZELTA::ReadEqual) {
       pending_.leave();
     } else {
@@ -95,12 +101,13 @@ Result TreeWalk::run() {
   if (pendingIsNearer()) {
     out_.objectID = pending_.objectID();
     out_.key.copy(table_.keyPool(index_), shape_, pending_.key());
-    out_.pendingElsewhere = !own(out_.objectID);
+    out_.pendingElsewhere = !isOurs(out_.objectID);
     return {};
   }
   if (!committed_.valid()) return request_.notFound();
   out_.objectID = committed_.objectID();
   out_.key.copy(table_.keyPool(index_), shape_, committed_.key());
+  // A committed key that this transaction has given to another object: the tree follows at commit.
   ObjectKeyNode* replaced = table_.indexStates[index_].replacedKeys;
   if (replaced == nullptr) return {};
   if (const ObjectKeyNode* node = find(replaced, shape_, committed_.key(), 0)) {
