@@ -37,6 +37,7 @@ Result dropChanges(Table& table) {
   return access.release();
 }
 
+/// What the handle knows of the edits. Objects that were changed are only locked afterwards.
 void forgetEdits(Table& table, bool releaseLocks) {
   const bool currentWasAdded = find(table.addedObjects, table.currentObjectID) != nullptr;
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {

@@ -46,13 +46,16 @@ void releaseUnchanged(Table& table, bool releaseLocks) {
   table.currentObjectID = 0;
 }
 
+/// The results of a search are of the state before the commit.
 void dropResults(Table& table) {
   destroyAll(table.searchResults);
   table.searchIndex = 0;
   table.searchInverted = false;
 }
 
-/// The mutexes of the tables that a commit is entering.
+/// The mutexes of the tables that a commit is entering. Where the entry leaves the log they are
+/// held until it is gone, all of them; else one at a time. A single table, the usual case, takes no
+/// memory.
 class EnteredTables {
  public:
   /// Room for the mutexes of so many tables.
@@ -109,6 +112,7 @@ class Commit {
   EnteredTables entered_;
 };
 
+/// A table whose memory file could not be made sure of can only be aborted.
 Result Commit::requireCertainMemory() const {
   for (const Table* table : tables_) {
     if (!table->memoryUncertain) continue;
@@ -117,6 +121,7 @@ Result Commit::requireCertainMemory() const {
   return {};
 }
 
+/// Counts what the entry will have, and drops what a commit ends in any case.
 void Commit::measureEdits() {
   for (Table* table : tables_) {
     dropResults(*table);
@@ -165,6 +170,7 @@ Result Commit::requireReady() {
 
 /// The order of entries is that in which transactions come here.
 Result Commit::reserveEntry() {
+  assert(editedTables_ != 0 && entry_.position == 0);
   const auto reportControl = [this](SystemCode failure) {
     return reportSystemError(&metaData_, failure, metaData_.baseName.c_str(), extension::kControl);
   };
@@ -186,8 +192,9 @@ Result Commit::reserveEntry() {
 
 // -- Steps 3 and 4 --------------------------------------------------------------------------------
 
-/// Step 3.
+/// Step 3. Each table's mutex is taken and released in turn; the log's is not held.
 Result Commit::writeBody(EntryWriter& out) {
+  assert(entry_.position != 0 && !log_.locked());
   for (Table* table : tables_) {
     if (table->hasEdits()) ZELTA_TRY(writeSection(*table, out));
   }
@@ -231,8 +238,9 @@ Result Commit::applyToTables() {
   return applied;
 }
 
-/// Step 6.
+/// Step 6. If anything has failed the slot is left, and whoever finds it finishes the work.
 void Commit::leaveLog(Result applied) {
+  assert(entry_.position != 0);
   const bool goes = log_.header().isSingle();
   SystemCode retired = 0;
   if (applied.ok() && goes) retired = log_.retireEntry(entry_.position);
@@ -261,6 +269,7 @@ Result Commit::run() {
     giveTransactionUp(metaData_, tables_);
     return written;
   }
+  // From here on the commit is decided: nothing that fails is told.
   clearError(metaData_);  // of what was got over
   leaveLog(applyToTables());
   return {};

@@ -1,5 +1,6 @@
 // Commit: the transaction's images go into the log as one entry with a checksum; that decides. Then
-// each table takes its edits over.
+// each table takes its edits over. docs/concurrency.md numbers the steps, and commit.cpp names the
+// function of each; table_commit.h is the part of one table.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_COMMIT_H
 #define ZELTA_TRANSACTION_COMMIT_COMMIT_H

@@ -1,4 +1,6 @@
-// Commits that are decided and not carried out yet.
+// Commits that are decided and not carried out yet. Between the commit point of a transaction and
+// that of a table file, the index may lead to objects that the table has not got. Whoever meets
+// such a key asks here whether that is so, or the index is damaged.
 
 #include "objects/upcalls.h"
 
@@ -14,6 +16,8 @@ namespace zelta {
 
 namespace {
 
+/// Asks the last entry of every transaction that has a slot, one after the other. No mutex is held:
+/// what changes meanwhile is met by the next pass of whoever asks.
 class DecidedSearch {
  public:
   DecidedSearch(const Table& table, std::uint64_t objectID)
@@ -46,6 +50,7 @@ Result DecidedSearch::isInSections(EntryReader& reader, bool* found) {
   return {};
 }
 
+/// Whether the number's last entry is complete and brings the object.
 Result DecidedSearch::isBrought(std::uint32_t number, const ControlHeader_tag& header,
                                 bool* brought) {
   LogFile log(metaData_);

@@ -1,6 +1,7 @@
 #include "transaction/commit/edit_plan.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "storage/table_file/table_recovery.h"
 
@@ -16,6 +17,7 @@ constexpr std::uint64_t kFirstArea = 612;  ///< from slotBase to the area of an 
 }  // namespace
 
 Result EditPlan::make(const PendingImages& images) {
+  assert(moves.empty() && edits.empty());
   ZELTA_TRY(requireWhole(metaData_, table_.cName(), table_.tableFile, old_));
   const std::uint64_t greatest = images.added.empty() ? 0 : images.added.back().objectID;
   ZELTA_TRY(placeSlotArea(greatest));
@@ -31,6 +33,7 @@ bool EditPlan::isEdited(std::uint64_t objectID) const {
   return find(changed_.edited, objectID) != nullptr;
 }
 
+/// Where the committed record of an ID lies that must be in use.
 Result EditPlan::readPosition(std::uint64_t objectID, std::uint64_t* position) {
   ObjectSlot slot{};
   if (const SystemCode failure = readSlotPosition(table_.tableFile, old_.slotBase, objectID, &slot);
@@ -69,6 +72,7 @@ Result EditPlan::placeSlotArea(std::uint64_t greatestAdded) {
   return {};
 }
 
+/// Slots at the end whose objects are gone afterwards leave the array.
 Result EditPlan::lowerHighestID(std::uint64_t greatestAdded) {
   for (; next.highestID > greatestAdded; --next.highestID) {
     if (isDeleted(next.highestID)) continue;
@@ -83,6 +87,7 @@ Result EditPlan::lowerHighestID(std::uint64_t greatestAdded) {
   return {};
 }
 
+/// Moves the beginning of the objects' area up, in whole steps, until the new slots have room.
 void EditPlan::raiseArea(std::uint64_t greatestAdded) {
   const std::uint64_t needed = slotPosition(old_.slotBase, greatestAdded + 1);
   if (needed <= next.objectAreaStart) return;

@@ -1,5 +1,6 @@
 // What a commit changes in a table file: every object's place before and after, the list of free
-// IDs, the free space. Planning is step 5.2 of a commit: it reads, and changes nothing on disk.
+// IDs, the free space. plan_execution.h carries a plan out. Planning is step 5.2 of a commit: it
+// reads, and changes nothing on disk.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_EDIT_PLAN_H
 #define ZELTA_TRANSACTION_COMMIT_EDIT_PLAN_H
@@ -36,6 +37,15 @@ struct ChangedObjects {
   UInt64AVLTree* edited = nullptr;
 };
 
+/// Made in this order: the size of the slot array, the list of free IDs, the places of records. In
+/// a fixed table records lie side by side: holes are closed by moving the last records into them,
+/// and a slot array that grows drives the first ones out. In a variable table records have blocks,
+/// and free ones are chained.
+///
+/// Invariants: a move's source is no other entry's target, so that moves may be done again; a
+/// record only ever gets a place that was free, lies behind the end, or was that of an object that
+/// the commit deletes; the journal lies behind `allocatedEnd`. Under the table's mutex; own code 55
+/// or 48 for a damaged file, 47 for a damaged list of free IDs.
 class EditPlan {
  public:
   /// `changed` belongs to the caller and outlives the plan.
@@ -49,6 +59,8 @@ class EditPlan {
   EditPlan(const EditPlan&) = delete;
   EditPlan& operator=(const EditPlan&) = delete;
 
+  /// Makes the plan, once. The images are those of the transaction, which lie where the execution
+  /// will read them.
   Result make(const PendingImages& images);
 
   /// A replay tells a slot that is in use among the free ones from a list with wrong links.
@@ -95,11 +107,11 @@ class EditPlan {
   // place_fixed.cpp
   Result placeFixed(const PendingImages& images);
   Result readRecordID(std::uint64_t position, std::uint64_t* objectID);
-  std::uint64_t takePlace();
+  std::uint64_t allocatePlace();
   Result closeHoles(std::map<std::uint64_t, std::uint64_t>& movedEdited);
 
-  bool emptied_ = false;
-  std::set<std::uint64_t> holes_;
+  bool emptied_ = false;           ///< the table has no objects afterwards
+  std::set<std::uint64_t> holes_;  ///< free places of a fixed table
   std::map<std::uint64_t, std::size_t>
       newObjects_;  ///< ID to place in `edits`, of those with a gap
 };

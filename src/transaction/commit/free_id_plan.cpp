@@ -1,5 +1,6 @@
 // The list of free IDs: deleted ones join it, added ones leave it, a gap below a far new ID joins
-// at its end.
+// at its end. The list ascends, so that it is merged with the deleted IDs in one pass, and only
+// slots whose link differs afterwards get an entry.
 
 #include "storage/table_file/table_recovery.h"
 #include "transaction/commit/edit_plan.h"

@@ -11,6 +11,8 @@
 
 namespace zelta {
 
+/// Serves commit (from the memory file), replay and whoever goes through log entries (from the
+/// log).
 class ImageReader {
  public:
   /// `buffer` is the reader's own while it lives. The file must not change meanwhile. Failures are
@@ -36,6 +38,7 @@ class ImageReader {
   }
 
  private:
+  /// Reads a window that begins with the object.
   Result fill(std::uint64_t position, std::uint32_t length);
   Result fillWhole(std::uint64_t position, std::uint32_t length);
   Result report(SystemCode failure);
@@ -46,8 +49,8 @@ class ImageReader {
   const char16_t* extension_;
   ScratchBuffer& buffer_;
   std::uint64_t end_;
-  std::uint64_t start_ = 0;
-  std::uint32_t size_ = 0;
+  std::uint64_t start_ = 0;  ///< place of the buffer's bytes in the file
+  std::uint32_t size_ = 0;   ///< how many of them there are
 };
 
 }  // namespace zelta

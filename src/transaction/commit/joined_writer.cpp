@@ -1,6 +1,7 @@
 #include "transaction/commit/joined_writer.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/file_io.h"
@@ -20,6 +21,7 @@ JoinedWriter::JoinedWriter(platform::File file, ScratchBuffer& buffer)
 }
 
 SystemCode JoinedWriter::write(std::uint64_t position, const void* data, std::uint64_t length) {
+  assert(used_ <= kCapacity && (data != nullptr || length <= kCapacity));
   if (position != start_ + used_ || used_ + length > kCapacity) {
     if (const SystemCode failure = flush(); failure != 0) return failure;
     start_ = position;

@@ -1,4 +1,5 @@
-// Writing to a file in large pieces.
+// Writing to a file in large pieces: records and slots of a commit come in ascending order more
+// often than not, and one call of the system serves many of them.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_JOINED_WRITER_H
 #define ZELTA_TRANSACTION_COMMIT_JOINED_WRITER_H
@@ -10,7 +11,8 @@
 
 namespace zelta {
 
-/// Gathers what comes, as long as it lies behind what came before.
+/// Gathers what comes, as long as it lies right behind what came before. What is gathered is lost
+/// without flush().
 class JoinedWriter {
  public:
   /// `buffer` is the writer's own while it lives.

@@ -1,5 +1,6 @@
 // What a transaction has in the memory file of a table: images of objects under its number, and
-// their keys in the trees of pending keys.
+// their keys in the trees of pending keys. Used where the handle's own sets do not tell: for a dead
+// transaction, and after a failure that left the memory file uncertain.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_PENDING_CHANGES_H
 #define ZELTA_TRANSACTION_COMMIT_PENDING_CHANGES_H

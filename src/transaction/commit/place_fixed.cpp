@@ -1,6 +1,7 @@
 // Places of records in a table without variable fields: they lie side by side, without holes.
 
 #include <algorithm>
+#include <cassert>
 
 #include "platform/file_io.h"
 #include "storage/table_file/table_recovery.h"
@@ -8,6 +9,7 @@
 
 namespace zelta {
 
+/// The ID that a record states; one that no object can have is damage.
 Result EditPlan::readRecordID(std::uint64_t position, std::uint64_t* objectID) {
   *objectID = 0;
   if (const SystemCode failure =
@@ -20,7 +22,7 @@ Result EditPlan::readRecordID(std::uint64_t position, std::uint64_t* objectID) {
 }
 
 /// The first hole, else the end of the file.
-std::uint64_t EditPlan::takePlace() {
+std::uint64_t EditPlan::allocatePlace() {
   if (!holes_.empty()) {
     const std::uint64_t place = *holes_.begin();
     holes_.erase(holes_.begin());
@@ -51,7 +53,10 @@ Result EditPlan::closeHoles(std::map<std::uint64_t, std::uint64_t>& movedEdited)
   return {};
 }
 
+/// Holes are what deleted objects leave, and what a slot array that shrinks gives back. Records in
+/// the way of one that grows, and new ones, take them; what holes are left the last records fill.
 Result EditPlan::placeFixed(const PendingImages& images) {
+  assert(table_.isFixed());
   allocatedEnd = next.endOfFile;
   if (emptied_) return {};
   const std::uint64_t size = old_.fixedAreaSize;
@@ -71,13 +76,14 @@ Result EditPlan::placeFixed(const PendingImages& images) {
     ZELTA_TRY(readRecordID(p, &id));
     if (isDeleted(id)) continue;
     if (isEdited(id)) {
-      movedEdited[id] = takePlace();
+      movedEdited[id] = allocatePlace();
     } else {
-      moves.push_back({{EditKind::moveObject, 0, id, 0, takePlace(), p}, 0, 0});
+      moves.push_back({{EditKind::moveObject, 0, id, 0, allocatePlace(), p}, 0, 0});
     }
   }
   for (const PendingObject& image : images.added) {
-    edits[newObjects_[image.objectID]].entry.newPosition = takePlace();
+    assert(newObjects_.count(image.objectID) == 1);
+    edits[newObjects_[image.objectID]].entry.newPosition = allocatePlace();
   }
   ZELTA_TRY(closeHoles(movedEdited));
   for (const PendingObject& image : images.edited) {

@@ -1,6 +1,9 @@
-// Places of records in a table with variable fields.
+// Places of records in a table with variable fields: blocks, which are allocated first fit and
+// released into the free chain. What is released is deferred, so that no new record can come to lie
+// where an old one is still needed.
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/file_io.h"
@@ -16,6 +19,7 @@ constexpr std::uint64_t kLeastFree = 20;
 
 }  // namespace
 
+/// Reads the size and the length word of a block, a record's or a free one's.
 Result EditPlan::readBlock(std::uint64_t position, std::uint32_t head[2]) {
   if (const SystemCode failure = readBuffer(table_.tableFile, position, head, 8); failure != 0) {
     return reportTable(metaData_, table_.cName(), failure);
@@ -27,6 +31,7 @@ Result EditPlan::readBlock(std::uint64_t position, std::uint32_t head[2]) {
                             head[0]);
 }
 
+/// Releases the block of a record that goes.
 Result EditPlan::releaseRecord(std::uint64_t position) {
   if (position < next.objectAreaStart) return {};  // its bytes have become slots
   std::uint32_t head[2];
@@ -84,6 +89,7 @@ Result EditPlan::cutFreeSpace() {
   return {};
 }
 
+/// A block for an object of `length` bytes, in free space or at the end of the file.
 Result EditPlan::allocate(std::uint64_t length, std::uint64_t* position, std::uint32_t* size) {
   const std::uint64_t wanted = length + kRecordFraming;
   if (freeSpace.need(wanted) > TableBlocks::kLargest) {
@@ -121,6 +127,8 @@ Result EditPlan::placeEdited(const PendingObject& image, bool displaced) {
   return {};
 }
 
+/// First those whom the slot array drives out, then rewritten and new objects; what they leave
+/// becomes free space last of all.
 Result EditPlan::placeVariable(const PendingImages& images) {
   if (emptied_) {
     next.freeHead = 0;
@@ -142,6 +150,7 @@ Result EditPlan::placeVariable(const PendingImages& images) {
     ZELTA_TRY(placeEdited(image, displaced.count(image.objectID) != 0));
   }
   for (const PendingObject& image : images.added) {
+    assert(newObjects_.count(image.objectID) == 1);
     EditEntry_tag& entry = edits[newObjects_[image.objectID]].entry;
     ZELTA_TRY(allocate(image.length, &entry.newPosition, &entry.newBlockSize));
   }

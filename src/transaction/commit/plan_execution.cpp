@@ -60,6 +60,7 @@ class PlanExecution {
 /// Step 5.3: the entries of all edits and free blocks go behind the file's end, and behind what is
 /// about to be allocated. No header leads there yet.
 Result PlanExecution::writeJournal() {
+  assert(intent_.commitEnd == 0);
   const std::uint32_t freeEntries = plan_.freeSpace.sumEntries();
   const std::size_t editEntries = plan_.moves.size() + plan_.edits.size();
   const std::size_t length =
@@ -72,9 +73,11 @@ Result PlanExecution::writeJournal() {
       at += sizeof edit.entry;
     }
   }
-  plan_.freeSpace.copyEntries(at);
+  [[maybe_unused]] const char* end = plan_.freeSpace.copyEntries(at);
+  assert(end == journal + length);
 
   const std::uint64_t start = std::max(plan_.allocatedEnd, old_.endOfFile);
+  assert(start >= plan_.next.endOfFile);
   intent_ = old_;
   intent_.journalBase = old_.endOfFile;
   intent_.journalEnd = start + length;
@@ -98,7 +101,7 @@ Result PlanExecution::writeJournal() {
 /// table; once the intent and all of the journal that its checksum covers are on the disk, the new
 /// one.
 Result PlanExecution::passCommitPoint() {
-  assert(intent_.journalEnd >= intent_.journalBase);
+  assert(intent_.commitEnd != 0 && intent_.journalEnd >= intent_.journalBase);
   constexpr std::uint32_t kIntent = offsetof(TableHeader_tag, journalBase);
   ZELTA_TRY(report(writeBuffer(file_, kIntent, reinterpret_cast<const char*>(&intent_) + kIntent,
                                sizeof intent_ - kIntent)));
@@ -108,6 +111,7 @@ Result PlanExecution::passCommitPoint() {
 /// Step 5.5. Moves must not be done again once other contents may have taken the places that they
 /// came from.
 Result PlanExecution::applyMoves() {
+  assert(intent_.journalBase == old_.endOfFile);
   for (const Edit& edit : plan_.moves) {
     ZELTA_TRY(applyMove(metaData_, table_.cName(), file_, old_, edit.entry));
   }
@@ -128,6 +132,7 @@ Result PlanExecution::applyMoves() {
 
 /// Step 5.6, but for cleared slots and free blocks.
 Result PlanExecution::applyEdits() {
+  assert(plan_.moves.empty() || intent_.journalBase == 0);
   for (const Edit& edit : plan_.edits) {
     if (edit.entry.kind == EditKind::replaceObject) continue;
     ZELTA_TRY(applySlotLinks(metaData_, table_.cName(), file_, old_, edit.entry));
@@ -136,6 +141,7 @@ Result PlanExecution::applyEdits() {
   return writeSlots();
 }
 
+/// The record as a whole, with its framing and zeros up to the end of its block.
 Result PlanExecution::writeObject(JoinedWriter& out, const Edit& edit) {
   const char* bytes = nullptr;
   ZELTA_TRY(images_.read(edit.imagePosition + 4, edit.length, &bytes));
@@ -156,6 +162,8 @@ Result PlanExecution::writeObject(JoinedWriter& out, const Edit& edit) {
   return report(failure);
 }
 
+/// Contents go first, then the slots that lead there. The order does not matter to a repair, which
+/// does both again.
 Result PlanExecution::writeObjects() {
   JoinedWriter out(file_, metaData_.scratchFor(Scratch::image));
   for (const Edit& edit : plan_.edits) {
@@ -178,6 +186,7 @@ Result PlanExecution::writeSlots() {
   return report(out.flush());
 }
 
+/// Slots above the greatest ID are zeros, up to the objects' area if that has moved.
 Result PlanExecution::clearSlots() {
   const std::uint64_t end = plan_.next.objectAreaStart != old_.objectAreaStart
                                 ? plan_.next.objectAreaStart
@@ -185,7 +194,8 @@ Result PlanExecution::clearSlots() {
   return zeroSlots(metaData_, table_.cName(), file_, old_.slotBase, plan_.next.highestID, end);
 }
 
-/// Step 5.7.
+/// Step 5.7. The first flush keeps the header from being at rest before all that it leads to is
+/// there.
 Result PlanExecution::finish() {
   ZELTA_TRY(report(platform::flushFile(file_)));
   TableHeader_tag header = plan_.next;

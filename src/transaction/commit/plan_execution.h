@@ -1,4 +1,5 @@
 // Carrying a plan out in a table file, through its journal: steps 5.3 to 5.7 of a commit.
+// table_recovery.h finishes what a death leaves in the middle.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_PLAN_EXECUTION_H
 #define ZELTA_TRANSACTION_COMMIT_PLAN_EXECUTION_H

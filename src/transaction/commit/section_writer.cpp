@@ -1,5 +1,6 @@
 #include "transaction/commit/section_writer.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "objects/table_access.h"
@@ -36,12 +37,15 @@ Result writeImages(TableAccess& access, EntryWriter& out) {
     ZELTA_TRY(out.write(bytes, pending.length));
     ZELTA_TRY(out.write(nullptr, size - 4 - pending.length));
   }
+  // The memory file has other images than this handle has put there: the entry would not be what
+  // was reserved for it.
   if (total == table.pendingBytes) return {};
   return reportError(&metaData, Own::logFile, metaData.baseName.c_str(), extension::kLog,
                      static_cast<std::int64_t>(table.pendingBytes),
                      static_cast<std::int64_t>(total));
 }
 
+/// In ascending order.
 Result writeDeletedIDs(const Table& table, const UInt64AVLTree* node, EntryWriter& out) {
   if (node == nullptr) return {};
   ZELTA_TRY(writeDeletedIDs(table, node->left, out));
@@ -57,6 +61,7 @@ std::uint64_t sectionSize(const Table& table) {
 }
 
 Result writeSection(Table& table, EntryWriter& out) {
+  assert(table.hasEdits());
   TableAccess access(table);
   ZELTA_TRY(access.acquire(platform::kForever));
   LogTableSection_tag section{};

@@ -1,4 +1,5 @@
-// What a commit's log entry says of each table, on its way into the log.
+// What a commit's log entry says of each table, on its way into the log: step 3 of a commit.
+// log_entries.h reads it back.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_SECTION_WRITER_H
 #define ZELTA_TRANSACTION_COMMIT_SECTION_WRITER_H
@@ -10,7 +11,7 @@
 
 namespace zelta {
 
-/// Bytes of a table's section.
+/// Bytes of a table's section, by which the entry is reserved before anything of it is written.
 [[nodiscard]] std::uint64_t sectionSize(const Table& table);
 
 /// Writes the section: the deleted IDs, then the images of what was added and rewritten. On the way

@@ -30,6 +30,7 @@ namespace zelta {
 
 namespace {
 
+/// The transaction's images, as the memory file has them.
 Result collectImages(Table& table, AtomicManager& manager, PendingImages& out) {
   PendingObjectWalk walk(manager);
   for (;;) {
@@ -44,6 +45,7 @@ Result collectImages(Table& table, AtomicManager& manager, PendingImages& out) {
 }
 
 Result commitFiles(TableAccess& access) {
+  assert(access.owned());
   ZELTA_TRY(access.readHeader());
   ZELTA_TRY(access.openIndex());
   ZELTA_TRY(access.openMemory());
@@ -68,7 +70,8 @@ Result commitFiles(TableAccess& access) {
   return removeTransaction(manager, access.memoryHeader, metaData.transactionWord, nullptr);
 }
 
-/// What becomes of the sets of the transaction.
+/// What becomes of the sets of the transaction: deleted objects are unlocked, all others stay
+/// locked unless the locks are to go.
 void emptySets(Table& table, bool releaseLocks) {
   unlockObjects(table.tableFile, table.slotBase, table.deletedObjects);
   if (releaseLocks) {

@@ -1,4 +1,5 @@
-// Bringing a decided transaction into a table's files.
+// Bringing a decided transaction into a table's files. Nothing here decides anything: what fails is
+// left to a replay of the log entry, which does the same once more.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_TABLE_COMMIT_H
 #define ZELTA_TRANSACTION_COMMIT_TABLE_COMMIT_H

@@ -1,4 +1,5 @@
-// The tables of a handle, one after the other.
+// The tables of a handle, one after the other. Whoever goes through all of them does so in one
+// order, in which table mutexes are taken as well.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_TRANSACTION_TABLES_H
 #define ZELTA_TRANSACTION_COMMIT_TRANSACTION_TABLES_H

@@ -1,4 +1,5 @@
-// The versions of the objects that a commit changes.
+// The versions of the objects that a commit changes, before and after, for the indexes that follow
+// contents. Replay reads the ones before here as well, those after from the log.
 
 #ifndef ZELTA_TRANSACTION_COMMIT_VERSION_READER_H
 #define ZELTA_TRANSACTION_COMMIT_VERSION_READER_H

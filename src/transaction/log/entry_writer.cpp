@@ -1,6 +1,7 @@
 #include "transaction/log/entry_writer.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "platform/file_io.h"
@@ -14,6 +15,7 @@ EntryWriter::EntryWriter(const LogFile& log, const LogEntry& entry)
       buffer_(log.metaData().scratchFor(Scratch::image).reserve(kCapacity)) {}
 
 Result EntryWriter::write(const void* data, std::uint64_t length) {
+  assert(entry_.position != 0 && used_ < kCapacity);
   const char* bytes = static_cast<const char*>(data);
   while (length > 0) {
     const std::uint64_t piece = std::min(length, kCapacity - used_);
@@ -40,6 +42,7 @@ Result EntryWriter::writeOut() {
 }
 
 Result EntryWriter::finish(std::uint32_t sections) {
+  assert(sections != 0);
   const std::uint64_t end = next_ + used_;
   if (end > entry_.end()) return reportError(&log_.metaData(), Own::logFile);
   ZELTA_TRY(write(nullptr, entry_.end() - end));

@@ -1,4 +1,5 @@
-// The body of a log entry on its way into the file, with its checksum.
+// The body of a log entry on its way into the file, with its checksum, and the commit point of a
+// transaction: steps 3 and 4 of a commit.
 
 #ifndef ZELTA_TRANSACTION_LOG_ENTRY_WRITER_H
 #define ZELTA_TRANSACTION_LOG_ENTRY_WRITER_H
@@ -9,6 +10,8 @@
 
 namespace zelta {
 
+/// Writes the body front to back in large pieces. Until finish() the entry is incomplete, whatever
+/// happens.
 class EntryWriter {
  public:
   /// For an entry that is reserved, and locked by this process. Uses the scratch buffer `image`.
@@ -28,8 +31,8 @@ class EntryWriter {
   LogEntry entry_;
   std::uint64_t next_;  ///< where the buffer goes
   char* buffer_;
-  std::uint64_t used_ = 0;
-  std::uint64_t sum_ = 0;
+  std::uint64_t used_ = 0;  ///< bytes in the buffer
+  std::uint64_t sum_ = 0;   ///< of all that was written out
 };
 
 }  // namespace zelta

@@ -1,4 +1,5 @@
-// What the log says of the time after an entry.
+// What the log says of the time after an entry. A replay of a log whose entries are kept asks here
+// what must not be done again.
 
 #ifndef ZELTA_TRANSACTION_LOG_LATER_ENTRIES_H
 #define ZELTA_TRANSACTION_LOG_LATER_ENTRIES_H

@@ -32,6 +32,7 @@ struct NewKey {
 };
 
 void insertInto(LogNode_tag& node, const NewKey& entered) {
+  assert(node.keyCount < kLogKeysPerNode && entered.at <= node.keyCount);
   const std::uint32_t keyCount = node.keyCount;
   insertAt(node.keys, keyCount, entered.at, entered.key);
   if (node.type == LogNodeType::leaf) {
@@ -45,6 +46,7 @@ void insertInto(LogNode_tag& node, const NewKey& entered) {
 /// Moves keys and values of `node` from the given indexes on to the front of `right`.
 void moveTail(LogNode_tag& node, LogNode_tag& right, std::uint32_t firstKey,
               std::uint32_t firstValue, std::uint32_t valueCount) {
+  assert(node.keyCount == kLogKeysPerNode);
   right.type = node.type;
   right.keyCount = static_cast<std::uint16_t>(node.keyCount - firstKey);
   std::copy(node.keys + firstKey, node.keys + node.keyCount, right.keys);
@@ -150,6 +152,7 @@ Result LogChange::insertKey(LogPath& path, std::uint32_t number, std::uint64_t p
 
 void LogChange::removeKey(LogPath& path, std::uint32_t slot) {
   LogPath::Level& leaf = path.leaf();
+  assert(slot < leaf.node.keyCount);
   if (leaf.node.keyCount > 1) {
     removeAt(leaf.node.keys, leaf.node.keyCount, slot);
     removeAt(leaf.node.values, leaf.node.keyCount, slot);
@@ -164,6 +167,7 @@ void LogChange::removeKey(LogPath& path, std::uint32_t slot) {
   }
   LogPath::Level& parent = path.level(path.depth() - 2);
   const std::uint32_t keyCount = parent.node.keyCount;
+  assert(parent.child <= keyCount);
   removeAt(parent.node.values, keyCount + 1, parent.child);
   if (keyCount > 1) {
     removeAt(parent.node.keys, keyCount, parent.child == 0 ? 0 : parent.child - 1);
@@ -184,6 +188,7 @@ void LogChange::removeKey(LogPath& path, std::uint32_t slot) {
 }
 
 Result LogChange::carryOut(const LogEntry* added) {
+  assert(log_.locked());
   return carryOutLogIntent(log_, contents_, added);
 }
 

@@ -1,5 +1,7 @@
 // A change of a log file's tree and chain in the making: worked out in memory, then laid down as an
-// intent with copies of all that changes, and carried out (log_intent.h).
+// intent with copies of all that changes, and carried out (log_intent.h). What is allocated,
+// entered and released here is nowhere but in memory until carryOut(); dropping the object drops
+// the change.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_CHANGE_H
 #define ZELTA_TRANSACTION_LOG_LOG_CHANGE_H
@@ -12,6 +14,7 @@
 
 namespace zelta {
 
+/// One change: an entry more, or one less.
 class LogChange {
  public:
   /// The header of `log` has been read, under the mutex, which is held until the change is carried
@@ -44,7 +47,9 @@ class LogChange {
   void put(std::uint64_t position, const LogNode_tag& node) {
     contents_.nodes.push_back({position, node});
   }
+  /// A block for a node, and a node that is empty but for its length.
   Result allocateNode(LogNode_tag& node, std::uint64_t* position);
+  /// A new root over the old one and the node that was split off it.
   Result growRoot(std::uint32_t separator, std::uint64_t right);
 
   LogFile& log_;

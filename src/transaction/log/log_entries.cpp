@@ -16,6 +16,7 @@ std::uint64_t numberOf(const char* bytes, std::uint32_t size) {
   return number;
 }
 
+/// The deleted IDs of a section, which must ascend.
 Result readDeleted(EntryReader& reader, std::uint64_t count, std::uint32_t idSize,
                    std::vector<std::uint64_t>& out) {
   if (count > reader.left() / idSize) return reader.malformed();
@@ -30,6 +31,8 @@ Result readDeleted(EntryReader& reader, std::uint64_t count, std::uint32_t idSiz
   return {};
 }
 
+/// The images of a section, whose IDs must ascend and whose lengths must fill it. Their bytes are
+/// left where they are.
 Result readImages(EntryReader& reader, std::uint64_t size, std::uint32_t idSize,
                   std::vector<PendingObject>& out) {
   const std::uint32_t smallest = kVersionSize + idSize;

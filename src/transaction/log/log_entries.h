@@ -1,8 +1,11 @@
-// Reading log entries: one after the other in a file, and the sections of each.
+// Reading log entries: one after the other in a file, and the sections of each. Recovery, replay
+// and the search for later entries read them here. Nothing that stands in an entry is trusted for
+// its checksum alone: counts and lengths are measured by what is left of it.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_ENTRIES_H
 #define ZELTA_TRANSACTION_LOG_LOG_ENTRIES_H
 
+#include <cassert>
 #include <cstdint>
 #include <vector>
 
@@ -49,10 +52,15 @@ class EntryReader {
   Result nextSection(LogTableSection_tag* section, bool* found);
   /// Takes the next bytes; they are good until the reader is used again.
   Result take(std::uint32_t length, const char** bytes);
+  /// Passes bytes by without reading them.
   Result skip(std::uint64_t length);
   /// Goes to a place that was passed before.
-  void goBack(std::uint64_t position) { next_ = position; }
+  void goBack(std::uint64_t position) {
+    assert(position <= next_);
+    next_ = position;
+  }
   [[nodiscard]] std::uint64_t position() const { return next_; }
+  /// Bytes up to the end of the entry.
   [[nodiscard]] std::uint64_t left() const { return end_ - next_; }
   static Result malformed() { return Result::own(Own::logEntry); }
 

@@ -34,6 +34,7 @@ bool headerIsSound(const LogHeader_tag& header, std::uint64_t fileSize) {
          holds(header.freeHead, kWideBlockHead);
 }
 
+/// Of the header in memory.
 void clearIntent(LogHeader_tag& header) {
   std::memset(reinterpret_cast<char*>(&header) + kLogIntentStart, 0,
               kLogHeaderSize - kLogIntentStart);
@@ -214,6 +215,7 @@ Result LogFile::verifyEntry(const LogEntry& entry, bool* complete) const {
 }
 
 SystemCode LogFile::completeEntry(const LogEntry& entry) const {
+  assert(entry.position != 0 && entry.head.sectionCount != 0);
   // The body first: a loss of power could leave the head on the disk without some sectors of the
   // body, and the checksum does not miss words that cancel each other out, as IDs in a row do. What
   // lies in one sector with the head goes down with it.
@@ -229,6 +231,7 @@ SystemCode LogFile::completeEntry(const LogEntry& entry) const {
 }
 
 SystemCode LogFile::retireEntry(std::uint64_t position) const {
+  assert(position != 0);
   constexpr std::uint32_t kIncomplete = 0;
   return writeBuffer(file_, position + offsetof(LogEntryHead_tag, sectionCount), &kIncomplete,
                      sizeof kIncomplete);
@@ -236,6 +239,7 @@ SystemCode LogFile::retireEntry(std::uint64_t position) const {
 
 Result LogFile::find(std::uint32_t number, std::uint64_t* position) {
   *position = 0;
+  assert(!metaData_.mayWrite() || locked());
   bool blank = false;
   ZELTA_TRY(readRawHeader(&blank));
   if (blank) return {};  // a file that has no header yet holds no entry
@@ -288,6 +292,7 @@ Result LogFile::findExpected(std::uint64_t expected, LogEntry* entry, bool* foun
 /// The first entry of a log. Nothing leads to the new leaf until the header says so, so there is
 /// no need of an intent.
 Result LogFile::appendFirst(const LogEntryHead_tag& head) {
+  assert(locked() && header_.rootPosition == 0);
   struct {
     LogNode_tag root;
     LogEntryHead_tag head;
@@ -306,6 +311,7 @@ Result LogFile::appendFirst(const LogEntryHead_tag& head) {
 
 /// An entry in a log that has others.
 Result LogFile::appendNext(std::uint64_t expected, LogEntry* entry) {
+  assert(locked() && header_.rootPosition != 0);
   LogPath path(*this);
   ZELTA_TRY(path.descend(entry->head.number));
   LogChange change(*this);
@@ -340,6 +346,7 @@ Result LogFile::append(std::uint32_t number, std::uint64_t length, LogEntry* ent
 // -- Removing -------------------------------------------------------------------------------------
 
 Result LogFile::makeEmpty() {
+  assert(locked());
   header_.rootPosition = 0;
   header_.freeHead = 0;
   return endChange(kLogHeaderSize);

@@ -22,6 +22,10 @@
 
 namespace zelta {
 
+/// Which file that is may change: by rotation, by another process that has begun the next one, by a
+/// search in old ones. So an object is turned to a file by useCurrent() or open(), and its header
+/// is read before anything else is asked. Order of locks: databaseMutex, then logMutex; a table's
+/// mutex may be held when logMutex is taken.
 class LogFile {
  public:
   /// Without a file. `metaData` outlives the object.
@@ -121,6 +125,7 @@ class LogFile {
   Result broken() const;
 
  private:
+  // The two ways of append(), and what it compares
   Result appendFirst(const LogEntryHead_tag& head);
   Result appendNext(std::uint64_t expected, LogEntry* entry);
   Result findExpected(std::uint64_t expected, LogEntry* entry, bool* found) const;

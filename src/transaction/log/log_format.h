@@ -19,6 +19,7 @@ namespace zelta {
 
 // -- The header -----------------------------------------------------------------------------------
 
+/// From `oldEnd` on the intent: zero while the file is at rest.
 struct LogHeader_tag {
   char magic[4];               ///< "ZELL" or "ZELO"
   std::uint8_t majorVersion;   ///< 1
@@ -138,6 +139,7 @@ static_assert(std::has_unique_object_representations_v<LogSchemaSection_tag>);
 inline constexpr std::uint32_t kLogKeysPerNode = 25;
 enum class LogNodeType : std::uint16_t { leaf = 27753, inner = 28265 };
 
+/// A node. Equal keys may lie on both sides of a separator; unused keys and values are zero.
 struct LogNode_tag {
   std::uint64_t blockLength;  ///< 320, or a little more if the block was so long
   LogNodeType type;

@@ -11,6 +11,7 @@ namespace zelta {
 
 namespace {
 
+/// Of the part that names what changes; the rest of the intent is known by what it leads to.
 std::uint64_t headerChecksum(const LogHeader_tag& header) {
   std::uint64_t checksum = 0;
   xorChecksum64(checksum, reinterpret_cast<const char*>(&header) + kLogSummedStart,
@@ -18,6 +19,7 @@ std::uint64_t headerChecksum(const LogHeader_tag& header) {
   return checksum;
 }
 
+/// Copies lie behind the log before and after the change.
 std::uint64_t copyAreaStart(const LogHeader_tag& header) {
   return std::max(header.intentStart, header.oldEnd);
 }
@@ -32,6 +34,7 @@ void takeNewValues(LogHeader_tag& header) {
   header.freeHead = header.newFreeHead;
 }
 
+/// The head of the entry that the change adds, if it adds one: incomplete, with room for its body.
 Result writeEntryHead(const LogFile& log) {
   const LogHeader_tag& header = log.header();
   if (header.newEntryPosition == 0) return {};

@@ -7,7 +7,8 @@
 //  2. The copies are carried out; flush. Whoever comes later may do so again.
 //  3. The header takes the new values and drops the intent; flush. The copies are cut off.
 //
-// Scratch buffer `journal`.
+// A change that empties the log needs none of this: the header alone says so. Scratch buffer
+// `journal`.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_INTENT_H
 #define ZELTA_TRANSACTION_LOG_LOG_INTENT_H

@@ -1,4 +1,5 @@
-// Names of log files, and which of them there are.
+// Names of log files, and which of them there are. Numbers have 16 bits and go round: which file is
+// older than another is known only by the first and the last one that the control file names.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_NAMES_H
 #define ZELTA_TRANSACTION_LOG_LOG_NAMES_H

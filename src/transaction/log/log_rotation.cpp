@@ -13,6 +13,7 @@ constexpr std::uint64_t kHour = 36000000000;
 constexpr std::uint16_t kDefaultRetention = 120;
 constexpr std::uint64_t kDefaultLimit = 0x2000000;
 
+/// A log without an entry.
 LogHeader_tag newHeader(bool numbered, std::uint16_t number, std::uint64_t end) {
   LogHeader_tag header{};
   std::memcpy(header.magic, numbered ? "ZELO" : "ZELL", 4);
@@ -41,6 +42,7 @@ Result writeNewOrDelete(const LogFile& log, FileGuard& file, const std::u16strin
   return log.report(failure);
 }
 
+/// Whether two headers are those of one file, by form and number.
 bool sameFile(const LogHeader_tag& a, const LogHeader_tag& b) {
   return std::memcmp(a.magic, b.magic, sizeof a.magic) == 0 && a.fileNumber == b.fileNumber;
 }

@@ -1,4 +1,6 @@
-// Which log file is in use: opening, making and following it.
+// Which log file is in use: opening, making and following it. The control file says which one that
+// should be; MetaData::logFile is what the handle has open, and may be out of date, since others
+// rotate as well.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_ROTATION_H
 #define ZELTA_TRANSACTION_LOG_LOG_ROTATION_H

@@ -1,4 +1,5 @@
-// Looking for an entry in all log files of a database.
+// Looking for an entry in all log files of a database. Numbers of transactions come again, so the
+// last entry of a number is the only one that can be of a transaction that still has its slot.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_SEARCH_H
 #define ZELTA_TRANSACTION_LOG_LOG_SEARCH_H

@@ -7,6 +7,8 @@ namespace zelta {
 
 namespace {
 
+/// Whether what is done with a node stays within it. Its values are looked at when they are
+/// followed.
 bool nodeIsSound(const LogNode_tag& node) {
   const bool inner = node.type == LogNodeType::inner;
   if (!inner && node.type != LogNodeType::leaf) return false;

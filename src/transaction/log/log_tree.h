@@ -1,11 +1,13 @@
 // The B+Tree of a log file: transaction numbers that lead to entries.
 //
-// Keys ascend and may repeat: the entries of one number stand in the order in which they were
-// made. A leaf that loses its last key leaves the tree; other nodes are not joined.
+// Keys ascend and may repeat: the entries of one number stand in the order in which they were made.
+// Here it is read; log_change.h changes it. A leaf that loses its last key leaves the tree; other
+// nodes are not joined.
 
 #ifndef ZELTA_TRANSACTION_LOG_LOG_TREE_H
 #define ZELTA_TRANSACTION_LOG_LOG_TREE_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "transaction/log/log_file.h"
@@ -33,8 +35,14 @@ class LogPath {
   [[nodiscard]] bool isEmpty() const { return depth_ == 0; }
   [[nodiscard]] std::uint32_t depth() const { return depth_; }
   /// Of the root, at depth 0, and of what lies below it.
-  [[nodiscard]] Level& level(std::uint32_t depth) { return levels_[depth]; }
-  [[nodiscard]] Level& leaf() { return levels_[depth_ - 1]; }
+  [[nodiscard]] Level& level(std::uint32_t depth) {
+    assert(depth < depth_);
+    return levels_[depth];
+  }
+  [[nodiscard]] Level& leaf() {
+    assert(depth_ != 0);
+    return levels_[depth_ - 1];
+  }
 
  private:
   Result push(std::uint64_t position);

@@ -11,6 +11,7 @@ namespace zelta {
 
 namespace {
 
+/// A section of edits. A table that is gone has nothing to take over.
 Result replayTable(const ReplayedEntry& replayed, EntryReader& reader, UInt32AVLTree*& tables,
                    const LogTableSection_tag& head) {
   MetaData& metaData = replayed.log.metaData();

@@ -1,4 +1,5 @@
-// Replay of changes of the table directory.
+// Replay of changes of the table directory: tables that are made, entered or removed. The directory
+// itself tells whether that is done.
 
 #ifndef ZELTA_TRANSACTION_REPLAY_REPLAY_SCHEMA_H
 #define ZELTA_TRANSACTION_REPLAY_REPLAY_SCHEMA_H

@@ -4,6 +4,7 @@
 
 #include "transaction/replay/replay_table.h"
 
+#include <cassert>
 #include <set>
 
 #include "index/file/index_commit.h"
@@ -88,6 +89,7 @@ Result TableReplay::readStamp(std::uint64_t id, ObjectSlot* slot) {
   return reportTable(metaData_, table_.cName(), failure);
 }
 
+/// An image that could be no object of the table makes the entry malformed.
 Result TableReplay::checkImage(const PendingObject& image) {
   constexpr std::uint64_t kGreatestID = std::uint64_t{1} << 58;
   constexpr std::uint32_t kLongest = 0xFFFFFFFF - 64;
@@ -109,7 +111,10 @@ Result TableReplay::takeNew(const std::vector<PendingObject>& candidates) {
   return {};
 }
 
+/// Collects what is not there yet: objects whose slot still has the stamp, and new ones that are
+/// missing.
 Result TableReplay::decide(const TableSection& section) {
+  assert(access_.owned());
   const auto stamped = [&](const ObjectSlot& slot) {
     return !slot.isFree() && slot.transaction == number_;
   };
@@ -152,8 +157,10 @@ Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
   return reader_.images.read(image.position + 4, image.length, &object->data);
 }
 
+/// In the order of a commit: what leaves, what is rewritten, what is new.
 Result TableReplay::applyKeys() {
   if (table_.indexCount == 0) return {};
+  assert(access_.owned());
   ZELTA_TRY(checkIndexKinds(table_));
   access_.manager().holdIndexPages();
   contents_.begin(access_.manager(), ContentMode::repeated);

@@ -1,4 +1,5 @@
-// Replay of what an entry says of one table.
+// Replay of what an entry says of one table: indexes, then the table file. commit.cpp and
+// table_commit.cpp are the first attempt at the same.
 
 #ifndef ZELTA_TRANSACTION_REPLAY_REPLAY_TABLE_H
 #define ZELTA_TRANSACTION_REPLAY_REPLAY_TABLE_H
@@ -14,9 +15,9 @@ struct ReplayedEntry {
   const LogEntry& entry;
 };
 
-/// Brings a section into the files of a table, as far as it is not there yet. What was done before
-/// is told by the slots: a deleted or rewritten object carries the transaction's stamp until its
-/// new state stands in the table file.
+/// Waits for the table's mutex. Brings a section into the files of a table, as far as it is not
+/// there yet. What was done before is told by the slots: a deleted or rewritten object carries the
+/// transaction's stamp until its new state stands in the table file.
 Result replayTableSection(const ReplayedEntry& replayed, EntryReader& reader, Table& table,
                           const TableSection& section);
 

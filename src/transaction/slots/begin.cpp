@@ -1,5 +1,7 @@
 #include "transaction/slots/begin.h"
 
+#include <cassert>
+
 #include "frame/mutex_guard.h"
 #include "frame/upcalls.h"
 #include "platform/clock.h"
@@ -32,6 +34,7 @@ class BeginAttempt {
   /// After the outcome `dead`: repairs whom it has met. The database's mutex is held all the time,
   /// as nobody else can tell a dead one whose word is locked by its repairer from one alive.
   Result repair(UInt32AVLTree*& tables) {
+    assert(owned_.held() && deadNumber_ != 0);
     return RepairScope(metaData_, deadNumber_, deadSlot_).run(tables);
   }
 
@@ -94,7 +97,9 @@ Result BeginAttempt::run(Outcome* outcome) {
   return {};
 }
 
+/// What is done under databaseMutex with bytes 32 to 35 locked: no writer begins beside it.
 Result BeginAttempt::begin(Outcome* outcome) {
+  assert(owned_.held() && exclusive_);
   metaData_.access = Access::repair;  // of a change of the directory
   ControlHeader_tag header;
   ZELTA_TRY(refreshControlHeader(metaData_, header));

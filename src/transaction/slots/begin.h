@@ -1,4 +1,6 @@
-// Beginning transactions: modes, and who may live beside whom.
+// Beginning transactions: modes, and who may live beside whom. A writer takes a slot in the control
+// file, whose second word it keeps locked as a sign of life; an exclusive one takes the place in
+// the header, alone. A reader takes neither.
 
 #ifndef ZELTA_TRANSACTION_SLOTS_BEGIN_H
 #define ZELTA_TRANSACTION_SLOTS_BEGIN_H

@@ -1,4 +1,5 @@
-// Ending transactions.
+// Ending transactions: what is not committed is dropped, tables are closed, and the slot is
+// released, unless a repair has to find it (MetaData::leaveSlot).
 
 #include "frame/upcalls.h"
 #include "transaction/commit/abort.h"
@@ -9,7 +10,7 @@ namespace zelta {
 namespace {
 
 /// What a transaction holds in the control file.
-Result giveUpPlace(MetaData& metaData) {
+Result releasePlace(MetaData& metaData) {
   if (metaData.transactionWord == 0) return {};
   if (!metaData.mayWrite()) {
     if (metaData.transactionWord != kExclusiveNumber) return {};
@@ -28,7 +29,7 @@ Result giveUpPlace(MetaData& metaData) {
 Result endTransaction(const Session& session) {
   ZELTA_TRY(abortTransaction(session, true));
   destroyTables(session);
-  const Result result = giveUpPlace(session.metaData);
+  const Result result = releasePlace(session.metaData);
   session.metaData.leaveTransaction();
   session.metaData.leaveSlot = false;
   return result;

@@ -1,5 +1,6 @@
 #include "transaction/slots/recovery.h"
 
+#include <cassert>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -103,6 +104,7 @@ Result hasContents(MetaData& metaData, const std::u16string& name, bool* content
   return reportSystemError(&metaData, failure, name.c_str(), extension::kMemory);
 }
 
+/// What a number has in the memory files of all tables of the directory.
 Result dropAllChanges(const Session& session, std::uint32_t number) {
   TableDirectory directory;
   {
@@ -140,6 +142,7 @@ RepairScope::RepairScope(MetaData& metaData, std::uint32_t number, const Slot& s
       slot_(slot),
       ownNumber_(metaData.transactionWord),
       ownAccess_(metaData.access) {
+  assert(number != 0 && !slot.isNone());
   metaData.transactionWord = kExclusiveNumber;
   if (ownNumber_ == 0) metaData.access = Access::repair;  // a begin, which has no place yet
 }
@@ -151,6 +154,7 @@ RepairScope::~RepairScope() {
 }
 
 Result RepairScope::run(UInt32AVLTree*& tables) {
+  assert(!repaired_);
   const OpenedTables opened(tables);
   ZELTA_TRY(replayIfCommitted({metaData_, tables}, number_, nullptr));
   ZELTA_TRY(dropAllChanges({metaData_, tables}, number_));

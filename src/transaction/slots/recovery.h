@@ -1,4 +1,9 @@
 // What becomes of a transaction whose process died: whoever meets its remains repairs them.
+//
+// A transaction is dead if its slot has a number and its owner's word can be locked. Its repair:
+// replay its entry if that is complete, drop what it has in memory files, release its slot, in this
+// order, so that a repairer who dies as well leaves a transaction to be repaired. upcalls.h of
+// objects and frame declare who may ask for it.
 
 #ifndef ZELTA_TRANSACTION_SLOTS_RECOVERY_H
 #define ZELTA_TRANSACTION_SLOTS_RECOVERY_H

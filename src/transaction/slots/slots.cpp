@@ -1,5 +1,6 @@
 #include "transaction/slots/slots.h"
 
+#include <cassert>
 #include <utility>
 
 #include "frame/mutex_guard.h"
@@ -20,6 +21,7 @@ class FreeSlot {
   [[nodiscard]] bool found() const { return !slot_.isNone(); }
   /// Takes a slot over whose owner's word was just locked.
   void take(const Slot& slot) {
+    assert(!found());
     slot_ = slot;
     if (!lock_) slot.unlockOwner();
   }

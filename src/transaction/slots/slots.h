@@ -1,4 +1,7 @@
-// Taking, judging and giving back the places of transactions.
+// Allocating, judging and releasing the slots of transactions in the control file. frame/slots.h
+// has the slot itself and the walk over all of them; what is decided about their owners is here.
+// Who is alive keeps the owner's word of its slot locked: a word that can be locked has no owner,
+// or a dead one.
 
 #ifndef ZELTA_TRANSACTION_SLOTS_SLOTS_H
 #define ZELTA_TRANSACTION_SLOTS_SLOTS_H
@@ -29,7 +32,7 @@ Result scanSlots(MetaData& metaData, const ControlHeader_tag& header, bool take,
 Result lockDeadTransaction(MetaData& metaData, std::uint32_t number, Slot& slot,
                            std::uint32_t* found);
 
-/// Gives a transaction's place back and lets the owner's word go: marks it as free, or cuts the
+/// Releases a transaction's slot and lets the owner's word go: marks it as free, or cuts the
 /// control file behind the last slot in use. No place: does nothing.
 Result releaseSlot(MetaData& metaData, const Slot& slot);
 
