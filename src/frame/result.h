@@ -107,7 +107,7 @@ class [[nodiscard]] Result {
   /// Drops a result on purpose.
   constexpr void ignore() const {}
 
-  /// Keeps the first failure of a clean-up road.
+  /// Keeps the first failure of a clean-up.
   constexpr void keepFirst(Result later) {
     if (ok()) word_ = later.word_;
   }
