@@ -1,4 +1,6 @@
-// The handle, databases and transactions.
+// The handle, databases and transactions. Each operation clears the last failure, tests the state
+// of the handle, and calls one worker. A handle whose construction found no memory answers
+// kNullHandle to everything.
 
 #include "api/operation.h"
 #include "frame/lifecycle.h"

@@ -1,19 +1,21 @@
-// What all exported operations have in common.
+// What all exported operations have in common: the checks of the handle's state in front, the end
+// of std::bad_alloc, the trimming of buffers behind. An operation is a StateCheck and one call of a
+// worker in a lower layer.
 
 #ifndef ZELTA_API_OPERATION_H
 #define ZELTA_API_OPERATION_H
 
 #include "czelta.h"
-#include "frame/exhausted_memory.h"
+#include "frame/out_of_memory.h"
 #include "platform/clock.h"
 #include "storage/table.h"
 
 namespace zelta {
 
-/// Runs the work of an operation. Exhausted memory ends here, and the scratch buffers are trimmed.
+/// Runs the work of an operation. std::bad_alloc ends here, and the scratch buffers are trimmed.
 template <typename Work>
 unsigned long long performKeepingText(MetaData& metaData, bool trimAll, Work work) {
-  const Result result = reportingMemory(metaData, work);
+  const Result result = catchBadAlloc(metaData, work);
   trimScratch(metaData, trimAll);
   return result.word();
 }

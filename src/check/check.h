@@ -18,6 +18,7 @@ enum class CheckKind {
   remains       ///< harmless: the library clears it away, or writes over it, when it comes by
 };
 
+/// One contradiction, and where it was met.
 struct CheckFinding {
   CheckKind kind;
   std::string file;      ///< path
@@ -25,6 +26,7 @@ struct CheckFinding {
   std::string what;
 };
 
+/// How much is wanted.
 struct CheckOptions {
   std::size_t maximumFindings = 100;  ///< the check ends when it has found so many
   bool remains = false;               ///< report harmless remains too

@@ -40,6 +40,9 @@ struct Node {
   }
 };
 
+/// A walk without recursion: the path holds a copy of each node on the way down. Bounds go down
+/// with it, so that every key is held against all separators above it; leaves are held against the
+/// one before. No position is visited twice, so the walk ends whatever the links say.
 class TreeWalk {
  public:
   TreeWalk(Findings& findings, CheckFile& file, const TreePlace& place,
@@ -83,9 +86,9 @@ class TreeWalk {
   std::vector<Extent>& extents_;
   const EntryVisitor& visit_;
   std::vector<Node> path_;
-  std::unordered_set<std::uint64_t> seen_;
+  std::unordered_set<std::uint64_t> seen_;  ///< positions of nodes that were met
   std::size_t leafDepth_ = 0;
-  std::uint64_t lastLeaf_ = 0;
+  std::uint64_t lastLeaf_ = 0;  ///< the leaf before, and where it says that the next one is
   std::uint64_t lastNext_ = 0;
   bool complete_ = true;
 };
@@ -113,6 +116,7 @@ bool TreeWalk::run() {
   return complete_ && !findings_.full();
 }
 
+/// On to the next child of a branch.
 void TreeWalk::descend(Node& parent) {
   const std::uint32_t i = parent.nextChild++;
   const std::uint64_t offset = pointerOffset(parent, i);
@@ -128,6 +132,8 @@ void TreeWalk::descend(Node& parent) {
   if (read(child, linkOffset, node)) path_.push_back(std::move(node));
 }
 
+/// Reads a node and checks all that can be seen in it alone; `linkOffset` is where the link to it
+/// stands.
 bool TreeWalk::read(std::uint64_t position, std::uint64_t linkOffset, Node& node) {
   if (!readHead(position, linkOffset, node)) return false;
   const char* bytes = file_.view(position, node.size());
@@ -176,6 +182,7 @@ bool TreeWalk::sizeFits(const Node& node) {
   return node.size() == size || fail(node.position, "node is not " + text(size) + " bytes long");
 }
 
+/// Notes where each key begins.
 bool TreeWalk::findKeys(Node& node) {
   std::uint64_t at = head(node);
   const std::uint64_t limit = node.size() - pointerBytes(node);

@@ -120,7 +120,7 @@ bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
   place.from = firstPage_;
   place.to = indexEnd_;
   place.pageSize = pageSize_;
-  KeyTraces entries;
+  CheckedKeys entries;
   const bool complete = kind->walk(findings_, file, place, extents, [&](const TreeEntry& entry) {
     entries.push_back({hashKey(entry.key, entry.words), entry.objectID, entry.offset});
   });

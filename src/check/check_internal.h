@@ -1,5 +1,10 @@
 // What the sources of the checker share: reading files without trust, collecting findings, proving
 // that blocks cover a file.
+//
+// Most offsets and magic numbers are written out in the sources once more: a checker that took all
+// of them from the library would share its mistakes. A change that was cut off is first played
+// through in the view of its file (seeTableChange() and its like), so that all else can be checked
+// as at rest.
 
 #ifndef ZELTA_CHECK_CHECK_INTERNAL_H
 #define ZELTA_CHECK_CHECK_INTERNAL_H
@@ -84,6 +89,7 @@ template <typename Number>
   return value;
 }
 
+/// Collects what was found, up to the wanted number.
 class Findings {
  public:
   explicit Findings(const CheckOptions& options) : options_(options) {}
@@ -212,6 +218,7 @@ struct PendingSection {
 [[nodiscard]] bool measureEdits(CheckFile& file, std::uint64_t at, std::uint64_t end,
                                 std::uint64_t* size);
 
+// Each reports what it finds and goes on as far as there is sense in it.
 void checkControl(Findings& findings, CheckFile& file, ControlFacts& facts);
 void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
                 const std::vector<PendingSection>& pending);

@@ -75,6 +75,7 @@ bool applyFreeBlocks(Applier& applier, const std::string& journal, std::uint64_t
 
 // -- Table files ------------------------------------------------------------------------------
 
+/// A commit in a table file: what CommitRecovery of the library would make of it.
 class TableChange {
  public:
   explicit TableChange(CheckFile& file) : file_(file), applier_(file) {}
@@ -110,6 +111,7 @@ bool TableChange::read() {
   return bytes != nullptr;
 }
 
+/// Reads the journal; false if it is not all there or its sum is wrong.
 bool TableChange::isSummedUp() {
   const std::uint64_t entries = std::uint64_t{header_.editEntryCount} + header_.freeEntryCount;
   const std::uint64_t length = entries * sizeof(EditEntry_tag);
@@ -136,6 +138,7 @@ Change TableChange::run() {
   return carryOut() ? Change::carriedOut : Change::impossible;
 }
 
+/// The table is as it was, and ends where it did.
 Change TableChange::drop() {
   const std::uint64_t base = header_.journalBase != 0 ? header_.journalBase : header_.endOfFile;
   const bool good = base == header_.endOfFile && base <= file_.size() && finish(base);

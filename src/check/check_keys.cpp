@@ -13,7 +13,7 @@ namespace zelta::check {
 
 namespace {
 
-bool before(const KeyTrace& a, const KeyTrace& b) {
+bool before(const CheckedKey& a, const CheckedKey& b) {
   return a.hash != b.hash ? a.hash < b.hash : a.objectID < b.objectID;
 }
 
@@ -21,10 +21,10 @@ bool before(const KeyTrace& a, const KeyTrace& b) {
 
 // -- What the index should have ---------------------------------------------------------------
 
-KeyTraces TableCheck::keysOf(std::uint32_t index, const TracedObject& object) {
-  KeyTraces keys;
+CheckedKeys TableCheck::keysOf(std::uint32_t index, const CheckedObject& object) {
+  CheckedKeys keys;
   const KindCheck* kind = findKindCheck(table_, index);
-  if (kind != nullptr && !kind->trace(table_, index, object, keys)) {
+  if (kind != nullptr && !kind->keysOf(table_, index, object, keys)) {
     findings_.damage(file_, object.position,
                      "object " + text(object.id) + " has no key in index " + text(index));
   }
@@ -51,18 +51,20 @@ const char* TableCheck::viewImage(const PendingCommit& commit, std::uint64_t id)
   return nullptr;
 }
 
+/// Notes the keys of an object that is there. Those that a commit still takes away or brings are
+/// noted with it; those that it leaves alone must be in the index in any case.
 void TableCheck::takeKeys(std::uint64_t id, std::uint64_t position, const char* object,
                           std::uint32_t length) {
   const PendingCommit* commit = commitOf(id);
   const bool rewritten = commit != nullptr && commit->images.count(id) != 0;
   const char* image = rewritten ? viewImage(*commit, id) : nullptr;
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    KeyTraces old = keysOf(i, {id, position, object, length});
+    CheckedKeys old = keysOf(i, {id, position, object, length});
     if (commit == nullptr) {
       keys_[i].insert(keys_[i].end(), old.begin(), old.end());
       continue;
     }
-    KeyTraces later;
+    CheckedKeys later;
     if (image != nullptr) {
       later = keysOf(i, {id, position, image, commit->images.at(id).length});
     }
@@ -75,12 +77,13 @@ void TableCheck::takeKeys(std::uint64_t id, std::uint64_t position, const char* 
   }
 }
 
-void TableCheck::addChanged(std::uint32_t index, const KeyTraces& from, const KeyTraces& without,
-                            const PendingCommit& commit, bool comes) {
-  KeyTraces changed;
+/// Notes the keys that `from` has and `without` lacks as changed by a commit.
+void TableCheck::addChanged(std::uint32_t index, const CheckedKeys& from,
+                            const CheckedKeys& without, const PendingCommit& commit, bool comes) {
+  CheckedKeys changed;
   std::set_difference(from.begin(), from.end(), without.begin(), without.end(),
                       std::back_inserter(changed), before);
-  for (KeyTrace& key : changed) {
+  for (CheckedKey& key : changed) {
     key.commit = static_cast<std::uint32_t>(&commit - commits_.data()) + 1;
     key.comes = comes;
     keys_[index].push_back(key);
@@ -93,7 +96,7 @@ void TableCheck::takeImageKeys(const PendingCommit& commit, std::uint64_t id,
   const char* image = viewImage(commit, id);
   if (image == nullptr) return;
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    const KeyTraces keys = keysOf(i, {id, position, image, commit.images.at(id).length});
+    const CheckedKeys keys = keysOf(i, {id, position, image, commit.images.at(id).length});
     keys_[i].insert(keys_[i].end(), keys.begin(), keys.end());
   }
 }
@@ -117,13 +120,13 @@ void TableCheck::takeNewKeys() {
 
 /// Every key of an object has an entry, and every entry an object with its key.
 void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
-                             KeyTraces& entries) {
+                             CheckedKeys& entries) {
   constexpr std::uint64_t kNamed = 10;  // more of a kind are only counted
-  KeyTraces& keys = keys_[index];
+  CheckedKeys& keys = keys_[index];
   std::sort(keys.begin(), keys.end(), before);
   std::sort(entries.begin(), entries.end(), before);
   std::uint64_t missing = 0;
-  std::uint64_t foreign = 0;
+  std::uint64_t unowned = 0;
   std::uint64_t ahead = 0;
   const std::string name = "index " + text(index) + ": ";
   auto key = keys.begin();
@@ -132,7 +135,7 @@ void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::ui
     const bool lacking = entry == entries.end() || (key != keys.end() && before(*key, *entry));
     const bool alone = !lacking && (key == keys.end() || before(*entry, *key));
     if (alone) {
-      if (foreign++ < kNamed) {
+      if (unowned++ < kNamed) {
         findings_.damage(file, entry->offset,
                          name + "object " + text(entry->objectID) + " has no such key");
       }
@@ -149,18 +152,19 @@ void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::ui
     if (!alone) ++key;
     if (!lacking) ++entry;
   }
-  if (missing > kNamed || foreign > kNamed) {
+  if (missing > kNamed || unowned > kNamed) {
     findings_.damage(
         file, rootOffset,
-        name + text(missing) + " keys are missing, " + text(foreign) + " belong to no object");
+        name + text(missing) + " keys are missing, " + text(unowned) + " belong to no object");
   }
   if (ahead != 0) {
     findings_.pending(file, rootOffset,
                       name + text(ahead) + " keys are changed, the objects are still to follow");
   }
-  KeyTraces().swap(keys);
+  CheckedKeys().swap(keys);
 }
 
+/// An index file changes in one step: it cannot have one key of a commit and lack another.
 void TableCheck::checkCommits(const CheckFile& file) {
   for (const PendingCommit& commit : commits_) {
     if (!commit.keysAhead || !commit.keysBehind) continue;

@@ -8,7 +8,7 @@ namespace zelta::check {
 namespace {
 
 constexpr KindCheck kKinds[] = {
-    {CZELTA::BPlusTree, checkBPlusTree, traceKeys},
+    {CZELTA::BPlusTree, checkBPlusTree, makeKeys},
 };
 
 }  // namespace
@@ -30,7 +30,7 @@ std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words) {
   return hash;
 }
 
-bool traceKeys(Table& table, std::uint32_t index, const TracedObject& object, KeyTraces& keys) {
+bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys) {
   const bool many = table.multiEntry(index);
   const KeyShape shape = table.keyShape(index);
   for (std::uint32_t entry = 0; entry == 0 || many; ++entry) {

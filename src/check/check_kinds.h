@@ -1,4 +1,6 @@
-// What the checker knows of the kinds of index.
+// What the checker knows of the kinds of index: how to walk a tree of each and which keys an object
+// must have there. A new kind adds a row to the table in check_kinds.cpp; an index of a kind
+// without one is counted as not checked.
 
 #ifndef ZELTA_CHECK_CHECK_KINDS_H
 #define ZELTA_CHECK_CHECK_KINDS_H
@@ -13,7 +15,7 @@
 namespace zelta::check {
 
 /// A key that an object has, or an entry that an index has. Keys are compared by their hashes.
-struct KeyTrace {
+struct CheckedKey {
   std::uint64_t hash;
   std::uint64_t objectID;
   std::uint64_t offset;  ///< of the record in the table file, or of the key in the index file
@@ -22,18 +24,19 @@ struct KeyTrace {
   std::uint32_t commit = 0;
   bool comes = false;  ///< with that commit; otherwise it goes
 };
-using KeyTraces = std::vector<KeyTrace>;
+using CheckedKeys = std::vector<CheckedKey>;
 
 [[nodiscard]] std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words);
 
 /// An object whose keys are wanted. Its encoding is sound.
-struct TracedObject {
+struct CheckedObject {
   std::uint64_t id;
   std::uint64_t position;  ///< of the record in the table file
   const char* bytes;
   std::uint32_t length;
 };
 
+/// A row of that table.
 struct KindCheck {
   CZELTA::IndexKind number;
   /// Walks a tree: form of the nodes, order, links. The nodes go to `extents`. False if parts of it
@@ -41,14 +44,14 @@ struct KindCheck {
   bool (*walk)(Findings& findings, CheckFile& file, const TreePlace& place,
                std::vector<Extent>& extents, const EntryVisitor& visit);
   /// Adds all keys that an index (from 0) must have of an object. False if one is wanting.
-  bool (*trace)(Table& table, std::uint32_t index, const TracedObject& object, KeyTraces& keys);
+  bool (*keysOf)(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
 };
 
 /// Null for a kind that is not there.
 [[nodiscard]] const KindCheck* findKindCheck(const Table& table, std::uint32_t index);
 
-/// KindCheck::trace() of the kinds with keys.
-bool traceKeys(Table& table, std::uint32_t index, const TracedObject& object, KeyTraces& keys);
+/// KindCheck::keysOf() of the kinds with keys.
+bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
 
 }  // namespace zelta::check
 

@@ -1,4 +1,5 @@
-// The encoding of objects.
+// The encoding of objects: fixed fields by their place, variable ones by their own lengths, which
+// must lead exactly to the object's end.
 
 #ifndef ZELTA_CHECK_CHECK_OBJECT_H
 #define ZELTA_CHECK_CHECK_OBJECT_H
@@ -11,12 +12,14 @@
 
 namespace zelta::check {
 
+/// What all objects of a table have in common.
 struct ObjectForm {
   const CZELTA::Schema* schema;
   std::uint32_t headerSize;
   std::uint32_t fixedAreaSize;
 };
 
+/// The first thing that is wrong.
 struct ObjectFault {
   std::uint64_t offset;  ///< in the object
   std::string what;

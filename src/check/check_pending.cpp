@@ -59,6 +59,7 @@ std::uint64_t endOfDecided(CheckFile& file, std::uint64_t position) {
   return found == sum ? position + length : 0;
 }
 
+/// Notes the sections of a decided entry that edit tables.
 void takeSections(const std::shared_ptr<CheckFile>& file, std::uint32_t number,
                   std::uint64_t position, std::vector<PendingSection>& out) {
   const std::uint64_t end = endOfDecided(*file, position);

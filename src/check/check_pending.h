@@ -1,4 +1,5 @@
-// Commits that are decided and still to be carried out.
+// Commits that are decided and still to be carried out. They explain what would else be damage:
+// placeholders in the table file, and keys that the index file has too early or no longer.
 
 #ifndef ZELTA_CHECK_CHECK_PENDING_H
 #define ZELTA_CHECK_CHECK_PENDING_H

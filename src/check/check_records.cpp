@@ -26,6 +26,7 @@ void TableCheck::checkObjects() {
 
 // -- Records ----------------------------------------------------------------------------------
 
+/// Records lie side by side: each place is one.
 bool TableCheck::walkFixed() {
   const std::uint64_t size = facts_.fixedAreaSize;
   if (facts_.freeHead != 0) findings_.damage(file_, 56, "free space in a table without any");
@@ -40,6 +41,8 @@ bool TableCheck::walkFixed() {
   return true;
 }
 
+/// Blocks must fill the area; free ones must be those of the chain, and joined with their
+/// neighbours.
 bool TableCheck::walkVariable() {
   nextFree_ = facts_.freeHead;
   nextFreeOffset_ = 56;
@@ -105,6 +108,8 @@ void TableCheck::walkFree(std::uint64_t position) {
   nextFreeOffset_ = position + 8;
 }
 
+/// A record must have an ID whose slot leads back to it, and an object that parses; its keys are
+/// noted.
 void TableCheck::checkRecord(std::uint64_t position, std::uint64_t objectOffset,
                              std::uint64_t length) {
   // A placeholder has no length, but version and ID behind it.
@@ -150,6 +155,7 @@ void TableCheck::checkPlaceholder(std::uint64_t id, std::uint64_t objectOffset) 
 
 // -- Slots ------------------------------------------------------------------------------------
 
+/// Slots of all IDs up to the highest one, and zeros behind them.
 void TableCheck::checkSlots() {
   nextFree_ = facts_.firstDeletedID;
   nextFreeOffset_ = 40;
@@ -194,6 +200,7 @@ void TableCheck::checkFreeSlot(std::uint64_t id, std::uint64_t word) {
   nextFreeOffset_ = facts_.slot(id);
 }
 
+/// A slot in use must lead to a record of its ID.
 void TableCheck::checkUsedSlot(std::uint64_t id, std::uint64_t position) {
   const std::uint64_t at = facts_.slot(id);
   if (position < facts_.areaStart || position >= facts_.end) {

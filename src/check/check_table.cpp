@@ -26,6 +26,7 @@ TableCheck::TableCheck(Findings& findings, const std::u16string& folder,
       slots_(folder + entry.name + extension::kTable),
       pending_(pending) {}
 
+/// Header and schema are what all else is measured by: without them there is nothing to go on with.
 void TableCheck::run() {
   if (!file_.isOpen() || !slots_.isOpen()) {
     findings_.damage(file_, 0, "file cannot be opened, code " + text(file_.failure()));
@@ -41,6 +42,7 @@ void TableCheck::run() {
   checkMemoryFile();
 }
 
+/// The header as it is once a commit that was cut off is played through.
 bool TableCheck::checkHeader() {
   const char* header = file_.view(0, kHeader);
   if (header == nullptr) {

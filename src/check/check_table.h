@@ -1,4 +1,6 @@
-// A table while it is checked: its file, its schema, the keys of its objects.
+// A table while it is checked: its file, its schema, the keys of its objects. The order is that of
+// trust: header, schema, records and slots, then index and memory file, against the keys that the
+// objects were found to have.
 
 #ifndef ZELTA_CHECK_CHECK_TABLE_H
 #define ZELTA_CHECK_CHECK_TABLE_H
@@ -34,6 +36,7 @@ struct TableFacts {
   [[nodiscard]] std::uint64_t slot(std::uint64_t id) const { return slotBase + 12 * id; }
 };
 
+/// One table, once. The sources named below have a part each.
 class TableCheck {
  public:
   TableCheck(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
@@ -64,13 +67,13 @@ class TableCheck {
   void takeKeys(std::uint64_t id, std::uint64_t position, const char* object, std::uint32_t length);
   void takeImageKeys(const PendingCommit& commit, std::uint64_t id, std::uint64_t position);
   void takeNewKeys();
-  KeyTraces keysOf(std::uint32_t index, const TracedObject& object);
+  CheckedKeys keysOf(std::uint32_t index, const CheckedObject& object);
   [[nodiscard]] const char* viewImage(const PendingCommit& commit, std::uint64_t id);
-  void addChanged(std::uint32_t index, const KeyTraces& from, const KeyTraces& without,
+  void addChanged(std::uint32_t index, const CheckedKeys& from, const CheckedKeys& without,
                   const PendingCommit& commit, bool comes);
   [[nodiscard]] const PendingCommit* commitOf(std::uint64_t id);
   void compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
-                   KeyTraces& entries);
+                   CheckedKeys& entries);
   void checkCommits(const CheckFile& file);
   // check_index.cpp
   void checkIndexFile();
@@ -96,7 +99,7 @@ class TableCheck {
   bool recordsComplete_ = false;
   std::uint64_t nextFree_ = 0;  ///< free block that the walk must meet next
   std::uint64_t nextFreeOffset_ = 0;
-  std::vector<KeyTraces> keys_;  ///< by index
+  std::vector<CheckedKeys> keys_;  ///< by index
   std::uint64_t firstPage_ = 0;
   std::uint32_t pageSize_ = 0;
   std::uint64_t indexEnd_ = 0;

@@ -1,4 +1,5 @@
-// Reading the control file's header, and the repair at first open.
+// Reading the control file's header, and the repair at first open. Words of the header and of slots
+// may be locked by transactions that live, so that it is read in parts, and waited for with bounds.
 
 #include "frame/control_file.h"
 
@@ -65,6 +66,7 @@ SystemCode readHeaderBytes(MetaData& metaData, ControlHeader_tag& header) {
   return failure == code::kEndOfFile && header.minorVersion == 1 ? 0 : failure;
 }
 
+/// What must be right before anything else of the header is looked at.
 Result checkHeader(MetaData& metaData, const ControlHeader_tag& header) {
   if (std::memcmp(header.magic, "ZELC", 4) != 0) return reportDamaged(metaData);
   if (header.majorVersion != 1 || (header.minorVersion != 1 && header.minorVersion != 2)) {
@@ -81,6 +83,8 @@ bool isConsistent(const ControlHeader_tag& header) {
                                     header.tableCount * kIndexRecordSize;
 }
 
+/// One reading of the header. A change that stands is completed by whoever may write; to a reader
+/// its numbers are the old or the new ones.
 Result readAndComplete(MetaData& metaData, ControlHeader_tag& header) {
   if (const SystemCode failure = readHeaderBytes(metaData, header); failure != 0) {
     return reportControlFile(metaData, failure);
@@ -187,6 +191,7 @@ Result cutMemoryFiles(MetaData& metaData, const ControlHeader_tag& header) {
   return {};
 }
 
+/// A dead exclusive transaction: its commit is carried out, and its place is free.
 Result recoverExclusive(const Session& session, ControlHeader_tag& header) {
   constexpr std::uint32_t kState = offsetof(ControlHeader_tag, exclusiveState);
   std::uint32_t state = 0;
@@ -204,6 +209,7 @@ Result recoverExclusive(const Session& session, ControlHeader_tag& header) {
                               header);  // a replayed change moves the directory's end
 }
 
+/// All slots are those of dead transactions: their commits are carried out, and the slots go.
 Result recoverSlots(const Session& session, const ControlHeader_tag& header) {
   SlotWalk walk(session.metaData.controlFile);
   ZELTA_TRY(reportControlFile(session.metaData, walk.begin(header.directoryEnd)));
@@ -216,6 +222,8 @@ Result recoverSlots(const Session& session, const ControlHeader_tag& header) {
                            truncateFile(session.metaData.controlFile, header.directoryEnd));
 }
 
+/// What a first opener does if nobody lives. Memory files are cut first: nothing that dead
+/// transactions left in them may be met by a replay.
 Result repairAtOpen(const Session& session) {
   ControlHeader_tag header;
   ZELTA_TRY(refreshControlHeader(session.metaData, header));
@@ -229,6 +237,8 @@ Result repairAtOpen(const Session& session) {
 
 }  // namespace
 
+/// Whoever gets the exclusive word and then the claim is the first opener. The word is held during
+/// the repair, so that no writer begins beside it.
 Result recoverAtOpen(const Session& session) {
   const SystemCode failure = Slot::exclusive(session.metaData.controlFile).lockOwner();
   if (failure == code::kLockViolation)

@@ -1,4 +1,10 @@
-// The control file: its header, the table directory behind it, and changes of the directory.
+// The control file: its header, the table directory behind it, and changes of the directory. The
+// slots of transactions lie behind that (slots.h). It is what makes files a database: which tables
+// there are is said nowhere else.
+//
+// A change of the directory has two phases with an intent in the header. In the first, files are
+// prepared and the change can be rolled back; in the second it is carried out, by whoever comes
+// next if need be. databaseMutex guards header, directory and intent.
 
 #ifndef ZELTA_FRAME_CONTROL_FILE_H
 #define ZELTA_FRAME_CONTROL_FILE_H

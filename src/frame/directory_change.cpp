@@ -4,6 +4,12 @@
 // then an intent with a checksum over both into the header, and flushes. Until the intent's second
 // phase stands, a crash rolls back; from then on whoever may write finishes the change, any number
 // of times: the image stays where it is until the intent is cleared.
+//
+// States of the header: at rest (`imageStart` 0); pending (`imageStart` and `oldEnd` not 0: the
+// image decides by its checksum whether the change is carried out or dropped); applied (`oldEnd` 0:
+// only the clearing of the intent, and the cut of the file, are left). Nothing in an intent is
+// trusted for its checksum alone: where the file would be cut, or end, must follow from a directory
+// that parses.
 
 #include "frame/directory_change.h"
 
@@ -11,7 +17,7 @@
 #include <cstring>
 #include <string>
 
-#include "frame/own_files.h"
+#include "frame/file_removal.h"
 #include "frame/slots.h"
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
@@ -39,10 +45,12 @@ Result flushControl(MetaData& metaData) {
   return reportControlFile(metaData, platform::flushFile(metaData.controlFile));
 }
 
+/// Behind the directory before and after the change, so that neither is overwritten.
 std::uint32_t imagePosition(const ControlHeader_tag& header) {
   return std::max(header.oldEnd, header.imageStart);
 }
 
+/// Of the intent's last words and the image.
 std::uint32_t checksumOf(const ControlHeader_tag& header, const char* image, std::size_t length) {
   std::uint32_t sum = 0;
   xorChecksum32(sum, bytesOf(header) + kSummedStart, sizeof header - kSummedStart);
@@ -78,6 +86,7 @@ Result readImage(MetaData& metaData, const ControlHeader_tag& header, PendingIma
   return {};
 }
 
+/// A directory entry alone, as a log record begins with it.
 std::string entryBytes(const DirectoryEntry& entry) {
   TableDirectory single;
   single.insert(entry);
@@ -86,9 +95,10 @@ std::string entryBytes(const DirectoryEntry& entry) {
 
 /// Deletes table file and index file. What cannot be deleted, or is none, stays.
 void deleteFiles(const MetaData& metaData, const DirectoryEntry& entry) {
-  deleteOwnFile(metaData, databasePath(metaData, entry.name, extension::kTable), extension::kTable);
-  deleteOwnFile(metaData, indexFolder(metaData, entry) + entry.name + extension::kIndex,
-                extension::kIndex);
+  deleteTableFile(metaData, databasePath(metaData, entry.name, extension::kTable),
+                  extension::kTable);
+  deleteTableFile(metaData, indexFolder(metaData, entry) + entry.name + extension::kIndex,
+                  extension::kIndex);
 }
 
 /// Writes a directory over the old one and takes its numbers over; the header itself follows when
@@ -102,6 +112,7 @@ Result installDirectory(MetaData& metaData, ControlHeader_tag& header, const cha
   return {};
 }
 
+/// Before the directory changes, so that whoever follows the log never lacks a table that is there.
 Result logChange(MetaData& metaData, ControlHeader_tag& header, const std::string& body, bool log) {
   if (!log || (header.logFlags & 1) == 0) return {};
   return logSchemaChange(metaData, header, static_cast<DirectoryChange>(header.changeOperation),
@@ -122,6 +133,7 @@ Result completeEntry(MetaData& metaData, ControlHeader_tag& header, PendingImage
   return installDirectory(metaData, header, image.bytes, image.directoryLength);
 }
 
+/// The first phase of a creation: the new table's files go.
 Result rollBackFiles(MetaData& metaData, const ControlHeader_tag& header,
                      const PendingImage& image) {
   const DirectoryEntry* entry = image.directory.find(header.changeTable);
@@ -216,6 +228,8 @@ Result carryOut(MetaData& metaData, ControlHeader_tag& header, PendingImage& ima
                  : completeEntry(metaData, header, image, log);
 }
 
+/// Ends a change, whichever way it went: numbers first, then the intent, with flushes between them;
+/// then the file is cut at `target`, its length at rest.
 Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::uint32_t target) {
   if (target == 0) return {};
   // The file must never be cut inside its directory, nor grow, whatever a damaged intent says.
@@ -236,6 +250,7 @@ Result clearPendingChange(MetaData& metaData, ControlHeader_tag& header, std::ui
   return reportControlFile(metaData, truncateFile(metaData.controlFile, target));
 }
 
+/// `exclusiveState` in the file.
 Result writeState(MetaData& metaData, std::uint32_t state) {
   return writeControl(metaData, kStateStart, &state, sizeof state);
 }

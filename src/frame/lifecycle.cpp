@@ -1,4 +1,8 @@
 // Creating, opening and closing databases.
+//
+// Opening goes in the order lock file, databaseMutex, logMutex, control file, and does all that
+// others must not see half done under databaseMutex: the first opener repairs there, and so others
+// find a repaired database. Whatever fails on the way is undone by OpeningScope.
 
 #include "frame/lifecycle.h"
 
@@ -59,6 +63,7 @@ std::u16string withLast(std::u16string name, char16_t last) {
   return name;
 }
 
+/// Opens the lock file and the mutexes that are needed before the control file is.
 Result createMutexes(MetaData& metaData, const std::u16string& name) {
   const std::u16string locks = name.substr(0, name.size() - kExtensionLength) + extension::kLocks;
   SystemCode failure = platform::openLockFile(locks.c_str(), name.c_str(), &metaData.lockFile);
@@ -69,17 +74,21 @@ Result createMutexes(MetaData& metaData, const std::u16string& name) {
   return reportSystemError(&metaData, failure, name.c_str());
 }
 
+/// Called under databaseMutex.
 Result createLogMutex(MetaData& metaData, const std::u16string& name) {
   const SystemCode failure = createFileMutex(metaData, withLast(name, u'l'), &metaData.logMutex);
   return reportSystemError(&metaData, failure, name.c_str());
 }
 
+/// Takes the control file's path apart: from then on paths of other files can be made.
 void splitPath(MetaData& metaData, const std::u16string& name) {
   const std::size_t folder = name.rfind(platform::kSeparator) + 1;
   metaData.directoryPath = name.substr(0, folder);
   metaData.baseName = name.substr(folder, name.size() - folder - kExtensionLength);
 }
 
+/// The header of a database without tables, whose numbers of transactions begin behind the
+/// exclusive one.
 Result writeNewHeader(MetaData& metaData, const std::u16string& name) {
   ControlHeader_tag header{};
   std::memcpy(header.magic, "ZELC", 4);
@@ -135,6 +144,7 @@ Result initialise(const Session& session, const std::u16string& name) {
   return reportSystemError(&session.metaData, database.release(), name.c_str());
 }
 
+/// Makes the file, which must not exist, and the folders on the way to it.
 Result createControlFile(MetaData& metaData, const std::u16string& name) {
   SystemCode failure = openDatabaseFile(metaData, name.c_str(), platform::Disposition::createNew,
                                         &metaData.controlFile);

@@ -1,4 +1,5 @@
-// A bounded print of the few forms that failure texts use.
+// A bounded print of the few forms that failure texts use: 16-bit text into a buffer of fixed size,
+// without the heap.
 
 #ifndef ZELTA_FRAME_MESSAGE_FORMAT_H
 #define ZELTA_FRAME_MESSAGE_FORMAT_H

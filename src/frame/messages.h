@@ -1,4 +1,5 @@
-// Texts of the failure codes, with the capacity of each in 16-bit units.
+// Texts of the failure codes, with the capacity of each in 16-bit units. A text is made when a
+// failure is reported, into a buffer of that capacity; what does not fit is cut.
 
 #ifndef ZELTA_FRAME_MESSAGES_H
 #define ZELTA_FRAME_MESSAGES_H
@@ -24,6 +25,7 @@ struct MessageInput {
 
 /// Units that the text's buffer has, terminator included.
 [[nodiscard]] std::size_t ownMessageCapacity(std::uint32_t code, const MessageInput& in);
+/// Writes the text of one of the library's own codes, of a code of the system.
 void writeOwnMessage(std::uint32_t code, const MessageInput& in, MessageWriter& out);
 [[nodiscard]] std::size_t systemMessageCapacity(std::uint32_t code, const MessageInput& in);
 void writeSystemMessage(std::uint32_t code, const MessageInput& in, MessageWriter& out);

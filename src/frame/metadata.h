@@ -1,4 +1,11 @@
-// The database that a handle has open.
+// The database that a handle has open: its files and mutexes, the running transaction, the scratch
+// buffers and the text of the last failure. One thread uses it at a time. It knows nothing of
+// tables (storage/table.h); a Session is both.
+//
+// State of the transaction: `transactionWord` 0 means none. A writer has a slot at `slotPosition`,
+// whose owner's word this handle keeps locked; a reader has none. `leaveSlot` says that a decided
+// commit is still to be carried out by somebody else: nothing but ending the transaction is allowed
+// then.
 
 #ifndef ZELTA_FRAME_METADATA_H
 #define ZELTA_FRAME_METADATA_H

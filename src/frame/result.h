@@ -1,4 +1,6 @@
-// The result word of every operation, and the recorder of failure texts.
+// The result word of every operation, and the recorder of failure texts. Functions that can fail
+// return a Result; ZELTA_TRY passes a failure on. The text is recorded where the failure is found,
+// and belongs to the handle.
 
 #ifndef ZELTA_FRAME_RESULT_H
 #define ZELTA_FRAME_RESULT_H

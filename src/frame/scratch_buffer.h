@@ -1,4 +1,6 @@
-// A block of memory that is reused from call to call.
+// A block of memory that is reused from call to call, so that a steady stream of operations leaves
+// the heap alone. Whoever reserves it owns its contents until somebody else does: Scratch
+// (frame/metadata.h) names who that may be.
 
 #ifndef ZELTA_FRAME_SCRATCH_BUFFER_H
 #define ZELTA_FRAME_SCRATCH_BUFFER_H

@@ -4,7 +4,8 @@
 // 1. An exclusive transaction has its place in the header, at kExclusiveWord, with the same two
 // words. As long as a transaction lives, its process keeps a word locked, the owner's word: the
 // second one of a slot, the first one of the exclusive place. So a number whose owner's word can be
-// locked is that of a dead transaction. Slots are taken, given back and judged under databaseMutex.
+// locked is that of a dead transaction. Slots are allocated, released and judged under
+// databaseMutex.
 
 #ifndef ZELTA_FRAME_SLOTS_H
 #define ZELTA_FRAME_SLOTS_H

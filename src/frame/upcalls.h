@@ -1,4 +1,5 @@
-// What the frame needs from the layers above it: each function is defined there.
+// What the frame needs from the layers above it: each function is defined there. Opening a database
+// may need a replay, changing the directory the log, and closing must end a transaction.
 
 #ifndef ZELTA_FRAME_UPCALLS_H
 #define ZELTA_FRAME_UPCALLS_H

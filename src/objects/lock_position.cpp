@@ -11,6 +11,7 @@ namespace zelta {
 
 namespace {
 
+/// Whether the table orders its locks downwards.
 bool descending(const Table& table) {
   return (table.schema->schemaFlags & CZELTA::SchemaLockDescending) != 0;
 }

@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-#include "frame/kept_error.h"
+#include "frame/preserved_error.h"
 #include "index/file/index_file.h"
 
 namespace zelta {
@@ -21,7 +21,7 @@ void TableAccess::announceChange() {
 
 void TableAccess::leave() {
   if (!owned()) return;
-  const KeptError kept(metaData);
+  const PreservedError kept(metaData);
   release().ignore();
 }
 

@@ -1,4 +1,5 @@
-// The types of fields.
+// The types of fields: their codes, sizes and alignments in one table, and the fields that an
+// index's segments name. Types with an even code are variable.
 
 #ifndef ZELTA_SCHEMA_DATA_TYPES_H
 #define ZELTA_SCHEMA_DATA_TYPES_H

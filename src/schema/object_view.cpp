@@ -1,6 +1,7 @@
 #include "schema/object_view.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "schema/data_types.h"
 
@@ -17,6 +18,7 @@ ObjectBytes meant(const Table& table, ObjectBytes object) {
 }  // namespace
 
 const char* fieldAddress(const Table& table, std::uint32_t field, ObjectBytes object) {
+  assert(field < table.schema->fieldCount);
   const auto [bytes, length] = meant(table, object);
   const CZELTA::Schema::Field* fields = table.schema->fields;
   if (!isVariableType(fields[field].fieldType)) {
@@ -112,6 +114,7 @@ const char* subFieldAddress(const Table& table, const SubFieldPlace& wanted, Obj
     if (place.at == nullptr) return nullptr;
   }
   const CZELTA::Schema::Field& definition = table.schema->fields[wanted.field];
+  assert(wanted.subField < definition.subFieldCount);
   for (; place.row < wanted.subRecord; ++place.row) {
     std::uint32_t seen = 0;
     const std::uint64_t step = rowSize(definition, place.at, place.left, &seen);

@@ -38,6 +38,7 @@ bool RecordBuffer::suits(std::uint64_t length) const {
   return !tight || bytes.size() <= kSmallBuffer || bytes.size() <= (length + lead) * 2;
 }
 
+/// A tight buffer is exchanged for one of the right size as soon as it is twice too large.
 bool RecordBuffer::makeRoom(std::uint64_t length) {
   if (suits(length)) return true;
   bytes.release();
@@ -72,6 +73,7 @@ RecordFault RecordReader::fetch(std::uint64_t objectID, std::uint64_t position,
   return fault;
 }
 
+/// In a table without variable fields the record is the object.
 RecordFault RecordReader::fetchFixed(std::uint64_t position, const RecordRules& rules,
                                      ObjectBytes* object) {
   const std::uint32_t length = table_.fixedAreaSize;

@@ -1,5 +1,7 @@
 // Bringing an object's bytes from a table file or a memory file into memory. No length that stands
-// in a file becomes memory before the file is known to have as many bytes.
+// in a file becomes memory before the file is known to have as many bytes. It is the one place
+// where a record's framing is read for its object; who reads (a transaction, a commit, the building
+// of an index) differs in the rules that the record is measured by and in what it makes of a fault.
 
 #ifndef ZELTA_SCHEMA_RECORD_READER_H
 #define ZELTA_SCHEMA_RECORD_READER_H

@@ -1,5 +1,6 @@
 #include "schema/schema_copy.h"
 
+#include <cassert>
 #include <cstring>
 #include <new>
 #include <string>
@@ -18,6 +19,7 @@ bool hasSubFields(const Field& field) {
   return field.fieldType == CZELTA::TypeSubRecords && field.subFields != nullptr;
 }
 
+/// Adds what the names of some fields take, terminators included.
 void countNames(const Field* fields, std::uint64_t count, SchemaCounts& counts) {
   for (std::uint64_t i = 0; i < count; ++i) {
     if (fields[i].fieldName != nullptr) counts.nameUnits += lengthOf(fields[i].fieldName) + 1;
@@ -74,6 +76,8 @@ Segment* SchemaArena::takeSegments(std::uint64_t count) {
 const char16_t* SchemaArena::takeName(const void* text, std::uint64_t units) {
   char16_t* taken = names_;
   std::memcpy(taken, text, units * sizeof(char16_t));
+  assert(reinterpret_cast<const char*>(names_ + units + 1) <=
+         reinterpret_cast<const char*>(copy_.schema.get()) + copy_.bytes);
   names_ += units + 1;  // the terminator is there: all was zeroed
   return taken;
 }
@@ -98,6 +102,7 @@ Result copySchema(MetaData& metaData, const CZELTA::Schema& source, SchemaCopy& 
     counts.segments += given.indexes[i].segmentCount;
   }
 
+  // What was counted is what is taken: the arena has room for nothing else.
   SchemaArena arena(counts);
   CZELTA::Schema& copy = arena.schema();
   copy = given;
@@ -138,6 +143,7 @@ Result copySchema(MetaData& metaData, const CZELTA::Schema& source, SchemaCopy& 
 
 namespace {
 
+/// Records that are right already may lie in memory that cannot be written.
 template <typename Number>
 void writeIfDifferent(Number& target, Number value) {
   if (target != value) target = value;

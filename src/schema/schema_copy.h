@@ -1,5 +1,6 @@
 // The copy of a schema that a table owns: one allocation, so that it can be handed out and
-// relocated.
+// relocated. A caller's schema is copied first and looked at afterwards, so that nobody changes it
+// meanwhile; what is derived goes back to the caller's records at the end.
 
 #ifndef ZELTA_SCHEMA_SCHEMA_COPY_H
 #define ZELTA_SCHEMA_SCHEMA_COPY_H
@@ -13,6 +14,7 @@
 
 namespace zelta {
 
+/// Schemas are malloc'd, since the public interface hands them out.
 struct FreeSchema {
   void operator()(CZELTA::Schema* schema) const { std::free(schema); }
 };
@@ -39,6 +41,7 @@ class SchemaArena {
   /// Allocates a zeroed copy of this size. Throws std::bad_alloc, also beyond 32 bits.
   explicit SchemaArena(const SchemaCounts& counts);
   [[nodiscard]] CZELTA::Schema& schema() { return *copy_.schema; }
+  /// The next so many records of a kind. No more than the counts said may be taken.
   CZELTA::Schema::Field* takeFields(std::uint64_t count);
   CZELTA::Schema::Field* takeSubFields(std::uint64_t count);
   CZELTA::Schema::Index* takeIndexes(std::uint64_t count);

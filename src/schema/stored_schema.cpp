@@ -13,6 +13,8 @@ using Field = CZELTA::Schema::Field;
 using Index = CZELTA::Schema::Index;
 using Segment = CZELTA::Schema::Segment;
 
+// The records of a block, in this order: head, fields, sub-fields, indexes, segments, names. The
+// public record of a segment is stored as it is. docs/file-formats.md has the two forms.
 struct StoredHead {
   std::uint16_t lockIndex;
   std::uint16_t indexCount;
@@ -127,6 +129,7 @@ struct FieldRecords {
   std::vector<StoredField> subFields;
 };
 
+/// Fills in all but the names' positions, whose order differs between the two forms.
 FieldRecords fieldRecords(const CZELTA::Schema& schema, BlockWriter& writer) {
   FieldRecords out;
   for (std::uint32_t f = 0; f < schema.fieldCount; ++f) {
@@ -141,6 +144,7 @@ FieldRecords fieldRecords(const CZELTA::Schema& schema, BlockWriter& writer) {
   return out;
 }
 
+/// Everything but head and names, in the order of the block.
 void appendRecords(std::string& out, const FieldRecords& records, const CZELTA::Schema& schema,
                    BlockWriter& writer) {
   for (const StoredField& field : records.fields) append(out, field);
@@ -178,6 +182,7 @@ void forNames(const CZELTA::Schema& schema, bool nested, Visit visit) {
   for (std::uint32_t f = 0; !nested && f < schema.fieldCount; ++f) visitSubFields(schema.fields[f]);
 }
 
+/// Gives each name its position.
 void placeNames(const CZELTA::Schema& schema, bool nested, BlockWriter& writer,
                 FieldRecords& records) {
   forNames(schema, nested, [&](const char16_t* name, bool sub, std::size_t i) {
@@ -235,6 +240,9 @@ std::string schemaRecord(const CZELTA::Schema& schema, const std::u16string& nam
 
 namespace {
 
+/// Reads a block of either form. measure() has to succeed before anything else is asked: it proves
+/// that all parts lie where a writer would have put them, so that no position need be checked
+/// twice.
 class BlockReader {
  public:
   /// `unit`: how many bytes a position counts.
@@ -287,6 +295,7 @@ bool BlockReader::measure() {
   return measureFields() && measureIndexes() && measureNames();
 }
 
+/// Sub-fields follow the fields, in the order of the fields that have them.
 bool BlockReader::measureFields() {
   const std::uint64_t end = sizeof(StoredHead) + counts_.fields * sizeof(StoredField);
   if (end > size_) return false;
@@ -303,6 +312,7 @@ bool BlockReader::measureFields() {
   return true;
 }
 
+/// Segments follow the indexes, in their order. An index without any may state any place.
 bool BlockReader::measureIndexes() {
   segmentStart_ = indexStart_ + counts_.indexes * sizeof(StoredIndex);
   if (segmentStart_ > size_) return false;
@@ -330,6 +340,7 @@ bool BlockReader::nameLength(std::uint32_t position, std::uint64_t* units) const
   return false;
 }
 
+/// Names may lie in any order, and must not be empty; together they fit in the block.
 bool BlockReader::measureNames() {
   for (std::uint64_t i = 0; i < counts_.fields + counts_.subFields; ++i) {
     std::uint64_t units = 0;

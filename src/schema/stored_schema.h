@@ -1,4 +1,6 @@
-// The schema as bytes: in the table file, and in records of the log.
+// The schema as bytes: in the table file, and in records of the log. Both forms are read as
+// strictly as anything from a file: counts and positions are checked before memory is taken or a
+// byte is copied.
 
 #ifndef ZELTA_SCHEMA_STORED_SCHEMA_H
 #define ZELTA_SCHEMA_STORED_SCHEMA_H

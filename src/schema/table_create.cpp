@@ -5,9 +5,9 @@
 #include <memory>
 
 #include "frame/control_file.h"
-#include "frame/kept_error.h"
+#include "frame/file_removal.h"
 #include "frame/mutex_guard.h"
-#include "frame/own_files.h"
+#include "frame/preserved_error.h"
 #include "platform/file_io.h"
 #include "schema/schema_copy.h"
 #include "schema/stored_schema.h"
@@ -29,6 +29,7 @@ std::u16string normalFolder(const char16_t* folder) {
   return out;
 }
 
+/// The present state of header and directory, under databaseMutex.
 Result readDirectory(MetaData& metaData, ControlHeader_tag& header, TableDirectory& directory) {
   ZELTA_TRY(refreshControlHeader(metaData, header));
   return directory.read(metaData, header);
@@ -67,7 +68,7 @@ Result assignNumbers(MetaData& metaData, const TableDirectory& directory, Direct
 /// for this table's: its index file is built anew. What is no index file stands in the way of one.
 Result discardStale(const Table& table, bool indexes) {
   const std::u16string index = indexPath(table);
-  const SystemCode kept = discardOwnFile(table.metaData, index, extension::kIndex);
+  const SystemCode kept = discardTableFile(table.metaData, index, extension::kIndex);
   if (indexes) ZELTA_TRY(reportSystemError(&table.metaData, kept, index.c_str()));
   const std::u16string memory = databasePath(table.metaData, table.name, extension::kMemory);
   const SystemCode failure = platform::deleteFile(memory.c_str());
@@ -145,7 +146,7 @@ Result makeFile(Table& table, TableMutexGuard& guard, NewTableFile& file, Draft&
 Result enterSecondPhase(MetaData& metaData, bool* mayStand) {
   const Result result = advanceDirectoryIntent(metaData, DirectoryChange::create);
   if (result.ok()) return result;
-  const KeptError kept(metaData);
+  const PreservedError kept(metaData);
   *mayStand = advanceDirectoryIntent(metaData, DirectoryChange::createFiles).failed();
   return result;
 }
@@ -153,10 +154,11 @@ Result enterSecondPhase(MetaData& metaData, bool* mayStand) {
 /// Takes back an intent that shall not be carried out. If that fails, it is left to the next one
 /// who may write.
 void takeIntentBack(MetaData& metaData, const ControlHeader_tag& header) {
-  const KeptError kept(metaData);
+  const PreservedError kept(metaData);
   cancelDirectoryIntent(metaData, header).ignore();
 }
 
+/// Everything that can be refused before a file is made: names, numbers, the schema's rules.
 Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
                     const TableDirectory& directory, Draft& draft) {
   draft.entry = {schema.tableId, schema.lockOrder, schema.tableName,
@@ -178,6 +180,15 @@ Result prepareDraft(MetaData& metaData, const CZELTA::Schema& schema,
 
 }  // namespace
 
+// The order, under databaseMutex:
+//
+//   1. the intent with the directory as it is to be, in its first phase (createFiles); flush
+//   2. the table's file, whole; flush
+//   3. the second phase (create); flush: from here on the table exists
+//   4. directory, log and header, by completeDirectoryChange()
+//
+// A death before step 3 leaves a change that is rolled back, with the file; behind it one that is
+// finished.
 Result createTable(const Session& session, const CZELTA::Schema* schema, unsigned int* tableId,
                    bool log) {
   if (log) ZELTA_TRY(requireCarriedOut(session.metaData));
@@ -220,8 +231,7 @@ Result createTable(const Session& session, const CZELTA::Schema* schema, unsigne
                            extension::kControl);
 }
 
-// -- Entering a table that exists
-// -------------------------------------------------------------------
+// -- Entering a table that exists -----------------------------------------------------------------
 
 namespace {
 
@@ -240,6 +250,8 @@ std::u16string tableNameOf(const char16_t* fileName) {
 
 }  // namespace
 
+// The file is there already, so that there is one phase: before the intent nothing has changed but
+// stale index and memory files that are gone.
 Result addTable(const Session& session, const char16_t* fileName, std::uint32_t tableId,
                 const char16_t* directory, std::uint32_t lockOrder, bool log) {
   DirectoryEntry entry{tableId, lockOrder, tableNameOf(fileName), normalFolder(directory)};
@@ -273,8 +285,7 @@ Result addTable(const Session& session, const char16_t* fileName, std::uint32_t 
                            extension::kControl);
 }
 
-// -- Removing
-// ---------------------------------------------------------------------------------------
+// -- Removing -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -291,6 +302,8 @@ void cutMemoryFile(const MetaData& metaData, const std::u16string& name) {
 
 }  // namespace
 
+// One phase as well: once the intent stands the table is gone, whoever deletes its files and writes
+// the directory without it.
 Result removeTable(const Session& session, std::uint32_t tableId, bool deleteFiles, bool log) {
   if (log) ZELTA_TRY(requireCarriedOut(session.metaData));
   MutexGuard database;

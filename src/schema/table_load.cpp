@@ -1,5 +1,6 @@
 #include "schema/table_load.h"
 
+#include <cassert>
 #include <cstring>
 #include <string>
 
@@ -30,6 +31,7 @@ bool isSound(const SchemaCopy& copy, const std::string& block, const TableHeader
          sizes.defaultObjectSize == header.defaultObjectSize;
 }
 
+/// Reads and expands the stored schema, whose size is the header's claim.
 Result readSchema(Table& table, const TableHeader_tag& header, SchemaCopy& copy,
                   ObjectSizes& sizes) {
   std::uint64_t size = 0;
@@ -63,6 +65,7 @@ void takeEntry(Table& table, const DirectoryEntry& entry) {
 
 void takeSchema(Table& table, SchemaCopy copy, const ObjectSizes& sizes, std::uint32_t slotBase,
                 const DirectoryEntry& entry) {
+  assert(table.schema == nullptr);
   table.setIndexCount(copy.schema->indexCount);  // all that can fail
   table.schemaCopyBytes = copy.bytes;
   table.schema = copy.schema.release();

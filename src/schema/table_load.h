@@ -1,4 +1,5 @@
-// Building Table objects from files and schemas.
+// Building Table objects from files and schemas: what making, entering and opening a table have in
+// common.
 
 #ifndef ZELTA_SCHEMA_TABLE_LOAD_H
 #define ZELTA_SCHEMA_TABLE_LOAD_H

@@ -1,4 +1,5 @@
-// The rules of a schema, and the numbers derived from it.
+// The rules of a schema, and the numbers derived from it. The rules are tested in a fixed order,
+// since the first broken one is what the caller is told; validate_index.h has those of one index.
 
 #ifndef ZELTA_SCHEMA_VALIDATE_H
 #define ZELTA_SCHEMA_VALIDATE_H

@@ -1,4 +1,5 @@
-// The rules of an index.
+// The rules of an index: kind, flags, and each segment with its field. Which flags and which length
+// of key follow from them is derived here, for the library and the caller alike.
 
 #ifndef ZELTA_SCHEMA_VALIDATE_INDEX_H
 #define ZELTA_SCHEMA_VALIDATE_INDEX_H

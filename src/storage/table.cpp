@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "frame/kept_error.h"
+#include "frame/preserved_error.h"
 #include "frame/upcalls.h"
 #include "storage/table_file/table_file.h"
 
@@ -93,7 +93,7 @@ void filesOf(const Table& table, platform::File* files) {
 }  // namespace
 
 void TableMutexGuard::releaseSilently() {
-  const KeptError kept(*metaData_);  // what led here counts
+  const PreservedError kept(*metaData_);  // what led here counts
   release().ignore();
 }
 

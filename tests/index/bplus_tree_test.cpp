@@ -274,8 +274,7 @@ TEST(BPlusTree, DroppedTreeGivesAllItsSpaceBack) {
   EXPECT_EQ(bench.manager->pages, nullptr);
 }
 
-// -- Against a model
-// -------------------------------------------------------------------------------
+// -- Against a model ------------------------------------------------------------------------------
 
 TEST_P(BPlusTreeModel, RandomInsertsAndRemovesAgreeWithAMap) {
   const ModelCase& parameters = GetParam();
@@ -376,8 +375,7 @@ TEST_P(BPlusTreeModel, CursorWalksAsAMapDoes) {
 INSTANTIATE_TEST_SUITE_P(Forms, BPlusTreeModel, ::testing::ValuesIn(kModelCases),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
-// -- Damage
-// ----------------------------------------------------------------------------------------
+// -- Damage ---------------------------------------------------------------------------------------
 
 TEST(BPlusTreeDamage, EveryByteFlippedGivesACodeOrAnAnswerButNoHarm) {
   for (const bool variable : {false, true}) {

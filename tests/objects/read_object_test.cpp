@@ -175,8 +175,7 @@ TEST(ReadById, ObjectsOfAllSizesCome) {
   }
 }
 
-// -- Damage
-// ----------------------------------------------------------------------------------------
+// -- Damage ---------------------------------------------------------------------------------------
 
 TEST(ReadDamage, RecordsThatCannotBeAreReported) {
   ReadBench bench;
@@ -208,8 +207,7 @@ TEST(ReadDamage, RecordsThatCannotBeAreReported) {
   EXPECT_TRUE(handle.readId(1).ok());
 }
 
-// -- Locks
-// -----------------------------------------------------------------------------------------
+// -- Locks ----------------------------------------------------------------------------------------
 
 TEST(ReadLocks, WriterLocksWhatItReadsUnlessToldNotTo) {
   ReadBench bench;
@@ -315,8 +313,7 @@ TEST(ReadLocks, LivingTransactionsMarkIsWaitedForAndNamed) {
   EXPECT_TRUE(one.readId(2, kNoWait).ok()) << "the one that met the mark has given its lock back";
 }
 
-// -- Pending objects
-// -------------------------------------------------------------------------------
+// -- Pending objects ------------------------------------------------------------------------------
 
 TEST(ReadPending, OwnAddedObjectComesFromTheMemoryFileWithoutALock) {
   ReadBench bench;
@@ -385,8 +382,7 @@ TEST(ReadPending, DeletedObjectIsPassedOver) {
   EXPECT_EQ(handle.object.objectID, 2);
 }
 
-// -- Through the B+Tree
-// ----------------------------------------------------------------------------
+// -- Through the B+Tree ---------------------------------------------------------------------------
 
 /// Makes the index file by a first keyed read of a writer.
 void buildIndex(ReadBench& bench) {
@@ -525,8 +521,7 @@ TEST(ReadByKey, ForeignPendingKeyIsRefusedOnlyWhereItIsTheNearest) {
   EXPECT_EQ(reader.number(), 40u);
 }
 
-// -- Through search results
-// ------------------------------------------------------------------------
+// -- Through search results -----------------------------------------------------------------------
 
 TEST(ReadResults, IndexMustBeTheSearchedOne) {
   ReadBench bench;
@@ -594,8 +589,7 @@ TEST(ReadResults, InvertedWalkVisitsAllOthers) {
   handle.table->schema->indexes[0].indexKind = CZELTA::BPlusTree;
 }
 
-// -- Cost
-// ------------------------------------------------------------------------------------------
+// -- Cost -----------------------------------------------------------------------------------------
 
 TEST(ReadCost, ReadByIdTakesThreeSystemCalls) {
   ReadBench bench;

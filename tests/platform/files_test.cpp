@@ -246,8 +246,7 @@ TEST_F(Files, AreClosedInAForkedChild) {
   EXPECT_EQ(bytes, "0123456789");
 }
 
-// -- Reading, writing, sizes
-// ------------------------------------------------------------------------
+// -- Reading, writing, sizes ----------------------------------------------------------------------
 
 TEST_F(Files, AreReadShortAtTheirEndOnly) {
   const OpenedFile file(at("file"));
@@ -335,8 +334,7 @@ TEST_F(Files, TellWhenTheyWereWrittenLast) {
   EXPECT_LE(time, platform::systemTime());
 }
 
-// -- Names
-// ------------------------------------------------------------------------------------------
+// -- Names ----------------------------------------------------------------------------------------
 
 TEST_F(Files, AreFoundByTheirName) {
   EXPECT_EQ(platform::fileExists(at("file").c_str()), 0u);
@@ -403,8 +401,7 @@ TEST_F(Files, LieInFoldersThatAreMadeOneByOne) {
   EXPECT_EQ(platform::createFolder(at("file/x").c_str()), code::kPathNotFound);
 }
 
-// -- Flushing
-// -----------------------------------------------------------------------------------------
+// -- Flushing -------------------------------------------------------------------------------------
 
 TEST_F(Files, ThatAreNewLastWithTheirFolderFromTheFirstFlush) {
   const OpenedFile file(at("new"));

@@ -69,8 +69,7 @@ TEST_F(Mutexes, AreNotInheritedByOtherPrograms) {
   EXPECT_EQ(found, 2);
 }
 
-// -- Claims
-// -----------------------------------------------------------------------------------------
+// -- Claims ---------------------------------------------------------------------------------------
 
 TEST_F(Mutexes, AreClaimedByAHandleNotByAThread) {
   const Handle one(name);
@@ -130,8 +129,7 @@ TEST_F(Mutexes, KeepTheirClaimOverAForkedChildsEnd) {
   EXPECT_EQ(platform::claimMutex(other), code::kTimeout);
 }
 
-// -- Many at once
-// -----------------------------------------------------------------------------------
+// -- Many at once ---------------------------------------------------------------------------------
 
 /// Adds to a counter in a file under the mutex, making and closing the handle each time, so that
 /// the mutex itself comes and goes. The counter's file is taken away and put back: two at once

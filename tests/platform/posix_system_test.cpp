@@ -25,8 +25,7 @@ namespace {
 
 using Line = ChildProcess::Line;
 
-// -- Codes
-// ------------------------------------------------------------------------------------------
+// -- Codes ----------------------------------------------------------------------------------------
 
 TEST(SystemCodes, OfTheOperatingSystemHaveOneTable) {
   const struct {
@@ -56,8 +55,7 @@ TEST(SystemCodes, WithoutAPlaceInTheTableAreAGeneralFailureAndNever33) {
   EXPECT_EQ(platform::posix::codeOf(4000), code::kGeneralFailure);
 }
 
-// -- Clock
-// ------------------------------------------------------------------------------------------
+// -- Clock ----------------------------------------------------------------------------------------
 
 double millisecondsOf(const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
@@ -108,8 +106,7 @@ TEST(SystemThreads, AreToldApartAlsoOverAFork) {
   EXPECT_EQ(child.wait(), 0);
 }
 
-// -- Characters
-// -------------------------------------------------------------------------------------
+// -- Characters -----------------------------------------------------------------------------------
 
 /// All that the classes and cases say of every code point, in one number.
 std::uint64_t fingerprint() {
@@ -153,8 +150,7 @@ TEST(SystemText, IsTheSameOnTheOtherPlatform) {
   }
 }
 
-// -- Volumes
-// ----------------------------------------------------------------------------------------
+// -- Volumes --------------------------------------------------------------------------------------
 
 TEST(SystemVolumes, OfThisMachineAreLocal) {
   FreshFolder folder;

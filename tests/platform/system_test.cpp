@@ -11,8 +11,7 @@
 namespace zelta::testing {
 namespace {
 
-// -- Clock
-// ------------------------------------------------------------------------------------------
+// -- Clock ----------------------------------------------------------------------------------------
 
 TEST(SystemClock, TicksWithTheMonotonicClock) {
   const auto now = [] {
@@ -38,8 +37,7 @@ TEST(SystemClock, CountsTheTimeOfDayFrom1601) {
   EXPECT_LE(one, platform::systemTime());
 }
 
-// -- Characters
-// -------------------------------------------------------------------------------------
+// -- Characters -----------------------------------------------------------------------------------
 
 TEST(SystemText, KnowsClassesAndCasesBeyondAscii) {
   for (char32_t c = 0; c < 0x80; ++c) {

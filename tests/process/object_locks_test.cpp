@@ -95,8 +95,7 @@ class ObjectLocks : public ShopTest {
   Shop shop;
 };
 
-// -- Locks of reads
-// ---------------------------------------------------------------------------------
+// -- Locks of reads -------------------------------------------------------------------------------
 
 TEST_F(ObjectLocks, OfAnotherTransactionStopLockingReadsAlone) {
   Other other(path(), orders());
@@ -213,8 +212,7 @@ TEST_F(ObjectLocks, AreNoneOfAReadersBusiness) {
   EXPECT_EQ(other.ask('2'), '0') << "and a reader locks nothing";
 }
 
-// -- What is not committed yet
-// ----------------------------------------------------------------------
+// -- What is not committed yet --------------------------------------------------------------------
 
 TEST_F(ObjectLocks, HideRewritesUntilTheirCommit) {
   Other other(path(), orders());
@@ -269,8 +267,7 @@ TEST_F(ObjectLocks, HideAddsUntilTheirCommit) {
   EXPECT_DONE(shop.db, shop.end());
 }
 
-// -- Unique keys
-// ------------------------------------------------------------------------------------
+// -- Unique keys ----------------------------------------------------------------------------------
 
 TEST_F(ObjectLocks, HaveNothingToDoWithKeysWhichTheFirstTakes) {
   Other other(path(), orders());
@@ -331,8 +328,7 @@ TEST_F(ObjectLocks, OfADeadOwnerThatWereGotOverLeaveNoText) {
   ASSERT_DONE(shop.db, shop.end());
 }
 
-// -- The order of locks
-// -----------------------------------------------------------------------------
+// -- The order of locks ---------------------------------------------------------------------------
 
 class OrderedLocks : public ObjectLocks {
  protected:

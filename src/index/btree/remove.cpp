@@ -36,6 +36,7 @@ class Removal {
   Result tryJoin(BPlusNode& parent, std::uint32_t number, BPlusNode& node, bool nodeIsLeft,
                  bool* joined);
   Result redistribute(BPlusNode& parent, BPlusNode& node);
+  // Each moves keys over the separator between the two nodes; `*done` false: they found no room.
   Result moveRight(BPlusPair pair, const std::uint32_t* separator, std::uint32_t keep, bool* done);
   Result moveLeft(BPlusPair pair, const std::uint32_t* separator, std::uint32_t take, bool* done);
 

@@ -101,6 +101,7 @@ Result IndexBuild::finish() {
   return {};
 }
 
+/// An empty file is one that has to be built.
 void abandonIndexFile(Table& table) {
   if (table.indexFile == platform::File::none) return;
   // Should the cut fail, the header still says that no commit was under way, but a build.

@@ -169,6 +169,7 @@ class SegmentKey {
   Source& source_;
 };
 
+/// Adds what a segment takes in a variable key, and moves on in the source.
 template <typename Source>
 Result SegmentKey<Source>::measureSegment(const Segment& segment, std::uint64_t* size,
                                           bool* missing) {
@@ -212,6 +213,7 @@ Result SegmentKey<Source>::measure(std::uint64_t* size) {
   return {};
 }
 
+/// Appends the bytes of a segment, which compare as its values do.
 template <typename Source>
 bool SegmentKey<Source>::writeSegment(const Segment& segment, KeyWriter& out) {
   const bool descending = (segment.segmentMode & CZELTA::SegmentDescending) != 0;

@@ -98,6 +98,7 @@ Result Addition::chooseID() {
   return {};
 }
 
+/// The object's flush brings the keys into the file as well.
 Result Addition::store() {
   assert(access_.owned());
   // All that can fail for want of memory comes before the object is stored.

@@ -58,6 +58,8 @@ Result chooseFreeID(Table& table, const TableHeader_tag& header, AtomicManager& 
   return *objectID > greatest ? alreadyExists(table, greatest) : Result{};
 }
 
+/// A slot in use that bears another transaction's stamp: that one may be deleting the object, so
+/// that the ID may become free.
 Result testFreeID(Table& table, const TableHeader_tag& header, AtomicManager& manager,
                   std::uint64_t objectID, std::uint32_t* blocker) {
   *blocker = 0;

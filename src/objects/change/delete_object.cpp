@@ -57,6 +57,7 @@ Result Deletion::readOld(const Located& found, ObjectBytes* object) {
   return {};
 }
 
+/// A pending version goes at once, with its keys; what is committed is only noted.
 Result Deletion::work(Located& found) {
   assert(access_.owned());
   ObjectBytes object;

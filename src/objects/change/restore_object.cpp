@@ -20,6 +20,7 @@ namespace {
 /// Longer than other operations wait: a restore is not tried again.
 constexpr std::uint32_t kMutexWait = 600000;  // ms
 
+/// One object, in one pass: it is this transaction's, so nobody can be in the way.
 class Restoration {
  public:
   Restoration(Table& table, std::uint64_t objectID, bool unlock)

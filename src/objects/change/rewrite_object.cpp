@@ -94,6 +94,7 @@ Result Rewriting::pass() {
   return access_.release();
 }
 
+/// Keys first, then the object: its flush brings both into the file.
 Result Rewriting::store() {
   assert(access_.owned());
   ZELTA_TRY(changes_.enter(access_.manager()));

@@ -24,6 +24,7 @@ Result VersionKeys::make(ObjectBytes object) {
   return {};
 }
 
+/// The keys of one index, sorted if there may be several.
 Result VersionKeys::makeIndex(std::uint32_t index, ObjectBytes object) {
   const bool many = table_.multiEntry(index);
   const std::size_t start = entries_.size();
@@ -117,6 +118,7 @@ class Exchange {
 
 }  // namespace
 
+/// All that leaves goes before anything comes.
 Result exchangeKeys(AtomicManager& manager, std::uint64_t objectID, ObjectBytes before,
                     ObjectBytes after) {
   Table& table = manager.table;

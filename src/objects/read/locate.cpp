@@ -23,6 +23,8 @@ bool isLockedHere(const Table& table, std::uint64_t objectID) {
 
 }  // namespace
 
+/// The position is read without asking for the lock, the stamp only with it: the last word of a
+/// slot is where the lock lies.
 Result inspectSlot(const ReadRequest& request, const TableHeader_tag& header, Located& out,
                    SlotState* state) {
   Table& table = request.table;

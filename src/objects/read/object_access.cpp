@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-#include "frame/kept_error.h"
+#include "frame/preserved_error.h"
 #include "frame/slots.h"
 #include "objects/lock_position.h"
 #include "objects/read/read_version.h"
@@ -66,7 +66,7 @@ bool ObjectAccess::waitsForDecided(Result result) {
   if (!result.is(Own::indexInconsistent) || final_) return false;
   assert(!access_.owned());
   if (decidedBy_ == 0) {
-    const KeptError kept(metaData_);
+    const PreservedError kept(metaData_);
     decidedBy_ = findDecidedCommit(table_, metID_);
   }
   if (decidedBy_ == 0) return false;

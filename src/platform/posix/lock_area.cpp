@@ -118,8 +118,8 @@ class LockArea {
 
   SystemCode use(const std::string& name, RecordUse** out);
   void drop(RecordUse* recordUse);
-  SystemCode lend(int* fd);
-  void giveBack(int fd);
+  SystemCode acquireDescriptor(int* fd);
+  void releaseDescriptor(int fd);
   /// In a forked child.
   void abandon();
 
@@ -522,7 +522,7 @@ bool LockArea::ownsAny() const {
 
 // -- Open files for locks -------------------------------------------------------------------------
 
-SystemCode LockArea::lend(int* fd) {
+SystemCode LockArea::acquireDescriptor(int* fd) {
   if (!usable()) return code::kInvalidHandle;
   if (!spare_.empty()) {
     *fd = spare_.back();
@@ -549,7 +549,7 @@ SystemCode LockArea::lend(int* fd) {
   return 0;
 }
 
-void LockArea::giveBack(int fd) {
+void LockArea::releaseDescriptor(int fd) {
   if (lent_.erase(fd) == 0) return;  // closed in a forked child
   if (!dropLocks(fd) || spare_.size() == spare_.capacity()) {
     close(fd);
@@ -634,12 +634,12 @@ void leaveRecord(RecordUse* use) {
 
 SystemCode lendLockFile(LockArea* area, int* fd) {
   const std::lock_guard guard(areasMutex);
-  return area->lend(fd);
+  return area->acquireDescriptor(fd);
 }
 
 void giveLockFileBack(LockArea* area, int fd) {
   const std::lock_guard guard(areasMutex);
-  area->giveBack(fd);
+  area->releaseDescriptor(fd);
 }
 
 int askingFile(const LockArea* area) { return area->file(); }

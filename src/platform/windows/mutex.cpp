@@ -83,7 +83,7 @@ class SharedCount {
     endLap();
   }
   /// Behind an owner that died in the middle of a change.
-  void settle() {
+  void completeChange() {
     if ((countOf(laps_) & 1) != 0) {
       endLap();
     } else if ((countOf(steps_) & 1) != 0) {
@@ -197,7 +197,7 @@ SystemCode waitMutex(Mutex mutex, std::uint32_t milliseconds, bool* abandoned) {
       return 0;
     case WAIT_ABANDONED:
       Sleep(kDying);
-      handle->changes.settle();
+      handle->changes.completeChange();
       if (abandoned != nullptr) *abandoned = true;
       return 0;
     case WAIT_TIMEOUT:

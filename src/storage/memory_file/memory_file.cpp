@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "frame/control_file.h"
-#include "frame/exhausted_memory.h"
+#include "frame/out_of_memory.h"
 #include "platform/file_io.h"
 #include "storage/paged/atomic_manager.h"
 #include "storage/paged/atomic_manager_writer.h"
@@ -121,7 +121,7 @@ Result decideFailedWrite(const PagedFlush& flush, AtomicManager& manager,
 Result writeChange(PagedFlush& flush, AtomicManager& manager, MemoryFileHeader_tag& header) {
   bool& uncertain = manager.table.memoryUncertain;
   const bool before = std::exchange(uncertain, true);
-  Result written = reportingMemory(manager.metaData, [&] { return flush.write(); });
+  Result written = catchBadAlloc(manager.metaData, [&] { return flush.write(); });
   if (written.failed()) written = decideFailedWrite(flush, manager, header, written, before);
   if (written.ok()) uncertain = before;
   return written;

@@ -151,6 +151,8 @@ Result AtomicManager::readPage(PageFile file, std::uint64_t position, char** pag
   return {};
 }
 
+/// Bytes that are held may go when others are, except those of a changed memory page: unless the
+/// look is brief, they are copied.
 Result AtomicManager::viewPage(PageFile file, std::uint64_t position, bool briefly,
                                const char** page, ScratchBuffer& scratch) {
   *page = nullptr;
@@ -235,7 +237,7 @@ AtomicManager::Page* AtomicManager::keepUnchanged(PageFile file, std::uint64_t p
   if (bytes != nullptr) std::memcpy(page->bytes, bytes, size);
   insert(page.get(), unchangedTree(file), position);
   unchangedBytes_ += size;
-  return page.giveAway();
+  return page.release();
 }
 
 void AtomicManager::dropUnchangedPage(PageFile file, std::uint64_t position) {
@@ -259,7 +261,7 @@ Result AtomicManager::holdMemoryPage(std::uint64_t position, std::uint32_t size,
   if (statedSize(fresh->bytes) != size) return corrupted(PageFile::memory);
   insert(fresh.get(), unchangedTree(PageFile::memory), position);
   unchangedBytes_ += size;
-  *page = fresh.giveAway();
+  *page = fresh.release();
   return {};
 }
 
@@ -311,7 +313,7 @@ Result AtomicManager::writeMemoryPage(std::uint64_t position, const char* page, 
     std::memcpy(fresh->bytes, page, size);
     page = fresh->bytes;
     dropUnchangedPage(PageFile::memory, position);
-    node = fresh.giveAway();
+    node = fresh.release();
     insert(node, pages, position);
     ++pageCount;
   } else if (page != node->bytes) {
@@ -386,6 +388,7 @@ Result AtomicManager::allocatePageSpace(PageFile file, std::uint32_t size,
   return {};
 }
 
+/// Nothing of a page that lay there before counts any more.
 Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
   size = wholePageSize(size);
   std::uint64_t position = 0;
@@ -394,7 +397,7 @@ Result AtomicManager::newMemoryPage(std::uint32_t size, Page** page) {
   fresh->makeRoom(size);
   std::memset(fresh->bytes, 0, size);
   std::memcpy(fresh->bytes, &size, sizeof(size));
-  *page = fresh.giveAway();
+  *page = fresh.release();
   insert(*page, pages, position);
   ++pageCount;
   return {};

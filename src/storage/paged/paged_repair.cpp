@@ -69,6 +69,7 @@ class Repair {
   std::uint64_t firstPage_;
 };
 
+/// Decides what becomes of the journal that stands.
 Result Repair::run(PagedRepair* outcome) {
   assert(header_.newEndOfFile != 0);
   *outcome = PagedRepair::dropped;
@@ -112,6 +113,7 @@ Result Repair::drop() {
   return rest(header_.endOfFile);
 }
 
+/// As step 5 of a flush: the end of a change that was carried out, and of one that was dropped.
 Result Repair::rest(std::uint64_t end) {
   if (end < firstPage_ || end > kPagedFileLimit) return corrupted();
   header_.endOfFile = end;
@@ -232,6 +234,7 @@ Result Repair::applyFreeBlocks(std::uint64_t position) {
   return {};
 }
 
+/// The entries were checked by believe(), so that one which does not fit now is damage.
 Result Repair::applyEntries() {
   std::uint64_t position = journalStart(header_);
   for (std::uint32_t i = 0; i < header_.pageEntryCount; ++i) {

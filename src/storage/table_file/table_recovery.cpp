@@ -119,6 +119,7 @@ bool CommitRecovery::isSound(const EditEntry_tag& entry) const {
   return true;  // an unknown kind has a failure of its own
 }
 
+/// Whether journal and intent agree with the checksum.
 Result CommitRecovery::verify(bool* good) {
   *good = false;
   std::uint32_t sum = 0;
@@ -155,6 +156,7 @@ Result CommitRecovery::applyMoves(std::uint64_t* next) {
   return report(platform::flushFile(file_));
 }
 
+/// Stands for a content that only the log has; whoever reads it waits or asks for a replay.
 Result CommitRecovery::writePlaceholder(const EditEntry_tag& entry, std::uint64_t position) {
   // Block size, length 0, version, ID; a fixed table's record is the last two alone.
   char bytes[kRecordHead + 10] = {};
@@ -199,6 +201,7 @@ Result CommitRecovery::applyEdits(std::uint64_t next) {
   return {};
 }
 
+/// All blocks must lie in the area that the commit leaves.
 Result CommitRecovery::applyFreeSpace() {
   if (header_.freeEntryCount == 0) return {};
   TableFreeJournal journal(metaData_, file_);
@@ -214,6 +217,7 @@ Result CommitRecovery::applyFreeSpace() {
   return journal.apply();
 }
 
+/// Brings the header to rest with `end` as the file's end, and cuts the file there.
 Result CommitRecovery::finish(std::uint64_t end) {
   constexpr std::uint32_t kIntent = offsetof(TableHeader_tag, journalBase);
   constexpr std::uint32_t kNumbers = offsetof(TableHeader_tag, highestID);
@@ -232,6 +236,7 @@ Result CommitRecovery::forget(std::uint64_t size) {
   return finish(base);
 }
 
+/// The cases on top of this file, in their order.
 Result CommitRecovery::run() {
   assert(header_.commitEnd != 0);
   std::uint64_t size = 0;

@@ -63,7 +63,7 @@ void rotateRight(Node*& link) {
 
 /// Sets the balances of the three nodes of a double rotation: `grandchild` is on top now.
 template <class Node>
-void settleDouble(Node* leftNode, Node* rightNode, Node* grandchild) {
+void balanceDoubleRotation(Node* leftNode, Node* rightNode, Node* grandchild) {
   leftNode->balance = grandchild->balance > 0 ? -1 : 0;
   rightNode->balance = grandchild->balance < 0 ? 1 : 0;
   grandchild->balance = 0;
@@ -80,7 +80,7 @@ void rebalanceRightHeavy(Node*& link) {
     assert(grandchild != nullptr);
     rotateRight(node->right);
     rotateLeft(link);
-    settleDouble(node, child, grandchild);
+    balanceDoubleRotation(node, child, grandchild);
     return;
   }
   rotateLeft(link);
@@ -99,7 +99,7 @@ void rebalanceLeftHeavy(Node*& link) {
     assert(grandchild != nullptr);
     rotateLeft(node->left);
     rotateRight(link);
-    settleDouble(child, node, grandchild);
+    balanceDoubleRotation(child, node, grandchild);
     return;
   }
   rotateRight(link);

@@ -64,7 +64,7 @@ class PooledPage {
   PooledPage& operator=(const PooledPage&) = delete;
   PageNode* operator->() const { return page_; }
   [[nodiscard]] PageNode* get() const { return page_; }
-  PageNode* giveAway() {
+  PageNode* release() {
     PageNode* page = page_;
     page_ = nullptr;
     return page;

@@ -2,8 +2,8 @@
 
 #include <optional>
 
-#include "frame/kept_error.h"
 #include "frame/mutex_guard.h"
+#include "frame/preserved_error.h"
 #include "index/kinds.h"
 #include "objects/lock_position.h"
 #include "objects/table_access.h"
@@ -78,7 +78,7 @@ Result abortTransaction(const Session& session, bool releaseLocks) {
     if (!session.metaData.mayWrite()) continue;
     // Beside what is dropped now stands what was committed and is still to be carried out: until
     // then it keeps IDs and keys from others. Whoever does that drops it.
-    std::optional<KeptError> first;
+    std::optional<PreservedError> first;
     if (result.failed()) first.emplace(session.metaData);
     const Result dropped = session.metaData.leaveSlot ? Result{} : dropChanges(*table);
     result.keepFirst(dropped);

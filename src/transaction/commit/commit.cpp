@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "frame/control_file.h"
-#include "frame/exhausted_memory.h"
 #include "frame/mutex_guard.h"
+#include "frame/out_of_memory.h"
 #include "frame/slots.h"
 #include "objects/lock_position.h"
 #include "objects/table_access.h"
@@ -131,6 +131,7 @@ void Commit::measureEdits() {
   }
 }
 
+/// Without edits there is nothing to decide: locks go if they are to.
 void Commit::endWithoutEdits() {
   for (Table* table : tables_) releaseUnchanged(*table, releaseLocks_);
   if (releaseLocks_) dropLockPosition(metaData_);
@@ -201,8 +202,9 @@ Result Commit::writeBody(EntryWriter& out) {
   return {};
 }
 
+/// Steps 3 and 4. The lock on the entry tells others that its writer lives.
 Result Commit::writeEntry() {
-  const Result written = reportingMemory(metaData_, [this] {
+  const Result written = catchBadAlloc(metaData_, [this] {
     EntryWriter out(log_, entry_);
     ZELTA_TRY(writeBody(out));
     // Step 4, the commit point of the transaction.
@@ -230,7 +232,7 @@ Result Commit::applyToTables() {
       releaseUnchanged(*table, releaseLocks_);
       continue;
     }
-    applied.keepFirst(reportingMemory(
+    applied.keepFirst(catchBadAlloc(
         metaData_, [&] { return applyTableCommit(*table, releaseLocks_, entered_.next()); }));
     if (!log_.header().isSingle()) applied.keepFirst(entered_.release());
   }
@@ -249,7 +251,7 @@ void Commit::leaveLog(Result applied) {
   if (applied.failed() || retired != 0) {
     metaData_.leaveSlot = true;
   } else if (goes) {
-    reportingMemory(metaData_, [this] {
+    catchBadAlloc(metaData_, [this] {
       return removeLogEntry(metaData_, metaData_.transactionWord, entry_.position);
     }).ignore();
   }

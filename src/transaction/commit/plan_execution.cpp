@@ -172,6 +172,7 @@ Result PlanExecution::writeObjects() {
   return report(out.flush());
 }
 
+/// Position and no stamp: from here on the object is as any other.
 Result PlanExecution::writeSlots() {
   JoinedWriter out(file_, metaData_.scratchFor(Scratch::image));
   for (const Edit& edit : plan_.edits) {

@@ -16,7 +16,7 @@
 
 #include <cassert>
 
-#include "frame/exhausted_memory.h"
+#include "frame/out_of_memory.h"
 #include "index/file/index_commit.h"
 #include "objects/table_access.h"
 #include "storage/memory_file/memory_file_map.h"
@@ -108,7 +108,7 @@ Result applyTableCommit(Table& table, bool releaseLocks, TableMutexGuard& guard)
   Result result = guard.acquire(table, platform::kForever);
   guard.announceChange();
   if (result.ok()) {
-    result = reportingMemory(table.metaData, [&] {
+    result = catchBadAlloc(table.metaData, [&] {
       TableAccess access(table, guard);
       return commitFiles(access);
     });

@@ -6,6 +6,7 @@
 
 namespace zelta {
 
+/// A record is measured by its own lengths and the end of the file.
 Result readCommittedVersion(Table& table, const TableHeader_tag& header, std::uint64_t objectID,
                             ObjectBytes* object) {
   *object = {};

@@ -13,6 +13,8 @@ namespace zelta {
 
 namespace {
 
+/// What is left of a set of objects, as entry after entry is gone through. The walk ends when
+/// nothing is left.
 class LaterEntries {
  public:
   LaterEntries(std::uint32_t tableId, std::uint32_t idSize, std::set<std::uint64_t>& objects)
@@ -30,6 +32,8 @@ class LaterEntries {
   std::set<std::uint64_t>& objects_;
 };
 
+/// Objects that the section names are known to have been touched later; a change of the table
+/// itself touches all.
 Result LaterEntries::visitSection(EntryReader& reader, const LogTableSection_tag& section) {
   const bool same = section.tableId == tableId_;
   if (section.isSchemaChange()) {
@@ -69,6 +73,7 @@ Result LaterEntries::walk(const LogFile& log, std::uint64_t position) {
   return {};
 }
 
+/// Which log files there are, as the control file has it at this moment.
 Result readLogNumbers(MetaData& metaData, ControlHeader_tag& control) {
   const SystemCode failure = readBuffer(metaData.controlFile, 0, &control, kExclusiveWord);
   return reportSystemError(&metaData, failure, metaData.baseName.c_str(), extension::kControl);

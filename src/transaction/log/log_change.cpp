@@ -128,6 +128,8 @@ Result LogChange::growRoot(std::uint32_t separator, std::uint64_t right) {
   return {};
 }
 
+/// From the leaf up: a full node is split, and its separator goes into the one above. `put` notes
+/// the new images; the tree in the file stays as it is.
 Result LogChange::insertKey(LogPath& path, std::uint32_t number, std::uint64_t position) {
   NewKey entered{number, position, firstAbove(path.leaf().node, number)};
   for (std::uint32_t depth = path.depth(); depth-- > 0;) {
@@ -150,6 +152,8 @@ Result LogChange::insertKey(LogPath& path, std::uint32_t number, std::uint64_t p
   return growRoot(entered.key, entered.value);
 }
 
+/// A leaf that becomes empty leaves the tree, and an inner node with a single child gives way to
+/// it. Nodes are not joined otherwise.
 void LogChange::removeKey(LogPath& path, std::uint32_t slot) {
   LogPath::Level& leaf = path.leaf();
   assert(slot < leaf.node.keyCount);

@@ -126,6 +126,7 @@ Result LogFile::addChecksum(std::uint64_t position, std::uint64_t end, std::span
 
 // -- The header -----------------------------------------------------------------------------------
 
+/// Nothing is checked or repaired here: rotation looks at files that are just being made.
 Result LogFile::readRawHeader(bool* blank) {
   header_ = LogHeader_tag{};
   *blank = false;
@@ -257,6 +258,7 @@ Result LogFile::find(std::uint32_t number, std::uint64_t* position) {
 
 // -- Appending ------------------------------------------------------------------------------------
 
+/// Own code 68: the entry would not come to lie where it is expected.
 Result LogFile::positionDiffers(std::uint64_t expected) const {
   return reportError(&metaData_, Own::logPosition, metaData_.baseName.c_str(), extension::kLog,
                      static_cast<std::int64_t>(expected), header_.fileNumber);

@@ -35,6 +35,7 @@ bool zeroHasElders(const ControlHeader_tag& header) {
   return header.lastLogFile < header.firstLogFile;  // the numbers have gone round
 }
 
+/// Steps 1 and 2.
 Result keepFiles(MetaData& metaData, ControlHeader_tag& header) {
   if (zeroHasElders(header)) {
     header.firstLogFile = 0;
@@ -51,6 +52,7 @@ Result keepFiles(MetaData& metaData, ControlHeader_tag& header) {
   return {};
 }
 
+/// Step 3.
 Result giveFilesUp(MetaData& metaData, ControlHeader_tag& header) {
   header.logFlags &= ~kKeepsFiles;
   ZELTA_TRY(writePart(metaData, header, kFlags, kFlagsEnd));

@@ -85,6 +85,7 @@ Result openOrCreate(LogFile& log, const std::u16string& name, const LogHeader_ta
   return {};
 }
 
+/// Turns to the file in use if it is the wanted one, else to the one of the name.
 Result openCurrent(LogFile& log, const std::u16string& name, const LogHeader_tag& fresh) {
   bool current = false;
   ZELTA_TRY(isCurrent(log, name, fresh, &current));

@@ -41,6 +41,7 @@ Result findInNumbered(const ControlHeader_tag& control, std::uint32_t number, Lo
   return {};
 }
 
+/// In the form that the control file calls for.
 Result findInFiles(const ControlHeader_tag& control, std::uint32_t number, LogFile& log,
                    std::uint64_t* position) {
   if ((control.logFlags & 1) != 0) return findInNumbered(control, number, log, position);

@@ -47,6 +47,8 @@ Result isLogged(const LogFile& log, LogEntry entry, const std::string& section, 
   return {};
 }
 
+/// Whether the last schema record in the log is this one: the change was logged before its process
+/// died.
 Result alreadyLogged(MetaData& metaData, const ControlHeader_tag& control,
                      const std::string& section, bool* logged) {
   *logged = false;

@@ -25,6 +25,7 @@ Result replayTable(const ReplayedEntry& replayed, EntryReader& reader, UInt32AVL
   return replayTableSection(replayed, reader, *table, section);
 }
 
+/// In the order of the entry, which is that in which the commit wrote them.
 Result replaySections(const ReplayedEntry& replayed, UInt32AVLTree*& tables) {
   MetaData& metaData = replayed.log.metaData();
   EntryReader reader(replayed.log, replayed.entry);

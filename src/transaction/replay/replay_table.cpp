@@ -35,6 +35,8 @@ struct IdSet {
   UInt64AVLTree* root = nullptr;
 };
 
+/// The replay of one section. What is left to do is found out first; then index and table take it
+/// over in the order of a commit.
 class TableReplay {
  public:
   TableReplay(const ReplayedEntry& replayed, EntryReader& reader, Table& table)
@@ -195,6 +197,7 @@ Result TableReplay::openIndex(bool* there) {
   return access_.openMemory();
 }
 
+/// All under the table's mutex. Whoever reads without it is warned before anything changes.
 Result TableReplay::run(const TableSection& section) {
   ZELTA_TRY(access_.acquire(platform::kForever));
   ZELTA_TRY(access_.readHeader());

@@ -127,6 +127,7 @@ Result BeginAttempt::begin(Outcome* outcome) {
                                             : keepOthersOut(header, outcome);
 }
 
+/// Waits for the end of all writers that run, for a transaction that tolerates none beside it.
 Result BeginAttempt::keepOthersOut(const ControlHeader_tag& header, Outcome* outcome) {
   for (;;) {
     SlotScan scan;
@@ -150,6 +151,7 @@ Result BeginAttempt::keepOthersOut(const ControlHeader_tag& header, Outcome* out
   return {};
 }
 
+/// A reader keeps databaseMutex from here to its end, a writer the exclusive word.
 Result BeginAttempt::enterExclusive() {
   if (mode_ == CZELTA::TransactionExclusiveRead) {
     unlockExclusive();
@@ -163,6 +165,7 @@ Result BeginAttempt::enterExclusive() {
   return {};
 }
 
+/// Finds a slot and a number for a shared transaction.
 Result BeginAttempt::takeSlot(const ControlHeader_tag& header, std::uint32_t lastTransaction,
                               Outcome* outcome) {
   SlotScan scan;

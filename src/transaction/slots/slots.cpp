@@ -38,6 +38,8 @@ class FreeSlot {
 
 }  // namespace
 
+/// Each slot is judged by trying to lock its owner's word; what could be locked is unlocked again,
+/// but for the one that is taken and that of a dead transaction.
 Result scanSlots(MetaData& metaData, const ControlHeader_tag& header, bool take, SlotScan& out) {
   out = {};
   FreeSlot free(take);

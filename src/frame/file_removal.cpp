@@ -1,4 +1,4 @@
-#include "frame/own_files.h"
+#include "frame/file_removal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -44,8 +44,8 @@ SystemCode openOwn(const MetaData& metaData, const std::u16string& path,
 
 }  // namespace
 
-SystemCode deleteOwnFile(const MetaData& metaData, const std::u16string& path,
-                         const char16_t* fileExtension) {
+SystemCode deleteTableFile(const MetaData& metaData, const std::u16string& path,
+                           const char16_t* fileExtension) {
   platform::File file = platform::File::none;
   if (const SystemCode failure = openOwn(metaData, path, fileExtension, &file); failure != 0)
     return failure;
@@ -66,8 +66,8 @@ SystemCode emptyForGood(platform::File file, SystemCode kept) {
 
 }  // namespace
 
-SystemCode discardOwnFile(const MetaData& metaData, const std::u16string& path,
-                          const char16_t* fileExtension) {
+SystemCode discardTableFile(const MetaData& metaData, const std::u16string& path,
+                            const char16_t* fileExtension) {
   platform::File opened = platform::File::none;
   if (const SystemCode failure = openOwn(metaData, path, fileExtension, &opened); failure != 0) {
     return failure;
