@@ -55,15 +55,15 @@ struct ObjectSets {
 struct KeyKind {
   /// Enters a key of an object. Own code 37 if the tree cannot take it beside what it has.
   Result (*insert)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
-  /// Takes one entry of a key of an object out. Own code 32 if it is not there; an empty tree has nothing to
-  /// remove: success.
+  /// Takes one entry of a key of an object out. Own code 32 if it is not there; an empty tree has
+  /// nothing to remove: success.
   Result (*remove)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
   /// How many entries of this key the tree has for this object: more than one only where an object
   /// may have one key in several rows.
   Result (*count)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
                   std::uint32_t* count);
-  /// At commit and at abort: takes the entries of objects out of a pending tree, and enters them in the committed tree
-  /// (null: just drops them).
+  /// At commit and at abort: takes the entries of objects out of a pending tree, and enters them in
+  /// the committed tree (null: just drops them).
   Result (*merge)(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed);
 
   /// Hands all entries of a tree that has a root, and that a key of a search means, to the filter,

@@ -16,8 +16,8 @@ namespace zelta {
 
 namespace {
 
-/// One kind: which searches it takes, how its keys are made, if it has any, and its functions, which
-/// are those of one of the two families. Neither: it cannot be used yet.
+/// One kind: which searches it takes, how its keys are made, if it has any, and its functions,
+/// which are those of one of the two families. Neither: it cannot be used yet.
 struct Kind {
   CZELTA::IndexKind number;
   SearchForms search;

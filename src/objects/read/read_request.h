@@ -60,7 +60,8 @@ class ReadRequest {
 
   /// What can be refused of a request before any file is looked at: own codes 7, 18, 39 and 40.
   Result check() const;
-  /// Makes a copy of the caller's key, or the search key of an ordered index from it. After check().
+  /// Makes a copy of the caller's key, or the search key of an ordered index from it. After
+  /// check().
   Result takeKey();
 
   [[nodiscard]] bool byTree() const { return index != 0 && isOrdered(table.index(index - 1)); }
