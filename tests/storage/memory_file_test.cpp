@@ -284,6 +284,40 @@ class Model {
   PagedTable& owner_;
 };
 
+/// A page that a damaged link makes the sibling of its own child must not be merged with it.
+TEST(MemoryFile, A_page_above_an_underfull_one_is_no_sibling) {
+  constexpr std::uint64_t kRootPlace = 88;
+  for (const bool inFront : {false, true}) {
+    PagedTable owner(0);
+    constexpr std::uint64_t kObjects = 85;
+    for (std::uint64_t id = 1; id <= kObjects; ++id) {
+      ASSERT_TRUE(MemorySession(owner).store(id, "x").ok());
+    }
+    std::string bytes = owner.folder.bytes("T.zlm");
+    const auto end = numberAt<std::uint64_t>(bytes, 24);
+    MapInner_tag above{kMapPageSize, kMapInnerKind, 1, {}, {}, {}};
+    above.keys[0] = inFront ? 1 : kObjects + 1;
+    above.children[inFront ? 1 : 0] = numberAt<std::uint64_t>(bytes, kRootPlace);
+    above.children[inFront ? 0 : 1] = end;
+    bytes.resize(end);
+    bytes.append(reinterpret_cast<const char*>(&above), sizeof above);
+    const std::uint64_t newEnd = bytes.size();
+    std::memcpy(bytes.data() + 24, &newEnd, sizeof newEnd);
+    std::memcpy(bytes.data() + kRootPlace, &end, sizeof end);
+    owner.folder.write("T.zlm", bytes);
+    bool refused = false;
+    for (std::uint64_t id = 1; id <= kObjects && !refused; ++id) {
+      const std::string before = owner.folder.bytes("T.zlm");
+      const Result result = MemorySession(owner).remove(id);
+      refused = result.failed();
+      if (!refused) continue;
+      EXPECT_TRUE(result.is(Own::memoryFile)) << result.word();
+      EXPECT_EQ(owner.folder.bytes("T.zlm"), before);
+    }
+    EXPECT_TRUE(refused);
+  }
+}
+
 TEST(MemoryFile, Random_changes_by_several_transactions_agree_with_a_map) {
   const auto seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));

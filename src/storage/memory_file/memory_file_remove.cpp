@@ -1,5 +1,6 @@
 #include "storage/memory_file/memory_file_remove.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <utility>
@@ -61,7 +62,8 @@ class Shrink {
   Result dropFromParent(std::uint32_t level);
   // Of an underfull page and its sibling under the same parent.
   Result refill(std::uint32_t level, bool* merged);
-  Result tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* merged);
+  Result tryMerge(std::uint32_t level, std::uint32_t leftSlot, bool* merged);
+  [[nodiscard]] bool isAbove(const Page* page, std::uint32_t level) const;
   Result mergeLeaves(Page& left, Page& right, Page& survivor);
   void mergeInner(Page& left, Page& right, std::uint64_t key, Page& survivor);
   Result redistribute(MapInner_tag& parent, std::uint32_t leftSlot);
@@ -113,8 +115,8 @@ Result Shrink::refill(std::uint32_t level, bool* merged) {
   assert(level != 0);
   MapPath::Step& parent = path_.steps[level - 1];
   MapInner_tag& inner = innerOf(*parent.page);
-  if (parent.slot < inner.count) ZELTA_TRY(tryMerge(parent, parent.slot, merged));
-  if (!*merged && parent.slot > 0) ZELTA_TRY(tryMerge(parent, parent.slot - 1, merged));
+  if (parent.slot < inner.count) ZELTA_TRY(tryMerge(level, parent.slot, merged));
+  if (!*merged && parent.slot > 0) ZELTA_TRY(tryMerge(level, parent.slot - 1, merged));
   if (*merged) return {};
   Page& page = *path_.steps[level].page;
   if (isLeaf(page) || !fillIsBelow(innerOf(page).count, kMapInnerKeys, 10)) return {};
@@ -123,15 +125,24 @@ Result Shrink::refill(std::uint32_t level, bool* merged) {
   return redistribute(inner, parent.slot < inner.count ? parent.slot : parent.slot - 1);
 }
 
-/// Coalesces children `leftSlot` and the next one if they fit together. The page lower in the file
-/// survives.
-Result Shrink::tryMerge(MapPath::Step& parent, std::uint32_t leftSlot, bool* merged) {
+/// Whether the path leads through a page above a level.
+bool Shrink::isAbove(const Page* page, std::uint32_t level) const {
+  return std::any_of(path_.steps.begin(), path_.steps.begin() + level,
+                     [page](const MapPath::Step& step) { return step.page == page; });
+}
+
+/// Coalesces children `leftSlot` and the next one of the branch above a level if they fit together.
+/// The page lower in the file survives.
+Result Shrink::tryMerge(std::uint32_t level, std::uint32_t leftSlot, bool* merged) {
+  MapPath::Step& parent = path_.steps[level - 1];
   MapInner_tag& inner = innerOf(*parent.page);
   Page* left = nullptr;
   Page* right = nullptr;
   ZELTA_TRY(holdMapPage(manager_, inner.children[leftSlot], &left));
   ZELTA_TRY(holdMapPage(manager_, inner.children[leftSlot + 1], &right));
   if (left == right || isLeaf(*left) != isLeaf(*right)) return corrupted(manager_);
+  // A damaged link may lead to a page that the path still needs as it is.
+  if (isAbove(left, level) || isAbove(right, level)) return corrupted(manager_);
   const bool leaf = isLeaf(*left);
   const std::uint32_t together = leaf ? leafOf(*left).count + leafOf(*right).count
                                       : innerOf(*left).count + innerOf(*right).count + 1u;
@@ -362,6 +373,7 @@ Result Sweep::leave(bool childIsGone, bool* more) {
     Page* page = nullptr;
     ZELTA_TRY(holdMapPage(manager_, level.position, &page));
     MapInner_tag& inner = innerOf(*page);
+    if (level.slot > inner.count) return corrupted(manager_);  // a page of its own subtree
     if (!childIsGone) {
       ++level.slot;
     } else if (inner.count != 0) {
