@@ -6,6 +6,7 @@
 #include "objects/change/restore_object.h"
 #include "objects/change/rewrite_object.h"
 #include "objects/object_buffer.h"
+#include "objects/put_values.h"
 #include "objects/read/read_object.h"
 #include "objects/search/search_index.h"
 

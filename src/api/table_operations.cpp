@@ -1,6 +1,7 @@
 // Tables and their schemas.
 
 #include "api/operation.h"
+#include "schema/table_create.h"
 #include "schema/table_lifecycle.h"
 
 using namespace zelta;

@@ -3,7 +3,11 @@
 #include <algorithm>
 #include <new>
 
-#include "check/check_internal.h"
+#include "check/check_control.h"
+#include "check/check_file.h"
+#include "check/check_log.h"
+#include "check/check_pending.h"
+#include "check/check_table.h"
 
 namespace zelta {
 

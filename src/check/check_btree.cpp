@@ -1,6 +1,7 @@
 #include "check/check_btree.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 namespace zelta::check {
 

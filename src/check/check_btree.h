@@ -6,7 +6,8 @@
 
 #include <vector>
 
-#include "check/check_internal.h"
+#include "check/check_entries.h"
+#include "check/check_file.h"
 
 namespace zelta::check {
 

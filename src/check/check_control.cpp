@@ -1,11 +1,14 @@
 // The control file: header, table directory, transaction slots.
 
+#include "check/check_control.h"
+
 #include <algorithm>
 #include <map>
 #include <set>
 
-#include "check/check_internal.h"
+#include "check/check_file.h"
 #include "frame/control_file.h"
+#include "frame/table_directory.h"
 
 namespace zelta::check {
 

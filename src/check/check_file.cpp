@@ -1,7 +1,8 @@
+#include "check/check_file.h"
+
 #include <algorithm>
 #include <cstring>
 
-#include "check/check_internal.h"
 #include "platform/codes.h"
 #include "platform/file_io.h"
 #include "platform/text.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "check/check_journal.h"
 #include "check/check_table.h"
 
 namespace zelta::check {

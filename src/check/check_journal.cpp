@@ -5,9 +5,11 @@
 // header, before anything is applied. So it is dropped if sum or length are wrong, and else carried
 // out from the beginning, however much of it has been.
 
+#include "check/check_journal.h"
+
 #include <algorithm>
 
-#include "check/check_internal.h"
+#include "check/check_file.h"
 #include "storage/free_space/free_block.h"
 #include "storage/paged/paged_file.h"
 #include "storage/table_file/table_file.h"

@@ -8,7 +8,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "check/check_internal.h"
+#include "check/check_entries.h"
+#include "check/check_file.h"
 #include "frame/metadata.h"
 #include "storage/table.h"
 

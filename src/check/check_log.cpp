@@ -1,11 +1,16 @@
 // Log files: header, tree of transaction numbers, entries, free space.
 
+#include "check/check_log.h"
+
 #include <algorithm>
 #include <array>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
-#include "check/check_internal.h"
+#include "check/check_file.h"
+#include "check/check_journal.h"
+#include "check/check_log_names.h"
 
 namespace zelta::check {
 

@@ -1,8 +1,10 @@
 // Names of log files, and which of them there are.
 
+#include "check/check_log_names.h"
+
 #include <algorithm>
 
-#include "check/check_internal.h"
+#include "check/check_file.h"
 #include "platform/folder.h"
 
 namespace zelta::check {

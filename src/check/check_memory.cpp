@@ -1,6 +1,7 @@
 // The memory file. With no transaction at work it is empty; what it holds otherwise is walked too.
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "check/check_table.h"
 

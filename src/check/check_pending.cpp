@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <set>
 
+#include "check/check_journal.h"
+#include "check/check_log.h"
+#include "check/check_log_names.h"
+
 namespace zelta::check {
 
 namespace {

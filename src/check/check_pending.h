@@ -10,9 +10,22 @@
 #include <set>
 #include <vector>
 
-#include "check/check_internal.h"
+#include "check/check_control.h"
+#include "check/check_file.h"
 
 namespace zelta::check {
+
+/// A table's section in the log entry of a transaction that has committed and did not end.
+struct PendingSection {
+  std::shared_ptr<CheckFile> log;
+  std::uint32_t number;  ///< of the transaction
+  std::uint32_t tableID;
+  std::uint64_t at;   ///< of its head
+  std::uint64_t end;  ///< of the entry
+};
+[[nodiscard]] std::vector<PendingSection> findPending(const std::u16string& folder,
+                                                      const std::u16string& baseName,
+                                                      const ControlFacts& facts);
 
 /// What such a commit brings to one table, as the section of a log entry has it.
 struct PendingCommit {

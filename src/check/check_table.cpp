@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "check/check_journal.h"
 #include "check/check_table.h"
 #include "schema/stored_schema.h"
 #include "schema/table_load.h"

@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "check/check_internal.h"
+#include "check/check_control.h"
+#include "check/check_entries.h"
+#include "check/check_file.h"
 #include "check/check_kinds.h"
 #include "check/check_object.h"
 #include "check/check_pending.h"
@@ -104,6 +106,10 @@ class TableCheck {
   std::uint32_t pageSize_ = 0;
   std::uint64_t indexEnd_ = 0;
 };
+
+/// Reports what it finds, and goes on as far as there is sense in it.
+void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
+                const std::vector<PendingSection>& pending);
 
 }  // namespace zelta::check
 

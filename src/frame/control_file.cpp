@@ -7,6 +7,7 @@
 
 #include "frame/directory_change.h"
 #include "frame/slots.h"
+#include "frame/table_directory.h"
 #include "frame/upcalls.h"
 #include "platform/clock.h"
 #include "platform/file_io.h"

@@ -1,10 +1,10 @@
-// The control file: its header, the table directory behind it, and changes of the directory. The
-// slots of transactions lie behind that (slots.h). It is what makes files a database: which tables
-// there are is said nowhere else.
+// The control file: its header, the table directory behind it (table_directory.h), and behind that
+// the slots of transactions (slots.h). It is what makes files a database: which tables there are is
+// said nowhere else.
 //
-// A change of the directory has two phases with an intent in the header. In the first, files are
-// prepared and the change can be rolled back; in the second it is carried out, by whoever comes
-// next if need be. databaseMutex guards header, directory and intent.
+// A change of the directory (directory_change.h) has two phases with an intent in the header. In
+// the first, files are prepared and the change can be rolled back; in the second it is carried out,
+// by whoever comes next if need be. databaseMutex guards header, directory and intent.
 
 #ifndef ZELTA_FRAME_CONTROL_FILE_H
 #define ZELTA_FRAME_CONTROL_FILE_H
@@ -83,74 +83,6 @@ Result requireCarriedOut(MetaData& metaData);
 /// The intent (bytes 40 to 75) is always zero in the copy, and so is what lies under another's
 /// lock.
 Result refreshControlHeader(MetaData& metaData, ControlHeader_tag& header);
-
-/// A table in the directory.
-struct DirectoryEntry {
-  std::uint32_t tableId;
-  std::uint32_t lockOrder;
-  std::u16string name;
-  std::u16string indexPath;  ///< folder of the index file; empty: the database's
-};
-
-/// Whether a table may have this name: it leads into no other folder, and serves on every platform.
-[[nodiscard]] bool isTableName(const std::u16string& name);
-
-/// The folder of the table's index file, as it is to be opened.
-[[nodiscard]] std::u16string indexFolder(const MetaData& metaData, const DirectoryEntry& entry);
-
-/// The directory in memory: its bytes as they stand in the file, and their parts.
-class TableDirectory {
- public:
-  /// Reads and checks the directory that `header` describes (own code 54 for a damaged one).
-  Result read(MetaData& metaData, const ControlHeader_tag& header);
-  /// Takes the bytes of a directory: an entry area of `directorySize` 16-bit units, then
-  /// `tableCount` index records. False if they are malformed, name what no table may be named, or
-  /// hold a name or an ID twice.
-  [[nodiscard]] bool parse(const char* bytes, std::size_t length, std::uint32_t tableCount,
-                           std::uint32_t directorySize);
-
-  /// Whether the file still has this directory, which is not empty.
-  [[nodiscard]] bool stillStands(MetaData& metaData) const;
-
-  /// Entries in the order of their names.
-  [[nodiscard]] const std::vector<DirectoryEntry>& entries() const { return entries_; }
-  [[nodiscard]] const DirectoryEntry* find(std::uint32_t tableId) const;
-
-  /// Puts an entry at its place by name.
-  void insert(DirectoryEntry entry);
-  bool remove(std::uint32_t tableId);
-  /// The bytes: entry area, then index records in the order of IDs.
-  [[nodiscard]] std::string bytes() const;
-  /// Length of the entry area in 16-bit units.
-  [[nodiscard]] std::uint32_t entryUnits() const;
-
- private:
-  [[nodiscard]] bool hasTwins() const;
-  std::vector<DirectoryEntry> entries_;
-};
-
-/// Compares table names without regard to case: below 0, 0 or above 0.
-[[nodiscard]] int compareNames(const std::u16string& a, const std::u16string& b);
-
-/// Lays down the intent of a directory change, with the image (the new directory and behind it the
-/// bytes of `schemaRecord`) at the greater of the old and the new end, and flushes. `header` is the
-/// present header as refreshControlHeader() gave it.
-struct DirectoryIntent {
-  DirectoryChange operation;
-  std::uint16_t suffix = 0;
-  std::uint32_t table = 0;          ///< the table's ID before the change
-  std::uint32_t newTableCount = 0;  ///< for changeSchema the table's new ID
-};
-Result writeDirectoryIntent(MetaData& metaData, const ControlHeader_tag& header,
-                            const DirectoryIntent& intent, const TableDirectory& directory,
-                            const std::string& schemaRecord);
-/// Second phase: puts another operation into the intent that stands, and flushes.
-Result advanceDirectoryIntent(MetaData& metaData, DirectoryChange operation);
-/// Takes back an intent whose second phase was not written; cuts the file to the old end.
-Result cancelDirectoryIntent(MetaData& metaData, const ControlHeader_tag& header);
-/// Carries out a change whose intent stands, and writes 1 back to `exclusiveState`. With `log`
-/// false the change is not entered in the log.
-Result completeDirectoryChange(MetaData& metaData, ControlHeader_tag& header, bool log);
 
 /// Repairs what a dead process left, if this is the first opener, and claims `openerMutex`. The
 /// caller owns `databaseMutex`.

@@ -12,6 +12,7 @@
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
 #include "frame/slots.h"
+#include "frame/table_directory.h"
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "platform/text.h"

@@ -4,6 +4,7 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
+#include "frame/table_directory.h"
 
 namespace zelta {
 

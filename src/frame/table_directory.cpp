@@ -1,5 +1,7 @@
 // The table directory in memory and as bytes.
 
+#include "frame/table_directory.h"
+
 #include <algorithm>
 #include <cstring>
 #include <string_view>

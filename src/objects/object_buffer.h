@@ -1,7 +1,6 @@
-// The object buffer of a table: preparing it, finding and replacing variable fields, and proving
-// that what is in it is an object before that is stored. Each table has one buffer; the caller of
-// the library changes its bytes through the pointers of CZELTA::Object, so that nothing in it may
-// be trusted before validateObject().
+// The object buffer of a table: preparing it, and finding variable fields; put_values.h replaces
+// them. Each table has one buffer; the caller of the library changes its bytes through the pointers
+// of CZELTA::Object, so that nothing in it may be trusted before validateObject().
 //
 // Layout: the lead, which record framing may overwrite, then the object (head, fixed fields,
 // variable fields), then kZeroTail zeros, at which a text without its terminator ends.
@@ -30,14 +29,6 @@ inline constexpr std::uint32_t kFixedLead = 6;
   return table.isFixed() ? kFixedLead : kVariableLead;
 }
 
-/// The encoded values of some variable fields, one behind the other.
-struct PackedValues {
-  const void* bytes;    ///< null: the fields become empty
-  std::uint32_t size;   ///< 0: the values are trusted to be well formed
-  std::uint32_t field;  ///< the first one, counted from 0 among the variable fields
-  std::uint32_t count;
-};
-
 /// Empties the buffer and makes it an object of zeros with `size` bytes for variable fields (0 in a
 /// fixed table). The table has no current object then. System code 8: no object is that large.
 Result newObject(Table& table, CZELTA::Object* object, std::uint32_t size);
@@ -48,14 +39,6 @@ Result getVariableField(Table& table, std::uint32_t field, void** value, CZELTA:
 /// The same for a sub-field of one sub-record.
 Result getVariableField(Table& table, const SubFieldPlace& place, void** value,
                         CZELTA::Object* object);
-/// Gives the variable part `size` bytes of zeros in place of all that it has. Own code 39: the
-/// buffer has no object; 8: the table is fixed.
-Result putVariableValues(Table& table, CZELTA::Object* object, std::uint32_t size);
-/// Replaces some fields by encoded values, which may lie in the buffer itself. Nothing has changed
-/// after own code 7 (no such fields, or memory that cannot be read), 39, 8, or the code for a value
-/// that is malformed, in the values or in what the object has.
-Result putVariableValues(Table& table, const PackedValues& values, CZELTA::Object* object);
-
 /// Makes the buffer hold an object of `length` bytes and points objectData at its place. The buffer
 /// is kept while it is at most twice too large; its contents are lost otherwise. Sets objectLength.
 void reserveObject(Table& table, std::uint32_t length);
@@ -66,10 +49,6 @@ void placeObject(Table& table, std::uint32_t length);
 
 /// Fills the public record from the object in the buffer.
 void fillObject(const Table& table, CZELTA::Object* object);
-
-/// Proves that an object's variable part parses exactly to its end: then it may be stored. The
-/// object has its fixed part at least.
-Result validateObject(const Table& table, const char* object, std::uint32_t length);
 
 }  // namespace zelta
 

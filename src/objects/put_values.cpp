@@ -3,6 +3,8 @@
 // memory. The new values may lie in the buffer that is changed, even in the fields that they
 // replace.
 
+#include "objects/put_values.h"
+
 #include <cassert>
 #include <cstring>
 

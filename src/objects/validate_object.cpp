@@ -1,6 +1,8 @@
 // Proving that an object is well formed before it is stored. What is stored is trusted by nobody
 // either, but a table that only ever gets whole objects has no others.
 
+#include "objects/validate_object.h"
+
 #include <algorithm>
 #include <cassert>
 #include <cstring>

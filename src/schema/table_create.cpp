@@ -1,13 +1,17 @@
 // Making, entering and removing tables: changes of the directory.
 
+#include "schema/table_create.h"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
 
 #include "frame/control_file.h"
+#include "frame/directory_change.h"
 #include "frame/file_removal.h"
 #include "frame/mutex_guard.h"
 #include "frame/preserved_error.h"
+#include "frame/table_directory.h"
 #include "platform/file_io.h"
 #include "schema/schema_copy.h"
 #include "schema/stored_schema.h"

@@ -7,6 +7,7 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
+#include "frame/table_directory.h"
 #include "schema/schema_copy.h"
 #include "schema/table_load.h"
 

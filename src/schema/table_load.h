@@ -5,6 +5,7 @@
 #define ZELTA_SCHEMA_TABLE_LOAD_H
 
 #include "frame/control_file.h"
+#include "frame/table_directory.h"
 #include "schema/schema_copy.h"
 #include "schema/validate.h"
 #include "storage/table.h"
@@ -26,10 +27,6 @@ Result acquireTableMutex(Table& table, TableMutexGuard& guard);
 /// Opens the table's file and reads header and schema. `exclusive`: the mutex is held, and a commit
 /// that was cut off may be finished.
 Result loadTable(Table& table, const DirectoryEntry& entry, bool exclusive);
-
-/// Gives up the mark of how far locking has come, if it stands in this table, which goes away: its
-/// key means nothing in another table of the same lock order.
-void forgetLockMark(const Table& table);
 
 /// A new table's header.
 [[nodiscard]] TableHeader_tag newTableHeader(const ObjectSizes& sizes, std::uint32_t schemaSize);

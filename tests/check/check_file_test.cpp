@@ -1,7 +1,7 @@
 // Words that open transactions have locked, which some systems let nobody read: the checker reads
 // around them.
 
-#include "check/check_internal.h"
+#include "check/check_file.h"
 #include "check/market.h"
 
 namespace zelta::testing {

@@ -11,6 +11,7 @@
 #include "frame/lifecycle.h"
 #include "frame/upcalls.h"
 #include "objects/change/delete_object.h"
+#include "schema/table_create.h"
 #include "schema/table_lifecycle.h"
 #include "storage/table_file/table_file.h"
 #include "support/buffer_table.h"

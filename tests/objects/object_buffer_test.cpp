@@ -1,6 +1,8 @@
 // The object buffer: preparing it, finding fields and rows, replacing variable fields.
 
 #include "objects/object_buffer.h"
+#include "objects/put_values.h"
+#include "objects/validate_object.h"
 
 #include <gtest/gtest.h>
 

@@ -5,6 +5,8 @@
 #include <optional>
 #include <random>
 
+#include "objects/put_values.h"
+#include "objects/validate_object.h"
 #include "support/buffer_table.h"
 
 namespace zelta {

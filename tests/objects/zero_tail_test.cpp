@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "objects/put_values.h"
 #include "support/object_handle.h"
 
 namespace zelta::testing {

@@ -23,6 +23,7 @@
 #include "objects/object_buffer.h"
 #include "objects/read/read_object.h"
 #include "schema/object_view.h"
+#include "schema/table_create.h"
 #include "schema/table_lifecycle.h"
 #include "support/buffer_table.h"
 #include "support/storage_fixture.h"

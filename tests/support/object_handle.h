@@ -19,6 +19,7 @@
 #include "objects/change/rewrite_object.h"
 #include "objects/object_buffer.h"
 #include "objects/read/read_object.h"
+#include "schema/table_create.h"
 #include "schema/table_lifecycle.h"
 #include "storage/table_file/table_file.h"
 #include "support/buffer_table.h"

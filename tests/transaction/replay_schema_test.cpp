@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "frame/table_directory.h"
 #include "frame/upcalls.h"
 #include "platform/file_io.h"
 #include "support/edit_session.h"

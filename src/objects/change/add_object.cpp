@@ -12,6 +12,7 @@
 #include "objects/object_buffer.h"
 #include "objects/table_access.h"
 #include "objects/upcalls.h"
+#include "objects/validate_object.h"
 #include "platform/clock.h"
 #include "storage/memory_file/memory_file.h"
 #include "storage/memory_file/memory_file_store.h"

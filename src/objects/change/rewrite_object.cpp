@@ -11,6 +11,7 @@
 #include "objects/read/locate.h"
 #include "objects/read/read_version.h"
 #include "objects/table_access.h"
+#include "objects/validate_object.h"
 #include "storage/memory_file/memory_file.h"
 #include "storage/memory_file/memory_file_store.h"
 

@@ -2,6 +2,8 @@
 // does not hold. Committed IDs and those that this transaction has added lie in one order; a walk
 // goes from ID to ID and asks the slot of each.
 
+#include "objects/read/id_walk.h"
+
 #include <algorithm>
 #include <cstring>
 

@@ -2,6 +2,9 @@
 
 #include <cassert>
 
+#include "objects/read/id_walk.h"
+#include "objects/read/result_walk.h"
+#include "objects/read/tree_walk.h"
 #include "storage/memory_file/memory_file_map.h"
 
 namespace zelta {

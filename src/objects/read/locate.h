@@ -82,12 +82,6 @@ Result locateObject(const ReadRequest& request, TableAccess& access, Located& ou
 /// mutex, with the memory file open.
 Result locateVersions(TableAccess& access, std::uint64_t objectID, Located& out);
 
-/// The ways of locateObject(). They fill `out` up to the object's slot.
-Result walkIds(const ReadRequest& request, const TableHeader_tag& header, bool inverted,
-               Located& out);
-Result walkResults(const ReadRequest& request, const TableHeader_tag& header, Located& out);
-Result walkTree(const ReadRequest& request, TableAccess& access, Located& out);
-
 /// What a slot says of an object.
 enum class SlotState { inUse, free, locked };
 /// Reads the slot of `out.objectID` and fills position, blocker and `locked`. An object in use is

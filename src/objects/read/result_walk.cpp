@@ -2,6 +2,8 @@
 // as the search left it (Table::searchResults); what this transaction has deleted since is passed
 // by.
 
+#include "objects/read/result_walk.h"
+
 #include <cstring>
 
 #include "objects/read/locate.h"

@@ -4,6 +4,8 @@
 // One cursor stands in each of the two trees; the nearer of the two entries is the answer. A writer
 // that locks also sees the keys that others have pending, and stops at them.
 
+#include "objects/read/tree_walk.h"
+
 #include "index/btree/cursor.h"
 #include "objects/current_keys.h"
 #include "objects/read/locate.h"

@@ -105,6 +105,14 @@ Result readTableHeader(MetaData& metaData, const char16_t* tableName, platform::
 Result requireWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
                     const TableHeader_tag& header);
 
+/// Failures of a table file, with its name and extension.
+Result reportTable(MetaData& metaData, const char16_t* tableName, SystemCode failure);
+Result reportDamagedTable(MetaData& metaData, const char16_t* tableName, std::int64_t i1,
+                          std::int64_t i2);
+
+/// Whether the numbers of a header at rest can be true.
+[[nodiscard]] bool isPlausible(const TableHeader_tag& header);
+
 [[nodiscard]] constexpr std::uint64_t slotPosition(std::uint32_t slotBase, std::uint64_t objectID) {
   return slotBase + kObjectSlotSize * objectID;
 }
@@ -120,6 +128,10 @@ Result requireWhole(MetaData& metaData, const char16_t* tableName, platform::Fil
 /// Reads the position alone, locked or not; `transaction` is 0.
 [[nodiscard]] SystemCode readSlotPosition(platform::File file, std::uint32_t slotBase,
                                           std::uint64_t objectID, ObjectSlot* slot);
+
+/// Writes all 12 bytes of a slot. Nobody else may have the object locked.
+Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
+                      std::uint32_t slotBase, std::uint64_t objectID, const ObjectSlot& slot);
 
 /// Object locks. 0 or the code of lockWord()/unlockWord().
 [[nodiscard]] SystemCode lockObject(platform::File file, std::uint32_t slotBase,

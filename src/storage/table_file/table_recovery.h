@@ -9,18 +9,6 @@
 
 namespace zelta {
 
-/// Failures of a table file, with its name and extension.
-Result reportTable(MetaData& metaData, const char16_t* tableName, SystemCode failure);
-Result reportDamagedTable(MetaData& metaData, const char16_t* tableName, std::int64_t i1,
-                          std::int64_t i2);
-
-/// Writes all 12 bytes of a slot. Nobody else may have the object locked.
-Result writeSlotWhole(MetaData& metaData, const char16_t* tableName, platform::File file,
-                      std::uint32_t slotBase, std::uint64_t objectID, const ObjectSlot& slot);
-
-/// Whether the numbers of a header at rest can be true.
-[[nodiscard]] bool isPlausible(const TableHeader_tag& header);
-
 /// Finishes the commit whose intent stands in `header`, or forgets it if its journal is incomplete.
 /// The caller owns the table's mutex and may write. `header` is at rest after a success. A death in
 /// here leaves what can be repaired again.

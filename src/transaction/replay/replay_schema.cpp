@@ -5,7 +5,9 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
+#include "frame/table_directory.h"
 #include "schema/stored_schema.h"
+#include "schema/table_create.h"
 #include "schema/table_lifecycle.h"
 
 namespace zelta {

@@ -7,6 +7,7 @@
 
 #include "frame/control_file.h"
 #include "frame/mutex_guard.h"
+#include "frame/table_directory.h"
 #include "frame/upcalls.h"
 #include "index/kinds.h"
 #include "objects/table_access.h"

@@ -2,21 +2,17 @@
 // that blocks cover a file.
 //
 // Most offsets and magic numbers are written out in the sources once more: a checker that took all
-// of them from the library would share its mistakes. A change that was cut off is first played
-// through in the view of its file (seeTableChange() and its like), so that all else can be checked
-// as at rest.
+// of them from the library would share its mistakes.
 
-#ifndef ZELTA_CHECK_CHECK_INTERNAL_H
-#define ZELTA_CHECK_CHECK_INTERNAL_H
+#ifndef ZELTA_CHECK_CHECK_FILE_H
+#define ZELTA_CHECK_CHECK_FILE_H
 
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "check/check.h"
@@ -138,93 +134,6 @@ void checkFreeChain(Findings& findings, CheckFile& file, std::uint64_t headOffse
 [[nodiscard]] bool foldBytes(CheckFile& file, std::uint64_t from, std::uint64_t to,
                              std::uint64_t* sum);
 
-// -- Changes that were cut off ----------------------------------------------------------------
-
-enum class Change {
-  none,
-  dropped,     ///< it was never complete
-  carriedOut,  ///< it will be, whoever comes next
-  abandoned,   ///< an index file was being built
-  impossible   ///< it makes no sense
-};
-
-/// Changes the view of a file with a change under way to what the next writer will make of it.
-[[nodiscard]] Change seeTableChange(CheckFile& file);
-[[nodiscard]] Change seeIndexChange(CheckFile& file, std::uint32_t indexCount);
-[[nodiscard]] Change seeLogChange(CheckFile& file);
-
-// -- Trees of keys ----------------------------------------------------------------------------
-
-/// Where a tree lies and what its nodes are like.
-struct TreePlace {
-  std::uint64_t root = 0;
-  std::uint64_t rootOffset = 0;  ///< where the root's position stands
-  std::uint64_t from = 0;        ///< the nodes lie in [from, to)
-  std::uint64_t to = 0;
-  std::uint32_t pageSize = 0;
-  bool variable = false;
-  std::uint32_t keyWords = 0;
-  std::uint32_t idBytes = 4;
-};
-
-/// An entry of a leaf. The key is `words` long.
-struct TreeEntry {
-  const std::uint32_t* key;
-  std::uint32_t words;
-  std::uint64_t objectID;
-  std::uint64_t offset;  ///< of the key in the file
-};
-using EntryVisitor = std::function<void(const TreeEntry&)>;
-
-// -- The files --------------------------------------------------------------------------------
-
-struct DirectoryTable {
-  std::uint32_t id = 0;
-  std::uint32_t lockOrder = 0;
-  std::u16string name;
-  std::u16string indexPath;
-};
-
-/// What the control file tells the others.
-struct ControlFacts {
-  std::vector<DirectoryTable> tables;
-  bool keepsLogs = false;
-  std::uint16_t firstLog = 0;
-  std::uint16_t lastLog = 0;
-  std::vector<std::uint32_t> openNumbers;  ///< of transactions that did not end
-  bool usable = false;                     ///< the header could be read
-};
-
-/// A table's section in the log entry of a transaction that has committed and did not end.
-struct PendingSection {
-  std::shared_ptr<CheckFile> log;
-  std::uint32_t number;  ///< of the transaction
-  std::uint32_t tableID;
-  std::uint64_t at;   ///< of its head
-  std::uint64_t end;  ///< of the entry
-};
-[[nodiscard]] std::vector<PendingSection> findPending(const std::u16string& folder,
-                                                      const std::u16string& baseName,
-                                                      const ControlFacts& facts);
-
-[[nodiscard]] std::u16string logName(const std::u16string& baseName);
-[[nodiscard]] std::u16string logName(const std::u16string& baseName, std::uint16_t number);
-/// The numbers of the log files that there are, the oldest first; those of the range go round. What
-/// the control file says of the range may be damaged: only what the folder holds is looked for.
-[[nodiscard]] std::vector<std::uint16_t> logNumbers(const std::u16string& folder,
-                                                    const ControlFacts& facts);
-/// Bytes behind the head of a section of table edits, which ends within `end`. False if they do not
-/// come out even.
-[[nodiscard]] bool measureEdits(CheckFile& file, std::uint64_t at, std::uint64_t end,
-                                std::uint64_t* size);
-
-// Each reports what it finds and goes on as far as there is sense in it.
-void checkControl(Findings& findings, CheckFile& file, ControlFacts& facts);
-void checkTable(Findings& findings, const std::u16string& folder, const DirectoryTable& entry,
-                const std::vector<PendingSection>& pending);
-void checkLogs(Findings& findings, const std::u16string& folder, const std::u16string& baseName,
-               const ControlFacts& facts);
-
 }  // namespace zelta::check
 
-#endif  // ZELTA_CHECK_CHECK_INTERNAL_H
+#endif  // ZELTA_CHECK_CHECK_FILE_H
