@@ -34,8 +34,9 @@ constexpr rlim_t kFileBound = 32 << 20;
 /// No input writes so much by itself, but for the slots of a table file.
 constexpr std::uintmax_t kLargestFile = 16 << 20;
 
-/// What the slots of a table file take: a single object with a large ID, which a log or a memory
-/// file may well bring, makes a slot for every ID below.
+/// What the slots of a table file take, or will when the commit under way is finished: a single
+/// object with a large ID, which a log or a memory file may well bring, makes a slot for every ID
+/// below, and the disk may be full before all of them are written.
 std::uintmax_t slotBytes(const fs::path& path) {
   TableHeader_tag header{};
   ObjectSlot last{};
@@ -43,6 +44,7 @@ std::uintmax_t slotBytes(const fs::path& path) {
   if (path.extension() != ".zlt" || !file.read(reinterpret_cast<char*>(&header), sizeof header)) {
     return 0;
   }
+  if (header.commitEnd != 0) return header.newObjectAreaStart;
   const std::uintmax_t end = header.slotBase + (header.highestID + 1) * kObjectSlotSize;
   if (header.highestID >= fs::file_size(path) || end > header.objectAreaStart) return 0;
   file.seekg(static_cast<std::streamoff>(end - kObjectSlotSize));
