@@ -284,38 +284,59 @@ class Model {
   PagedTable& owner_;
 };
 
-/// A page that a damaged link makes the sibling of its own child must not be merged with it.
-TEST(MemoryFile, A_page_above_an_underfull_one_is_no_sibling) {
+/// Links between inner pages that lead to pages above them, or to one page twice: a page may then
+/// be merged with one that the way up still needs.
+TEST(MemoryFile, Damaged_links_between_inner_pages_are_survived) {
   constexpr std::uint64_t kRootPlace = 88;
-  for (const bool inFront : {false, true}) {
-    PagedTable owner(0);
-    constexpr std::uint64_t kObjects = 85;
-    for (std::uint64_t id = 1; id <= kObjects; ++id) {
-      ASSERT_TRUE(MemorySession(owner).store(id, "x").ok());
+  constexpr std::uint64_t kObjects = 400;
+  PagedTable whole(0);
+  for (std::uint64_t id = 1; id <= kObjects; ++id) {
+    ASSERT_TRUE(MemorySession(whole).store(id, "x").ok());
+  }
+  const std::string good = whole.folder.bytes("T.zlm");
+  const auto end = numberAt<std::uint64_t>(good, 24);
+  const auto root = numberAt<std::uint64_t>(good, kRootPlace);
+  MapInner_tag full{};
+  std::memcpy(&full, good.data() + root, sizeof full);
+  int refusals = 0;
+  for (unsigned seed = 0; seed < 400; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    // Three levels of inner pages, each with one key, above the old root's leaves.
+    constexpr std::size_t kPages = 5;
+    std::string bytes = good.substr(0, end);
+    std::vector<std::uint64_t> places = {root};
+    for (std::size_t i = 0; i < kPages; ++i) places.push_back(end + i * sizeof(MapInner_tag));
+    for (std::size_t i = 0; i < kPages; ++i) {
+      MapInner_tag page{kMapPageSize, kMapInnerKind, 0, {}, {}, {}};
+      page.count = static_cast<std::uint16_t>(1 + random() % 3);
+      std::uint64_t key = 0;
+      for (std::uint32_t k = 0; k < page.count; ++k) {
+        key += random() % 2 == 0 ? 1 : kObjects + 1;
+        page.keys[k] = key;
+      }
+      for (std::uint32_t k = 0; k <= page.count; ++k) {
+        page.children[k] = places[random() % 3 == 0 ? random() % places.size() : (i == 0 ? 0 : i)];
+      }
+      bytes.append(reinterpret_cast<const char*>(&page), sizeof page);
     }
-    std::string bytes = owner.folder.bytes("T.zlm");
-    const auto end = numberAt<std::uint64_t>(bytes, 24);
-    MapInner_tag above{kMapPageSize, kMapInnerKind, 1, {}, {}, {}};
-    above.keys[0] = inFront ? 1 : kObjects + 1;
-    above.children[inFront ? 1 : 0] = numberAt<std::uint64_t>(bytes, kRootPlace);
-    above.children[inFront ? 0 : 1] = end;
-    bytes.resize(end);
-    bytes.append(reinterpret_cast<const char*>(&above), sizeof above);
     const std::uint64_t newEnd = bytes.size();
     std::memcpy(bytes.data() + 24, &newEnd, sizeof newEnd);
-    std::memcpy(bytes.data() + kRootPlace, &end, sizeof end);
+    std::memcpy(bytes.data() + kRootPlace, &places.back(), sizeof places.back());
+    PagedTable owner(0);
     owner.folder.write("T.zlm", bytes);
     bool refused = false;
     for (std::uint64_t id = 1; id <= kObjects && !refused; ++id) {
-      const std::string before = owner.folder.bytes("T.zlm");
       const Result result = MemorySession(owner).remove(id);
-      refused = result.failed();
-      if (!refused) continue;
-      EXPECT_TRUE(result.is(Own::memoryFile)) << result.word();
-      EXPECT_EQ(owner.folder.bytes("T.zlm"), before);
+      refused = result.failed() && !result.is(Own::objectNotFound);
+      if (refused) {
+        const bool known = result.is(Own::memoryFile) || result.is(Own::freeList);
+        EXPECT_TRUE(known || (result.word() >> 32) == 2) << result.word();
+      }
     }
-    EXPECT_TRUE(refused);
+    refusals += refused ? 1 : 0;
   }
+  EXPECT_GT(refusals, 50);
 }
 
 TEST(MemoryFile, Random_changes_by_several_transactions_agree_with_a_map) {
