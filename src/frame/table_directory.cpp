@@ -107,12 +107,21 @@ bool TableDirectory::parse(const char* bytes, std::size_t length, std::uint32_t 
 }
 
 /// Two tables of one name would share their files, and what one of them knows of a file's length
-/// would not hold behind a change by the other. The order of names is no proof: what counts as the
-/// same letter in another case differs between systems.
+/// would not hold behind a change by the other. Names that ascend are proof enough, but not the only
+/// one: what counts as the same letter in another case differs between systems.
 bool TableDirectory::hasTwins() const {
+  std::vector<std::uint32_t> ids;
+  for (const DirectoryEntry& entry : entries_) ids.push_back(entry.tableId);
+  std::sort(ids.begin(), ids.end());
+  if (std::adjacent_find(ids.begin(), ids.end()) != ids.end()) return true;
+  const auto doNotAscend = [](const DirectoryEntry& a, const DirectoryEntry& b) {
+    return compareNames(a.name, b.name) >= 0;
+  };
+  if (std::adjacent_find(entries_.begin(), entries_.end(), doNotAscend) == entries_.end())
+    return false;
   for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
     const auto isTwin = [&](const DirectoryEntry& other) {
-      return other.tableId == entry->tableId || compareNames(other.name, entry->name) == 0;
+      return compareNames(other.name, entry->name) == 0;
     };
     if (std::any_of(std::next(entry), entries_.end(), isTwin)) return true;
   }

@@ -127,6 +127,13 @@ TEST_F(HostileDirectory, OfTwoTablesWithOneNameIsRefused) {
   EXPECT_EQ(handle.RemoveTable(2, false), ownCode(54));
 }
 
+/// As a system leaves it that orders letters in another way.
+TEST_F(HostileDirectory, InAnotherOrderIsTaken) {
+  patch(kSecondEntry + 8, wide("foods"));
+  EXPECT_DONE(handle, handle.OpenDatabase(path().c_str()));
+  EXPECT_EQ(tableNames(), (std::vector<std::string>{"goods", "foods"}));
+}
+
 TEST_F(HostileDirectory, OfTwoTablesWithOneIdIsRefused) {
   ASSERT_EQ(numberAt<std::uint32_t>(control(), kSecondEntry), 2u);
   ASSERT_EQ(numberAt<std::uint32_t>(control(), kSecondRecord), 2u);
