@@ -22,6 +22,19 @@ void KeyChanges::add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node) 
   change.key = entry.release();  // not before there is a place for it
 }
 
+std::uint32_t KeyChanges::planned(const VersionKeys::Entry& entry, Step step) {
+  std::uint32_t count = 0;
+  const KeyShape shape = table_.keyShape(entry.index);
+  for (const Change* change = changes_.end(); change != changes_.begin();) {
+    --change;
+    if (change->index != entry.index) break;
+    const std::uint32_t* key = change->step == Step::noteRemoved ? change->node->key : change->key;
+    if (compareKeys(shape, key, entry.key) != 0) break;
+    if (change->step == step) ++count;
+  }
+  return count;
+}
+
 void KeyChanges::noteRemoved(VersionKeys::Entry& entry) {
   Change& change = changes_.push_back({nullptr, nullptr, entry.index, Step::noteRemoved});
   change.node = table_.nodePool.take();
@@ -70,7 +83,7 @@ Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, boo
     std::uint32_t pending = 0;
     const IndexTree tree(manager, PageFile::memory, entry.index);
     ZELTA_TRY(countEntries(tree, entry.key, objectID_, &pending));
-    if (pending != 0) {
+    if (pending > planned(entry, Step::removePending)) {
       add(entry, Step::removePending, nullptr);
       return {};
     }
@@ -82,10 +95,11 @@ Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, boo
 }
 
 Result KeyChanges::take(AtomicManager& manager, VersionKeys::Entry& entry, Source source) {
-  ObjectKeyNode* givenUp = find(table_.indexStates[entry.index].removedKeys,
-                                table_.keyShape(entry.index), entry.key, objectID_);
-  if (givenUp != nullptr) {
-    add(entry, Step::keepCommitted, givenUp);
+  const std::uint32_t givenUp =
+      countEqual(table_.indexStates[entry.index].removedKeys, table_.keyShape(entry.index),
+                 entry.key, objectID_);
+  if (givenUp > planned(entry, Step::keepCommitted)) {
+    add(entry, Step::keepCommitted, nullptr);
     return {};
   }
   if (source == Source::committed) return exists(entry.index, objectID_);
@@ -159,8 +173,9 @@ void KeyChanges::finish() noexcept {
         insert(node, cursor.removedKeys, shape);
         break;
       case Step::keepCommitted:
+        node = find(cursor.removedKeys, shape, change.key, objectID_);
         remove(node, cursor.removedKeys, shape);
-        releaseNode(change);
+        table_.nodePool.release(cursor.keyPool, shape, node);
         break;
       case Step::takeOver:
         remove(node, cursor.removedKeys, shape);

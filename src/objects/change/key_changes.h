@@ -62,7 +62,7 @@ class KeyChanges {
   };
   struct Change {
     std::uint32_t* key;   ///< owned
-    ObjectKeyNode* node;  ///< owned by noteRemoved only, else it stands in a tree of the cursor
+    ObjectKeyNode* node;  ///< owned by noteRemoved; of a key that changes hands: in the cursor
     std::uint32_t index;
     Step step;
   };
@@ -74,6 +74,9 @@ class KeyChanges {
   Result takeUnique(AtomicManager& manager, VersionKeys::Entry& entry);
   Result exists(std::uint32_t index, std::uint64_t holder);
   void add(VersionKeys::Entry& entry, Step step, ObjectKeyNode* node);
+  /// How often a step is planned for an index and a key that were planned for last: an object may
+  /// have one key in several rows.
+  [[nodiscard]] std::uint32_t planned(const VersionKeys::Entry& entry, Step step);
   void noteRemoved(VersionKeys::Entry& entry);
   void releaseNode(const Change& change) noexcept;
 

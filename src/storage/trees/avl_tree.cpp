@@ -257,6 +257,17 @@ ObjectKeyNode* find(ObjectKeyNode* root, KeyShape shape, const std::uint32_t* ke
   if (objectID == 0) return avl::find(order, root, key);
   return avl::find(order, root, ObjectKeyOrder::Exact{key, objectID});
 }
+std::uint32_t countEqual(const ObjectKeyNode* root, KeyShape shape, const std::uint32_t* key,
+                         std::uint64_t objectID) {
+  std::uint32_t equal = 0;
+  while (root != nullptr) {
+    int sign = compareKeys(shape, root->key, key);
+    if (sign == 0 && root->objectID != objectID) sign = root->objectID < objectID ? -1 : 1;
+    if (sign == 0) equal += 1 + countEqual(root->left, shape, key, objectID);
+    root = sign > 0 ? root->left : root->right;
+  }
+  return equal;
+}
 ObjectKeyNode* findNext(ObjectKeyNode* root, KeyShape shape, const std::uint32_t* key) {
   return avl::findNext(ObjectKeyOrder{shape}, root, key);
 }

@@ -135,6 +135,9 @@ void destroyAll(WideKeyNode*& root);
 /// `objectID` 0 means any object.
 [[nodiscard]] ObjectKeyNode* find(ObjectKeyNode* root, KeyShape shape, const std::uint32_t* key,
                                   std::uint64_t objectID);
+/// How many nodes have this key and this object.
+[[nodiscard]] std::uint32_t countEqual(const ObjectKeyNode* root, KeyShape shape,
+                                       const std::uint32_t* key, std::uint64_t objectID);
 [[nodiscard]] ObjectKeyNode* findNext(ObjectKeyNode* root, KeyShape shape,
                                       const std::uint32_t* key);
 [[nodiscard]] ObjectKeyNode* findPrevious(ObjectKeyNode* root, KeyShape shape,
