@@ -3,57 +3,12 @@
 #include <cstring>
 
 #include "czelta.h"
+#include "index/keys/characters.h"
 #include "platform/text.h"
 
 namespace zelta {
 
 namespace {
-
-constexpr char32_t kNoCharacter = 0xFFFFFFFF;  ///< a byte or unit that is none
-constexpr char32_t kLastCharacter = 0x10FFFF;
-
-/// A character of a text: its place, its bytes, and what it is.
-struct Character {
-  const unsigned char* at;
-  unsigned size;
-  char32_t value;  ///< kNoCharacter for a malformed one: no letter, no digit, no space
-};
-
-/// Bytes of a sequence of UTF-8 shape that begins at `at`; 1 for anything else.
-unsigned sequenceSize(const unsigned char* at, std::uint64_t left) {
-  const unsigned size = (*at & 0xE0) == 0xC0   ? 2
-                        : (*at & 0xF0) == 0xE0 ? 3
-                        : (*at & 0xF8) == 0xF0 ? 4
-                                               : 1;
-  if (size > left) return 1;
-  for (unsigned i = 1; i < size; ++i) {
-    if ((at[i] & 0xC0) != 0x80) return 1;
-  }
-  return size;
-}
-
-/// The character of a sequence of `size` bytes, as sequenceSize() has found it.
-Character narrowAt(const unsigned char* at, unsigned size) {
-  if (size == 1) return {at, 1, *at < 0x80 ? char32_t{*at} : kNoCharacter};
-  char32_t value = *at & (0x7Fu >> size);
-  for (unsigned i = 1; i < size; ++i) value = (value << 6) | (at[i] & 0x3Fu);
-  return {at, size, value > kLastCharacter ? kNoCharacter : value};
-}
-
-char32_t unitAt(const unsigned char* at) { return static_cast<char32_t>(at[0] | (at[1] << 8)); }
-
-/// Two units count as one character when the low surrogate comes first.
-bool isPair(const unsigned char* at) {
-  const char32_t first = unitAt(at);
-  const char32_t second = unitAt(at + 2);
-  return first >= 0xDC00 && first <= 0xDFFF && second >= 0xD800 && second <= 0xDBFF;
-}
-
-/// The character of a unit, or of a pair as isPair() has found it. Bytes, not units, are counted.
-Character wideAt(const unsigned char* at, unsigned size) {
-  if (size == 2) return {at, 2, unitAt(at)};
-  return {at, 4, 0x10000 + ((unitAt(at + 2) - 0xD800) << 10) + (unitAt(at) - 0xDC00)};
-}
 
 /// Goes through a text from either end.
 class TextWalk {
@@ -78,8 +33,7 @@ class TextWalk {
  private:
   [[nodiscard]] Character first() const {
     const auto left = static_cast<std::uint64_t>(end_ - begin_);
-    if (!wide_) return narrowAt(begin_, sequenceSize(begin_, left));
-    return wideAt(begin_, left >= 4 && isPair(begin_) ? 4 : 2);
+    return wide_ ? firstWide(begin_, left) : firstNarrow(begin_, left);
   }
   [[nodiscard]] Character last() const {
     const auto left = static_cast<std::uint64_t>(end_ - begin_);
@@ -98,9 +52,6 @@ class TextWalk {
   bool reversed_;
 };
 
-bool isDigit(char32_t c) { return c >= U'0' && c <= U'9'; }
-bool isAlnum(char32_t c) { return c != kNoCharacter && platform::isAlphanumeric(c); }
-bool isBlank(char32_t c) { return c != kNoCharacter && platform::isSpace(c); }
 /// Punctuation that vanishes without a trace.
 bool isTraceless(char32_t c) { return c == U'\'' || c == U',' || c == U'.'; }
 
