@@ -1,6 +1,7 @@
 #include "check/check_kinds.h"
 
 #include "check/check_btree.h"
+#include "check/check_rtree.h"
 #include "index/keys/keys.h"
 
 namespace zelta::check {
@@ -9,6 +10,8 @@ namespace {
 
 constexpr KindCheck kKinds[] = {
     {CZELTA::BPlusTree, checkBPlusTree, makeKeys},
+    {CZELTA::SpatialTree, checkSpatialTree, makeKeys},
+    {CZELTA::TemporalTree, checkTemporalTree, makeKeys},
 };
 
 }  // namespace

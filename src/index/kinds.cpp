@@ -8,6 +8,7 @@
 #include "index/btree/btree.h"
 #include "index/keys/extent_keys.h"
 #include "index/keys/segment_keys.h"
+#include "index/rtree/extent_kinds.h"
 #include "index/search/key_search.h"
 #include "schema/index_traits.h"
 #include "storage/table.h"
@@ -37,10 +38,10 @@ constexpr SearchForms kByPoints = {false, true, SearchForms::Given::key};
 /// All kinds, each at its number.
 constexpr Kind kKinds[] = {
     {CZELTA::BPlusTree, kNarrowing, &kSegmentKeys, &kBPlusTree},
-    {CZELTA::SpatialTree, kByExtent, &kBoxKeys},
+    {CZELTA::SpatialTree, kByExtent, &kBoxKeys, &kSpatialTree},
     {CZELTA::AsciiList, kByWords},
     {CZELTA::WideList, kByWords},
-    {CZELTA::TemporalTree, kByExtent, &kSpanKeys},
+    {CZELTA::TemporalTree, kByExtent, &kSpanKeys, &kTemporalTree},
     {CZELTA::SpatialPattern, kByPoints},
 };
 constexpr std::size_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);

@@ -1,0 +1,46 @@
+#include "index/rtree/walk.h"
+
+#include <algorithm>
+
+namespace zelta {
+
+template <class Entry>
+std::uint64_t RTreeWalk<Entry>::pageBytes() const {
+  const std::uint64_t unit = std::max(tree.pageSize(), 1u);
+  const std::uint64_t least = 48 + 5 * sizeof(Entry);
+  return (least + unit - 1) / unit * unit;
+}
+
+template <class Entry>
+Result RTreeWalk<Entry>::look(std::uint64_t position, TreePage* page, bool* leaf) const {
+  ZELTA_TRY(pages_.glance(position, page));
+  const RTreeHead head = RTreeHead::of(page->bytes());
+  *leaf = head.leaf();
+  return *leaf || head.tag == RTreeHead::kBranch ? Result() : corrupted();
+}
+
+template <class Entry>
+Result RTreeWalk<Entry>::loadBranch(const RTreePath::Step& step, PageRole role,
+                                    Branch* node) const {
+  ZELTA_TRY(load(step.position, false, role, node));
+  return step.entry < node->count() ? Result() : corrupted();
+}
+
+template <class Entry>
+Result RTreeWalk<Entry>::find(const Entry& entry, std::uint64_t objectID, RTreePath* path,
+                              bool* found) const {
+  const Bounds bounds = boundsOf(entry);
+  return visit(
+      path, found, [&](const Bounds& child) { return child.contains(bounds); },
+      [&](const Leaf& leaf, RTreePath::Step& step) {
+        for (step.entry = 0; step.entry < leaf.count(); ++step.entry) {
+          if (leaf.value(step.entry) == objectID && leaf.key(step.entry) == entry) return true;
+        }
+        return false;
+      });
+}
+
+#define ZELTA_INSTANCE(Entry) template class RTreeWalk<Entry>;
+ZELTA_EACH_RTREE_ENTRY(ZELTA_INSTANCE)
+
+}  // namespace zelta
