@@ -8,6 +8,7 @@
 #include "index/btree/btree.h"
 #include "index/keys/extent_keys.h"
 #include "index/keys/segment_keys.h"
+#include "index/pattern/pattern.h"
 #include "index/rtree/extent_kinds.h"
 #include "index/search/key_search.h"
 #include "schema/index_traits.h"
@@ -42,7 +43,7 @@ constexpr Kind kKinds[] = {
     {CZELTA::AsciiList, kByWords},
     {CZELTA::WideList, kByWords},
     {CZELTA::TemporalTree, kByExtent, &kSpanKeys, &kTemporalTree},
-    {CZELTA::SpatialPattern, kByPoints},
+    {CZELTA::SpatialPattern, kByPoints, nullptr, nullptr, &kSpatialPattern, preparePatternSearch},
 };
 constexpr std::size_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "storage/paged/atomic_manager.h"
 #include "storage/trees/avl_tree.h"
@@ -21,13 +22,19 @@ class FoundObjects {
   FoundObjects& operator=(const FoundObjects&) = delete;
 
   void add(std::uint64_t objectID) {
-    if (find(ids, objectID) != nullptr) return;
+    if (addUncounted(objectID)) ++count;
+  }
+  /// False: it was there.
+  bool addUncounted(std::uint64_t objectID) {
+    if (find(ids, objectID) != nullptr) return false;
     new UInt64AVLTree(ids, objectID);
-    ++count;
+    return true;
   }
 
   UInt64AVLTree* ids = nullptr;  ///< owned
   long long count = 0;           ///< what the caller is told; not always their number
+  /// Found as well, but results only of a search that keeps those before it. Any order.
+  std::vector<std::uint64_t> besides;
   /// Whether `ids` are those that do not match. None: the search says nothing of it.
   std::optional<bool> inverted;
 };
