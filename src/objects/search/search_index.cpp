@@ -145,6 +145,7 @@ long long SearchRun::install(FoundObjects& found, bool locked) {
     locked ? toggleAll(table_.searchResults, found.ids) : addAll(table_.searchResults, found.ids);
     told = zelta::count(table_.searchResults);
   } else {
+    for (const std::uint64_t id : found.besides) found.addUncounted(id);
     addAll(table_.searchResults, found.ids);
   }
   if (!searchForms(table_, query_.index - 1)->narrows) table_.searchIndex = query_.index;
