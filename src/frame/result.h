@@ -64,6 +64,7 @@ enum class Own : std::uint32_t {
   variableLeaf = 50,
   bPlusTree = 51,
   spatialTree = 52,
+  wordTree = 53,  ///< has the general text, like `postings`
   controlFile = 54,
   tableFile = 55,
   logFile = 56,
@@ -71,6 +72,7 @@ enum class Own : std::uint32_t {
   memoryFile = 58,
   unclassified = 59,
   multiEntry = 61,
+  postings = 62,
   search = 63,
   temporalTree = 64,
   spatialPattern = 65,

@@ -3,7 +3,6 @@
 #include <cassert>
 
 #include "index/btree/split.h"
-#include "index/btree/walk.h"
 
 namespace zelta {
 
@@ -14,65 +13,47 @@ namespace {
 ///
 /// A split is written bottom up, the new node before the old one. That is for order only: the
 /// manager holds all of it until a flush brings it into the file as a whole.
+template <class Format>
 class Insertion {
  public:
-  explicit Insertion(BPlusWalk& walk) : walk_(walk) {}
+  using Node = TreeNode<Format>;
+  using Key = typename Format::Key;
+  using Pending = TreePending<Format>;
 
-  Result run(const std::uint32_t* key, std::uint64_t objectID);
+  Insertion(TreeWalk<Format>& walk, BPlusPath& path) : walk_(walk), path_(path) {}
+
+  Result run(Node& leaf, const Pending& pending);
 
  private:
-  /// The first leaf of an empty tree.
-  Result makeRoot(const std::uint32_t* key, std::uint64_t objectID);
-  Result splitUpward(BPlusNode& node, BPlusPending pending);
+  Result splitUpward(Node& node, Pending pending);
   /// Splits one node and leaves its two halves in `lower_`, `upper_` and a separator.
-  Result split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending);
+  Result split(Node& node, std::uint64_t position, const Pending& pending);
   /// Puts a new leaf into the chain of leaves, on its side of the old one.
-  Result linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode& fresh,
-                     std::uint64_t freshPosition, bool freshIsLower);
+  Result linkNewLeaf(Node& node, std::uint64_t position, Node& fresh, std::uint64_t freshPosition,
+                     bool freshIsLower);
   /// Makes a root over the two halves of the old one.
   Result splitRoot();
 
-  BPlusWalk& walk_;
-  BPlusPath path_;
+  TreeWalk<Format>& walk_;
+  BPlusPath& path_;
   BPlusEdge edge_;
   // What a split hands to the level above
   std::uint64_t lower_ = 0;
   std::uint64_t upper_ = 0;
-  BPlusKeyCopy separators_[2];  ///< the one being entered, and the one that its split makes
-  std::uint32_t turn_ = 0;      ///< which of them is the newer one
+  TreeKeyCopy<Format> separators_[2];  ///< the one being entered, and the one that its split makes
+  std::uint32_t turn_ = 0;             ///< which of them is the newer one
 };
 
-Result Insertion::run(const std::uint32_t* key, std::uint64_t objectID) {
-  if (walk_.root() == 0) return makeRoot(key, objectID);
-  BPlusNode leaf;
-  ZELTA_TRY(walk_.descend(key, path_, leaf));
-  const BPlusNode::Place place = leaf.lower(key);
-  if (place.equal) {
-    return walk_.tree.keyExists(leaf.objectID(place.number));
-  }
-  if (leaf.fits(walk_.format.words(key))) {
-    leaf.insert(place.number, place.offset, key, objectID);
-    return walk_.store(path_.steps[path_.last()].position, leaf);
-  }
+template <class Format>
+Result Insertion<Format>::run(Node& leaf, const Pending& pending) {
   edge_.left = leaf.previous() == 0 && leaf.next() != 0;
   edge_.right = leaf.previous() != 0 && leaf.next() == 0;
-  return splitUpward(leaf, {place.number, key, objectID});
-}
-
-Result Insertion::makeRoot(const std::uint32_t* key, std::uint64_t objectID) {
-  BPlusNode leaf;
-  std::uint64_t position = 0;
-  const std::uint64_t bytes =
-      bplusFirstNodeBytes(walk_.format, walk_.tree.pageSize(), walk_.format.words(key));
-  ZELTA_TRY(walk_.allocate(bytes, true, PageRole::node, leaf, &position));
-  leaf.append(key, objectID);
-  ZELTA_TRY(walk_.store(position, leaf));
-  walk_.root() = position;
-  return {};
+  return splitUpward(leaf, pending);
 }
 
 /// Splits the node, and the branches above it until one of them takes the separator.
-Result Insertion::splitUpward(BPlusNode& node, BPlusPending pending) {
+template <class Format>
+Result Insertion<Format>::splitUpward(Node& node, Pending pending) {
   for (std::uint32_t level = path_.last();; --level) {
     ZELTA_TRY(split(node, path_.steps[level].position, pending));
     if (level == 0) return splitRoot();
@@ -81,11 +62,12 @@ Result Insertion::splitUpward(BPlusNode& node, BPlusPending pending) {
     if (node.leaf() || up.child > node.count()) return walk_.corrupted();
     node.setPointer(up.child, lower_);
     pending = {up.child, separators_[turn_].get(), upper_};
-    const std::uint32_t words = walk_.format.words(pending.key);
-    if (!node.fits(words)) {
+    const std::uint32_t keyBytes = walk_.format.keyBytes(pending.key);
+    if (!node.fits(keyBytes)) {
       if (!walk_.format.variable || node.count() >= 2) continue;
       // There is nothing to divide yet.
-      const std::uint64_t missing = node.entryBytes(words) - node.freeBytes() + 4;
+      const std::uint64_t missing =
+          node.entryBytes(keyBytes) - node.freeBytes() + Format::kGrowthReserve;
       ZELTA_TRY(walk_.growBranch(path_, level - 1, node, PageRole::node, missing));
     }
     node.insert(pending.number, node.keyOffset(pending.number), pending.key, pending.pointer);
@@ -93,22 +75,23 @@ Result Insertion::splitUpward(BPlusNode& node, BPlusPending pending) {
   }
 }
 
-Result Insertion::split(BPlusNode& node, std::uint64_t position, const BPlusPending& pending) {
+template <class Format>
+Result Insertion<Format>::split(Node& node, std::uint64_t position, const Pending& pending) {
   const BPlusSplit plan = planSplit(node, pending, edge_, walk_.tree.pageSize());
   if (!plan.possible) return walk_.corrupted();
   assert(plan.lower <= node.count());
-  BPlusNode fresh;
+  Node fresh;
   std::uint64_t freshPosition = 0;
   ZELTA_TRY(walk_.allocate(plan.newBytes, node.leaf(), PageRole::sibling, fresh, &freshPosition));
-  const BPlusNode old = walk_.copyAside(node);
+  const Node old = walk_.copyAside(node);
   node.clear();
-  BPlusNode& lower = plan.newIsLower ? fresh : node;
-  BPlusNode& upper = plan.newIsLower ? node : fresh;
+  Node& lower = plan.newIsLower ? fresh : node;
+  Node& upper = plan.newIsLower ? node : fresh;
   lower_ = plan.newIsLower ? freshPosition : position;
   upper_ = plan.newIsLower ? position : freshPosition;
 
   // The pending key may be the separator from below, so the new one takes the other copy.
-  BPlusKeyCopy& separator = separators_[turn_ ^= 1u];
+  TreeKeyCopy<Format>& separator = separators_[turn_ ^= 1u];
   separator.assign(walk_.format, mergedKey(old, pending, plan.lower));
   std::uint32_t from = plan.lower;
   if (!node.leaf()) {
@@ -122,8 +105,9 @@ Result Insertion::split(BPlusNode& node, std::uint64_t position, const BPlusPend
   return walk_.store(position, node);
 }
 
-Result Insertion::linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode& fresh,
-                              std::uint64_t freshPosition, bool freshIsLower) {
+template <class Format>
+Result Insertion<Format>::linkNewLeaf(Node& node, std::uint64_t position, Node& fresh,
+                                      std::uint64_t freshPosition, bool freshIsLower) {
   if (freshIsLower) {
     const std::uint64_t previous = node.previous();
     fresh.setPrevious(previous);
@@ -138,12 +122,13 @@ Result Insertion::linkNewLeaf(BPlusNode& node, std::uint64_t position, BPlusNode
   return walk_.relink(0, 0, next, freshPosition, PageRole::parent);
 }
 
-Result Insertion::splitRoot() {
+template <class Format>
+Result Insertion<Format>::splitRoot() {
   assert(lower_ != 0 && upper_ != 0);
-  const std::uint32_t* separator = separators_[turn_].get();
+  const Key* separator = separators_[turn_].get();
   const std::uint64_t bytes =
-      bplusFirstNodeBytes(walk_.format, walk_.tree.pageSize(), walk_.format.words(separator));
-  BPlusNode branch;
+      firstNodeBytes(walk_.format, walk_.tree.pageSize(), walk_.format.keyBytes(separator), false);
+  Node branch;
   std::uint64_t position = 0;
   ZELTA_TRY(walk_.allocate(bytes, false, PageRole::node, branch, &position));
   branch.setPointer(0, lower_);
@@ -155,9 +140,45 @@ Result Insertion::splitRoot() {
 
 }  // namespace
 
+template <class Format>
+Result plantTree(TreeWalk<Format>& walk, const typename Format::Key* key, std::uint64_t pointer) {
+  assert(walk.root() == 0);
+  TreeNode<Format> leaf;
+  std::uint64_t position = 0;
+  const std::uint64_t bytes =
+      firstNodeBytes(walk.format, walk.tree.pageSize(), walk.format.keyBytes(key), true);
+  ZELTA_TRY(walk.allocate(bytes, true, PageRole::node, leaf, &position));
+  leaf.append(key, pointer);
+  ZELTA_TRY(walk.store(position, leaf));
+  walk.root() = position;
+  return {};
+}
+
+template <class Format>
+Result enterKey(TreeWalk<Format>& walk, BPlusPath& path, TreeNode<Format>& leaf,
+                typename TreeNode<Format>::Place place, const typename Format::Key* key,
+                std::uint64_t pointer) {
+  assert(!place.equal);
+  if (leaf.fits(walk.format.keyBytes(key))) {
+    leaf.insert(place.number, place.offset, key, pointer);
+    return walk.store(path.steps[path.last()].position, leaf);
+  }
+  return Insertion<Format>(walk, path).run(leaf, {place.number, key, pointer});
+}
+
+template Result plantTree(TextWalk&, const char*, std::uint64_t);
+template Result enterKey(TextWalk&, BPlusPath&, TextNode&, TextNode::Place, const char*,
+                         std::uint64_t);
+
 Result bplusInsert(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
   BPlusWalk walk(tree, BPlusWalk::Purpose::insert);
-  return Insertion(walk).run(key, objectID);
+  if (walk.root() == 0) return plantTree(walk, key, objectID);
+  BPlusPath path;
+  BPlusNode leaf;
+  ZELTA_TRY(walk.descend(key, path, leaf));
+  const BPlusNode::Place place = leaf.lower(key);
+  if (place.equal) return tree.keyExists(leaf.objectID(place.number));
+  return enterKey(walk, path, leaf, place, key, objectID);
 }
 
 }  // namespace zelta

@@ -5,9 +5,20 @@
 
 #include <cstdint>
 
-#include "index/tree/index_tree.h"
+#include "index/btree/walk.h"
 
 namespace zelta {
+
+/// Makes the first leaf of an empty tree, with one key.
+template <class Format>
+Result plantTree(TreeWalk<Format>& walk, const typename Format::Key* key, std::uint64_t pointer);
+
+/// Enters a key that the tree does not have, with what it leads to. `path` and `leaf` are where
+/// descend() has led, `place` is the key's in the leaf.
+template <class Format>
+Result enterKey(TreeWalk<Format>& walk, BPlusPath& path, TreeNode<Format>& leaf,
+                typename TreeNode<Format>::Place place, const typename Format::Key* key,
+                std::uint64_t pointer);
 
 /// Enters a key with its object. Own code 37 if the key is there already, whoever has it. After any
 /// other failure the tree may be half changed: the caller drops what the manager holds.

@@ -11,21 +11,26 @@
 namespace zelta {
 
 /// Two neighbouring children of a branch.
-struct BPlusPair {
-  BPlusNode* left;
+template <class Format>
+struct TreePair {
+  TreeNode<Format>* left;
   std::uint64_t leftPosition;
-  BPlusNode* right;
+  TreeNode<Format>* right;
   std::uint64_t rightPosition;
 };
+using BPlusPair = TreePair<NodeFormat>;
 
 /// Joins the children `number` and `number + 1` of a branch, which are `pair`, if the result is not
-/// too full. The one at the lower position stays. `*joined` tells; the parent, which has lost a
-/// child then, is not stored. Uses the spare buffer.
-Result joinChildren(BPlusWalk& walk, BPlusNode& parent, std::uint32_t number, BPlusPair pair,
-                    bool* joined);
+/// too full. The one at the lower position stays; of nodes with texts, which differ in size, the
+/// other one if the lower is too small. `*joined` tells; the parent, which has lost a child then, is
+/// not stored. Uses the spare buffer.
+template <class Format>
+Result joinChildren(TreeWalk<Format>& walk, TreeNode<Format>& parent, std::uint32_t number,
+                    TreePair<Format> pair, bool* joined);
 
 /// If the root is a branch with a single child, the child becomes the root. `*collapsed` tells.
-Result collapseRoot(BPlusWalk& walk, bool* collapsed);
+template <class Format>
+Result collapseRoot(TreeWalk<Format>& walk, bool* collapsed);
 
 }  // namespace zelta
 

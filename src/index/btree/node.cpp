@@ -11,7 +11,9 @@ constexpr std::uint32_t kMaximumCount = 0xFFFF;
 
 }  // namespace
 
-BPlusNode::State BPlusNode::attach(TreePage page, const NodeFormat& format, bool walk) {
+template <class Format>
+typename TreeNode<Format>::State TreeNode<Format>::attach(TreePage page, const Format& format,
+                                                          bool walk) {
   const char* bytes = page.bytes();
   page_ = page;
   format_ = format;
@@ -29,32 +31,37 @@ BPlusNode::State BPlusNode::attach(TreePage page, const NodeFormat& format, bool
   if (size_ % 4 != 0 || fixedPart > size_) return State::badCount;
   const std::uint64_t room = size_ - fixedPart;
   if (!format.variable) {
-    const std::uint64_t keys = std::uint64_t{count_} * format.keyWords * 4;
+    const std::uint64_t keys = std::uint64_t{count_} * format.keyBytes(nullptr);
     if (keys > room) return State::badCount;
     keyEnd_ = static_cast<std::uint32_t>(format.head(leaf_) + keys);
     freeBytes_ = static_cast<std::uint32_t>(room - keys);
     return State::sound;
   }
-  std::uint32_t freeWords = 0;
-  std::memcpy(&freeWords, bytes + format.head(leaf_) - 4, 4);
-  if (std::uint64_t{freeWords} * 4 > room) return State::badFreeWords;
-  freeBytes_ = freeWords * 4;
+  std::uint32_t free = 0;
+  std::memcpy(&free, bytes + format.head(leaf_) - 4, 4);
+  if (std::uint64_t{free} * Format::kFreeUnit > room) return State::badFreeSpace;
+  freeBytes_ = free * Format::kFreeUnit;
   keyEnd_ = static_cast<std::uint32_t>(format.head(leaf_) + room - freeBytes_);
-  return walk ? walkKeys(VariableWords{}) : State::sound;
+  if (!walk) return State::sound;
+  return format.withCodec([&](const auto& codec) { return walkKeys(codec); });
 }
 
+template <class Format>
 template <class Codec>
-BPlusNode::State BPlusNode::walkKeys(const Codec& codec) const {
+typename TreeNode<Format>::State TreeNode<Format>::walkKeys(const Codec& codec) const {
   std::uint32_t offset = format_.head(leaf_);
   for (std::uint32_t i = 0; i < count_; ++i) {
-    if (offset >= keyEnd_) return State::badFreeWords;
-    if (!keyFits(codec, offset)) return State::badKeys;
-    offset += codec.bytes(keyAt(offset));
+    if (offset >= keyEnd_) return State::badFreeSpace;
+    const std::uint32_t keyBytes = measure(codec, offset);
+    if (keyBytes == 0) return State::badKeys;
+    offset += keyBytes;
   }
-  return offset == keyEnd_ ? State::sound : State::badFreeWords;
+  return offset == keyEnd_ ? State::sound : State::badFreeSpace;
 }
 
-void BPlusNode::makeEmpty(TreePage page, std::uint32_t size, bool leaf, const NodeFormat& format) {
+template <class Format>
+void TreeNode<Format>::makeEmpty(TreePage page, std::uint32_t size, bool leaf,
+                                 const Format& format) {
   const std::uint16_t tag = leaf ? kLeafTag : kBranchTag;
   page_ = page;
   std::memcpy(bytes(), &size, 4);
@@ -66,8 +73,9 @@ void BPlusNode::makeEmpty(TreePage page, std::uint32_t size, bool leaf, const No
 }
 
 /// Takes over what a change has made of the node, in the page as well. The only place that writes
-/// count and free words.
-void BPlusNode::changeCounts(std::uint32_t entries, std::uint32_t keyEnd) {
+/// count and free space.
+template <class Format>
+void TreeNode<Format>::changeCounts(std::uint32_t entries, std::uint32_t keyEnd) {
   assert(entries <= kMaximumCount && keyEnd <= size_);
   count_ = entries;
   keyEnd_ = keyEnd;
@@ -75,51 +83,54 @@ void BPlusNode::changeCounts(std::uint32_t entries, std::uint32_t keyEnd) {
   const auto stored = static_cast<std::uint16_t>(entries);
   std::memcpy(bytes() + 6, &stored, 2);
   if (!format_.variable) return;
-  const std::uint32_t freeWords = freeBytes_ / 4;
-  std::memcpy(bytes() + format_.head(leaf_) - 4, &freeWords, 4);
+  const std::uint32_t free = freeBytes_ / Format::kFreeUnit;
+  std::memcpy(bytes() + format_.head(leaf_) - 4, &free, 4);
 }
 
 // -- Keys -----------------------------------------------------------------------------------------
 
+template <class Format>
 template <class Codec>
-bool BPlusNode::keyFits(const Codec& codec, std::uint32_t offset) const {
-  return codec.fits(keyAt(offset), keyEnd_ - offset);
-}
-
-template <class Codec>
-std::uint32_t BPlusNode::offsetOf(const Codec& codec, std::uint32_t number) const {
+std::uint32_t TreeNode<Format>::offsetOf(const Codec& codec, std::uint32_t number) const {
   std::uint32_t offset = format_.head(leaf_);
   if constexpr (Codec::kEqualLengths) {
     return offset + number * codec.bytes(nullptr);
   } else {
     if (number == count_) return keyEnd_;
     for (std::uint32_t i = 0; i < number; ++i) {
-      if (!keyFits(codec, offset)) return 0;
-      offset += codec.bytes(keyAt(offset));
+      const std::uint32_t keyBytes = measure(codec, offset);
+      if (keyBytes == 0) return 0;
+      offset += keyBytes;
     }
-    return keyFits(codec, offset) ? offset : 0;
+    return measure(codec, offset) != 0 ? offset : 0;
   }
 }
 
-/// The first key at whose offset `stop` is true.
+/// The first key from a place on for whose offset and bytes `stop` is true.
+template <class Format>
 template <class Codec, class Stop>
-BPlusNode::Place BPlusNode::scan(const Codec& codec, Stop stop) const {
-  std::uint32_t offset = format_.head(leaf_);
-  for (std::uint32_t i = 0; i < count_; ++i) {
-    if (!keyFits(codec, offset)) return {i, 0, false};
-    if (stop(offset)) return {i, offset, false};
-    offset += codec.bytes(keyAt(offset));
+typename TreeNode<Format>::Place TreeNode<Format>::scan(const Codec& codec, Place from,
+                                                        Stop stop) const {
+  std::uint32_t offset = from.offset;
+  for (std::uint32_t i = from.number; i < count_; ++i) {
+    const std::uint32_t keyBytes = measure(codec, offset);
+    if (keyBytes == 0) return {i, 0, false};
+    if (stop(offset, keyBytes)) return {i, offset, false};
+    offset += keyBytes;
   }
   return {count_, offset, false};
 }
 
+template <class Format>
 template <class Codec>
-BPlusNode::Place BPlusNode::firstNotBelow(const Codec& codec, const std::uint32_t* key) const {
+typename TreeNode<Format>::Place TreeNode<Format>::firstNotBelow(const Codec& codec, const Key* key,
+                                                                 Place from) const {
   if constexpr (Codec::kEqualLengths) {
+    const std::uint32_t length = codec.bytes(key);
     const auto compareTo = [&](std::uint32_t number) {
-      return codec.compare(keyAt(offsetOf(codec, number)), key);
+      return codec.compare(keyAt(offsetOf(codec, number)), length, key, length);
     };
-    std::uint32_t low = 0;
+    std::uint32_t low = from.number;
     std::uint32_t high = count_;
     while (low < high) {
       const std::uint32_t middle = (low + high) / 2;
@@ -132,8 +143,9 @@ BPlusNode::Place BPlusNode::firstNotBelow(const Codec& codec, const std::uint32_
     return {low, offsetOf(codec, low), low < count_ && compareTo(low) == 0};
   } else {
     int sign = -1;
-    Place place = scan(codec, [&](std::uint32_t offset) {
-      sign = codec.compare(keyAt(offset), key);
+    const std::uint32_t length = codec.bytes(key);
+    Place place = scan(codec, from, [&](std::uint32_t offset, std::uint32_t keyBytes) {
+      sign = codec.compare(keyAt(offset), keyBytes, key, length);
       return sign >= 0;
     });
     place.equal = sign == 0;
@@ -141,16 +153,19 @@ BPlusNode::Place BPlusNode::firstNotBelow(const Codec& codec, const std::uint32_
   }
 }
 
+template <class Format>
 template <class Codec>
-BPlusNode::Place BPlusNode::firstAbove(const Codec& codec, const std::uint32_t* key) const {
+typename TreeNode<Format>::Place TreeNode<Format>::firstAbove(const Codec& codec,
+                                                              const Key* key) const {
   if constexpr (Codec::kEqualLengths) {
-    Place place = firstNotBelow(codec, key);
+    Place place = firstNotBelow(codec, key, start());
     if (place.equal) place.offset = offsetOf(codec, ++place.number);
     return place;
   } else {
     bool equal = false;
-    Place place = scan(codec, [&](std::uint32_t offset) {
-      const int sign = codec.compare(keyAt(offset), key);
+    const std::uint32_t length = codec.bytes(key);
+    Place place = scan(codec, start(), [&](std::uint32_t offset, std::uint32_t keyBytes) {
+      const int sign = codec.compare(keyAt(offset), keyBytes, key, length);
       if (sign <= 0) equal = sign == 0;
       return sign > 0;
     });
@@ -159,52 +174,67 @@ BPlusNode::Place BPlusNode::firstAbove(const Codec& codec, const std::uint32_t* 
   }
 }
 
-std::uint32_t BPlusNode::keyOffset(std::uint32_t number) const {
-  return withCodec(format_, [&](const auto& codec) { return offsetOf(codec, number); });
+template <class Format>
+std::uint32_t TreeNode<Format>::keyOffset(std::uint32_t number) const {
+  return format_.withCodec([&](const auto& codec) { return offsetOf(codec, number); });
 }
 
-BPlusNode::Place BPlusNode::lower(const std::uint32_t* key) const {
-  return withCodec(format_, [&](const auto& codec) { return firstNotBelow(codec, key); });
+template <class Format>
+typename TreeNode<Format>::Place TreeNode<Format>::lower(const Key* key) const {
+  return lower(key, start());
 }
 
-BPlusNode::Place BPlusNode::above(const std::uint32_t* key) const {
-  return withCodec(format_, [&](const auto& codec) { return firstAbove(codec, key); });
+template <class Format>
+typename TreeNode<Format>::Place TreeNode<Format>::lower(const Key* key, Place from) const {
+  return format_.withCodec([&](const auto& codec) { return firstNotBelow(codec, key, from); });
+}
+
+template <class Format>
+typename TreeNode<Format>::Place TreeNode<Format>::above(const Key* key) const {
+  return format_.withCodec([&](const auto& codec) { return firstAbove(codec, key); });
 }
 
 // -- Pointers -------------------------------------------------------------------------------------
 
-std::uint64_t BPlusNode::pointer(std::uint32_t number) const {
+template <class Format>
+std::uint64_t TreeNode<Format>::pointer(std::uint32_t number) const {
   assert(number < pointerCount());
   std::uint64_t value = 0;
   std::memcpy(&value, pointerAt(number), format_.pointerBytes(leaf_));
   return value;
 }
 
-void BPlusNode::setPointer(std::uint32_t number, std::uint64_t value) {
+template <class Format>
+void TreeNode<Format>::setPointer(std::uint32_t number, std::uint64_t value) {
   assert(number <= pointerCount());
   std::memcpy(pointerAt(number), &value, format_.pointerBytes(leaf_));
 }
 
 // -- Room -----------------------------------------------------------------------------------------
 
-std::uint64_t BPlusNode::usableOf(std::uint32_t size) const {
-  // A fixed branch counts the place of its first child among the usable bytes.
-  return size - (format_.variable ? format_.frame(leaf_) : format_.head(leaf_));
+template <class Format>
+std::uint64_t TreeNode<Format>::usableOf(std::uint32_t size) const {
+  return size - format_.unusable(leaf_);
 }
 
-std::uint64_t BPlusNode::used() const { return usable() - freeBytes_; }
+template <class Format>
+std::uint64_t TreeNode<Format>::used() const {
+  return usable() - freeBytes_;
+}
 
-bool BPlusNode::fits(std::uint32_t words) const {
-  return count_ < kMaximumCount && freeBytes_ >= entryBytes(words);
+template <class Format>
+bool TreeNode<Format>::fits(std::uint32_t keyBytes) const {
+  return count_ < kMaximumCount && freeBytes_ >= entryBytes(keyBytes);
 }
 
 // -- Changes --------------------------------------------------------------------------------------
 
-void BPlusNode::insert(std::uint32_t number, std::uint32_t offset, const std::uint32_t* key,
-                       std::uint64_t pointer) {
+template <class Format>
+void TreeNode<Format>::insert(std::uint32_t number, std::uint32_t offset, const Key* key,
+                              std::uint64_t pointer) {
   assert(number <= count_ && offset != 0 && offset <= keyEnd_);
-  assert(fits(format_.words(key)));
-  const std::uint32_t keyBytes = format_.words(key) * 4;
+  const std::uint32_t keyBytes = format_.keyBytes(key);
+  assert(fits(keyBytes));
   const std::uint32_t width = format_.pointerBytes(leaf_);
   const std::uint32_t place = number + (leaf_ ? 0u : 1u);
   const std::uint32_t pointers = pointerCount();
@@ -218,10 +248,11 @@ void BPlusNode::insert(std::uint32_t number, std::uint32_t offset, const std::ui
   changeCounts(count_ + 1, keyEnd_ + keyBytes);
 }
 
-void BPlusNode::erase(std::uint32_t number, std::uint32_t pointerNumber) {
+template <class Format>
+void TreeNode<Format>::erase(std::uint32_t number, std::uint32_t pointerNumber) {
   assert(number < count_ && pointerNumber < pointerCount());
   const std::uint32_t offset = keyOffset(number);
-  const std::uint32_t keyBytes = format_.words(keyAt(offset)) * 4;
+  const std::uint32_t keyBytes = format_.keyBytes(keyAt(offset));
   const std::uint32_t width = format_.pointerBytes(leaf_);
   const std::uint32_t pointers = pointerCount();
   std::memmove(bytes() + offset, bytes() + offset + keyBytes, keyEnd_ - offset - keyBytes);
@@ -232,11 +263,12 @@ void BPlusNode::erase(std::uint32_t number, std::uint32_t pointerNumber) {
   changeCounts(count_ - 1, keyEnd_ - keyBytes);
 }
 
-bool BPlusNode::replaceKey(std::uint32_t number, const std::uint32_t* key) {
+template <class Format>
+bool TreeNode<Format>::replaceKey(std::uint32_t number, const Key* key) {
   const std::uint32_t offset = keyOffset(number);
   assert(number < count_ && offset != 0);
-  const std::uint32_t oldBytes = format_.words(keyAt(offset)) * 4;
-  const std::uint64_t newBytes = std::uint64_t{format_.words(key)} * 4;
+  const std::uint32_t oldBytes = format_.keyBytes(keyAt(offset));
+  const std::uint64_t newBytes = format_.keyBytes(key);
   if (newBytes > std::uint64_t{oldBytes} + freeBytes_) return false;
   const auto newEnd = static_cast<std::uint32_t>(keyEnd_ - oldBytes + newBytes);
   std::memmove(bytes() + offset + newBytes, bytes() + offset + oldBytes,
@@ -247,7 +279,8 @@ bool BPlusNode::replaceKey(std::uint32_t number, const std::uint32_t* key) {
   return true;
 }
 
-void BPlusNode::append(const BPlusNode& source, std::uint32_t from, std::uint32_t to) {
+template <class Format>
+void TreeNode<Format>::append(const TreeNode& source, std::uint32_t from, std::uint32_t to) {
   if (from >= to) return;
   const std::uint32_t begin = source.keyOffset(from);
   const std::uint32_t keyBytes = source.keyOffset(to) - begin;
@@ -260,11 +293,13 @@ void BPlusNode::append(const BPlusNode& source, std::uint32_t from, std::uint32_
   changeCounts(count_ + (to - from), keyEnd_ + keyBytes);
 }
 
-void BPlusNode::append(const std::uint32_t* key, std::uint64_t pointer) {
+template <class Format>
+void TreeNode<Format>::append(const Key* key, std::uint64_t pointer) {
   insert(count_, keyEnd_, key, pointer);
 }
 
-void BPlusNode::truncate(std::uint32_t entries) {
+template <class Format>
+void TreeNode<Format>::truncate(std::uint32_t entries) {
   assert(entries <= count_);
   const std::uint32_t end = keyOffset(entries);
   std::memset(bytes() + end, 0, keyEnd_ - end);
@@ -273,10 +308,14 @@ void BPlusNode::truncate(std::uint32_t entries) {
   changeCounts(entries, end);
 }
 
-void BPlusNode::clear() {
+template <class Format>
+void TreeNode<Format>::clear() {
   const std::uint32_t links = leaf_ ? 24u : 8u;
   std::memset(bytes() + links, 0, size_ - links);
   changeCounts(0, format_.head(leaf_));
 }
+
+template class TreeNode<NodeFormat>;
+template class TreeNode<TextNodeFormat>;
 
 }  // namespace zelta

@@ -2,9 +2,11 @@
 //
 //   all nodes       0 size (32 bits), 4 tag (16), 6 count of keys (16)
 //   leaf            8 previous leaf (64), 16 next leaf (64)
-//   variable keys   the last four bytes of the head: free words between keys and pointers
+//   variable keys   the last four bytes of the head: free space between keys and pointers, in words
+//                   or, where keys are bytes, in bytes
 //   from the head   keys, in ascending order, one behind the other
-//   from the end    pointers, the first one last: object IDs in a leaf, positions of children (64)
+//   from the end    pointers, the first one last: object IDs (or, of keys of bytes, what leads to
+//                   them) in a leaf, positions of children (64)
 //                   in a branch, which has one more of them than keys
 //
 // What lies between keys and pointers is zero.
@@ -23,38 +25,27 @@ namespace zelta {
 inline constexpr std::uint16_t kBranchTag = 0x6E69;
 inline constexpr std::uint16_t kLeafTag = 0x6C69;
 
-/// What the nodes of a tree have in common.
-struct NodeFormat : TreeShape {
-  [[nodiscard]] std::uint32_t head(bool leaf) const {
-    return (leaf ? 24u : 8u) + (variable ? 4u : 0u);
-  }
-  [[nodiscard]] std::uint32_t pointerBytes(bool leaf) const { return leaf ? idBytes : 8u; }
-  /// Bytes that a node needs apart from keys with their pointers: a branch has a first child.
-  [[nodiscard]] std::uint32_t frame(bool leaf) const { return head(leaf) + (leaf ? 0u : 8u); }
-  /// Below 0, 0 or above 0.
-  [[nodiscard]] int compare(const std::uint32_t* a, const std::uint32_t* b) const {
-    return withCodec(*this, [&](const auto& codec) { return codec.compare(a, b); });
-  }
-};
-
 /// A node in a page: a view, which owns nothing and is good as long as the page is. Before anything
 /// else is asked, attach() must have found them sound.
-class BPlusNode {
+template <class Format>
+class TreeNode {
  public:
+  using Key = typename Format::Key;
+
   enum class State {
     sound,
     unknownTag,   ///< neither branch nor leaf
     badCount,     ///< more entries than the node has room for
     badKeys,      ///< a key runs out of the zone of keys
-    badFreeWords  ///< the count of free words does not agree with the keys
+    badFreeSpace  ///< the count of free space does not agree with the keys
   };
 
-  BPlusNode() = default;
+  TreeNode() = default;
   /// Takes the node in a page. With `walk` the lengths of all variable
   /// keys are followed; without it search() and keyOffset() may find them broken.
-  [[nodiscard]] State attach(TreePage page, const NodeFormat& format, bool walk);
+  [[nodiscard]] State attach(TreePage page, const Format& format, bool walk);
   /// Makes an empty node of a page whose bytes are zero.
-  void makeEmpty(TreePage page, std::uint32_t size, bool leaf, const NodeFormat& format);
+  void makeEmpty(TreePage page, std::uint32_t size, bool leaf, const Format& format);
 
   /// Follows the node to a copy of its page.
   void moveTo(TreePage page) { page_ = page; }
@@ -64,19 +55,17 @@ class BPlusNode {
   [[nodiscard]] std::uint32_t size() const { return size_; }
   [[nodiscard]] std::uint32_t count() const { return count_; }
   [[nodiscard]] bool leaf() const { return leaf_; }
-  [[nodiscard]] const NodeFormat& format() const { return format_; }
+  [[nodiscard]] const Format& format() const { return format_; }
 
   // -- Keys -----------------------------------------------------------------------------------
 
   /// Place of a key by its number; `number` = count() gives the end of the keys. 0 if a length is
   /// broken.
   [[nodiscard]] std::uint32_t keyOffset(std::uint32_t number) const;
-  [[nodiscard]] const std::uint32_t* keyAt(std::uint32_t offset) const {
-    return reinterpret_cast<const std::uint32_t*>(bytes() + offset);
+  [[nodiscard]] const Key* keyAt(std::uint32_t offset) const {
+    return reinterpret_cast<const Key*>(bytes() + offset);
   }
-  [[nodiscard]] const std::uint32_t* key(std::uint32_t number) const {
-    return keyAt(keyOffset(number));
-  }
+  [[nodiscard]] const Key* key(std::uint32_t number) const { return keyAt(keyOffset(number)); }
   [[nodiscard]] std::uint32_t keyEnd() const { return keyEnd_; }
 
   struct Place {
@@ -85,9 +74,11 @@ class BPlusNode {
     bool equal;            ///< lower: the key there equals. above: the key in front of it does
   };
   /// The first key that is not less than `key`.
-  [[nodiscard]] Place lower(const std::uint32_t* key) const;
+  [[nodiscard]] Place lower(const Key* key) const;
+  /// The same, where no key in front of `from` is not less.
+  [[nodiscard]] Place lower(const Key* key, Place from) const;
   /// The first key that is greater than `key`: in a branch the number of the child to follow.
-  [[nodiscard]] Place above(const std::uint32_t* key) const;
+  [[nodiscard]] Place above(const Key* key) const;
 
   // -- Pointers -------------------------------------------------------------------------------
 
@@ -104,14 +95,14 @@ class BPlusNode {
 
   /// Bytes between keys and pointers.
   [[nodiscard]] std::uint32_t freeBytes() const { return freeBytes_; }
-  /// Whether another key of so many words fits, with its pointer.
-  [[nodiscard]] bool fits(std::uint32_t words) const;
+  /// Whether another key of so many bytes fits, with its pointer.
+  [[nodiscard]] bool fits(std::uint32_t keyBytes) const;
   /// The two sides of the rules of fill.
   [[nodiscard]] std::uint64_t usable() const { return usableOf(size_); }
   [[nodiscard]] std::uint64_t used() const;
-  /// Bytes that a key of so many words counts for.
-  [[nodiscard]] std::uint64_t entryBytes(std::uint64_t words) const {
-    return words * 4 + format_.pointerBytes(leaf_);
+  /// Bytes that a key of so many bytes counts for.
+  [[nodiscard]] std::uint64_t entryBytes(std::uint64_t keyBytes) const {
+    return keyBytes + format_.pointerBytes(leaf_);
   }
   [[nodiscard]] bool fillBelow(std::uint32_t percent) const {
     return used() * 100 < usable() * percent;
@@ -122,17 +113,16 @@ class BPlusNode {
 
   /// Puts a key at `place`. In a leaf its pointer stands beside it, in a branch it is the child
   /// behind the key. It must fit.
-  void insert(std::uint32_t number, std::uint32_t offset, const std::uint32_t* key,
-              std::uint64_t pointer);
+  void insert(std::uint32_t number, std::uint32_t offset, const Key* key, std::uint64_t pointer);
   /// Takes key `number` out, with pointer `pointerNumber`.
   void erase(std::uint32_t number, std::uint32_t pointerNumber);
   /// Exchanges a key for another; false, and nothing changed, if it does not fit.
-  [[nodiscard]] bool replaceKey(std::uint32_t number, const std::uint32_t* key);
+  [[nodiscard]] bool replaceKey(std::uint32_t number, const Key* key);
   /// Appends entries [from, to) of a node of the same kind; in a branch a key takes the child
   /// behind it along. They must fit.
-  void append(const BPlusNode& source, std::uint32_t from, std::uint32_t to);
+  void append(const TreeNode& source, std::uint32_t from, std::uint32_t to);
   /// Appends one entry.
-  void append(const std::uint32_t* key, std::uint64_t pointer);
+  void append(const Key* key, std::uint64_t pointer);
   /// Keeps the first `count` entries only.
   void truncate(std::uint32_t count);
   /// Empties the node; a leaf keeps its links.
@@ -148,18 +138,22 @@ class BPlusNode {
     return bytes() + size_ - std::uint64_t{format_.pointerBytes(leaf_)} * (number + 1);
   }
   [[nodiscard]] std::uint32_t pointerCount() const { return count_ + (leaf_ ? 0u : 1u); }
+  /// Bytes of the key there, 0 if none begins there.
   template <class Codec>
-  [[nodiscard]] bool keyFits(const Codec& codec, std::uint32_t offset) const;
+  [[nodiscard]] std::uint32_t measure(const Codec& codec, std::uint32_t offset) const {
+    return codec.measure(keyAt(offset), keyEnd_ - offset);
+  }
   template <class Codec>
   [[nodiscard]] State walkKeys(const Codec& codec) const;
   template <class Codec>
   [[nodiscard]] std::uint32_t offsetOf(const Codec& codec, std::uint32_t number) const;
   template <class Codec>
-  [[nodiscard]] Place firstNotBelow(const Codec& codec, const std::uint32_t* key) const;
+  [[nodiscard]] Place firstNotBelow(const Codec& codec, const Key* key, Place from) const;
   template <class Codec>
-  [[nodiscard]] Place firstAbove(const Codec& codec, const std::uint32_t* key) const;
+  [[nodiscard]] Place firstAbove(const Codec& codec, const Key* key) const;
   template <class Codec, class Stop>
-  [[nodiscard]] Place scan(const Codec& codec, Stop stop) const;
+  [[nodiscard]] Place scan(const Codec& codec, Place from, Stop stop) const;
+  [[nodiscard]] Place start() const { return {0, format_.head(leaf_), false}; }
   void changeCounts(std::uint32_t count, std::uint32_t keyEnd);
 
   TreePage page_;
@@ -168,8 +162,11 @@ class BPlusNode {
   std::uint32_t keyEnd_ = 0;
   std::uint32_t freeBytes_ = 0;
   bool leaf_ = false;
-  NodeFormat format_;
+  Format format_;
 };
+
+using BPlusNode = TreeNode<NodeFormat>;
+using TextNode = TreeNode<TextNodeFormat>;
 
 }  // namespace zelta
 

@@ -5,9 +5,14 @@
 
 #include <cstdint>
 
-#include "index/tree/index_tree.h"
+#include "index/btree/walk.h"
 
 namespace zelta {
+
+/// Takes an entry out of the leaf to which descend() has led.
+template <class Format>
+Result removeKey(TreeWalk<Format>& walk, BPlusPath& path, TreeNode<Format>& leaf,
+                 std::uint32_t number);
 
 /// Takes a key out. Own code 32 if the key is not there, or belongs to another object. An empty
 /// tree has nothing to remove: success.

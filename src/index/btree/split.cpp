@@ -10,14 +10,10 @@ namespace {
 /// The new node of a split is given room for so many keys of the expected length at least.
 constexpr std::uint32_t kRoomyKeys = 5;
 
-std::uint64_t roundUp(std::uint64_t bytes, std::uint32_t pageSize) {
-  return (bytes + pageSize - 1) / pageSize * pageSize;
-}
-
 /// Steps through the lengths of a variable node's keys with the pending one at its place.
 class MergedLengths {
  public:
-  MergedLengths(const BPlusNode& node, const BPlusPending& pending)
+  MergedLengths(const BPlusNode& node, const TreePending<NodeFormat>& pending)
       : node_(node), pending_(pending), offset_(node.format().head(node.leaf())) {}
   /// Words of the next key and its pointer.
   std::uint64_t next() {
@@ -30,7 +26,7 @@ class MergedLengths {
 
  private:
   const BPlusNode& node_;
-  const BPlusPending& pending_;
+  const TreePending<NodeFormat>& pending_;
   std::uint32_t offset_;
   std::uint32_t number_ = 0;
 };
@@ -45,13 +41,14 @@ std::uint64_t fixedShare(std::uint64_t keys, std::uint64_t oldBytes, std::uint64
 }
 
 /// All keys have one length, so that numbers of keys are all that counts.
-BPlusSplit planFixed(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
+BPlusSplit planFixed(const BPlusNode& node, const TreePending<NodeFormat>& pending, BPlusEdge edge,
                      std::uint32_t pageSize) {
   const NodeFormat& format = node.format();
   const std::uint64_t keys = node.count();
   BPlusSplit split;
-  split.newBytes = bplusFirstNodeBytes(format, pageSize, format.keyWords);
-  const std::uint64_t entry = node.entryBytes(format.keyWords);
+  const std::uint32_t keyBytes = format.keyWords * 4;
+  split.newBytes = firstNodeBytes(format, pageSize, keyBytes, node.leaf());
+  const std::uint64_t entry = node.entryBytes(keyBytes);
   const std::uint64_t newRoom = (split.newBytes - format.frame(node.leaf())) / entry;
   std::uint64_t moved = fixedShare(keys, node.size(), split.newBytes, edge);
   if (node.leaf()) moved = std::max<std::uint64_t>(moved, 1);
@@ -72,15 +69,15 @@ std::uint64_t variableNewBytes(const BPlusNode& node, std::uint64_t words, std::
   const NodeFormat& format = node.format();
   const std::uint64_t keyWords = format.keyWords;
   std::uint64_t bytes = words * 4 + format.frame(node.leaf());
-  if (keys < kRoomyKeys) bytes += (kRoomyKeys - keys) * (node.entryBytes(keyWords) - 4);
+  if (keys < kRoomyKeys) bytes += (kRoomyKeys - keys) * (node.entryBytes(keyWords * 4) - 4);
   if (!node.leaf()) bytes = std::max(bytes, (keyWords + 3) * 20);
   return (bytes / pageSize + 1) * pageSize;
 }
 
 /// Number of keys for the lower part of a leaf: the one that comes nearest to the share of words
 /// that the lower part shall have.
-std::uint32_t variableLeafShare(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
-                                std::uint64_t total) {
+std::uint32_t variableLeafShare(const BPlusNode& node, const TreePending<NodeFormat>& pending,
+                                BPlusEdge edge, std::uint64_t total) {
   std::uint64_t target = total / 2;
   if (edge.right) target = total - total / 4;
   if (edge.left) target = total / 4;
@@ -108,8 +105,8 @@ std::uint32_t variableBranchShare(const BPlusNode& node, BPlusEdge edge) {
 
 /// The halves are weighed by their words. The new node may be as large as it must; the old one
 /// keeps its size, and so gets the half that fits it.
-BPlusSplit planVariable(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
-                        std::uint32_t pageSize) {
+BPlusSplit planVariable(const BPlusNode& node, const TreePending<NodeFormat>& pending,
+                        BPlusEdge edge, std::uint32_t pageSize) {
   BPlusSplit split;
   if (node.count() == 0) return split;
   const bool leaf = node.leaf();
@@ -137,40 +134,18 @@ BPlusSplit planVariable(const BPlusNode& node, const BPlusPending& pending, BPlu
 
 }  // namespace
 
-std::uint64_t bplusFirstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
-                                  std::uint32_t keyWords) {
-  const std::uint64_t expected = format.keyWords;
-  if (!format.variable) return roundUp(expected * 4 + (expected * 4 + 14) * 4, pageSize);
-  const std::uint64_t words = keyWords > expected ? keyWords + expected * 4 : expected * 5;
-  return roundUp(words * 4 + 60, pageSize);
+std::uint64_t firstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
+                             std::uint32_t keyBytes, bool) {
+  const std::uint64_t expected = std::uint64_t{format.keyWords} * 4;
+  if (!format.variable) return wholePages(expected + (expected + 14) * 4, pageSize);
+  const std::uint64_t bytes = keyBytes > expected ? keyBytes + expected * 4 : expected * 5;
+  return wholePages(bytes + 60, pageSize);
 }
 
-BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending, BPlusEdge edge,
+BPlusSplit planSplit(const BPlusNode& node, const TreePending<NodeFormat>& pending, BPlusEdge edge,
                      std::uint32_t pageSize) {
   return node.format().variable ? planVariable(node, pending, edge, pageSize)
                                 : planFixed(node, pending, edge, pageSize);
-}
-
-void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending& pending,
-                  std::uint32_t from, std::uint32_t to) {
-  assert(from <= to && to <= source.count() + 1);
-  target.append(source, from, std::min(to, pending.number));
-  if (from <= pending.number && pending.number < to) target.append(pending.key, pending.pointer);
-  const std::uint32_t behind = std::max(from, pending.number + 1);
-  if (behind < to) target.append(source, behind - 1, to - 1);
-}
-
-const std::uint32_t* mergedKey(const BPlusNode& source, const BPlusPending& pending,
-                               std::uint32_t number) {
-  if (number == pending.number) return pending.key;
-  return source.key(number < pending.number ? number : number - 1);
-}
-
-std::uint64_t mergedPointer(const BPlusNode& source, const BPlusPending& pending,
-                            std::uint32_t number) {
-  if (number == pending.number) return pending.pointer;
-  const std::uint32_t key = number < pending.number ? number : number - 1;
-  return source.pointer(key + (source.leaf() ? 0u : 1u));
 }
 
 }  // namespace zelta

@@ -5,6 +5,8 @@
 #ifndef ZELTA_INDEX_BTREE_SPLIT_H
 #define ZELTA_INDEX_BTREE_SPLIT_H
 
+#include <algorithm>
+#include <cassert>
 #include <cstdint>
 
 #include "index/btree/node.h"
@@ -18,9 +20,10 @@ struct BPlusEdge {
 };
 
 /// A key that found no room in its node, at its place among the node's keys.
-struct BPlusPending {
+template <class Format>
+struct TreePending {
   std::uint32_t number;
-  const std::uint32_t* key;
+  const typename Format::Key* key;
   std::uint64_t pointer;
 };
 
@@ -32,23 +35,55 @@ struct BPlusSplit {
   bool possible = false;       ///< false: no division fits, the node must be damaged
 };
 
+/// Bytes rounded up to whole pages.
+[[nodiscard]] inline std::uint64_t wholePages(std::uint64_t bytes, std::uint32_t pageSize) {
+  return (bytes + pageSize - 1) / pageSize * pageSize;
+}
+
 /// Bytes of a first node (a leaf of an empty tree, a root), rounded to whole pages, with room for a
-/// key of `keyWords` words and some of the expected length.
-[[nodiscard]] std::uint64_t bplusFirstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
-                                                std::uint32_t keyWords);
+/// key of `keyBytes` bytes and some more.
+[[nodiscard]] std::uint64_t firstNodeBytes(const NodeFormat& format, std::uint32_t pageSize,
+                                           std::uint32_t keyBytes, bool leaf);
+[[nodiscard]] std::uint64_t firstNodeBytes(const TextNodeFormat& format, std::uint32_t pageSize,
+                                           std::uint32_t keyBytes, bool leaf);
 
 /// Where to divide a node that has no room for `pending`.
-[[nodiscard]] BPlusSplit planSplit(const BPlusNode& node, const BPlusPending& pending,
+[[nodiscard]] BPlusSplit planSplit(const BPlusNode& node, const TreePending<NodeFormat>& pending,
+                                   BPlusEdge edge, std::uint32_t pageSize);
+[[nodiscard]] BPlusSplit planSplit(const TextNode& node, const TreePending<TextNodeFormat>& pending,
                                    BPlusEdge edge, std::uint32_t pageSize);
 
-/// Appends entries [from, to) of the node's entries together with the pending one.
-void appendMerged(BPlusNode& target, const BPlusNode& source, const BPlusPending& pending,
-                  std::uint32_t from, std::uint32_t to);
-/// The key with this number among them, and in a branch the child behind it.
-[[nodiscard]] const std::uint32_t* mergedKey(const BPlusNode& source, const BPlusPending& pending,
-                                             std::uint32_t number);
-[[nodiscard]] std::uint64_t mergedPointer(const BPlusNode& source, const BPlusPending& pending,
-                                          std::uint32_t number);
+// A node's entries together with the pending one.
+
+/// Appends entries [from, to) of them.
+template <class Format>
+void appendMerged(TreeNode<Format>& target, const TreeNode<Format>& source,
+                  const TreePending<Format>& pending, std::uint32_t from, std::uint32_t to) {
+  assert(from <= to && to <= source.count() + 1);
+  target.append(source, from, std::min(to, pending.number));
+  if (from <= pending.number && pending.number < to) target.append(pending.key, pending.pointer);
+  const std::uint32_t behind = std::max(from, pending.number + 1);
+  if (behind < to) target.append(source, behind - 1, to - 1);
+}
+
+/// The key with a number among them.
+template <class Format>
+[[nodiscard]] const typename Format::Key* mergedKey(const TreeNode<Format>& source,
+                                                    const TreePending<Format>& pending,
+                                                    std::uint32_t number) {
+  if (number == pending.number) return pending.key;
+  return source.key(number < pending.number ? number : number - 1);
+}
+
+/// What goes with it: in a branch the child behind the key.
+template <class Format>
+[[nodiscard]] std::uint64_t mergedPointer(const TreeNode<Format>& source,
+                                          const TreePending<Format>& pending,
+                                          std::uint32_t number) {
+  if (number == pending.number) return pending.pointer;
+  const std::uint32_t key = number < pending.number ? number : number - 1;
+  return source.pointer(key + (source.leaf() ? 0u : 1u));
+}
 
 }  // namespace zelta
 

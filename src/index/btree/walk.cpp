@@ -4,37 +4,47 @@
 
 namespace zelta {
 
-void BPlusKeyCopy::assign(const NodeFormat& format, const std::uint32_t* key) {
-  const std::uint32_t words = format.words(key);
-  std::unique_ptr<std::uint32_t[]> large;
-  if (words > sizeof(small_) / sizeof(small_[0])) large.reset(new std::uint32_t[words]);
-  std::memcpy(large ? large.get() : small_, key, std::size_t{words} * 4);
+template <class Format>
+void TreeKeyCopy<Format>::assign(const Format& format, const Key* key) {
+  const std::uint32_t bytes = format.keyBytes(key);
+  std::unique_ptr<Key[]> large;
+  if (bytes > sizeof(small_)) large.reset(new Key[bytes / sizeof(Key)]);
+  std::memcpy(large ? large.get() : small_, key, bytes);
   large_ = std::move(large);
 }
 
-BPlusWalk::BPlusWalk(const IndexTree& treeOf, Purpose purpose)
-    : tree(treeOf), format{treeOf.shape()}, pages_(treeOf, Own::bPlusTree), purpose_(purpose) {}
+template <class Format>
+TreeWalk<Format>::TreeWalk(const IndexTree& treeOf, const Format& formatOf, Purpose purpose)
+    : tree(treeOf),
+      format{formatOf},
+      pages_(treeOf, kText ? Own::wordTree : Own::bPlusTree),
+      purpose_(purpose) {}
 
-/// Which code a damaged node is reported with depends on the operation and on what is wrong.
-Result BPlusWalk::damaged(BPlusNode::State state, bool leaf) const {
-  if (state == BPlusNode::State::badKeys && purpose_ == Purpose::insert) {
+/// Which code a damaged node of a B+Tree is reported with depends on the operation and on what is
+/// wrong.
+template <class Format>
+Result TreeWalk<Format>::damaged(typename Node::State state, bool leaf) const {
+  if constexpr (kText) return corrupted();
+  if (state == Node::State::badKeys && purpose_ == Purpose::insert) {
     return tree.fileDamaged(code::kFileCorrupt);
   }
-  if (state == BPlusNode::State::badFreeWords && purpose_ == Purpose::merge) {
+  if (state == Node::State::badFreeSpace && purpose_ == Purpose::merge) {
     return tree.fileDamaged(code::kBufferTooSmall);
   }
-  if (leaf && (state == BPlusNode::State::badKeys || state == BPlusNode::State::badFreeWords)) {
+  if (leaf && (state == Node::State::badKeys || state == Node::State::badFreeSpace)) {
     return tree.damaged(Own::variableLeaf);
   }
   return corrupted();
 }
 
-Result BPlusWalk::attach(const TreePage& page, BPlusNode& node, bool walk) const {
-  const BPlusNode::State state = node.attach(page, format, walk);
-  return state == BPlusNode::State::sound ? Result() : damaged(state, node.leaf());
+template <class Format>
+Result TreeWalk<Format>::attach(const TreePage& page, Node& node, bool walk) const {
+  const typename Node::State state = node.attach(page, format, walk);
+  return state == Node::State::sound ? Result() : damaged(state, node.leaf());
 }
 
-Result BPlusWalk::load(std::uint64_t position, BPlusNode& node, PageRole role) {
+template <class Format>
+Result TreeWalk<Format>::load(std::uint64_t position, Node& node, PageRole role) {
   TreePage page;
   ZELTA_TRY(pages_.load(position, role, &page));
   ZELTA_TRY(attach(page, node, true));
@@ -42,35 +52,43 @@ Result BPlusWalk::load(std::uint64_t position, BPlusNode& node, PageRole role) {
   return {};
 }
 
-Result BPlusWalk::look(std::uint64_t position, BPlusNode& node) {
+template <class Format>
+Result TreeWalk<Format>::look(std::uint64_t position, Node& node) {
   TreePage page;
   ZELTA_TRY(pages_.glance(position, &page));
   return attach(page, node, false);
 }
 
-Result BPlusWalk::loadLeaf(std::uint64_t position, BPlusNode& node, PageRole role) {
+template <class Format>
+Result TreeWalk<Format>::loadLeaf(std::uint64_t position, Node& node, PageRole role) {
   ZELTA_TRY(load(position, node, role));
   return node.leaf() ? Result() : corrupted();
 }
 
-Result BPlusWalk::store(std::uint64_t position, BPlusNode& node) {
+template <class Format>
+Result TreeWalk<Format>::store(std::uint64_t position, Node& node) {
   TreePage page = node.page();
   bool moved = false;
   ZELTA_TRY(pages_.store(position, &page, &moved));
-  if (moved && node.attach(page, format, false) != BPlusNode::State::sound) return corrupted();
+  if (moved && node.attach(page, format, false) != Node::State::sound) return corrupted();
   return {};
 }
 
-Result BPlusWalk::allocate(std::uint64_t size, bool leaf, PageRole role, BPlusNode& node,
-                           std::uint64_t* position) {
+template <class Format>
+Result TreeWalk<Format>::allocate(std::uint64_t size, bool leaf, PageRole role, Node& node,
+                                  std::uint64_t* position) {
   TreePage page;
   ZELTA_TRY(pages_.allocate(size, role, position, &page));
   node.makeEmpty(page, static_cast<std::uint32_t>(size), leaf, format);
   return {};
 }
 
-Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& leaf) {
+template <class Format>
+Result TreeWalk<Format>::descend(const Key* key, BPlusPath& path, Node& leaf,
+                                 TreeBound<Format>* bound) {
+  if (bound != nullptr) bound->given = false;
   path.depth = 0;
+  path.equalLevel = BPlusPath::kMaximumDepth;
   std::uint64_t position = root();
   for (;;) {
     if (path.depth == BPlusPath::kMaximumDepth) return corrupted();
@@ -78,7 +96,7 @@ Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& 
     BPlusPath::Step& step = path.steps[path.depth++];
     step = {position, 0};
     if (leaf.leaf()) return load(position, leaf, PageRole::node);
-    const BPlusNode::Place place = leaf.above(key);
+    const typename Node::Place place = leaf.above(key);
     if (place.offset == 0) {
       ZELTA_TRY(load(position, leaf, PageRole::node));
       return corrupted();
@@ -87,21 +105,27 @@ Result BPlusWalk::descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& 
       path.equalLevel = path.last();
       path.equalSeparator = place.number - 1;
     }
+    if (bound != nullptr && place.number < leaf.count()) {
+      bound->key.assign(format, leaf.keyAt(place.offset));
+      bound->given = true;
+    }
     step.child = place.number;
     position = leaf.child(place.number);
   }
 }
 
-BPlusNode BPlusWalk::copyAside(const BPlusNode& node) {
-  BPlusNode result = node;
+template <class Format>
+TreeNode<Format> TreeWalk<Format>::copyAside(const Node& node) {
+  Node result = node;
   result.moveTo(pages_.copyAside(node.bytes(), node.size()));
   return result;
 }
 
-Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, PageRole role,
-                             std::uint64_t bytes) {
+template <class Format>
+Result TreeWalk<Format>::growBranch(BPlusPath& path, std::uint32_t level, Node& node, PageRole role,
+                                    std::uint64_t bytes) {
   assert(!node.leaf() && level < path.depth);
-  const BPlusNode old = copyAside(node);
+  const Node old = copyAside(node);
   const std::uint64_t wanted = old.size() + bytes;
   const std::uint64_t size = (wanted + tree.pageSize() - 1) / tree.pageSize() * tree.pageSize();
   std::uint64_t& position = path.steps[level].position;
@@ -111,34 +135,41 @@ Result BPlusWalk::growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& no
   node.setPointer(0, old.child(0));
   node.append(old, 0, old.count());
   ZELTA_TRY(store(position, node));
+  return relinkChild(path, level);
+}
+
+template <class Format>
+Result TreeWalk<Format>::relinkChild(const BPlusPath& path, std::uint32_t level) {
+  const std::uint64_t position = path.steps[level].position;
   if (level == 0) {
     root() = position;
     return {};
   }
   const BPlusPath::Step& up = path.steps[level - 1];
-  BPlusNode parent;
+  Node parent;
   ZELTA_TRY(load(up.position, parent, PageRole::sibling));
   if (parent.leaf() || up.child > parent.count()) return corrupted();
   parent.setPointer(up.child, position);
   return store(up.position, parent);
 }
 
-Result BPlusWalk::replaceSeparator(BPlusPath& path, std::uint32_t level, std::uint32_t number,
-                                   const std::uint32_t* key) {
-  BPlusNode branch;
+template <class Format>
+Result TreeWalk<Format>::replaceSeparator(BPlusPath& path, std::uint32_t level,
+                                          std::uint32_t number, const Key* key) {
+  Node branch;
   ZELTA_TRY(load(path.steps[level].position, branch, PageRole::parent));
   if (branch.leaf() || number >= branch.count()) return corrupted();
   if (!branch.replaceKey(number, key)) {
-    ZELTA_TRY(
-        growBranch(path, level, branch, PageRole::parent, std::uint64_t{format.words(key)} * 4));
+    ZELTA_TRY(growBranch(path, level, branch, PageRole::parent, format.keyBytes(key)));
     if (!branch.replaceKey(number, key)) return corrupted();
   }
   return store(path.steps[level].position, branch);
 }
 
-Result BPlusWalk::relink(std::uint64_t previous, std::uint64_t forPrevious, std::uint64_t next,
-                         std::uint64_t forNext, PageRole role) {
-  BPlusNode leaf;
+template <class Format>
+Result TreeWalk<Format>::relink(std::uint64_t previous, std::uint64_t forPrevious,
+                                std::uint64_t next, std::uint64_t forNext, PageRole role) {
+  Node leaf;
   if (previous != 0) {
     ZELTA_TRY(loadLeaf(previous, leaf, role));
     leaf.setNext(forPrevious);
@@ -149,5 +180,10 @@ Result BPlusWalk::relink(std::uint64_t previous, std::uint64_t forPrevious, std:
   leaf.setPrevious(forNext);
   return store(next, leaf);
 }
+
+template class TreeKeyCopy<NodeFormat>;
+template class TreeKeyCopy<TextNodeFormat>;
+template class TreeWalk<NodeFormat>;
+template class TreeWalk<TextNodeFormat>;
 
 }  // namespace zelta

@@ -1,4 +1,4 @@
-// One operation's way through a B+Tree: nodes by their positions, and the path from the root.
+// One operation's way through a tree of keys: nodes by their positions, and the path from the root.
 // Insert, remove, merge and join all load and store nodes here, so that a page is checked in one
 // place and a damaged one is reported with the code that its operation is to answer with.
 
@@ -8,6 +8,7 @@
 #include <cassert>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 
 #include "index/btree/node.h"
 #include "index/tree/tree_pages.h"
@@ -15,14 +16,24 @@
 namespace zelta {
 
 /// A copy of a key. All but giants need no memory from the heap.
-class BPlusKeyCopy {
+template <class Format>
+class TreeKeyCopy {
  public:
-  void assign(const NodeFormat& format, const std::uint32_t* key);
-  [[nodiscard]] const std::uint32_t* get() const { return large_ ? large_.get() : small_; }
+  using Key = typename Format::Key;
+
+  void assign(const Format& format, const Key* key);
+  [[nodiscard]] const Key* get() const { return large_ ? large_.get() : small_; }
 
  private:
-  std::uint32_t small_[64];
-  std::unique_ptr<std::uint32_t[]> large_;
+  Key small_[256 / sizeof(Key)];
+  std::unique_ptr<Key[]> large_;
+};
+
+/// What all keys of a node lie below; none of the last one in its level.
+template <class Format>
+struct TreeBound {
+  TreeKeyCopy<Format> key;
+  bool given = false;
 };
 
 /// The branches from the root down to a node, and the node itself.
@@ -48,39 +59,48 @@ struct BPlusPath {
 
 /// Loads, changes and stores nodes of one tree. A node is good until another one takes the buffer
 /// of its role; one that was changed counts only once it is stored.
-class BPlusWalk {
+template <class Format>
+class TreeWalk {
  public:
+  using Node = TreeNode<Format>;
+  using Key = typename Format::Key;
+
   /// Tells which code a damaged node is reported with.
   enum class Purpose { search, insert, merge };
 
-  BPlusWalk(const IndexTree& tree, Purpose purpose);
+  TreeWalk(const IndexTree& treeOf, const Format& formatOf, Purpose purpose);
+  TreeWalk(const IndexTree& treeOf, Purpose purpose) requires std::is_base_of_v<TreeShape, Format>
+      : TreeWalk(treeOf, Format{treeOf.shape()}, purpose) {}
 
   /// Takes a node into the buffer of `role`. All of it is checked; a leaf has a key at least.
-  Result load(std::uint64_t position, BPlusNode& node, PageRole role);
+  Result load(std::uint64_t position, Node& node, PageRole role);
   /// The same for a node that is only looked at, until the manager is used again. Variable keys may
   /// turn out broken.
-  Result look(std::uint64_t position, BPlusNode& node);
+  Result look(std::uint64_t position, Node& node);
   /// The same for what must be a leaf.
-  Result loadLeaf(std::uint64_t position, BPlusNode& node, PageRole role);
+  Result loadLeaf(std::uint64_t position, Node& node, PageRole role);
   /// Puts a changed node; `node` leads to the page's own bytes afterwards, if there are such.
-  Result store(std::uint64_t position, BPlusNode& node);
+  Result store(std::uint64_t position, Node& node);
   /// Makes an empty node of `size` bytes, which whole pages must be. Its position is `*position`.
-  Result allocate(std::uint64_t size, bool leaf, PageRole role, BPlusNode& node,
+  Result allocate(std::uint64_t size, bool leaf, PageRole role, Node& node,
                   std::uint64_t* position);
   /// Gives a node's page up.
   Result free(std::uint64_t position, std::uint32_t size) { return pages_.free(position, size); }
-  /// Follows `key` down to its leaf, which is loaded into the node buffer.
-  Result descend(const std::uint32_t* key, BPlusPath& path, BPlusNode& leaf);
+  /// Follows `key` down to its leaf, which is loaded into the node buffer. `bound`: all keys that
+  /// lead there from here on are below it.
+  Result descend(const Key* key, BPlusPath& path, Node& leaf, TreeBound<Format>* bound = nullptr);
 
   /// Copies a node to the spare buffer, so that its own bytes can be filled anew.
-  [[nodiscard]] BPlusNode copyAside(const BPlusNode& node);
+  [[nodiscard]] Node copyAside(const Node& node);
   /// Moves a branch to a larger page, with room for `bytes` more at least, and puts the link to it
   /// right. Uses the sibling's and the spare buffer.
-  Result growBranch(BPlusPath& path, std::uint32_t level, BPlusNode& node, PageRole role,
+  Result growBranch(BPlusPath& path, std::uint32_t level, Node& node, PageRole role,
                     std::uint64_t bytes);
+  /// Leads from above to a node whose position in the path has changed. Uses the sibling's buffer.
+  Result relinkChild(const BPlusPath& path, std::uint32_t level);
   /// Exchanges a separator for another key.
   Result replaceSeparator(BPlusPath& path, std::uint32_t level, std::uint32_t number,
-                          const std::uint32_t* key);
+                          const Key* key);
   /// Links a leaf to its neighbours: they get `forPrevious` as their next and `forNext` as their
   /// previous leaf.
   Result relink(std::uint64_t previous, std::uint64_t forPrevious, std::uint64_t next,
@@ -92,15 +112,21 @@ class BPlusWalk {
   [[nodiscard]] std::uint64_t& root() const { return tree.root(); }
 
   const IndexTree tree;
-  const NodeFormat format;
+  const Format format;
 
  private:
-  Result attach(const TreePage& page, BPlusNode& node, bool walk) const;
-  Result damaged(BPlusNode::State state, bool leaf) const;
+  static constexpr bool kText = std::is_same_v<Format, TextNodeFormat>;
+
+  Result attach(const TreePage& page, Node& node, bool walk) const;
+  Result damaged(typename Node::State state, bool leaf) const;
 
   const TreePages pages_;
   const Purpose purpose_;
 };
+
+using BPlusKeyCopy = TreeKeyCopy<NodeFormat>;
+using BPlusWalk = TreeWalk<NodeFormat>;
+using TextWalk = TreeWalk<TextNodeFormat>;
 
 }  // namespace zelta
 

@@ -72,9 +72,9 @@ class TreePages {
   Result view(std::uint64_t position, PageRole role, TreePage* page) const {
     return look(position, role, false, page);
   }
-  /// The same, good only until the manager is used again. May take the buffer of `node`.
-  Result glance(std::uint64_t position, TreePage* page) const {
-    return look(position, PageRole::node, true, page);
+  /// The same, good only until the manager is used again. May take the buffer of `role`.
+  Result glance(std::uint64_t position, TreePage* page, PageRole role = PageRole::node) const {
+    return look(position, role, true, page);
   }
   /// Brings a changed page to where it is kept. `*page` leads there afterwards, if that is the
   /// manager's copy; `*moved` tells.
