@@ -11,6 +11,7 @@
 #include "index/pattern/pattern.h"
 #include "index/rtree/extent_kinds.h"
 #include "index/search/key_search.h"
+#include "index/words/lists.h"
 #include "schema/index_traits.h"
 #include "storage/table.h"
 
@@ -38,10 +39,10 @@ constexpr SearchForms kByPoints = {false, true, SearchForms::Given::key};
 
 /// All kinds, each at its number.
 constexpr Kind kKinds[] = {
-    {CZELTA::BPlusTree, kNarrowing, &kSegmentKeys, &kBPlusTree},
+    {CZELTA::BPlusTree, kNarrowing, &kSegmentKeys, &kBPlusTree, nullptr, prepareKeyTextSearch},
     {CZELTA::SpatialTree, kByExtent, &kBoxKeys, &kSpatialTree},
-    {CZELTA::AsciiList, kByWords},
-    {CZELTA::WideList, kByWords},
+    {CZELTA::AsciiList, kByWords, nullptr, nullptr, &kAsciiList, prepareAsciiSearch},
+    {CZELTA::WideList, kByWords, nullptr, nullptr, &kWideList, prepareWideSearch},
     {CZELTA::TemporalTree, kByExtent, &kSpanKeys, &kTemporalTree},
     {CZELTA::SpatialPattern, kByPoints, nullptr, nullptr, &kSpatialPattern, preparePatternSearch},
 };

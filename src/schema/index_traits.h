@@ -56,6 +56,11 @@ static_assert([] {
   return traits != nullptr && traits->ordered;
 }
 
+/// Whether a list has words of 16-bit characters.
+[[nodiscard]] constexpr bool isWideList(const CZELTA::Schema::Index& index) {
+  return index.indexKind == CZELTA::WideList;
+}
+
 }  // namespace zelta
 
 #endif  // ZELTA_SCHEMA_INDEX_TRAITS_H

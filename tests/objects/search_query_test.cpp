@@ -72,8 +72,8 @@ TEST_F(Search, BPlusTreeCountsOnlyBehindAListSearchWhoseResultsStay) {
   bench_.table.searchIndex = 2;
   EXPECT_TRUE(first(1, box_, "a", CZELTA::SearchKeepResults).is(Own::indexKind));
   bench_.table.searchIndex = 4;
-  EXPECT_TRUE(first(1, box_, "a").is(Own::indexKind));
-  EXPECT_FALSE(first(1, box_, "a", CZELTA::SearchKeepResults).is(Own::indexKind));
+  EXPECT_TRUE(first(1, box_, u"a").is(Own::indexKind));
+  EXPECT_FALSE(first(1, box_, u"a", CZELTA::SearchKeepResults).is(Own::indexKind));
 }
 
 TEST_F(Search, MissingKeyOrExpressionIsRefused) {

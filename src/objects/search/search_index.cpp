@@ -120,6 +120,10 @@ Result SearchRun::pass(long long* count) {
   ZELTA_TRY(search_.run(access_.manager(), found));
   if (!writer_ && seqlock_.torn()) return Result::locked();
   if (found.inverted) table_.searchInverted = *found.inverted;
+  if (found.inverted.value_or(false)) {
+    // Deleted objects count as well.
+    found.count = static_cast<long long>(access_.header.highestID) - found.count;
+  }
   ResultLocks locks(access_, query_.index - 1);
   const bool locked = writer_ && query_.locksResults() && found.ids != nullptr;
   if (locked) {

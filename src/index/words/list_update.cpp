@@ -1,0 +1,173 @@
+#include "index/words/list_update.h"
+
+#include <algorithm>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "index/words/object_words.h"
+#include "index/words/word_changes.h"
+#include "index/words/word_entry.h"
+#include "index/words/word_table.h"
+
+namespace zelta {
+
+namespace {
+
+/// No change comes behind one.
+constexpr std::uint32_t kNoChange = ~std::uint32_t{0};
+
+template <typename Unit>
+class ListUpdate final : public ContentUpdate {
+ public:
+  ListUpdate(const IndexTree& tree, ContentMode mode)
+      : tree_(tree),
+        format_(listFormat<Unit>(tree)),
+        mode_(mode),
+        fields_(tree.table(), tree.index()) {}
+
+  Result change(const ContentChange& change) override;
+  Result finish() override { return applyAll(); }
+
+ private:
+  /// A change among those of all words.
+  struct NotedChange {
+    WordChange change;
+    std::uint32_t next;  ///< of the same word
+  };
+  enum Side : std::uint32_t { kBefore = 1, kAfter = 2 };
+
+  /// Of a word: its changes, and in which versions of the object at hand it is.
+  struct Entry {
+    std::uint32_t first = kNoChange;
+    std::uint32_t last = kNoChange;
+    std::uint32_t object = 0;  ///< counts changes of objects, from 1
+    std::uint32_t sides = 0;
+  };
+
+  Result collect(const ObjectBytes& object, Side side);
+  void note(std::uint32_t number, Side side);
+  void append(std::uint32_t number, std::uint64_t objectID, bool gains);
+  [[nodiscard]] std::size_t memory() const;
+  Result applyAll();
+
+  /// Memory from which on collected words are brought into the tree.
+  static constexpr std::size_t kMostMemory = std::size_t{32} << 20;
+
+  const IndexTree tree_;
+  const TextNodeFormat format_;
+  const ContentMode mode_;
+  const WordFields fields_;
+  WordMaker<Unit> maker_;
+  WordTable words_;
+  std::vector<Entry> entries_;  ///< of the words, by their numbers
+  std::vector<NotedChange> changes_;
+  std::vector<std::uint32_t> touched_;  ///< words of the object at hand
+  std::string prefix_;
+  std::string key_;
+  std::uint32_t objects_ = 0;
+};
+
+template <typename Unit>
+Result ListUpdate<Unit>::change(const ContentChange& change) {
+  ZELTA_TRY(fields_.check());
+  ++objects_;
+  touched_.clear();
+  if (change.after.data != nullptr) ZELTA_TRY(collect(change.after, kAfter));
+  if (change.before.data != nullptr) ZELTA_TRY(collect(change.before, kBefore));
+  for (const std::uint32_t number : touched_) {
+    const std::uint32_t sides = entries_[number].sides;
+    if (sides != (kBefore | kAfter)) append(number, change.objectID, sides == kAfter);
+  }
+  return memory() < kMostMemory ? Result() : applyAll();
+}
+
+/// Notes the words of one version of the object at hand. A word under another prefix is another one.
+template <typename Unit>
+Result ListUpdate<Unit>::collect(const ObjectBytes& object, Side side) {
+  ZELTA_TRY(fields_.readPrefix(object, &prefix_));
+  for (const WordFields::Segment& segment : fields_.words()) {
+    forEachWord<Unit>(fields_, segment, object, maker_, [&](std::basic_string_view<Unit> word) {
+      key_.assign(prefix_);
+      key_.append(reinterpret_cast<const char*>(word.data()), word.size() * sizeof(Unit));
+      key_.append(sizeof(Unit), '\0');
+      note(words_.intern(key_), side);
+      return true;
+    });
+  }
+  return {};
+}
+
+template <typename Unit>
+void ListUpdate<Unit>::note(std::uint32_t number, Side side) {
+  if (number == entries_.size()) entries_.emplace_back();
+  Entry& entry = entries_[number];
+  if (entry.object != objects_) {
+    entry.object = objects_;
+    entry.sides = 0;
+    touched_.push_back(number);
+  }
+  entry.sides |= side;
+}
+
+template <typename Unit>
+void ListUpdate<Unit>::append(std::uint32_t number, std::uint64_t objectID, bool gains) {
+  const auto place = static_cast<std::uint32_t>(changes_.size());
+  changes_.push_back({{objectID, gains}, kNoChange});
+  Entry& entry = entries_[number];
+  if (entry.first == kNoChange) {
+    entry.first = place;
+  } else {
+    changes_[entry.last].next = place;
+  }
+  entry.last = place;
+}
+
+template <typename Unit>
+std::size_t ListUpdate<Unit>::memory() const {
+  return words_.memory() + entries_.size() * sizeof(Entry) + changes_.size() * sizeof(NotedChange);
+}
+
+template <typename Unit>
+Result ListUpdate<Unit>::applyAll() {
+  std::vector<std::uint32_t> order(words_.size());
+  std::iota(order.begin(), order.end(), 0u);
+  std::erase_if(order, [&](std::uint32_t number) { return entries_[number].first == kNoChange; });
+  format_.withCodec([&](const auto& codec) {
+    std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+      const std::string_view left = words_.word(a);
+      const std::string_view right = words_.word(b);
+      return codec.compare(left.data(), static_cast<std::uint32_t>(left.size()), right.data(),
+                           static_cast<std::uint32_t>(right.size())) < 0;
+    });
+  });
+  ChangedWord word;
+  for (const std::uint32_t number : order) {
+    word.key = words_.word(number).data();
+    word.changes.clear();
+    word.ids.clear();
+    for (std::uint32_t i = entries_[number].first; i != kNoChange; i = changes_[i].next) {
+      word.changes.push_back(changes_[i].change);
+      word.ids.push_back(changes_[i].change.objectID);
+    }
+    std::sort(word.ids.begin(), word.ids.end());
+    word.ids.erase(std::unique(word.ids.begin(), word.ids.end()), word.ids.end());
+    ZELTA_TRY(applyChanges(tree_, format_, word, mode_));
+  }
+  words_.clear();
+  entries_.clear();
+  changes_.clear();
+  return {};
+}
+
+}  // namespace
+
+std::unique_ptr<ContentUpdate> beginAsciiUpdate(const IndexTree& committed, ContentMode mode) {
+  return std::make_unique<ListUpdate<char>>(committed, mode);
+}
+
+std::unique_ptr<ContentUpdate> beginWideUpdate(const IndexTree& committed, ContentMode mode) {
+  return std::make_unique<ListUpdate<char16_t>>(committed, mode);
+}
+
+}  // namespace zelta
