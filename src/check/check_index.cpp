@@ -89,6 +89,9 @@ TreePlace TableCheck::treePlace(std::uint32_t index) const {
   TreePlace place;
   place.variable = (table_.index(index).indexFlags & CZELTA::IndexVariableKey) != 0;
   place.keyWords = table_.index(index).keyWords;
+  place.prefixBytes = table_.index(index).listPrefixBytes;
+  place.mostObjectsPower = table_.index(index).maximumObjectPower;
+  place.manyEntries = table_.multiEntry(index);
   place.idBytes = table_.idSize();
   return place;
 }
@@ -122,9 +125,10 @@ bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
   place.to = indexEnd_;
   place.pageSize = pageSize_;
   CheckedKeys entries;
-  const bool complete = kind->walk(findings_, file, place, extents, [&](const TreeEntry& entry) {
-    entries.push_back({hashKey(entry.key, entry.words), entry.objectID, entry.offset});
-  });
+  const EntryVisitor visit = [&](const TreeEntry& entry) {
+    entries.push_back({entry.hash, entry.objectID, entry.offset});
+  };
+  const bool complete = kind->walk({findings_, file, place, extents, visit});
   ++findings_.counts.indexes;
   if (complete && recordsComplete_) compareKeys(file, index, rootOffset, entries);
   return complete;

@@ -3,16 +3,41 @@
 #include "check/check_btree.h"
 #include "check/check_rtree.h"
 #include "index/keys/keys.h"
+#include "index/pattern/pattern_points.h"
 
 namespace zelta::check {
 
 namespace {
 
 constexpr KindCheck kKinds[] = {
-    {CZELTA::BPlusTree, checkBPlusTree, makeKeys},
-    {CZELTA::SpatialTree, checkSpatialTree, makeKeys},
-    {CZELTA::TemporalTree, checkTemporalTree, makeKeys},
+    {CZELTA::BPlusTree, true, checkBPlusTree, makeKeys},
+    {CZELTA::SpatialTree, true, checkSpatialTree, makeKeys},
+    {CZELTA::TemporalTree, true, checkTemporalTree, makeKeys},
+    {CZELTA::SpatialPattern, false, checkPatternTree, makePoints},
 };
+
+constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
+
+std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
+  hash = (hash ^ word) * kFactor;
+  return hash ^ (hash >> 29);
+}
+
+template <std::size_t Axes>
+bool addPoints(const PatternField& field, const CheckedObject& object, CheckedKeys& keys) {
+  const Result read = field.forEach<Axes>(
+      {object.bytes, object.length}, [&](const PointBytes& points, std::uint32_t row) {
+        for (std::uint64_t i = 0; i < points.count; ++i) {
+          std::uint32_t key[Axes + 1];
+          std::memcpy(key, points.first + i * Axes * sizeof *key, Axes * sizeof *key);
+          key[Axes] = row;
+          const std::uint32_t words = field.hasRows() ? Axes + 1 : Axes;
+          keys.push_back({hashKey(key, words), object.id, object.position});
+        }
+        return true;
+      });
+  return read.ok();
+}
 
 }  // namespace
 
@@ -24,12 +49,14 @@ const KindCheck* findKindCheck(const Table& table, std::uint32_t index) {
 }
 
 std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words) {
-  constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
   std::uint64_t hash = words;
-  for (std::uint32_t i = 0; i < words; ++i) {
-    hash = (hash ^ key[i]) * kFactor;
-    hash ^= hash >> 29;
-  }
+  for (std::uint32_t i = 0; i < words; ++i) hash = mix(hash, key[i]);
+  return hash;
+}
+
+std::uint64_t hashKey(const char* key, std::size_t bytes) {
+  std::uint64_t hash = bytes;
+  for (std::size_t i = 0; i < bytes; ++i) hash = mix(hash, static_cast<unsigned char>(key[i]));
   return hash;
 }
 
@@ -46,6 +73,13 @@ bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, Ch
     table.keyPool(index).release(shape, key);
   }
   return true;
+}
+
+bool makePoints(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys) {
+  const PatternField field(table, index);
+  if (!field.isFound()) return false;
+  return field.type() == CZELTA::TypePoints2 ? addPoints<2>(field, object, keys)
+                                             : addPoints<3>(field, object, keys);
 }
 
 }  // namespace zelta::check

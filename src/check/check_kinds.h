@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "check/check_entries.h"
-#include "check/check_file.h"
 #include "frame/metadata.h"
 #include "storage/table.h"
 
@@ -27,8 +26,6 @@ struct CheckedKey {
 };
 using CheckedKeys = std::vector<CheckedKey>;
 
-[[nodiscard]] std::uint64_t hashKey(const std::uint32_t* key, std::uint32_t words);
-
 /// An object whose keys are wanted. Its encoding is sound.
 struct CheckedObject {
   std::uint64_t id;
@@ -40,11 +37,12 @@ struct CheckedObject {
 /// A row of that table.
 struct KindCheck {
   CZELTA::IndexKind number;
-  /// Walks a tree: form of the nodes, order, links. The nodes go to `extents`. False if parts of it
-  /// could not be walked.
-  bool (*walk)(Findings& findings, CheckFile& file, const TreePlace& place,
-               std::vector<Extent>& extents, const EntryVisitor& visit);
-  /// Adds all keys that an index (from 0) must have of an object. False if one is wanting.
+  /// Open transactions have trees of their keys in the memory file.
+  bool hasPendingTree;
+  /// Walks a tree: form of the nodes, order, links. False if parts of it could not be walked.
+  bool (*walk)(const WalkContext& context);
+  /// Adds all keys that an index (from 0) must have of an object, each as often as the index must
+  /// have it. False if one is wanting.
   bool (*keysOf)(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
 };
 
@@ -53,6 +51,8 @@ struct KindCheck {
 
 /// KindCheck::keysOf() of the kinds with keys.
 bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
+/// The same of sets of points: each point is a key, with the number of its row if it has one.
+bool makePoints(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
 
 }  // namespace zelta::check
 

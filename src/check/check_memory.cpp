@@ -211,7 +211,8 @@ void TableCheck::checkMemoryTrees(CheckFile& file) {
     place.root = file.number<std::uint64_t>(rootOffset);
     if (place.root == 0) continue;
     const KindCheck* kind = findKindCheck(table_, i);
-    if (kind == nullptr) {
+    if (kind == nullptr || !kind->hasPendingTree) {
+      if (kind != nullptr) findings_.damage(file, rootOffset, "tree of an index without any here");
       complete = false;
       continue;
     }
@@ -220,8 +221,8 @@ void TableCheck::checkMemoryTrees(CheckFile& file) {
     place.to = to;
     place.pageSize = unit;
     std::uint64_t keys = 0;
-    complete =
-        kind->walk(findings_, file, place, extents, [&](const TreeEntry&) { ++keys; }) && complete;
+    const EntryVisitor visit = [&](const TreeEntry&) { ++keys; };
+    complete = kind->walk({findings_, file, place, extents, visit}) && complete;
     findings_.pending(file, rootOffset,
                       text(keys) + " keys of open transactions in index " + text(i));
   }

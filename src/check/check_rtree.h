@@ -1,23 +1,18 @@
-// Trees of bounds in index and memory files: Spatial Trees of boxes, Temporal Trees of spans. The
-// walk keeps the path from the root in memory, reaches every node at most once, and does not go
-// deeper than a tree can be.
+// Trees of bounds in index and memory files: Spatial Trees of boxes, Temporal Trees of spans, and
+// trees of points.
 
 #ifndef ZELTA_CHECK_CHECK_RTREE_H
 #define ZELTA_CHECK_CHECK_RTREE_H
 
-#include <vector>
-
 #include "check/check_entries.h"
-#include "check/check_file.h"
 
 namespace zelta::check {
 
-/// Walks a tree: form of the nodes, and bounds that contain what lies below them and nothing more.
-/// The nodes go to `extents`. False if parts of the tree could not be walked.
-bool checkSpatialTree(Findings& findings, CheckFile& file, const TreePlace& place,
-                      std::vector<Extent>& extents, const EntryVisitor& visit);
-bool checkTemporalTree(Findings& findings, CheckFile& file, const TreePlace& place,
-                       std::vector<Extent>& extents, const EntryVisitor& visit);
+/// Each walks a tree: form of the nodes, and bounds that contain what lies below them and nothing
+/// more. False if parts of the tree could not be walked.
+bool checkSpatialTree(const WalkContext& context);
+bool checkTemporalTree(const WalkContext& context);
+bool checkPatternTree(const WalkContext& context);
 
 }  // namespace zelta::check
 
