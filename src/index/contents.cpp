@@ -25,18 +25,19 @@ Result ContentUpdates::changeAll(const TransactionObjects& objects, VersionSourc
     ZELTA_TRY(versions.readBefore(node->key, &gone.before));
     ZELTA_TRY(change(gone));
   }
+  // Both sets at once, in ascending order.
   avl::Walk<UInt64AVLTree> edited(objects.edited);
-  while (const UInt64AVLTree* node = edited.next()) {
-    ContentChange rewritten{node->key, {}, {}};
-    ZELTA_TRY(versions.readBefore(node->key, &rewritten.before));
-    ZELTA_TRY(versions.readAfter(node->key, &rewritten.after));
-    ZELTA_TRY(change(rewritten));
-  }
   avl::Walk<UInt64AVLTree> added(objects.added);
-  while (const UInt64AVLTree* node = added.next()) {
-    ContentChange fresh{node->key, {}, {}};
-    ZELTA_TRY(versions.readAfter(node->key, &fresh.after));
-    ZELTA_TRY(change(fresh));
+  const UInt64AVLTree* rewritten = edited.next();
+  const UInt64AVLTree* fresh = added.next();
+  while (rewritten != nullptr || fresh != nullptr) {
+    const bool isNew = rewritten == nullptr || (fresh != nullptr && fresh->key < rewritten->key);
+    ContentChange come{isNew ? fresh->key : rewritten->key, {}, {}};
+    if (!isNew) ZELTA_TRY(versions.readBefore(come.objectID, &come.before));
+    ZELTA_TRY(versions.readAfter(come.objectID, &come.after));
+    ZELTA_TRY(change(come));
+    const UInt64AVLTree*& next = isNew ? fresh : rewritten;
+    next = isNew ? added.next() : edited.next();
   }
   return {};
 }

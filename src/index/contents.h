@@ -1,7 +1,7 @@
 // What changes in the contents of objects, on its way into the indexes that follow them (see kind.h
 // for the two families of kinds). A commit, a replay and the building of an index file all bring
-// their changes here, in ascending order of object ID within each set, and need not know which
-// kinds there are.
+// their changes here, and need not know which kinds there are. A tree's form depends on their order:
+// what is deleted comes first, then what is rewritten or new, each in ascending order of object ID.
 
 #ifndef ZELTA_INDEX_CONTENTS_H
 #define ZELTA_INDEX_CONTENTS_H
@@ -47,8 +47,7 @@ class ContentUpdates {
 
   /// Hands one change to every update.
   Result change(const ContentChange& change);
-  /// All changes of a transaction: what is deleted leaves before anything else comes, then what is
-  /// rewritten, then what is new.
+  /// All changes of a transaction, in their order.
   Result changeAll(const TransactionObjects& objects, VersionSource& versions);
   /// Ends all updates: the trees have all changes then. Without it they have some of them, and the
   /// caller drops what the manager holds.

@@ -55,8 +55,8 @@ struct ObjectSets {
 struct KeyKind {
   /// Enters a key of an object. Own code 37 if the tree cannot take it beside what it has.
   Result (*insert)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
-  /// Takes one entry of a key of an object out. Own code 32 if it is not there; an empty tree has
-  /// nothing to remove: success.
+  /// Takes one entry of a key of an object out. Own code 32 if it is not there; but an empty tree
+  /// of unique keys has nothing to remove: success.
   Result (*remove)(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID);
   /// How many entries of this key the tree has for this object: more than one only where an object
   /// may have one key in several rows.

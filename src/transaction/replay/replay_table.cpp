@@ -159,7 +159,7 @@ Result TableReplay::readNew(const PendingObject& image, ObjectBytes* object) {
   return reader_.images.read(image.position + 4, image.length, &object->data);
 }
 
-/// In the order of a commit: what leaves, what is rewritten, what is new.
+/// In the order of a commit: what leaves, then what is rewritten or new, by ascending ID.
 Result TableReplay::applyKeys() {
   if (table_.indexCount == 0) return {};
   assert(access_.owned());
@@ -173,14 +173,16 @@ Result TableReplay::applyKeys() {
     ZELTA_TRY(readOld(node->key, &before));
     ZELTA_TRY(exchange(node->key, before, {}));
   }
-  for (const PendingObject& image : images_.edited) {
-    ZELTA_TRY(readOld(image.objectID, &before));
+  auto rewritten = images_.edited.begin();
+  auto fresh = images_.added.begin();
+  while (rewritten != images_.edited.end() || fresh != images_.added.end()) {
+    const bool isNew = rewritten == images_.edited.end() ||
+                       (fresh != images_.added.end() && fresh->objectID < rewritten->objectID);
+    const PendingObject& image = isNew ? *fresh++ : *rewritten++;
+    before = {};
+    if (!isNew) ZELTA_TRY(readOld(image.objectID, &before));
     ZELTA_TRY(readNew(image, &after));
     ZELTA_TRY(exchange(image.objectID, before, after));
-  }
-  for (const PendingObject& image : images_.added) {
-    ZELTA_TRY(readNew(image, &after));
-    ZELTA_TRY(exchange(image.objectID, {}, after));
   }
   ZELTA_TRY(contents_.finish());
   return flushIndexFile(access_.manager(), access_.indexHeader);
