@@ -145,7 +145,7 @@ void ModelHandle::fill(const Thing& thing) {
         db, db.PutVariableValues(kModelTable, values.data(), static_cast<unsigned>(values.size()),
                                  0, shape_.variableFields(), &object_));
   }
-  const std::string fixed = shape_.bytes(thing).substr(0, 16);
+  const std::string fixed = shape_.fixedBytes(thing);
   std::memcpy(object_.data, fixed.data(), fixed.size());
 }
 
@@ -229,6 +229,28 @@ Word ModelHandle::restore(std::uint64_t id, bool unlock) {
   return found;
 }
 
+void ModelHandle::search(std::size_t number, const Shapes& like) {
+  const std::set<std::uint64_t> expected = model_.findable(number, like);
+  const auto index = static_cast<unsigned>(shape_.indexes.size() + number + 1);
+  const std::string key = shape_.searches()[number].query(like);
+  const std::string what = "search of index " + std::to_string(index);
+  const Word word = perform(kDone, true, [&] {
+    return db.SearchIndex(kModelTable, index, key.data(), toleranceOf(like), CZELTA::Mode{},
+                          nullptr);
+  });
+  if (!agree(what, kDone, word)) return;
+  CZELTA::Mode mode = CZELTA::ReadFirst | CZELTA::ReadNoLock;
+  const auto next = [&] {
+    return db.ReadObject(kModelTable, mode, &object_, index, nullptr, nullptr);
+  };
+  for (const std::uint64_t id : expected) {
+    if (!agree(what + " for " + std::to_string(id), model_.goTo(id), next())) return;
+    compareObject();
+    mode = CZELTA::ReadNext | CZELTA::ReadNoLock;
+  }
+  agree(what + " for more", kMissing, next());
+}
+
 namespace {
 
 void compareWalk(CZELTA& db, const TableShape& shape, const TableModel& table, unsigned index,
@@ -265,6 +287,15 @@ void compareAll(CZELTA& db, const TableModel& table) {
     for (const auto& [key, id] : table.keys(i).entries()) ids.push_back(id);
     compareWalk(db, shape, table, static_cast<unsigned>(i + 1), ids, true);
     compareWalk(db, shape, table, static_cast<unsigned>(i + 1), ids, false);
+  }
+  const std::vector<ShapeKind> searches = shape.searches();
+  for (std::size_t i = 0; i < searches.size(); ++i) {
+    ShapedObjects objects;
+    for (const auto& [id, version] : table.objects()) {
+      objects[id] = shape.shapesOf(i, version.thing);
+    }
+    const auto index = static_cast<unsigned>(shape.indexes.size() + i + 1);
+    compareSearches(db, kModelTable, index, {searches[i]}, objects);
   }
   ASSERT_DONE(db, db.EndTransaction());
 }

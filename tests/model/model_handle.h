@@ -44,6 +44,8 @@ class ModelHandle {
   Word erase(const Request& request, const std::string& image);
   Word eraseCurrent();
   Word restore(std::uint64_t id, bool unlock);
+  /// Searches one of the indexes over shapes, and reads all that it finds.
+  void search(std::size_t number, const Shapes& like);
 
   [[nodiscard]] const ModelSession& model() const { return model_; }
   CZELTA db;
@@ -64,8 +66,8 @@ class ModelHandle {
   int troubles_ = 0;
 };
 
-/// Walks the whole table in a reading transaction, by ID and by each index, up and down: it must
-/// hold what the model holds, and nothing else.
+/// Walks the whole table in a reading transaction, by ID and by each index, up and down, and
+/// searches it: it must hold what the model holds, and nothing else.
 void compareAll(CZELTA& db, const TableModel& table);
 
 }  // namespace zelta::testing

@@ -169,7 +169,14 @@ Request RandomWorker::request(std::string* image) {
   return out;
 }
 
+void RandomWorker::search() {
+  const auto count = static_cast<unsigned>(table_.shape().searches().size());
+  const Shapes like = random_.chance(2) ? Shapes::everything() : Shapes(random_.thing().stamp);
+  handle_.search(random_.below(count), like);
+}
+
 void RandomWorker::read() {
+  if (table_.shape().shaped && random_.chance(15)) return search();
   std::string image;
   const Request wanted = request(&image);
   handle_.read(wanted, image);

@@ -56,6 +56,7 @@ class RandomWorker {
   void erase();
   void restore();
   void read();
+  void search();
   Request request(std::string* image);
   std::uint64_t someId();
   Thing givenUp();

@@ -329,6 +329,20 @@ Word ModelSession::locateByKey(const Request& request, std::uint64_t* id, std::s
   return lockedElsewhere(*id) ? kLocked : kDone;
 }
 
+// -- Searches -------------------------------------------------------------------------------------
+
+std::set<std::uint64_t> ModelSession::findable(std::size_t search, const Shapes& like) const {
+  const auto shaped = [&](const Versions& versions, ShapedObjects& out) {
+    for (const auto& [id, version] : versions) out[id] = shape_.shapesOf(search, version.thing);
+  };
+  ShapedObjects committed;
+  ShapeChanges changes{{}, deleted_};
+  shaped(table_.objects(), committed);
+  shaped(added_, changes.now);
+  shaped(edited_, changes.now);
+  return findableIn(shape_.searches()[search], like, committed, changes);
+}
+
 // -- The place in the indexes ---------------------------------------------------------------------
 
 /// The object becomes the current one; in the index by which it was found, the place is that key.

@@ -167,6 +167,11 @@ class ModelSession {
   Word eraseCurrent() { return eraseFound({CZELTA::ReadEqual, false, 0, current_, {}}, true); }
   Word restore(std::uint64_t id, bool unlock);
 
+  /// What a search of one of the indexes over shapes finds.
+  [[nodiscard]] std::set<std::uint64_t> findable(std::size_t search, const Shapes& like) const;
+  /// Goes to an object that was found, without a lock.
+  Word goTo(std::uint64_t id) { return read({CZELTA::ReadEqual, true, 0, id, {}}); }
+
   [[nodiscard]] bool active() const { return active_; }
   [[nodiscard]] CZELTA::Mode mode() const { return mode_; }
   [[nodiscard]] bool mayWrite() const {

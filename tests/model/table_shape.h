@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/buffer_table.h"
+#include "support/shapes.h"
 
 namespace zelta::testing {
 
@@ -48,6 +49,9 @@ struct TableShape {
   std::uint16_t lockIndex;
   bool keepLogs;
   std::vector<IndexShape> indexes;
+  /// A box and a span in each object, points behind the other variable fields; box and points in
+  /// each row. They follow from the stamp, or from the row's code.
+  bool shaped = false;
 
   [[nodiscard]] bool isMulti(std::size_t index) const {
     for (const SegmentShape& segment : indexes[index]) {
@@ -67,43 +71,86 @@ struct TableShape {
                                   std::uint32_t entry) const;
   /// The bytes of an object behind version and ID.
   [[nodiscard]] std::string bytes(const Thing& thing) const {
+    return fixedBytes(thing) + variableBytes(thing);
+  }
+  [[nodiscard]] std::string fixedBytes(const Thing& thing) const {
     Packed out;
     out.number(thing.number).number(thing.weight).number(thing.stamp);
-    return out.raw(variableBytes(thing));
+    return shaped ? out.raw(Shapes(thing.stamp).fixedBytes()) : out;
   }
   /// What the bytes say; bytes that are no object's give one that has others.
   [[nodiscard]] Thing thing(const std::string& bytes) const;
   [[nodiscard]] std::string variableBytes(const Thing& thing) const {
     Packed out;
     if (texts) out.text(thing.text);
-    if (!rows) return out;
-    Packed all;
-    for (const ThingRow& row : thing.rows) all.number(row.code).text(row.text);
-    return out.binary(all);
+    if (rows) {
+      Packed all;
+      for (const ThingRow& row : thing.rows) {
+        if (shaped) all.raw(Shapes(row.code).boxBytes());
+        all.number(row.code).text(row.text);
+        if (shaped) all.raw(Shapes(row.code).pointBytes());
+      }
+      out.binary(all);
+    }
+    return hasPoints() ? out.raw(Shapes(thing.stamp).pointBytes()) : out;
   }
-  [[nodiscard]] unsigned variableFields() const { return rows ? 2 : texts ? 1 : 0; }
+  [[nodiscard]] bool hasPoints() const { return shaped && texts; }
+  [[nodiscard]] unsigned variableFields() const {
+    return (texts ? 1u : 0u) + (rows ? 1u : 0u) + (hasPoints() ? 1u : 0u);
+  }
 
   [[nodiscard]] Fields fields() const {
     Fields out = {{CZELTA::TypeUInt32}, {CZELTA::TypeInt32}, {CZELTA::TypeUInt64}};
+    if (shaped) {
+      for (const FieldSpec& field : Shapes::fixedFields()) out.push_back(field);
+    }
     if (texts) out.push_back({CZELTA::TypeText, 20});
     if (rows) {
-      out.push_back({CZELTA::TypeSubRecords, 40, {{CZELTA::TypeUInt16}, {CZELTA::TypeText, 10}}});
+      Fields row = {{CZELTA::TypeUInt16}, {CZELTA::TypeText, 10}};
+      if (shaped) {
+        row.insert(row.begin(), {CZELTA::TypeRect2});
+        row.push_back(Shapes::pointField());
+      }
+      out.push_back({CZELTA::TypeSubRecords, 40, row});
     }
+    if (hasPoints()) out.push_back(Shapes::pointField());
     return out;
   }
   [[nodiscard]] Indexes indexSpecs() const {
     // Sub-fields are numbered behind the fields.
-    static constexpr std::int32_t kFields[] = {
-        0, 1, 2, 3, 5, 6, CZELTA::ObjectIdSegment, CZELTA::EntryNumberSegment};
+    const auto count = static_cast<std::int32_t>(fields().size());
+    const std::int32_t text = shaped ? 6 : 3;
+    const std::int32_t row = count + (shaped ? 1 : 0);
+    const std::int32_t numbers[] = {
+        0, 1, 2, text, row, row + 1, CZELTA::ObjectIdSegment, CZELTA::EntryNumberSegment};
     Indexes out;
     for (const IndexShape& index : indexes) {
       Segments segments;
       for (const SegmentShape& segment : index) {
         const std::uint32_t mode = segment.descending ? CZELTA::SegmentDescending : 0u;
-        segments.push_back({kFields[static_cast<int>(segment.part)], mode});
+        segments.push_back({numbers[static_cast<int>(segment.part)], mode});
       }
       out.push_back({segments});
     }
+    if (!shaped) return out;
+    for (const IndexSpec& index : shapeIndexes(3, count - 1, hasPoints())) out.push_back(index);
+    if (!rows) return out;
+    out.push_back({{{count, 0}}, CZELTA::SpatialTree});
+    out.push_back({{{count + 3, 0}}, CZELTA::SpatialPattern});
+    return out;
+  }
+  /// The indexes over shapes, which come behind the others: those of objects, then those of rows.
+  [[nodiscard]] std::vector<ShapeKind> searches() const {
+    if (!shaped) return {};
+    std::vector<ShapeKind> out = shapeKinds(hasPoints());
+    if (rows) out.insert(out.end(), {kBoxIndex, kPointIndex});
+    return out;
+  }
+  /// What one of these has of an object.
+  [[nodiscard]] std::vector<Shapes> shapesOf(std::size_t search, const Thing& thing) const {
+    if (search < shapeKinds(hasPoints()).size()) return {Shapes(thing.stamp)};
+    std::vector<Shapes> out;
+    for (const ThingRow& row : thing.rows) out.emplace_back(row.code);
     return out;
   }
   [[nodiscard]] std::uint32_t flags() const { return wide ? CZELTA::SchemaWideObjectIds : 0u; }
@@ -190,23 +237,28 @@ inline std::string TableShape::image(std::size_t index, const Thing& thing, std:
 }
 
 inline Thing TableShape::thing(const std::string& bytes) const {
-  constexpr std::size_t kFixed = 16;
+  const std::size_t fixed = fixedBytes({}).size();
   Thing out;
-  if (bytes.size() < kFixed) return out;
+  if (bytes.size() < fixed) return out;
   std::memcpy(&out.number, bytes.data(), 4);
   std::memcpy(&out.weight, bytes.data() + 4, 4);
   std::memcpy(&out.stamp, bytes.data() + 8, 8);
-  std::size_t at = kFixed;
+  std::size_t at = fixed;
   if (texts) {
     out.text = bytes.c_str() + at;
     at += out.text.size() + 1;
   }
   if (!rows) return out;
-  for (at += 4; at + 2 < bytes.size();) {
+  std::uint32_t length = 0;
+  if (at + sizeof length <= bytes.size()) std::memcpy(&length, bytes.data() + at, sizeof length);
+  const std::size_t end = std::min<std::size_t>(at + length, bytes.size());
+  const std::size_t codeAt = shaped ? Shapes(0).boxBytes().size() : 0;
+  for (at += sizeof length; at + codeAt + 2 < end;) {
     ThingRow row;
-    std::memcpy(&row.code, bytes.data() + at, 2);
-    row.text = bytes.c_str() + at + 2;
-    at += 2 + row.text.size() + 1;
+    std::memcpy(&row.code, bytes.data() + at + codeAt, 2);
+    row.text = bytes.c_str() + at + codeAt + 2;
+    at += codeAt + 2 + row.text.size() + 1;
+    if (shaped) at += Shapes(row.code).pointBytes().size();
     out.rows.push_back(row);
   }
   return out;
@@ -239,6 +291,7 @@ inline const std::vector<TableShape>& tableShapes() {
         {{stamp}, {weight}},
         {{weight}, {number, kDown}},
         {{objectID, kDown}}}},
+      {"fixed_shapes", false, false, false, 0, false, {{{number}}}, true},
       {"variable", true, false, false, 1, false, {{{number}}, {{text}, {objectID}}}},
       {"variable_wide",
        true,
@@ -260,6 +313,14 @@ inline const std::vector<TableShape>& tableShapes() {
         {{weight}, {objectID}},
         {{number}},
         {{rowCode, kDown}, {rowText}, {objectID, kDown}, {entryNumber, kDown}}}},
+      {"rows_shapes",
+       true,
+       true,
+       true,
+       1,
+       true,
+       {{{number}}, {{rowCode}, {objectID}, {entryNumber}}},
+       true},
   };
   return all;
 }

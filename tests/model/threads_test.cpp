@@ -203,7 +203,7 @@ class Writer {
         return __LINE__;
       }
     }
-    const std::string fixed = shape_.bytes(thing).substr(0, 16);
+    const std::string fixed = shape_.fixedBytes(thing);
     std::memcpy(object_.data, fixed.data(), fixed.size());
     return 0;
   }

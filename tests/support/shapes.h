@@ -1,0 +1,262 @@
+// What objects have beside their other fields in tables with indexes of many kinds: a box, a span
+// of time, a set of points. All of it follows from a number: who knows the number knows the shapes,
+// and what a search must find of them. Nothing of this comes from the engine.
+
+#ifndef ZELTA_TESTS_SUPPORT_SHAPES_H
+#define ZELTA_TESTS_SUPPORT_SHAPES_H
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/buffer_table.h"
+#include "support/database_fixture.h"
+
+namespace zelta::testing {
+
+struct Shapes {
+  using Point = std::array<std::int32_t, 2>;
+
+  std::array<std::int32_t, 4> box;  ///< x1, y1, x2, y2; either corner may be the lower one
+  std::array<std::uint32_t, 2> span;
+  std::vector<Point> points;
+
+  /// Numbers have many shapes in common, so that whole keys are equal now and then.
+  explicit Shapes(std::uint64_t number) {
+    constexpr std::uint64_t kDifferent = 53;
+    constexpr std::int32_t kEnds[] = {INT32_MIN, INT32_MIN + 1, INT32_MAX - 1, INT32_MAX};
+    std::uint64_t state = number % kDifferent;
+    const auto below = [&state](std::uint64_t limit) {
+      state += 0x9E3779B97F4A7C15;
+      std::uint64_t mixed = (state ^ state >> 30) * 0xBF58476D1CE4E5B9;
+      mixed = (mixed ^ mixed >> 27) * 0x94D049BB133111EB;
+      return static_cast<std::int32_t>((mixed ^ mixed >> 31) % limit);
+    };
+    const bool extreme = below(9) == 0;
+    const auto coordinate = [&] { return extreme ? kEnds[below(4)] : below(80) - 40; };
+    box = {coordinate(), coordinate(), 0, 0};
+    box[2] = extreme ? coordinate() : box[0] + below(10) - 2;
+    box[3] = extreme ? coordinate() : box[1] + below(10) - 2;
+    span[0] = extreme ? 0xFFFFFFFF : static_cast<std::uint32_t>(below(200));
+    span[1] = static_cast<std::uint32_t>(below(200));
+    points.resize(static_cast<std::size_t>(below(5)));
+    for (Point& point : points) point = {coordinate() / 8, coordinate() / 8};
+  }
+  /// What touches all others, as a search.
+  static Shapes everything() {
+    Shapes all(0);
+    all.box = {INT32_MIN, INT32_MAX, INT32_MAX, INT32_MIN};
+    all.span = {0xFFFFFFFF, 0};
+    all.points = {{0, 0}};
+    return all;
+  }
+
+  [[nodiscard]] std::string boxBytes() const {
+    Packed out;
+    for (const std::int32_t c : box) out.number(c);
+    return out;
+  }
+  [[nodiscard]] std::string spanBytes() const { return Packed().number(span[0]).number(span[1]); }
+  [[nodiscard]] std::string pointBytes() const {
+    Packed all;
+    for (const Point& point : points) all.number(point[0]).number(point[1]);
+    return Packed().binary(all);
+  }
+  /// Fields of a box and of the two ends of a span.
+  static constexpr std::size_t kFixedBytes = 24;
+  [[nodiscard]] std::string fixedBytes() const { return boxBytes() + spanBytes(); }
+  [[nodiscard]] static Fields fixedFields() {
+    return {{CZELTA::TypeRect2}, {CZELTA::TypeDate}, {CZELTA::TypeDate}};
+  }
+  /// A field of points, behind which no other one is found.
+  [[nodiscard]] static FieldSpec pointField() { return {CZELTA::TypePoints2, 20}; }
+};
+
+/// All shapes that each object has: those of its rows, or one.
+using ShapedObjects = std::map<std::uint64_t, std::vector<Shapes>>;
+
+/// A kind of index over shapes.
+struct ShapeKind {
+  const char* name;
+  CZELTA::IndexKind kind;
+  /// What an index with keys enters of shapes; null: the index follows contents.
+  std::string (*key)(const Shapes& shapes);
+  std::string (*query)(const Shapes& like);
+  bool (*matches)(const Shapes& shapes, const Shapes& like);
+};
+
+/// Pairs of numbers in ascending order.
+template <class Number, std::size_t count>
+std::array<Number, count> inOrder(std::array<Number, count> ends) {
+  for (std::size_t i = 0; i < count / 2; ++i) {
+    if (ends[i] > ends[i + count / 2]) std::swap(ends[i], ends[i + count / 2]);
+  }
+  return ends;
+}
+template <class Number, std::size_t count>
+bool overlap(const std::array<Number, count>& a, const std::array<Number, count>& b) {
+  const auto one = inOrder(a);
+  const auto other = inOrder(b);
+  constexpr std::size_t kAxes = count / 2;
+  for (std::size_t i = 0; i < kAxes; ++i) {
+    if (one[i] > other[i + kAxes] || other[i] > one[i + kAxes]) return false;
+  }
+  return true;
+}
+
+/// How far points may be from those of a search: one of three answers, by its span.
+inline std::uint32_t toleranceOf(const Shapes& like) {
+  constexpr std::uint32_t kTolerances[] = {0, 2, 0xFFFFFFFF};
+  return kTolerances[like.span[0] % 3];
+}
+/// Two of the points at most are searched for, and one at least.
+inline std::vector<Shapes::Point> wantedPoints(const Shapes& like) {
+  std::vector<Shapes::Point> wanted = like.points;
+  wanted.resize(std::clamp<std::size_t>(wanted.size(), 1, 2));
+  return wanted;
+}
+inline bool hasPoints(const Shapes& shapes, const Shapes& like) {
+  const std::vector<Shapes::Point> wanted = wantedPoints(like);
+  return std::all_of(wanted.begin(), wanted.end(), [&](const Shapes::Point& w) {
+    return std::any_of(shapes.points.begin(), shapes.points.end(), [&](const Shapes::Point& p) {
+      return p[0] != INT32_MIN && p[1] != INT32_MIN &&
+             std::abs(std::int64_t{p[0]} - w[0]) <= toleranceOf(like) &&
+             std::abs(std::int64_t{p[1]} - w[1]) <= toleranceOf(like);
+    });
+  });
+}
+
+inline constexpr ShapeKind kBoxIndex = {
+    "boxes", CZELTA::SpatialTree,
+    [](const Shapes& shapes) {
+      Shapes ordered = shapes;
+      ordered.box = inOrder(shapes.box);
+      return ordered.boxBytes();
+    },
+    [](const Shapes& like) { return like.boxBytes(); },
+    [](const Shapes& shapes, const Shapes& like) { return overlap(shapes.box, like.box); }};
+
+inline constexpr ShapeKind kSpanIndex = {
+    "spans", CZELTA::TemporalTree,
+    [](const Shapes& shapes) {
+      Shapes ordered = shapes;
+      ordered.span = inOrder(shapes.span);
+      return ordered.spanBytes();
+    },
+    [](const Shapes& like) { return like.spanBytes(); },
+    [](const Shapes& shapes, const Shapes& like) { return overlap(shapes.span, like.span); }};
+
+inline constexpr ShapeKind kPointIndex = {"points", CZELTA::SpatialPattern, nullptr,
+                                          [](const Shapes& like) {
+                                            Shapes wanted = like;
+                                            wanted.points = wantedPoints(like);
+                                            return wanted.pointBytes();
+                                          },
+                                          hasPoints};
+
+/// The indexes over shapes of a table: those of the fixed fields, and that of the points if it has
+/// variable ones.
+inline std::vector<ShapeKind> shapeKinds(bool withPoints) {
+  std::vector<ShapeKind> kinds = {kBoxIndex, kSpanIndex};
+  if (withPoints) kinds.push_back(kPointIndex);
+  return kinds;
+}
+/// Their records, for the numbers of the first fixed field and of that of the points.
+inline Indexes shapeIndexes(std::int32_t first, std::int32_t points, bool withPoints) {
+  Indexes indexes = {{{{first, 0}}, CZELTA::SpatialTree},
+                     {{{first + 1, 0}, {first + 2, 0}}, CZELTA::TemporalTree}};
+  if (withPoints) indexes.push_back({{{points, 0}}, CZELTA::SpatialPattern});
+  return indexes;
+}
+
+/// What a transaction has changed and not committed.
+struct ShapeChanges {
+  ShapedObjects now;  ///< of objects that it has added or rewritten
+  std::set<std::uint64_t> deleted;
+};
+
+/// The objects that a search must find. In an index with keys whoever has a key that an object has
+/// given up is passed over until the commit; one that follows contents shows what is committed.
+inline std::set<std::uint64_t> findableIn(const ShapeKind& kind, const Shapes& like,
+                                          const ShapedObjects& committed,
+                                          const ShapeChanges& changes = {}) {
+  const auto keysOf = [&](const ShapedObjects& objects, std::uint64_t id) {
+    std::multiset<std::string> keys;
+    if (const auto found = objects.find(id); found != objects.end()) {
+      for (const Shapes& shapes : found->second) keys.insert(kind.key(shapes));
+    }
+    return keys;
+  };
+  const auto less = [](std::multiset<std::string> from, const std::multiset<std::string>& what) {
+    for (const std::string& key : what) {
+      if (const auto found = from.find(key); found != from.end()) from.erase(found);
+    }
+    return from;
+  };
+  std::multiset<std::string> removed;
+  if (kind.key != nullptr) {
+    for (const std::uint64_t id : changes.deleted) removed.merge(keysOf(committed, id));
+    for (const auto& [id, shapes] : changes.now) {
+      removed.merge(less(keysOf(committed, id), keysOf(changes.now, id)));
+    }
+  }
+  std::set<std::uint64_t> found;
+  for (const auto& [id, all] : committed) {
+    if (changes.deleted.count(id) != 0) continue;
+    for (const Shapes& shapes : all) {
+      if (!kind.matches(shapes, like)) continue;
+      const bool hidden = !removed.empty() && removed.count(kind.key(shapes)) != 0;
+      if (!hidden) found.insert(id);
+    }
+  }
+  if (kind.key == nullptr) return found;
+  for (const auto& [id, all] : changes.now) {
+    const std::multiset<std::string> fresh = less(keysOf(changes.now, id), keysOf(committed, id));
+    for (const Shapes& shapes : all) {
+      if (kind.matches(shapes, like) && fresh.count(kind.key(shapes)) != 0) found.insert(id);
+    }
+  }
+  return found;
+}
+
+/// Searches an index and reads what was found; objects that cannot be read are failures of the test.
+inline std::set<std::uint64_t> searchShapes(CZELTA& db, unsigned table, unsigned index,
+                                            const ShapeKind& kind, const Shapes& like) {
+  std::set<std::uint64_t> found;
+  EXPECT_DONE(db, db.SearchIndex(table, index, kind.query(like).data(), toleranceOf(like),
+                                 CZELTA::Mode{}, nullptr));
+  CZELTA::Object object;
+  CZELTA::Mode mode = CZELTA::ReadFirst | CZELTA::ReadNoLock;
+  unsigned long long word = 0;
+  while ((word = db.ReadObject(table, mode, &object, index, nullptr, nullptr)) == 0) {
+    EXPECT_TRUE(found.insert(static_cast<std::uint64_t>(object.objectID)).second);
+    mode = CZELTA::ReadNext | CZELTA::ReadNoLock;
+  }
+  EXPECT_EQ(word, ownCode(32)) << messageOf(db);
+  return found;
+}
+
+/// Searches for everything and for the shapes of some of the objects, which are all committed: by
+/// each index, the first of which has the number `first`.
+inline void compareSearches(CZELTA& db, unsigned table, unsigned first,
+                            const std::vector<ShapeKind>& kinds, const ShapedObjects& objects) {
+  std::vector<Shapes> likes = {Shapes::everything()};
+  for (const auto& [id, all] : objects) {
+    if (likes.size() < 5 && id % 3 == 0) likes.insert(likes.end(), all.begin(), all.end());
+  }
+  for (std::size_t i = 0; i < kinds.size(); ++i) {
+    for (const Shapes& like : likes) {
+      EXPECT_EQ(searchShapes(db, table, first + static_cast<unsigned>(i), kinds[i], like),
+                findableIn(kinds[i], like, objects))
+          << kinds[i].name << " of table " << table;
+    }
+  }
+}
+
+}  // namespace zelta::testing
+
+#endif  // ZELTA_TESTS_SUPPORT_SHAPES_H
