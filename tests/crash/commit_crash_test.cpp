@@ -12,17 +12,20 @@ namespace {
 /// Calls from one that is struck to the next. What is left of a transaction is looked at after each
 /// call without the sanitizers, which are there for what the code does to memory.
 constexpr std::uint64_t kStride = ZELTA_TEST_SANITIZED ? 3 : 1;
+/// The same where only some of the calls are tried, which differ from run to run.
+std::uint64_t longStride() { return std::getenv("ZELTA_THOROUGH") != nullptr ? 1 : 13 * kStride; }
 
 /// Runs every scene with the forms, one call after the other, until the commit meets no misfortune.
-void strikeEverywhere(Misfortune::Kind kind, std::initializer_list<std::size_t> forms,
+void strikeEverywhere(Misfortune::Kind kind, const std::vector<TableForm>& forms,
+                      std::uint64_t stride,
                       const std::function<void(const Trial&, const FreshFolder&, int exitCode,
                                                const std::string& context)>& judge) {
   const std::vector<Scene> all = scenes();
-  std::uint64_t first = 0;
-  for (const TableForm& form : formsOf(forms)) {
+  std::uint64_t first = stride == kStride ? 0 : std::random_device{}();
+  for (const TableForm& form : forms) {
     for (const Scene& scene : all) {
       const Trial trial(form, scene);
-      for (std::uint64_t call = first++ % kStride;; call += kStride) {
+      for (std::uint64_t call = first++ % stride;; call += stride) {
         const std::string context = contextOf(form, scene, call);
         FreshFolder folder;
         copyFiles(trial.start(), folder);
@@ -36,10 +39,11 @@ void strikeEverywhere(Misfortune::Kind kind, std::initializer_list<std::size_t> 
   }
 }
 
-void expectWholeOrNothing(Misfortune::Kind kind, std::initializer_list<std::size_t> forms) {
+void expectWholeOrNothing(Misfortune::Kind kind, const std::vector<TableForm>& forms,
+                          std::uint64_t stride = kStride) {
   int outcomes[2] = {0, 0};
   strikeEverywhere(
-      kind, forms,
+      kind, forms, stride,
       [&](const Trial& trial, const FreshFolder& folder, int exitCode, const std::string& context) {
         const int outcome = trial.outcome(folder, context);
         if (exitCode == 0 || exitCode == 2) {
@@ -53,19 +57,29 @@ void expectWholeOrNothing(Misfortune::Kind kind, std::initializer_list<std::size
 }
 
 TEST(CommitCrash, A_process_that_dies_at_any_call_leaves_all_of_it_or_nothing) {
-  expectWholeOrNothing(Misfortune::Kind::death, {0, 1, 2, 3, 4});
+  expectWholeOrNothing(Misfortune::Kind::death, formsOf({0, 1, 2, 3, 4}));
+}
+
+TEST(CommitCrash, A_process_that_dies_leaves_indexes_of_all_kinds_in_step) {
+  expectWholeOrNothing(Misfortune::Kind::death, shapedForms(), longStride());
+  expectWholeOrNothing(Misfortune::Kind::deathInWrite, shapedForms(), 2 * longStride());
+}
+
+TEST(CommitCrash, Calls_that_fail_leave_indexes_of_all_kinds_in_step) {
+  expectWholeOrNothing(Misfortune::Kind::failure, shapedForms(), 2 * longStride());
+  expectWholeOrNothing(Misfortune::Kind::failures, shapedForms(), 2 * longStride());
 }
 
 TEST(CommitCrash, A_process_that_dies_within_any_write_leaves_all_of_it_or_nothing) {
-  expectWholeOrNothing(Misfortune::Kind::deathInWrite, {0, 3});
+  expectWholeOrNothing(Misfortune::Kind::deathInWrite, formsOf({0, 3}));
 }
 
 TEST(CommitCrash, A_call_that_fails_once_leaves_all_of_it_or_nothing) {
-  expectWholeOrNothing(Misfortune::Kind::failure, {1, 2});
+  expectWholeOrNothing(Misfortune::Kind::failure, formsOf({1, 2}));
 }
 
 TEST(CommitCrash, Calls_that_fail_from_some_point_on_leave_all_of_it_or_nothing) {
-  expectWholeOrNothing(Misfortune::Kind::failures, {3});
+  expectWholeOrNothing(Misfortune::Kind::failures, formsOf({3}));
 }
 
 TEST(CommitCrash, A_handle_that_lives_on_repairs_when_it_begins) {
@@ -98,12 +112,12 @@ TEST(CommitCrash, A_handle_that_lives_on_repairs_when_it_begins) {
   EXPECT_GT(outcomes[1], 0);
 }
 
-TEST(CommitCrash, Whoever_repairs_may_die_as_well) {
+void repairersDie(const std::vector<TableForm>& forms, std::uint64_t stride) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   strikeEverywhere(
-      Misfortune::Kind::death, {0, 2},
+      Misfortune::Kind::death, forms, stride,
       [&](const Trial& trial, const FreshFolder& folder, int exitCode, const std::string& context) {
         if (exitCode == 0) return;
         FreshFolder other;
@@ -119,6 +133,12 @@ TEST(CommitCrash, Whoever_repairs_may_die_as_well) {
         }
         EXPECT_EQ(trial.outcome(folder, context), expected) << context;
       });
+}
+
+TEST(CommitCrash, Whoever_repairs_may_die_as_well) { repairersDie(formsOf({0, 2}), kStride); }
+
+TEST(CommitCrash, Whoever_repairs_indexes_of_all_kinds_may_die_as_well) {
+  repairersDie(shapedForms(), 2 * longStride());
 }
 
 /// A session whose first commit met a call that failed.

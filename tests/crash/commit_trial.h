@@ -184,6 +184,11 @@ inline std::vector<TableForm> formsOf(std::initializer_list<std::size_t> some) {
   return out;
 }
 
+/// The forms with indexes of many kinds.
+inline std::vector<TableForm> shapedForms() {
+  return {std::begin(kShapedForms), std::end(kShapedForms)};
+}
+
 }  // namespace zelta::testing
 
 #endif  // ZELTA_TESTS_CRASH_COMMIT_TRIAL_H

@@ -22,10 +22,12 @@
 #include "objects/change/rewrite_object.h"
 #include "objects/object_buffer.h"
 #include "objects/read/read_object.h"
+#include "objects/search/search_index.h"
 #include "schema/object_view.h"
 #include "schema/table_create.h"
 #include "schema/table_lifecycle.h"
 #include "support/buffer_table.h"
+#include "support/shapes.h"
 #include "support/storage_fixture.h"
 #include "transaction/commit/abort.h"
 #include "transaction/commit/commit.h"
@@ -47,12 +49,22 @@ struct TableForm {
   bool fixed;
   bool wide;
   bool indexed;
+  /// A box and a span behind the number, points behind the text, and indexes over them.
+  bool shaped = false;
+
+  /// Those indexes, which come behind the B+Trees.
+  [[nodiscard]] std::vector<ShapeKind> searches() const {
+    return shaped ? shapeKinds(!fixed) : std::vector<ShapeKind>();
+  }
 };
 inline constexpr TableForm kForms[] = {{"fixed", true, false, true},
                                        {"fixed wide", true, true, true},
                                        {"variable", false, false, true},
                                        {"variable wide", false, true, true},
                                        {"variable without index", false, false, false}};
+inline constexpr TableForm kShapedForms[] = {
+    {"fixed with shapes", true, false, true, true},
+    {"variable wide with shapes", false, true, true, true}};
 
 /// One edit of a transaction. An ID of 0 lets the library choose.
 struct EditStep {
@@ -74,6 +86,24 @@ inline std::vector<EditStep> adds(std::uint32_t from, std::uint32_t to, std::siz
   std::vector<EditStep> steps;
   for (std::uint32_t i = from; i <= to; ++i) steps.push_back(add(i, i, length));
   return steps;
+}
+
+/// The content of an object's bytes behind the header; bytes that are not a whole object's give
+/// another one.
+inline Content contentIn(const TableForm& form, const char* data, std::size_t length) {
+  Content content;
+  std::memcpy(&content.number, data, 4);
+  const Shapes shapes(content.number);
+  const std::string front = form.shaped ? shapes.fixedBytes() : "";
+  const std::string back = form.shaped && !form.fixed ? shapes.pointBytes() : "";
+  const std::string bytes(data + 4, length - 4);
+  if (bytes.size() < front.size() + back.size()) return {};
+  if (bytes.compare(0, front.size(), front) != 0) return {};
+  if (bytes.compare(bytes.size() - back.size(), back.size(), back) != 0) return {};
+  if (form.fixed) return content;
+  const std::size_t text = bytes.size() - front.size() - back.size();
+  content.text = bytes.substr(front.size(), text == 0 ? 0 : text - 1);
+  return content;
 }
 
 class EditSession {
@@ -103,11 +133,21 @@ class EditSession {
 
   void makeTable() {
     Fields fields = {{CZELTA::TypeUInt32}};
-    Indexes indexes;
+    if (form_.shaped) {
+      for (const FieldSpec& field : Shapes::fixedFields()) fields.push_back(field);
+    }
+    const auto text = static_cast<std::int32_t>(fields.size());
     if (!form_.fixed) fields.push_back({CZELTA::TypeText, 20});
+    if (!form_.fixed && form_.shaped) fields.push_back(Shapes::pointField());
+    Indexes indexes;
     if (form_.indexed) indexes.push_back({Segments{{0, 0}}});
     if (form_.indexed && !form_.fixed) {
-      indexes.push_back({Segments{{1, 0}, {CZELTA::ObjectIdSegment, 0}}});
+      indexes.push_back({Segments{{text, 0}, {CZELTA::ObjectIdSegment, 0}}});
+    }
+    if (form_.shaped) {
+      for (const IndexSpec& index : shapeIndexes(1, text + 1, !form_.fixed)) {
+        indexes.push_back(index);
+      }
     }
     const SchemaRecords records(fields, indexes, form_.wide ? 1U : 0U);
     ASSERT_TRUE(begin(CZELTA::TransactionExclusive).ok()) << error();
@@ -167,8 +207,8 @@ class EditSession {
     }
     return {};
   }
-  /// All objects, found by ID and, if there is an index, by each index in order; `damage` says what
-  /// does not agree.
+  /// All objects, found by ID and, if there is an index, by each index in order, and by searches;
+  /// `damage` says what does not agree.
   Model readAll(std::string* damage) {
     Model found;
     std::uint64_t id = 0;
@@ -177,7 +217,13 @@ class EditSession {
     for (; fetch(mode, 0, nullptr, &content, &id).ok(); mode = CZELTA::ReadNext) {
       found[id] = content;
     }
-    for (std::uint32_t index = 1; index <= table().indexCount; ++index) {
+    const auto searches = static_cast<std::uint32_t>(form_.searches().size());
+    const std::uint32_t trees = table().indexCount - searches;
+    for (std::uint32_t i = 0; i < searches; ++i) {
+      const std::string wrong = searchAll(trees + i + 1, form_.searches()[i], found);
+      if (!wrong.empty()) *damage += wrong + "\n";
+    }
+    for (std::uint32_t index = 1; index <= trees; ++index) {
       Model byKey;
       std::pair<Content, std::uint64_t> last;
       mode = CZELTA::ReadFirst;
@@ -210,9 +256,40 @@ class EditSession {
   void put(const Content& content, const char* head) {
     Packed bytes;
     bytes.raw(std::string(head, table().headerSize())).number(content.number);
+    if (form_.shaped) bytes.raw(Shapes(content.number).fixedBytes());
     if (!form_.fixed) bytes.text(content.text);
+    if (!form_.fixed && form_.shaped) bytes.raw(Shapes(content.number).pointBytes());
     reserveObject(table(), static_cast<std::uint32_t>(bytes.str().size()));
     std::memcpy(table().objectData, bytes.str().data(), bytes.str().size());
+  }
+  /// Searches an index for everything and for the shapes of some objects. Says what is wrong.
+  std::string searchAll(std::uint32_t index, const ShapeKind& kind, const Model& objects) {
+    ShapedObjects shaped;
+    std::vector<Shapes> likes = {Shapes::everything()};
+    for (const auto& [id, content] : objects) {
+      shaped[id] = {Shapes(content.number)};
+      if (id % 8 == 1 && likes.size() < 4) likes.emplace_back(content.number);
+    }
+    for (const Shapes& like : likes) {
+      clearError(metaData);
+      const std::string key = kind.query(like);
+      const Result result = searchIndex(
+          {metaData, tables}, table(),
+          {SearchQuery::Form::shape, index, key.data(), nullptr, toleranceOf(like), CZELTA::Mode{}},
+          nullptr);
+      if (result.failed()) return std::string("search of ") + kind.name + ": " + error();
+      std::set<std::uint64_t> found;
+      std::uint64_t id = 0;
+      CZELTA::Mode mode = CZELTA::ReadFirst;
+      for (; fetch(mode, index, nullptr, nullptr, &id).ok(); mode = CZELTA::ReadNext) {
+        found.insert(id);
+      }
+      const std::set<std::uint64_t> expected = findableIn(kind, like, shaped);
+      if (found == expected) continue;
+      return std::string("search of ") + kind.name + " has found " + std::to_string(found.size()) +
+             " objects, not " + std::to_string(expected.size()) + " (" + error() + ")";
+    }
+    return "";
   }
   Result fetch(CZELTA::Mode mode, std::uint32_t index, const void* key, Content* out,
                std::uint64_t* id = nullptr) {
@@ -220,12 +297,7 @@ class EditSession {
     ZELTA_TRY(readObject({metaData, tables}, table(), {mode, index, key}, nullptr, nullptr));
     const char* data = table().objectData + table().headerSize();
     if (out != nullptr) {
-      std::memcpy(&out->number, data, 4);
-      out->text.clear();
-      if (!form_.fixed) {
-        const std::size_t rest = table().objectLength - table().headerSize() - 4;
-        out->text.assign(data + 4, rest == 0 ? 0 : rest - 1);
-      }
+      *out = contentIn(form_, data, table().objectLength - table().headerSize());
     }
     if (id != nullptr) *id = objectIdOf(table(), table().objectData);
     return {};
@@ -318,9 +390,7 @@ class RawTable {
     const auto slot = positions.find(id);
     expect(slot != positions.end() && slot->second == position,
            "record at " + std::to_string(position) + " belongs to nobody");
-    Content content;
-    content.number = numberAt<std::uint32_t>(bytes_, at + lead);
-    if (!form_.fixed) content.text = bytes_.substr(at + lead + 4, length - lead - 5);
+    const Content content = contentIn(form_, bytes_.data() + at + lead, length - lead);
     expect(objects.emplace(id, content).second, "an object stands there twice");
   }
   void walkFixed() {
