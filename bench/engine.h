@@ -40,11 +40,4 @@ class Engine {
 std::unique_ptr<Engine> makeZelta();
 std::unique_ptr<Engine> makeSqlite();
 
-/// System calls and flushes of this process by the store so far; 0 where they are not counted.
-struct Calls {
-  std::uint64_t all = 0;
-  std::uint64_t flushes = 0;
-};
-Calls countCalls();
-
 #endif  // BENCH_ENGINE_H

@@ -11,12 +11,9 @@
 // "us" is processor time per operation, which says more than the rates on a busy machine. Each
 // phase runs in processes of its own, so that peak memory is that phase's. The seed is fixed.
 
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -28,17 +25,11 @@
 #include <vector>
 
 #include "engine.h"
+#include "phase.h"
 
 namespace {
 
 constexpr std::uint64_t kSeed = 20180207;
-
-/// A number in, another out, one to one and in no order.
-std::uint64_t scatter(std::uint64_t x) {
-  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9;
-  x = (x ^ (x >> 27)) * 0x94d049bb133111eb;
-  return x ^ (x >> 31);
-}
 
 std::string keyOf(std::int64_t number) {
   char text[17];
@@ -58,121 +49,10 @@ Item itemOf(std::int64_t number) {
           std::string(70, static_cast<char>('a' + number % 26))};
 }
 
-struct Measure {
-  double start = 0;  ///< seconds by the clock that all processes share
-  double end = 0;
-  double operations = 0;
-  double calls = 0;
-  double flushes = 0;
-  double transactions = 1;
-  double cpu = 0;  ///< seconds of the processor, of the whole process
-  long peakKilobytes = 0;
+/// What an engine does in a phase.
+using EnginePhase = std::function<Measure(Engine&, const std::function<void()>& go)>;
 
-  [[nodiscard]] double rate() const { return operations / (end - start); }
-};
-
-/// What a process does; it starts its clock when `go` returns.
-using Phase = std::function<Measure(Engine&, const std::function<void()>& go)>;
-
-double now() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-Measure timed(std::int64_t operations, std::int64_t transactions, const std::function<void()>& go,
-              const std::function<void()>& work) {
-  go();
-  const Calls before = countCalls();
-  Measure m;
-  m.start = now();
-  work();
-  m.end = now();
-  const Calls after = countCalls();
-  m.operations = static_cast<double>(operations);
-  m.transactions = static_cast<double>(transactions);
-  m.calls = static_cast<double>(after.all - before.all);
-  m.flushes = static_cast<double>(after.flushes - before.flushes);
-  return m;
-}
-
-/// A process that carries out a phase. It opens the database, then waits for go().
-class Worker {
- public:
-  Worker(std::unique_ptr<Engine> (*make)(), const std::string& folder, bool create,
-         const Phase& phase) {
-    if (pipe(toParent_) != 0 || pipe(toChild_) != 0) throw std::runtime_error("no pipe");
-    child_ = fork();
-    if (child_ == 0) work(make, folder, create, phase);
-    close(toParent_[1]);
-    close(toChild_[0]);
-    char ready = 0;
-    if (read(toParent_[0], &ready, 1) != 1) throw std::runtime_error("a phase failed");
-  }
-  ~Worker() {
-    close(toParent_[0]);
-    close(toChild_[1]);
-  }
-  Worker(const Worker&) = delete;
-  Worker& operator=(const Worker&) = delete;
-
-  void go() {
-    if (write(toChild_[1], "g", 1) != 1) throw std::runtime_error("a phase failed");
-  }
-  Measure finish() {
-    Measure m;
-    const bool readAll = read(toParent_[0], &m, sizeof m) == sizeof m;
-    int status = 0;
-    rusage usage = {};
-    wait4(child_, &status, 0, &usage);
-    if (!readAll || status != 0) throw std::runtime_error("a phase failed");
-    m.peakKilobytes = usage.ru_maxrss;
-    for (const timeval& time : {usage.ru_utime, usage.ru_stime}) {
-      m.cpu += static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
-    }
-    return m;
-  }
-
- private:
-  [[noreturn]] void work(std::unique_ptr<Engine> (*make)(), const std::string& folder, bool create,
-                         const Phase& phase) {
-    try {
-      auto engine = make();
-      if (create) {
-        engine->create(folder);
-      } else {
-        engine->open(folder);
-      }
-      const Measure m = phase(*engine, [this] {
-        char byte = 0;
-        if (write(toParent_[1], "r", 1) != 1 || read(toChild_[0], &byte, 1) != 1) _exit(1);
-      });
-      if (write(toParent_[1], &m, sizeof m) != sizeof m) _exit(1);
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "objects: %s\n", error.what());
-      _exit(1);
-    }
-    _exit(0);
-  }
-
-  int toParent_[2];
-  int toChild_[2];
-  pid_t child_ = -1;
-};
-
-/// Several processes that work side by side count as one.
-Measure together(const Measure& a, const Measure& b) {
-  Measure m = a;
-  m.start = std::min(a.start, b.start);
-  m.end = std::max(a.end, b.end);
-  m.operations += b.operations;
-  m.calls += b.calls;
-  m.flushes += b.flushes;
-  m.transactions += b.transactions;
-  m.cpu += b.cpu;
-  m.peakKilobytes = std::max(a.peakKilobytes, b.peakKilobytes);
-  return m;
-}
-
-Phase loading(std::int64_t count, std::int64_t each) {
+EnginePhase loading(std::int64_t count, std::int64_t each) {
   return [=](Engine& engine, const std::function<void()>& go) {
     return timed(count, (count + each - 1) / each, go, [&] {
       for (std::int64_t i = 0; i < count;) {
@@ -184,7 +64,7 @@ Phase loading(std::int64_t count, std::int64_t each) {
   };
 }
 
-Phase reading(std::int64_t count, std::int64_t reads, bool byKey, bool transactionEach) {
+EnginePhase reading(std::int64_t count, std::int64_t reads, bool byKey, bool transactionEach) {
   return [=](Engine& engine, const std::function<void()>& go) {
     return timed(reads, transactionEach ? reads : 1, go, [&] {
       std::mt19937_64 random(kSeed);
@@ -202,7 +82,7 @@ Phase reading(std::int64_t count, std::int64_t reads, bool byKey, bool transacti
   };
 }
 
-Phase scanning(std::int64_t count) {
+EnginePhase scanning(std::int64_t count) {
   return [=](Engine& engine, const std::function<void()>& go) {
     return timed(count, 1, go, [&] {
       engine.beginRead();
@@ -217,8 +97,8 @@ constexpr std::int64_t kChangesEach = 1000;
 /// `changes` different objects of `count`, in no order, of which this writer takes those from
 /// `first` on in steps of `step`, in transactions of 1,000. `salt` makes the new values; 0:
 /// deletes.
-Phase changing(std::int64_t count, std::int64_t changes, std::int64_t salt, std::int64_t first = 0,
-               std::int64_t step = 1) {
+EnginePhase changing(std::int64_t count, std::int64_t changes, std::int64_t salt,
+                     std::int64_t first = 0, std::int64_t step = 1) {
   return [=](Engine& engine, const std::function<void()>& go) {
     std::vector<std::int64_t> ids(static_cast<std::size_t>(count));
     std::iota(ids.begin(), ids.end(), 1);
@@ -258,7 +138,7 @@ class Comparison {
     return name.find(wanted_) != std::string::npos;
   }
   /// One row: the phases side by side, by both engines. `fresh` begins with new databases.
-  void row(const std::string& name, bool fresh, const std::vector<Phase>& phases) {
+  void row(const std::string& name, bool fresh, const std::vector<EnginePhase>& phases) {
     const Measure zelta = run("zelta", makeZelta, fresh, phases);
     const Measure sqlite = run("sqlite", makeSqlite, fresh, phases);
     if (!wants(name)) return;
@@ -275,19 +155,23 @@ class Comparison {
     std::fflush(stdout);
   }
   /// A row that changes nothing, or what no other row needs.
-  void optional(const std::string& name, bool fresh, const Phase& phase) {
+  void optional(const std::string& name, bool fresh, const EnginePhase& phase) {
     if (wants(name)) row(name, fresh, {phase});
   }
 
  private:
   Measure run(const char* name, std::unique_ptr<Engine> (*make)(), bool fresh,
-              const std::vector<Phase>& phases) {
+              const std::vector<EnginePhase>& phases) {
     const std::string folder = folder_ + "/" + name;
     if (fresh) std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
     std::vector<std::unique_ptr<Worker>> workers;
-    for (const Phase& phase : phases) {
-      workers.push_back(std::make_unique<Worker>(make, folder, fresh, phase));
+    for (const EnginePhase& phase : phases) {
+      workers.push_back(std::make_unique<Worker>([&](const std::function<void()>& go) {
+        const auto engine = make();
+        fresh ? engine->create(folder) : engine->open(folder);
+        return phase(*engine, go);
+      }));
     }
     for (const auto& worker : workers) worker->go();
     Measure all = workers[0]->finish();

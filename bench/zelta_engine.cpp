@@ -5,9 +5,6 @@
 #include <stdexcept>
 
 #include "engine.h"
-#ifdef ZELTA_FAULTS
-#include "platform/faults.h"
-#endif
 
 namespace {
 
@@ -137,11 +134,3 @@ class ZeltaEngine final : public Engine {
 }  // namespace
 
 std::unique_ptr<Engine> makeZelta() { return std::make_unique<ZeltaEngine>(); }
-
-Calls countCalls() {
-#ifdef ZELTA_FAULTS
-  return {zelta::platform::faults::systemCalls(), zelta::platform::faults::flushes()};
-#else
-  return {};
-#endif
-}
