@@ -99,6 +99,8 @@ class Findings {
   void remains(const CheckFile& file, std::uint64_t offset, std::string what) {
     if (options_.remains) add(CheckKind::remains, file, offset, std::move(what));
   }
+  /// An empty collection of as many at most, for looking at what has been reported.
+  [[nodiscard]] Findings without() const { return Findings(options_); }
   /// Nothing more will be taken: loops end then.
   [[nodiscard]] bool full() const { return list.size() >= options_.maximumFindings; }
 

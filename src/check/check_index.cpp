@@ -124,13 +124,19 @@ bool TableCheck::checkIndexTree(CheckFile& file, std::uint32_t index,
   place.from = firstPage_;
   place.to = indexEnd_;
   place.pageSize = pageSize_;
-  CheckedKeys entries;
+  IndexEntries entries;
   const EntryVisitor visit = [&](const TreeEntry& entry) {
-    entries.push_back({entry.hash, entry.objectID, entry.offset});
+    if (entry.ofAnyObject) {
+      entries.ofAnyObject.insert(entry.hash);
+    } else if (isChanging(entry.objectID)) {
+      entries.changing.push_back({entry.hash, entry.objectID, entry.offset});
+    } else {
+      entries.digest.add(entry.hash, entry.objectID);
+    }
   };
   const bool complete = kind->walk({findings_, file, place, extents, visit});
   ++findings_.counts.indexes;
-  if (complete && recordsComplete_) compareKeys(file, index, rootOffset, entries);
+  if (complete && recordsComplete_) compareEntries(file, index, place, entries);
   return complete;
 }
 

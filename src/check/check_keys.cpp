@@ -1,5 +1,5 @@
 // The keys that the objects of a table have, and what commits that are still to be carried out
-// change of them, against those of its indexes.
+// change of them.
 //
 // A commit changes the index file in one step, and then the table file in another. So of the keys
 // that it takes away or brings the index file has all changes or none; which, nobody knows before.
@@ -10,16 +10,6 @@
 #include "check/check_table.h"
 
 namespace zelta::check {
-
-namespace {
-
-bool before(const CheckedKey& a, const CheckedKey& b) {
-  return a.hash != b.hash ? a.hash < b.hash : a.objectID < b.objectID;
-}
-
-}  // namespace
-
-// -- What the index should have ---------------------------------------------------------------
 
 CheckedKeys TableCheck::keysOf(std::uint32_t index, const CheckedObject& object) {
   CheckedKeys keys;
@@ -41,6 +31,22 @@ const PendingCommit* TableCheck::commitOf(std::uint64_t id) {
   return found == commits_.end() ? nullptr : &*found;
 }
 
+/// Whether a commit that is still to be carried out has anything to do with an object.
+bool TableCheck::isChanging(std::uint64_t id) const {
+  return std::any_of(commits_.begin(), commits_.end(), [&](const PendingCommit& commit) {
+    return commit.images.count(id) != 0 || commit.deleted.count(id) != 0;
+  });
+}
+
+/// A key that the index must have.
+void TableCheck::takeKey(std::uint32_t index, const CheckedKey& key) {
+  if (isChanging(key.objectID)) {
+    keys_[index].changing.push_back(key);
+  } else {
+    keys_[index].digest.add(key.hash, key.objectID);
+  }
+}
+
 /// The bytes of an image, good until the log is looked at again; null if they are no object.
 const char* TableCheck::viewImage(const PendingCommit& commit, std::uint64_t id) {
   const PendingCommit::Image image = commit.images.at(id);
@@ -58,20 +64,21 @@ void TableCheck::takeKeys(std::uint64_t id, std::uint64_t position, const char* 
   const PendingCommit* commit = commitOf(id);
   const bool rewritten = commit != nullptr && commit->images.count(id) != 0;
   const char* image = rewritten ? viewImage(*commit, id) : nullptr;
+  if (!isChanging(id) && table_.indexCount != 0) sound_.push_back(position);
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
     CheckedKeys old = keysOf(i, {id, position, object, length});
     if (commit == nullptr) {
-      keys_[i].insert(keys_[i].end(), old.begin(), old.end());
+      for (const CheckedKey& key : old) takeKey(i, key);
       continue;
     }
     CheckedKeys later;
     if (image != nullptr) {
       later = keysOf(i, {id, position, image, commit->images.at(id).length});
     }
-    std::sort(old.begin(), old.end(), before);
-    std::sort(later.begin(), later.end(), before);
+    std::sort(old.begin(), old.end(), isBefore);
+    std::sort(later.begin(), later.end(), isBefore);
     std::set_intersection(old.begin(), old.end(), later.begin(), later.end(),
-                          std::back_inserter(keys_[i]), before);
+                          std::back_inserter(keys_[i].changing), isBefore);
     addChanged(i, old, later, *commit, false);
     addChanged(i, later, old, *commit, true);
   }
@@ -82,11 +89,11 @@ void TableCheck::addChanged(std::uint32_t index, const CheckedKeys& from,
                             const CheckedKeys& without, const PendingCommit& commit, bool comes) {
   CheckedKeys changed;
   std::set_difference(from.begin(), from.end(), without.begin(), without.end(),
-                      std::back_inserter(changed), before);
+                      std::back_inserter(changed), isBefore);
   for (CheckedKey& key : changed) {
     key.commit = static_cast<std::uint32_t>(&commit - commits_.data()) + 1;
     key.comes = comes;
-    keys_[index].push_back(key);
+    keys_[index].changing.push_back(key);
   }
 }
 
@@ -96,8 +103,9 @@ void TableCheck::takeImageKeys(const PendingCommit& commit, std::uint64_t id,
   const char* image = viewImage(commit, id);
   if (image == nullptr) return;
   for (std::uint32_t i = 0; i < table_.indexCount; ++i) {
-    const CheckedKeys keys = keysOf(i, {id, position, image, commit.images.at(id).length});
-    keys_[i].insert(keys_[i].end(), keys.begin(), keys.end());
+    for (const CheckedKey& key : keysOf(i, {id, position, image, commit.images.at(id).length})) {
+      takeKey(i, key);
+    }
   }
 }
 
@@ -113,64 +121,6 @@ void TableCheck::takeNewKeys() {
         addChanged(i, keysOf(i, {id, facts_.slot(id), image, place.length}), {}, commit, true);
       }
     }
-  }
-}
-
-// -- What it has ------------------------------------------------------------------------------
-
-/// Every key of an object has an entry, and every entry an object with its key.
-void TableCheck::compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
-                             CheckedKeys& entries) {
-  constexpr std::uint64_t kNamed = 10;  // more of a kind are only counted
-  CheckedKeys& keys = keys_[index];
-  std::sort(keys.begin(), keys.end(), before);
-  std::sort(entries.begin(), entries.end(), before);
-  std::uint64_t missing = 0;
-  std::uint64_t unowned = 0;
-  std::uint64_t ahead = 0;
-  const std::string name = "index " + text(index) + ": ";
-  auto key = keys.begin();
-  auto entry = entries.begin();
-  while (key != keys.end() || entry != entries.end()) {
-    const bool lacking = entry == entries.end() || (key != keys.end() && before(*key, *entry));
-    const bool alone = !lacking && (key == keys.end() || before(*entry, *key));
-    if (alone) {
-      if (unowned++ < kNamed) {
-        findings_.damage(file, entry->offset,
-                         name + "object " + text(entry->objectID) + " has no such key");
-      }
-    } else if (key->commit != 0) {
-      PendingCommit& commit = commits_[key->commit - 1];
-      const bool changed = key->comes != lacking;
-      (changed ? commit.keysAhead : commit.keysBehind) = true;
-      if (changed) ++ahead;
-    } else if (lacking && missing++ < kNamed) {
-      findings_.damage(file_, key->offset,
-                       name + "key of object " + text(key->objectID) + " is missing");
-    }
-    if (!lacking && !alone) ++findings_.counts.keys;
-    if (!alone) ++key;
-    if (!lacking) ++entry;
-  }
-  if (missing > kNamed || unowned > kNamed) {
-    findings_.damage(
-        file, rootOffset,
-        name + text(missing) + " keys are missing, " + text(unowned) + " belong to no object");
-  }
-  if (ahead != 0) {
-    findings_.pending(file, rootOffset,
-                      name + text(ahead) + " keys are changed, the objects are still to follow");
-  }
-  CheckedKeys().swap(keys);
-}
-
-/// An index file changes in one step: it cannot have one key of a commit and lack another.
-void TableCheck::checkCommits(const CheckFile& file) {
-  for (const PendingCommit& commit : commits_) {
-    if (!commit.keysAhead || !commit.keysBehind) continue;
-    findings_.damage(file, 0,
-                     "of the keys that transaction " + text(commit.number) +
-                         " changes some are changed and some are not");
   }
 }
 

@@ -63,9 +63,12 @@ std::uint64_t hashKey(const char* key, std::size_t bytes) {
 bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys) {
   const bool many = table.multiEntry(index);
   const KeyShape shape = table.keyShape(index);
-  for (std::uint32_t entry = 0; entry == 0 || many; ++entry) {
+  KeySource from{{object.bytes, object.length}, 0};
+  RowPlaces rows;
+  from.rows = &rows;
+  for (; from.entry == 0 || many; ++from.entry) {
     std::uint32_t* key = nullptr;
-    const Result made = extractKey(table, index, {{object.bytes, object.length}, entry}, &key);
+    const Result made = extractKey(table, index, from, &key);
     if (made.failed()) return false;
     if (key == nullptr) return many;
     keys.push_back(

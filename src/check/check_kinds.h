@@ -25,6 +25,10 @@ struct CheckedKey {
   bool comes = false;  ///< with that commit; otherwise it goes
 };
 using CheckedKeys = std::vector<CheckedKey>;
+/// An order in which equal keys of one object stand together.
+[[nodiscard]] inline bool isBefore(const CheckedKey& a, const CheckedKey& b) {
+  return a.hash != b.hash ? a.hash < b.hash : a.objectID < b.objectID;
+}
 
 /// An object whose keys are wanted. Its encoding is sound.
 struct CheckedObject {

@@ -8,9 +8,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "check/check_control.h"
+#include "check/check_digest.h"
 #include "check/check_entries.h"
 #include "check/check_file.h"
 #include "check/check_kinds.h"
@@ -36,6 +38,28 @@ struct TableFacts {
   std::uint64_t end = 0;
   [[nodiscard]] bool fixed() const { return fixedAreaSize == minimumObjectSize; }
   [[nodiscard]] std::uint64_t slot(std::uint64_t id) const { return slotBase + 12 * id; }
+};
+
+/// The keys on one side of a comparison.
+struct KeySide {
+  KeyDigest digest;
+  CheckedKeys changing;  ///< those of objects that commits are still to change are kept
+};
+
+using HashSet = std::unordered_set<std::uint64_t>;
+
+/// The keys that an index has.
+struct IndexEntries : KeySide {
+  HashSet ofAnyObject;  ///< keys whose objects are not listed
+};
+
+/// What is compared one by one, and what is known of the rest.
+struct KeyComparison {
+  CheckedKeys keys;
+  CheckedKeys entries;
+  bool isPart = false;  ///< there are more differences, of which only this is known
+  std::uint64_t missing = 0;
+  std::uint64_t unowned = 0;
 };
 
 /// One table, once. The sources named below have a part each.
@@ -74,8 +98,16 @@ class TableCheck {
   void addChanged(std::uint32_t index, const CheckedKeys& from, const CheckedKeys& without,
                   const PendingCommit& commit, bool comes);
   [[nodiscard]] const PendingCommit* commitOf(std::uint64_t id);
+  void takeKey(std::uint32_t index, const CheckedKey& key);
+  [[nodiscard]] bool isChanging(std::uint64_t id) const;
+  // check_compare.cpp
+  void compareEntries(CheckFile& file, std::uint32_t index, const TreePlace& place,
+                      const IndexEntries& entries);
+  template <class Take>
+  void forEachSoundKey(std::uint32_t index, Take take);
+  void leaveOut(std::uint32_t index, const HashSet& ofAnyObject);
   void compareKeys(const CheckFile& file, std::uint32_t index, std::uint64_t rootOffset,
-                   CheckedKeys& entries);
+                   KeyComparison& comparison);
   void checkCommits(const CheckFile& file);
   // check_index.cpp
   void checkIndexFile();
@@ -101,7 +133,8 @@ class TableCheck {
   bool recordsComplete_ = false;
   std::uint64_t nextFree_ = 0;  ///< free block that the walk must meet next
   std::uint64_t nextFreeOffset_ = 0;
-  std::vector<CheckedKeys> keys_;  ///< by index
+  std::vector<KeySide> keys_;         ///< of objects, by index
+  std::vector<std::uint64_t> sound_;  ///< records of the objects in the digests of keys_
   std::uint64_t firstPage_ = 0;
   std::uint32_t pageSize_ = 0;
   std::uint64_t indexEnd_ = 0;
