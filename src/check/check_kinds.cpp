@@ -1,9 +1,9 @@
 #include "check/check_kinds.h"
 
 #include "check/check_btree.h"
+#include "check/check_list.h"
 #include "check/check_rtree.h"
 #include "index/keys/keys.h"
-#include "index/pattern/pattern_points.h"
 
 namespace zelta::check {
 
@@ -14,6 +14,8 @@ constexpr KindCheck kKinds[] = {
     {CZELTA::SpatialTree, true, checkSpatialTree, makeKeys},
     {CZELTA::TemporalTree, true, checkTemporalTree, makeKeys},
     {CZELTA::SpatialPattern, false, checkPatternTree, makePoints},
+    {CZELTA::AsciiList, false, checkAsciiList, makeAsciiWords},
+    {CZELTA::WideList, false, checkWideList, makeWideWords},
 };
 
 constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
@@ -21,22 +23,6 @@ constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
 std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
   hash = (hash ^ word) * kFactor;
   return hash ^ (hash >> 29);
-}
-
-template <std::size_t Axes>
-bool addPoints(const PatternField& field, const CheckedObject& object, CheckedKeys& keys) {
-  const Result read = field.forEach<Axes>(
-      {object.bytes, object.length}, [&](const PointBytes& points, std::uint32_t row) {
-        for (std::uint64_t i = 0; i < points.count; ++i) {
-          std::uint32_t key[Axes + 1];
-          std::memcpy(key, points.first + i * Axes * sizeof *key, Axes * sizeof *key);
-          key[Axes] = row;
-          const std::uint32_t words = field.hasRows() ? Axes + 1 : Axes;
-          keys.push_back({hashKey(key, words), object.id, object.position});
-        }
-        return true;
-      });
-  return read.ok();
 }
 
 }  // namespace
@@ -76,13 +62,6 @@ bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, Ch
     table.keyPool(index).release(shape, key);
   }
   return true;
-}
-
-bool makePoints(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys) {
-  const PatternField field(table, index);
-  if (!field.isFound()) return false;
-  return field.type() == CZELTA::TypePoints2 ? addPoints<2>(field, object, keys)
-                                             : addPoints<3>(field, object, keys);
 }
 
 }  // namespace zelta::check

@@ -55,8 +55,16 @@ struct KindCheck {
 
 /// KindCheck::keysOf() of the kinds with keys.
 bool makeKeys(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
-/// The same of sets of points: each point is a key, with the number of its row if it has one.
+
+// The same of the kinds of contents, in check_contents.cpp
+
+/// Each point is a key, with the number of its row if it has one.
 bool makePoints(Table& table, std::uint32_t index, const CheckedObject& object, CheckedKeys& keys);
+/// Each word is a key, with the prefix in front.
+bool makeAsciiWords(Table& table, std::uint32_t index, const CheckedObject& object,
+                    CheckedKeys& keys);
+bool makeWideWords(Table& table, std::uint32_t index, const CheckedObject& object,
+                   CheckedKeys& keys);
 
 }  // namespace zelta::check
 
