@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
-#include "check/shapes.h"
+#include "check/shape_database.h"
 
 namespace zelta::testing {
 namespace {
 
 constexpr std::uint16_t kBranch = 0x6E69;
 
-class ShapeDamage : public Shapes, public ::testing::WithParamInterface<std::uint32_t> {
+class ShapeDamage : public ShapeDatabase, public ::testing::WithParamInterface<std::uint32_t> {
  protected:
   struct Node {
     std::uint64_t at;

@@ -69,8 +69,9 @@ class TreeWalk {
   enum class Purpose { search, insert, merge };
 
   TreeWalk(const IndexTree& treeOf, const Format& formatOf, Purpose purpose);
-  TreeWalk(const IndexTree& treeOf, Purpose purpose) requires std::is_base_of_v<TreeShape, Format>
-      : TreeWalk(treeOf, Format{treeOf.shape()}, purpose) {}
+  template <class Shaped = Format>
+  requires std::is_base_of_v<TreeShape, Shaped> TreeWalk(const IndexTree& treeOf, Purpose purpose)
+      : TreeWalk(treeOf, Shaped{treeOf.shape()}, purpose) {}
 
   /// Takes a node into the buffer of `role`. All of it is checked; a leaf has a key at least.
   Result load(std::uint64_t position, Node& node, PageRole role);

@@ -1,8 +1,8 @@
 // A database with one table of boxes, time spans and sets of points, with and without rows, whose
 // trees have seen additions, rewrites and deletions.
 
-#ifndef ZELTA_TESTS_CHECK_SHAPES_H
-#define ZELTA_TESTS_CHECK_SHAPES_H
+#ifndef ZELTA_TESTS_CHECK_SHAPE_DATABASE_H
+#define ZELTA_TESTS_CHECK_SHAPE_DATABASE_H
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@
 
 namespace zelta::testing {
 
-class Shapes : public DatabaseTest {
+class ShapeDatabase : public DatabaseTest {
  protected:
   static constexpr unsigned kTable = 1;
   static constexpr const char* kIndexFile = "T.zli";
@@ -132,4 +132,4 @@ class Shapes : public DatabaseTest {
 
 }  // namespace zelta::testing
 
-#endif  // ZELTA_TESTS_CHECK_SHAPES_H
+#endif  // ZELTA_TESTS_CHECK_SHAPE_DATABASE_H
