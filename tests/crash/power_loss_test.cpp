@@ -61,8 +61,7 @@ class PowerLoss : public ::testing::Test {
 TEST_F(PowerLoss, Leaves_all_of_a_transaction_or_nothing) {
   SCOPED_TRACE("seed " + std::to_string(seed_));
   const std::vector<Scene> all = scenes();
-  std::vector<TableForm> forms(std::begin(kForms), std::end(kForms));
-  for (const TableForm& form : kShapedForms) forms.push_back(form);
+  const std::vector<TableForm> forms = allForms();
   for (std::size_t i = 0; i < all.size(); ++i) {
     for (std::size_t form = 0; form < forms.size(); ++form) {
       if (!thorough_ && form != (i + seed_) % forms.size()) continue;

@@ -66,6 +66,13 @@ inline constexpr TableForm kShapedForms[] = {
     {"fixed with shapes", true, false, true, true},
     {"variable wide with shapes", false, true, true, true}};
 
+/// All of these.
+inline std::vector<TableForm> allForms() {
+  std::vector<TableForm> forms(std::begin(kForms), std::end(kForms));
+  forms.insert(forms.end(), std::begin(kShapedForms), std::end(kShapedForms));
+  return forms;
+}
+
 /// One edit of a transaction. An ID of 0 lets the library choose.
 struct EditStep {
   enum class Kind { add, rewrite, erase };

@@ -118,7 +118,7 @@ TEST(Commit, Writes_an_entry_with_images_and_deleted_ids) {
 }
 
 TEST(Commit, A_second_commit_of_a_transaction_brings_only_what_came_between) {
-  for (const TableForm& form : kForms) {
+  for (const TableForm& form : allForms()) {
     Bench bench(form);
     EditSession session(bench.folder, form);
     ASSERT_TRUE(session.enter().ok());
@@ -311,7 +311,7 @@ TEST(Commit, Ten_thousand_adds_make_few_calls) {
 // -- Abort ----------------------------------------------------------------------------------------
 
 TEST(Abort, Leaves_table_and_index_byte_for_byte) {
-  for (const TableForm& form : kForms) {
+  for (const TableForm& form : allForms()) {
     Bench bench(form);
     bench.fill(20);
     EditSession session(bench.folder, form);
@@ -373,7 +373,7 @@ TEST(Abort, With_kept_locks_moves_rewritten_and_deleted_objects_to_the_locked_on
 TEST(CommitModel, Random_transactions_leave_what_a_plain_map_would) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  for (const TableForm& form : kForms) {
+  for (const TableForm& form : allForms()) {
     SCOPED_TRACE(form.name);
     Bench bench(form);
     Model model;
