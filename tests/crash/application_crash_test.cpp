@@ -14,11 +14,12 @@
 #include "crash/recorded_disk.h"
 #include "support/check_database.h"
 #include "support/database_fixture.h"
+#include "support/shapes.h"
 
 namespace zelta::testing {
 namespace {
 
-constexpr unsigned kPeople = 1;  ///< variable, with sub-records
+constexpr unsigned kPeople = 1;  ///< variable, with sub-records and shapes
 constexpr unsigned kOrders = 2;  ///< fixed, wide IDs
 constexpr unsigned kNotes = 3;   ///< comes and goes
 constexpr unsigned kTimeout = 10000;
@@ -29,16 +30,24 @@ struct People {
   People(const People&) = delete;
   People& operator=(const People&) = delete;
   CZELTA::Schema::Field tags[1] = {{CZELTA::TypeUInt32, 0, 0, 0, u"tag", nullptr}};
-  CZELTA::Schema::Field fields[3] = {{CZELTA::TypeUInt32, 0, 0, 0, u"number", nullptr},
+  CZELTA::Schema::Field fields[7] = {{CZELTA::TypeUInt32, 0, 0, 0, u"number", nullptr},
+                                     {CZELTA::TypeRect2, 0, 0, 0, u"garden", nullptr},
+                                     {CZELTA::TypeDate, 0, 0, 0, u"comes", nullptr},
+                                     {CZELTA::TypeDate, 0, 0, 0, u"goes", nullptr},
                                      {CZELTA::TypeText, 0, 20, 0, u"name", nullptr},
-                                     {CZELTA::TypeSubRecords, 0, 8, 1, u"tags", tags}};
+                                     {CZELTA::TypeSubRecords, 0, 8, 1, u"tags", tags},
+                                     {CZELTA::TypePoints2, 0, 20, 0, u"trees", nullptr}};
   CZELTA::Schema::Segment byNumber[1] = {{0, 0}};
-  CZELTA::Schema::Segment byName[2] = {{1, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
-  CZELTA::Schema::Segment byTag[2] = {{3, CZELTA::SegmentDescending}, {CZELTA::ObjectIdSegment, 0}};
-  CZELTA::Schema::Index indexes[3] = {{0, CZELTA::BPlusTree, 1, {0}, byNumber},
-                                      {0, CZELTA::BPlusTree, 2, {0}, byName},
-                                      {0, CZELTA::BPlusTree, 2, {0}, byTag}};
-  CZELTA::Schema schema{0, 3, kPeople, 0, 3, 0, u"people", nullptr, fields, indexes};
+  CZELTA::Schema::Segment byName[2] = {{4, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Segment byTag[2] = {{7, CZELTA::SegmentDescending}, {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Segment byGarden[1] = {{1, 0}};
+  CZELTA::Schema::Segment byStay[2] = {{2, 0}, {3, 0}};
+  CZELTA::Schema::Segment byTrees[1] = {{6, 0}};
+  CZELTA::Schema::Index indexes[6] = {
+      {0, CZELTA::BPlusTree, 1, {0}, byNumber},  {0, CZELTA::BPlusTree, 2, {0}, byName},
+      {0, CZELTA::BPlusTree, 2, {0}, byTag},     {0, CZELTA::SpatialTree, 1, {0}, byGarden},
+      {0, CZELTA::TemporalTree, 2, {0}, byStay}, {0, CZELTA::SpatialPattern, 1, {0}, byTrees}};
+  CZELTA::Schema schema{0, 6, kPeople, 0, 7, 0, u"people", nullptr, fields, indexes};
 };
 struct Orders {
   Orders() = default;
@@ -150,9 +159,12 @@ class Application {
     const auto length = static_cast<std::uint32_t>(4 + 4 * tags.size());
     values.append(reinterpret_cast<const char*>(&length), sizeof length);
     values.append(reinterpret_cast<const char*>(tags.data()), 4 * tags.size());
-    must(db_.PutVariableValues(kPeople, values.data(), static_cast<unsigned>(values.size()), 0, 2,
+    const Shapes shapes(number);
+    values += shapes.pointBytes();
+    must(db_.PutVariableValues(kPeople, values.data(), static_cast<unsigned>(values.size()), 0, 3,
                                &object_));
-    std::memcpy(object_.data, &number, sizeof number);
+    const std::string fixed = Packed().number(number).raw(shapes.fixedBytes());
+    std::memcpy(object_.data, fixed.data(), fixed.size());
   }
   void addPerson(std::uint32_t number, const std::vector<std::uint32_t>& tags) {
     must(db_.NewObject(kPeople, &object_, 0));
@@ -195,7 +207,36 @@ class Application {
   CZELTA::Object object_{};
 };
 
-/// All that a database holds, in the order of each index.
+/// The people whom some searches find. Searches that find nobody leave no trace: the first writer
+/// that needs an index file makes it.
+std::string foundPeople(CZELTA& db) {
+  constexpr unsigned kFirst = 4;
+  std::string all;
+  for (unsigned i = 0; i < 3; ++i) {
+    const ShapeKind kind = shapeKinds(true)[i];
+    for (const std::uint32_t number : {0u, 1u, 3u, 77u}) {
+      const Shapes like = number == 0 ? Shapes::everything() : Shapes(number);
+      const auto searched = db.SearchIndex(kPeople, kFirst + i, kind.query(like).data(),
+                                           toleranceOf(like), CZELTA::Mode{}, nullptr);
+      if (searched == systemCode(2)) return "";
+      must(searched);
+      std::string ids;
+      CZELTA::Object object{};
+      CZELTA::Mode step = CZELTA::ReadFirst;
+      for (;; step = CZELTA::ReadNext) {
+        const auto result = db.ReadObject(kPeople, step, &object, kFirst + i, nullptr, nullptr);
+        if (result == ownCode(32)) break;
+        must(result);
+        ids += " " + std::to_string(object.objectID);
+      }
+      if (ids.empty()) continue;
+      all += std::string(kind.name) + " like " + std::to_string(number) + ":" + ids + "\n";
+    }
+  }
+  return all;
+}
+
+/// All that a database holds, in the order of each index, and what searches find.
 std::string contentsOf(const std::u16string& path, CZELTA::Mode mode) {
   CZELTA db;
   must(db.OpenDatabase(path.c_str()));
@@ -222,6 +263,7 @@ std::string contentsOf(const std::u16string& path, CZELTA::Mode mode) {
       }
     }
   }
+  all += foundPeople(db);
   must(db.EndTransaction());
   return all;
 }
