@@ -13,6 +13,7 @@
 #include "czelta.h"
 #include "support/buffer_table.h"
 #include "support/database_fixture.h"
+#include "support/shapes.h"
 
 namespace zelta::testing {
 
@@ -34,9 +35,9 @@ inline std::ostream& operator<<(std::ostream& out, const CrowdRow& row) {
 }
 
 enum CrowdTable : std::uint32_t {
-  kTexts = 1,   ///< a text; locks in the order of keys
+  kTexts = 1,   ///< a text and all shapes; locks in the order of keys
   kOrders = 2,  ///< sub-records with an index over them, wide IDs; locks in the order of IDs
-  kCoins = 3    ///< fixed; locks in the descending order of keys
+  kCoins = 3    ///< fixed, with a box and a span; locks in the descending order of keys
 };
 inline constexpr std::uint32_t kCrowdTables = 3;
 
@@ -62,6 +63,24 @@ inline std::string orderRows(const CrowdRow& row) {
   return Packed().binary(rows);
 }
 
+/// The shapes that belong to a row. Box and span stay when the key does.
+inline Shapes shapesOf(const CrowdRow& row) {
+  Shapes shapes(row.key);
+  shapes.points = Shapes(row.sequence).points;
+  return shapes;
+}
+/// The indexes over them, which come behind the first two.
+inline constexpr unsigned kFirstSearch = 3;
+inline std::vector<ShapeKind> searchesOf(std::uint32_t table) {
+  return table == kOrders ? std::vector<ShapeKind>() : shapeKinds(table == kTexts);
+}
+
+/// The fixed fields that belong to a row.
+inline std::string fixedPart(std::uint32_t table, const CrowdRow& row) {
+  std::string fixed(reinterpret_cast<const char*>(&row), sizeof row);
+  return table == kOrders ? fixed : fixed + shapesOf(row).fixedBytes();
+}
+
 /// The encoded variable fields that belong to a row.
 inline std::string variablePart(std::uint32_t table, const CrowdRow& row) {
   if (table == kOrders) return orderRows(row);
@@ -70,7 +89,7 @@ inline std::string variablePart(std::uint32_t table, const CrowdRow& row) {
   std::string text = std::to_string(hash) + ":";
   text.append(hash % 40 == 0 ? 5000 + hash % 3000 : hash % 130,
               static_cast<char>('a' + row.key % 26));
-  return Packed().text(text);
+  return Packed().text(text).raw(shapesOf(row).pointBytes());
 }
 
 /// A handle of the database.
@@ -108,20 +127,21 @@ class CrowdHandle {
   }
   /// Whether the object read last is one that somebody has stored, to the last byte.
   [[nodiscard]] bool isWhole(std::uint32_t table) const {
-    const std::string part = variablePart(table, row());
-    if (object.length != sizeof(CrowdRow) + part.size()) return false;
-    return part.empty() || std::memcmp(object.variableData, part.data(), part.size()) == 0;
+    const std::string all = fixedPart(table, row()) + variablePart(table, row());
+    return object.length == all.size() && std::memcmp(object.data, all.data(), all.size()) == 0;
   }
 
  private:
   unsigned long long put(std::uint32_t table, const CrowdRow& row) {
     const std::string part = variablePart(table, row);
     if (!part.empty()) {
-      const auto failure = db.PutVariableValues(table, part.data(),
-                                                static_cast<unsigned>(part.size()), 0, 1, &object);
+      const unsigned fields = table == kTexts ? 2 : 1;
+      const auto failure = db.PutVariableValues(
+          table, part.data(), static_cast<unsigned>(part.size()), 0, fields, &object);
       if (failure != 0) return failure;
     }
-    std::memcpy(object.data, &row, sizeof row);
+    const std::string fixed = fixedPart(table, row);
+    std::memcpy(object.data, fixed.data(), fixed.size());
     return 0;
   }
 };
@@ -133,14 +153,21 @@ inline void makeCrowdTables(const std::u16string& path) {
     const Segments stamp = {{1, 0}, {2, 0}};
     const FieldSpec number{CZELTA::TypeUInt64};
     const FieldSpec word{CZELTA::TypeUInt32};
-    SchemaRecords texts({number, word, word, {CZELTA::TypeText, 100}}, {{key}, {stamp}}, 0,
-                        u"texts");
+    Fields shaped = {number, word, word};
+    for (const FieldSpec& field : Shapes::fixedFields()) shaped.push_back(field);
+    const auto indexed = [&](std::uint32_t table) {
+      Indexes indexes = {{key}, {stamp}};
+      for (const IndexSpec& index : shapeIndexes(3, 7, table == kTexts)) indexes.push_back(index);
+      return indexes;
+    };
+    Fields textFields = shaped;
+    textFields.insert(textFields.end(), {{CZELTA::TypeText, 100}, Shapes::pointField()});
+    SchemaRecords texts(textFields, indexed(kTexts), 0, u"texts");
     texts.schema.lockIndex = 1;
     const FieldSpec rows{CZELTA::TypeSubRecords, 60, {word, {CZELTA::TypeText, 8}}};
     SchemaRecords orders({number, word, word, rows}, {{key}, {stamp}, {Segments{{4, 0}}}},
                          CZELTA::SchemaWideObjectIds, u"orders");
-    SchemaRecords coins({number, word, word}, {{key}, {stamp}}, CZELTA::SchemaLockDescending,
-                        u"coins");
+    SchemaRecords coins(shaped, indexed(kCoins), CZELTA::SchemaLockDescending, u"coins");
     coins.schema.lockIndex = 1;
     CZELTA db;
     if (db.CreateDatabase(path.c_str()) != 0) return 1;

@@ -147,6 +147,11 @@ class Crowd : public DatabaseTest {
         }
         ASSERT_EQ(result, ownCode(32)) << messageOf(handle.db);
       }
+      ShapedObjects shaped;
+      for (const auto& [stamp, held] : byIndex[0]) {
+        shaped[static_cast<std::uint64_t>(held.id)] = {shapesOf(held.row)};
+      }
+      compareSearches(handle.db, table, kFirstSearch, searchesOf(table), shaped);
       ASSERT_TRUE(byIndex[0] == byIndex[1]) << "table " << table;
       ASSERT_TRUE(byIndex[0] == byIndex[2]) << "table " << table;
       found.merge(byIndex[0]);
@@ -172,8 +177,9 @@ class Crowd : public DatabaseTest {
               << " committed, " << board->aborted << " aborted, " << ledger.finished()
               << " cut off and there, " << ledger.dropped() << " cut off and not there; operations "
               << board->retried << " met a lock, " << board->refused << " met a key; "
-              << board->restored << " objects restored, " << board->repaired << " replays; "
-              << checks << " checks, " << ledger.contents().size() << " objects" << std::endl;
+              << board->restored << " objects restored, " << board->searched << " searches, "
+              << board->repaired << " replays; " << checks << " checks, "
+              << ledger.contents().size() << " objects" << std::endl;
   }
   /// How long a test runs: short as part of all tests, longer if these are to be thorough.
   static double timeToRun(double brief) {

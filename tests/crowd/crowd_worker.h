@@ -23,6 +23,7 @@ struct CrowdBoard {
   std::atomic<std::uint64_t> retried{0};   ///< operations that met a lock
   std::atomic<std::uint64_t> refused{0};   ///< operations that met a key
   std::atomic<std::uint64_t> restored{0};  ///< objects
+  std::atomic<std::uint64_t> searched{0};  ///< indexes, with all results read
   std::atomic<std::uint64_t> repaired{0};  ///< operations that repaired a table on their way
 };
 
@@ -180,7 +181,7 @@ class CrowdWorker {
       case 3:
         return restore();
       case 4:
-        return readOwn();
+        return dice(3) == 0 ? search() : readOwn();
       default:
         break;
     }
@@ -268,6 +269,51 @@ class CrowdWorker {
     }
     if (!there || !handle_.isWhole(table_) || !(handle_.row() == own.row)) return __LINE__;
     return dice(3) == 0 ? remove() : rewrite();
+  }
+  /// Searches for shapes like those of an object that this transaction has changed, if there is one.
+  int search() {
+    Shapes like(dice(400));
+    Objects::iterator place;
+    if (choose(&place) && !place->second.removed) like = shapesOf(place->second.row);
+    const std::vector<ShapeKind> kinds = searchesOf(table_);
+    if (kinds.empty()) return 0;
+    const std::uint32_t which = dice(static_cast<std::uint32_t>(kinds.size()));
+    const unsigned index = kFirstSearch + which;
+    long long count = 0;
+    if (!done([&] {
+          return handle_.db.SearchIndex(table_, index, kinds[which].query(like).data(),
+                                        toleranceOf(like), CZELTA::Mode{}, &count);
+        })) {
+      return is(kLocked) ? 0 : __LINE__;
+    }
+    std::set<std::int64_t> found;
+    auto mode = CZELTA::ReadFirst;
+    while (done([&] {
+      return handle_.read(table_, mode | CZELTA::ReadNoLock | CZELTA::ReadNoWait, index, nullptr);
+    })) {
+      if (!handle_.isWhole(table_) || !found.insert(here().second).second) return __LINE__;
+      mode = CZELTA::ReadNext;
+    }
+    if (!is(32)) return is(kLocked) ? 0 : __LINE__;
+    // A commit that others are still to carry out ends a walk early. Steps are counted together.
+    const bool whole = found.size() == static_cast<std::uint64_t>(count);
+    if (kinds[which].key == nullptr || !whole) return 0;
+    ++board_.searched;
+    return expectOwn(kinds[which], like, found);
+  }
+  /// What this transaction has changed is found by what it has now. An object with a key that
+  /// another one has given up may be passed over.
+  int expectOwn(const ShapeKind& kind, const Shapes& like, const std::set<std::int64_t>& found) {
+    for (const auto& [place, own] : objects_) {
+      if (place.first != table_ || (own.removed && !own.existed)) continue;
+      const bool isThere = found.count(place.second) != 0;
+      const bool matches = !own.removed && kind.matches(shapesOf(own.row), like);
+      const bool isNew = !own.removed && (!own.existed || kind.key(shapesOf(own.row)) !=
+                                                              kind.key(shapesOf(own.former)));
+      if (isThere && !matches) return __LINE__;
+      if (isNew && matches && !isThere) return __LINE__;
+    }
+    return 0;
   }
   int rewrite() {
     const CrowdRow before = handle_.row();
