@@ -88,31 +88,55 @@ std::string utf8(const std::u16string& text) {
   return out;
 }
 
+/// An index over segments of one kind.
+template <std::size_t count>
+CZELTA::Schema::Index indexOver(CZELTA::Schema::Segment (&segments)[count],
+                                CZELTA::IndexKind kind = CZELTA::BPlusTree) {
+  CZELTA::Schema::Index index{};
+  index.indexKind = kind;
+  index.segmentCount = count;
+  index.segments = segments;
+  return index;
+}
+
+template <class Number>
+std::string bytesOf(Number number) {
+  return {reinterpret_cast<const char*>(&number), sizeof number};
+}
+
 void makeTables(CZELTA& db) {
   CZELTA::Schema::Field numberFields[] = {{CZELTA::TypeUInt32, 0, 0, 0, u"number", nullptr},
-                                          {CZELTA::TypeInt64, 0, 0, 0, u"amount", nullptr}};
+                                          {CZELTA::TypeInt64, 0, 0, 0, u"amount", nullptr},
+                                          {CZELTA::TypeBox3, 0, 0, 0, u"box", nullptr},
+                                          {CZELTA::TypeDate, 0, 0, 0, u"from", nullptr},
+                                          {CZELTA::TypeDate, 0, 0, 0, u"to", nullptr}};
   CZELTA::Schema::Segment number[] = {{0, 0}};
   CZELTA::Schema::Segment amount[] = {{1, CZELTA::SegmentDescending}, {CZELTA::ObjectIdSegment, 0}};
-  CZELTA::Schema::Index numberIndexes[2] = {};
-  numberIndexes[0].segmentCount = 1;
-  numberIndexes[0].segments = number;
-  numberIndexes[1].segmentCount = 2;
-  numberIndexes[1].segments = amount;
+  CZELTA::Schema::Segment box[] = {{2, 0}};
+  CZELTA::Schema::Segment span[] = {{3, 0}, {4, 0}};
+  CZELTA::Schema::Index numberIndexes[] = {indexOver(number), indexOver(amount),
+                                           indexOver(box, CZELTA::SpatialTree),
+                                           indexOver(span, CZELTA::TemporalTree)};
   CZELTA::Schema numbers = {
-      0, 2, kNumbers, 1, 2, 0, u"numbers", nullptr, numberFields, numberIndexes};
+      0, 4, kNumbers, 1, 5, 0, u"numbers", nullptr, numberFields, numberIndexes};
+  CZELTA::Schema::Field marks[] = {{CZELTA::TypeRect2, 0, 0, 0, u"area", nullptr},
+                                   {CZELTA::TypePoints2, 0, 0, 0, u"corners", nullptr}};
   CZELTA::Schema::Field wordFields[] = {{CZELTA::TypeUInt32, 0, 0, 0, u"number", nullptr},
                                         {CZELTA::TypeText, 0, 90, 0, u"name", nullptr},
-                                        {CZELTA::TypeWideText, 0, 40, 0, u"title", nullptr}};
+                                        {CZELTA::TypeWideText, 0, 40, 0, u"title", nullptr},
+                                        {CZELTA::TypeSubRecords, 0, 60, 2, u"marks", marks},
+                                        {CZELTA::TypePoints3, 0, 40, 0, u"points", nullptr}};
   CZELTA::Schema::Segment name[] = {{1, CZELTA::SegmentUpperCase | CZELTA::SegmentNoSpace},
                                     {CZELTA::ObjectIdSegment, 0}};
   CZELTA::Schema::Segment title[] = {{2, CZELTA::SegmentLowerCase | CZELTA::SegmentAlphanumeric},
                                      {CZELTA::ObjectIdSegment, 0}};
-  CZELTA::Schema::Index wordIndexes[2] = {};
-  wordIndexes[0].segmentCount = 2;
-  wordIndexes[0].segments = name;
-  wordIndexes[1].segmentCount = 2;
-  wordIndexes[1].segments = title;
-  CZELTA::Schema words = {0,        2,       kWords,     2,          3, CZELTA::SchemaWideObjectIds,
+  CZELTA::Schema::Segment area[] = {{5, 0}};
+  CZELTA::Schema::Segment corners[] = {{6, 0}};
+  CZELTA::Schema::Segment points[] = {{4, 0}};
+  CZELTA::Schema::Index wordIndexes[] = {
+      indexOver(name), indexOver(title), indexOver(area, CZELTA::SpatialTree),
+      indexOver(corners, CZELTA::SpatialPattern), indexOver(points, CZELTA::SpatialPattern)};
+  CZELTA::Schema words = {0,        5,       kWords,     2,          5, CZELTA::SchemaWideObjectIds,
                           u"words", nullptr, wordFields, wordIndexes};
   must(db, db.BeginTransaction(CZELTA::TransactionExclusive, kTimeout));
   must(db, db.CreateTable(&numbers, nullptr));
@@ -167,16 +191,36 @@ class Work {
     const auto number = static_cast<std::uint32_t>(numbers_.next());
     if (table_ == kNumbers) {
       const auto amount = static_cast<std::int64_t>(numbers_.below(100)) - 50;
-      std::memcpy(object.data, &number, sizeof number);
-      std::memcpy(static_cast<char*>(object.data) + sizeof number, &amount, sizeof amount);
+      std::string fixed = bytesOf(number) + bytesOf(amount);
+      for (int i = 0; i < 6; ++i) fixed += bytesOf(coordinate());
+      for (int i = 0; i < 2; ++i) fixed += bytesOf(numbers_.below(1000));
+      std::memcpy(object.data, fixed.data(), fixed.size());
       return;
     }
     std::string values = utf8(wideText(numbers_, 30)) + '\0';
     const std::u16string title = wideText(numbers_, 40);
     values.append(reinterpret_cast<const char*>(title.c_str()), (title.size() + 1) * 2);
+    std::string marks;
+    for (std::uint32_t row = numbers_.below(4); row > 0; --row) {
+      for (int i = 0; i < 4; ++i) marks += bytesOf(coordinate());
+      marks += points(2);
+    }
+    values += bytesOf(static_cast<std::uint32_t>(marks.size() + 4)) + marks + points(3);
     must(db_, db_.PutVariableValues(table_, values.data(), static_cast<unsigned int>(values.size()),
-                                    0, 2, &object));
+                                    0, 4, &object));
     std::memcpy(object.data, &number, sizeof number);
+  }
+
+  /// Mostly a small one; whole keys are equal now and then.
+  std::int32_t coordinate() {
+    constexpr std::int32_t kEnds[] = {INT32_MIN, INT32_MIN + 1, INT32_MAX};
+    if (numbers_.below(20) == 0) return kEnds[numbers_.below(3)];
+    return static_cast<std::int32_t>(numbers_.below(12)) - 6;
+  }
+  std::string points(std::uint32_t axes) {
+    std::string all;
+    for (std::uint32_t i = axes * numbers_.below(4); i > 0; --i) all += bytesOf(coordinate());
+    return bytesOf(static_cast<std::uint32_t>(all.size() + 4)) + all;
   }
 
   CZELTA& db_;
@@ -243,6 +287,27 @@ void leave(const std::u16string& path) {
   std::_Exit(9);
 }
 
+/// Searches that find some objects, or all, by the indexes behind the first two of a table.
+const std::vector<std::string>& queriesOf(unsigned int table, unsigned int index) {
+  const auto words = [](std::initializer_list<std::int64_t> values) {
+    std::string all;
+    for (const std::int64_t value : values) all += bytesOf(static_cast<std::uint32_t>(value));
+    return all;
+  };
+  constexpr std::int64_t kLow = INT32_MIN;
+  constexpr std::int64_t kHigh = INT32_MAX;
+  static const std::vector<std::string> kBoxes = {words({kLow, kLow, kLow, kHigh, kHigh, kHigh}),
+                                                  words({2, 2, 2, 1, 1, 1})};
+  static const std::vector<std::string> kSpans = {words({0, 0xFFFFFFFF}), words({500, 500})};
+  static const std::vector<std::string> kAreas = {words({kLow, kLow, kHigh, kHigh}),
+                                                  words({2, 2, 1, 1})};
+  static const std::vector<std::string> kCorners = {words({12, 0, 0}), words({20, 1, 1, 3, -2})};
+  static const std::vector<std::string> kPoints = {words({16, 0, 0, 0}),
+                                                   words({28, 1, 1, 2, -3, 0, 2})};
+  if (table == kNumbers) return index == 3 ? kBoxes : kSpans;
+  return index == 3 ? kAreas : index == 4 ? kCorners : kPoints;
+}
+
 /// A sum of all objects, as each index has them.
 std::uint64_t sumOf(CZELTA& db, unsigned int table) {
   std::uint64_t sum = 0xcbf29ce484222325;
@@ -257,6 +322,19 @@ std::uint64_t sumOf(CZELTA& db, unsigned int table) {
       if (db.ReadObject(table, mode, &object, index, nullptr, nullptr) != 0) break;
       add(&object.objectID, sizeof object.objectID);
       add(object.data, object.length);
+    }
+  }
+  const unsigned int last = table == kNumbers ? 4 : 5;
+  for (unsigned int index = 3; index <= last; ++index) {
+    for (const std::string& query : queriesOf(table, index)) {
+      long long count = 0;
+      constexpr unsigned int kTolerance = 3;
+      must(db, db.SearchIndex(table, index, query.data(), kTolerance, CZELTA::Mode{}, &count));
+      add(&count, sizeof count);
+      for (auto mode = CZELTA::ReadFirst;; mode = CZELTA::ReadNext) {
+        if (db.ReadObject(table, mode, &object, index, nullptr, nullptr) != 0) break;
+        add(&object.objectID, sizeof object.objectID);
+      }
     }
   }
   return sum;
