@@ -50,7 +50,8 @@ void advanceLockPosition(const Table& table, std::uint64_t objectID, const std::
   if (!lockingIndex(table, &index)) {
     dropLockKey(table.metaData);
     const std::uint64_t reached = table.metaData.lockObjectID;
-    const bool ahead = descending(table) ? objectID < reached : objectID > reached;
+    const bool ahead =
+        reached == 0 || (descending(table) ? objectID < reached : objectID > reached);
     if (newTable || ahead) table.metaData.lockObjectID = objectID;
     table.metaData.lockOrderReached = table.tableLockOrder;
     return;

@@ -32,7 +32,6 @@ Table::~Table() {
     unlockObjects(tableFile, slotBase, *objects);
   }
   destroyAll(addedObjects);
-  destroyAll(searchResults);
   releaseAllKeys();
   platform::closeMutex(tableMutex);
   for (const platform::File file : {tableFile, indexFile, memoryFile}) platform::closeFile(file);
@@ -68,6 +67,12 @@ void Table::releaseAllKeys() {
     nodePool.releaseTree(cursor.keyPool, keyShape(i), cursor.removedKeys);
     nodePool.releaseTree(cursor.keyPool, keyShape(i), cursor.replacedKeys);
   }
+}
+
+void Table::releaseResults() {
+  searchResults = {};
+  searchInverted = false;
+  searchIndex = 0;
 }
 
 Table* findTable(UInt32AVLTree* tables, std::uint32_t tableId) {

@@ -20,6 +20,7 @@
 #include "storage/trees/avl_tree.h"
 #include "storage/trees/key_pool.h"
 #include "storage/trees/page_pool.h"
+#include "storage/trees/sorted_ids.h"
 
 namespace zelta {
 
@@ -88,6 +89,8 @@ class Table final : public UInt32AVLTree {
   void releaseCurrentKeys();
   /// Drops all keys of all indexes, those of commit too.
   void releaseAllKeys();
+  /// Drops the results of searches.
+  void releaseResults();
 
   MetaData& metaData;  ///< the database, as this handle has it open
   std::uint16_t indexCount = 0;
@@ -134,9 +137,9 @@ class Table final : public UInt32AVLTree {
   /// A change of the memory file failed, and whether it was made could not be found out: what the
   /// sets and the cursors say need not be what the file holds. Only aborting helps.
   bool memoryUncertain = false;
-  UInt64AVLTree* searchResults = nullptr;  ///< IDs that the last search has found
-  CZELTA::Schema* schema = nullptr;        ///< owned (malloc), one allocation
-  PageBuffer pageBuffers[4];  ///< pages of index trees while an operation works on them
+  SortedIds searchResults;           ///< IDs that the last search has found
+  CZELTA::Schema* schema = nullptr;  ///< owned (malloc), one allocation
+  PageBuffer pageBuffers[4];         ///< pages of index trees while an operation works on them
 };
 
 /// The table of a handle with this ID, or null.

@@ -73,7 +73,7 @@ TEST_F(KeyInBuffer, OfAResultIsTakenOnceToo) {
   write(3);
   handle().table->schema->indexes[0].indexKind = CZELTA::SpatialPattern;
   handle().table->searchIndex = 1;
-  for (const std::uint64_t id : {1u, 2u, 3u}) new UInt64AVLTree(handle().table->searchResults, id);
+  handle().table->searchResults = SortedIds({1, 2, 3});
   follow(1);
   handle().table->schema->indexes[0].indexKind = CZELTA::BPlusTree;
 }

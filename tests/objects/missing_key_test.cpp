@@ -92,7 +92,7 @@ TEST(MissingKeyOfResults, IsTheCurrentObject) {
   handle.begin(CZELTA::TransactionRead);
   handle.table->schema->indexes[0].indexKind = CZELTA::SpatialPattern;
   handle.table->searchIndex = 1;
-  for (const std::uint64_t id : {1u, 2u, 3u}) new UInt64AVLTree(handle.table->searchResults, id);
+  handle.table->searchResults = SortedIds({1, 2, 3});
   ASSERT_TRUE(handle.readId(2).ok());
   ASSERT_TRUE(handle.read(CZELTA::ReadEqual, 1).ok());
   EXPECT_EQ(handle.object.objectID, 2);

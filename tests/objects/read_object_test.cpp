@@ -543,8 +543,7 @@ TEST(ReadResults, WalkVisitsTheIdsOfTheTree) {
   handle.table->schema->indexes[0].indexKind = CZELTA::SpatialPattern;
   handle.table->searchIndex = 1;
   EXPECT_TRUE(handle.read(CZELTA::ReadFirst, 1).is(Own::keyNotFound)) << "nothing found";
-  for (const std::uint64_t id : {1u, 4u, 5u, 9u})
-    new UInt64AVLTree(handle.table->searchResults, id);
+  handle.table->searchResults = SortedIds({1, 4, 5, 9});
   ASSERT_TRUE(handle.read(CZELTA::ReadFirst, 1).ok());
   EXPECT_EQ(handle.object.objectID, 1);
   ASSERT_TRUE(handle.read(CZELTA::ReadNext, 1).ok());
@@ -577,7 +576,7 @@ TEST(ReadResults, InvertedWalkVisitsAllOthers) {
   handle.table->schema->indexes[0].indexKind = CZELTA::AsciiList;
   handle.table->searchIndex = 1;
   handle.table->searchInverted = true;
-  for (const std::uint64_t id : {1u, 5u}) new UInt64AVLTree(handle.table->searchResults, id);
+  handle.table->searchResults = SortedIds({1, 5});
   std::vector<std::int64_t> seen;
   for (Result result = handle.read(CZELTA::ReadFirst, 1); result.ok();
        result = handle.read(CZELTA::ReadNext, 1)) {

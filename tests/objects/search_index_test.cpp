@@ -29,7 +29,7 @@ class ToldSearch final : public IndexSearch {
     if (failure.failed()) return runs <= failures ? failure : Result{};
     for (const std::uint64_t id : ids_) found.add(id);
     found.inverted = inverted;
-    found.count += more;
+    found.count = static_cast<long long>(ids_.size()) + more;
     return {};
   }
   int runs = 0;
@@ -78,7 +78,10 @@ class SearchPasses : public ObjectTest {
     flatten(set, ids.data(), ids.data() + ids.size());
     return ids;
   }
-  [[nodiscard]] Ids results() const { return idsOf(one->table().searchResults); }
+  [[nodiscard]] Ids results() const {
+    const SortedIds& ids = one->table().searchResults;
+    return {ids.begin(), ids.end()};
+  }
   [[nodiscard]] Ids locked() const { return idsOf(one->table().lockedObjects); }
 
   long long count_ = -1;

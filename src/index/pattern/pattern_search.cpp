@@ -63,6 +63,7 @@ void PatternSearch<Axes, Numbered>::takePoints(const PointBytes& points, std::ui
 template <std::size_t Axes, bool Numbered>
 Result PatternSearch<Axes, Numbered>::run(AtomicManager& manager, FoundObjects& found) {
   const IndexTree tree(manager, PageFile::index, index_);
+  found.count = 0;
   if (tree.root() != 0) ZELTA_TRY(searchTree(tree, found));
   return searchPending(manager, found);
 }
@@ -87,7 +88,7 @@ Result PatternSearch<Axes, Numbered>::searchTree(const IndexTree& tree, FoundObj
     }
     count += static_cast<long long>(left.size());
   }
-  for (const Candidate& candidate : left) found.addUncounted(candidate.first);
+  for (const Candidate& candidate : left) found.add(candidate.first);
   found.count = count;
   return {};
 }
@@ -135,8 +136,8 @@ Result PatternSearch<Axes, Numbered>::searchPending(AtomicManager& manager,
     });
     if (read.failed()) return reportError(&table_.metaData, Own::unclassified);
     if (matches) {
-      found.besides.push_back(objectID);
-      ++found.count;
+      found.besides.append(objectID);
+      ++*found.count;
     }
     return Result();
   });

@@ -6,35 +6,22 @@
 
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "storage/paged/atomic_manager.h"
-#include "storage/trees/avl_tree.h"
+#include "storage/trees/sorted_ids.h"
 
 namespace zelta {
 
-/// The objects that a search has found so far, each of them once.
-class FoundObjects {
- public:
-  FoundObjects() = default;
-  ~FoundObjects() { destroyAll(ids); }
-  FoundObjects(const FoundObjects&) = delete;
-  FoundObjects& operator=(const FoundObjects&) = delete;
+/// The objects that a search has found.
+struct FoundObjects {
+  /// In any order; an object may come more than once.
+  void add(std::uint64_t objectID) { ids.append(objectID); }
 
-  void add(std::uint64_t objectID) {
-    if (addUncounted(objectID)) ++count;
-  }
-  /// False: it was there.
-  bool addUncounted(std::uint64_t objectID) {
-    if (find(ids, objectID) != nullptr) return false;
-    new UInt64AVLTree(ids, objectID);
-    return true;
-  }
-
-  UInt64AVLTree* ids = nullptr;  ///< owned
-  long long count = 0;           ///< what the caller is told; not always their number
-  /// Found as well, but results only of a search that keeps those before it. Any order.
-  std::vector<std::uint64_t> besides;
+  SortedIds ids;
+  /// What the caller is told. None: how many there are in `ids`.
+  std::optional<long long> count;
+  /// Found as well, but results only of a search that keeps those before it.
+  SortedIds besides;
   /// Whether `ids` are those that do not match. None: the search says nothing of it.
   std::optional<bool> inverted;
 };

@@ -18,9 +18,10 @@ Result KeySearch::takeKey(const void* values) {
 }
 
 Result KeySearch::run(AtomicManager& manager, FoundObjects& found) {
+  const bool hasPending = table_.addedObjects != nullptr || table_.editedObjects != nullptr;
   for (const PageFile file : {PageFile::index, PageFile::memory}) {
     const IndexTree tree(manager, file, index_);
-    if (tree.root() == 0) continue;
+    if (tree.root() == 0 || (file == PageFile::memory && !hasPending)) continue;
     EntryFilter filter(table_, file, index_, found);
     ZELTA_TRY(kind_.search(tree, key_.get(), filter));
   }

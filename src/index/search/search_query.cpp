@@ -33,7 +33,7 @@ Result checkQuery(const Table& table, const SearchQuery& query) {
   }
   const bool byKey = forms->given == SearchForms::Given::key;
   if ((byKey ? query.key : query.expression) != nullptr) return {};
-  return reportError(&table.metaData, Own::parameter, table.cName());
+  return reportError(&table.metaData, Own::parameter, table.cName(), nullptr, query.index);
 }
 
 }  // namespace zelta

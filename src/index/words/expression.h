@@ -14,6 +14,7 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "frame/result.h"
@@ -68,6 +69,8 @@ class SearchExpression {
   /// Combines what the terms have found into the root's `results`. True: they are those that do not
   /// match.
   bool combineResults();
+  /// The result, which the root does not have any more.
+  [[nodiscard]] ObjectIds takeResults() { return std::exchange(root_->results, {}); }
   /// Forgets what was found, for another run.
   void clearResults();
 

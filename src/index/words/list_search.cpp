@@ -33,7 +33,7 @@ bool hasWideResults(const Table& table) { return isWideList(table.index(table.se
 template <typename Unit>
 void combine(SearchExpression<Unit>& expression, FoundObjects& found) {
   found.inverted = expression.combineResults();
-  for (const std::uint64_t id : expression.root().results) found.add(id);
+  found.ids = SortedIds(expression.takeResults());
 }
 
 template <typename Unit>

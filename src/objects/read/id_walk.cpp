@@ -82,7 +82,7 @@ Result IdWalk::start(std::uint64_t* id) const {
 /// added.
 Result IdWalk::test(std::uint64_t& id, bool* answer) {
   if (id == 0) return request_.notFound();
-  if (inverted_ && find(table_.searchResults, id) != nullptr) return skip(id);
+  if (inverted_ && table_.searchResults.contains(id)) return skip(id);
   const bool added = find(table_.addedObjects, id) != nullptr;
   if (id > header_.highestID && !added) {
     if (request_.mode == CZELTA::ReadEqual) return request_.notFound(id);

@@ -24,48 +24,50 @@ std::uint64_t pivotOf(const ReadRequest& request) {
 }
 
 /// The result that the mode leads to from the pivot, or null.
-UInt64AVLTree* firstResult(const ReadRequest& request, std::uint64_t pivot) {
-  UInt64AVLTree* results = request.table.searchResults;
-  UInt64AVLTree* equal = find(results, pivot);
+const std::uint64_t* firstResult(const ReadRequest& request, std::uint64_t pivot) {
+  const SortedIds& results = request.table.searchResults;
   switch (request.mode) {
     case CZELTA::ReadEqual:
-      return equal;
+      return results.contains(pivot) ? results.atOrAfter(pivot) : nullptr;
     case CZELTA::ReadLess:
     case CZELTA::ReadPrevious:
-      return findPrevious(results, pivot);
+      return pivot == 0 ? nullptr : results.atOrBefore(pivot - 1);
     case CZELTA::ReadGreater:
     case CZELTA::ReadNext:
-      return findNext(results, pivot);
+      return results.atOrAfter(pivot + 1);  // a pivot has 32 bits
     case CZELTA::ReadLessEqual:
-      return equal != nullptr ? equal : findPrevious(results, pivot);
+      return results.atOrBefore(pivot);
     case CZELTA::ReadGreaterEqual:
-      return equal != nullptr ? equal : findNext(results, pivot);
-    case CZELTA::ReadFirst: {
-      UInt64AVLTree* zero = find(results, 0);
-      return zero != nullptr ? zero : findNext(results, 0);
-    }
-    default: {
-      UInt64AVLTree* last = find(results, ~std::uint64_t{0});
-      return last != nullptr ? last : findPrevious(results, ~std::uint64_t{0});
-    }
+      return results.atOrAfter(pivot);
+    case CZELTA::ReadFirst:
+      return results.empty() ? nullptr : results.begin();
+    default:
+      return results.empty() ? nullptr : results.end() - 1;
   }
+}
+
+/// The result that the mode leads to, less those that this transaction has deleted, or null.
+const std::uint64_t* findResult(const ReadRequest& request) {
+  const SortedIds& results = request.table.searchResults;
+  const std::uint64_t* id = firstResult(request, pivotOf(request));
+  if (id == nullptr) return nullptr;
+  const std::uint64_t* const last = request.upward() ? results.end() - 1 : results.begin();
+  while (find(request.table.deletedObjects, *id) != nullptr) {
+    if (request.mode == CZELTA::ReadEqual || id == last) return nullptr;
+    id += request.upward() ? 1 : -1;
+  }
+  return id;
 }
 
 }  // namespace
 
 Result walkResults(const ReadRequest& request, const TableHeader_tag& header, Located& out) {
-  Table& table = request.table;
-  const UInt64AVLTree* node = firstResult(request, pivotOf(request));
-  while (node != nullptr && find(table.deletedObjects, node->key) != nullptr) {
-    if (request.mode == CZELTA::ReadEqual) return request.notFound();
-    node = request.upward() ? findNext(table.searchResults, node->key)
-                            : findPrevious(table.searchResults, node->key);
-  }
-  if (node == nullptr) return request.notFound();
-  out.objectID = node->key;
-  if (find(table.addedObjects, node->key) != nullptr) return {};
-  // An ID that has no slot yet can only be one that was added and taken back since the search.
-  if (node->key == 0 || node->key > header.highestID) return Result::locked();
+  const std::uint64_t* id = findResult(request);
+  if (id == nullptr) return request.notFound();
+  out.objectID = *id;
+  if (find(request.table.addedObjects, *id) != nullptr) return {};
+  // No object has it: a search of words may give such an ID, or it was added and taken back since.
+  if (*id == 0 || *id > header.highestID) return request.notFound();
   SlotState state = SlotState::free;
   ZELTA_TRY(inspectSlot(request, header, out, &state));
   return state == SlotState::inUse ? Result() : Result::locked();

@@ -6,7 +6,6 @@
 #include "frame/slots.h"
 #include "objects/lock_position.h"
 #include "objects/stale_entries.h"
-#include "storage/trees/avl_detail.h"
 
 namespace zelta {
 
@@ -23,17 +22,18 @@ bool ResultLocks::isPassedBy(std::uint64_t objectID) const {
   return false;
 }
 
-Result ResultLocks::take(UInt64AVLTree* found, bool inverted, std::uint32_t ended) {
+Result ResultLocks::take(const SortedIds& found, bool inverted, std::uint32_t ended) {
   assert(access_.owned());
   ended_ = ended;
-  if (inverted) {
-    for (std::uint64_t id = 1; id < access_.header.highestID; ++id) {
-      if (find(found, id) == nullptr) ZELTA_TRY(lock(id, true));
-    }
+  if (!inverted) {
+    for (const std::uint64_t id : found) ZELTA_TRY(lock(id, false));
     return {};
   }
-  avl::Walk<UInt64AVLTree> walk(found);
-  while (const UInt64AVLTree* node = walk.next()) ZELTA_TRY(lock(node->key, false));
+  const std::uint64_t* passed = found.begin();
+  for (std::uint64_t id = 1; id < access_.header.highestID; ++id) {
+    while (passed != found.end() && *passed < id) ++passed;
+    if (passed == found.end() || *passed != id) ZELTA_TRY(lock(id, true));
+  }
   return {};
 }
 

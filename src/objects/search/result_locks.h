@@ -23,7 +23,7 @@ class ResultLocks {
   /// highest ID. Those that this transaction has locked or changed are passed by. Under the mutex.
   /// `ended`: a transaction that is known to live no more. Code 33: another one has an object, see
   /// blocker(). Own code 44: an object of the set is gone.
-  Result take(UInt64AVLTree* found, bool inverted, std::uint32_t ended);
+  Result take(const SortedIds& found, bool inverted, std::uint32_t ended);
   /// The transaction whose mark stands on an object that nobody has locked; 0: it is not known.
   [[nodiscard]] std::uint32_t blocker() const { return blocker_; }
   /// Makes the locks the transaction's, and takes note of them in its lock position.

@@ -2,6 +2,8 @@
 
 #include <cassert>
 #include <memory>
+#include <new>
+#include <utility>
 
 #include "index/kinds.h"
 #include "objects/search/result_locks.h"
@@ -19,8 +21,7 @@ constexpr std::uint32_t kQuickPasses = 250;  ///< before them the processor is o
 constexpr std::uint32_t kPause = 10;         // ms
 
 /// A search in passes. A writer makes a pass under the table's mutex, a reader as a section of a
-/// seqlock. A pass that meets a lock leaves nothing behind but, of a search that does not keep
-/// them, the loss of the results before it.
+/// seqlock. A pass that fails leaves nothing behind.
 class SearchRun {
  public:
   SearchRun(const Session& session, Table& table, const SearchQuery& query, IndexSearch& search)
@@ -39,8 +40,11 @@ class SearchRun {
   [[nodiscard]] bool byExpression() const { return query_.form == SearchQuery::Form::expression; }
   Result pass(long long* count);
   Result openPass();
-  void dropResults();
-  long long install(FoundObjects& found, bool locked);
+  Result find(FoundObjects& found);
+  Result lock(const FoundObjects& found, ResultLocks& locks);
+  [[nodiscard]] long long numberOf(const FoundObjects& found) const;
+  [[nodiscard]] SortedIds results(FoundObjects& found, bool locked) const;
+  Result outOfMemory();
   bool mayTryAgain(Result result);
   Result waitForOthers();
   Result repairDead();
@@ -58,10 +62,17 @@ class SearchRun {
   std::uint32_t ended_ = 0;    ///< a transaction that is known to live no more
 };
 
+/// Results that are not kept are gone before anything can fail.
 Result SearchRun::run(long long* count) {
+  if (!query_.keepsResults()) table_.releaseResults();
   for (;;) {
     blocker_ = 0;
-    const Result result = pass(count);
+    Result result;
+    try {
+      result = pass(count);
+    } catch (const std::bad_alloc&) {
+      result = outOfMemory();
+    }
     access_.leave();
     if (result.ok()) return {};
     if (!writer_ && seqlock_.torn() && seqlock_.retry()) {
@@ -71,6 +82,11 @@ Result SearchRun::run(long long* count) {
     if (!mayTryAgain(result)) return result;
     ZELTA_TRY(waitForOthers());
   }
+}
+
+Result SearchRun::outOfMemory() {
+  return byExpression() ? reportSystemError(&metaData_, code::kNoMemory)
+                        : reportError(&metaData_, Own::context);
 }
 
 /// Whether a lock ended the pass. A search by expression takes a table's mutex that it did not get
@@ -107,53 +123,57 @@ Result SearchRun::openPass() {
   return access_.openIndex();
 }
 
-void SearchRun::dropResults() {
-  destroyAll(table_.searchResults);
-  table_.searchInverted = false;
-  table_.searchIndex = 0;
-}
-
+/// Changes nothing before all has gone well.
 Result SearchRun::pass(long long* count) {
   ZELTA_TRY(openPass());
-  if (!query_.keepsResults()) dropResults();
   FoundObjects found;
-  ZELTA_TRY(search_.run(access_.manager(), found));
-  if (!writer_ && seqlock_.torn()) return Result::locked();
-  if (found.inverted) table_.searchInverted = *found.inverted;
-  if (found.inverted.value_or(false)) {
-    // Deleted objects count as well.
-    found.count = static_cast<long long>(access_.header.highestID) - found.count;
-  }
+  ZELTA_TRY(find(found));
+  const bool locked = writer_ && query_.locksResults() && !found.ids.empty();
   ResultLocks locks(access_, query_.index - 1);
-  const bool locked = writer_ && query_.locksResults() && found.ids != nullptr;
-  if (locked) {
-    const Result taken = locks.take(found.ids, table_.searchInverted, ended_);
-    blocker_ = locks.blocker();
-    ZELTA_TRY(taken);
-  }
-  const long long told = install(found, locked);
+  if (locked) ZELTA_TRY(lock(found, locks));
+  long long told = numberOf(found);
+  SortedIds all = results(found, locked);
+  if (query_.keepsResults() && byExpression()) told = static_cast<long long>(all.size());
+  ZELTA_TRY(access_.release());
+  table_.searchResults = std::move(all);
+  if (found.inverted) table_.searchInverted = *found.inverted;
+  if (!searchForms(table_, query_.index - 1)->narrows) table_.searchIndex = query_.index;
   if (locked) locks.keep();
   if (count != nullptr) *count = told;
-  return access_.release();
+  return {};
 }
 
-/// Makes what was found the results of the table, or a part of them. Returns how many the caller is
-/// told of.
-long long SearchRun::install(FoundObjects& found, bool locked) {
-  long long told = found.count;
-  if (!query_.keepsResults()) {
-    destroyAll(table_.searchResults);
-    std::swap(table_.searchResults, found.ids);
-  } else if (byExpression()) {
-    // Of objects that were locked those that were among the results leave them.
-    locked ? toggleAll(table_.searchResults, found.ids) : addAll(table_.searchResults, found.ids);
-    told = zelta::count(table_.searchResults);
-  } else {
-    for (const std::uint64_t id : found.besides) found.addUncounted(id);
-    addAll(table_.searchResults, found.ids);
+Result SearchRun::find(FoundObjects& found) {
+  ZELTA_TRY(search_.run(access_.manager(), found));
+  if (!writer_ && seqlock_.torn()) return Result::locked();
+  found.ids.settle();
+  found.besides.settle();
+  return {};
+}
+
+Result SearchRun::lock(const FoundObjects& found, ResultLocks& locks) {
+  const bool inverted = found.inverted.value_or(table_.searchInverted);
+  const Result taken = locks.take(found.ids, inverted, ended_);
+  blocker_ = locks.blocker();
+  return taken;
+}
+
+/// How many objects a search has found. Of those that do not match, deleted ones count as well.
+long long SearchRun::numberOf(const FoundObjects& found) const {
+  const long long number = found.count.value_or(static_cast<long long>(found.ids.size()));
+  if (!found.inverted.value_or(false)) return number;
+  return static_cast<long long>(access_.header.highestID) - number;
+}
+
+/// The results of the table as they are with what was found. Of objects that a search by expression
+/// has locked, those that were among the results leave them.
+SortedIds SearchRun::results(FoundObjects& found, bool locked) const {
+  if (!query_.keepsResults()) return std::move(found.ids);
+  const SortedIds& before = table_.searchResults;
+  if (byExpression()) {
+    return locked ? symmetricDifferenceOf(before, found.ids) : unionOf(before, found.ids);
   }
-  if (!searchForms(table_, query_.index - 1)->narrows) table_.searchIndex = query_.index;
-  return told;
+  return unionOf(unionOf(before, found.ids), found.besides);
 }
 
 }  // namespace

@@ -72,9 +72,7 @@ Result abortTransaction(const Session& session, bool releaseLocks) {
   if (releaseLocks) dropLockPosition(session.metaData);
   Result result;
   for (Table* table : tablesInOrder(session.tables)) {
-    destroyAll(table->searchResults);
-    table->searchIndex = 0;
-    table->searchInverted = false;
+    table->releaseResults();
     if (!session.metaData.mayWrite()) continue;
     // Beside what is dropped now stands what was committed and is still to be carried out: until
     // then it keeps IDs and keys from others. Whoever does that drops it.

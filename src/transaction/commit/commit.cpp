@@ -46,13 +46,6 @@ void releaseUnchanged(Table& table, bool releaseLocks) {
   table.currentObjectID = 0;
 }
 
-/// The results of a search are of the state before the commit.
-void dropResults(Table& table) {
-  destroyAll(table.searchResults);
-  table.searchIndex = 0;
-  table.searchInverted = false;
-}
-
 /// The mutexes of the tables that a commit is entering. Where the entry leaves the log they are
 /// held until it is gone, all of them; else one at a time. A single table, the usual case, takes no
 /// memory.
@@ -124,7 +117,7 @@ Result Commit::requireCertainMemory() const {
 /// Counts what the entry will have, and drops what a commit ends in any case.
 void Commit::measureEdits() {
   for (Table* table : tables_) {
-    dropResults(*table);
+    table->releaseResults();  // they are of the state before the commit
     if (!table->hasEdits()) continue;
     bodySize_ += sectionSize(*table);
     ++editedTables_;
