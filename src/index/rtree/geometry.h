@@ -32,19 +32,23 @@ struct Box {
       upper[a] = std::max(upper[a], other.upper[a]);
     }
   }
+  // Asked of every entry that a search passes, with answers that no processor can predict: so both
+  // are made without branches, of the signs of differences.
   [[nodiscard]] bool contains(const Box& other) const {
-    bool in = true;
+    std::int64_t least = 0;
     for (std::size_t a = 0; a < Axes; ++a) {
-      in &= lower[a] <= other.lower[a] && upper[a] >= other.upper[a];
+      least |= std::int64_t{other.lower[a]} - lower[a];
+      least |= std::int64_t{upper[a]} - other.upper[a];
     }
-    return in;
+    return least >= 0;
   }
   [[nodiscard]] bool overlaps(const Box& other) const {
-    bool both = true;
+    std::int64_t least = 0;
     for (std::size_t a = 0; a < Axes; ++a) {
-      both &= lower[a] <= other.upper[a] && other.lower[a] <= upper[a];
+      least |= std::int64_t{other.upper[a]} - lower[a];
+      least |= std::int64_t{upper[a]} - other.lower[a];
     }
-    return both;
+    return least >= 0;
   }
   /// Grid cells. An extent counts as a signed 32-bit number, as pages have been laid out by.
   [[nodiscard]] std::uint64_t cells() const {
@@ -79,10 +83,10 @@ struct Span {
     end = std::max(end, other.end);
   }
   [[nodiscard]] bool contains(const Span& other) const {
-    return begin <= other.begin && end >= other.end;
+    return (begin <= other.begin) & (end >= other.end);
   }
   [[nodiscard]] bool overlaps(const Span& other) const {
-    return begin <= other.end && end >= other.begin;
+    return (begin <= other.end) & (end >= other.begin);
   }
 };
 

@@ -5,6 +5,8 @@
 #ifndef ZELTA_INDEX_RTREE_NODE_H
 #define ZELTA_INDEX_RTREE_NODE_H
 
+#include <algorithm>
+#include <bit>
 #include <cassert>
 #include <cstdint>
 #include <cstring>
@@ -84,6 +86,26 @@ class RTreeNode {
   void setValue(std::uint32_t number, std::uint64_t value) {
     assert(number < count_);
     std::memcpy(valueAt(number), &value, valueBytes_);
+  }
+
+  /// Calls `take(number)` for the entries whose keys `test` accepts, in order. The keys are tested
+  /// many at a time, so that the processor has no answer to guess before it tests the next one.
+  template <class Test, class Take>
+  void select(Test test, Take take) const {
+    constexpr std::uint32_t kAtATime = 64;
+    for (std::uint32_t first = 0; first < count_; first += kAtATime) {
+      const std::uint32_t tested = std::min(count_ - first, kAtATime);
+      const char* keys = keyAt(first);
+      std::uint64_t accepted = 0;
+      for (std::uint32_t i = tested; i-- != 0;) {  // the first one ends in the lowest bit
+        Key key;
+        std::memcpy(&key, keys + std::size_t{i} * sizeof(Key), sizeof key);
+        accepted = accepted << 1 | std::uint64_t{test(key)};
+      }
+      for (; accepted != 0; accepted &= accepted - 1) {
+        take(first + static_cast<std::uint32_t>(std::countr_zero(accepted)));
+      }
+    }
   }
 
   /// Whether so many entries would fit. They are counted in 16 bits.

@@ -45,16 +45,11 @@ Result rtreeMerge(const IndexTree& pending, const ObjectSets& objects, const Ind
 template <class Entry, class Take>
 Result rtreeSearch(const IndexTree& tree, const BoundsOf<Entry>& bounds, Take take) {
   using Walk = RTreeWalk<Entry>;
-  RTreePath path;
-  bool taken = false;
-  return Walk(tree).visit(
-      &path, &taken, [&](const BoundsOf<Entry>& child) { return child.overlaps(bounds); },
-      [&](const typename Walk::Leaf& leaf, RTreePath::Step&) {
-        for (std::uint32_t i = 0; i < leaf.count(); ++i) {
-          const Entry entry = leaf.key(i);
-          if (bounds.overlaps(boundsOf(entry))) take(entry, leaf.value(i));
-        }
-        return false;
+  return Walk(tree).visitLeaves(
+      [&](const BoundsOf<Entry>& child) { return child.overlaps(bounds); },
+      [&](const typename Walk::Leaf& leaf) {
+        leaf.select([&](const Entry& entry) { return bounds.overlaps(boundsOf(entry)); },
+                    [&](std::uint32_t i) { take(leaf.key(i), leaf.value(i)); });
       });
 }
 

@@ -4,7 +4,9 @@
 #ifndef ZELTA_INDEX_RTREE_WALK_H
 #define ZELTA_INDEX_RTREE_WALK_H
 
+#include <cassert>
 #include <cstdint>
+#include <vector>
 
 #include "index/rtree/clustering.h"
 #include "index/rtree/node.h"
@@ -23,6 +25,38 @@ struct RTreePath {
   std::uint32_t depth = 0;
 
   [[nodiscard]] Step& last() { return steps[depth - 1]; }
+};
+
+/// Pages that a walk is still to look at, the last one first.
+class PagesAhead {
+ public:
+  struct Page {
+    std::uint64_t position;
+    std::uint32_t depth;
+  };
+
+  [[nodiscard]] bool empty() const { return count_ == 0; }
+  [[nodiscard]] std::uint64_t count() const { return count_ + more_.size(); }
+  void push(const Page& page) {
+    if (count_ < kInPlace) {
+      first_[count_++] = page;
+    } else {
+      more_.push_back(page);
+    }
+  }
+  Page pop() {
+    assert(!empty());
+    if (more_.empty()) return first_[--count_];
+    const Page page = more_.back();
+    more_.pop_back();
+    return page;
+  }
+
+ private:
+  static constexpr std::uint32_t kInPlace = 256;
+  Page first_[kInPlace];
+  std::uint32_t count_ = 0;
+  std::vector<Page> more_;
 };
 
 /// The walk through a tree with leaves of `Entry`. Nodes that are loaded lie in the buffers of
@@ -101,6 +135,11 @@ class RTreeWalk {
   template <class Follow, class Take>
   Result visit(RTreePath* path, bool* taken, Follow follow, Take take) const;
 
+  /// Goes through all leaves behind children whose bounds `follow` accepts, and looks at each page
+  /// once. `take(leaf)` does not use the manager.
+  template <class Follow, class Take>
+  Result visitLeaves(Follow follow, Take take) const;
+
   /// Goes to an entry. `*found` false: the tree does not have it.
   Result find(const Entry& entry, std::uint64_t objectID, RTreePath* path, bool* found) const;
 
@@ -151,6 +190,33 @@ Result RTreeWalk<Entry>::visit(RTreePath* path, bool* taken, Follow follow, Take
       }
     }
     if (--path->depth != 0) ++path->last().entry;
+  }
+  return {};
+}
+
+template <class Entry>
+template <class Follow, class Take>
+Result RTreeWalk<Entry>::visitLeaves(Follow follow, Take take) const {
+  if (root() == 0) return {};
+  VisitBound bound(tree);
+  PagesAhead ahead;
+  ahead.push({root(), 0});
+  while (!ahead.empty()) {
+    const auto [position, depth] = ahead.pop();
+    if (!bound.enter(depth, ahead.count())) return corrupted();
+    TreePage page;
+    bool isLeaf = false;
+    ZELTA_TRY(look(position, &page, &isLeaf));
+    if (isLeaf) {
+      Leaf leaf;
+      ZELTA_TRY(attach(page, true, &leaf));
+      take(leaf);
+      continue;
+    }
+    Branch branch;
+    ZELTA_TRY(attach(page, false, &branch));
+    const std::uint32_t below = depth + 1;
+    branch.select(follow, [&](std::uint32_t i) { ahead.push({branch.value(i), below}); });
   }
   return {};
 }

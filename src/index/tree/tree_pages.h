@@ -120,8 +120,10 @@ class VisitBound {
  public:
   explicit VisitBound(const IndexTree& tree) : pagesLeft_(tree.mostPages()) {}
   /// To be asked at every page; false: the links must be damaged. The root has depth 0.
-  [[nodiscard]] bool enter(std::uint32_t depth) {
-    return depth < IndexTree::kMaximumDepth && pagesLeft_-- != 0;
+  [[nodiscard]] bool enter(std::uint32_t depth) { return enter(depth, 0); }
+  /// The same, with so many other pages waiting to be entered.
+  [[nodiscard]] bool enter(std::uint32_t depth, std::uint64_t ahead) {
+    return depth < IndexTree::kMaximumDepth && ahead <= pagesLeft_ && pagesLeft_-- != 0;
   }
 
  private:
