@@ -296,13 +296,6 @@ TEST_F(AddObject, OfAMalformedObjectOpensNoFile) {
   EXPECT_EQ(one->table().currentObjectID, 0u);
 }
 
-TEST_F(AddObject, IntoATableWithAListIsError8) {
-  make({{CZELTA::TypeText}}, {{Segments{{0, CZELTA::SegmentWords}}, CZELTA::AsciiList}});
-  const std::string before = files();
-  EXPECT_EQ(one->add(Packed().text("a")).word(), ownWord(Own::context));
-  EXPECT_EQ(files(), before);
-}
-
 // -- Unique keys ----------------------------------------------------------------------------------
 
 TEST_F(AddObject, RefusesAKeyThatExists) {

@@ -50,9 +50,9 @@ class ListSearch final : public IndexSearch {
   Result run(AtomicManager& manager, FoundObjects& found) override;
 
  private:
-  [[nodiscard]] bool isNarrow(const Term& term) const;
   Result searchTree(const IndexTree& tree);
-  Result searchWords(const IndexTree& tree, Term& term);
+  Result searchRun(const IndexTree& tree, Term& term);
+  Result searchInside(const IndexTree& tree, Term& term);
   Result collect(const IndexTree& tree, WordEntry entry, Term& term);
   void keep(std::uint64_t objectID, Term& term);
   Result searchPending(AtomicManager& manager);
@@ -85,40 +85,21 @@ Result ListSearch<Unit>::run(AtomicManager& manager, FoundObjects& found) {
   return {};
 }
 
-/// Whether the words that a term means stand side by side in the list.
-template <typename Unit>
-bool ListSearch<Unit>::isNarrow(const Term& term) const {
-  return term.kind == SearchNodeKind::equals ||
-         (term.kind == SearchNodeKind::startsWith && !term.text.empty());
-}
-
-/// Terms for whole words and for beginnings go down to them. All others share one walk through the
-/// words, which is not begun without them.
+/// Goes down to whole words and beginnings, which stand side by side in the list; any other term
+/// needs a walk through all words.
 template <typename Unit>
 Result ListSearch<Unit>::searchTree(const IndexTree& tree) {
-  std::vector<Term*> wide;
   for (Term* term = expression_.terms(); term != nullptr; term = term->next) {
-    if (isNarrow(*term)) {
-      ZELTA_TRY(searchWords(tree, *term));
-    } else {
-      wide.push_back(term);
-    }
-  }
-  if (wide.empty()) return {};
-  ListWalk<Unit> walk(tree);
-  ZELTA_TRY(walk.seek(prefix_, {}));
-  while (walk.valid() && walk.hasPrefix(prefix_)) {
-    for (Term* term : wide) {
-      if (!matches(*term, walk.word())) continue;
-      ZELTA_TRY(collect(tree, walk.entry(), *term));
-    }
-    ZELTA_TRY(walk.next());
+    const bool sideBySide =
+        term->kind == SearchNodeKind::equals || term->kind == SearchNodeKind::startsWith;
+    ZELTA_TRY(sideBySide || term->text.empty() ? searchRun(tree, *term)
+                                               : searchInside(tree, *term));
   }
   return {};
 }
 
 template <typename Unit>
-Result ListSearch<Unit>::searchWords(const IndexTree& tree, Term& term) {
+Result ListSearch<Unit>::searchRun(const IndexTree& tree, Term& term) {
   ListWalk<Unit> walk(tree);
   ZELTA_TRY(walk.seek(prefix_, term.text));
   while (walk.valid() && walk.hasPrefix(prefix_) && matches(term, walk.word())) {
@@ -129,6 +110,21 @@ Result ListSearch<Unit>::searchWords(const IndexTree& tree, Term& term) {
   return {};
 }
 
+template <typename Unit>
+Result ListSearch<Unit>::searchInside(const IndexTree& tree, Term& term) {
+  std::string bytes(reinterpret_cast<const char*>(term.text.data()),
+                    term.text.size() * sizeof(Unit));
+  if (term.kind == SearchNodeKind::endsWith) bytes.append(sizeof(Unit), '\0');
+  ListWalk<Unit> walk(tree);
+  ZELTA_TRY(walk.seek(prefix_, {}));
+  for (;;) {
+    ZELTA_TRY(walk.find(prefix_, bytes));
+    if (!walk.valid()) return {};
+    ZELTA_TRY(collect(tree, walk.entry(), term));
+    ZELTA_TRY(walk.next());
+  }
+}
+
 /// Takes the objects of a word, less those whose words the running transaction has changed.
 template <typename Unit>
 Result ListSearch<Unit>::collect(const IndexTree& tree, WordEntry entry, Term& term) {
@@ -136,7 +132,9 @@ Result ListSearch<Unit>::collect(const IndexTree& tree, WordEntry entry, Term& t
     keep(entry.object(), term);
     return {};
   }
+  const bool allCount = table_.editedObjects == nullptr && table_.deletedObjects == nullptr;
   return forEachPostingPage(tree, entry.chain(), [&](const PostingPage& page) {
+    if (allCount) return page.appendTo(term.results);
     for (std::uint32_t i = 0; i < page.count(); ++i) keep(page.id(i), term);
   });
 }

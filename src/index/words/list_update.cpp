@@ -1,7 +1,6 @@
 #include "index/words/list_update.h"
 
 #include <algorithm>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -35,6 +34,10 @@ class ListUpdate final : public ContentUpdate {
     WordChange change;
     std::uint32_t next;  ///< of the same word
   };
+  struct SortedWord {
+    std::uint64_t front;  ///< the first bytes of a key of 8-bit text, in their order
+    std::uint32_t number;
+  };
   enum Side : std::uint32_t { kBefore = 1, kAfter = 2 };
 
   /// Of a word: its changes, and in which versions of the object at hand it is.
@@ -49,6 +52,7 @@ class ListUpdate final : public ContentUpdate {
   void note(std::uint32_t number, Side side);
   void append(std::uint32_t number, std::uint64_t objectID, bool gains);
   [[nodiscard]] std::size_t memory() const;
+  [[nodiscard]] std::vector<SortedWord> sortedWords() const;
   Result applyAll();
 
   /// Memory from which on collected words are brought into the tree.
@@ -128,32 +132,51 @@ std::size_t ListUpdate<Unit>::memory() const {
   return words_.memory() + entries_.size() * sizeof(Entry) + changes_.size() * sizeof(NotedChange);
 }
 
+/// The words with changes, ascending.
 template <typename Unit>
-Result ListUpdate<Unit>::applyAll() {
-  std::vector<std::uint32_t> order(words_.size());
-  std::iota(order.begin(), order.end(), 0u);
-  std::erase_if(order, [&](std::uint32_t number) { return entries_[number].first == kNoChange; });
+std::vector<typename ListUpdate<Unit>::SortedWord> ListUpdate<Unit>::sortedWords() const {
+  std::vector<SortedWord> order;
+  order.reserve(words_.size());
+  for (std::uint32_t number = 0; number < words_.size(); ++number) {
+    if (entries_[number].first == kNoChange) continue;
+    std::uint64_t front = 0;
+    if constexpr (sizeof(Unit) == 1) {
+      const std::string_view bytes = words_.word(number);
+      for (std::size_t i = 0; i < sizeof front; ++i) {
+        front = front << 8 | (i < bytes.size() ? static_cast<unsigned char>(bytes[i]) : 0u);
+      }
+    }
+    order.push_back({front, number});
+  }
   format_.withCodec([&](const auto& codec) {
-    std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-      const std::string_view left = words_.word(a);
-      const std::string_view right = words_.word(b);
+    std::sort(order.begin(), order.end(), [&](const SortedWord& a, const SortedWord& b) {
+      if (a.front != b.front) return a.front < b.front;
+      const std::string_view left = words_.word(a.number);
+      const std::string_view right = words_.word(b.number);
       return codec.compare(left.data(), static_cast<std::uint32_t>(left.size()), right.data(),
                            static_cast<std::uint32_t>(right.size())) < 0;
     });
   });
-  ChangedWord word;
-  for (const std::uint32_t number : order) {
-    word.key = words_.word(number).data();
-    word.changes.clear();
-    word.ids.clear();
-    for (std::uint32_t i = entries_[number].first; i != kNoChange; i = changes_[i].next) {
+  return order;
+}
+
+template <typename Unit>
+Result ListUpdate<Unit>::applyAll() {
+  const std::vector<SortedWord> order = sortedWords();
+  WordWriter writer(tree_, format_, mode_);
+  for (const SortedWord& sorted : order) {
+    const Entry& entry = entries_[sorted.number];
+    ChangedWord& word = writer.next();
+    word.key = words_.word(sorted.number).data();
+    for (std::uint32_t i = entry.first; i != kNoChange; i = changes_[i].next) {
       word.changes.push_back(changes_[i].change);
       word.ids.push_back(changes_[i].change.objectID);
     }
     std::sort(word.ids.begin(), word.ids.end());
     word.ids.erase(std::unique(word.ids.begin(), word.ids.end()), word.ids.end());
-    ZELTA_TRY(applyChanges(tree_, format_, word, mode_));
+    ZELTA_TRY(writer.apply());
   }
+  ZELTA_TRY(writer.finish());
   words_.clear();
   entries_.clear();
   changes_.clear();

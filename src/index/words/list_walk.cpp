@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "platform/find_bytes.h"
+
 namespace zelta {
 
 template <typename Unit>
@@ -58,6 +60,49 @@ Result ListWalk<Unit>::step() {
   if (keyBytes_ == 0) return pages_.corrupted();
   valid_ = true;
   return {};
+}
+
+template <typename Unit>
+Result ListWalk<Unit>::find(const std::string& prefix, std::string_view bytes) {
+  while (valid_) {
+    valid_ = hasPrefix(prefix);
+    if (!valid_) return {};
+    if (findInLeaf(bytes)) {
+      valid_ = hasPrefix(prefix);
+      return {};
+    }
+    number_ = leaf_.count();
+    ZELTA_TRY(step());
+  }
+  return {};
+}
+
+/// All words of the leaf are looked through as one run of bytes; only where something is found it
+/// matters where a word begins and ends.
+template <typename Unit>
+bool ListWalk<Unit>::findInLeaf(std::string_view bytes) {
+  const char* const end = leaf_.bytes() + leaf_.keyEnd();
+  for (const char* from = leaf_.keyAt(offset_) + format_.prefix; from < end; ++from) {
+    from = platform::findBytes(from, end, bytes);
+    if (from == nullptr || !skipTo(from)) return false;
+    const char* text = leaf_.keyAt(offset_) + format_.prefix;
+    const char* behind = leaf_.keyAt(offset_) + keyBytes_;
+    const bool whole = from >= text && static_cast<std::size_t>(from - text) % sizeof(Unit) == 0;
+    if (whole && bytes.size() <= static_cast<std::size_t>(behind - from)) return true;
+  }
+  return false;
+}
+
+/// Goes on to the word with the byte at `place`. False: the leaf has none there.
+template <typename Unit>
+bool ListWalk<Unit>::skipTo(const char* place) {
+  while (place >= leaf_.keyAt(offset_) + keyBytes_) {
+    offset_ += keyBytes_;
+    if (++number_ >= leaf_.count()) return false;
+    keyBytes_ = codec_.measure(leaf_.keyAt(offset_), leaf_.keyEnd() - offset_);
+    if (keyBytes_ == 0) return false;
+  }
+  return true;
 }
 
 template <typename Unit>

@@ -27,6 +27,9 @@ class ListWalk {
 
   /// Goes to the first word that is not below `word` under `prefix`. The list has a root.
   Result seek(const std::string& prefix, std::basic_string_view<Unit> word);
+  /// Goes on to the first word, which may be the present one, that has these bytes at a whole unit; the
+  /// zero unit at its end counts as its own. Words of another prefix end the walk.
+  Result find(const std::string& prefix, std::string_view bytes);
   /// Goes one word on. Behind the last one the walk is not valid().
   Result next();
 
@@ -41,6 +44,8 @@ class ListWalk {
  private:
   Result load(std::uint64_t position);
   Result step();
+  [[nodiscard]] bool findInLeaf(std::string_view bytes);
+  [[nodiscard]] bool skipTo(const char* place);
 
   const IndexTree tree_;
   const TreePages pages_;

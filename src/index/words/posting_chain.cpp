@@ -43,6 +43,20 @@ std::uint64_t PostingPage::id(std::uint32_t number) const {
   return value;
 }
 
+void PostingPage::appendTo(std::vector<std::uint64_t>& ids) const {
+  const std::size_t before = ids.size();
+  ids.resize(before + count_);
+  if (width_ == sizeof(std::uint64_t)) {
+    std::memcpy(ids.data() + before, at(0), std::size_t{count_} * width_);
+    return;
+  }
+  for (std::uint32_t i = 0; i < count_; ++i) {
+    std::uint32_t id;
+    std::memcpy(&id, at(i), sizeof id);
+    ids[before + i] = id;
+  }
+}
+
 void PostingPage::append(std::uint64_t objectID) {
   assert(hasRoom());
   std::memcpy(at(count_), &objectID, width_);
@@ -82,8 +96,15 @@ PostingChain::PostingChain(const IndexTree& tree, const std::vector<std::uint64_
       store_(tree, Own::postings),
       width_(tree.shape().idBytes),
       unit_(tree.pageSize()),
-      ids_(ids),
-      where_(ids.size(), kNone) {}
+      ids_(ids) {}
+
+void PostingChain::reset() {
+  assert(!changed_);
+  where_.assign(ids_.size(), kNone);
+  pages_.clear();
+  pageCount_ = 0;
+  current_ = kNone;
+}
 
 std::uint32_t PostingChain::pageOf(std::uint64_t objectID) const {
   const auto place = std::lower_bound(ids_.begin(), ids_.end(), objectID);
@@ -126,7 +147,7 @@ void PostingChain::locateAll(const PostingPage& bytes, std::uint32_t page) {
 }
 
 Result PostingChain::open(std::uint64_t first) {
-  assert(pages_.empty());
+  reset();
   if (first == 0) return store_.corrupted();
   std::uint64_t position = first;
   ZELTA_TRY(forEachPostingPage(tree_, first, [&](const PostingPage& page) {
@@ -144,8 +165,7 @@ Result PostingChain::open(std::uint64_t first) {
 }
 
 Result PostingChain::create(std::uint64_t one, std::uint64_t other) {
-  assert(pageCount_ == 0);
-  pages_.clear();  // of a former chain of this word
+  reset();
   TreePage bytes;
   std::uint64_t position = 0;
   ZELTA_TRY(store_.allocate(unit_, PageRole::sibling, &position, &bytes));

@@ -35,6 +35,8 @@ class PostingPage {
   [[nodiscard]] std::uint64_t next() const;
   void setNext(std::uint64_t position);
   [[nodiscard]] std::uint64_t id(std::uint32_t number) const;
+  /// Appends all IDs.
+  void appendTo(std::vector<std::uint64_t>& ids) const;
   [[nodiscard]] bool hasRoom() const {
     return count_ < 0xFFFF && size_ >= kPostingHead + width_ * (count_ + 1);
   }
@@ -79,12 +81,13 @@ Result forEachPostingPage(const IndexTree& tree, std::uint64_t first, Use use) {
 /// The chain of one word on its way from one state to another. Uses the sibling's buffer.
 class PostingChain {
  public:
-  /// `ids`: the objects that will be asked for, ascending, each of them once.
+  /// Of one word after the other. `ids`: the objects of the present one that will be asked for,
+  /// ascending, each of them once.
   PostingChain(const IndexTree& tree, const std::vector<std::uint64_t>& ids);
 
-  /// Goes through the chain at `first`.
+  /// Goes through the chain at `first`, and forgets the one before.
   Result open(std::uint64_t first);
-  /// Makes a chain of two objects.
+  /// Makes a chain of two objects, and forgets the one before.
   Result create(std::uint64_t one, std::uint64_t other);
   /// Whether one of the `ids` is in the chain.
   [[nodiscard]] bool has(std::uint64_t objectID) const { return pageOf(objectID) != kNone; }
@@ -109,6 +112,7 @@ class PostingChain {
   };
 
   [[nodiscard]] std::uint32_t pageOf(std::uint64_t objectID) const;
+  void reset();
   void locate(std::uint64_t objectID, std::uint32_t page);
   void locateAll(const PostingPage& bytes, std::uint32_t page);
   [[nodiscard]] bool isFull(std::uint32_t count) const;

@@ -4,46 +4,78 @@
 
 #include "index/btree/insert.h"
 #include "index/btree/remove.h"
-#include "index/words/posting_chain.h"
 #include "index/words/word_entry.h"
 
 namespace zelta {
 
-namespace {
+ChangedWord& WordWriter::next() {
+  word_.changes.clear();
+  word_.ids.clear();
+  return word_;
+}
 
-/// What becomes of the entry of one word.
-class WordState {
- public:
-  WordState(const IndexTree& tree, const ChangedWord& word, ContentMode mode)
-      : tree_(tree),
-        word_(word),
-        repeated_(mode == ContentMode::repeated),
-        chain_(tree, word.ids) {}
+Result WordWriter::apply() {
+  form_ = Form::absent;
+  if (walk_.root() == 0) {
+    ZELTA_TRY(changeAll());
+    return form_ == Form::absent ? Result() : plantTree(walk_, word_.key, value());
+  }
+  ZELTA_TRY(seek());
+  const std::uint64_t before = place_.equal ? leaf_.pointer(place_.number) : 0;
+  if (place_.equal) ZELTA_TRY(takeEntry(before));
+  ZELTA_TRY(changeAll());
+  if (!place_.equal) return form_ == Form::absent ? Result() : enter();
+  return putValue(before);
+}
 
-  /// The word is in the tree, with this entry.
-  Result begin(WordEntry entry);
-  /// Makes all changes of the word. Own code 37: an object that gains it has it; own code 32: one
-  /// that loses it does not have it.
-  Result applyAll();
+/// Goes to the leaf into which the word belongs, and to its place there.
+Result WordWriter::seek() {
+  const bool same =
+      held_ && (!bound_.given || walk_.format.compare(word_.key, bound_.key.get()) < 0);
+  if (same) {
+    place_ = leaf_.lower(word_.key, place_);
+  } else {
+    ZELTA_TRY(leave());
+    ZELTA_TRY(walk_.descend(word_.key, path_, leaf_, &bound_));
+    held_ = true;
+    place_ = leaf_.lower(word_.key);
+  }
+  return place_.offset == 0 ? walk_.corrupted() : Result();
+}
 
-  [[nodiscard]] bool isThere() const { return form_ != Form::absent; }
-  [[nodiscard]] std::uint64_t value() const;
+Result WordWriter::leave() {
+  const bool changed = changed_;
+  held_ = false;
+  changed_ = false;
+  return changed ? walk_.store(path_.steps[path_.last()].position, leaf_) : Result();
+}
 
- private:
-  enum class Form : std::uint8_t { absent, object, chain, stopWord };
+Result WordWriter::enter() {
+  if (leaf_.fits(walk_.format.keyBytes(word_.key))) {
+    leaf_.insert(place_.number, place_.offset, word_.key, value());
+    changed_ = true;
+    return {};
+  }
+  // The leaf is stored by what divides it.
+  held_ = false;
+  changed_ = false;
+  return enterKey(walk_, path_, leaf_, place_, word_.key, value());
+}
 
-  Result add(std::uint64_t objectID);
-  Result remove(std::uint64_t objectID);
+Result WordWriter::putValue(std::uint64_t before) {
+  if (form_ == Form::absent) {
+    held_ = false;
+    changed_ = false;
+    return removeKey(walk_, path_, leaf_, place_.number);
+  }
+  if (value() == before) return {};
+  leaf_.setPointer(place_.number, value());
+  changed_ = true;
+  return {};
+}
 
-  const IndexTree& tree_;
-  const ChangedWord& word_;
-  const bool repeated_;
-  PostingChain chain_;
-  Form form_ = Form::absent;
-  std::uint64_t object_ = 0;  ///< of Form::object
-};
-
-Result WordState::begin(WordEntry entry) {
+Result WordWriter::takeEntry(std::uint64_t value) {
+  const WordEntry entry(value);
   if (entry.isStopWord()) {
     form_ = Form::stopWord;
     return {};
@@ -53,14 +85,14 @@ Result WordState::begin(WordEntry entry) {
   return entry.isChain() ? chain_.open(entry.chain()) : Result();
 }
 
-Result WordState::applyAll() {
+Result WordWriter::changeAll() {
   for (const WordChange& change : word_.changes) {
     ZELTA_TRY(change.gains ? add(change.objectID) : remove(change.objectID));
   }
   return form_ == Form::chain ? chain_.store() : Result();
 }
 
-Result WordState::add(std::uint64_t objectID) {
+Result WordWriter::add(std::uint64_t objectID) {
   bool there = false;
   switch (form_) {
     case Form::stopWord:
@@ -87,7 +119,7 @@ Result WordState::add(std::uint64_t objectID) {
   return repeated_ ? Result() : tree_.keyExists(objectID);
 }
 
-Result WordState::remove(std::uint64_t objectID) {
+Result WordWriter::remove(std::uint64_t objectID) {
   bool empty = false;
   switch (form_) {
     case Form::stopWord:
@@ -106,7 +138,7 @@ Result WordState::remove(std::uint64_t objectID) {
   return repeated_ ? Result() : tree_.keyMissing(objectID);
 }
 
-std::uint64_t WordState::value() const {
+std::uint64_t WordWriter::value() const {
   switch (form_) {
     case Form::object:
       return WordEntry::ofObject(object_).value();
@@ -115,35 +147,6 @@ std::uint64_t WordState::value() const {
     default:
       return WordEntry::ofStopWord().value();
   }
-}
-
-}  // namespace
-
-Result applyChanges(const IndexTree& tree, const TextNodeFormat& format, const ChangedWord& word,
-                    ContentMode mode) {
-  WordState state(tree, word, mode);
-  TextWalk walk(tree, format, TextWalk::Purpose::insert);
-  if (walk.root() == 0) {
-    ZELTA_TRY(state.applyAll());
-    return state.isThere() ? plantTree(walk, word.key, state.value()) : Result();
-  }
-  BPlusPath path;
-  TextNode leaf;
-  ZELTA_TRY(walk.descend(word.key, path, leaf));
-  const TextNode::Place place = leaf.lower(word.key);
-  if (place.offset == 0) return walk.corrupted();
-  if (!place.equal) {
-    ZELTA_TRY(state.applyAll());
-    if (!state.isThere()) return {};
-    return enterKey(walk, path, leaf, place, word.key, state.value());
-  }
-  const std::uint64_t before = leaf.pointer(place.number);
-  ZELTA_TRY(state.begin(WordEntry(before)));
-  ZELTA_TRY(state.applyAll());
-  if (!state.isThere()) return removeKey(walk, path, leaf, place.number);
-  if (state.value() == before) return {};
-  leaf.setPointer(place.number, state.value());
-  return walk.store(path.steps[path.last()].position, leaf);
 }
 
 }  // namespace zelta

@@ -6,8 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "index/btree/key_codec.h"
+#include "index/btree/walk.h"
 #include "index/kind.h"
+#include "index/words/posting_chain.h"
 
 namespace zelta {
 
@@ -19,16 +20,62 @@ struct WordChange {
 
 /// A word with its changes, in the order in which they came.
 struct ChangedWord {
-  const char* key;  ///< its prefix and its text with the zero unit at the end
+  const char* key = nullptr;  ///< its prefix and its text with the zero unit at the end
   std::vector<WordChange> changes;
   std::vector<std::uint64_t> ids;  ///< of their objects, ascending, each of them once
 };
 
-/// Brings all changes of a word into a list. Own code 37: an object that gains it has it; own code
-/// 32: one that loses it is not the one that has it, or not among those that have it. A word that the
-/// list does not have may be lost. Repeated changes count as made wherever that shows.
-Result applyChanges(const IndexTree& tree, const TextNodeFormat& format, const ChangedWord& word,
-                    ContentMode mode);
+/// Brings words into a list, in ascending order. The leaf at hand is kept as long as words belong
+/// into it. Repeated changes count as made wherever that shows.
+class WordWriter {
+ public:
+  WordWriter(const IndexTree& tree, const TextNodeFormat& format, ContentMode mode)
+      : tree_(tree),
+        repeated_(mode == ContentMode::repeated),
+        walk_(tree, format, TextWalk::Purpose::insert),
+        chain_(tree_, word_.ids) {}
+  WordWriter(const WordWriter&) = delete;
+  WordWriter& operator=(const WordWriter&) = delete;
+
+  /// The next word, to be filled in; what it had before is gone.
+  ChangedWord& next();
+  /// Makes all changes of that word. Own code 37: an object that gains it has it; own code 32: one
+  /// that loses it is not the one that has it, or not among those that have it. A word that the list
+  /// does not have may be lost.
+  Result apply();
+  /// Brings the last leaf into the list.
+  Result finish() { return leave(); }
+
+ private:
+  /// What the entry of the word is at the moment.
+  enum class Form : std::uint8_t { absent, object, chain, stopWord };
+
+  Result seek();
+  Result leave();
+  Result takeEntry(std::uint64_t value);
+  Result changeAll();
+  Result add(std::uint64_t objectID);
+  Result remove(std::uint64_t objectID);
+  [[nodiscard]] std::uint64_t value() const;
+  Result enter();
+  Result putValue(std::uint64_t before);
+
+  const IndexTree tree_;
+  const bool repeated_;
+  TextWalk walk_;
+  ChangedWord word_;
+  // The leaf at hand, and where the word belongs in it
+  BPlusPath path_;
+  TextNode leaf_;
+  TreeBound<TextNodeFormat> bound_;
+  TextNode::Place place_{};
+  bool held_ = false;     ///< there is one
+  bool changed_ = false;  ///< it is not yet stored
+  // The word at hand
+  Form form_ = Form::absent;
+  std::uint64_t object_ = 0;  ///< of Form::object
+  PostingChain chain_;        ///< of Form::chain
+};
 
 }  // namespace zelta
 

@@ -95,9 +95,8 @@ Result KeyChanges::giveUp(AtomicManager& manager, VersionKeys::Entry& entry, boo
 }
 
 Result KeyChanges::take(AtomicManager& manager, VersionKeys::Entry& entry, Source source) {
-  const std::uint32_t givenUp =
-      countEqual(table_.indexStates[entry.index].removedKeys, table_.keyShape(entry.index),
-                 entry.key, objectID_);
+  const std::uint32_t givenUp = countEqual(table_.indexStates[entry.index].removedKeys,
+                                           table_.keyShape(entry.index), entry.key, objectID_);
   if (givenUp > planned(entry, Step::keepCommitted)) {
     add(entry, Step::keepCommitted, nullptr);
     return {};
