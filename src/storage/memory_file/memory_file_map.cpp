@@ -49,8 +49,9 @@ Result findPendingObject(AtomicManager& manager, std::uint64_t objectID, Pending
   if (leaf == nullptr) return {};
   const std::uint32_t slot = memory_file::entryFor(*leaf, objectID);
   *found = slot != leaf->count && leaf->objectIDs[slot] == objectID;
-  if (*found) *out = memory_file::entryOf(*leaf, slot);
-  return {};
+  if (!*found) return {};
+  *out = memory_file::entryOf(*leaf, slot);
+  return out->position != 0 ? Result() : corrupted(manager);
 }
 
 Result lastPendingID(AtomicManager& manager, std::uint64_t* objectID) {
