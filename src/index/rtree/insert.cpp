@@ -96,11 +96,10 @@ template <class Key>
 Result Insertion<Entry>::split(RTreeNode<Key>* node, bool leaf, const Key& key,
                                std::uint64_t value) {
   RTreeNode<Key> fresh;
-  ZELTA_TRY(walk_.allocate(leaf, PageRole::sibling, node->size(), &fresh, &fresh_));
+  ZELTA_TRY(walk_.allocate(leaf, PageRole::sibling, &fresh, &fresh_));
   if (fresh.full()) return walk_.corrupted();
   fresh.append(key, value);
   ZELTA_TRY(walk_.divide(node, &fresh));
-  if (node->count() == 0 || fresh.count() == 0) return walk_.corrupted();
   bounds_ = node->bounds();
   freshBounds_ = fresh.bounds();
   ZELTA_TRY(walk_.store(path_.last().position, node));

@@ -15,7 +15,11 @@ class Merge {
   using Branch = typename Walk::Branch;
 
   Merge(const IndexTree& pending, const ObjectSets& objects, const IndexTree* committed)
-      : walk_(pending), bound_(pending), objects_(objects), committed_(committed) {}
+      : walk_(pending),
+        bound_(pending),
+        packsLeft_(4 * pending.mostPages()),
+        objects_(objects),
+        committed_(committed) {}
 
   Result run();
 
@@ -49,6 +53,9 @@ class Merge {
 
   const Walk walk_;
   VisitBound bound_;
+  /// A branch is packed when it has changed, and again with a sibling when one of the two has a
+  /// single child, which it does not keep.
+  std::uint64_t packsLeft_;
   const ObjectSets& objects_;
   const IndexTree* committed_;
 };
@@ -150,7 +157,7 @@ Result Merge<Entry>::collapseRoot() {
 /// best.
 template <class Entry>
 Result Merge<Entry>::pack(std::uint64_t position, std::uint32_t depth) {
-  if (depth >= RTreePath::kMaximumDepth) return walk_.corrupted();
+  if (depth >= RTreePath::kMaximumDepth || packsLeft_-- == 0) return walk_.corrupted();
   for (std::uint32_t i = 0;;) {
     Branch branch;
     ZELTA_TRY(walk_.load(position, false, PageRole::parent, &branch));

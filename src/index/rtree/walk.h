@@ -76,7 +76,8 @@ class RTreeWalk {
   template <class Key>
   Result attach(const TreePage& page, bool leaf, RTreeNode<Key>* node) const {
     const std::uint32_t valueBytes = leaf ? tree.shape().idBytes : kChildBytes;
-    return node->attach(page, leaf, valueBytes) ? Result() : corrupted();
+    const bool sound = node->attach(page, leaf, valueBytes) && node->size() <= 2 * pageBytes();
+    return sound ? Result() : corrupted();
   }
   /// A node that may be changed.
   template <class Key>
@@ -102,13 +103,8 @@ class RTreeWalk {
   }
   template <class Key>
   Result allocate(bool leaf, PageRole role, RTreeNode<Key>* node, std::uint64_t* position) const {
-    return allocate(leaf, role, pageBytes(), node, position);
-  }
-  template <class Key>
-  Result allocate(bool leaf, PageRole role, std::uint64_t bytes, RTreeNode<Key>* node,
-                  std::uint64_t* position) const {
     TreePage page;
-    ZELTA_TRY(pages_.allocate(bytes, role, position, &page));
+    ZELTA_TRY(pages_.allocate(pageBytes(), role, position, &page));
     node->makeEmpty(page, leaf, leaf ? tree.shape().idBytes : kChildBytes);
     return {};
   }
@@ -116,12 +112,15 @@ class RTreeWalk {
     return pages_.free(position, size);
   }
 
-  /// Divides the entries of two nodes anew. Own damage code, and nothing changed: they do not fit.
+  /// Divides the entries of two nodes anew, so that both have some. Own damage code, and nothing
+  /// changed: they do not fit, or there are too few.
   template <class Key>
   Result divide(RTreeNode<Key>* first, RTreeNode<Key>* second) const {
     if (first->count() + second->count() < 2) return corrupted();
     Clustering<Key> groups(*first, *second);
     groups.divide();
+    // Of two entries one node gets both, but no two sound nodes have so few and do not fit in one.
+    if (groups.size(0) == 0 || groups.size(1) == 0) return corrupted();
     if (!first->holds(groups.size(0)) || !second->holds(groups.size(1))) return corrupted();
     groups.write(0, *first);
     groups.write(1, *second);
@@ -151,7 +150,8 @@ class RTreeWalk {
  private:
   static constexpr std::uint32_t kChildBytes = 8;
 
-  /// The size of all pages of the tree; five entries fit into a branch of bounds.
+  /// The size of all pages of the tree; five entries fit into a branch of bounds. A block of the
+  /// file that was a little larger may have been taken whole.
   [[nodiscard]] std::uint64_t pageBytes() const;
 
   const TreePages pages_;
