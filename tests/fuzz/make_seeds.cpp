@@ -163,6 +163,7 @@ class SeedMaker {
   void makeRotation();
   /// Trees of several levels in all files.
   void makeDeepTrees();
+  void makeLarge(Form form, const std::string& name);
   void makeDirectoryChanges();
   /// Calls of the whole interface at random, for the target that has no files.
   void makeCalls();
@@ -366,6 +367,36 @@ void SeedMaker::makeDeepTrees() {
        }));
 }
 
+/// Trees of a form that are large enough to be divided, thinned out and joined again.
+void SeedMaker::makeLarge(Form form, const std::string& name) {
+  constexpr std::size_t kLength = 16;
+  const auto enter = [](Seed& seed) {
+    seed.open();
+    seed.enter();
+  };
+  const Archive large = after(filled(form, false, false), [&](Seed& seed) {
+    enter(seed);
+    seed.add(form, 100, 170, kLength);
+    seed.commit();
+  });
+  const auto thin = [&](Seed& seed) {
+    for (long long id = 12; id < 75; id += 1 + id % 2) seed.erase(id);
+    for (long long id = 75; id < 79; ++id) {
+      seed.rewrite(form, id, 300 + static_cast<std::uint32_t>(id), kLength);
+    }
+    seed.add(form, 200, 260, kLength);
+  };
+  keep(name, large);
+  deaths(
+      name + "-commit", large, 8,
+      [&](Seed& seed) {
+        enter(seed);
+        thin(seed);
+      },
+      [](Seed& seed) { seed.commit(); });
+  deaths(name + "-add", large, 6, enter, thin);
+}
+
 void SeedMaker::makeDirectoryChanges() {
   const Archive empty = after({}, [](Seed& seed) { seed.create(); });
   keep("empty", empty);
@@ -408,6 +439,8 @@ void SeedMaker::make() {
   for (const Form form : kForms) makeForm(form);
   makeRotation();
   makeDeepTrees();
+  makeLarge(Form::shapes, "shapes");
+  makeLarge(Form::words, "words");
   makeDirectoryChanges();
   makeCalls();
 }

@@ -139,7 +139,11 @@ void Places::page(std::uint64_t position, int depth) {
     for (const std::uint64_t part : {24u, 696u, 1032u, 1368u}) run(position + part, 4, 6);
     add(longAt(file_, position + 1368), 4);
   }
-  const bool branch = numberAt<std::uint16_t>(file_, position + 4) == 0x6E69;
+  run(position + size - 40, 4, 10);
+  constexpr std::uint16_t kChainTag = 0x6269;
+  const auto tag = numberAt<std::uint16_t>(file_, position + 4);
+  if (tag == kChainTag && depth < 3) page(longAt(file_, position + 8), depth + 1);
+  const bool branch = tag == 0x6E69;
   if (branch && depth < 3) {
     for (unsigned i = 1; i <= 4; ++i) page(longAt(file_, position + size - 8 * i), depth + 1);
   }

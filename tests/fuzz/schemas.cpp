@@ -30,9 +30,31 @@ void append(std::string& out, Number value) {
   out.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
+std::string pointsContent(std::uint32_t number, std::size_t coordinates) {
+  std::string out;
+  append(out, static_cast<std::uint32_t>(4 + 4 * coordinates));
+  for (std::uint32_t i = 0; i < coordinates; ++i) {
+    append(out, static_cast<std::int32_t>((number / 2 + i) * 2654435761u) >> 20);
+  }
+  return out;
+}
+
+/// The bounds of a rectangle, of which some are the other way round.
+void appendRectangle(std::string& out, std::uint32_t number) {
+  const auto x = static_cast<std::int32_t>(number * 7919 % 400);
+  const auto y = static_cast<std::int32_t>(number * 104729 % 300);
+  for (const std::int32_t c : {x, y, x + 9, y - 5}) append(out, c);
+}
+
 std::string fixedContent(Form form, std::uint32_t number) {
   std::string out;
   append(out, number);
+  if (form == Form::words) append(out, static_cast<std::uint16_t>(number % 3));
+  if (form == Form::shapes) {
+    appendRectangle(out, number);
+    append(out, std::uint32_t{1000} - number % 50 * 20);
+    append(out, number % 7 * 100);
+  }
   if (form == Form::wide) append(out, std::uint64_t{1000} - number % 7);
   if (form == Form::types) out.append(kFixedBytes, static_cast<char>(number));
   return out;
@@ -49,10 +71,36 @@ std::string rowsContent(std::uint32_t number) {
   return out + rows;
 }
 
+std::string shapesContent(std::uint32_t number, std::size_t points) {
+  constexpr std::size_t kFlat = 2;
+  constexpr std::size_t kSolid = 3;
+  std::string rows;
+  for (std::uint32_t i = 0; i < number % 4; ++i) {
+    appendRectangle(rows, number + i / 2);
+    rows += pointsContent(number + i / 2, kFlat * (points / 8));
+  }
+  std::string out;
+  append(out, static_cast<std::uint32_t>(rows.size() + 4));
+  return out + rows + pointsContent(number, kSolid * (points / 4));
+}
+
+/// Words that many have, some have and one alone has; then long ones.
+std::string wordsContent(std::uint32_t number, std::size_t length) {
+  std::string text = "All word" + std::to_string(number % 7) + " n" + std::to_string(number);
+  for (std::size_t i = 0; i < length / 16; ++i) {
+    text += ", " + std::string(1 + i % 9 * 4, static_cast<char>('a' + (number + i) % 26));
+  }
+  std::string out = text + '\0';
+  for (const char c : text + '\0') append(out, static_cast<std::uint16_t>(c));
+  return out;
+}
+
 std::string variableContent(Form form, std::uint32_t number, std::size_t length) {
   const std::string text = std::string(length, static_cast<char>('a' + number % 26)) + '\0';
   std::string out;
   if (form == Form::rows) return rowsContent(number);
+  if (form == Form::shapes) return shapesContent(number, length);
+  if (form == Form::words) return wordsContent(number, length);
   if (form != Form::variable && form != Form::bare && form != Form::types) return out;
   out = text;
   if (form != Form::types) {
@@ -75,10 +123,11 @@ void FormSchema::field(std::uint32_t type, std::uint32_t size) {
   next.fieldName = kFieldNames[schema.fieldCount++];
 }
 
-void FormSchema::index(std::initializer_list<CZELTA::Schema::Segment> parts) {
+void FormSchema::index(std::initializer_list<CZELTA::Schema::Segment> parts,
+                       CZELTA::IndexKind kind) {
   std::copy(parts.begin(), parts.end(), segments[schema.indexCount]);
   CZELTA::Schema::Index& next = indexes[schema.indexCount];
-  next.indexKind = CZELTA::BPlusTree;
+  next.indexKind = static_cast<std::uint8_t>(kind);
   next.segmentCount = static_cast<std::uint16_t>(parts.size());
   next.segments = segments[schema.indexCount++];
 }
@@ -122,6 +171,30 @@ FormSchema::FormSchema(Form form, const char16_t* name, const char16_t* indexFol
       for (const std::uint32_t type : kVariableTypes) field(type, 8);
       index({{13, CZELTA::SegmentDescending}, {8, 0}, {CZELTA::ObjectIdSegment, 0}});
       index({{16, CZELTA::SegmentReversed}, {CZELTA::ObjectIdSegment, 0}});
+      break;
+    case Form::shapes:
+      field(Type::TypeRect2);
+      field(Type::TypeDate);
+      field(Type::TypeDate);
+      field(Type::TypeSubRecords, 60);
+      field(Type::TypePoints3, 60);
+      subFields[0] = {Type::TypeRect2, 0, 0, 0, u"s0", nullptr};
+      subFields[1] = {Type::TypePoints2, 0, 20, 0, u"s1", nullptr};
+      fields[4].subFields = subFields;
+      fields[4].subFieldCount = 2;
+      index({{1, 0}}, CZELTA::SpatialTree);
+      index({{2, 0}, {3, 0}}, CZELTA::TemporalTree);
+      index({{5, 0}}, CZELTA::SpatialPattern);
+      index({{6, 0}}, CZELTA::SpatialTree);
+      index({{7, 0}}, CZELTA::SpatialPattern);
+      break;
+    case Form::words:
+      field(Type::TypeUInt16);
+      field(Type::TypeText, 40);
+      field(Type::TypeWideText, 80);
+      index({{2, CZELTA::SegmentWords | CZELTA::SegmentLowerCase}}, CZELTA::AsciiList);
+      index({{1, 0}, {3, CZELTA::SegmentWords | CZELTA::SegmentAlphanumeric}}, CZELTA::WideList);
+      index({{3, CZELTA::SegmentWords}}, CZELTA::WideList);
       break;
   }
 }

@@ -11,9 +11,9 @@
 
 namespace zelta::fuzz {
 
-enum class Form { fixed, wide, variable, rows, bare, types };
-inline constexpr Form kForms[] = {Form::fixed, Form::wide, Form::variable,
-                                  Form::rows,  Form::bare, Form::types};
+enum class Form { fixed, wide, variable, rows, bare, types, shapes, words };
+inline constexpr Form kForms[] = {Form::fixed, Form::wide,  Form::variable, Form::rows,
+                                  Form::bare,  Form::types, Form::shapes,   Form::words};
 
 /// A schema in records of its own.
 class FormSchema {
@@ -25,16 +25,17 @@ class FormSchema {
   CZELTA::Schema schema{};
   CZELTA::Schema::Field fields[24]{};
   CZELTA::Schema::Field subFields[2]{};
-  CZELTA::Schema::Segment segments[4][3]{};
-  CZELTA::Schema::Index indexes[4]{};
+  CZELTA::Schema::Segment segments[6][3]{};
+  CZELTA::Schema::Index indexes[6]{};
 
  private:
   void field(std::uint32_t type, std::uint32_t size = 0);
-  void index(std::initializer_list<CZELTA::Schema::Segment> parts);
+  void index(std::initializer_list<CZELTA::Schema::Segment> parts,
+             CZELTA::IndexKind kind = CZELTA::BPlusTree);
 };
 
 /// The bytes behind the ID of an object of a form: what `number` makes of it, with `length` bytes
-/// of text if there is one. Different numbers have different keys.
+/// of text if there is one, or so many points. Different numbers have different keys.
 [[nodiscard]] std::string contentOf(Form form, std::uint32_t number, std::size_t length);
 
 /// Adds the object whose content is given; 0 or the result word of what failed.

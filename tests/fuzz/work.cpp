@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "fuzz/found.h"
 #include "fuzz/session.h"
@@ -33,6 +34,12 @@ void touchValue(std::uint32_t type, const void* value, std::size_t left) {
     default:
       touch(value, left);
   }
+}
+
+std::string widened(const std::string& text) {
+  std::string out;
+  for (const char c : text) out += {c, '\0'};
+  return out;
 }
 
 }  // namespace
@@ -323,18 +330,53 @@ void Work::restore(const OpenTable& table) {
   watch(handle_, [&] { return handle_.RestoreObject(table.id, id, unlock); });
 }
 
+/// Values for any kind of index: bounds, or as many points as the first word says.
+std::string Work::someQuery() {
+  static constexpr std::int32_t kEnds[] = {
+      std::numeric_limits<std::int32_t>::min(), -2147483647, -1, 0, 1,
+      std::numeric_limits<std::int32_t>::max()};
+  std::string key;
+  const bool pattern = steering_.flag();
+  const std::uint32_t words = 6 + steering_.below(8);
+  for (std::uint32_t i = 0; i < words; ++i) {
+    const std::int32_t number =
+        steering_.once(4) ? steering_.pick(kEnds) : static_cast<std::int32_t>(steering_.byte()) * 2;
+    key.append(reinterpret_cast<const char*>(&number), sizeof number);
+  }
+  const auto length = static_cast<std::uint32_t>(steering_.once(8) ? steering_.byte() % 9 : 28);
+  if (pattern) std::memcpy(key.data(), &length, sizeof length);
+  key.resize(4096);
+  return key;
+}
+
+/// Searches, looks at what is found, and searches among it.
 void Work::search(const OpenTable& table) {
-  const std::string key(4096, '\0');
-  const std::string words = steering_.text(steering_.below(8)) + std::string(4, '\0');
+  static constexpr CZELTA::Mode kModes[] = {CZELTA::Mode{}, CZELTA::SearchLockResults,
+                                            CZELTA::SearchKeepResults, CZELTA::Mode{}};
   const std::uint32_t index = steering_.below(table.indexCount + 2);
-  long long count = 0;
-  watch(handle_, [&] {
-    return handle_.SearchIndex(table.id, index, key.data(), words.data(), CZELTA::ReadEqual,
-                               &count);
-  });
-  watch(handle_, [&] {
-    return handle_.SearchIndex(table.id, index, key.data(), 0u, CZELTA::SearchLockResults, &count);
-  });
+  static constexpr const char* kWords[] = {"all", "word1 or word2", "not (all or n)", "n100", ""};
+  for (int i = 0; i < 2; ++i) {
+    const std::string key = someQuery();
+    std::string words = steering_.pick(kWords);
+    if (words.empty()) words = steering_.text(steering_.below(8));
+    if (steering_.flag()) words = widened(words);
+    words.resize(words.size() + 4);  // ends a text of either width
+    const CZELTA::Mode mode = steering_.pick(kModes);
+    static constexpr std::uint32_t kTolerances[] = {0, 3, 60, 0x7FFFFFFF, 0xFFFFFFFF};
+    const std::uint32_t tolerance = steering_.pick(kTolerances);
+    long long count = 0;
+    const auto word =
+        steering_.flag()
+            ? watch(handle_,
+                    [&] {
+                      return handle_.SearchIndex(table.id, index, key.data(), words.data(), mode,
+                                                 &count);
+                    })
+            : watch(handle_, [&] {
+                return handle_.SearchIndex(table.id, index, key.data(), tolerance, mode, &count);
+              });
+    if (word == 0 && index <= table.indexCount) walk(table, index, CZELTA::ReadFirst, someFlags());
+  }
 }
 
 void Work::removeTable() {

@@ -51,6 +51,7 @@ class Work {
   void erase(const OpenTable& table);
   void restore(const OpenTable& table);
   void search(const OpenTable& table);
+  std::string someQuery();
   void removeTable();
   void addTable();
   void createTable();
