@@ -1,5 +1,5 @@
-// A database with one table of boxes, time spans and sets of points, with and without rows, whose
-// trees have seen additions, rewrites and deletions.
+// A database with one table that has indexes of all kinds, with and without rows, whose trees have
+// seen additions, rewrites and deletions.
 
 #ifndef ZELTA_TESTS_CHECK_SHAPE_DATABASE_H
 #define ZELTA_TESTS_CHECK_SHAPE_DATABASE_H
@@ -26,32 +26,36 @@ class ShapeDatabase : public DatabaseTest {
     kPoints,
     kRowBoxes,
     kRowPoints,
-    kIndexes = 6
+    kWords,
+    kWideWords,
+    kIndexes = 8
   };
 
-  static SchemaRecords* makeSchema(std::uint32_t flags) {
+  void makeTable(std::uint32_t flags) {
     const Fields fields = {
         {CZELTA::TypeUInt32},
         {CZELTA::TypeRect2},
         {CZELTA::TypeDateTime},
         {CZELTA::TypeDateTime},
+        {CZELTA::TypeUInt16},
+        {CZELTA::TypeText, 60},
         {CZELTA::TypeSubRecords, 60, {{CZELTA::TypeRect2}, {CZELTA::TypePoints2, 40}}},
         {CZELTA::TypePoints3, 40}};
-    const Indexes indexes = {{{{0, 0}}, CZELTA::BPlusTree},
-                             {{{1, 0}}, CZELTA::SpatialTree},
-                             {{{2, 0}, {3, 0}}, CZELTA::TemporalTree},
-                             {{{5, 0}}, CZELTA::SpatialPattern},
-                             {{{6, 0}}, CZELTA::SpatialTree},
-                             {{{7, 0}}, CZELTA::SpatialPattern}};
-    return new SchemaRecords(fields, indexes, flags);
-  }
-  void makeTable(std::uint32_t flags) {
-    const std::unique_ptr<SchemaRecords> records(makeSchema(flags));
-    records->schema.tableId = kTable;
+    const Indexes indexes = {
+        {{{0, 0}}, CZELTA::BPlusTree},
+        {{{1, 0}}, CZELTA::SpatialTree},
+        {{{2, 0}, {3, 0}}, CZELTA::TemporalTree},
+        {{{7, 0}}, CZELTA::SpatialPattern},
+        {{{8, 0}}, CZELTA::SpatialTree},
+        {{{9, 0}}, CZELTA::SpatialPattern},
+        {{{5, CZELTA::SegmentWords}}, CZELTA::AsciiList},
+        {{{4, 0}, {5, CZELTA::SegmentWords | CZELTA::SegmentUpperCase}}, CZELTA::WideList}};
+    SchemaRecords records(fields, indexes, flags);
+    records.schema.tableId = kTable;
     CZELTA handle;
     ASSERT_DONE(handle, handle.CreateDatabase(path().c_str()));
     ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
-    ASSERT_DONE(handle, handle.CreateTable(&records->schema, nullptr));
+    ASSERT_DONE(handle, handle.CreateTable(&records.schema, nullptr));
     ASSERT_DONE(handle, handle.EndTransaction());
   }
   static void enter(CZELTA& handle) {
@@ -70,14 +74,20 @@ class ShapeDatabase : public DatabaseTest {
     const std::int32_t y = coordinate(number, 2);
     out.number(x).number(y).number(x + 20).number(y + 5);
     const std::uint64_t begin = number * std::uint64_t{37} % 5000;
-    return out.number(begin).number(begin + number % 9);
+    out.number(begin).number(begin + number % 9);
+    return out.number(static_cast<std::uint16_t>(number % 3));
   }
   static std::string points(std::uint32_t number, std::uint32_t count, std::uint32_t axes) {
     Packed all;
     for (std::uint32_t i = 0; i < count * axes; ++i) all.number(coordinate(number / 2, i));
     return Packed().binary(all);
   }
-  /// Up to three rows, of which two may be equal.
+  /// Words that all objects have, some have, and one has.
+  static std::string text(std::uint32_t number) {
+    return "all some" + std::to_string(number % 11) + " own" + std::to_string(number) + " " +
+           std::string(number % 40, 'x');
+  }
+  /// A text, and up to three rows, of which two may be equal.
   static std::string variableBytes(std::uint32_t number) {
     Packed rows;
     for (std::uint32_t row = 0; row < number % 4; ++row) {
@@ -85,12 +95,12 @@ class ShapeDatabase : public DatabaseTest {
       rows.number(x).number(-x).number(x + 3).number(x);
       rows.raw(points(number + row / 2, number % 3, 2));
     }
-    return Packed().binary(rows).raw(points(number, number % 5, 3));
+    return Packed().text(text(number)).binary(rows).raw(points(number, number % 5, 3));
   }
   static unsigned long long put(CZELTA& handle, std::uint32_t number, CZELTA::Object& object) {
     const std::string variable = variableBytes(number);
     const auto word = handle.PutVariableValues(
-        kTable, variable.data(), static_cast<unsigned>(variable.size()), 0, 2, &object);
+        kTable, variable.data(), static_cast<unsigned>(variable.size()), 0, 3, &object);
     const std::string fixed = fixedBytes(number);
     if (word == 0) std::memcpy(object.data, fixed.data(), fixed.size());
     return word;
