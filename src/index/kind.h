@@ -114,6 +114,9 @@ enum class ContentMode {
 /// A kind of contents.
 struct ContentKind {
   std::unique_ptr<ContentUpdate> (*begin)(const IndexTree& committed, ContentMode mode);
+  /// Whether an index (from 0) can follow an object that is to be stored: asked before that, since
+  /// a commit that is decided cannot refuse it any more. Null: it can follow all.
+  Result (*check)(const Table& table, std::uint32_t index, const ObjectBytes& object) = nullptr;
 };
 
 }  // namespace zelta

@@ -90,6 +90,14 @@ Result checkIndexKinds(const Table& table) {
   return {};
 }
 
+Result checkContents(const Table& table, const ObjectBytes& object) {
+  for (std::uint32_t i = 0; i < table.indexCount; ++i) {
+    const ContentKind* kind = contentKind(table, i);
+    if (kind != nullptr && kind->check != nullptr) ZELTA_TRY(kind->check(table, i, object));
+  }
+  return {};
+}
+
 const KeyMaker* keyMaker(const Table& table, std::uint32_t index) {
   const Kind* kind = kindOf(table, index);
   return kind == nullptr ? nullptr : kind->maker;

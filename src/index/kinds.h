@@ -19,6 +19,10 @@ namespace zelta {
 /// of no known kind. Asked before the first object is touched.
 Result checkIndexKinds(const Table& table);
 
+/// Whether all indexes that follow contents can follow an object that is to be stored: else the code
+/// that its commit would fail with.
+Result checkContents(const Table& table, const ObjectBytes& object);
+
 /// How keys of an index (from 0) are made, be the rest of its kind there or not; null: it has none.
 [[nodiscard]] const KeyMaker* keyMaker(const Table& table, std::uint32_t index);
 

@@ -10,7 +10,7 @@
 
 namespace zelta {
 
-inline constexpr ContentKind kSpatialPattern = {beginPatternUpdate};
+inline constexpr ContentKind kSpatialPattern = {beginPatternUpdate, checkPattern};
 
 }  // namespace zelta
 

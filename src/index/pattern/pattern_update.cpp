@@ -163,6 +163,13 @@ Result PatternUpdate<Axes, Numbered>::change(const ContentChange& change) {
 
 }  // namespace
 
+Result checkPattern(const Table& table, std::uint32_t index, const ObjectBytes& object) {
+  const PatternField field(table, index);
+  if (!field.isFound()) return reportError(&table.metaData, Own::noObject);
+  constexpr std::size_t kAny = 2;
+  return field.forEach<kAny>(object, [](const PointBytes&, std::uint32_t) { return false; });
+}
+
 std::unique_ptr<ContentUpdate> beginPatternUpdate(const IndexTree& committed, ContentMode mode) {
   const PatternField field(committed.table(), committed.index());
   const bool flat = field.isFound() && field.type() == CZELTA::TypePoints2;

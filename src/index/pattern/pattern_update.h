@@ -12,6 +12,9 @@ namespace zelta {
 
 std::unique_ptr<ContentUpdate> beginPatternUpdate(const IndexTree& committed, ContentMode mode);
 
+/// Own code 39: the object's points cannot be found, since they stand behind others.
+Result checkPattern(const Table& table, std::uint32_t index, const ObjectBytes& object);
+
 }  // namespace zelta
 
 #endif  // ZELTA_INDEX_PATTERN_PATTERN_UPDATE_H

@@ -155,6 +155,7 @@ Result addObject(const Session& session, Table& table, CZELTA::Object* object, l
   table.currentObjectID = 0;
   ZELTA_TRY(validateObject(table, table.objectData, table.objectLength));
   ZELTA_TRY(checkIndexKinds(table));
+  ZELTA_TRY(checkContents(table, {table.objectData, table.objectLength}));
   ZELTA_TRY(Addition(session, table, static_cast<std::uint64_t>(objectID)).run());
   fillObject(table, object);
   return {};

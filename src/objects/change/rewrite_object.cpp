@@ -139,6 +139,7 @@ Result rewriteObject(const Session& session, Table& table, CZELTA::Object* objec
   if (!mayRewrite(table)) return reportError(&session.metaData, Own::noObject);
   ZELTA_TRY(validateObject(table, table.objectData, table.objectLength));
   ZELTA_TRY(checkIndexKinds(table));
+  ZELTA_TRY(checkContents(table, {table.objectData, table.objectLength}));
   // The ID in the buffer may have been changed: that does not move an object.
   std::memcpy(table.objectData + 2, &table.currentObjectID, table.idSize());
   ZELTA_TRY(Rewriting(session, table).run());
