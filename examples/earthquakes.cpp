@@ -3,27 +3,33 @@
 //   earthquakes load DATABASE CATALOGUE          creates the database and loads the catalogue (CSV)
 //   earthquakes show DATABASE [CODE ...]         the ten strongest, the events with these codes,
 //                                                some places
+//   earthquakes find DATABASE [CONDITION ...]    the events that meet all conditions, the strongest
+//                                                first:
+//       box WEST SOUTH EAST NORTH                in degrees
+//       during FROM TO                           such as 2018-02-05 2018-02-06T12:30, in UTC
+//       above MAGNITUDE
 //   earthquakes revise DATABASE CODE MAGNITUDE   corrects a magnitude, and drops all events that
 //                                                are no earthquakes and that nobody has felt
 
 #include <czelta.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "earthquake_csv.h"
+#include "support.h"
 
 namespace {
 
 constexpr int kObjectsPerTransaction = 200;
-constexpr unsigned kTimeout = 10000;                 // ms
-constexpr unsigned kEvents = 1;                      ///< ID of the table, the database's first
-constexpr unsigned long long kNoMore = 0x100000020;  ///< own code 32: there is no such object
+constexpr unsigned kEvents = 1;  ///< ID of the table, the database's first
 
 /// The fixed fields of an event, laid out as the library lays them out: each at its alignment.
 struct FixedFields {
@@ -36,22 +42,7 @@ struct FixedFields {
   std::uint8_t tsunami;
 };
 
-enum Indexes : unsigned { ByCode = 1, ByMagnitude = 2, ByPlace = 3 };
-
-std::string utf8(const char16_t* text) { return std::filesystem::path(text).string(); }
-
-/// The library takes absolute paths, or relative ones with a folder in them.
-std::u16string databasePath(const char* path) {
-  return std::filesystem::absolute(path).u16string();
-}
-
-/// Throws with the library's own words if an operation failed.
-void check(CZELTA& database, unsigned long long result) {
-  if (result == 0) return;
-  const char16_t* message = nullptr;
-  database.GetErrorMessage(&message);
-  throw std::runtime_error(utf8(message));
-}
+enum Indexes : unsigned { ByCode = 1, ByMagnitude = 2, ByPlace = 3, ByEpicentre = 4, ByTime = 5 };
 
 unsigned createTable(CZELTA& database) {
   CZELTA::Schema::Field fields[] = {
@@ -70,19 +61,27 @@ unsigned createTable(CZELTA& database) {
   CZELTA::Schema::Segment magnitude[] = {{0, CZELTA::SegmentDescending},
                                          {CZELTA::ObjectIdSegment, 0}};
   CZELTA::Schema::Segment place[] = {{8, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
-  CZELTA::Schema::Index indexes[3] = {};
+  CZELTA::Schema::Segment epicentre[] = {{3, 0}};
+  CZELTA::Schema::Segment time[] = {{1, 0}, {1, 0}};  // a span that ends as it begins
+  CZELTA::Schema::Index indexes[5] = {};
   indexes[0].segmentCount = 1;
   indexes[0].segments = code;
   indexes[1].segmentCount = 2;
   indexes[1].segments = magnitude;
   indexes[2].segmentCount = 2;
   indexes[2].segments = place;
+  indexes[3].indexKind = CZELTA::SpatialTree;
+  indexes[3].segmentCount = 1;
+  indexes[3].segments = epicentre;
+  indexes[4].indexKind = CZELTA::TemporalTree;
+  indexes[4].segmentCount = 2;
+  indexes[4].segments = time;
 
   CZELTA::Schema schema = {};
   schema.tableName = u"events";
   schema.fieldCount = 10;
   schema.fields = fields;
-  schema.indexCount = 3;
+  schema.indexCount = 5;
   schema.indexes = indexes;
   unsigned table = 0;
   check(database, database.BeginTransaction(CZELTA::TransactionExclusive, kTimeout));
@@ -118,10 +117,7 @@ int load(CZELTA& database, const char* path, const char* catalogue) {
 
   int loaded = 0;
   int rejected = 0;
-  const auto begin = [&] {
-    check(database, database.BeginTransaction(CZELTA::TransactionShared, kTimeout));
-    check(database, database.OpenTable(table));
-  };
+  const auto begin = [&] { openTable(database, CZELTA::TransactionShared, table); };
   const auto commit = [&] {
     check(database, database.CommitTransaction(true));
     check(database, database.EndTransaction());
@@ -201,8 +197,7 @@ std::vector<long long> findBlasts(CZELTA& database, unsigned table) {
 /// All of it is one transaction: others see the catalogue before the revision, or after it.
 int revise(CZELTA& database, const char* path, const char* code, float magnitude) {
   check(database, database.OpenDatabase(databasePath(path).c_str()));
-  check(database, database.BeginTransaction(CZELTA::TransactionShared, kTimeout));
-  check(database, database.OpenTable(kEvents));
+  openTable(database, CZELTA::TransactionShared, kEvents);
 
   CZELTA::Object object;
   check(database, database.ReadObject(kEvents, CZELTA::ReadEqual, &object, ByCode, code, nullptr));
@@ -229,8 +224,7 @@ int revise(CZELTA& database, const char* path, const char* code, float magnitude
 
 int show(CZELTA& database, const char* path, const std::vector<const char*>& codes) {
   check(database, database.OpenDatabase(databasePath(path).c_str()));
-  check(database, database.BeginTransaction(CZELTA::TransactionRead, kTimeout));
-  check(database, database.OpenTable(kEvents));
+  openTable(database, CZELTA::TransactionRead, kEvents);
 
   std::printf("The ten strongest:\n");
   walk(database, kEvents, ByMagnitude, CZELTA::ReadFirst, nullptr, 10);
@@ -257,6 +251,101 @@ int show(CZELTA& database, const char* path, const std::vector<const char*>& cod
   return 0;
 }
 
+// -- Finding by several conditions ----------------------------------------------------------------
+
+/// What an event has to meet. A member that was not given is empty.
+struct Conditions {
+  std::vector<std::int32_t> box;      ///< west, south, east, north, in millionths of a degree
+  std::vector<std::uint64_t> during;  ///< from, to; as TypeDateTime
+  float above = -10;                  ///< magnitude, weaker than all that anybody measures
+};
+
+/// "2018-02-05" or "2018-02-05T13:30", as TypeDateTime.
+std::uint64_t parseTime(const char* text) {
+  int year = 0, month = 0, day = 0, hour = 0, minute = 0;
+  const int parts = std::sscanf(text, "%d-%d-%dT%d:%d", &year, &month, &day, &hour, &minute);
+  const std::chrono::year_month_day date(std::chrono::year(year),
+                                         std::chrono::month(static_cast<unsigned>(month)),
+                                         std::chrono::day(static_cast<unsigned>(day)));
+  if ((parts != 3 && parts != 5) || !date.ok() || year < 1601) {
+    throw std::runtime_error(std::string(text) + " is no time");
+  }
+  const auto since = std::chrono::sys_days(date) + std::chrono::hours(hour) +
+                     std::chrono::minutes(minute) -
+                     std::chrono::sys_days(std::chrono::year(1601) / 1 / 1);
+  return static_cast<std::uint64_t>(std::chrono::seconds(since).count()) * 10000000;
+}
+
+Conditions parseConditions(const std::vector<const char*>& words) {
+  Conditions wanted;
+  std::size_t at = 0;
+  const auto next = [&] {
+    if (at == words.size()) throw std::runtime_error("a condition is not complete");
+    return words[at++];
+  };
+  while (at < words.size()) {
+    const std::string name = next();
+    if (name == "box") {
+      while (wanted.box.size() < 4) {
+        wanted.box.push_back(microdegrees(std::strtod(next(), nullptr)));
+      }
+    } else if (name == "during") {
+      while (wanted.during.size() < 2) wanted.during.push_back(parseTime(next()));
+    } else if (name == "above") {
+      wanted.above = std::strtof(next(), nullptr);
+    } else {
+      throw std::runtime_error(name + " is no condition");
+    }
+  }
+  return wanted;
+}
+
+/// The events that meet all conditions for which there is a search. The results of the first one
+/// are taken over, and each of the others takes away what it has not found.
+std::vector<std::uint32_t> search(CZELTA& database, const Conditions& wanted) {
+  std::vector<std::uint32_t> ids;
+  bool any = false;
+  const auto combine = [&](unsigned index) {
+    if (any) {
+      keepFound(database, kEvents, index, &ids);
+    } else {
+      ids = foundObjects(database, kEvents, index);
+    }
+    any = true;
+  };
+  if (!wanted.box.empty()) {
+    searchIndex(database, kEvents, ByEpicentre, wanted.box.data());
+    combine(ByEpicentre);
+  }
+  if (!wanted.during.empty()) {
+    searchIndex(database, kEvents, ByTime, wanted.during.data());
+    combine(ByTime);
+  }
+  if (!any) combine(ByMagnitude);  // all of them
+  return ids;
+}
+
+int find(CZELTA& database, const char* path, const Conditions& wanted) {
+  check(database, database.OpenDatabase(databasePath(path).c_str()));
+  openTable(database, CZELTA::TransactionRead, kEvents);
+  std::vector<std::pair<float, std::uint32_t>> found;
+  for (const std::uint32_t id : search(database, wanted)) {
+    CZELTA::Object object;
+    check(database, database.ReadObject(kEvents, id, &object));
+    const float magnitude = fixedFieldsOf(object).magnitude;
+    if (magnitude > wanted.above) found.emplace_back(magnitude, id);
+  }
+  std::sort(found.begin(), found.end(), std::greater<>());
+  for (const auto& [magnitude, id] : found) {
+    CZELTA::Object object;
+    check(database, database.ReadObject(kEvents, id, &object));
+    print(database, kEvents, object);
+  }
+  std::printf("%zu events found\n", found.size());
+  check(database, database.EndTransaction());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -266,10 +355,15 @@ int main(int argc, char** argv) try {
   if (command == "revise" && argc == 5) {
     return revise(database, argv[2], argv[3], std::strtof(argv[4], nullptr));
   }
+  if (command == "find" && argc >= 3) {
+    return find(database, argv[2], parseConditions({argv + 3, argv + argc}));
+  }
   if (command == "show" && argc >= 3) return show(database, argv[2], {argv + 3, argv + argc});
   std::fprintf(stderr,
                "usage: earthquakes load DATABASE CATALOGUE\n"
                "       earthquakes show DATABASE [CODE ...]\n"
+               "       earthquakes find DATABASE [box WEST SOUTH EAST NORTH] [during FROM TO] "
+               "[above MAGNITUDE]\n"
                "       earthquakes revise DATABASE CODE MAGNITUDE\n");
   return 2;
 } catch (const std::exception& error) {
