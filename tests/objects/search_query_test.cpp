@@ -82,15 +82,20 @@ TEST_F(Search, MissingKeyOrExpressionIsRefused) {
   EXPECT_TRUE(second(2, nullptr).is(Own::parameter));
   EXPECT_TRUE(second(6, nullptr).is(Own::parameter));
   EXPECT_TRUE(first(3, box_, nullptr).is(Own::parameter));
+  EXPECT_EQ(
+      message(),
+      u"One or more parameters is within an invaild range for table \"T\".\nParameter 1 = 3.");
 }
 
-TEST_F(Search, KindsThatHaveNoSearchAnswerWithACode) {
-  for (const std::uint32_t index : {2u, 3u, 4u, 5u}) {
-    EXPECT_TRUE(first(index, box_, "a").is(Own::context)) << index;
-  }
-  for (const std::uint32_t index : {2u, 5u, 6u}) {
-    EXPECT_TRUE(second(index, box_).is(Own::context)) << index;
-  }
+TEST_F(Search, WhatIsRefusedLeavesTheEarlierResults) {
+  bench_.table.searchIndex = 2;
+  bench_.table.searchResults = SortedIds({1, 2});
+  EXPECT_TRUE(first(0, box_, "a").is(Own::parameter));
+  EXPECT_TRUE(first(1, box_, "a").is(Own::indexKind));
+  EXPECT_TRUE(first(2, nullptr, nullptr).is(Own::parameter));
+  EXPECT_TRUE(first(3, box_, "(").is(Own::search));
+  EXPECT_EQ(bench_.table.searchIndex, 2u);
+  EXPECT_EQ(bench_.table.searchResults.size(), 2u);
 }
 
 }  // namespace
