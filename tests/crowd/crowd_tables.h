@@ -67,6 +67,7 @@ inline std::string orderRows(const CrowdRow& row) {
 inline Shapes shapesOf(const CrowdRow& row) {
   Shapes shapes(row.key);
   shapes.points = Shapes(row.sequence).points;
+  shapes.words = Shapes(row.sequence).words;
   return shapes;
 }
 /// The indexes over them, which come behind the first two.
@@ -89,7 +90,7 @@ inline std::string variablePart(std::uint32_t table, const CrowdRow& row) {
   std::string text = std::to_string(hash) + ":";
   text.append(hash % 40 == 0 ? 5000 + hash % 3000 : hash % 130,
               static_cast<char>('a' + row.key % 26));
-  return Packed().text(text).raw(shapesOf(row).pointBytes());
+  return Packed().text(text).raw(shapesOf(row).variableBytes());
 }
 
 /// A handle of the database.
@@ -135,7 +136,7 @@ class CrowdHandle {
   unsigned long long put(std::uint32_t table, const CrowdRow& row) {
     const std::string part = variablePart(table, row);
     if (!part.empty()) {
-      const unsigned fields = table == kTexts ? 2 : 1;
+      const unsigned fields = table == kTexts ? 4 : 1;
       const auto failure = db.PutVariableValues(
           table, part.data(), static_cast<unsigned>(part.size()), 0, fields, &object);
       if (failure != 0) return failure;
@@ -161,7 +162,8 @@ inline void makeCrowdTables(const std::u16string& path) {
       return indexes;
     };
     Fields textFields = shaped;
-    textFields.insert(textFields.end(), {{CZELTA::TypeText, 100}, Shapes::pointField()});
+    textFields.push_back({CZELTA::TypeText, 100});
+    for (const FieldSpec& field : Shapes::variableFields()) textFields.push_back(field);
     SchemaRecords texts(textFields, indexed(kTexts), 0, u"texts");
     texts.schema.lockIndex = 1;
     const FieldSpec rows{CZELTA::TypeSubRecords, 60, {word, {CZELTA::TypeText, 8}}};

@@ -280,10 +280,7 @@ class CrowdWorker {
     const std::uint32_t which = dice(static_cast<std::uint32_t>(kinds.size()));
     const unsigned index = kFirstSearch + which;
     long long count = 0;
-    if (!done([&] {
-          return handle_.db.SearchIndex(table_, index, kinds[which].query(like).data(),
-                                        toleranceOf(like), CZELTA::Mode{}, &count);
-        })) {
+    if (!done([&] { return searchLike(handle_.db, table_, index, kinds[which], like, &count); })) {
       return is(kLocked) ? 0 : __LINE__;
     }
     std::set<std::int64_t> found;
@@ -295,9 +292,10 @@ class CrowdWorker {
       mode = CZELTA::ReadNext;
     }
     if (!is(32)) return is(kLocked) ? 0 : __LINE__;
-    // A commit that others are still to carry out ends a walk early. Steps are counted together.
+    // A commit that others are still to carry out ends a walk early. Of points only what is
+    // committed is found.
     const bool whole = found.size() == static_cast<std::uint64_t>(count);
-    if (kinds[which].key == nullptr || !whole) return 0;
+    if ((kinds[which].key == nullptr && !kinds[which].byWords) || !whole) return 0;
     ++board_.searched;
     return expectOwn(kinds[which], like, found);
   }
@@ -308,8 +306,10 @@ class CrowdWorker {
       if (place.first != table_ || (own.removed && !own.existed)) continue;
       const bool isThere = found.count(place.second) != 0;
       const bool matches = !own.removed && kind.matches(shapesOf(own.row), like);
-      const bool isNew = !own.removed && (!own.existed || kind.key(shapesOf(own.row)) !=
-                                                              kind.key(shapesOf(own.former)));
+      const auto keyChanged = [&] {
+        return kind.key(shapesOf(own.row)) != kind.key(shapesOf(own.former));
+      };
+      const bool isNew = !own.removed && (!own.existed || kind.byWords || keyChanged());
       if (isThere && !matches) return __LINE__;
       if (isNew && matches && !isThere) return __LINE__;
     }

@@ -232,12 +232,10 @@ Word ModelHandle::restore(std::uint64_t id, bool unlock) {
 void ModelHandle::search(std::size_t number, const Shapes& like) {
   const std::set<std::uint64_t> expected = model_.findable(number, like);
   const auto index = static_cast<unsigned>(shape_.indexes.size() + number + 1);
-  const std::string key = shape_.searches()[number].query(like);
+  const ShapeKind kind = shape_.searches()[number];
   const std::string what = "search of index " + std::to_string(index);
-  const Word word = perform(kDone, true, [&] {
-    return db.SearchIndex(kModelTable, index, key.data(), toleranceOf(like), CZELTA::Mode{},
-                          nullptr);
-  });
+  const Word word =
+      perform(kDone, true, [&] { return searchLike(db, kModelTable, index, kind, like); });
   if (!agree(what, kDone, word)) return;
   CZELTA::Mode mode = CZELTA::ReadFirst | CZELTA::ReadNoLock;
   const auto next = [&] {

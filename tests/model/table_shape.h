@@ -49,8 +49,8 @@ struct TableShape {
   std::uint16_t lockIndex;
   bool keepLogs;
   std::vector<IndexShape> indexes;
-  /// A box and a span in each object, points behind the other variable fields; box and points in
-  /// each row. They follow from the stamp, or from the row's code.
+  /// A box and a span in each object, words and points behind the other variable fields; box and
+  /// points in each row. They follow from the stamp, or from the row's code.
   bool shaped = false;
 
   [[nodiscard]] bool isMulti(std::size_t index) const {
@@ -92,11 +92,12 @@ struct TableShape {
       }
       out.binary(all);
     }
-    return hasPoints() ? out.raw(Shapes(thing.stamp).pointBytes()) : out;
+    return variablyShaped() ? out.raw(Shapes(thing.stamp).variableBytes()) : out;
   }
-  [[nodiscard]] bool hasPoints() const { return shaped && texts; }
+  [[nodiscard]] bool variablyShaped() const { return shaped && texts; }
   [[nodiscard]] unsigned variableFields() const {
-    return (texts ? 1u : 0u) + (rows ? 1u : 0u) + (hasPoints() ? 1u : 0u);
+    const std::size_t shapes = variablyShaped() ? Shapes::variableFields().size() : 0;
+    return (texts ? 1u : 0u) + (rows ? 1u : 0u) + static_cast<unsigned>(shapes);
   }
 
   [[nodiscard]] Fields fields() const {
@@ -113,7 +114,9 @@ struct TableShape {
       }
       out.push_back({CZELTA::TypeSubRecords, 40, row});
     }
-    if (hasPoints()) out.push_back(Shapes::pointField());
+    if (variablyShaped()) {
+      for (const FieldSpec& field : Shapes::variableFields()) out.push_back(field);
+    }
     return out;
   }
   [[nodiscard]] Indexes indexSpecs() const {
@@ -133,7 +136,10 @@ struct TableShape {
       out.push_back({segments});
     }
     if (!shaped) return out;
-    for (const IndexSpec& index : shapeIndexes(3, count - 1, hasPoints())) out.push_back(index);
+    const auto variable = count - static_cast<std::int32_t>(Shapes::variableFields().size());
+    for (const IndexSpec& index : shapeIndexes(3, variable, variablyShaped())) {
+      out.push_back(index);
+    }
     if (!rows) return out;
     out.push_back({{{count, 0}}, CZELTA::SpatialTree});
     out.push_back({{{count + 3, 0}}, CZELTA::SpatialPattern});
@@ -142,13 +148,13 @@ struct TableShape {
   /// The indexes over shapes, which come behind the others: those of objects, then those of rows.
   [[nodiscard]] std::vector<ShapeKind> searches() const {
     if (!shaped) return {};
-    std::vector<ShapeKind> out = shapeKinds(hasPoints());
+    std::vector<ShapeKind> out = shapeKinds(variablyShaped());
     if (rows) out.insert(out.end(), {kBoxIndex, kPointIndex});
     return out;
   }
   /// What one of these has of an object.
   [[nodiscard]] std::vector<Shapes> shapesOf(std::size_t search, const Thing& thing) const {
-    if (search < shapeKinds(hasPoints()).size()) return {Shapes(thing.stamp)};
+    if (search < shapeKinds(variablyShaped()).size()) return {Shapes(thing.stamp)};
     std::vector<Shapes> out;
     for (const ThingRow& row : thing.rows) out.emplace_back(row.code);
     return out;

@@ -49,7 +49,7 @@ struct TableForm {
   bool fixed;
   bool wide;
   bool indexed;
-  /// A box and a span behind the number, points behind the text, and indexes over them.
+  /// A box and a span behind the number, words and points behind the text, and indexes over them.
   bool shaped = false;
 
   /// Those indexes, which come behind the B+Trees.
@@ -102,7 +102,7 @@ inline Content contentIn(const TableForm& form, const char* data, std::size_t le
   std::memcpy(&content.number, data, 4);
   const Shapes shapes(content.number);
   const std::string front = form.shaped ? shapes.fixedBytes() : "";
-  const std::string back = form.shaped && !form.fixed ? shapes.pointBytes() : "";
+  const std::string back = form.shaped && !form.fixed ? shapes.variableBytes() : "";
   const std::string bytes(data + 4, length - 4);
   if (bytes.size() < front.size() + back.size()) return {};
   if (bytes.compare(0, front.size(), front) != 0) return {};
@@ -145,7 +145,9 @@ class EditSession {
     }
     const auto text = static_cast<std::int32_t>(fields.size());
     if (!form_.fixed) fields.push_back({CZELTA::TypeText, 20});
-    if (!form_.fixed && form_.shaped) fields.push_back(Shapes::pointField());
+    if (!form_.fixed && form_.shaped) {
+      for (const FieldSpec& field : Shapes::variableFields()) fields.push_back(field);
+    }
     Indexes indexes;
     if (form_.indexed) indexes.push_back({Segments{{0, 0}}});
     if (form_.indexed && !form_.fixed) {
@@ -265,7 +267,7 @@ class EditSession {
     bytes.raw(std::string(head, table().headerSize())).number(content.number);
     if (form_.shaped) bytes.raw(Shapes(content.number).fixedBytes());
     if (!form_.fixed) bytes.text(content.text);
-    if (!form_.fixed && form_.shaped) bytes.raw(Shapes(content.number).pointBytes());
+    if (!form_.fixed && form_.shaped) bytes.raw(Shapes(content.number).variableBytes());
     reserveObject(table(), static_cast<std::uint32_t>(bytes.str().size()));
     std::memcpy(table().objectData, bytes.str().data(), bytes.str().size());
   }
@@ -279,11 +281,13 @@ class EditSession {
     }
     for (const Shapes& like : likes) {
       clearError(metaData);
-      const std::string key = kind.query(like);
-      const Result result = searchIndex(
-          {metaData, tables}, table(),
-          {SearchQuery::Form::shape, index, key.data(), nullptr, toleranceOf(like), CZELTA::Mode{}},
-          nullptr);
+      const std::string bytes = kind.query(like);
+      const SearchQuery byWords = {
+          SearchQuery::Form::expression, index, nullptr, bytes.data(), 0, CZELTA::Mode{}};
+      const SearchQuery byShape = {SearchQuery::Form::shape, index,         bytes.data(), nullptr,
+                                   toleranceOf(like),        CZELTA::Mode{}};
+      const Result result =
+          searchIndex({metaData, tables}, table(), kind.byWords ? byWords : byShape, nullptr);
       if (result.failed()) return std::string("search of ") + kind.name + ": " + error();
       std::set<std::uint64_t> found;
       std::uint64_t id = 0;

@@ -1,6 +1,6 @@
 // What objects have beside their other fields in tables with indexes of many kinds: a box, a span
-// of time, a set of points. All of it follows from a number: who knows the number knows the shapes,
-// and what a search must find of them. Nothing of this comes from the engine.
+// of time, words, a set of points. All of it follows from a number: who knows the number knows the
+// shapes, and what a search must find of them. Nothing of this comes from the engine.
 
 #ifndef ZELTA_TESTS_SUPPORT_SHAPES_H
 #define ZELTA_TESTS_SUPPORT_SHAPES_H
@@ -24,6 +24,7 @@ struct Shapes {
   std::array<std::int32_t, 4> box;  ///< x1, y1, x2, y2; either corner may be the lower one
   std::array<std::uint32_t, 2> span;
   std::vector<Point> points;
+  std::vector<std::string> words;  ///< one at least; all objects have one in common
 
   /// Numbers have many shapes in common, so that whole keys are equal now and then.
   explicit Shapes(std::uint64_t number) {
@@ -45,6 +46,9 @@ struct Shapes {
     span[1] = static_cast<std::uint32_t>(below(200));
     points.resize(static_cast<std::size_t>(below(5)));
     for (Point& point : points) point = {coordinate() / 8, coordinate() / 8};
+    constexpr const char* kWords[] = {"ash", "birch", "cedar", "elm", "fir", "oak"};
+    for (std::int32_t i = below(4); i > 0; --i) words.push_back(kWords[below(6)]);
+    words.insert(words.begin() + below(words.size() + 1), "tree");
   }
   /// What touches all others, as a search.
   static Shapes everything() {
@@ -52,6 +56,7 @@ struct Shapes {
     all.box = {INT32_MIN, INT32_MAX, INT32_MAX, INT32_MIN};
     all.span = {0xFFFFFFFF, 0};
     all.points = {{0, 0}};
+    all.words = {"tree"};
     return all;
   }
 
@@ -72,7 +77,16 @@ struct Shapes {
   [[nodiscard]] static Fields fixedFields() {
     return {{CZELTA::TypeRect2}, {CZELTA::TypeDate}, {CZELTA::TypeDate}};
   }
-  /// A field of points, behind which no other one is found.
+  /// Fields of the words, in both widths of characters, and of the points, behind which no other
+  /// one is found.
+  [[nodiscard]] std::string variableBytes() const {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
+    return Packed().text(text).wide({text.begin(), text.end()}).raw(pointBytes());
+  }
+  [[nodiscard]] static Fields variableFields() {
+    return {{CZELTA::TypeText, 20}, {CZELTA::TypeWideText, 20}, pointField()};
+  }
   [[nodiscard]] static FieldSpec pointField() { return {CZELTA::TypePoints2, 20}; }
 };
 
@@ -82,11 +96,12 @@ using ShapedObjects = std::map<std::uint64_t, std::vector<Shapes>>;
 /// A kind of index over shapes.
 struct ShapeKind {
   const char* name;
-  CZELTA::IndexKind kind;
   /// What an index with keys enters of shapes; null: the index follows contents.
   std::string (*key)(const Shapes& shapes);
+  /// What is searched for: the image of a key, or an expression.
   std::string (*query)(const Shapes& like);
   bool (*matches)(const Shapes& shapes, const Shapes& like);
+  bool byWords = false;  ///< its query is an expression, and what is pending is found as well
 };
 
 /// Pairs of numbers in ascending order.
@@ -131,7 +146,7 @@ inline bool hasPoints(const Shapes& shapes, const Shapes& like) {
 }
 
 inline constexpr ShapeKind kBoxIndex = {
-    "boxes", CZELTA::SpatialTree,
+    "boxes",
     [](const Shapes& shapes) {
       Shapes ordered = shapes;
       ordered.box = inOrder(shapes.box);
@@ -141,7 +156,7 @@ inline constexpr ShapeKind kBoxIndex = {
     [](const Shapes& shapes, const Shapes& like) { return overlap(shapes.box, like.box); }};
 
 inline constexpr ShapeKind kSpanIndex = {
-    "spans", CZELTA::TemporalTree,
+    "spans",
     [](const Shapes& shapes) {
       Shapes ordered = shapes;
       ordered.span = inOrder(shapes.span);
@@ -150,7 +165,7 @@ inline constexpr ShapeKind kSpanIndex = {
     [](const Shapes& like) { return like.spanBytes(); },
     [](const Shapes& shapes, const Shapes& like) { return overlap(shapes.span, like.span); }};
 
-inline constexpr ShapeKind kPointIndex = {"points", CZELTA::SpatialPattern, nullptr,
+inline constexpr ShapeKind kPointIndex = {"points", nullptr,
                                           [](const Shapes& like) {
                                             Shapes wanted = like;
                                             wanted.points = wantedPoints(like);
@@ -158,18 +173,39 @@ inline constexpr ShapeKind kPointIndex = {"points", CZELTA::SpatialPattern, null
                                           },
                                           hasPoints};
 
-/// The indexes over shapes of a table: those of the fixed fields, and that of the points if it has
-/// variable ones.
-inline std::vector<ShapeKind> shapeKinds(bool withPoints) {
+/// One of the words is searched for, as a whole word.
+inline const std::string& wantedWord(const Shapes& like) {
+  return like.words[like.span[1] % like.words.size()];
+}
+inline bool hasWord(const Shapes& shapes, const Shapes& like) {
+  return std::count(shapes.words.begin(), shapes.words.end(), wantedWord(like)) != 0;
+}
+inline constexpr ShapeKind kWordIndex = {
+    "words", nullptr, [](const Shapes& like) { return "\" " + wantedWord(like) + " \""; }, hasWord,
+    true};
+inline constexpr ShapeKind kWideWordIndex = {
+    "wide words", nullptr,
+    [](const Shapes& like) {
+      const std::string narrow = kWordIndex.query(like);
+      return Packed().wide({narrow.begin(), narrow.end()}).str();
+    },
+    hasWord, true};
+
+/// The indexes over shapes of a table: those of the fixed fields, and those of the variable ones if
+/// it has such.
+inline std::vector<ShapeKind> shapeKinds(bool withVariable) {
   std::vector<ShapeKind> kinds = {kBoxIndex, kSpanIndex};
-  if (withPoints) kinds.push_back(kPointIndex);
+  if (withVariable) kinds.insert(kinds.end(), {kWordIndex, kWideWordIndex, kPointIndex});
   return kinds;
 }
-/// Their records, for the numbers of the first fixed field and of that of the points.
-inline Indexes shapeIndexes(std::int32_t first, std::int32_t points, bool withPoints) {
-  Indexes indexes = {{{{first, 0}}, CZELTA::SpatialTree},
-                     {{{first + 1, 0}, {first + 2, 0}}, CZELTA::TemporalTree}};
-  if (withPoints) indexes.push_back({{{points, 0}}, CZELTA::SpatialPattern});
+/// Their records, for the numbers of the first fixed and the first variable field.
+inline Indexes shapeIndexes(std::int32_t fixed, std::int32_t variable, bool withVariable) {
+  Indexes indexes = {{{{fixed, 0}}, CZELTA::SpatialTree},
+                     {{{fixed + 1, 0}, {fixed + 2, 0}}, CZELTA::TemporalTree}};
+  if (!withVariable) return indexes;
+  indexes.push_back({{{variable, CZELTA::SegmentWords}}, CZELTA::AsciiList});
+  indexes.push_back({{{variable + 1, CZELTA::SegmentWords}}, CZELTA::WideList});
+  indexes.push_back({{{variable + 2, 0}}, CZELTA::SpatialPattern});
   return indexes;
 }
 
@@ -180,7 +216,8 @@ struct ShapeChanges {
 };
 
 /// The objects that a search must find. In an index with keys whoever has a key that an object has
-/// given up is passed over until the commit; one that follows contents shows what is committed.
+/// given up is passed over until the commit; one of words shows what is pending, one of points what
+/// is committed.
 inline std::set<std::uint64_t> findableIn(const ShapeKind& kind, const Shapes& like,
                                           const ShapedObjects& committed,
                                           const ShapeChanges& changes = {}) {
@@ -206,15 +243,22 @@ inline std::set<std::uint64_t> findableIn(const ShapeKind& kind, const Shapes& l
   }
   std::set<std::uint64_t> found;
   for (const auto& [id, all] : committed) {
-    if (changes.deleted.count(id) != 0) continue;
+    if (changes.deleted.count(id) != 0 || (kind.byWords && changes.now.count(id) != 0)) continue;
     for (const Shapes& shapes : all) {
       if (!kind.matches(shapes, like)) continue;
       const bool hidden = !removed.empty() && removed.count(kind.key(shapes)) != 0;
       if (!hidden) found.insert(id);
     }
   }
-  if (kind.key == nullptr) return found;
+  if (kind.key == nullptr && !kind.byWords) return found;
   for (const auto& [id, all] : changes.now) {
+    if (kind.byWords) {
+      if (std::any_of(all.begin(), all.end(),
+                      [&](const Shapes& shapes) { return kind.matches(shapes, like); })) {
+        found.insert(id);
+      }
+      continue;
+    }
     const std::multiset<std::string> fresh = less(keysOf(changes.now, id), keysOf(committed, id));
     for (const Shapes& shapes : all) {
       if (kind.matches(shapes, like) && fresh.count(kind.key(shapes)) != 0) found.insert(id);
@@ -223,12 +267,22 @@ inline std::set<std::uint64_t> findableIn(const ShapeKind& kind, const Shapes& l
   return found;
 }
 
+/// Searches an index for shapes like these.
+inline unsigned long long searchLike(CZELTA& db, unsigned table, unsigned index,
+                                     const ShapeKind& kind, const Shapes& like,
+                                     long long* count = nullptr) {
+  const std::string query = kind.query(like);
+  const void* bytes = query.data();
+  return kind.byWords
+             ? db.SearchIndex(table, index, nullptr, bytes, CZELTA::Mode{}, count)
+             : db.SearchIndex(table, index, bytes, toleranceOf(like), CZELTA::Mode{}, count);
+}
+
 /// Searches an index and reads what was found; objects that cannot be read are failures of the test.
 inline std::set<std::uint64_t> searchShapes(CZELTA& db, unsigned table, unsigned index,
                                             const ShapeKind& kind, const Shapes& like) {
   std::set<std::uint64_t> found;
-  EXPECT_DONE(db, db.SearchIndex(table, index, kind.query(like).data(), toleranceOf(like),
-                                 CZELTA::Mode{}, nullptr));
+  EXPECT_DONE(db, searchLike(db, table, index, kind, like));
   CZELTA::Object object;
   CZELTA::Mode mode = CZELTA::ReadFirst | CZELTA::ReadNoLock;
   unsigned long long word = 0;
