@@ -93,7 +93,7 @@ template <std::size_t count>
 CZELTA::Schema::Index indexOver(CZELTA::Schema::Segment (&segments)[count],
                                 CZELTA::IndexKind kind = CZELTA::BPlusTree) {
   CZELTA::Schema::Index index{};
-  index.indexKind = kind;
+  index.indexKind = static_cast<std::uint8_t>(kind);
   index.segmentCount = count;
   index.segments = segments;
   return index;
@@ -130,13 +130,19 @@ void makeTables(CZELTA& db) {
                                     {CZELTA::ObjectIdSegment, 0}};
   CZELTA::Schema::Segment title[] = {{2, CZELTA::SegmentLowerCase | CZELTA::SegmentAlphanumeric},
                                      {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Segment nameWords[] = {{1, CZELTA::SegmentWords | CZELTA::SegmentLowerCase}};
+  CZELTA::Schema::Segment titleWords[] = {{2, CZELTA::SegmentWords | CZELTA::SegmentUpperCase}};
   CZELTA::Schema::Segment area[] = {{5, 0}};
   CZELTA::Schema::Segment corners[] = {{6, 0}};
   CZELTA::Schema::Segment points[] = {{4, 0}};
-  CZELTA::Schema::Index wordIndexes[] = {
-      indexOver(name), indexOver(title), indexOver(area, CZELTA::SpatialTree),
-      indexOver(corners, CZELTA::SpatialPattern), indexOver(points, CZELTA::SpatialPattern)};
-  CZELTA::Schema words = {0,        5,       kWords,     2,          5, CZELTA::SchemaWideObjectIds,
+  CZELTA::Schema::Index wordIndexes[] = {indexOver(name),
+                                         indexOver(title),
+                                         indexOver(area, CZELTA::SpatialTree),
+                                         indexOver(corners, CZELTA::SpatialPattern),
+                                         indexOver(points, CZELTA::SpatialPattern),
+                                         indexOver(nameWords, CZELTA::AsciiList),
+                                         indexOver(titleWords, CZELTA::WideList)};
+  CZELTA::Schema words = {0,        7,       kWords,     2,          5, CZELTA::SchemaWideObjectIds,
                           u"words", nullptr, wordFields, wordIndexes};
   must(db, db.BeginTransaction(CZELTA::TransactionExclusive, kTimeout));
   must(db, db.CreateTable(&numbers, nullptr));
@@ -287,6 +293,8 @@ void leave(const std::u16string& path) {
   std::_Exit(9);
 }
 
+constexpr unsigned int kNarrowList = 6;  ///< of the table of words; behind it is the wide one
+
 /// Searches that find some objects, or all, by the indexes behind the first two of a table.
 const std::vector<std::string>& queriesOf(unsigned int table, unsigned int index) {
   const auto words = [](std::initializer_list<std::int64_t> values) {
@@ -304,7 +312,17 @@ const std::vector<std::string>& queriesOf(unsigned int table, unsigned int index
   static const std::vector<std::string> kCorners = {words({12, 0, 0}), words({20, 1, 1, 3, -2})};
   static const std::vector<std::string> kPoints = {words({16, 0, 0, 0}),
                                                    words({28, 1, 1, 2, -3, 0, 2})};
+  static const std::vector<std::string> kNames = {"\"a\"", "\"x \" or \" 0\"", "not \"y\""};
+  static const std::vector<std::string> kTitles = [] {
+    std::vector<std::string> wide;
+    for (const std::u16string text : {u"\"X\"", u"\"\u0416\" xor \"\u00d6\""}) {
+      std::string& bytes = wide.emplace_back();
+      for (const char16_t unit : text + u'\0') bytes += bytesOf(unit);
+    }
+    return wide;
+  }();
   if (table == kNumbers) return index == 3 ? kBoxes : kSpans;
+  if (index >= kNarrowList) return index == kNarrowList ? kNames : kTitles;
   return index == 3 ? kAreas : index == 4 ? kCorners : kPoints;
 }
 
@@ -324,12 +342,15 @@ std::uint64_t sumOf(CZELTA& db, unsigned int table) {
       add(object.data, object.length);
     }
   }
-  const unsigned int last = table == kNumbers ? 4 : 5;
+  const unsigned int last = table == kNumbers ? 4 : 7;
   for (unsigned int index = 3; index <= last; ++index) {
     for (const std::string& query : queriesOf(table, index)) {
       long long count = 0;
       constexpr unsigned int kTolerance = 3;
-      must(db, db.SearchIndex(table, index, query.data(), kTolerance, CZELTA::Mode{}, &count));
+      const void* const bytes = query.data();
+      must(db, index >= kNarrowList
+                   ? db.SearchIndex(table, index, nullptr, bytes, CZELTA::Mode{}, &count)
+                   : db.SearchIndex(table, index, bytes, kTolerance, CZELTA::Mode{}, &count));
       add(&count, sizeof count);
       for (auto mode = CZELTA::ReadFirst;; mode = CZELTA::ReadNext) {
         if (db.ReadObject(table, mode, &object, index, nullptr, nullptr) != 0) break;
