@@ -299,6 +299,9 @@ class CrowdWorker {
     ++board_.searched;
     return expectOwn(kinds[which], like, found);
   }
+  static bool hasOtherKey(const ShapeKind& kind, const Own& own) {
+    return kind.key(shapesOf(own.row)) != kind.key(shapesOf(own.former));
+  }
   /// What this transaction has changed is found by what it has now. An object with a key that
   /// another one has given up may be passed over.
   int expectOwn(const ShapeKind& kind, const Shapes& like, const std::set<std::int64_t>& found) {
@@ -306,10 +309,7 @@ class CrowdWorker {
       if (place.first != table_ || (own.removed && !own.existed)) continue;
       const bool isThere = found.count(place.second) != 0;
       const bool matches = !own.removed && kind.matches(shapesOf(own.row), like);
-      const auto keyChanged = [&] {
-        return kind.key(shapesOf(own.row)) != kind.key(shapesOf(own.former));
-      };
-      const bool isNew = !own.removed && (!own.existed || kind.byWords || keyChanged());
+      const bool isNew = !own.removed && (!own.existed || kind.byWords || hasOtherKey(kind, own));
       if (isThere && !matches) return __LINE__;
       if (isNew && matches && !isThere) return __LINE__;
     }
