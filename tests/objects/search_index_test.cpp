@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "index/btree/btree.h"
 #include "index/btree/cursor.h"
 #include "index/search/key_search.h"
+#include "platform/file_io.h"
 #include "support/object_handle.h"
 
 namespace zelta::testing {
@@ -26,17 +28,19 @@ class ToldSearch final : public IndexSearch {
   Result run(AtomicManager& manager, FoundObjects& found) override {
     ++runs;
     if (manager.indexRoot(0) == 0) return Result::own(Own::unclassified);
+    if (throws) throw std::bad_alloc();
     if (failure.failed()) return runs <= failures ? failure : Result{};
     for (const std::uint64_t id : ids_) found.add(id);
     found.inverted = inverted;
-    found.count = static_cast<long long>(ids_.size()) + more;
+    if (count != 0) found.count = count;
     return {};
   }
   int runs = 0;
   int failures = 1000000;
   Result failure;
   std::optional<bool> inverted;
-  long long more = 0;
+  long long count = 0;  ///< that it tells; 0: none
+  bool throws = false;
 
  private:
   const Ids ids_;
@@ -116,6 +120,16 @@ TEST_F(SearchPasses, SearchWithoutKeepingLosesTheEarlierResultsEvenIfItFails) {
   EXPECT_EQ(failing.runs, 2);
 }
 
+TEST_F(SearchPasses, SearchMayTellAnotherCountThanItsResultsHave) {
+  ToldSearch told({2, 4, 2});
+  one->done(search(*one, told));
+  EXPECT_EQ(count_, 2);
+  told.count = 9;
+  one->done(search(*one, told));
+  EXPECT_EQ(count_, 9);
+  EXPECT_EQ(results(), (Ids{2, 4}));
+}
+
 TEST_F(SearchPasses, KeptResultsAreJoined) {
   one->done(search({1, 2}));
   one->done(search({2, 3}, Form::expression, CZELTA::SearchKeepResults));
@@ -147,6 +161,19 @@ TEST_F(SearchPasses, LockedResultsAreKeptFromOthers) {
   one->begin();
   pose(*one);
   two->done(two->read(2, CZELTA::ReadNoWait));
+}
+
+TEST_F(SearchPasses, LockPositionMovesToTheFurthestOfThem) {
+  one->table().schema->schemaFlags |= CZELTA::SchemaLockDescending;
+  one->metaData.lockOrderReached = one->table().tableLockOrder;  // and no object yet
+  constexpr struct {
+    std::uint64_t first, second, reached;
+  } kSteps[] = {{4, 3, 3}, {5, 2, 2}, {4, 5, 2}};
+  for (const auto& step : kSteps) {
+    one->done(search({step.first, step.second}, Form::shape, CZELTA::SearchLockResults));
+    EXPECT_EQ(one->metaData.lockObjectID, step.reached);
+  }
+  one->table().schema->schemaFlags &= ~std::uint32_t{CZELTA::SchemaLockDescending};
 }
 
 TEST_F(SearchPasses, OwnObjectsNeedNoLock) {
@@ -192,9 +219,8 @@ TEST_F(SearchPasses, ObjectToLockThatIsGoneMakesTheIndexInconsistent) {
 TEST_F(SearchPasses, InvertedResultsAreAllOthers) {
   ToldSearch told({2});
   told.inverted = true;
-  told.more = 3;
   one->done(search(*one, told, Form::expression, CZELTA::SearchLockResults));
-  EXPECT_EQ(count_, 4) << "as the search tells it";
+  EXPECT_EQ(count_, 4) << "the highest ID less those that match";
   EXPECT_TRUE(one->table().searchInverted);
   EXPECT_EQ(locked(), (Ids{1, 3, 4})) << "the highest one is left out";
   EXPECT_EQ(one->walk(1), (Ids{1, 3, 4, 5}));
@@ -202,6 +228,100 @@ TEST_F(SearchPasses, InvertedResultsAreAllOthers) {
   EXPECT_TRUE(one->table().searchInverted) << "this search says nothing of it";
   one->done(search({5}));
   EXPECT_FALSE(one->table().searchInverted);
+}
+
+TEST_F(SearchPasses, FailedSearchLeavesKeptResultsAsTheyWere) {
+  joinTwo();
+  two->done(two->read(3));
+  one->done(search({1, 2}));
+  ToldSearch told({1, 2});
+  told.inverted = true;
+  constexpr std::uint32_t kBoth = CZELTA::SearchKeepResults | CZELTA::SearchLockResults;
+  EXPECT_TRUE(search(*one, told, Form::shape, kBoth).is(Own::objectLocked));
+  EXPECT_EQ(results(), (Ids{1, 2}));
+  EXPECT_FALSE(one->table().searchInverted);
+  EXPECT_EQ(one->table().searchIndex, 1u);
+}
+
+TEST_F(SearchPasses, ExhaustedMemoryHasACodeForEachForm) {
+  ToldSearch told({});
+  told.throws = true;
+  one->done(search({1, 2}));
+  EXPECT_TRUE(search(*one, told, Form::shape, CZELTA::SearchKeepResults).is(Own::context));
+  EXPECT_EQ(one->error(), "This method has been called in an incorrect context.");
+  EXPECT_EQ(results(), (Ids{1, 2}));
+  EXPECT_TRUE(search(*one, told).isSystem(code::kNoMemory));
+  EXPECT_TRUE(results().empty());
+  EXPECT_EQ(one->table().searchIndex, 0u);
+  joinTwo();
+  ToldSearch another({1});
+  two->done(search(*two, another));
+}
+
+// -- Marks of other transactions ------------------------------------------------------------------
+
+class SearchMarks : public SearchPasses {
+ protected:
+  void mark(std::uint64_t id, std::uint32_t transaction) {
+    ASSERT_EQ(writeBuffer(one->table().tableFile, word(id), &transaction, sizeof transaction), 0u);
+  }
+  [[nodiscard]] std::uint32_t markOf(std::uint64_t id) {
+    return numberAt<std::uint32_t>(folder.bytes("T.zlt"), word(id));
+  }
+  std::uint64_t word(std::uint64_t id) { return objectLock(one->table().slotBase, id).position; }
+  static constexpr std::uint32_t kNobody = 7777;
+};
+
+TEST_F(SearchMarks, ThatOfADeadTransactionIsTakenAway) {
+  mark(3, kNobody);
+  mark(4, kNobody);
+  ToldSearch told({2, 3, 4});
+  one->done(search(*one, told, Form::shape, CZELTA::SearchLockResults));
+  EXPECT_EQ(told.runs, 2) << "once for the transaction that both name";
+  EXPECT_EQ(locked(), (Ids{2, 3, 4}));
+  EXPECT_EQ(markOf(3), 0u);
+  EXPECT_EQ(markOf(4), 0u);
+}
+
+TEST_F(SearchMarks, ThatOfALivingTransactionIsALock) {
+  joinTwo();
+  mark(3, two->metaData.transactionWord);
+  ToldSearch told({2, 3});
+  EXPECT_TRUE(search(*one, told, Form::shape, CZELTA::SearchLockResults).is(Own::objectLocked));
+  EXPECT_EQ(markOf(3), two->metaData.transactionWord);
+  two->done(two->read(2, CZELTA::ReadNoWait));
+  two.reset();
+  one->done(search({2, 3}, Form::shape, CZELTA::SearchLockResults));
+  EXPECT_EQ(markOf(3), 0u);
+}
+
+TEST_F(SearchMarks, ThatOnAFreeIdIsPassedByInverted) {
+  pose(*one, CZELTA::BPlusTree);
+  one->done(one->erase(2));
+  one->commit();
+  pose(*one);
+  ToldSearch told({1});
+  told.inverted = true;
+  one->done(search(*one, told, Form::expression, CZELTA::SearchLockResults));
+  EXPECT_EQ(locked(), (Ids{3, 4}));
+}
+
+// -- What the transaction has pending -------------------------------------------------------------
+
+TEST_F(SearchPasses, IdThatNoObjectHasIsNotFound) {
+  pose(*one, CZELTA::BPlusTree);
+  const std::uint64_t own = one->added("ffff");
+  pose(*one);
+  constexpr std::uint64_t kStopWord = 0x7FFFFFFFFFFFFFFF;
+  one->done(search({3, own, kStopWord}));
+  EXPECT_TRUE(one->find(CZELTA::ReadLast, 1).is(Own::keyNotFound));
+  one->done(one->findNumber(static_cast<std::uint32_t>(own)));
+  pose(*one, CZELTA::BPlusTree);
+  one->done(one->restore(static_cast<long long>(own)));
+  pose(*one);
+  EXPECT_TRUE(one->findNumber(static_cast<std::uint32_t>(own)).is(Own::keyNotFound));
+  EXPECT_TRUE(one->find(CZELTA::ReadFirst, 1).ok());
+  EXPECT_TRUE(one->find(CZELTA::ReadNext, 1).is(Own::keyNotFound));
 }
 
 /// Matches all keys up to that of the search.
