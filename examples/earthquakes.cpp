@@ -7,6 +7,7 @@
 //                                                first:
 //       box WEST SOUTH EAST NORTH                in degrees
 //       during FROM TO                           such as 2018-02-05 2018-02-06T12:30, in UTC
+//       words EXPRESSION                         of the place and the kind of event
 //       above MAGNITUDE
 //   earthquakes revise DATABASE CODE MAGNITUDE   corrects a magnitude, and drops all events that
 //                                                are no earthquakes and that nobody has felt
@@ -42,7 +43,14 @@ struct FixedFields {
   std::uint8_t tsunami;
 };
 
-enum Indexes : unsigned { ByCode = 1, ByMagnitude = 2, ByPlace = 3, ByEpicentre = 4, ByTime = 5 };
+enum Indexes : unsigned {
+  ByCode = 1,
+  ByMagnitude = 2,
+  ByPlace = 3,
+  ByEpicentre = 4,
+  ByTime = 5,
+  ByWords = 6
+};
 
 unsigned createTable(CZELTA& database) {
   CZELTA::Schema::Field fields[] = {
@@ -63,7 +71,10 @@ unsigned createTable(CZELTA& database) {
   CZELTA::Schema::Segment place[] = {{8, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
   CZELTA::Schema::Segment epicentre[] = {{3, 0}};
   CZELTA::Schema::Segment time[] = {{1, 0}, {1, 0}};  // a span that ends as it begins
-  CZELTA::Schema::Index indexes[5] = {};
+  constexpr std::uint32_t kWords =
+      CZELTA::SegmentWords | CZELTA::SegmentAlphanumeric | CZELTA::SegmentLowerCase;
+  CZELTA::Schema::Segment words[] = {{8, kWords}, {9, kWords}};
+  CZELTA::Schema::Index indexes[6] = {};
   indexes[0].segmentCount = 1;
   indexes[0].segments = code;
   indexes[1].segmentCount = 2;
@@ -76,12 +87,15 @@ unsigned createTable(CZELTA& database) {
   indexes[4].indexKind = CZELTA::TemporalTree;
   indexes[4].segmentCount = 2;
   indexes[4].segments = time;
+  indexes[5].indexKind = CZELTA::AsciiList;
+  indexes[5].segmentCount = 2;
+  indexes[5].segments = words;
 
   CZELTA::Schema schema = {};
   schema.tableName = u"events";
   schema.fieldCount = 10;
   schema.fields = fields;
-  schema.indexCount = 5;
+  schema.indexCount = 6;
   schema.indexes = indexes;
   unsigned table = 0;
   check(database, database.BeginTransaction(CZELTA::TransactionExclusive, kTimeout));
@@ -257,6 +271,7 @@ int show(CZELTA& database, const char* path, const std::vector<const char*>& cod
 struct Conditions {
   std::vector<std::int32_t> box;      ///< west, south, east, north, in millionths of a degree
   std::vector<std::uint64_t> during;  ///< from, to; as TypeDateTime
+  std::string words;                  ///< an expression
   float above = -10;                  ///< magnitude, weaker than all that anybody measures
 };
 
@@ -291,6 +306,8 @@ Conditions parseConditions(const std::vector<const char*>& words) {
       }
     } else if (name == "during") {
       while (wanted.during.size() < 2) wanted.during.push_back(parseTime(next()));
+    } else if (name == "words") {
+      wanted.words = next();
     } else if (name == "above") {
       wanted.above = std::strtof(next(), nullptr);
     } else {
@@ -320,6 +337,10 @@ std::vector<std::uint32_t> search(CZELTA& database, const Conditions& wanted) {
   if (!wanted.during.empty()) {
     searchIndex(database, kEvents, ByTime, wanted.during.data());
     combine(ByTime);
+  }
+  if (!wanted.words.empty()) {
+    searchWords(database, kEvents, ByWords, wanted.words.c_str());
+    combine(ByWords);
   }
   if (!any) combine(ByMagnitude);  // all of them
   return ids;
@@ -363,7 +384,7 @@ int main(int argc, char** argv) try {
                "usage: earthquakes load DATABASE CATALOGUE\n"
                "       earthquakes show DATABASE [CODE ...]\n"
                "       earthquakes find DATABASE [box WEST SOUTH EAST NORTH] [during FROM TO] "
-               "[above MAGNITUDE]\n"
+               "[words EXPRESSION] [above MAGNITUDE]\n"
                "       earthquakes revise DATABASE CODE MAGNITUDE\n");
   return 2;
 } catch (const std::exception& error) {

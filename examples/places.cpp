@@ -1,9 +1,10 @@
-// Places and countries: a larger table with boxes, and one with the outlines of countries as
-// patterns of points.
+// Places and countries: a larger table with boxes and words, and one with the outlines of countries
+// as patterns of points.
 //
 //   places load DATABASE CITIES COUNTRIES              creates the database from two lists, whose
 //                                                      columns are separated by tabs
 //   places near DATABASE LONGITUDE LATITUDE KM         places at most so far away, the nearest first
+//   places named DATABASE EXPRESSION                   places by words of their names, in small letters
 //   places meet DATABASE DEGREES LONGITUDE LATITUDE [LONGITUDE LATITUDE ...]
 //                                                      countries whose outlines pass by each of
 //                                                      these points: those that meet at a point, or
@@ -30,7 +31,7 @@ namespace {
 constexpr int kObjectsPerTransaction = 10000;
 
 enum Tables : unsigned { Places = 1, Countries = 2 };
-enum PlaceIndexes : unsigned { ByPosition = 1 };
+enum PlaceIndexes : unsigned { ByPosition = 1, ByWords = 2 };
 enum CountryIndexes : unsigned { ByName = 1, ByOutline = 2 };
 
 // -- Loading --------------------------------------------------------------------------------------
@@ -44,20 +45,24 @@ void createTable(CZELTA& database, CZELTA::Schema& schema) {
 void createPlaces(CZELTA& database) {
   CZELTA::Schema::Field fields[] = {
       {CZELTA::TypeRect2, 0, 0, 0, u"position", nullptr},
-      {CZELTA::TypeText, 0, 40, 0, u"name", nullptr},
+      {CZELTA::TypeWideText, 0, 40, 0, u"name", nullptr},
       {CZELTA::TypeText, 0, 3, 0, u"country", nullptr},
   };
   CZELTA::Schema::Segment position[] = {{0, 0}};
-  CZELTA::Schema::Index indexes[1] = {};
+  CZELTA::Schema::Segment words[] = {{1, CZELTA::SegmentWords | CZELTA::SegmentLowerCase}};
+  CZELTA::Schema::Index indexes[2] = {};
   indexes[0].indexKind = CZELTA::SpatialTree;
   indexes[0].segmentCount = 1;
   indexes[0].segments = position;
+  indexes[1].indexKind = CZELTA::WideList;
+  indexes[1].segmentCount = 1;
+  indexes[1].segments = words;
   CZELTA::Schema schema = {};
   schema.tableId = Places;
   schema.tableName = u"places";
   schema.fieldCount = 3;
   schema.fields = fields;
-  schema.indexCount = 1;
+  schema.indexCount = 2;
   schema.indexes = indexes;
   createTable(database, schema);
 }
@@ -130,9 +135,11 @@ void fillPlace(CZELTA& database, const std::vector<std::string>& columns, CZELTA
   const std::int32_t latitude = microdegrees(parseDegrees(columns[1], 90));
   const std::int32_t position[] = {longitude, latitude, longitude, latitude};
   std::memcpy(object.data, position, sizeof position);
-  const std::string texts = columns[0] + '\0' + columns[3] + '\0';
-  check(database, database.PutVariableValues(Places, texts.data(),
-                                             static_cast<unsigned>(texts.size()), 0, 2, &object));
+  const std::u16string name = utf16(columns[0]);
+  std::string values(reinterpret_cast<const char*>(name.c_str()), 2 * name.size() + 2);
+  values.append(columns[3]).append(1, '\0');
+  check(database, database.PutVariableValues(Places, values.data(),
+                                             static_cast<unsigned>(values.size()), 0, 2, &object));
 }
 
 /// A set of points as fields and searches have it: its length in bytes, then x and y of each.
@@ -191,6 +198,15 @@ double kilometres(const Point& a, const Point& b) {
          std::hypot((a.longitude - b.longitude) * shrunk, a.latitude - b.latitude);
 }
 
+/// The place in the table's buffer: its name and country.
+std::string describe(CZELTA& database) {
+  void* name = nullptr;
+  void* country = nullptr;
+  check(database, database.GetVariableField(Places, 0, &name, nullptr));
+  check(database, database.GetVariableField(Places, 1, &country, nullptr));
+  return utf8(static_cast<const char16_t*>(name)) + ", " + static_cast<const char*>(country);
+}
+
 /// The box around the circle is searched; of what lies in its corners the distance decides.
 int near(CZELTA& database, const char* path, const Point& centre, double radius) {
   check(database, database.OpenDatabase(databasePath(path).c_str()));
@@ -209,13 +225,27 @@ int near(CZELTA& database, const char* path, const Point& centre, double radius)
     std::memcpy(position, object.data, sizeof position);
     const double distance = kilometres(centre, {position[0] / 1e6, position[1] / 1e6});
     if (distance > radius) continue;
-    const char* name = static_cast<const char*>(object.variableData);
-    found.emplace_back(distance, std::string(name) + ", " + (name + std::strlen(name) + 1));
+    found.emplace_back(distance, describe(database));
   }
   std::sort(found.begin(), found.end());
   for (const auto& [distance, name] : found)
     std::printf("  %5.1f km  %s\n", distance, name.c_str());
   std::printf("%zu places found\n", found.size());
+  check(database, database.EndTransaction());
+  return 0;
+}
+
+int named(CZELTA& database, const char* path, const char* expression) {
+  check(database, database.OpenDatabase(databasePath(path).c_str()));
+  openTable(database, CZELTA::TransactionRead, Places);
+  searchWords(database, Places, ByWords, utf16(expression).c_str());
+  const std::vector<std::uint32_t> ids = foundObjects(database, Places, ByWords);
+  for (const std::uint32_t id : ids) {
+    CZELTA::Object object;
+    check(database, database.ReadObject(Places, id, &object));
+    std::printf("  %s\n", describe(database).c_str());
+  }
+  std::printf("%zu places found\n", ids.size());
   check(database, database.EndTransaction());
   return 0;
 }
@@ -258,12 +288,14 @@ int main(int argc, char** argv) try {
   if (command == "near" && argc == 6) {
     return near(database, argv[2], parsePoints(argv + 3, argv + 5)[0], std::atof(argv[5]));
   }
+  if (command == "named" && argc == 4) return named(database, argv[2], argv[3]);
   if (command == "meet" && argc >= 6 && argc % 2 == 0) {
     return meet(database, argv[2], parseDegrees(argv[3], 180), parsePoints(argv + 4, argv + argc));
   }
   std::fprintf(stderr,
                "usage: places load DATABASE CITIES COUNTRIES\n"
                "       places near DATABASE LONGITUDE LATITUDE KM\n"
+               "       places named DATABASE EXPRESSION\n"
                "       places meet DATABASE DEGREES LONGITUDE LATITUDE [LONGITUDE LATITUDE ...]\n");
   return 2;
 } catch (const std::exception& error) {

@@ -17,6 +17,10 @@ constexpr unsigned long long kNoMore = 0x100000020;  ///< own code 32: there is 
 
 inline std::string utf8(const char16_t* text) { return std::filesystem::path(text).string(); }
 
+inline std::u16string utf16(const std::string& text) {
+  return std::filesystem::path(text).u16string();
+}
+
 /// The library takes absolute paths, or relative ones with a folder in them.
 inline std::u16string databasePath(const char* path) {
   return std::filesystem::absolute(path).u16string();
@@ -44,6 +48,12 @@ inline std::int32_t microdegrees(double degrees) {
 /// Searches an index of boxes or spans; the table then has the results.
 inline void searchIndex(CZELTA& database, unsigned table, unsigned index, const void* key) {
   check(database, database.SearchIndex(table, index, key, 0u, CZELTA::Mode{}, nullptr));
+}
+
+/// Searches a list of words by an expression, whose characters are as wide as those of the list.
+template <typename Character>
+void searchWords(CZELTA& database, unsigned table, unsigned index, const Character* expression) {
+  check(database, database.SearchIndex(table, index, nullptr, expression, CZELTA::Mode{}, nullptr));
 }
 
 /// The IDs of all objects that the last search, which was of this index, has found.
