@@ -80,8 +80,8 @@ class ZELTA_API CZELTA {
     ReadShortWait = 256,  ///< each wait lasts 100 ms at most, instead of 1000 ms
 
     // Flags of SearchIndex
-    SearchKeepResults = 16,  ///< merge with the results of the former search
-    SearchLockResults = 32   ///< lock every object found
+    SearchKeepResults = 16,  ///< add to the results of the former search
+    SearchLockResults = 32   ///< lock every object found, in a transaction that may write
   };
 
   /// Database-wide settings, see GetDatabaseParameter().
@@ -196,7 +196,7 @@ class ZELTA_API CZELTA {
         ZELTA_EXTENSION struct {
           std::uint16_t listPrefixBytes;  ///< derived, list kinds: bytes of the fixed segments
           std::uint16_t
-              maximumObjectPower;  ///< list kinds: a word names at most 2^n objects; 0 to 50
+              maximumObjectPower;  ///< list kinds: 0, no limit; up to 50, with very large pages
         };
       };
       Segment* segments;  ///< the key's parts, most significant first
@@ -389,7 +389,10 @@ class ZELTA_API CZELTA {
 
   /// Reads an object into the table's buffer. `index` 0 finds it by ID: `key` points at a 32-bit or
   /// 64-bit ID, as wide as the table's IDs are. A B+Tree index takes the values of its segments,
-  /// packed in their order without padding; other kinds walk the results of SearchIndex() by ID.
+  /// packed in their order without padding. Other kinds walk the results of SearchIndex() by ID:
+  /// `key` is an ID then, as wide as the table's IDs are, of which the lower 32 bits count (but for
+  /// those of an outermost `not`), and ReadEqual tells whether it is among them; own code 40 if the
+  /// last search was of another index.
   /// `entry`, which may be null, receives the number of the entry whose key matched. A writing
   /// transaction locks the object unless ReadNoLock is set. Fails with own code 32 if there is
   /// none, 27 or 67 if it stays locked by others.
@@ -415,12 +418,28 @@ class ZELTA_API CZELTA {
 
   // -- Searching ------------------------------------------------------------------------------
 
-  /// Searches an index (1-based) and leaves the IDs of the objects found in the table, for
-  /// ReadObject() to walk. `search` is the expression for a list index: 8-bit for AsciiList, 16-bit
-  /// for WideList. `count`, which may be null, receives the number of objects.
+  /// Searches an index (from 1) and leaves the IDs of the objects found in the table, for
+  /// ReadObject() on the same index to walk. Of `mode` only SearchKeepResults and SearchLockResults
+  /// count; CZELTA::Mode{} is neither. `key`, packed without padding; ends and corners may come in
+  /// either order:
+  ///  - SpatialTree: int32 lower corner, then upper: x1, y1, x2, y2 or x1, y1, z1, x2, y2, z2
+  ///  - TemporalTree: begin, end; uint32 each for TypeDate, uint64 each for TypeDateTime
+  ///  - AsciiList, WideList: the values of the prefix fields as they are stored; unused without any
+  ///
+  /// `search` is the expression of a list, zero-terminated, of 8-bit characters for an AsciiList and
+  /// of 16-bit ones for a WideList (docs/searching.md); else unused. `count`, which may be null,
+  /// receives the number of objects found; for an outermost `not` the table's highest ID less the
+  /// IDs that do not match, so that deleted ones count; with SearchKeepResults that of all results.
+  /// Fails with own code 7 for a null key or expression that is needed, 19 if the index is not
+  /// searched in this way, 63 for a bad expression: the results of the former search stay then. 27:
+  /// others keep objects or the table locked.
   unsigned long long SearchIndex(unsigned int table, unsigned int index, const void* key,
                                  const void* search, Mode mode, long long* count);
-  /// The form for boxes, time spans and patterns. `tolerance` is that of a pattern.
+  /// The form for boxes and time spans, with keys as above, and for patterns, whose `key` is a uint32
+  /// length in bytes that counts itself, then x, y or x, y, z as int32 of each point. `tolerance`, of
+  /// patterns alone, is along each axis; write 0u, since a plain 0 fits both forms. With
+  /// SearchKeepResults `count` is that of this search alone; of a pattern it is the sum over its
+  /// points. Own code 7 also for a length below 5.
   unsigned long long SearchIndex(unsigned int table, unsigned int index, const void* key,
                                  unsigned int tolerance, Mode mode, long long* count);
 

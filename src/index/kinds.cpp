@@ -20,14 +20,14 @@ namespace zelta {
 namespace {
 
 /// One kind: which searches it takes, how its keys are made, if it has any, and its functions,
-/// which are those of one of the two families. Neither: it cannot be used yet.
+/// which are those of one of the two families.
 struct Kind {
   CZELTA::IndexKind number;
   SearchForms search;
   const KeyMaker* maker = nullptr;
   const KeyKind* keys = nullptr;
   const ContentKind* contents = nullptr;
-  /// Makes a search. Null: by KeyKind::search(), or there is none yet.
+  /// Makes a search. Null: by KeyKind::search().
   Result (*prepare)(Table& table, const SearchQuery& query,
                     std::unique_ptr<IndexSearch>* search) = nullptr;
 };

@@ -23,6 +23,7 @@ namespace zelta {
 /// The sections that one access reads, until it got one that no writer has touched. Writers are
 /// waited for with bounds: one that died leaves the count odd until the mutex is gained again, so
 /// after some half a second the table is read as it stands. What is damaged then is a failure.
+/// Beside writers that live, a section that one of them touches is never believed.
 class SeqlockReader {
  public:
   explicit SeqlockReader(Table& table) : table_(table) {}

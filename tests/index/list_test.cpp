@@ -393,6 +393,28 @@ TEST_P(ListTree, ReportsDamagedPages) {
   list.check({{w, {1, 2, 3}}});
 }
 
+/// The count of a page has 16 bits, however large its page is.
+TEST(ListPages, HoldNoMoreObjectsThanTheyCanCount) {
+  constexpr std::uint64_t kMost = 0xFFFF;
+  ListBench list({false, false, 1 << 19, 0});
+  std::vector<WordChange> changes;
+  Ids ids;
+  for (std::uint64_t id = 1; id <= kMost + 3; ++id) {
+    changes.push_back({id, true});
+    ids.insert(id);
+  }
+  ASSERT_TRUE(list.apply("w", changes).ok());
+  EXPECT_EQ(list.check({{"w", ids}}).overflowPages, 2u);
+  // What is left of both would fit into one page by its bytes.
+  std::vector<WordChange> losses;
+  for (std::uint64_t id = 1; id <= kMost; id += 2) {
+    losses.push_back({id, false});
+    ids.erase(id);
+  }
+  ASSERT_TRUE(list.apply("w", losses).ok());
+  list.check({{"w", ids}});
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Forms, ListTree,
     ::testing::Values(ListForm{}, ListForm{true, false, 64, 0}, ListForm{false, true, 72, 3},

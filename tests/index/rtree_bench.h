@@ -46,8 +46,9 @@ void randomise(Random& random, Spread spread, Box<Axes>* box) {
       if (box->upper[a] < box->lower[a]) std::swap(box->lower[a], box->upper[a]);
       continue;
     }
-    const std::int32_t range = spread == Spread::crowded ? 6 : 10000;
-    box->lower[a] = static_cast<std::int32_t>(random() % range) - range / 2;
+    const std::uint32_t range = spread == Spread::crowded ? 6 : 10000;
+    const auto half = static_cast<std::int32_t>(range / 2);
+    box->lower[a] = static_cast<std::int32_t>(random() % range) - half;
     box->upper[a] = box->lower[a] + static_cast<std::int32_t>(random() % (range / 5 + 1));
   }
 }

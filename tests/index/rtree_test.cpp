@@ -67,7 +67,8 @@ TYPED_TEST(RTree, RandomWorkLeavesItsNodesFilled) {
 
       } else {
         const std::size_t chosen = random() % model.size();
-        const auto [entry, id] = model[chosen];
+        const TypeParam entry = model[chosen].first;
+        const std::uint64_t id = model[chosen].second;
         std::uint32_t count = 0;
         ASSERT_TRUE(rtreeCount(bench.tree(), entry, id, &count).ok());
         const auto isEqual = [&](const auto& item) {

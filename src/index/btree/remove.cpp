@@ -61,7 +61,7 @@ class Removal {
   // The same for texts.
   Result shrinkRoot();
   Result shrinkLeaf(Node& leaf);
-  Result joinIntoLarger(Node& parent, Node& node);
+  Result joinIntoLarger(Node& parent, Node& node, bool* joined);
 
   TreeWalk<Format>& walk_;
   BPlusPath& path_;
@@ -154,8 +154,7 @@ Result Removal<Format>::rebalanceNode(bool* joined) {
   if constexpr (kText) {
     if (node.leaf()) return shrinkLeaf(node);
     if (up.child == parent.count() || !node.fillBelow(kRedistribute)) return {};
-    *joined = true;
-    return joinIntoLarger(parent, node);
+    return joinIntoLarger(parent, node, joined);
   } else {
     if (parent.count() == 0 || !node.fillBelow(kRedistribute)) return {};
     return redistribute(parent, node);
@@ -285,7 +284,7 @@ Result Removal<Format>::shrinkLeaf(Node& leaf) {
 /// Joins the branch at hand, which has next to nothing, with its right sibling, whatever room that
 /// takes.
 template <class Format>
-Result Removal<Format>::joinIntoLarger(Node& parent, Node& node) {
+Result Removal<Format>::joinIntoLarger(Node& parent, Node& node, bool* joined) {
   BPlusPath::Step& step = path_.steps[level_];
   const BPlusPath::Step& up = path_.steps[level_ - 1];
   const std::uint64_t siblingPosition = parent.child(up.child + 1);
@@ -293,6 +292,7 @@ Result Removal<Format>::joinIntoLarger(Node& parent, Node& node) {
   ZELTA_TRY(walk_.load(siblingPosition, sibling, PageRole::sibling));
   if (sibling.leaf() || siblingPosition == step.position) return walk_.corrupted();
   if (node.count() + sibling.count() + 1 > kMaximumCount) return {};
+  *joined = true;
   separator_.assign(walk_.format, parent.key(up.child));
   const std::uint32_t separatorBytes = walk_.format.keyBytes(separator_.get());
   const std::uint64_t content = std::uint64_t{node.size()} - node.freeBytes() + sibling.size() -

@@ -112,13 +112,13 @@ Result Insertion<Entry>::climbSplit() {
   for (--path_.depth; path_.depth != 0; --path_.depth) {
     typename Walk::Branch branch;
     ZELTA_TRY(walk_.loadBranch(path_.last(), PageRole::parent, &branch));
-    const bool isFull = branch.full();
-    const Bounds before = isFull ? bounds_ : branch.bounds();
-    branch.setKey(path_.last().entry, bounds_);
-    if (isFull) {
+    if (branch.full()) {
+      branch.setKey(path_.last().entry, bounds_);
       ZELTA_TRY(split(&branch, false, Bounds(freshBounds_), fresh_));
       continue;
     }
+    const Bounds before = branch.bounds();
+    branch.setKey(path_.last().entry, bounds_);
     branch.append(freshBounds_, fresh_);
     ZELTA_TRY(walk_.store(path_.last().position, &branch));
     return climb(before, branch.bounds());

@@ -12,6 +12,9 @@
 
 namespace zelta {
 
+/// What a word that too many objects have brings among the results: an ID that no object has.
+inline constexpr std::uint64_t kNoObject = ~std::uint64_t{0} >> 1;
+
 /// The objects that a search has found.
 struct FoundObjects {
   /// In any order; an object may come more than once.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -377,7 +378,10 @@ bool parse(const Unit* text, SearchExpression<Unit>& expression) {
 
 Result parseAsciiSearch(MetaData& metaData, const char* text, AsciiExpression* expression) {
   if (parse(text, *expression)) return {};
-  return reportErrorNarrow(&metaData, Own::search, text);
+  // Text without an end is not looked at any further here.
+  const auto* end = static_cast<const char*>(std::memchr(text, 0, kLongestExpression));
+  const auto length = end == nullptr ? kLongestExpression : static_cast<std::size_t>(end - text);
+  return reportErrorNarrow(&metaData, Own::search, std::string(text, length).c_str());
 }
 
 Result parseWideSearch(MetaData& metaData, const char16_t* text, WideExpression* expression) {

@@ -1,5 +1,6 @@
 #include "index/words/list_search.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -55,6 +56,7 @@ class ListSearch final : public IndexSearch {
   Result searchInside(const IndexTree& tree, Term& term);
   Result collect(const IndexTree& tree, WordEntry entry, Term& term);
   void keep(std::uint64_t objectID, Term& term);
+  void tidy(Term& term);
   Result searchPending(AtomicManager& manager);
 
   const Table& table_;
@@ -62,6 +64,10 @@ class ListSearch final : public IndexSearch {
   const WordFields fields_;
   std::string prefix_;
   SearchExpression<Unit> expression_;
+  // Of the term that is looked for
+  std::uint64_t pagesLeft_ = 0;  ///< of chains: each belongs to one word
+  std::size_t tidyAt_ = 0;       ///< number of IDs
+  static constexpr std::size_t kTidyFrom = std::size_t{1} << 20;
 };
 
 template <typename Unit>
@@ -90,6 +96,8 @@ Result ListSearch<Unit>::run(AtomicManager& manager, FoundObjects& found) {
 template <typename Unit>
 Result ListSearch<Unit>::searchTree(const IndexTree& tree) {
   for (Term* term = expression_.terms(); term != nullptr; term = term->next) {
+    tidyAt_ = kTidyFrom;
+    pagesLeft_ = tree.mostPages();
     const bool sideBySide =
         term->kind == SearchNodeKind::equals || term->kind == SearchNodeKind::startsWith;
     ZELTA_TRY(sideBySide || term->text.empty() ? searchRun(tree, *term)
@@ -133,10 +141,21 @@ Result ListSearch<Unit>::collect(const IndexTree& tree, WordEntry entry, Term& t
     return {};
   }
   const bool allCount = table_.editedObjects == nullptr && table_.deletedObjects == nullptr;
-  return forEachPostingPage(tree, entry.chain(), [&](const PostingPage& page) {
+  ZELTA_TRY(forEachPostingPage(tree, entry.chain(), &pagesLeft_, [&](const PostingPage& page) {
     if (allCount) return page.appendTo(term.results);
     for (std::uint32_t i = 0; i < page.count(); ++i) keep(page.id(i), term);
-  });
+  }));
+  tidy(term);
+  return {};
+}
+
+/// Many words may have the same objects: repeats are dropped each time that they may be half of all.
+template <typename Unit>
+void ListSearch<Unit>::tidy(Term& term) {
+  if (term.results.size() < tidyAt_) return;
+  SortedIds once(std::move(term.results));
+  term.results.assign(once.begin(), once.end());
+  tidyAt_ = std::max(kTidyFrom, 2 * term.results.size());
 }
 
 template <typename Unit>

@@ -67,7 +67,9 @@ Result ListWalk<Unit>::find(const std::string& prefix, std::string_view bytes) {
   while (valid_) {
     valid_ = hasPrefix(prefix);
     if (!valid_) return {};
-    if (findInLeaf(bytes)) {
+    bool found = false;
+    ZELTA_TRY(findInLeaf(bytes, &found));
+    if (found) {
       valid_ = hasPrefix(prefix);
       return {};
     }
@@ -80,29 +82,36 @@ Result ListWalk<Unit>::find(const std::string& prefix, std::string_view bytes) {
 /// All words of the leaf are looked through as one run of bytes; only where something is found it
 /// matters where a word begins and ends.
 template <typename Unit>
-bool ListWalk<Unit>::findInLeaf(std::string_view bytes) {
+Result ListWalk<Unit>::findInLeaf(std::string_view bytes, bool* found) {
   const char* const end = leaf_.bytes() + leaf_.keyEnd();
+  *found = false;
   for (const char* from = leaf_.keyAt(offset_) + format_.prefix; from < end; ++from) {
     from = platform::findBytes(from, end, bytes);
-    if (from == nullptr || !skipTo(from)) return false;
+    if (from == nullptr) break;
+    ZELTA_TRY(skipTo(from));
     const char* text = leaf_.keyAt(offset_) + format_.prefix;
     const char* behind = leaf_.keyAt(offset_) + keyBytes_;
     const bool whole = from >= text && static_cast<std::size_t>(from - text) % sizeof(Unit) == 0;
-    if (whole && bytes.size() <= static_cast<std::size_t>(behind - from)) return true;
+    *found = whole && bytes.size() <= static_cast<std::size_t>(behind - from);
+    if (*found) return {};
   }
-  return false;
+  // The last word ends where the words end.
+  for (std::size_t i = 1; i <= sizeof(Unit); ++i) {
+    if (end[-static_cast<std::ptrdiff_t>(i)] != 0) return pages_.corrupted();
+  }
+  return {};
 }
 
-/// Goes on to the word with the byte at `place`. False: the leaf has none there.
+/// Goes on to the word with the byte at `place`.
 template <typename Unit>
-bool ListWalk<Unit>::skipTo(const char* place) {
+Result ListWalk<Unit>::skipTo(const char* place) {
   while (place >= leaf_.keyAt(offset_) + keyBytes_) {
     offset_ += keyBytes_;
-    if (++number_ >= leaf_.count()) return false;
+    if (++number_ >= leaf_.count()) return pages_.corrupted();
     keyBytes_ = codec_.measure(leaf_.keyAt(offset_), leaf_.keyEnd() - offset_);
-    if (keyBytes_ == 0) return false;
+    if (keyBytes_ == 0) return pages_.corrupted();
   }
-  return true;
+  return {};
 }
 
 template <typename Unit>

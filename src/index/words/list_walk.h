@@ -44,8 +44,8 @@ class ListWalk {
  private:
   Result load(std::uint64_t position);
   Result step();
-  [[nodiscard]] bool findInLeaf(std::string_view bytes);
-  [[nodiscard]] bool skipTo(const char* place);
+  Result findInLeaf(std::string_view bytes, bool* found);
+  Result skipTo(const char* place);
 
   const IndexTree tree_;
   const TreePages pages_;

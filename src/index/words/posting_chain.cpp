@@ -148,9 +148,9 @@ void PostingChain::locateAll(const PostingPage& bytes, std::uint32_t page) {
 
 Result PostingChain::open(std::uint64_t first) {
   reset();
-  if (first == 0) return store_.corrupted();
   std::uint64_t position = first;
-  ZELTA_TRY(forEachPostingPage(tree_, first, [&](const PostingPage& page) {
+  std::uint64_t left = tree_.mostPages();
+  ZELTA_TRY(forEachPostingPage(tree_, first, &left, [&](const PostingPage& page) {
     const auto number = static_cast<std::uint32_t>(pages_.size());
     if (number != 0) pages_[number - 1].next = number;
     pages_.push_back({position, page.count(), kNone});
@@ -206,7 +206,7 @@ Result PostingChain::store() {
 }
 
 bool PostingChain::isFull(std::uint32_t count) const {
-  return unit_ < kPostingHead + std::uint64_t{width_} * (count + 1);
+  return count >= kMostPostings || unit_ < kPostingHead + std::uint64_t{width_} * (count + 1);
 }
 
 Result PostingChain::add(std::uint64_t objectID, bool* full) {
@@ -307,7 +307,8 @@ std::uint32_t PostingChain::partner(std::uint32_t page, std::uint32_t count) con
     if (smallest == kNone || pages_[i].count < pages_[smallest].count) smallest = i;
   }
   const auto fits = [&](std::uint32_t other) {
-    return fitTogether(std::uint64_t{count} + pages_[other].count, kMerged);
+    const std::uint64_t both = std::uint64_t{count} + pages_[other].count;
+    return both - 1 <= kMostPostings && fitTogether(both, kMerged);
   };
   if (smallest != kNone && fits(smallest)) return smallest;
   for (std::uint32_t i = pages_[page].next; i != kNone; i = pages_[i].next) {

@@ -19,6 +19,7 @@ namespace zelta {
 
 inline constexpr std::uint16_t kPostingTag = 0x6269;
 inline constexpr std::uint32_t kPostingHead = 16;
+inline constexpr std::uint32_t kMostPostings = 0xFFFF;  ///< of a page, whose count has 16 bits
 
 /// An overflow page: a view, good as long as the page is.
 class PostingPage {
@@ -38,7 +39,7 @@ class PostingPage {
   /// Appends all IDs.
   void appendTo(std::vector<std::uint64_t>& ids) const;
   [[nodiscard]] bool hasRoom() const {
-    return count_ < 0xFFFF && size_ >= kPostingHead + width_ * (count_ + 1);
+    return count_ < kMostPostings && size_ >= kPostingHead + width_ * (count_ + 1);
   }
   void append(std::uint64_t objectID);
   /// Takes one ID out; the last one takes its place.
@@ -61,17 +62,19 @@ class PostingPage {
 };
 
 /// Hands the IDs of each page of a chain to `use(const PostingPage&)`. Own code 62: a page is none,
-/// or the links lead nowhere.
+/// or the links lead nowhere. `*left`: how many pages there may be, less those that were seen.
 template <class Use>
-Result forEachPostingPage(const IndexTree& tree, std::uint64_t first, Use use) {
+Result forEachPostingPage(const IndexTree& tree, std::uint64_t first, std::uint64_t* left,
+                          Use use) {
   const TreePages pages(tree, Own::postings);
-  std::uint64_t left = tree.mostPages();
+  if (first == 0) return pages.corrupted();
   for (std::uint64_t position = first; position != 0;) {
     TreePage bytes;
     PostingPage page;
     ZELTA_TRY(pages.glance(position, &bytes, PageRole::sibling));
     const bool sound = page.attach(bytes, tree.shape().idBytes) && page.size() == tree.pageSize();
-    if (!sound || left-- == 0) return pages.corrupted();
+    if (!sound || *left == 0) return pages.corrupted();
+    --*left;
     position = page.next();
     use(page);
   }
@@ -122,7 +125,6 @@ class PostingChain {
   Result use(std::uint32_t page);
   Result extend(std::uint64_t objectID);
   Result merge(std::uint32_t into, std::uint32_t from);
-  Result unlink(std::uint32_t page);
   Result freePage(std::uint32_t page);
 
   const IndexTree tree_;

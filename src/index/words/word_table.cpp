@@ -5,26 +5,25 @@
 
 namespace zelta {
 
-namespace {
-
 /// Mixes eight bytes at a time; words are short.
-std::uint32_t hashOf(std::string_view bytes) {
+std::uint32_t WordTable::hashOf(std::string_view bytes) const {
   constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15;
-  std::uint64_t hash = bytes.size() * kMultiplier;
+  std::uint64_t hash = seed_ + bytes.size();
+  const auto mix = [&](std::uint64_t part) {
+    hash = (hash ^ part) * kMultiplier;
+    hash = (hash ^ (hash >> 32)) * seed_;
+  };
   std::size_t at = 0;
   for (; at + 8 <= bytes.size(); at += 8) {
     std::uint64_t part;
     std::memcpy(&part, bytes.data() + at, 8);
-    hash = (hash ^ part) * kMultiplier;
-    hash ^= hash >> 32;
+    mix(part);
   }
   std::uint64_t rest = 0;
   std::memcpy(&rest, bytes.data() + at, bytes.size() - at);
-  hash = (hash ^ rest) * kMultiplier;
+  mix(rest);
   return static_cast<std::uint32_t>(hash >> 32);
 }
-
-}  // namespace
 
 std::uint32_t WordTable::intern(std::string_view bytes) {
   if (slots_.size() < (words_.size() + 1) * 2) grow();
@@ -70,6 +69,11 @@ std::size_t WordTable::memory() const {
 }
 
 void WordTable::clear() {
+  constexpr std::size_t kUsual = std::size_t{1} << 18;  // words
+  if (slots_.size() > kUsual) {
+    words_ = {};
+    slots_ = {};
+  }
   words_.clear();
   std::fill(slots_.begin(), slots_.end(), kFree);
   blocks_.clear();

@@ -24,6 +24,7 @@ class WordTable {
   }
   /// Bytes of memory that are in use.
   [[nodiscard]] std::size_t memory() const;
+  /// Forgets all words; keeps as much memory as usual numbers of them need.
   void clear();
 
  private:
@@ -33,12 +34,15 @@ class WordTable {
     std::uint32_t hash;
   };
 
+  [[nodiscard]] std::uint32_t hashOf(std::string_view bytes) const;
   const char* keep(std::string_view bytes);
   void grow();
 
   static constexpr std::size_t kBlock = std::size_t{64} * 1024;
   static constexpr std::uint32_t kFree = ~std::uint32_t{0};
 
+  /// Differs from table to table and from run to run, so that nobody can choose words that collide.
+  const std::uint64_t seed_ = reinterpret_cast<std::uintptr_t>(this) * 0x9E3779B97F4A7C15 | 1;
   std::vector<Word> words_;
   std::vector<std::uint32_t> slots_;  ///< by hash: numbers of words; a power of two of them
   std::vector<std::unique_ptr<char[]>> blocks_;

@@ -12,13 +12,13 @@ namespace zelta {
 
 namespace {
 
-/// The ID that the walk is about. It has 32 bits here whatever the width of the table's IDs is.
+/// The ID that the walk is about. ReadRequest has cut one that was given to 32 bits.
 std::uint64_t pivotOf(const ReadRequest& request) {
-  std::uint32_t pivot = 0;
   if (request.key == nullptr || request.mode == CZELTA::ReadNext ||
       request.mode == CZELTA::ReadPrevious) {
-    return static_cast<std::uint32_t>(request.table.currentObjectID);
+    return request.table.currentObjectID;
   }
+  std::uint64_t pivot = 0;
   std::memcpy(&pivot, request.key, sizeof(pivot));
   return pivot;
 }
@@ -27,14 +27,16 @@ std::uint64_t pivotOf(const ReadRequest& request) {
 const std::uint64_t* firstResult(const ReadRequest& request, std::uint64_t pivot) {
   const SortedIds& results = request.table.searchResults;
   switch (request.mode) {
-    case CZELTA::ReadEqual:
-      return results.contains(pivot) ? results.atOrAfter(pivot) : nullptr;
+    case CZELTA::ReadEqual: {
+      const std::uint64_t* id = results.atOrAfter(pivot);
+      return id != nullptr && *id == pivot ? id : nullptr;
+    }
     case CZELTA::ReadLess:
     case CZELTA::ReadPrevious:
       return pivot == 0 ? nullptr : results.atOrBefore(pivot - 1);
     case CZELTA::ReadGreater:
     case CZELTA::ReadNext:
-      return results.atOrAfter(pivot + 1);  // a pivot has 32 bits
+      return pivot + 1 == 0 ? nullptr : results.atOrAfter(pivot + 1);
     case CZELTA::ReadLessEqual:
       return results.atOrBefore(pivot);
     case CZELTA::ReadGreaterEqual:

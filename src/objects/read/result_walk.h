@@ -7,7 +7,8 @@
 
 namespace zelta {
 
-/// Fills `out` up to the object's slot.
+/// Fills `out` up to the object's slot. Own code 32: there is none; code 33: it is locked, or was
+/// deleted since the search.
 Result walkResults(const ReadRequest& request, const TableHeader_tag& header, Located& out);
 
 }  // namespace zelta

@@ -26,7 +26,9 @@ Result ResultLocks::take(const SortedIds& found, bool inverted, std::uint32_t en
   assert(access_.owned());
   ended_ = ended;
   if (!inverted) {
-    for (const std::uint64_t id : found) ZELTA_TRY(lock(id, false));
+    for (const std::uint64_t id : found) {
+      if (id != kNoObject) ZELTA_TRY(lock(id, false));
+    }
     return {};
   }
   const std::uint64_t* passed = found.begin();

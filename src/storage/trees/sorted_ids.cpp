@@ -43,7 +43,11 @@ void sortByDigits(Ids& ids) {
 void SortedIds::settle() {
   const auto disorder = std::adjacent_find(ids_.begin(), ids_.end(), std::greater_equal<>());
   if (disorder != ids_.end()) {
-    ids_.size() < kManyIds ? std::sort(ids_.begin(), ids_.end()) : sortByDigits(ids_);
+    if (ids_.size() < kManyIds) {
+      std::sort(ids_.begin(), ids_.end());
+    } else {
+      sortByDigits(ids_);
+    }
     ids_.erase(std::unique(ids_.begin(), ids_.end()), ids_.end());
   }
   settled_ = true;
