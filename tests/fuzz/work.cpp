@@ -349,6 +349,12 @@ std::string Work::someQuery() {
   return key;
 }
 
+static std::uint32_t lengthIn(const std::string& key) {
+  std::uint32_t length = 0;
+  std::memcpy(&length, key.data(), sizeof length);
+  return length;
+}
+
 /// Searches, looks at what is found, and searches among it.
 void Work::search(const OpenTable& table) {
   static constexpr CZELTA::Mode kModes[] = {CZELTA::Mode{}, CZELTA::SearchLockResults,
@@ -356,7 +362,7 @@ void Work::search(const OpenTable& table) {
   const std::uint32_t index = steering_.below(table.indexCount + 2);
   static constexpr const char* kWords[] = {"all", "word1 or word2", "not (all or n)", "n100", ""};
   for (int i = 0; i < 2; ++i) {
-    const std::string key = someQuery();
+    std::string key = someQuery();
     std::string words = steering_.pick(kWords);
     if (words.empty()) words = steering_.text(steering_.below(8));
     if (steering_.flag()) words = widened(words);
@@ -365,16 +371,21 @@ void Work::search(const OpenTable& table) {
     static constexpr std::uint32_t kTolerances[] = {0, 3, 60, 0x7FFFFFFF, 0xFFFFFFFF};
     const std::uint32_t tolerance = steering_.pick(kTolerances);
     long long count = 0;
-    const auto word =
-        steering_.flag()
-            ? watch(handle_,
-                    [&] {
-                      return handle_.SearchIndex(table.id, index, key.data(), words.data(), mode,
-                                                 &count);
-                    })
-            : watch(handle_, [&] {
-                return handle_.SearchIndex(table.id, index, key.data(), tolerance, mode, &count);
-              });
+    const bool byExpression = steering_.flag();
+    if (!byExpression && lengthIn(key) > key.size()) {
+      // A pattern's length is the caller's word for how far its key may be read.
+      constexpr std::uint32_t kThreePoints = 28;
+      std::memcpy(key.data(), &kThreePoints, sizeof kThreePoints);
+    }
+    const auto word = byExpression ? watch(handle_,
+                                           [&] {
+                                             return handle_.SearchIndex(table.id, index, key.data(),
+                                                                        words.data(), mode, &count);
+                                           })
+                                   : watch(handle_, [&] {
+                                       return handle_.SearchIndex(table.id, index, key.data(),
+                                                                  tolerance, mode, &count);
+                                     });
     if (word == 0 && index <= table.indexCount) walk(table, index, CZELTA::ReadFirst, someFlags());
   }
 }
