@@ -32,7 +32,7 @@ char16_t folded(char16_t c, std::uint32_t flags) {
 template <typename Unit>
 typename WordMaker<Unit>::Word WordMaker<Unit>::make(const char* run, std::size_t bytes,
                                                      std::uint32_t flags) {
-  const std::size_t units = (bytes + sizeof(Unit) - 1) / sizeof(Unit);
+  const std::size_t units = bytes / sizeof(Unit) + (bytes % sizeof(Unit) != 0 ? 1 : 0);
   word_.assign(units, Unit{0});
   std::memcpy(word_.data(), run, bytes);
   std::size_t length = 0;
