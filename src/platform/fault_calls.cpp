@@ -3,6 +3,7 @@
 #include "platform/fault_calls.h"
 
 #include <atomic>
+#include <cstdlib>
 
 #ifdef _WIN32
 #include "platform/windows/thread_process.h"
@@ -17,6 +18,7 @@ thread_local bool ownHook = false;
 thread_local faults::Hook* threadHook = nullptr;
 std::atomic<std::uint64_t> callCount{0};
 std::atomic<std::uint64_t> flushCount{0};
+std::atomic<bool> locksAreStrict{std::getenv("ZELTA_STRICT_LOCKS") != nullptr};
 
 }  // namespace
 
@@ -31,6 +33,8 @@ void install(Hook* hook) {
 }
 std::uint64_t systemCalls() { return callCount; }
 std::uint64_t flushes() { return flushCount; }
+void useStrictLocks(bool strict) { locksAreStrict = strict; }
+bool strictLocks() { return locksAreStrict; }
 
 }  // namespace faults
 

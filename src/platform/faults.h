@@ -61,6 +61,12 @@ void install(Hook* hook);
 [[nodiscard]] std::uint64_t systemCalls();
 [[nodiscard]] std::uint64_t flushes();
 
+/// Locks as other systems have them: they lie on the very words, and let nobody else read or write
+/// those. Processes that meet have to agree. Set from the start in an environment that has
+/// ZELTA_STRICT_LOCKS; on Windows locks are like that anyway.
+void useStrictLocks(bool strict);
+[[nodiscard]] bool strictLocks();
+
 }  // namespace zelta::platform::faults
 
 #endif  // ZELTA_FAULTS

@@ -1,12 +1,11 @@
-// The build against locks of other systems: what is locked through one handle, no other reads or
-// writes, by whatever way.
-
-#ifdef ZELTA_STRICT_LOCKS
+// Locks as other systems have them: what is locked through one handle, no other reads or writes,
+// by whatever way.
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "platform/faults.h"
 #include "platform/file.h"
 #include "support/database_fixture.h"
 
@@ -30,6 +29,8 @@ constexpr Range kRanges[] = {{1024, 4, true},  {1020, 5, true},    {1027, 1, tru
 
 class StrictLocks : public ::testing::TestWithParam<LockWord> {
  protected:
+  StrictLocks() { platform::faults::useStrictLocks(true); }
+  ~StrictLocks() override { platform::faults::useStrictLocks(wereStrict); }
   void SetUp() override {
     folder.write("f", std::string(4096, 'a'));
     ASSERT_EQ(platform::lockWord(owner, GetParam()), 0u);
@@ -56,6 +57,7 @@ class StrictLocks : public ::testing::TestWithParam<LockWord> {
     }
   }
 
+  const bool wereStrict = platform::faults::strictLocks();
   FreshFolder folder;
   OpenedFile owner{folder.file("f")};
   OpenedFile other{folder.file("f")};
@@ -110,5 +112,3 @@ TEST_P(StrictLocks, LieOnTheVeryWords) {
 
 }  // namespace
 }  // namespace zelta::testing
-
-#endif

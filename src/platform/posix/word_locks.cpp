@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <new>
 
+#include "platform/faults.h"
 #include "platform/posix/posix_internal.h"
 
 namespace zelta::platform::posix {
@@ -14,15 +15,13 @@ constexpr std::uint64_t kOrdinalBase = std::uint64_t{1} << 62;
 /// Locked by whoever needs the file to keep its length.
 constexpr LockWord kLengthWord{kOrdinalBase - 8};
 
-/// Tests can be built against the locks of other systems: these lie on the very words, and let
-/// nobody else read or write them.
-#ifdef ZELTA_STRICT_LOCKS
-constexpr bool kStrictLocks = true;
+#ifdef ZELTA_FAULTS
+bool strict() { return faults::strictLocks(); }
 #else
-constexpr bool kStrictLocks = false;
+constexpr bool strict() { return false; }
 #endif
 
-bool isNumbered(LockWord word) { return !kStrictLocks && word.ordinal != 0; }
+bool isNumbered(LockWord word) { return !strict() && word.ordinal != 0; }
 
 std::uint64_t placeOf(LockWord word) {
   return isNumbered(word) ? kOrdinalBase + (word.ordinal & (kOrdinalBase - 1)) : word.position;
@@ -162,16 +161,11 @@ bool WordLocks::setLength(short type) noexcept {
   return true;
 }
 
-bool WordLocks::refuse([[maybe_unused]] std::uint64_t position,
-                       [[maybe_unused]] std::uint32_t length) {
-#ifdef ZELTA_STRICT_LOCKS
-  if (length == 0 || findRecord() != 0) return false;
+bool WordLocks::refuse(std::uint64_t position, std::uint32_t length) {
+  if (!strict() || length == 0 || findRecord() != 0) return false;
   struct flock range = rangeOf(startOf({position}), {position}, F_RDLCK);
   range.l_len = length;
   return askForRange(askingFd(), range) != 0;
-#else
-  return false;
-#endif
 }
 
 }  // namespace zelta::platform::posix
