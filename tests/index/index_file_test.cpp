@@ -462,9 +462,11 @@ TEST(IndexCommit, Pages_that_find_no_room_in_memory_go_by_way_of_shadows) {
       ids.add(id);
       expected[number] = id;
     }
-    IndexSession session(owner);
-    session.manager.heldIndexLimit = 5 * session.header.pageSize;
-    ASSERT_TRUE(session.commit(ids.root).ok());
+    {
+      IndexSession session(owner);
+      session.manager.heldIndexLimit = 5 * session.header.pageSize;
+      ASSERT_TRUE(session.commit(ids.root).ok());
+    }
     owner.anew();
     ASSERT_TRUE(IndexSession(owner).keys(0) == expected) << round;
     ASSERT_TRUE(IndexSession(owner).keys(1) == expected) << round;
