@@ -19,7 +19,8 @@ constexpr std::int64_t kObjectsOfSheet = 1000;
 constexpr std::int64_t kLargestBox = 1000;  // width and height
 constexpr std::int64_t kLongestSpan = 4;    // times the average distance of two begins
 
-std::int64_t below(std::mt19937_64& random, std::int64_t limit) {
+template <class Random>
+std::int64_t below(Random& random, std::int64_t limit) {
   return static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(limit));
 }
 
@@ -58,7 +59,8 @@ Vocabulary::Vocabulary() {
   }
 }
 
-void Vocabulary::makeText(std::mt19937_64& random, std::string* text) const {
+void Vocabulary::makeText(std::uint64_t seed, std::string* text) const {
+  const auto random = [&] { return scatter(++seed); };
   text->clear();
   for (std::int64_t left = 8 + below(random, 9); left != 0; --left) {
     if (!text->empty()) *text += ' ';
@@ -72,8 +74,7 @@ void SearchData::make(std::int64_t number, Item* item) const {
   if (content_ == Content::boxes || content_ == Content::all) placeBox(number, own, item->box);
   if (content_ == Content::spans || content_ == Content::all) placeSpan(number, own, item->span);
   if (content_ == Content::texts || content_ == Content::all) {
-    std::mt19937_64 words(own);
-    vocabulary_.makeText(words, &item->text);
+    vocabulary_.makeText(own, &item->text);
     if (!common_.empty()) item->text.append(1, ' ').append(common_);
   }
   if (content_ == Content::all) {

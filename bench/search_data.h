@@ -19,7 +19,7 @@ class Vocabulary {
 
   [[nodiscard]] const std::string& word(std::size_t rank) const { return words_[rank]; }
   /// Eight to sixteen words.
-  void makeText(std::mt19937_64& random, std::string* text) const;
+  void makeText(std::uint64_t seed, std::string* text) const;
 
  private:
   std::vector<std::string> words_;   ///< by rank
