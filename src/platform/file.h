@@ -63,6 +63,10 @@ bool endStable(File file);
 /// are not served from memory. They must not be written to, and follow what is written to the file.
 [[nodiscard]] SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length,
                                   const char** bytes);
+/// The same also of a file whose reads are served from memory, see serveReads(), while others change
+/// it: the bytes may be different each time that they are looked at. Good until the next call.
+[[nodiscard]] SystemCode peekFile(File file, std::uint64_t position, std::uint32_t length,
+                                  const char** bytes);
 
 /// For a handle that only reads, without that mutex: once it has read often, its reads of the first
 /// `window` bytes may be served from memory too. Meanwhile nobody's cuts shorten the file.

@@ -58,6 +58,21 @@ TEST_F(ServedReads, SeeWhatOthersWrite) {
   EXPECT_EQ(read(99, 5), "anewa");
 }
 
+TEST_F(ServedReads, MayLookAtTheBytesThemselves) {
+  const auto peek = [&](File file, std::uint64_t position, std::uint32_t length) {
+    const char* bytes = nullptr;
+    EXPECT_EQ(platform::peekFile(file, position, length, &bytes), 0u);
+    return bytes;
+  };
+  const char* const bytes = peek(*reader, 8188, 4);
+  ASSERT_NE(bytes, nullptr);
+  write(8189, "new");
+  EXPECT_EQ(std::string(bytes, 4), "anew");
+  EXPECT_EQ(peek(*reader, 8188, 5), nullptr) << "the file ends before";
+  EXPECT_EQ(peek(*reader, ~std::uint64_t{0}, 4), nullptr);
+  EXPECT_EQ(peek(*writer, 8188, 4), nullptr) << "its reads are not served";
+}
+
 TEST_F(ServedReads, FollowTheFileAsItGrows) {
   write(8192, std::string(8192, 'b'));
   for (int i = 0; i < kManyReads; ++i) EXPECT_EQ(read(8190, 4), "aabb");

@@ -73,11 +73,11 @@ Result Insertion<Entry>::descend(const Entry& entry) {
     RTreePath::Step& step = path_.steps[path_.depth++];
     step = {position, 0};
     TreePage page;
-    bool isLeaf = false;
-    ZELTA_TRY(walk_.look(position, &page, &isLeaf));
-    if (isLeaf) return {};
+    RTreeHead head;
+    ZELTA_TRY(walk_.look(position, &page, &head));
+    if (head.leaf()) return {};
     typename Walk::Branch branch;
-    ZELTA_TRY(walk_.attach(page, false, &branch));
+    ZELTA_TRY(walk_.attach(page, head, false, &branch));
     if (branch.count() == 0) return walk_.corrupted();
     auto least = descentRank(branch.key(0), entry);
     for (std::uint32_t i = 1; i < branch.count(); ++i) {

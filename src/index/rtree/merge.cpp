@@ -76,9 +76,9 @@ template <class Entry>
 Result Merge<Entry>::visit(std::uint64_t position, std::uint32_t depth, Outcome* outcome) {
   if (!bound_.enter(depth)) return walk_.corrupted();
   TreePage page;
-  bool isLeaf = false;
-  ZELTA_TRY(walk_.look(position, &page, &isLeaf));
-  return isLeaf ? mergeLeaf(position, outcome) : mergeBranch(position, depth, outcome);
+  RTreeHead head;
+  ZELTA_TRY(walk_.look(position, &page, &head));
+  return head.leaf() ? mergeLeaf(position, outcome) : mergeBranch(position, depth, outcome);
 }
 
 template <class Entry>
@@ -141,11 +141,11 @@ template <class Entry>
 Result Merge<Entry>::collapseRoot() {
   for (std::uint32_t depth = 0; depth < RTreePath::kMaximumDepth; ++depth) {
     TreePage page;
-    bool isLeaf = false;
-    ZELTA_TRY(walk_.look(walk_.root(), &page, &isLeaf));
-    if (isLeaf) return {};
+    RTreeHead head;
+    ZELTA_TRY(walk_.look(walk_.root(), &page, &head));
+    if (head.leaf()) return {};
     Branch branch;
-    ZELTA_TRY(walk_.attach(page, false, &branch));
+    ZELTA_TRY(walk_.attach(page, head, false, &branch));
     if (branch.count() != 1) return {};
     const std::uint64_t old = std::exchange(walk_.root(), branch.value(0));
     ZELTA_TRY(walk_.free(old, branch.size()));
@@ -188,9 +188,9 @@ Result Merge<Entry>::pack(std::uint64_t position, std::uint32_t depth) {
 template <class Entry>
 Result Merge<Entry>::packPair(Pair& pair) {
   TreePage page;
-  bool isLeaf = false;
-  ZELTA_TRY(walk_.look(pair.position, &page, &isLeaf));
-  return isLeaf ? packPair<Entry>(pair, true) : packPair<Bounds>(pair, false);
+  RTreeHead head;
+  ZELTA_TRY(walk_.look(pair.position, &page, &head));
+  return head.leaf() ? packPair<Entry>(pair, true) : packPair<Bounds>(pair, false);
 }
 
 template <class Entry>

@@ -28,10 +28,9 @@ struct RTreeHead {
   std::uint16_t count;
 
   [[nodiscard]] bool leaf() const { return tag == kLeaf; }
+  /// Looks at the bytes once, even if others change them.
   [[nodiscard]] static RTreeHead of(const char* bytes) {
-    RTreeHead head;
-    std::memcpy(&head, bytes, kBytes);
-    return head;
+    return std::bit_cast<RTreeHead>(*reinterpret_cast<const volatile std::uint64_t*>(bytes));
   }
 };
 static_assert(sizeof(RTreeHead) == RTreeHead::kBytes);
@@ -45,7 +44,11 @@ class RTreeNode {
   /// Takes the node in a page; false if its head makes no sense, or is that of the other kind of
   /// node. `valueBytes`: 8 in a branch, the width of object IDs in a leaf.
   [[nodiscard]] bool attach(const TreePage& page, bool leaf, std::uint32_t valueBytes) {
-    const RTreeHead head = RTreeHead::of(page.bytes());
+    return attach(page, RTreeHead::of(page.bytes()), leaf, valueBytes);
+  }
+  /// The same with its head, as it was looked at before.
+  [[nodiscard]] bool attach(const TreePage& page, const RTreeHead& head, bool leaf,
+                            std::uint32_t valueBytes) {
     page_ = page;
     valueBytes_ = valueBytes;
     size_ = head.size;

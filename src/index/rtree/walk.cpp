@@ -12,11 +12,13 @@ std::uint64_t RTreeWalk<Entry>::pageBytes() const {
 }
 
 template <class Entry>
-Result RTreeWalk<Entry>::look(std::uint64_t position, TreePage* page, bool* leaf) const {
-  ZELTA_TRY(pages_.glance(position, page));
-  const RTreeHead head = RTreeHead::of(page->bytes());
-  *leaf = head.leaf();
-  return *leaf || head.tag == RTreeHead::kBranch ? Result() : corrupted();
+Result RTreeWalk<Entry>::look(std::uint64_t position, TreePage* page, RTreeHead* head) const {
+  std::uint32_t size = 0;
+  ZELTA_TRY(pages_.peek(position, page, &size));
+  if (size < RTreeHead::kBytes) return corrupted();
+  *head = RTreeHead::of(page->bytes());
+  const bool known = head->leaf() || head->tag == RTreeHead::kBranch;
+  return known && head->size == size ? Result() : corrupted();
 }
 
 template <class Entry>

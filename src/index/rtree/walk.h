@@ -70,13 +70,16 @@ class RTreeWalk {
 
   explicit RTreeWalk(const IndexTree& treeOf) : tree(treeOf), pages_(treeOf, kTreeDamage<Entry>) {}
 
-  /// A page that is only looked at, until the manager is used again.
-  Result look(std::uint64_t position, TreePage* page, bool* leaf) const;
-  /// The same with a node that is known to be a leaf or a branch.
+  /// A page that is only looked at, with its head, until the manager is used again. Others may
+  /// change it meanwhile; what it holds then makes no sense, but lies within the page.
+  Result look(std::uint64_t position, TreePage* page, RTreeHead* head) const;
+  /// The node in it, which is known to be a leaf or a branch.
   template <class Key>
-  Result attach(const TreePage& page, bool leaf, RTreeNode<Key>* node) const {
+  Result attach(const TreePage& page, const RTreeHead& head, bool leaf,
+                RTreeNode<Key>* node) const {
     const std::uint32_t valueBytes = leaf ? tree.shape().idBytes : kChildBytes;
-    const bool sound = node->attach(page, leaf, valueBytes) && node->size() <= 2 * pageBytes();
+    const bool sound =
+        node->attach(page, head, leaf, valueBytes) && node->size() <= 2 * pageBytes();
     return sound ? Result() : corrupted();
   }
   /// A node that may be changed.
@@ -84,7 +87,7 @@ class RTreeWalk {
   Result load(std::uint64_t position, bool leaf, PageRole role, RTreeNode<Key>* node) const {
     TreePage page;
     ZELTA_TRY(pages_.load(position, role, &page));
-    return attach(page, leaf, node);
+    return attach(page, RTreeHead::of(page.bytes()), leaf, node);
   }
   Result loadLeaf(std::uint64_t position, PageRole role, Leaf* node) const {
     return load(position, true, role, node);
@@ -171,16 +174,16 @@ Result RTreeWalk<Entry>::visit(RTreePath* path, bool* taken, Follow follow, Take
     arrived = false;
     RTreePath::Step& step = path->last();
     TreePage page;
-    bool isLeaf = false;
-    ZELTA_TRY(look(step.position, &page, &isLeaf));
-    if (isLeaf) {
+    RTreeHead head;
+    ZELTA_TRY(look(step.position, &page, &head));
+    if (head.leaf()) {
       Leaf leaf;
-      ZELTA_TRY(attach(page, true, &leaf));
+      ZELTA_TRY(attach(page, head, true, &leaf));
       *taken = take(leaf, step);
       if (*taken) return {};
     } else {
       Branch branch;
-      ZELTA_TRY(attach(page, false, &branch));
+      ZELTA_TRY(attach(page, head, false, &branch));
       while (step.entry < branch.count() && !follow(branch.key(step.entry))) ++step.entry;
       if (step.entry < branch.count()) {
         if (path->depth == RTreePath::kMaximumDepth) return corrupted();
@@ -205,16 +208,16 @@ Result RTreeWalk<Entry>::visitLeaves(Follow follow, Take take) const {
     const auto [position, depth] = ahead.pop();
     if (!bound.enter(depth, ahead.count())) return corrupted();
     TreePage page;
-    bool isLeaf = false;
-    ZELTA_TRY(look(position, &page, &isLeaf));
-    if (isLeaf) {
+    RTreeHead head;
+    ZELTA_TRY(look(position, &page, &head));
+    if (head.leaf()) {
       Leaf leaf;
-      ZELTA_TRY(attach(page, true, &leaf));
+      ZELTA_TRY(attach(page, head, true, &leaf));
       take(leaf);
       continue;
     }
     Branch branch;
-    ZELTA_TRY(attach(page, false, &branch));
+    ZELTA_TRY(attach(page, head, false, &branch));
     const std::uint32_t below = depth + 1;
     branch.select(follow, [&](std::uint32_t i) { ahead.push({branch.value(i), below}); });
   }

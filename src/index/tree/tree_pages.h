@@ -76,6 +76,16 @@ class TreePages {
   Result glance(std::uint64_t position, TreePage* page, PageRole role = PageRole::node) const {
     return look(position, role, true, page);
   }
+  /// The same while others may change the page's bytes at any time, so that each of them is to be
+  /// looked at once. `*size`: how many there are, whatever the first word says by then.
+  Result peek(std::uint64_t position, TreePage* page, std::uint32_t* size) const {
+    PageBuffer& into = buffer(PageRole::node);
+    const char* bytes = nullptr;
+    if (position != 0) {
+      ZELTA_TRY(tree_.manager().peekPage(tree_.file(), position, &bytes, size, into.lease()));
+    }
+    return take(const_cast<char*>(bytes), into, page);
+  }
   /// Brings a changed page to where it is kept. `*page` leads there afterwards, if that is the
   /// manager's copy; `*moved` tells.
   Result store(std::uint64_t position, TreePage* page, bool* moved) const;

@@ -454,13 +454,11 @@ bool endStable(File file) {
   return std::exchange(record->resized, false);
 }
 
-SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length, const char** bytes) {
-  *bytes = nullptr;
-  FileRecord* record = usable(file);
-  if (record == nullptr) return code::kInvalidHandle;
-  if (!record->stable || length > record->readable || position > record->readable - length) {
-    return 0;
-  }
+namespace {
+
+SystemCode viewRecord(FileRecord* record, std::uint64_t position, std::uint32_t length,
+                      const char** bytes) {
+  if (length > record->readable || position > record->readable - length) return 0;
 #ifdef ZELTA_FAULTS
   const Asked asked = ask(Call::read, record->path, position, length);
   if (asked.code != 0) return asked.code;
@@ -470,6 +468,21 @@ SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length, con
   if (record->locks.refuse(position, length)) return code::kLockViolation;
   *bytes = record->window + position;
   return 0;
+}
+
+}  // namespace
+
+SystemCode viewFile(File file, std::uint64_t position, std::uint32_t length, const char** bytes) {
+  *bytes = nullptr;
+  FileRecord* record = usable(file);
+  if (record == nullptr) return code::kInvalidHandle;
+  return record->stable ? viewRecord(record, position, length, bytes) : 0;
+}
+
+SystemCode peekFile(File file, std::uint64_t position, std::uint32_t length, const char** bytes) {
+  *bytes = nullptr;
+  FileRecord* record = usable(file);
+  return record == nullptr ? code::kInvalidHandle : viewRecord(record, position, length, bytes);
 }
 
 void serveReads(File file, std::uint64_t window) {

@@ -212,6 +212,10 @@ SystemCode viewFile(File file, std::uint64_t /*position*/, std::uint32_t /*lengt
   return recordOf(file) == nullptr ? code::kInvalidHandle : 0;
 }
 
+SystemCode peekFile(File file, std::uint64_t position, std::uint32_t length, const char** bytes) {
+  return viewFile(file, position, length, bytes);
+}
+
 void serveReads(File /*file*/, std::uint64_t /*window*/) {}
 
 SystemCode fileSize(File file, std::uint64_t* size) {

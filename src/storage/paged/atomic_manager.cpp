@@ -136,14 +136,13 @@ Result AtomicManager::readPage(PageFile file, std::uint64_t position, char** pag
     return {};
   }
   const char* own = nullptr;
-  ZELTA_TRY(viewFilePage(file, position, &own));
+  std::uint32_t size = 0;
+  ZELTA_TRY(viewFilePage<platform::viewFile>(file, position, &own, &size));
   if (own != nullptr) {
-    const std::uint32_t stated = statedSize(own);
-    *page = scratch.reserve(stated);
-    std::memcpy(*page, own, stated);
+    *page = scratch.reserve(size);
+    std::memcpy(*page, own, size);
     return {};
   }
-  std::uint32_t size = 0;
   ZELTA_TRY(readFromFile(file, position, scratch, &size));
   *page = scratch.data();
   const bool keep = file == PageFile::memory || holdIndexPages_;
@@ -161,7 +160,8 @@ Result AtomicManager::viewPage(PageFile file, std::uint64_t position, bool brief
     if (handle(file) == platform::File::none) return {};
     held = unchangedPage(file, position);
     if (held == nullptr) {
-      ZELTA_TRY(viewFilePage(file, position, page));
+      std::uint32_t size = 0;
+      ZELTA_TRY(viewFilePage<platform::viewFile>(file, position, page, &size));
       if (*page != nullptr) return {};
     } else if (briefly) {
       *page = held->bytes;
@@ -178,17 +178,33 @@ Result AtomicManager::viewPage(PageFile file, std::uint64_t position, bool brief
   return {};
 }
 
+Result AtomicManager::peekPage(PageFile file, std::uint64_t position, const char** page,
+                               std::uint32_t* size, ScratchBuffer& scratch) {
+  *page = nullptr;
+  const bool held =
+      changedPage(file, position) != nullptr || unchangedPage(file, position) != nullptr;
+  if (!held && handle(file) != platform::File::none) {
+    ZELTA_TRY(viewFilePage<platform::peekFile>(file, position, page, size));
+  }
+  if (*page != nullptr) return {};
+  ZELTA_TRY(viewPage(file, position, true, page, scratch));
+  if (*page != nullptr) *size = statedSize(*page);
+  return {};
+}
+
 /// A page of the file as it is, if it lies in memory whole; else null.
-Result AtomicManager::viewFilePage(PageFile file, std::uint64_t position, const char** page) {
+template <AtomicManager::FileView kView>
+Result AtomicManager::viewFilePage(PageFile file, std::uint64_t position, const char** page,
+                                   std::uint32_t* size) {
   *page = nullptr;
   if (!inside(file, position, kNoPageSize + 1) || position % kPageAlignment != 0) return {};
   const char* bytes = nullptr;
-  SystemCode result = platform::viewFile(handle(file), position, kNoPageSize, &bytes);
+  SystemCode result = kView(handle(file), position, kNoPageSize, &bytes);
   if (result != 0) return failed(file, result);
   if (bytes == nullptr) return {};
-  const std::uint32_t size = statedSize(bytes);
-  if (size <= kNoPageSize || size > endOfFile(file) - position) return {};
-  result = platform::viewFile(handle(file), position, size, page);
+  *size = *reinterpret_cast<const volatile std::uint32_t*>(bytes);  // once: others may change it
+  if (*size <= kNoPageSize || *size > endOfFile(file) - position) return {};
+  result = kView(handle(file), position, *size, page);
   return result == 0 ? Result{} : failed(file, result);
 }
 

@@ -52,6 +52,10 @@ class AtomicManager {
   /// the table's mutex is held. With `briefly` only until the next call.
   Result viewPage(PageFile file, std::uint64_t position, bool briefly, const char** page,
                   ScratchBuffer& scratch);
+  /// The same for a look that bears with bytes which change under it, until the next call; a page of
+  /// `*size` bytes, whatever its first word says by then.
+  Result peekPage(PageFile file, std::uint64_t position, const char** page, std::uint32_t* size,
+                  ScratchBuffer& scratch);
   /// Puts a page, whose size is its first word. A memory page that is held already was changed in
   /// place; else its bytes are copied, and `*held` (if given) receives the copy. An index page goes
   /// to its shadow, or without a memory file straight into the index file.
@@ -194,7 +198,10 @@ class AtomicManager {
   }
 
   // Reading
-  Result viewFilePage(PageFile file, std::uint64_t position, const char** page);
+  using FileView = SystemCode (*)(platform::File, std::uint64_t, std::uint32_t, const char**);
+  template <FileView kView>
+  Result viewFilePage(PageFile file, std::uint64_t position, const char** page,
+                      std::uint32_t* size);
   Result readFromFile(PageFile file, std::uint64_t position, ScratchBuffer& scratch,
                       std::uint32_t* size);
   Result readRest(PageFile file, std::uint64_t position, std::uint32_t have, std::uint32_t size,
