@@ -16,7 +16,8 @@ namespace zelta::testing {
 namespace {
 
 constexpr std::uint64_t kHeader = 80;
-constexpr std::uint16_t kTags[] = {0x6E69, 0x6C69, 0x6269, 0};
+constexpr std::uint16_t kPostingTag = 0x6269;
+constexpr std::uint16_t kTags[] = {0x6E69, 0x6C69, kPostingTag, 0};
 
 /// Changes an index file or a memory file here and there.
 class Mutation {
@@ -66,7 +67,7 @@ class Mutation {
     const std::uint64_t page = somePage();
     const std::uint64_t size = std::max<std::uint64_t>(word(page, 4) % 0x10000, 32);
     const std::uint64_t behind = page + size;
-    switch (below(14)) {
+    switch (below(15)) {
       case 0:
         return change(page, 4);
       case 1:
@@ -91,6 +92,8 @@ class Mutation {
         return copyPage(page);
       case 12:
         return fillPage(page);
+      case 13:
+        return put(behind - 8 * (1 + below(12)), ~std::uint64_t{0}, 8);  // a stop word
       default:
         bytes_[below(bytes_.size())] ^= static_cast<char>(1 << below(8));
     }
@@ -144,6 +147,16 @@ class DamagedIndexes : public ShapeDatabase {
     // The file that a handle has open is written over, not replaced.
     std::fstream file(folder.path() / name, std::ios::binary | std::ios::in | std::ios::out);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  }
+  /// From how many objects on, as a power of two, a list may let a word go; 0: never. The pages of
+  /// the index file stay as small as they are unless it is built anew.
+  void setObjectPower(Index list, std::uint16_t power) {
+    constexpr std::uint64_t kSchema = 168;
+    constexpr std::uint64_t kIndexRecord = 12;
+    std::string bytes = folder.bytes("T.zlt");
+    const std::uint64_t records = kSchema + 2 * numberAt<std::uint32_t>(bytes, kSchema + 32);
+    std::memcpy(bytes.data() + records + (list - 1) * kIndexRecord + 6, &power, sizeof power);
+    folder.write("T.zlt", bytes);
   }
   /// The outcome of one call: nothing, or a code that a damaged table may answer with.
   unsigned long long expectSense(CZELTA& handle, unsigned long long word) {
@@ -246,7 +259,7 @@ class DamagedIndexes : public ShapeDatabase {
     }
   }
   template <class Before, class Between>
-  void repeat(Before before, Between between) {
+  void repeat(Before before, Between between, bool stopWords = false) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     for (int run = 0; run < runs && !HasFailure(); ++run) {
       random.seed(seed + static_cast<unsigned>(run));
@@ -254,7 +267,10 @@ class DamagedIndexes : public ShapeDatabase {
       const std::clock_t start = std::clock();
       before();
       static_cast<void>(findings());
+      const Index list = run % 2 == 0 ? kWords : kWideWords;
+      if (stopWords) setObjectPower(list, 1);
       work(between);
+      if (stopWords) setObjectPower(list, 0);
       static_cast<void>(findings());
       expectBounded(start, run);
     }
@@ -274,6 +290,28 @@ TEST_F(DamagedIndexes, OfCommittedTreesAnswerWithACode) {
   // Most calls come through, and some meet the damage.
   EXPECT_GT(outcomes[0], 0u);
   EXPECT_GT(outcomes.size(), 2u);
+}
+
+/// Words have as many objects as a page has room for: one more makes a stop word of them. The header
+/// is sound, as a file that is built anew for lists with stop words has very large pages.
+TEST_F(DamagedIndexes, OfListsWithStopWordsAnswerWithACode) {
+  const std::string& index = sound[kIndexFile];
+  const std::uint64_t unit = numberAt<std::uint32_t>(index, 12);
+  const auto full = static_cast<std::uint16_t>((unit - 16) / 4);
+  runs = (runs + 1) / 2;
+  repeat(
+      [&] {
+        mutate(kIndexFile, unit);
+        std::string bytes = folder.bytes(kIndexFile);
+        bytes.replace(0, unit, index, 0, unit);
+        for (std::uint64_t page = unit; page + unit <= bytes.size(); page += unit) {
+          const bool postings = numberAt<std::uint16_t>(bytes, page + 4) == kPostingTag;
+          if (postings && below(2) == 0) std::memcpy(bytes.data() + page + 6, &full, sizeof full);
+        }
+        folder.write(kIndexFile, bytes);
+      },
+      [] {}, true);
+  EXPECT_GT(outcomes[0], 0u);
 }
 
 /// Nobody changes a memory file behind the back of a transaction; a disk may.
