@@ -251,6 +251,7 @@ int named(CZELTA& database, const char* path, const char* expression) {
 }
 
 int meet(CZELTA& database, const char* path, double tolerance, const std::vector<Point>& points) {
+  if (tolerance < 0) throw std::runtime_error("a tolerance below 0 finds nothing");
   check(database, database.OpenDatabase(databasePath(path).c_str()));
   openTable(database, CZELTA::TransactionRead, Countries);
   std::vector<std::int32_t> coordinates;

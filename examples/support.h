@@ -6,6 +6,7 @@
 #include <czelta.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <stdexcept>
@@ -39,7 +40,12 @@ inline void openTable(CZELTA& database, CZELTA::Mode mode, unsigned table) {
   check(database, database.OpenTable(table));
 }
 
+/// The unit of coordinates in the databases. Throws where 32 bits do not reach.
 inline std::int32_t microdegrees(double degrees) {
+  constexpr double kMost = 2147;
+  if (!(std::fabs(degrees) <= kMost)) {
+    throw std::runtime_error(std::to_string(degrees) + " degrees are off the map");
+  }
   return static_cast<std::int32_t>(degrees * 1e6 + (degrees < 0 ? -0.5 : 0.5));
 }
 
