@@ -55,37 +55,28 @@ static_assert(kKindCount == kIndexKinds && [] {
   return true;
 }());
 
-/// Null for a number that no kind has.
-const Kind* kindOf(const Table& table, std::uint32_t index) {
+bool isKnown(std::uint32_t number) { return number < kKindCount; }
+
+const Kind& kindOf(const Table& table, std::uint32_t index) {
   const std::uint32_t number = table.index(index).indexKind;
-  return number < kKindCount ? &kKinds[number] : nullptr;
+  assert(isKnown(number));
+  return kKinds[number];
 }
 
-const KeyKind* keyKindOf(const Table& table, std::uint32_t index) {
-  const Kind* kind = kindOf(table, index);
-  return kind == nullptr ? nullptr : kind->keys;
+/// Of an index with keys.
+const KeyKind& keyKindOf(const IndexTree& tree) {
+  const Kind& kind = kindOf(tree.table(), tree.index());
+  assert(kind.keys != nullptr);
+  return *kind.keys;
 }
-
-const KeyKind* keyKindOf(const IndexTree& tree) { return keyKindOf(tree.table(), tree.index()); }
-
-/// The answer for an index that its kind has no functions for.
-Result unservedKind(const Table& table, std::uint32_t index) {
-  if (kindOf(table, index) == nullptr) {
-    return reportError(&table.metaData, Own::indexKind, table.cName(), nullptr,
-                       table.index(index).indexKind, index);
-  }
-  return reportError(&table.metaData, Own::context, table.cName());
-}
-
-Result unservedKind(const IndexTree& tree) { return unservedKind(tree.table(), tree.index()); }
 
 }  // namespace
 
 Result checkIndexKinds(const Table& table) {
   for (std::uint32_t i = 0; i < table.indexCount; ++i) {
-    const Kind* kind = kindOf(table, i);
-    const bool served = kind != nullptr && (kind->keys != nullptr || kind->contents != nullptr);
-    if (!served) return unservedKind(table, i);
+    const std::uint32_t number = table.index(i).indexKind;
+    if (isKnown(number)) continue;
+    return reportError(&table.metaData, Own::indexKind, table.cName(), nullptr, number, i);
   }
   return {};
 }
@@ -99,74 +90,62 @@ Result checkContents(const Table& table, const ObjectBytes& object) {
 }
 
 const KeyMaker* keyMaker(const Table& table, std::uint32_t index) {
-  const Kind* kind = kindOf(table, index);
-  return kind == nullptr ? nullptr : kind->maker;
+  return kindOf(table, index).maker;
 }
 
 const ContentKind* contentKind(const Table& table, std::uint32_t index) {
-  const Kind* kind = kindOf(table, index);
-  return kind == nullptr ? nullptr : kind->contents;
+  return kindOf(table, index).contents;
 }
 
 const SearchForms* searchForms(const Table& table, std::uint32_t index) {
-  const Kind* kind = kindOf(table, index);
-  return kind == nullptr ? nullptr : &kind->search;
+  return isKnown(table.index(index).indexKind) ? &kindOf(table, index).search : nullptr;
 }
 
 Result prepareSearch(Table& table, const SearchQuery& query, std::unique_ptr<IndexSearch>* search) {
   const std::uint32_t index = query.index - 1;
-  const Kind* kind = kindOf(table, index);
-  assert(kind != nullptr);
-  if (kind->prepare != nullptr) return kind->prepare(table, query, search);
-  if (kind->keys == nullptr || kind->keys->search == nullptr) return unservedKind(table, index);
-  auto byKey = std::make_unique<KeySearch>(table, index, *kind->keys);
+  const Kind& kind = kindOf(table, index);
+  if (kind.prepare != nullptr) return kind.prepare(table, query, search);
+  assert(kind.keys != nullptr && kind.keys->search != nullptr);
+  auto byKey = std::make_unique<KeySearch>(table, index, *kind.keys);
   ZELTA_TRY(byKey->takeKey(query.key));
   *search = std::move(byKey);
   return {};
 }
 
 Result insertEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
-  const KeyKind* kind = keyKindOf(tree);
-  return kind == nullptr ? unservedKind(tree) : kind->insert(tree, key, objectID);
+  return keyKindOf(tree).insert(tree, key, objectID);
 }
 
 Result removeEntry(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID) {
-  const KeyKind* kind = keyKindOf(tree);
-  return kind == nullptr ? unservedKind(tree) : kind->remove(tree, key, objectID);
+  return keyKindOf(tree).remove(tree, key, objectID);
 }
 
 bool hasUniqueKeys(const Table& table, std::uint32_t index) {
-  const KeyKind* kind = keyKindOf(table, index);
+  const KeyKind* kind = kindOf(table, index).keys;
   return kind != nullptr && kind->hasUniqueKeys();
 }
 
 Result findHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t* objectID) {
-  const KeyKind* kind = keyKindOf(tree);
-  if (kind == nullptr) return unservedKind(tree);
-  assert(kind->hasUniqueKeys());
-  return kind->find(tree, key, objectID);
+  assert(hasUniqueKeys(tree.table(), tree.index()));
+  return keyKindOf(tree).find(tree, key, objectID);
 }
 
 Result replaceHolder(const IndexTree& tree, const std::uint32_t* key, std::uint64_t oldID,
                      std::uint64_t newID) {
-  const KeyKind* kind = keyKindOf(tree);
-  if (kind == nullptr) return unservedKind(tree);
-  assert(kind->hasUniqueKeys());
-  return kind->replaceID(tree, key, oldID, newID);
+  assert(hasUniqueKeys(tree.table(), tree.index()));
+  return keyKindOf(tree).replaceID(tree, key, oldID, newID);
 }
 
 Result countEntries(const IndexTree& tree, const std::uint32_t* key, std::uint64_t objectID,
                     std::uint32_t* count) {
   *count = 0;
-  const KeyKind* kind = keyKindOf(tree);
-  return kind == nullptr ? unservedKind(tree) : kind->count(tree, key, objectID, count);
+  return keyKindOf(tree).count(tree, key, objectID, count);
 }
 
 Result mergeEntries(const IndexTree& pending, const ObjectSets& objects,
                     const IndexTree* committed) {
   assert(committed == nullptr || committed->index() == pending.index());
-  const KeyKind* kind = keyKindOf(pending);
-  return kind == nullptr ? unservedKind(pending) : kind->merge(pending, objects, committed);
+  return keyKindOf(pending).merge(pending, objects, committed);
 }
 
 Result dropPendingKeys(AtomicManager& manager, const ObjectSets& objects) {

@@ -1,7 +1,6 @@
 // The kinds of index, reached through one dispatch by `indexKind`: the layers above call these
 // functions and never a kind's own. kind.h says what each has to do, and what must hold when it is
-// called. What is not there answers own error 8, or 19 for a number that no kind has, and changes
-// nothing.
+// called.
 
 #ifndef ZELTA_INDEX_KINDS_H
 #define ZELTA_INDEX_KINDS_H
@@ -15,19 +14,18 @@
 
 namespace zelta {
 
-/// Whether objects can be entered in every index of the table: own error 8 if not, 19 for an index
-/// of no known kind. Asked before the first object is touched.
+/// Own error 19 for an index of no known kind. Asked before the first object is touched; the
+/// functions below, but for searchForms(), rely on it.
 Result checkIndexKinds(const Table& table);
 
 /// Whether all indexes that follow contents can follow an object that is to be stored: else the code
 /// that its commit would fail with.
 Result checkContents(const Table& table, const ObjectBytes& object);
 
-/// How keys of an index (from 0) are made, be the rest of its kind there or not; null: it has none.
+/// How keys of an index (from 0) are made; null: it has none.
 [[nodiscard]] const KeyMaker* keyMaker(const Table& table, std::uint32_t index);
 
-/// The functions of an index (from 0) that follows the contents of objects; null: it has keys, or
-/// its kind is not there.
+/// The functions of an index (from 0) that follows the contents of objects; null: it has keys.
 [[nodiscard]] const ContentKind* contentKind(const Table& table, std::uint32_t index);
 
 // -- Searches -------------------------------------------------------------------------------------

@@ -39,7 +39,7 @@ Result commitIndexes(AtomicManager& manager, IndexFileHeader_tag& header,
   const std::uint32_t indexCount = manager.indexCount;
   if (indexCount == 0) return {};
   assert(manager.indexFile != platform::File::none);
-  // Asked first: a kind without functions must not leave the others half changed.
+  // Asked first: an unknown kind must not leave the others half changed.
   ZELTA_TRY(checkIndexKinds(manager.table));
   manager.holdIndexPages();
   manager.deferMemoryReleases();
