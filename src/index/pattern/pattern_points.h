@@ -29,7 +29,21 @@ struct PointBytes {
     if (size < kLength) return {};
     return {value.at + kLength, (size - kLength) / (Axes * sizeof(std::int32_t))};
   }
+  /// One of the points, as a Point that is in row 0 if it has a row.
+  template <class Entry>
+  [[nodiscard]] Entry point(std::uint64_t number) const {
+    Entry entry{};
+    std::memcpy(entry.at, first + number * sizeof entry.at, sizeof entry.at);
+    return entry;
+  }
 };
+
+/// Number of the row that a point is of; 0 in an index with one entry for each object.
+template <std::size_t Axes, bool Numbered>
+[[nodiscard]] std::uint32_t rowOf(const Point<Axes, Numbered>& point) {
+  if constexpr (Numbered) return point.row;
+  return 0;
+}
 
 /// The field that a pattern index is over.
 class PatternField {

@@ -49,11 +49,10 @@ template <std::size_t Axes, bool Numbered>
 void PatternSearch<Axes, Numbered>::takePoints(const PointBytes& points, std::uint32_t tolerance) {
   boxes_.resize(points.count);
   for (std::uint64_t i = 0; i < points.count; ++i) {
-    std::int32_t at[Axes];
-    std::memcpy(at, points.first + i * sizeof at, sizeof at);
+    const auto point = points.point<Entry>(i);
     for (std::size_t a = 0; a < Axes; ++a) {
-      const std::int64_t lower = std::int64_t{at[a]} - tolerance;
-      const std::int64_t upper = std::int64_t{at[a]} + tolerance;
+      const std::int64_t lower = std::int64_t{point.at[a]} - tolerance;
+      const std::int64_t upper = std::int64_t{point.at[a]} + tolerance;
       boxes_[i].lower[a] = static_cast<std::int32_t>(std::max(lower, kLowest));
       boxes_[i].upper[a] = static_cast<std::int32_t>(std::min(upper, kHighest));
     }
@@ -98,9 +97,7 @@ Result PatternSearch<Axes, Numbered>::findNear(const IndexTree& tree, const Box<
                                                Candidates& near) const {
   near.clear();
   ZELTA_TRY(rtreeSearch<Entry>(tree, box, [&](const Entry& point, std::uint64_t objectID) {
-    std::uint32_t row = 0;
-    if constexpr (Numbered) row = point.row;
-    near.emplace_back(objectID, row);
+    near.emplace_back(objectID, rowOf(point));
   }));
   std::sort(near.begin(), near.end());
   near.erase(std::unique(near.begin(), near.end()), near.end());
@@ -115,9 +112,7 @@ template <std::size_t Axes, bool Numbered>
 bool PatternSearch<Axes, Numbered>::hasAll(const PointBytes& points) const {
   return std::all_of(boxes_.begin(), boxes_.end(), [&](const Box<Axes>& box) {
     for (std::uint64_t i = 0; i < points.count; ++i) {
-      Point<Axes, false> point;
-      std::memcpy(point.at, points.first + i * sizeof point.at, sizeof point.at);
-      if (box.contains(boundsOf(point))) return true;
+      if (box.contains(boundsOf(points.point<Entry>(i)))) return true;
     }
     return false;
   });

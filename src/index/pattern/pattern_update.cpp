@@ -11,37 +11,9 @@ namespace zelta {
 
 namespace {
 
-template <std::size_t Axes>
-using PlainPoint = Point<Axes, false>;
-template <std::size_t Axes>
-using NumberedPoint = Point<Axes, true>;
-
-template <std::size_t Axes>
-PlainPoint<Axes> makePoint(const char* at, std::uint32_t, PlainPoint<Axes>*) {
-  PlainPoint<Axes> point;
-  std::memcpy(point.at, at, sizeof point.at);
-  return point;
-}
-template <std::size_t Axes>
-NumberedPoint<Axes> makePoint(const char* at, std::uint32_t row, NumberedPoint<Axes>*) {
-  NumberedPoint<Axes> point;
-  std::memcpy(point.at, at, sizeof point.at);
-  point.row = row;
-  return point;
-}
-
 template <std::size_t Axes, bool Numbered>
 bool isBelow(const Point<Axes, Numbered>& a, const Point<Axes, Numbered>& b) {
   return std::lexicographical_compare(a.at, a.at + Axes, b.at, b.at + Axes);
-}
-
-template <std::size_t Axes>
-std::uint32_t rowOf(const PlainPoint<Axes>&) {
-  return 0;
-}
-template <std::size_t Axes>
-std::uint32_t rowOf(const NumberedPoint<Axes>& point) {
-  return point.row;
 }
 
 template <std::size_t Axes, bool Numbered>
@@ -77,13 +49,15 @@ Result PatternUpdate<Axes, Numbered>::collect(const ObjectBytes& object,
   points.clear();
   if (object.data == nullptr) return {};
   if (!field_.isFound()) return reportError(&tree_.metaData(), Own::noObject);
-  return field_.forEach<Axes>(object, [&](const PointBytes& bytes, std::uint32_t row) {
-    for (std::uint64_t i = 0; i < bytes.count; ++i) {
-      const char* at = bytes.first + i * sizeof(std::int32_t) * Axes;
-      points.push_back(makePoint(at, row, static_cast<Entry*>(nullptr)));
-    }
-    return true;
-  });
+  return field_.forEach<Axes>(object,
+                              [&](const PointBytes& bytes, [[maybe_unused]] std::uint32_t row) {
+                                for (std::uint64_t i = 0; i < bytes.count; ++i) {
+                                  auto point = bytes.point<Entry>(i);
+                                  if constexpr (Numbered) point.row = row;
+                                  points.push_back(point);
+                                }
+                                return true;
+                              });
 }
 
 /// Finds for each point after, in their order, the first point before with the same coordinates
