@@ -4,22 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
-#include <random>
 #include <set>
 
-#include "support/buffer_table.h"
-#include "support/check_database.h"
-#include "support/database_fixture.h"
+#include "search/random_objects.h"
 
 namespace zelta::testing {
 namespace {
 
-constexpr unsigned kTable = 1;
 enum Index : unsigned { kBoxes = 1, kSpans, kCubes, kLongSpans, kPoints, kRowBoxes, kRowPoints };
 
 using Coordinates = std::vector<std::int32_t>;
-using Ids = std::set<std::uint64_t>;
 
 struct Row {
   Coordinates box;                  ///< x1, y1, x2, y2
@@ -27,6 +21,7 @@ struct Row {
 };
 
 struct Item {
+  static constexpr unsigned kVariableFields = 2;
   Coordinates box;   ///< x1, y1, x2, y2
   Coordinates cube;  ///< x1, y1, z1, x2, y2, z2
   std::pair<std::uint32_t, std::uint32_t> span;
@@ -50,7 +45,6 @@ struct Item {
     }
     return Packed().binary(all);
   }
-  [[nodiscard]] std::string all() const { return fixedBytes() + variableBytes(); }
   [[nodiscard]] std::string variableBytes() const {
     Packed all;
     for (const Row& row : rows) {
@@ -60,7 +54,6 @@ struct Item {
     return Packed().binary(all).raw(pointBytes(points));
   }
 };
-using Items = std::map<std::uint64_t, Item>;
 
 /// Whether two boxes of any axes touch, whichever way their corners are given.
 bool overlap(const Coordinates& a, const Coordinates& b) {
@@ -94,11 +87,9 @@ bool hasAll(const std::vector<Coordinates>& points, const std::vector<Coordinate
   });
 }
 
-class ShapeSearches : public DatabaseTest, public ::testing::WithParamInterface<bool> {
+class ShapeSearches : public RandomObjects<Item> {
  protected:
   void SetUp() override {
-    ASSERT_DONE(handle, handle.CreateDatabase(path().c_str()));
-    ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
     // Behind a field of points no other one is found.
     const Fields fields = {
         {CZELTA::TypeRect2},
@@ -114,21 +105,11 @@ class ShapeSearches : public DatabaseTest, public ::testing::WithParamInterface<
         {{{1, 0}}, CZELTA::SpatialTree},    {{{4, 0}, {5, 0}}, CZELTA::TemporalTree},
         {{{7, 0}}, CZELTA::SpatialPattern}, {{{8, 0}}, CZELTA::SpatialTree},
         {{{9, 0}}, CZELTA::SpatialPattern}};
-    SchemaRecords records(fields, indexes, GetParam() ? CZELTA::SchemaWideObjectIds : 0u);
-    records.schema.tableId = kTable;
-    ASSERT_DONE(handle, handle.CreateTable(&records.schema, nullptr));
-    ASSERT_DONE(handle, handle.EndTransaction());
-    begin();
-  }
-  void begin() {
-    ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionShared, 0));
-    ASSERT_DONE(handle, handle.OpenTable(kTable));
-    pending = committed;
+    make(fields, indexes);
   }
 
   // -- Random things ----------------------------------------------------------------------------
 
-  std::uint32_t below(std::size_t n) { return static_cast<std::uint32_t>(random() % n); }
   std::int32_t coordinate() {
     constexpr std::int32_t kEnds[] = {INT32_MIN, INT32_MIN + 1, -1, 0, 1, INT32_MAX - 1, INT32_MAX};
     return extreme ? kEnds[below(7)] : static_cast<std::int32_t>(below(60)) - 30;
@@ -159,7 +140,7 @@ class ShapeSearches : public DatabaseTest, public ::testing::WithParamInterface<
     }
     return out;
   }
-  Item item() {
+  Item item() override {
     extreme = below(8) == 0;
     Item out;
     out.box = coordinates(4);
@@ -173,84 +154,7 @@ class ShapeSearches : public DatabaseTest, public ::testing::WithParamInterface<
     return out;
   }
 
-  // -- Work -------------------------------------------------------------------------------------
-
-  void store(const Item& item, std::uint64_t id) {
-    CZELTA::Object object{};
-    const std::string variable = item.variableBytes();
-    if (id == 0) {
-      ASSERT_DONE(handle, handle.NewObject(kTable, &object, 0));
-    } else {
-      ASSERT_DONE(handle, handle.ReadObject(kTable, static_cast<long long>(id), &object));
-    }
-    ASSERT_DONE(handle,
-                handle.PutVariableValues(kTable, variable.data(),
-                                         static_cast<unsigned>(variable.size()), 0, 2, &object));
-    const std::string fixed = item.fixedBytes();
-    std::memcpy(object.data, fixed.data(), fixed.size());
-    if (id == 0) {
-      ASSERT_DONE(handle, handle.AddObject(kTable, &object, 0));
-      id = static_cast<std::uint64_t>(object.objectID);
-    } else {
-      ASSERT_DONE(handle, handle.RewriteObject(kTable, &object));
-    }
-    pending[id] = item;
-  }
-  void erase(std::uint64_t id) {
-    ASSERT_DONE(handle, handle.DeleteObject(kTable, static_cast<long long>(id), nullptr));
-    pending.erase(id);
-  }
-  void restore(std::uint64_t id) {
-    ASSERT_DONE(handle, handle.RestoreObject(kTable, static_cast<long long>(id), true));
-    pending.erase(id);
-    if (committed.count(id) != 0) pending[id] = committed[id];
-  }
-  void commit() {
-    ASSERT_DONE(handle, handle.CommitTransaction(below(2) == 0));
-    committed = pending;
-  }
-  void abort() {
-    ASSERT_DONE(handle, handle.AbortTransaction(below(2) == 0));
-    pending = committed;
-  }
-  void work() {
-    const std::uint32_t choice = below(100);
-    const bool grows = pending.size() < 25 || below(3) != 0;
-    if (choice < 45 && grows) return store(item(), 0);
-    if (choice >= 97) return abort();
-    if (choice >= 93) return commit();
-    if (pending.empty()) return;
-    const std::uint64_t id = std::next(pending.begin(), below(pending.size()))->first;
-    if (choice < 70) return store(below(6) == 0 ? pending[id] : item(), id);
-    if (choice < 88) return erase(id);
-    Ids changed;
-    for (const auto& [any, item] : pending) changed.insert(any);
-    for (const auto& [any, item] : committed) changed.insert(any);
-    const std::uint64_t chosen = *std::next(changed.begin(), below(changed.size()));
-    const Item* before = committed.count(chosen) != 0 ? &committed[chosen] : nullptr;
-    const Item* now = pending.count(chosen) != 0 ? &pending[chosen] : nullptr;
-    const bool isChanged = (before == nullptr) != (now == nullptr) ||
-                           (before != nullptr && before->all() != now->all());
-    if (isChanged) restore(chosen);
-  }
-
   // -- Searches ---------------------------------------------------------------------------------
-
-  Ids results(unsigned index) {
-    Ids out;
-    CZELTA::Object object{};
-    CZELTA::Mode mode = CZELTA::ReadFirst;
-    for (;;) {
-      const auto word =
-          handle.ReadObject(kTable, mode | CZELTA::ReadNoLock, &object, index, nullptr, nullptr);
-      if (word != 0) {
-        EXPECT_EQ(word, ownCode(32)) << messageOf(handle);
-        return out;
-      }
-      EXPECT_TRUE(out.insert(static_cast<std::uint64_t>(object.objectID)).second);
-      mode = CZELTA::ReadNext;
-    }
-  }
 
   /// Searches by a key; `keysOf(item)` are those of an object, `query` is what it is held against.
   /// Whoever has a key that another object has given up is passed over until the commit.
@@ -349,19 +253,14 @@ class ShapeSearches : public DatabaseTest, public ::testing::WithParamInterface<
       if (pending.count(id) != 0 && matches(item)) expected.insert(id);
     }
     for (const auto& [id, item] : pending) {
-      const auto before = committed.find(id);
-      const bool isPending = before == committed.end() || edited(id);
-      if (keep && isPending && matches(item)) expected.insert(id);
+      if (keep && isChanged(id) && matches(item)) expected.insert(id);
     }
     ASSERT_DONE(handle,
                 handle.SearchIndex(kTable, index, Item::pointBytes(query).data(), tolerance,
                                    keep ? CZELTA::SearchKeepResults : CZELTA::Mode{}, nullptr));
     EXPECT_EQ(results(index), expected) << "index " << index << (keep ? " kept" : "");
   }
-  [[nodiscard]] bool edited(std::uint64_t id) const {
-    return committed.at(id).all() != pending.at(id).all();
-  }
-  void searchAll() {
+  void searchAll() override {
     extreme = below(6) == 0;
     for (const unsigned index : {kBoxes, kCubes, kRowBoxes}) searchBoxes(index);
     searchSpans(kSpans, &Item::span);
@@ -369,31 +268,10 @@ class ShapeSearches : public DatabaseTest, public ::testing::WithParamInterface<
     for (const unsigned index : {kPoints, kRowPoints}) searchPoints(index);
   }
 
-  CZELTA handle;
-  std::mt19937 random;
   bool extreme = false;
-  Items committed;
-  Items pending;
 };
 
-TEST_P(ShapeSearches, FindWhatAPlainLookFinds) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  random.seed(seed);
-  for (int step = 0; step < 1200 && !HasFailure(); ++step) {
-    work();
-    if (step % 3 == 0) searchAll();
-    if (step % 200 != 199) continue;
-    ASSERT_DONE(handle, handle.EndTransaction());
-    if (below(2) == 0) {
-      ASSERT_DONE(handle, handle.CloseDatabase());
-      EXPECT_EQ(findingsOf(path()), "");
-      ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
-    }
-    begin();
-  }
-  ASSERT_DONE(handle, handle.EndTransaction());
-}
+TEST_P(ShapeSearches, FindWhatAPlainLookFinds) { run(1200); }
 
 INSTANTIATE_TEST_SUITE_P(Forms, ShapeSearches, ::testing::Bool(),
                          [](const auto& wide) { return wide.param ? "wide" : "narrow"; });

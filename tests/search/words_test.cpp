@@ -4,22 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
-#include <random>
 #include <set>
 
-#include "support/buffer_table.h"
-#include "support/check_database.h"
-#include "support/database_fixture.h"
+#include "search/random_objects.h"
 
 namespace zelta::testing {
 namespace {
 
-constexpr unsigned kTable = 1;
 enum Index : unsigned { kTexts = 1, kGrouped, kWideTexts, kWideGrouped };
 constexpr bool isWide(unsigned index) { return index >= kWideTexts; }
-
-using Ids = std::set<std::uint64_t>;
 
 struct Row {
   std::string text;
@@ -27,6 +20,7 @@ struct Row {
 };
 
 struct Item {
+  static constexpr unsigned kVariableFields = 4;
   std::uint16_t group = 0;
   std::string chars;  ///< 12 bytes
   std::string text;
@@ -40,9 +34,7 @@ struct Item {
     for (const Row& row : rows) all.text(row.text).wide(row.wide);
     return Packed().text(text).wide(wide).shortBinary(bytes).binary(all);
   }
-  [[nodiscard]] std::string all() const { return fixedBytes() + variableBytes(); }
 };
-using Items = std::map<std::uint64_t, Item>;
 
 /// How the segments of an index cut: letters and digits alone make a word, and which case is kept.
 struct Cut {
@@ -166,17 +158,9 @@ bool matches(char kind, const Text& text, const Text& word) {
   }
 }
 
-/// Operands of an expression: what they are and whether they are a complement.
-struct Found {
-  Ids ids;
-  bool inverted = false;
-};
-
-class WordSearches : public DatabaseTest, public ::testing::WithParamInterface<bool> {
+class WordSearches : public RandomObjects<Item> {
  protected:
   void SetUp() override {
-    ASSERT_DONE(handle, handle.CreateDatabase(path().c_str()));
-    ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionExclusive, 0));
     const Fields fields = {
         {CZELTA::TypeUInt16},
         {CZELTA::TypeCharArray, 12},
@@ -191,21 +175,11 @@ class WordSearches : public DatabaseTest, public ::testing::WithParamInterface<b
                              {{{0, 0}, {1, kUp}, {4, kWord}, {6, kUp}}, CZELTA::AsciiList},
                              {{{3, kLow}, {2, kWord}}, CZELTA::WideList},
                              {{{0, 0}, {3, kUp}, {7, kWord}}, CZELTA::WideList}};
-    SchemaRecords records(fields, indexes, GetParam() ? CZELTA::SchemaWideObjectIds : 0u);
-    records.schema.tableId = kTable;
-    ASSERT_DONE(handle, handle.CreateTable(&records.schema, nullptr));
-    ASSERT_DONE(handle, handle.EndTransaction());
-    begin();
-  }
-  void begin() {
-    ASSERT_DONE(handle, handle.BeginTransaction(CZELTA::TransactionShared, 0));
-    ASSERT_DONE(handle, handle.OpenTable(kTable));
-    pending = committed;
+    make(fields, indexes);
   }
 
   // -- Random things ----------------------------------------------------------------------------
 
-  std::uint32_t below(std::size_t n) { return static_cast<std::uint32_t>(random() % n); }
   std::string narrowWord() {
     std::string out;
     const std::uint32_t length = below(30) == 0 ? 40 + below(400) : 1 + below(3);
@@ -239,7 +213,7 @@ class WordSearches : public DatabaseTest, public ::testing::WithParamInterface<b
     }
     return out;
   }
-  Item item() {
+  Item item() override {
     Item out;
     out.group = static_cast<std::uint16_t>(below(3) * 255);
     out.chars = narrowText();
@@ -254,60 +228,10 @@ class WordSearches : public DatabaseTest, public ::testing::WithParamInterface<b
     return out;
   }
 
-  // -- Work -------------------------------------------------------------------------------------
-
-  void store(const Item& item, std::uint64_t id) {
-    CZELTA::Object object{};
-    const std::string variable = item.variableBytes();
-    if (id == 0) {
-      ASSERT_DONE(handle, handle.NewObject(kTable, &object, 0));
-    } else {
-      ASSERT_DONE(handle, handle.ReadObject(kTable, static_cast<long long>(id), &object));
-    }
-    ASSERT_DONE(handle,
-                handle.PutVariableValues(kTable, variable.data(),
-                                         static_cast<unsigned>(variable.size()), 0, 4, &object));
-    const std::string fixed = item.fixedBytes();
-    std::memcpy(object.data, fixed.data(), fixed.size());
-    if (id == 0) {
-      ASSERT_DONE(handle, handle.AddObject(kTable, &object, 0));
-      id = static_cast<std::uint64_t>(object.objectID);
-    } else {
-      ASSERT_DONE(handle, handle.RewriteObject(kTable, &object));
-    }
-    pending[id] = item;
-  }
-  void work() {
-    const std::uint32_t choice = below(100);
-    if (choice < 45 && (pending.size() < 40 || below(3) != 0)) return store(item(), 0);
-    if (choice >= 97) {
-      ASSERT_DONE(handle, handle.AbortTransaction(below(2) == 0));
-      pending = committed;
-      return;
-    }
-    if (choice >= 92) {
-      ASSERT_DONE(handle, handle.CommitTransaction(below(2) == 0));
-      committed = pending;
-      return;
-    }
-    if (pending.empty()) return;
-    const std::uint64_t id = std::next(pending.begin(), below(pending.size()))->first;
-    if (choice < 70) {
-      Item changed = below(6) == 0 ? pending[id] : item();
-      if (below(3) == 0) changed.text = pending[id].text;
-      return store(changed, id);
-    }
-    if (choice < 88) {
-      ASSERT_DONE(handle, handle.DeleteObject(kTable, static_cast<long long>(id), nullptr));
-      pending.erase(id);
-      return;
-    }
-    const auto before = committed.find(id);
-    if (before == committed.end() || before->second.all() != pending[id].all()) {
-      ASSERT_DONE(handle, handle.RestoreObject(kTable, static_cast<long long>(id), true));
-      pending.erase(id);
-      if (before != committed.end()) pending[id] = before->second;
-    }
+  Item successor(const Item& before) override {
+    Item out = item();
+    if (below(3) == 0) out.text = before.text;
+    return out;
   }
 
   // -- Searches ---------------------------------------------------------------------------------
@@ -405,58 +329,19 @@ class WordSearches : public DatabaseTest, public ::testing::WithParamInterface<b
       for (const auto& [id, item] : pending) {
         if (expected.count(id) == 0) others.insert(id);
       }
-      EXPECT_EQ(results(index), others) << narrowExpression;
+      EXPECT_EQ(results(index, true), others) << narrowExpression;
       return;
     }
     EXPECT_EQ(count, static_cast<long long>(expected.size())) << narrowExpression;
     EXPECT_EQ(results(index), expected) << "index " << index << ": " << narrowExpression;
   }
 
-  Ids results(unsigned index) {
-    Ids out;
-    CZELTA::Object object{};
-    // ReadFirst would end at IDs that are free above the greatest one in the file.
-    CZELTA::Mode mode = CZELTA::ReadGreater;
-    constexpr std::uint64_t kFront = 0;  // inverted results read all of it
-    for (;;) {
-      const auto word = handle.ReadObject(kTable, mode | CZELTA::ReadNoLock, &object, index,
-                                          mode == CZELTA::ReadGreater ? &kFront : nullptr, nullptr);
-      if (word != 0) {
-        EXPECT_EQ(word, ownCode(32)) << messageOf(handle);
-        return out;
-      }
-      EXPECT_TRUE(out.insert(static_cast<std::uint64_t>(object.objectID)).second);
-      mode = CZELTA::ReadNext;
-    }
+  void searchAll() override {
+    for (const unsigned index : {kTexts, kGrouped, kWideTexts, kWideGrouped}) search(index);
   }
-
-  CZELTA handle;
-  std::mt19937 random;
-  Items committed;
-  Items pending;
 };
 
-TEST_P(WordSearches, FindWhatAPlainLookFinds) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  random.seed(seed);
-  for (int step = 0; step < 1200 && !HasFailure(); ++step) {
-    work();
-    if (step % 3 == 0) {
-      for (const unsigned index : {kTexts, kGrouped, kWideTexts, kWideGrouped}) search(index);
-    }
-    if (step % 150 != 149) continue;
-    ASSERT_DONE(handle, handle.EndTransaction());
-    ASSERT_DONE(handle, handle.CloseDatabase());
-    EXPECT_EQ(findingsOf(path()), "");
-    if (below(2) == 0)
-      std::filesystem::remove(std::filesystem::path(path()).parent_path() /
-                              "T.zli");  // is built anew
-    ASSERT_DONE(handle, handle.OpenDatabase(path().c_str()));
-    begin();
-  }
-  ASSERT_DONE(handle, handle.EndTransaction());
-}
+TEST_P(WordSearches, FindWhatAPlainLookFinds) { run(1200); }
 
 INSTANTIATE_TEST_SUITE_P(Forms, WordSearches, ::testing::Bool(),
                          [](const auto& wide) { return wide.param ? "wide" : "narrow"; });
