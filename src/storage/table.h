@@ -83,6 +83,10 @@ class Table final : public UInt32AVLTree {
   [[nodiscard]] bool hasEdits() const {
     return addedObjects != nullptr || editedObjects != nullptr || deletedObjects != nullptr;
   }
+  /// Whether the running transaction has a version of the object that is not committed.
+  [[nodiscard]] bool hasPending(std::uint64_t objectID) const {
+    return find(addedObjects, objectID) != nullptr || find(editedObjects, objectID) != nullptr;
+  }
   [[nodiscard]] const char16_t* cName() const { return name.c_str(); }
 
   /// Drops the current keys of all indexes (not what commit has to remove or replace).

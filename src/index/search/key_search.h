@@ -20,15 +20,11 @@ class EntryFilter {
   EntryFilter(const Table& table, PageFile file, std::uint32_t index, FoundObjects& found);
 
   void take(const std::uint32_t* key, std::uint64_t objectID) {
-    if (pending_ ? isOwn(objectID) : !isRemoved(key)) found_.add(objectID);
+    // The memory file has entries of other transactions as well.
+    if (pending_ ? table_.hasPending(objectID) : !isRemoved(key)) found_.add(objectID);
   }
 
  private:
-  /// The memory file has entries of other transactions as well.
-  [[nodiscard]] bool isOwn(std::uint64_t objectID) const {
-    return find(table_.addedObjects, objectID) != nullptr ||
-           find(table_.editedObjects, objectID) != nullptr;
-  }
   /// By the key alone: other objects that have it too are passed over with the one that gave it up.
   [[nodiscard]] bool isRemoved(const std::uint32_t* key) const {
     return removed_ != nullptr && find(removed_, shape_, key, 0) != nullptr;

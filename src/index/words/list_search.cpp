@@ -223,11 +223,9 @@ Result KeyTextSearch::run(AtomicManager& manager, FoundObjects& found) {
 
 /// Whether an entry is one that the running transaction sees.
 bool KeyTextSearch::counts(PageFile file, std::uint64_t objectID) const {
-  const bool edited = find(table_.editedObjects, objectID) != nullptr;
-  if (file == PageFile::index) {
-    return !edited && find(table_.deletedObjects, objectID) == nullptr;
-  }
-  return edited || find(table_.addedObjects, objectID) != nullptr;
+  if (file == PageFile::memory) return table_.hasPending(objectID);
+  return find(table_.editedObjects, objectID) == nullptr &&
+         find(table_.deletedObjects, objectID) == nullptr;
 }
 
 void KeyTextSearch::unpack(const std::uint32_t* key) {

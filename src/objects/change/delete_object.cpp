@@ -33,8 +33,7 @@ class Deletion final : public ObjectAccess {
   static bool isOurs(const Table& table) {
     const std::uint64_t id = table.currentObjectID;
     return id != 0 && table.objectData != nullptr &&
-           (find(table.lockedObjects, id) != nullptr || find(table.editedObjects, id) != nullptr ||
-            find(table.addedObjects, id) != nullptr);
+           (table.hasPending(id) || find(table.lockedObjects, id) != nullptr);
   }
   Result readOld(const Located& found, ObjectBytes* object);
   void record(std::uint64_t objectID);

@@ -133,8 +133,7 @@ Result KeyChanges::takeUnique(AtomicManager& manager, VersionKeys::Entry& entry)
   }
   ZELTA_TRY(look(PageFile::memory, &holder, &found));
   if (found) {
-    heldByOthers_ = find(table_.addedObjects, holder) == nullptr &&
-                    find(table_.editedObjects, holder) == nullptr;
+    heldByOthers_ = !table_.hasPending(holder);
     return exists(entry.index, holder);
   }
   add(entry, Step::insertPending, nullptr);

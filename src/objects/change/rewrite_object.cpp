@@ -129,8 +129,7 @@ bool mayRewrite(const Table& table) {
   if (id == 0 || table.objectData == nullptr || find(table.deletedObjects, id) != nullptr) {
     return false;
   }
-  return find(table.editedObjects, id) != nullptr || find(table.lockedObjects, id) != nullptr ||
-         find(table.addedObjects, id) != nullptr;
+  return table.hasPending(id) || find(table.lockedObjects, id) != nullptr;
 }
 
 }  // namespace

@@ -67,10 +67,8 @@ Result findPendingVersion(const ReadRequest& request, AtomicManager& manager, Lo
   PendingObject pending;
   bool found = false;
   const Table& table = request.table;
-  const bool ours = find(table.addedObjects, out.objectID) != nullptr ||
-                    find(table.editedObjects, out.objectID) != nullptr;
   ZELTA_TRY(findPendingObject(manager, out.objectID, &pending, &found));
-  if (ours) {
+  if (table.hasPending(out.objectID)) {
     if (found && pending.transaction == request.metaData.transactionWord) {
       out.pending = pending;
       out.blocker = 0;

@@ -32,11 +32,6 @@ class TreeWalk {
   Result pivot(const std::uint32_t** key, CZELTA::Mode* mode) const;
   Result seekCommitted(CZELTA::Mode mode, const std::uint32_t* key);
   Result seekPending(CZELTA::Mode mode, const std::uint32_t* key);
-  /// Whether this transaction has the object pending.
-  [[nodiscard]] bool isOurs(std::uint64_t objectID) const {
-    return find(table_.addedObjects, objectID) != nullptr ||
-           find(table_.editedObjects, objectID) != nullptr;
-  }
   [[nodiscard]] bool pendingIsNearer() const;
 
   const ReadRequest& request_;
@@ -77,7 +72,7 @@ Result TreeWalk::seekCommitted(CZELTA::Mode mode, const std::uint32_t* key) {
 Result TreeWalk::seekPending(CZELTA::Mode mode, const std::uint32_t* key) {
   if (!request_.writer) return {};
   ZELTA_TRY(pending_.seek(mode, key));
-  while (request_.noLock && pending_.valid() && !isOurs(pending_.objectID())) {
+  while (request_.noLock && pending_.valid() && !table_.hasPending(pending_.objectID())) {
     if (mode == CZELTA::ReadEqual) {
       pending_.leave();
     } else {
@@ -103,7 +98,7 @@ Result TreeWalk::run() {
   if (pendingIsNearer()) {
     out_.objectID = pending_.objectID();
     out_.key.copy(table_.keyPool(index_), shape_, pending_.key());
-    out_.pendingElsewhere = !isOurs(out_.objectID);
+    out_.pendingElsewhere = !table_.hasPending(out_.objectID);
     return {};
   }
   if (!committed_.valid()) return request_.notFound();
