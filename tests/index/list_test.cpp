@@ -89,13 +89,7 @@ class ListBench {
  private:
   static Result give(WordWriter& writer, const std::string& key,
                      const std::vector<WordChange>& changes) {
-    Ids ids;
-    for (const WordChange& change : changes) ids.insert(change.objectID);
-    ChangedWord& word = writer.next();
-    word.key = key.c_str();
-    word.changes = changes;
-    word.ids.assign(ids.begin(), ids.end());
-    return writer.apply();
+    return writer.apply({key.c_str(), changes});
   }
   [[nodiscard]] bool isBelow(const std::string& a, const std::string& b) const {
     if (!form.wide) return a < b;
@@ -241,11 +235,11 @@ class ListTree : public ::testing::TestWithParam<ListForm> {
 
   void undo(const std::string& word, const std::vector<WordChange>& changes) {
     for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
-      if (change->gains) {
-        model[word].erase(change->objectID);
+      if (change->gains()) {
+        model[word].erase(change->objectID());
         if (model[word].empty()) model.erase(word);
       } else {
-        model[word].insert(change->objectID);
+        model[word].insert(change->objectID());
       }
     }
   }

@@ -13,9 +13,6 @@ namespace zelta {
 
 namespace {
 
-/// No change comes behind one.
-constexpr std::uint32_t kNoChange = ~std::uint32_t{0};
-
 template <typename Unit>
 class ListUpdate final : public ContentUpdate {
  public:
@@ -32,7 +29,7 @@ class ListUpdate final : public ContentUpdate {
   /// A change among those of all words.
   struct NotedChange {
     WordChange change;
-    std::uint32_t next;  ///< of the same word
+    std::uint32_t number;  ///< of the word
   };
   struct SortedWord {
     std::uint64_t front;  ///< the first bytes of a key of 8-bit text, in their order
@@ -42,8 +39,8 @@ class ListUpdate final : public ContentUpdate {
 
   /// Of a word: its changes, and in which versions of the object at hand it is.
   struct Entry {
-    std::uint32_t first = kNoChange;
-    std::uint32_t last = kNoChange;
+    std::uint32_t changes = 0;
+    std::uint32_t end = 0;     ///< behind those that are put together
     std::uint32_t object = 0;  ///< counts changes of objects, from 1
     std::uint32_t sides = 0;
   };
@@ -53,6 +50,7 @@ class ListUpdate final : public ContentUpdate {
   void append(std::uint32_t number, std::uint64_t objectID, bool gains);
   [[nodiscard]] std::size_t memory() const;
   [[nodiscard]] std::vector<SortedWord> sortedWords() const;
+  void putTogether(const std::vector<SortedWord>& order);
   Result applyAll();
 
   /// Memory from which on collected words are brought into the tree.
@@ -66,6 +64,7 @@ class ListUpdate final : public ContentUpdate {
   WordTable words_;
   std::vector<Entry> entries_;  ///< of the words, by their numbers
   std::vector<NotedChange> changes_;
+  std::vector<WordChange> together_;    ///< the same, word by word
   std::vector<std::uint32_t> touched_;  ///< words of the object at hand
   std::string prefix_;
   std::string key_;
@@ -116,20 +115,14 @@ void ListUpdate<Unit>::note(std::uint32_t number, Side side) {
 
 template <typename Unit>
 void ListUpdate<Unit>::append(std::uint32_t number, std::uint64_t objectID, bool gains) {
-  const auto place = static_cast<std::uint32_t>(changes_.size());
-  changes_.push_back({{objectID, gains}, kNoChange});
-  Entry& entry = entries_[number];
-  if (entry.first == kNoChange) {
-    entry.first = place;
-  } else {
-    changes_[entry.last].next = place;
-  }
-  entry.last = place;
+  changes_.push_back({{objectID, gains}, number});
+  ++entries_[number].changes;
 }
 
 template <typename Unit>
 std::size_t ListUpdate<Unit>::memory() const {
-  return words_.memory() + entries_.size() * sizeof(Entry) + changes_.size() * sizeof(NotedChange);
+  return words_.memory() + entries_.size() * sizeof(Entry) +
+         changes_.size() * (sizeof(NotedChange) + sizeof(WordChange));
 }
 
 /// The words with changes, ascending.
@@ -138,7 +131,7 @@ std::vector<typename ListUpdate<Unit>::SortedWord> ListUpdate<Unit>::sortedWords
   std::vector<SortedWord> order;
   order.reserve(words_.size());
   for (std::uint32_t number = 0; number < words_.size(); ++number) {
-    if (entries_[number].first == kNoChange) continue;
+    if (entries_[number].changes == 0) continue;
     std::uint64_t front = 0;
     if constexpr (sizeof(Unit) == 1) {
       const std::string_view bytes = words_.word(number);
@@ -160,21 +153,28 @@ std::vector<typename ListUpdate<Unit>::SortedWord> ListUpdate<Unit>::sortedWords
   return order;
 }
 
+/// Sorts the changes by their words; those of one word stay in the order in which they came.
+template <typename Unit>
+void ListUpdate<Unit>::putTogether(const std::vector<SortedWord>& order) {
+  std::uint32_t begin = 0;
+  for (const SortedWord& sorted : order) {
+    Entry& entry = entries_[sorted.number];
+    entry.end = begin;
+    begin += entry.changes;
+  }
+  together_.resize(changes_.size());
+  for (const NotedChange& noted : changes_) together_[entries_[noted.number].end++] = noted.change;
+}
+
 template <typename Unit>
 Result ListUpdate<Unit>::applyAll() {
   const std::vector<SortedWord> order = sortedWords();
+  putTogether(order);
   WordWriter writer(tree_, format_, mode_);
   for (const SortedWord& sorted : order) {
     const Entry& entry = entries_[sorted.number];
-    ChangedWord& word = writer.next();
-    word.key = words_.word(sorted.number).data();
-    for (std::uint32_t i = entry.first; i != kNoChange; i = changes_[i].next) {
-      word.changes.push_back(changes_[i].change);
-      word.ids.push_back(changes_[i].change.objectID);
-    }
-    std::sort(word.ids.begin(), word.ids.end());
-    word.ids.erase(std::unique(word.ids.begin(), word.ids.end()), word.ids.end());
-    ZELTA_TRY(writer.apply());
+    const WordChange* const changes = together_.data() + (entry.end - entry.changes);
+    ZELTA_TRY(writer.apply({words_.word(sorted.number).data(), {changes, entry.changes}}));
   }
   ZELTA_TRY(writer.finish());
   words_.clear();

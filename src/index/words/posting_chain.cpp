@@ -91,31 +91,45 @@ constexpr std::uint32_t kMerged = 80;  ///< percent that two pages stay below th
 
 }  // namespace
 
-PostingChain::PostingChain(const IndexTree& tree, const std::vector<std::uint64_t>& ids)
+PostingChain::PostingChain(const IndexTree& tree)
     : tree_(tree),
       store_(tree, Own::postings),
       width_(tree.shape().idBytes),
-      unit_(tree.pageSize()),
-      ids_(ids) {}
+      unit_(tree.pageSize()) {}
 
 void PostingChain::reset() {
   assert(!changed_);
-  where_.assign(ids_.size(), kNone);
+  where_.assign(expected_.size(), kNone);
+  asked_ = 0;
   pages_.clear();
   pageCount_ = 0;
   current_ = kNone;
 }
 
-std::uint32_t PostingChain::pageOf(std::uint64_t objectID) const {
-  const auto place = std::lower_bound(ids_.begin(), ids_.end(), objectID);
-  assert(place != ids_.end() && *place == objectID);
-  return where_[static_cast<std::size_t>(place - ids_.begin())];
+/// The object's place among those that were to be expected, or their number. Most are asked for in
+/// their order, so the last place and the next one are looked at first.
+std::size_t PostingChain::placeOf(std::uint64_t objectID) {
+  const std::size_t end = std::min(asked_ + 2, expected_.size());
+  for (; asked_ < end; ++asked_) {
+    if (expected_[asked_].objectID() == objectID) return asked_;
+  }
+  const auto isBelow = [](const WordChange& change, std::uint64_t id) {
+    return change.objectID() < id;
+  };
+  const auto place = std::lower_bound(expected_.begin(), expected_.end(), objectID, isBelow);
+  asked_ = static_cast<std::size_t>(place - expected_.begin());
+  return place != expected_.end() && place->objectID() == objectID ? asked_ : expected_.size();
+}
+
+std::uint32_t PostingChain::pageOf(std::uint64_t objectID) {
+  const std::size_t place = placeOf(objectID);
+  assert(place < expected_.size());
+  return where_[place];
 }
 
 void PostingChain::locate(std::uint64_t objectID, std::uint32_t page) {
-  const auto place = std::lower_bound(ids_.begin(), ids_.end(), objectID);
-  if (place == ids_.end() || *place != objectID) return;
-  where_[static_cast<std::size_t>(place - ids_.begin())] = page;
+  const std::size_t place = placeOf(objectID);
+  if (place < expected_.size()) where_[place] = page;
 }
 
 namespace {
@@ -137,11 +151,11 @@ bool anyWithin(const char* ids, std::uint32_t count, std::uint64_t from, std::ui
 }  // namespace
 
 void PostingChain::locateAll(const PostingPage& bytes, std::uint32_t page) {
-  if (ids_.empty()) return;
-  const std::uint64_t range = ids_.back() - ids_.front();
-  const bool any = width_ == 4
-                       ? anyWithin<std::uint32_t>(bytes.ids(), bytes.count(), ids_.front(), range)
-                       : anyWithin<std::uint64_t>(bytes.ids(), bytes.count(), ids_.front(), range);
+  if (expected_.empty()) return;
+  const std::uint64_t from = expected_.front().objectID();
+  const std::uint64_t range = expected_.back().objectID() - from;
+  const bool any = width_ == 4 ? anyWithin<std::uint32_t>(bytes.ids(), bytes.count(), from, range)
+                               : anyWithin<std::uint64_t>(bytes.ids(), bytes.count(), from, range);
   if (!any) return;
   for (std::uint32_t i = 0; i < bytes.count(); ++i) locate(bytes.id(i), page);
 }

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "index/tree/tree_pages.h"
@@ -81,19 +82,33 @@ Result forEachPostingPage(const IndexTree& tree, std::uint64_t first, std::uint6
   return {};
 }
 
+/// An object gains a word, or loses it. IDs of objects have 63 bits at most, as entries of words need
+/// the last one too.
+class WordChange {
+ public:
+  WordChange() = default;
+  WordChange(std::uint64_t objectID, bool gains) : bits_(objectID << 1 | (gains ? 1u : 0u)) {}
+  [[nodiscard]] std::uint64_t objectID() const { return bits_ >> 1; }
+  [[nodiscard]] bool gains() const { return (bits_ & 1) != 0; }
+
+ private:
+  std::uint64_t bits_ = 0;
+};
+
 /// The chain of one word on its way from one state to another. Uses the sibling's buffer.
 class PostingChain {
  public:
-  /// Of one word after the other. `ids`: the objects of the present one that will be asked for,
-  /// ascending, each of them once.
-  PostingChain(const IndexTree& tree, const std::vector<std::uint64_t>& ids);
+  explicit PostingChain(const IndexTree& tree);
 
+  /// Begins with another word. Only objects of `changes` will be asked for: ascending, each of them
+  /// once, and good until the next word.
+  void expect(std::span<const WordChange> changes) { expected_ = changes; }
   /// Goes through the chain at `first`, and forgets the one before.
   Result open(std::uint64_t first);
   /// Makes a chain of two objects, and forgets the one before.
   Result create(std::uint64_t one, std::uint64_t other);
-  /// Whether one of the `ids` is in the chain.
-  [[nodiscard]] bool has(std::uint64_t objectID) const { return pageOf(objectID) != kNone; }
+  /// Whether an object that was to be expected is in the chain.
+  [[nodiscard]] bool has(std::uint64_t objectID) { return pageOf(objectID) != kNone; }
   /// Adds one that is not there; `*full`: the word has become one that too many objects have, and
   /// nothing was added.
   Result add(std::uint64_t objectID, bool* full);
@@ -114,7 +129,8 @@ class PostingChain {
     std::uint32_t next;  ///< kNone for the last one
   };
 
-  [[nodiscard]] std::uint32_t pageOf(std::uint64_t objectID) const;
+  [[nodiscard]] std::size_t placeOf(std::uint64_t objectID);
+  [[nodiscard]] std::uint32_t pageOf(std::uint64_t objectID);
   void reset();
   void locate(std::uint64_t objectID, std::uint32_t page);
   void locateAll(const PostingPage& bytes, std::uint32_t page);
@@ -131,8 +147,9 @@ class PostingChain {
   const TreePages store_;
   const std::uint32_t width_;
   const std::uint32_t unit_;  ///< bytes of a page
-  const std::vector<std::uint64_t>& ids_;
-  std::vector<std::uint32_t> where_;  ///< of each of them: its page in `pages_`
+  std::span<const WordChange> expected_;
+  std::vector<std::uint32_t> where_;  ///< of each of their objects: its page in `pages_`
+  std::size_t asked_ = 0;             ///< the place in `expected_` that was asked for last
   std::vector<Page> pages_;           ///< linked by their numbers; those given up stay
   std::uint32_t pageCount_ = 0;       ///< of those in the chain
   std::uint32_t first_ = kNone;

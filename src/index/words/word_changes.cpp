@@ -1,5 +1,6 @@
 #include "index/words/word_changes.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "index/btree/insert.h"
@@ -8,13 +9,9 @@
 
 namespace zelta {
 
-ChangedWord& WordWriter::next() {
-  word_.changes.clear();
-  word_.ids.clear();
-  return word_;
-}
-
-Result WordWriter::apply() {
+Result WordWriter::apply(const ChangedWord& word) {
+  word_ = word;
+  expectObjects();
   form_ = Form::absent;
   if (walk_.root() == 0) {
     ZELTA_TRY(changeAll());
@@ -26,6 +23,25 @@ Result WordWriter::apply() {
   ZELTA_TRY(changeAll());
   if (!place_.equal) return form_ == Form::absent ? Result() : enter();
   return putValue(before);
+}
+
+/// Tells the chain which objects will be asked for. Changes come by ascending IDs as a rule.
+void WordWriter::expectObjects() {
+  const auto isBelow = [](const WordChange& a, const WordChange& b) {
+    return a.objectID() < b.objectID();
+  };
+  const auto isNotBelow = [&](const WordChange& a, const WordChange& b) { return !isBelow(a, b); };
+  const std::span<const WordChange> changes = word_.changes;
+  if (std::adjacent_find(changes.begin(), changes.end(), isNotBelow) == changes.end()) {
+    chain_.expect(changes);
+    return;
+  }
+  ascending_.assign(changes.begin(), changes.end());
+  std::sort(ascending_.begin(), ascending_.end(), isBelow);
+  const auto end = std::unique(ascending_.begin(), ascending_.end(),
+                               [&](auto& a, auto& b) { return a.objectID() == b.objectID(); });
+  ascending_.erase(end, ascending_.end());
+  chain_.expect(ascending_);
 }
 
 /// Goes to the leaf into which the word belongs, and to its place there.
@@ -87,7 +103,7 @@ Result WordWriter::takeEntry(std::uint64_t value) {
 
 Result WordWriter::changeAll() {
   for (const WordChange& change : word_.changes) {
-    ZELTA_TRY(change.gains ? add(change.objectID) : remove(change.objectID));
+    ZELTA_TRY(change.gains() ? add(change.objectID()) : remove(change.objectID()));
   }
   return form_ == Form::chain ? chain_.store() : Result();
 }

@@ -4,6 +4,7 @@
 #define ZELTA_INDEX_WORDS_WORD_CHANGES_H
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "index/btree/walk.h"
@@ -12,17 +13,10 @@
 
 namespace zelta {
 
-/// An object gains a word, or loses it.
-struct WordChange {
-  std::uint64_t objectID;
-  bool gains;
-};
-
 /// A word with its changes, in the order in which they came.
 struct ChangedWord {
   const char* key = nullptr;  ///< its prefix and its text with the zero unit at the end
-  std::vector<WordChange> changes;
-  std::vector<std::uint64_t> ids;  ///< of their objects, ascending, each of them once
+  std::span<const WordChange> changes;
 };
 
 /// Brings words into a list, in ascending order. The leaf at hand is kept as long as words belong
@@ -33,16 +27,14 @@ class WordWriter {
       : tree_(tree),
         repeated_(mode == ContentMode::repeated),
         walk_(tree, format, TextWalk::Purpose::insert),
-        chain_(tree_, word_.ids) {}
+        chain_(tree_) {}
   WordWriter(const WordWriter&) = delete;
   WordWriter& operator=(const WordWriter&) = delete;
 
-  /// The next word, to be filled in; what it had before is gone.
-  ChangedWord& next();
-  /// Makes all changes of that word. Own code 37: an object that gains it has it; own code 32: one
+  /// Makes all changes of the next word, whose bytes need to last until then. Own code 37: an object that gains it has it; own code 32: one
   /// that loses it is not the one that has it, or not among those that have it. A word that the list
   /// does not have may be lost.
-  Result apply();
+  Result apply(const ChangedWord& word);
   /// Brings the last leaf into the list.
   Result finish() { return leave(); }
 
@@ -50,6 +42,7 @@ class WordWriter {
   /// What the entry of the word is at the moment.
   enum class Form : std::uint8_t { absent, object, chain, stopWord };
 
+  void expectObjects();
   Result seek();
   Result leave();
   Result takeEntry(std::uint64_t value);
@@ -63,7 +56,6 @@ class WordWriter {
   const IndexTree tree_;
   const bool repeated_;
   TextWalk walk_;
-  ChangedWord word_;
   // The leaf at hand, and where the word belongs in it
   BPlusPath path_;
   TextNode leaf_;
@@ -72,6 +64,8 @@ class WordWriter {
   bool held_ = false;     ///< there is one
   bool changed_ = false;  ///< it is not yet stored
   // The word at hand
+  ChangedWord word_;
+  std::vector<WordChange> ascending_;  ///< its changes, if they came in another order
   Form form_ = Form::absent;
   std::uint64_t object_ = 0;  ///< of Form::object
   PostingChain chain_;        ///< of Form::chain
