@@ -91,10 +91,11 @@ Result ListUpdate<Unit>::collect(const ObjectBytes& object, Side side) {
   ZELTA_TRY(fields_.readPrefix(object, &prefix_));
   for (const WordFields::Segment& segment : fields_.words()) {
     forEachWord<Unit>(fields_, segment, object, maker_, [&](std::basic_string_view<Unit> word) {
-      key_.assign(prefix_);
-      key_.append(reinterpret_cast<const char*>(word.data()), word.size() * sizeof(Unit));
-      key_.append(sizeof(Unit), '\0');
-      note(words_.intern(key_), side);
+      // With the zero unit that stands behind it.
+      const std::string_view text(reinterpret_cast<const char*>(word.data()),
+                                  (word.size() + 1) * sizeof(Unit));
+      if (!prefix_.empty()) key_.assign(prefix_).append(text);
+      note(words_.intern(prefix_.empty() ? text : key_), side);
       return true;
     });
   }

@@ -30,15 +30,21 @@ class WordMaker {
   using Word = std::basic_string_view<Unit>;
 
   /// The word of a run's bytes, folded as the segment's flags say. It ends at its first zero unit,
-  /// and may be empty. Good until the next one is made.
+  /// and may be empty; behind it stands a zero unit in any case. Good until the next one is made.
   [[nodiscard]] Word make(const char* run, std::size_t bytes, std::uint32_t flags);
 
  private:
   std::basic_string<Unit> word_;
 };
 
-/// Whether a character stands between words.
-[[nodiscard]] bool endsWord(const Character& character, bool wide, std::uint32_t flags);
+/// Where a word ends in a text, and the bytes of the character behind it: 0 at the text's end.
+struct WordEnd {
+  const unsigned char* at;
+  unsigned behind;
+};
+/// The end of a word that begins at `at`; it may be empty.
+[[nodiscard]] WordEnd findWordEnd(const unsigned char* at, const unsigned char* end, bool wide,
+                                  std::uint32_t flags);
 
 /// Hands each word of a text that is not empty to `use(word)`, until that returns false. `flags`
 /// are those of the segment. False: `use` has ended it.
@@ -47,23 +53,13 @@ bool cutWords(const WordText& text, std::uint32_t flags, WordMaker<Unit>& maker,
   const auto* at = reinterpret_cast<const unsigned char*>(text.bytes);
   const unsigned char* const end = at + (text.wide ? text.length & ~std::uint64_t{1} : text.length);
   while (at != end) {
-    const unsigned char* const start = at;
-    unsigned behind = 0;  // bytes of the character that ends the word
-    while (at != end) {
-      const auto left = static_cast<std::uint64_t>(end - at);
-      const Character character = text.wide ? firstWide(at, left) : firstNarrow(at, left);
-      if (endsWord(character, text.wide, flags)) {
-        behind = character.size;
-        break;
-      }
-      at += character.size;
-    }
-    if (at != start) {
-      const auto word = maker.make(reinterpret_cast<const char*>(start),
-                                   static_cast<std::size_t>(at - start), flags);
+    const WordEnd found = findWordEnd(at, end, text.wide, flags);
+    if (found.at != at) {
+      const auto word = maker.make(reinterpret_cast<const char*>(at),
+                                   static_cast<std::size_t>(found.at - at), flags);
       if (!word.empty() && !use(word)) return false;
     }
-    at += behind;
+    at = found.at + found.behind;
   }
   return true;
 }
