@@ -30,29 +30,34 @@ struct People {
   People(const People&) = delete;
   People& operator=(const People&) = delete;
   CZELTA::Schema::Field tags[1] = {{CZELTA::TypeUInt32, 0, 0, 0, u"tag", nullptr}};
-  CZELTA::Schema::Field fields[9] = {{CZELTA::TypeUInt32, 0, 0, 0, u"number", nullptr},
-                                     {CZELTA::TypeRect2, 0, 0, 0, u"garden", nullptr},
-                                     {CZELTA::TypeDate, 0, 0, 0, u"comes", nullptr},
-                                     {CZELTA::TypeDate, 0, 0, 0, u"goes", nullptr},
-                                     {CZELTA::TypeText, 0, 20, 0, u"name", nullptr},
-                                     {CZELTA::TypeSubRecords, 0, 8, 1, u"tags", tags},
-                                     {CZELTA::TypeText, 0, 20, 0, u"woods", nullptr},
-                                     {CZELTA::TypeWideText, 0, 20, 0, u"forests", nullptr},
-                                     {CZELTA::TypePoints2, 0, 20, 0, u"trees", nullptr}};
+  CZELTA::Schema::Field fields[11] = {{CZELTA::TypeUInt32, 0, 0, 0, u"number", nullptr},
+                                      {CZELTA::TypeRect2, 0, 0, 0, u"garden", nullptr},
+                                      {CZELTA::TypeDate, 0, 0, 0, u"comes", nullptr},
+                                      {CZELTA::TypeDate, 0, 0, 0, u"goes", nullptr},
+                                      {CZELTA::TypeUInt16, 0, 0, 0, u"grove", nullptr},
+                                      {CZELTA::TypeCharArray, 0, 6, 0, u"tree", nullptr},
+                                      {CZELTA::TypeText, 0, 20, 0, u"name", nullptr},
+                                      {CZELTA::TypeSubRecords, 0, 8, 1, u"tags", tags},
+                                      {CZELTA::TypeText, 0, 20, 0, u"woods", nullptr},
+                                      {CZELTA::TypeWideText, 0, 20, 0, u"forests", nullptr},
+                                      {CZELTA::TypePoints2, 0, 20, 0, u"trees", nullptr}};
   CZELTA::Schema::Segment byNumber[1] = {{0, 0}};
-  CZELTA::Schema::Segment byName[2] = {{4, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
-  CZELTA::Schema::Segment byTag[2] = {{9, CZELTA::SegmentDescending}, {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Segment byName[2] = {{6, CZELTA::SegmentUpperCase}, {CZELTA::ObjectIdSegment, 0}};
+  CZELTA::Schema::Segment byTag[2] = {{11, CZELTA::SegmentDescending},
+                                      {CZELTA::ObjectIdSegment, 0}};
   CZELTA::Schema::Segment byGarden[1] = {{1, 0}};
   CZELTA::Schema::Segment byStay[2] = {{2, 0}, {3, 0}};
-  CZELTA::Schema::Segment byTrees[1] = {{8, 0}};
-  CZELTA::Schema::Segment byWoods[1] = {{6, CZELTA::SegmentWords}};
-  CZELTA::Schema::Segment byForests[1] = {{7, CZELTA::SegmentWords}};
-  CZELTA::Schema::Index indexes[8] = {
-      {0, CZELTA::BPlusTree, 1, {0}, byNumber},  {0, CZELTA::BPlusTree, 2, {0}, byName},
-      {0, CZELTA::BPlusTree, 2, {0}, byTag},     {0, CZELTA::SpatialTree, 1, {0}, byGarden},
-      {0, CZELTA::TemporalTree, 2, {0}, byStay}, {0, CZELTA::AsciiList, 1, {0}, byWoods},
-      {0, CZELTA::WideList, 1, {0}, byForests},  {0, CZELTA::SpatialPattern, 1, {0}, byTrees}};
-  CZELTA::Schema schema{0, 8, kPeople, 0, 9, 0, u"people", nullptr, fields, indexes};
+  CZELTA::Schema::Segment byGrove[2] = {{4, 0}, {5, CZELTA::SegmentWords}};
+  CZELTA::Schema::Segment byTrees[1] = {{10, 0}};
+  CZELTA::Schema::Segment byWoods[1] = {{8, CZELTA::SegmentWords}};
+  CZELTA::Schema::Segment byForests[1] = {{9, CZELTA::SegmentWords}};
+  CZELTA::Schema::Index indexes[9] = {
+      {0, CZELTA::BPlusTree, 1, {0}, byNumber},    {0, CZELTA::BPlusTree, 2, {0}, byName},
+      {0, CZELTA::BPlusTree, 2, {0}, byTag},       {0, CZELTA::SpatialTree, 1, {0}, byGarden},
+      {0, CZELTA::TemporalTree, 2, {0}, byStay},   {0, CZELTA::AsciiList, 2, {0}, byGrove},
+      {0, CZELTA::AsciiList, 1, {0}, byWoods},     {0, CZELTA::WideList, 1, {0}, byForests},
+      {0, CZELTA::SpatialPattern, 1, {0}, byTrees}};
+  CZELTA::Schema schema{0, 9, kPeople, 0, 11, 0, u"people", nullptr, fields, indexes};
 };
 struct Orders {
   Orders() = default;

@@ -158,7 +158,7 @@ inline void makeCrowdTables(const std::u16string& path) {
     for (const FieldSpec& field : Shapes::fixedFields()) shaped.push_back(field);
     const auto indexed = [&](std::uint32_t table) {
       Indexes indexes = {{key}, {stamp}};
-      for (const IndexSpec& index : shapeIndexes(3, 7, table == kTexts)) indexes.push_back(index);
+      for (const IndexSpec& index : shapeIndexes(3, 9, table == kTexts)) indexes.push_back(index);
       return indexes;
     };
     Fields textFields = shaped;

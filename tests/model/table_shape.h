@@ -122,7 +122,7 @@ struct TableShape {
   [[nodiscard]] Indexes indexSpecs() const {
     // Sub-fields are numbered behind the fields.
     const auto count = static_cast<std::int32_t>(fields().size());
-    const std::int32_t text = shaped ? 6 : 3;
+    const std::int32_t text = shaped ? 8 : 3;
     const std::int32_t row = count + (shaped ? 1 : 0);
     const std::int32_t numbers[] = {
         0, 1, 2, text, row, row + 1, CZELTA::ObjectIdSegment, CZELTA::EntryNumberSegment};

@@ -282,8 +282,9 @@ class EditSession {
     for (const Shapes& like : likes) {
       clearError(metaData);
       const std::string bytes = kind.query(like);
+      const std::string part = kind.part(like);
       const SearchQuery byWords = {
-          SearchQuery::Form::expression, index, nullptr, bytes.data(), 0, CZELTA::Mode{}};
+          SearchQuery::Form::expression, index, part.data(), bytes.data(), 0, CZELTA::Mode{}};
       const SearchQuery byShape = {SearchQuery::Form::shape, index,         bytes.data(), nullptr,
                                    toleranceOf(like),        CZELTA::Mode{}};
       const Result result =

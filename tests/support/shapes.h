@@ -1,6 +1,6 @@
 // What objects have beside their other fields in tables with indexes of many kinds: a box, a span
-// of time, words, a set of points. All of it follows from a number: who knows the number knows the
-// shapes, and what a search must find of them. Nothing of this comes from the engine.
+// of time, a grove, words, a set of points. All of it follows from a number: who knows the number
+// knows the shapes, and what a search must find of them. Nothing of this comes from the engine.
 
 #ifndef ZELTA_TESTS_SUPPORT_SHAPES_H
 #define ZELTA_TESTS_SUPPORT_SHAPES_H
@@ -20,9 +20,11 @@ namespace zelta::testing {
 
 struct Shapes {
   using Point = std::array<std::int32_t, 2>;
+  static constexpr std::uint32_t kWordBytes = 6;  ///< of the first word's field; none is longer
 
   std::array<std::int32_t, 4> box;  ///< x1, y1, x2, y2; either corner may be the lower one
   std::array<std::uint32_t, 2> span;
+  std::uint16_t grove;  ///< one of three
   std::vector<Point> points;
   std::vector<std::string> words;  ///< one at least; all objects have one in common
 
@@ -49,6 +51,7 @@ struct Shapes {
     constexpr const char* kWords[] = {"ash", "birch", "cedar", "elm", "fir", "oak"};
     for (std::int32_t i = below(4); i > 0; --i) words.push_back(kWords[below(6)]);
     words.insert(words.begin() + below(words.size() + 1), "tree");
+    grove = static_cast<std::uint16_t>(below(3) * 255);
   }
   /// What touches all others, as a search.
   static Shapes everything() {
@@ -71,11 +74,19 @@ struct Shapes {
     for (const Point& point : points) all.number(point[0]).number(point[1]);
     return Packed().binary(all);
   }
-  /// Fields of a box and of the two ends of a span.
-  static constexpr std::size_t kFixedBytes = 24;
-  [[nodiscard]] std::string fixedBytes() const { return boxBytes() + spanBytes(); }
+  [[nodiscard]] std::string groveBytes() const { return Packed().number(grove); }
+  /// Fields of a box, of the two ends of a span, of the grove and of the first word.
+  [[nodiscard]] std::string fixedBytes() const {
+    std::string first = words.front();
+    first.resize(kWordBytes, '\0');
+    return boxBytes() + spanBytes() + groveBytes() + first;
+  }
   [[nodiscard]] static Fields fixedFields() {
-    return {{CZELTA::TypeRect2}, {CZELTA::TypeDate}, {CZELTA::TypeDate}};
+    return {{CZELTA::TypeRect2},
+            {CZELTA::TypeDate},
+            {CZELTA::TypeDate},
+            {CZELTA::TypeUInt16},
+            {CZELTA::TypeCharArray, kWordBytes}};
   }
   /// Fields of the words, in both widths of characters, and of the points, behind which no other
   /// one is found.
@@ -102,6 +113,12 @@ struct ShapeKind {
   std::string (*query)(const Shapes& like);
   bool (*matches)(const Shapes& shapes, const Shapes& like);
   bool byWords = false;  ///< its query is an expression, and what is pending is found as well
+  /// Of a list that is divided: the part that is searched. Null: it is not.
+  std::string (*partOf)(const Shapes& like) = nullptr;
+
+  [[nodiscard]] std::string part(const Shapes& like) const {
+    return partOf != nullptr ? partOf(like) : std::string();
+  }
 };
 
 /// Pairs of numbers in ascending order.
@@ -191,17 +208,29 @@ inline constexpr ShapeKind kWideWordIndex = {
     },
     hasWord, true};
 
+/// The first word by grove.
+inline constexpr ShapeKind kGroveIndex = {
+    "groves",
+    nullptr,
+    [](const Shapes& like) { return "\" " + like.words.front() + " \""; },
+    [](const Shapes& shapes, const Shapes& like) {
+      return shapes.grove == like.grove && shapes.words.front() == like.words.front();
+    },
+    true,
+    [](const Shapes& like) { return like.groveBytes(); }};
+
 /// The indexes over shapes of a table: those of the fixed fields, and those of the variable ones if
 /// it has such.
 inline std::vector<ShapeKind> shapeKinds(bool withVariable) {
-  std::vector<ShapeKind> kinds = {kBoxIndex, kSpanIndex};
+  std::vector<ShapeKind> kinds = {kBoxIndex, kSpanIndex, kGroveIndex};
   if (withVariable) kinds.insert(kinds.end(), {kWordIndex, kWideWordIndex, kPointIndex});
   return kinds;
 }
 /// Their records, for the numbers of the first fixed and the first variable field.
 inline Indexes shapeIndexes(std::int32_t fixed, std::int32_t variable, bool withVariable) {
   Indexes indexes = {{{{fixed, 0}}, CZELTA::SpatialTree},
-                     {{{fixed + 1, 0}, {fixed + 2, 0}}, CZELTA::TemporalTree}};
+                     {{{fixed + 1, 0}, {fixed + 2, 0}}, CZELTA::TemporalTree},
+                     {{{fixed + 3, 0}, {fixed + 4, CZELTA::SegmentWords}}, CZELTA::AsciiList}};
   if (!withVariable) return indexes;
   indexes.push_back({{{variable, CZELTA::SegmentWords}}, CZELTA::AsciiList});
   indexes.push_back({{{variable + 1, CZELTA::SegmentWords}}, CZELTA::WideList});
@@ -272,9 +301,10 @@ inline unsigned long long searchLike(CZELTA& db, unsigned table, unsigned index,
                                      const ShapeKind& kind, const Shapes& like,
                                      long long* count = nullptr) {
   const std::string query = kind.query(like);
+  const std::string part = kind.part(like);
   const void* bytes = query.data();
   return kind.byWords
-             ? db.SearchIndex(table, index, nullptr, bytes, CZELTA::Mode{}, count)
+             ? db.SearchIndex(table, index, part.data(), bytes, CZELTA::Mode{}, count)
              : db.SearchIndex(table, index, bytes, toleranceOf(like), CZELTA::Mode{}, count);
 }
 
