@@ -61,7 +61,7 @@ TEST_F(Pages, Without_a_memory_file_an_index_page_goes_straight_into_the_index_f
   attach(false);
   ASSERT_TRUE(manager.writePage(PageFile::index, at(3), page(kPage, 'X').data()).ok());
   EXPECT_EQ(inFile(at(3)), page(kPage, 'X'));
-  EXPECT_EQ(manager.shadowPages, nullptr);
+  EXPECT_EQ(manager.shadowPages.size(), 0u);
 }
 
 TEST_F(Pages, With_a_memory_file_an_index_page_waits_in_its_shadow) {
@@ -73,7 +73,7 @@ TEST_F(Pages, With_a_memory_file_an_index_page_waits_in_its_shadow) {
   EXPECT_EQ(read(PageFile::index, at(3)), page(kPage, 'Z'));
   EXPECT_EQ(read(PageFile::index, at(1)), page(kPage, 'Y'));
   EXPECT_EQ(read(PageFile::index, at(2)), page(kPage, 'c'));
-  EXPECT_EQ(manager.shadowPageCount, 2u);
+  EXPECT_EQ(manager.shadowPages.size(), 2u);
   const std::string memory = owner.folder.bytes("T.zlm");
   EXPECT_EQ(memory.substr(112, kPage), page(kPage, 'Z'));
   EXPECT_EQ(memory.substr(112 + kPage, kPage), page(kPage, 'Y'));
@@ -212,7 +212,7 @@ TEST_F(Pages, Held_index_pages_stay_within_bounds_and_keep_their_content) {
       ASSERT_EQ(inFile(at(i)), page(kPage, static_cast<char>('a' + i)));
     }
   }
-  EXPECT_EQ(manager.shadowPageCount, 10u);
+  EXPECT_EQ(manager.shadowPages.size(), 10u);
   // Each page has one shadow, however often it moved out.
   EXPECT_LE(owner.folder.bytes("T.zlm").size(), 112u + 10 * kPage);
 }

@@ -76,8 +76,7 @@ void AtomicManager::dropMemoryChanges() {
 }
 
 void AtomicManager::dropIndexChanges() {
-  destroyAll(shadowPages);
-  shadowPageCount = 0;
+  shadowPages.clear();
   shadowCursor = 0;
   newest_ = nullptr;
   oldest_ = nullptr;
@@ -94,7 +93,8 @@ void AtomicManager::dropUnchanged() {
 // -- Small helpers --------------------------------------------------------------------------------
 
 AtomicManager::Page* AtomicManager::changedPage(PageFile file, std::uint64_t position) const {
-  return static_cast<Page*>(find(file == PageFile::memory ? pages : shadowPages, position));
+  if (file == PageFile::index) return shadowPages.find(position);
+  return static_cast<Page*>(find(pages, position));
 }
 
 AtomicManager::Page* AtomicManager::unchangedPage(PageFile file, std::uint64_t position) const {
@@ -445,9 +445,7 @@ Result AtomicManager::freePage(PageFile file, std::uint64_t position, std::uint3
       table.pagePool.release(page);
     } else {
       releaseIndexBytes(*page);
-      remove(page, shadowPages);
-      --shadowPageCount;
-      delete page;
+      shadowPages.erase(page);
     }
   }
   return releaseSpace(file, position, static_cast<std::uint32_t>(freeSpace(file).need(size)));

@@ -25,8 +25,10 @@
 #include <memory>
 
 #include "storage/free_space/free_chain.h"
+#include "storage/paged/page_set.h"
 #include "storage/paged/paged_file.h"
 #include "storage/table.h"
+#include "storage/trees/avl_detail.h"
 
 namespace zelta {
 
@@ -134,12 +136,19 @@ class AtomicManager {
   [[nodiscard]] platform::File handle(PageFile file) const {
     return file == PageFile::memory ? memoryFile : indexFile;
   }
-  /// Pages that were changed and not yet flushed, by position.
-  [[nodiscard]] UInt64AVLTree* changedPages(PageFile file) const {
-    return file == PageFile::memory ? pages : shadowPages;
+  /// Hands pages that were changed and not yet flushed to `visit(Page&)`, by ascending positions.
+  template <class Visit>
+  Result visitChangedPages(PageFile file, const Visit& visit) {
+    if (file == PageFile::index) {
+      for (Page* page : shadowPages.ascending()) ZELTA_TRY(visit(*page));
+      return {};
+    }
+    avl::Walk<UInt64AVLTree> walk(pages);
+    while (UInt64AVLTree* node = walk.next()) ZELTA_TRY(visit(static_cast<Page&>(*node)));
+    return {};
   }
   [[nodiscard]] std::uint32_t changedPageCount(PageFile file) const {
-    return file == PageFile::memory ? pageCount : shadowPageCount;
+    return file == PageFile::memory ? pageCount : shadowPages.size();
   }
   /// The bytes of one: its own, or those of its shadow in `scratch`. A page without bytes has a
   /// shadow.
@@ -176,10 +185,9 @@ class AtomicManager {
   // what was allocated here; the header's is the file's own until the flush.
   MetaData& metaData;
   Table& table;
-  UInt64AVLTree* pages = nullptr;        ///< changed memory pages
-  UInt64AVLTree* shadowPages = nullptr;  ///< changed index pages
+  UInt64AVLTree* pages = nullptr;  ///< changed memory pages
+  PageSet shadowPages;             ///< changed index pages
   std::uint32_t indexCount = 0;
-  std::uint32_t shadowPageCount = 0;
   std::uint32_t pageCount = 0;
   std::uint64_t indexEndOfFile = 0;
   std::uint64_t memoryEndOfFile = 0;

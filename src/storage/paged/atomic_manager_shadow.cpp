@@ -15,8 +15,6 @@
 #include <cassert>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "platform/file_io.h"
 #include "storage/paged/atomic_manager.h"
@@ -58,10 +56,7 @@ Result AtomicManager::writeIndexPage(std::uint64_t position, const char* page, s
       const SystemCode result = writeBuffer(indexFile, position, page, size);
       return result == 0 ? Result{} : failed(PageFile::index, result);
     }
-    auto fresh = std::make_unique<Page>();
-    node = fresh.get();
-    insert(fresh.release(), shadowPages, position);
-    ++shadowPageCount;
+    node = shadowPages.add(position);
   }
   if (holdIndexPages_ && size <= heldIndexLimit) return takeIndexBytes(*node, page, size);
   releaseIndexBytes(*node);
@@ -149,31 +144,17 @@ Result AtomicManager::shrinkHeldIndex() {
   return result == 0 ? Result{} : failed(shadow ? PageFile::memory : PageFile::index, result);
 }
 
-namespace {
-
-/// Visits pages in ascending order of position. The tree is balanced, so the depth is bounded.
-template <class Visit>
-Result forEachPage(UInt64AVLTree* node, const Visit& visit) {
-  if (node == nullptr) return {};
-  ZELTA_TRY(forEachPage(node->left, visit));
-  ZELTA_TRY(visit(static_cast<AtomicManager::Page&>(*node)));
-  return forEachPage(node->right, visit);
-}
-
-}  // namespace
-
 Result AtomicManager::writeHeldIndexPages() {
   assert(memoryFile == platform::File::none);
   GatheredWriter writer(indexFile, metaData.scratchFor(Scratch::journal), heldIndexBytes_);
-  ZELTA_TRY(forEachPage(shadowPages, [&](Page& page) {
+  ZELTA_TRY(visitChangedPages(PageFile::index, [&](Page& page) {
     if (!page.unsaved) return Result{};
     const SystemCode result = writer.write(page.key, page.bytes, page.size);
     return result == 0 ? Result{} : failed(PageFile::index, result);
   }));
   const SystemCode result = writer.finish();
   if (result != 0) return failed(PageFile::index, result);
-  destroyAll(shadowPages);
-  shadowPageCount = 0;
+  shadowPages.clear();
   newest_ = nullptr;
   oldest_ = nullptr;
   heldIndexBytes_ = 0;

@@ -5,7 +5,6 @@
 
 #include "platform/file_io.h"
 #include "storage/paged/atomic_manager_writer.h"
-#include "storage/trees/avl_detail.h"
 
 namespace zelta {
 
@@ -234,10 +233,11 @@ std::uint64_t PagedFlush::journalBytes() const {
     return bytes + header_.pageEntryCount * (header_.pageSize + kPositionWord);
   }
   if (record_ != nullptr) bytes += kPositionWord + recordBlock();
-  avl::Walk<UInt64AVLTree> walk(manager_.changedPages(form_.file));
-  while (const UInt64AVLTree* node = walk.next()) {
-    bytes += kPositionWord + static_cast<const PageNode*>(node)->size;
-  }
+  const auto count = [&](const PageNode& page) {
+    bytes += kPositionWord + page.size;
+    return Result();
+  };
+  manager_.visitChangedPages(form_.file, count).ignore();
   return bytes;
 }
 
@@ -256,14 +256,11 @@ void PagedFlush::sum(const void* bytes, std::uint64_t length) {
 /// Visits the changed pages in the order of their positions.
 template <class Visit>
 Result PagedFlush::visitPages(const Visit& visit) {
-  avl::Walk<UInt64AVLTree> walk(manager_.changedPages(form_.file));
-  while (UInt64AVLTree* node = walk.next()) {
-    auto& page = static_cast<PageNode&>(*node);
+  return manager_.visitChangedPages(form_.file, [&](const PageNode& page) {
     const char* bytes = nullptr;
     ZELTA_TRY(manager_.changedBytes(page, &bytes, manager_.metaData.scratchFor(Scratch::transfer)));
-    ZELTA_TRY(outcome(visit(page, bytes)));
-  }
-  return {};
+    return outcome(visit(page, bytes));
+  });
 }
 
 }  // namespace zelta

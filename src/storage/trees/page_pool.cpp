@@ -34,6 +34,15 @@ void PageNode::dropBytes() {
   capacity = 0;
 }
 
+void PageNode::reset() {
+  size = 0;
+  shadowSize = 0;
+  shadowPosition = 0;
+  unsaved = false;
+  newer = nullptr;
+  older = nullptr;
+}
+
 PagePool::~PagePool() {
   for (std::size_t i = 0; i < used_; ++i) delete slots_[i];
 }
@@ -46,12 +55,7 @@ void PagePool::release(PageNode* page) {
     return;
   }
   if (page->capacity > kLargestSpare) page->dropBytes();
-  page->size = 0;
-  page->shadowSize = 0;
-  page->shadowPosition = 0;
-  page->unsaved = false;
-  page->newer = nullptr;
-  page->older = nullptr;
+  page->reset();
   slots_[used_++] = page;
 }
 

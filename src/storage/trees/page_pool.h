@@ -19,6 +19,8 @@ struct PageNode final : UInt64AVLTree {
   void makeRoom(std::uint32_t wanted);
   /// Gives the room back.
   void dropBytes();
+  /// Makes it a page as new, which keeps its room.
+  void reset();
 
   char* bytes = nullptr;  ///< owned (malloc); null for an index page that lies in its shadow only
   std::uint32_t size = 0;
