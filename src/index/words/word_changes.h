@@ -31,9 +31,9 @@ class WordWriter {
   WordWriter(const WordWriter&) = delete;
   WordWriter& operator=(const WordWriter&) = delete;
 
-  /// Makes all changes of the next word, whose bytes need to last until then. Own code 37: an object that gains it has it; own code 32: one
-  /// that loses it is not the one that has it, or not among those that have it. A word that the list
-  /// does not have may be lost.
+  /// Makes all changes of the next word, whose bytes need to last until then. Own code 37: an object
+  /// that gains it has it; own code 32: one that loses it is not the one that has it, or not among
+  /// those that have it. A word that the list does not have may be lost.
   Result apply(const ChangedWord& word);
   /// Brings the last leaf into the list.
   Result finish() { return leave(); }
