@@ -63,7 +63,7 @@ WordMaker<char>::Word WordMaker<char>::make(const char* run, std::size_t bytes,
 template <>
 WordMaker<char16_t>::Word WordMaker<char16_t>::make(const char* run, std::size_t bytes,
                                                     std::uint32_t flags) {
-  const std::size_t units = (bytes + 1) / sizeof(char16_t);
+  const std::size_t units = bytes / sizeof(char16_t) + bytes % sizeof(char16_t);
   word_.assign(units, 0);
   std::memcpy(word_.data(), run, bytes);
   std::size_t length = 0;
