@@ -36,12 +36,19 @@ class Misfortune : public platform::faults::Hook {
       return verdict;
     }
     verdict.die = true;
-    if (kind_ == Kind::deathInWrite && event.call == Call::write) verdict.cutTo = event.length / 2;
+    if (kind_ == Kind::deathInWrite && canBeCut(event)) verdict.cutTo = event.length / 2;
     return verdict;
   }
   bool struck = false;
 
  private:
+  /// A write within one sector is done whole or not at all, by a process as by a disk.
+  static bool canBeCut(const platform::faults::Event& event) {
+    constexpr std::uint64_t kSector = 512;
+    return event.call == platform::faults::Call::write && event.length != 0 &&
+           event.position / kSector != (event.position + event.length - 1) / kSector;
+  }
+
   std::uint64_t left_;
   Kind kind_;
 };
