@@ -43,8 +43,8 @@ void PageSet::clear() {
   blocks_.clear();
   used_ = kBlockPages;
   spare_ = nullptr;
-  slots_ = {};
-  order_ = {};
+  slots_ = std::vector<Slot>();
+  order_ = std::vector<PageNode*>();
   size_ = 0;
 }
 
